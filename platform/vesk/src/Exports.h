@@ -1,0 +1,107 @@
+// The endpoints of this process that were sent over one outgoing connection, and the channel on which they are called.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "Loop.h"
+#include "Message.h"
+#include "ThreadAnnotations.h"
+#include "Wire.h"
+
+namespace vesk {
+
+// Which endpoints the peer holds, and how often each was sent. Any thread.
+class ExportTable {
+ public:
+  // Counts one more sending of each, in order, and gives the numbers by which the peer knows them. The same endpoint
+  // has the same number for as long as the peer holds it; numbers are not used again. Throws -EPIPE after close().
+  std::vector<std::uint64_t> add(const std::vector<EndpointRef>& endpoints);
+
+  // One callback of an endpoint, which lives at least as long. On the loop's thread, one at a time.
+  class Callback {
+   public:
+    Callback(ExportTable& exports, std::uint64_t number);
+    ~Callback();
+    Callback(const Callback&) = delete;
+    Callback& operator=(const Callback&) = delete;
+
+    // Null for a number that the peer does not hold.
+    [[nodiscard]] vesk_endpoint* endpoint() const { return m_endpoint ? m_endpoint->get() : nullptr; }
+
+   private:
+    ExportTable& m_exports;
+    EndpointRef m_endpoint;
+  };
+
+  // Takes back `count` sendings; false, and nothing changed, when the peer holds fewer.
+  bool give_back(std::uint64_t number, std::uint32_t count);
+
+  // Lets go of everything, for good. Waits for a callback in progress, so that its endpoint is released too; from
+  // inside that callback the release comes when it returns.
+  void close();
+
+ private:
+  struct Export {
+    EndpointRef endpoint;
+    std::uint32_t sent = 0;
+  };
+
+  std::mutex m_mutex;
+  std::unordered_map<std::uint64_t, Export> m_exports VESK_GUARDED_BY(m_mutex);
+  std::unordered_map<const vesk_endpoint*, std::uint64_t> m_numbers VESK_GUARDED_BY(m_mutex);
+  std::uint64_t m_last_number VESK_GUARDED_BY(m_mutex) = 0;
+  bool m_closed VESK_GUARDED_BY(m_mutex) = false;
+  std::thread::id m_calling VESK_GUARDED_BY(m_mutex);  // the thread inside a callback
+  std::condition_variable_any m_called;                // it has left
+};
+
+// The keeper's end of a callback channel.
+//
+//   create() --first endpoint's call answered--> finish_handshake() --> attach() on the loop --> close()
+//
+// The handshake never waits for a run loop: this half of it lies in the socket before the reference leaves, and the
+// receiver answers before it dispatches the request.
+class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
+ public:
+  // `on_broken` is called on the loop when the peer closed the channel or sent what it must not. `peer_end` gets the
+  // descriptor that travels to the receiver.
+  static std::shared_ptr<CallbackChannel> create(ExportTable& exports, pid_t peer, std::function<void()> on_broken,
+                                                 UniqueFd* peer_end);
+
+  // On the sending thread, once the answer is in. Throws -EPROTO when the receiver has not done its half.
+  void finish_handshake();
+
+  // From here on the loop's thread owns the channel.
+  void attach(Loop& loop);
+
+  // Delivers everything that has arrived. False when the loop is winding down and some may be left.
+  bool drain(const Loop& loop);
+
+  // Tells the peer at once; on the owning thread.
+  void close();
+
+ private:
+  CallbackChannel(ExportTable& exports, pid_t peer, std::function<void()> on_broken)
+      : m_exports(exports), m_peer(peer), m_on_broken(std::move(on_broken)) {}
+
+  static int on_message(sd_bus_message* message, void* self, sd_bus_error* error);
+  [[nodiscard]] bool handle(sd_bus_message* message);
+  [[nodiscard]] bool deliver(sd_bus_message* message);
+
+  ExportTable& m_exports;
+  pid_t m_peer;
+  std::function<void()> m_on_broken;
+  Outbox m_answers;
+  BusPtr m_bus;
+  const Loop* m_loop = nullptr;  // set by attach()
+  SourcePtr m_first_look;
+};
+
+}  // namespace vesk

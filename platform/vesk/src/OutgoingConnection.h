@@ -1,0 +1,112 @@
+// One connection from this process to a service, made by a lookup and named by a handle.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Dispatch.h"
+#include "Exports.h"
+#include "Loop.h"
+#include "Message.h"
+#include "ThreadAnnotations.h"
+#include "Wire.h"
+
+namespace vesk {
+
+class Runtime;
+
+// Calls run on the calling thread, which does its own I/O; the loop only watches for hang-up and finishes what a caller
+// did not wait for.
+//
+//   open() --> in use --+--> hung up: callbacks drained, notices delivered, exports released --+--> closed
+//                       +--> close(), the last reference to the handle is gone ----------------+
+//
+// No lock is held while something outside this library is called. m_mutex is taken before m_links_mutex.
+class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnection> {
+ public:
+  // Connects to the service called `name` without waiting. Throws std::system_error as connect_to_service().
+  static std::shared_ptr<OutgoingConnection> open(Runtime& runtime, const char* name);
+
+  ~OutgoingConnection();
+  OutgoingConnection(const OutgoingConnection&) = delete;
+  OutgoingConnection& operator=(const OutgoingConnection&) = delete;
+
+  // Called once, when the handle exists: from here on the loop watches.
+  void watch(vesk_handle handle);
+
+  // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints.
+  int call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints, Parcel& reply);
+
+  // A one-way call; any thread, never waits. -ENOBUFS when the peer reads too slowly.
+  int send(unsigned int code, const Parcel& request);
+
+  int link_to_death(vesk_death_callback* callback);
+  void unlink_to_death(vesk_death_callback* callback);
+
+  // Makes a call in progress fail, and later ones too.
+  void abort_call();
+
+  // The handle is gone: closes the connection, drops the links without a notice and releases what was exported.
+  void close();
+
+ private:
+  using Deadline = std::chrono::steady_clock::time_point;
+
+  OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket);
+
+  int transact(unsigned int code, const Parcel& request, const std::vector<std::uint64_t>& numbers, Parcel& reply,
+               std::shared_ptr<CallbackChannel>* fresh_channel) VESK_REQUIRES(m_mutex);
+  MessagePtr exchange(sd_bus_message* call, Deadline deadline) VESK_REQUIRES(m_mutex);
+  void finish_handshake(Deadline deadline) VESK_REQUIRES(m_mutex);
+  void make_progress(Deadline deadline) VESK_REQUIRES(m_mutex);
+  void take_message(sd_bus_message* message) VESK_REQUIRES(m_mutex);
+  // Called inside sd_bus_process, which only a holder of the lock calls.
+  static int on_message(sd_bus_message* message, void* self, sd_bus_error* error) VESK_NO_ANALYSIS;
+  void break_connection() VESK_REQUIRES(m_mutex);
+  void hang_up();
+
+  void on_socket_event(std::uint32_t events);
+  void pump();
+  void finish_death();
+  [[nodiscard]] bool deliver_notices();
+  void deliver_late_notices();
+  void end_dead_lookup();
+  void release_watch();
+  std::shared_ptr<CallbackChannel> channel();
+
+  Runtime& m_runtime;
+  const std::string m_path;
+  UniqueFd m_watched;  // the connection's socket once more, for the loop and for shutdown(2) from any thread
+  pid_t m_peer = 0;
+  vesk_handle m_handle{};
+  ExportTable m_exports;
+  std::atomic<int> m_calls_in_progress{0};
+
+  std::mutex m_mutex;                                       // held across a transaction
+  BusPtr m_bus VESK_GUARDED_BY(m_mutex);                    // null once the connection is closed or broken
+  std::uint64_t m_awaited VESK_GUARDED_BY(m_mutex) = 0;     // the cookie of the call in progress
+  MessagePtr m_answer VESK_GUARDED_BY(m_mutex);             // to that call
+  bool m_unasked_message VESK_GUARDED_BY(m_mutex) = false;  // the peer sent what is no answer
+  std::shared_ptr<CallbackChannel> m_channel VESK_GUARDED_BY(m_mutex);
+  Outbox m_outbox VESK_GUARDED_BY(m_mutex);
+
+  std::mutex m_links_mutex;
+  std::list<DeathLink> m_links VESK_GUARDED_BY(m_links_mutex);
+  bool m_dead VESK_GUARDED_BY(m_links_mutex) = false;
+  bool m_noticed VESK_GUARDED_BY(m_links_mutex) = false;  // a link has heard of the death
+  bool m_closed VESK_GUARDED_BY(m_links_mutex) = false;
+
+  // The loop's thread only.
+  SourcePtr m_watch;
+  std::shared_ptr<OutgoingConnection> m_self;  // while the loop watches
+};
+
+}  // namespace vesk

@@ -1,0 +1,55 @@
+// Binds: services that run are given out at once, the others when they appear.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Support.h"
+#include "ThreadAnnotations.h"
+#include "vesk/vesk.h"
+
+namespace vesk {
+
+class Runtime;
+
+// One watcher thread exists while at least one bind waits; it follows the directory by inotify. Any thread.
+class PendingBinds {
+ public:
+  explicit PendingBinds(Runtime& runtime);
+
+  // Calls back before it returns when `name` is served, else from the watcher as soon as it is. Throws
+  // std::system_error.
+  void bind(const char* name, vesk_service_bind_callback callback, void* context);
+
+  // Drops what waits. When it returns no callback is running, unless it was called from one.
+  void cancel();
+
+ private:
+  struct Bind {
+    std::string name;
+    vesk_service_bind_callback callback;
+    void* context;
+  };
+  class Delivery;
+
+  [[nodiscard]] int try_bind(const Bind& bind);
+  void watch();
+  bool try_all();
+
+  Runtime& m_runtime;
+  UniqueFd m_wakeup;
+
+  std::mutex m_mutex;
+  std::condition_variable_any m_delivered;
+  std::list<Bind> m_waiting VESK_GUARDED_BY(m_mutex);
+  bool m_watching VESK_GUARDED_BY(m_mutex) = false;  // the watcher thread exists
+  std::uint64_t m_cancels VESK_GUARDED_BY(m_mutex) = 0;
+  std::vector<std::thread::id> m_deliverers VESK_GUARDED_BY(m_mutex);  // who may be inside a callback
+};
+
+}  // namespace vesk
