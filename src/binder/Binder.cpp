@@ -1,0 +1,181 @@
+#include "binder/Binder.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+#include "binder/OrvelLogger.h"
+#include "binder/ServiceBinding.h"
+#include "binder/Waiting.h"
+#include "parcel/Int32.h"
+#include "parcel/String.h"
+
+namespace orvel::service_apis {
+
+const OrvelLogger s_binder_logger("IDelegateService");
+
+namespace {
+
+constexpr std::chrono::seconds kBindTimeout{300};
+constexpr std::chrono::seconds kFirstRetryDelay{2};
+constexpr std::chrono::seconds kMaxRetryDelay{60};
+constexpr std::chrono::seconds kPauseAfterDeath{6};
+
+// The three words in front of every request; only the services give them a meaning.
+constexpr std::int32_t kRequestHeader[] = {0, -1, 0x53595354 /* "SYST" */};
+
+long long seconds(std::chrono::nanoseconds duration) {
+  return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
+}
+
+}  // namespace
+
+Binder::Binder(void* runtime, const char* service_name, bool is_android_service,
+               std::function<void()> reconnect_callback)
+    : m_runtime(runtime),
+      m_service_name(service_name),
+      m_is_android_service(is_android_service),
+      m_reconnect_callback(std::move(reconnect_callback)) {
+  bind_to_service();
+}
+
+Binder::~Binder() {
+  vesk_payload_free(m_payload);
+  vesk_buffer_free(m_buffer);
+  if (m_handle) vesk_service_unbind(m_runtime, m_handle->get());
+  m_handle.reset();  // Unlinks the death listener, which uses the rest.
+}
+
+std::unique_ptr<vesk::IpcHandle> Binder::look_up() const {
+  return m_is_android_service ? bind_to_android_service(m_runtime, m_service_name.c_str())
+                              : bind_to_orvel_service(m_runtime, m_service_name.c_str());
+}
+
+bool Binder::bind_to_service() {
+  const char* const name = m_service_name.c_str();
+  s_binder_logger.i("%s:Binding to service: %s", __func__, name);
+
+  std::unique_ptr<vesk::IpcHandle> handle;
+  const waiting::TimePoint deadline = waiting::now() + kBindTimeout;
+  std::chrono::seconds delay = kFirstRetryDelay;
+  while (waiting::now() < deadline) {
+    handle = look_up();
+    if (handle) break;
+    if (waiting::interrupted()) return false;
+    s_binder_logger.e("%s:Failed to connect to service (%s), retrying in %llds (%llds remaining)", __func__, name,
+                      seconds(delay), seconds(deadline - waiting::now()));
+    if (!waiting::sleep_for(delay)) return false;
+    delay = std::min(2 * delay, kMaxRetryDelay);
+  }
+  if (!handle) {
+    s_binder_logger.e("%s:Giving up connecting to service (%s) after %llds timeout", __func__, name,
+                      seconds(kBindTimeout));
+    return false;
+  }
+
+  std::unique_ptr<vesk::IpcHandle> replaced;  // Outlives the lock: releasing calls out.
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  replaced = std::exchange(m_handle, std::move(handle));
+  if (!m_handle->set_death_listener([this] { on_binder_died(); })) {
+    s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
+    // The lookup's reference ends by itself with the service; without memory for the link it lives on.
+    vesk_service_unbind(m_runtime, m_handle->get());
+    m_handle.reset();
+    return false;
+  }
+  s_binder_logger.i("%s:Bound to service: %s", __func__, name);
+  return true;
+}
+
+void Binder::on_binder_died() {
+  const char* const name = m_service_name.c_str();
+  {
+    std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: releasing calls out.
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    dead = std::move(m_handle);
+    s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);
+  }
+  if (!waiting::sleep_for(kPauseAfterDeath) || !bind_to_service()) {
+    s_binder_logger.e("%s:Failed to reconnect to service (%s), death callback completed", __func__, name);
+    return;
+  }
+  m_reconnect_callback();
+  s_binder_logger.i("%s:Death callback completed", __func__);
+}
+
+vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_handle) {
+    s_binder_logger.e("%s:Binder is not initialized", __func__);
+    return nullptr;
+  }
+  m_payload = vesk_payload_alloc();
+  if (!m_payload) {
+    s_binder_logger.e("%s:Failed to alloc payload", __func__);
+    return nullptr;
+  }
+  m_buffer = vesk_buffer_alloc();
+  if (!m_buffer) {
+    s_binder_logger.e("%s:Failed to alloc buffer", __func__);
+    return nullptr;
+  }
+  if (!writeHeaders(m_payload)) {
+    s_binder_logger.e("%s:Failed to write headers", __func__);
+    return nullptr;
+  }
+  String::write(m_payload, descriptor);
+  writer(m_payload);
+  if (const int error = vesk_payload_last_error(m_payload); error != 0) {
+    s_binder_logger.e("%s:Serialize payload failed with error %d", __func__, error);
+    return nullptr;
+  }
+  if (const int error = vesk_call(m_handle->runtime(), m_handle->get(), code, m_payload, m_buffer); error != 0) {
+    s_binder_logger.e("%s:VESK call failed with error %d", __func__, error);
+    return nullptr;
+  }
+  if (exceptionOccurred(m_buffer)) {
+    s_binder_logger.e("%s:Exception occurred in VESK call", __func__);
+    return nullptr;
+  }
+  return m_buffer;
+}
+
+void Binder::done() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  vesk_reply_done(m_runtime, m_buffer);
+  vesk_payload_free(std::exchange(m_payload, nullptr));
+  vesk_buffer_free(std::exchange(m_buffer, nullptr));
+}
+
+bool Binder::good() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_handle != nullptr;
+}
+
+bool Binder::writeHeaders(vesk_payload* payload) {
+  if (!payload) {
+    s_binder_logger.e("%s:payload is null", __func__);
+    return false;
+  }
+  for (const std::int32_t word : kRequestHeader) Int32::write(payload, word);
+  return true;
+}
+
+bool Binder::exceptionOccurred(vesk_buffer* buffer) {
+  if (!buffer) {
+    s_binder_logger.e("%s:buffer is null", __func__);
+    return false;
+  }
+  const int code = Int32::read(buffer);
+  if (code == 0) return false;
+  const std::string message = String::read(buffer);
+  s_binder_logger.e("%s:Received error: %d [%s]", __func__, code, message.c_str());
+  if (Int32::read(buffer) >= 1) {
+    const std::string trace = String::read(buffer);
+    s_binder_logger.e("%s:Stack Trace: %s", __func__, trace.c_str());
+  }
+  return true;
+}
+
+}  // namespace orvel::service_apis

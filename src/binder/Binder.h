@@ -1,0 +1,102 @@
+// One connection to one named service: bound at construction, bound again after the service died, and the frame of
+// every transaction.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "binder/IpcHandle.h"
+#include "binder/ThreadAnnotations.h"
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+
+// Writes the arguments of a transaction behind the header and the descriptor.
+using RequestWriter = std::function<void(vesk_payload*)>;
+
+// The writer of a transaction without arguments.
+inline void no_arguments(vesk_payload*) {}
+
+// Owned by one proxy.
+//
+//   unbound --bind_to_service()--> bound --the service dies--> unbound --6 s pause, bind_to_service()--> bound
+//
+// Once bind_to_service() has given up, after 300 s, nothing tries again and every call fails.
+//
+//   idle --call()--> reply held --done()--> idle
+//
+// Threads: construction and destruction on the caller's, the rebind on the run-loop thread, everything else on any.
+// Locks, in order: m_transaction, from before a call until its reply has been read (ReplyScope); m_mutex, across call()
+// and briefly elsewhere. No lock is held while waiting, so that calls made during a rebind fail at once.
+class Binder {
+ public:
+  // Blocks until the service is bound or given up. `runtime` is borrowed. With `is_android_service` the service is
+  // looked up in the Android service manager. `reconnect_callback` runs on the run-loop thread after each successful
+  // rebind.
+  Binder(
+      void* runtime, const char* service_name, bool is_android_service,
+      std::function<void()> reconnect_callback = [] {});
+  ~Binder();
+
+  Binder(const Binder&) = delete;
+  Binder& operator=(const Binder&) = delete;
+
+  // Tries until the service is bound with a death listener (true), 300 s have passed or a shutdown interrupts (false).
+  bool bind_to_service() ORVEL_EXCLUDES(m_mutex);
+
+  // Binds the service again, after a pause. Run-loop thread.
+  void on_binder_died() ORVEL_EXCLUDES(m_mutex);
+
+  // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`. The reply, behind its
+  // exception code, belongs to the Binder until done(); null on any failure, which is logged, and for a remote
+  // exception. Deliberately, a call that follows one without done() leaves the earlier request and reply allocated.
+  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
+      ORVEL_EXCLUDES(m_mutex);
+
+  // Frees the request and the reply, those of a failed call too. May be called again.
+  void done() ORVEL_EXCLUDES(m_mutex);
+
+  // Whether the service is bound.
+  [[nodiscard]] bool good() ORVEL_EXCLUDES(m_mutex);
+
+  // Begins a request; false only for a null payload, other failures stick to the payload.
+  static bool writeHeaders(vesk_payload* payload);
+
+  // Reads the head of a reply: true, with the exception logged, when the service answered with one.
+  static bool exceptionOccurred(vesk_buffer* buffer);
+
+ private:
+  friend class ReplyScope;
+
+  std::unique_ptr<vesk::IpcHandle> look_up() const;
+
+  std::mutex m_transaction;
+  std::mutex m_mutex;
+  void* const m_runtime;
+  const std::string m_service_name;
+  const bool m_is_android_service;
+  std::unique_ptr<vesk::IpcHandle> m_handle ORVEL_GUARDED_BY(m_mutex);  // null while unbound
+  // Plain pointers, not owners: a call overwrites what nobody finished.
+  vesk_payload* m_payload ORVEL_GUARDED_BY(m_mutex) = nullptr;
+  vesk_buffer* m_buffer ORVEL_GUARDED_BY(m_mutex) = nullptr;
+  const std::function<void()> m_reconnect_callback;
+};
+
+// Makes this thread the only one with a transaction on the Binder, from before its call() until the end of the scope,
+// which ends the transaction. Without it another thread's done() would free the reply that this one reads.
+class ReplyScope {
+ public:
+  explicit ReplyScope(Binder& binder) : m_binder(binder), m_lock(binder.m_transaction) {}
+  ~ReplyScope() { m_binder.done(); }
+
+  ReplyScope(const ReplyScope&) = delete;
+  ReplyScope& operator=(const ReplyScope&) = delete;
+
+ private:
+  Binder& m_binder;
+  const std::lock_guard<std::mutex> m_lock;
+};
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,114 @@
+#include "binder/ServiceBinding.h"
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+
+#include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
+
+namespace orvel::service_apis {
+namespace {
+
+constexpr int kReadinessPolls = 10;
+constexpr std::chrono::seconds kReadinessPollInterval{2};
+
+// What a bind that has not ended yet knows.
+struct ServiceBindContext {
+  vesk_handle handle{};
+  bool ready = false;
+};
+
+// The binds in progress, by number. libvesk may call back long after the waiter gave up, so what it gets as its context
+// is a number to look up here and not the address of something that ends with the wait.
+class PendingBinds {
+ public:
+  // Never destroyed: a late callback may come as long as the process lives.
+  static PendingBinds& instance() {
+    static PendingBinds& binds = *new PendingBinds;
+    return binds;
+  }
+
+  void* open() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::uintptr_t number = ++m_last_number;
+    m_binds.emplace(number, ServiceBindContext{});
+    return reinterpret_cast<void*>(number);  // NOLINT(performance-no-int-to-ptr): never dereferenced
+  }
+
+  // False when nobody waits for the handle: the wait is over, or another callback was first.
+  bool deliver(void* context, vesk_handle handle) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto bind = m_binds.find(reinterpret_cast<std::uintptr_t>(context));
+    if (bind == m_binds.end() || bind->second.ready) return false;
+    bind->second = {handle, true};
+    return true;
+  }
+
+  bool ready(void* context) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_binds.at(reinterpret_cast<std::uintptr_t>(context)).ready;
+  }
+
+  // Ends the wait. The handle, if it has come.
+  std::optional<vesk_handle> close(void* context) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto bind = m_binds.extract(reinterpret_cast<std::uintptr_t>(context));
+    if (!bind.mapped().ready) return std::nullopt;
+    return bind.mapped().handle;
+  }
+
+ private:
+  PendingBinds() = default;
+
+  mutable std::mutex m_mutex;
+  std::uintptr_t m_last_number ORVEL_GUARDED_BY(m_mutex) = 0;
+  std::unordered_map<std::uintptr_t, ServiceBindContext> m_binds ORVEL_GUARDED_BY(m_mutex);
+};
+
+}  // namespace
+
+void service_bind_callback(void* runtime, void* context, const char* name, vesk_handle handle) {
+  s_binder_logger.i("%s:Received service_bind_callback from: %s", __func__, name);
+  if (!PendingBinds::instance().deliver(context, handle)) vesk_service_unbind(runtime, &handle);
+}
+
+std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char* name) {
+  PendingBinds& binds = PendingBinds::instance();
+  void* const context = binds.open();
+  if (const int error = vesk_service_bind(runtime, name, &service_bind_callback, context); error != 0) {
+    binds.close(context);
+    s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, error);
+    return nullptr;
+  }
+  s_binder_logger.i("%s:Bound to service %s, waiting for service readiness", __func__, name);
+
+  bool interrupted = false;
+  for (int poll = 1; poll <= kReadinessPolls && !interrupted && !binds.ready(context); ++poll) {
+    s_binder_logger.w("%s:Service %s is not ready yet, retrying in %lld seconds (attempt %d/%d)", __func__, name,
+                      static_cast<long long>(kReadinessPollInterval.count()), poll, kReadinessPolls);
+    interrupted = !waiting::sleep_for(kReadinessPollInterval);
+  }
+
+  const std::optional<vesk_handle> handle = binds.close(context);
+  if (!handle) {
+    if (!interrupted) s_binder_logger.e("%s:Bound service %s is not ready after timeout", __func__, name);
+    return nullptr;
+  }
+  s_binder_logger.i("%s:Bound service %s is now ready", __func__, name);
+  return std::make_unique<vesk::IpcHandle>(runtime, *handle);
+}
+
+std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const char* name) {
+  vesk_handle handle{};
+  if (const int error = vesk_binder_servicemanager_get(runtime, name, &handle); error != 0) {
+    s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, error);
+    return nullptr;
+  }
+  s_binder_logger.i("%s:Bound to service: %s", __func__, name);
+  return std::make_unique<vesk::IpcHandle>(runtime, handle);
+}
+
+}  // namespace orvel::service_apis

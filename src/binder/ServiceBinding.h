@@ -1,0 +1,29 @@
+// The two ways to look a service up by name.
+#pragma once
+
+#include <memory>
+
+#include "binder/IpcHandle.h"
+#include "binder/OrvelLogger.h"
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+
+// The connection layer's logger. Deliberately it carries the tag of the delegate service's proxy, whatever service is
+// bound.
+extern const OrvelLogger s_binder_logger;
+
+// Binds a service of the own platform and waits up to 20 s until it is ready; null when it is not by then, when libvesk
+// refuses, and when the wait is interrupted. The handle keeps the lookup's reference, which vesk_service_unbind drops.
+// A bind that is given up stays pending in libvesk; should it call back later, its handle is dropped. Threads: any, the
+// run-loop thread too.
+std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char* name);
+
+// Asks the Android service manager, which answers at once; null when it does not know the service. The handle keeps the
+// lookup's reference as above. Threads: any.
+std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const char* name);
+
+// Given to vesk_service_bind. `context` is the number of a pending bind, not an address. Threads: any.
+void service_bind_callback(void* runtime, void* context, const char* name, vesk_handle handle);
+
+}  // namespace orvel::service_apis

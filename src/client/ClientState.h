@@ -1,0 +1,92 @@
+// What stands behind OrvelDelegateClient: the proxies, the run-loop thread, and the locks.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <tuple>
+#include <type_traits>
+
+#include "binder/OrvelLogger.h"
+#include "binder/ThreadAnnotations.h"
+#include "client/OwnedMutex.h"
+#include "services/IDelegateService.h"
+#include "services/IPowerManagerService.h"
+
+namespace orvel::service_apis {
+
+// The facade's logger, for all of its sources.
+extern const OrvelLogger s_client_logger;
+
+// Methods are named after the public ones that they implement, because log lines carry the name.
+//
+// Locks, in order: m_lifecycle, m_facade, then the Binder's. m_lifecycle keeps initialize() and shutdown() from
+// overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that thread. m_facade
+// makes all public methods run one at a time, remote calls included; shutdown() takes it only after the join, because a
+// callback may be waiting for it.
+//
+// What may keep shutdown() waiting, for a lock or for the thread, ends by itself: its Interrupt ends every sleep, and
+// its vesk_shutdown fails every call in progress.
+class ClientState {
+ public:
+  bool initialize() ORVEL_EXCLUDES(m_lifecycle, m_facade);
+  void shutdown() ORVEL_EXCLUDES(m_lifecycle, m_facade);
+  bool isMaroConnected() ORVEL_EXCLUDES(m_facade);
+  bool isNetworkConnected() ORVEL_EXCLUDES(m_facade);
+
+  // Runs `query` on the proxy, one at a time; `failure`, with an error line, while the client is not initialised and
+  // inside the connectivity callback. `method` is the public method that asks.
+  template <typename Proxy, typename Query, typename Result = std::invoke_result_t<Query, Proxy&>>
+  Result ask(const char* method, Query query, Result failure = {}) ORVEL_EXCLUDES(m_facade) {
+    if (refused(method)) return failure;
+    const std::lock_guard<OwnedMutex> facade(m_facade);
+    if (!m_initialized) {
+      s_client_logger.e("%s:Client is not initialized", method);
+      return failure;
+    }
+    return std::invoke(query, *proxy<Proxy>());
+  }
+
+  template <typename Proxy, typename Result>
+  Result ask(const char* method, Result (Proxy::*query)()) ORVEL_EXCLUDES(m_facade) {
+    return ask<Proxy, Result (Proxy::*)()>(method, query);
+  }
+
+  // Whether the caller is inside a callback.
+  static bool on_run_loop_thread();
+
+  // Makes the run loop return after the callback that calls this. Run-loop thread only; takes no lock.
+  static void stop_run_loop();
+
+ private:
+  // True, with an error line, inside the connectivity callback, which holds the facade lock.
+  bool refused(const char* method) const;
+
+  // Makes the proxies and the thread; false, with nothing left of it, when a shutdown() interrupts.
+  bool start() ORVEL_REQUIRES(m_lifecycle, m_facade);
+
+  template <typename Proxy>
+  std::unique_ptr<Proxy>& proxy() ORVEL_REQUIRES(m_facade) {
+    return std::get<std::unique_ptr<Proxy>>(m_proxies);
+  }
+
+  // Makes proxies in the order given, each blocking until its service is bound or given up. False as soon as
+  // interrupted.
+  template <typename... Proxies>
+  bool create() ORVEL_REQUIRES(m_lifecycle, m_facade);
+
+  void destroy_proxies() ORVEL_REQUIRES(m_facade);
+
+  std::mutex m_lifecycle;
+  std::thread m_run_loop ORVEL_GUARDED_BY(m_lifecycle);  // joinable while initialised
+  void* m_runtime ORVEL_GUARDED_BY(m_lifecycle) = nullptr;
+
+  OwnedMutex m_facade;
+  bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;
+  bool m_maro_connected ORVEL_GUARDED_BY(m_facade) = true;  // assumed until a broadcast says otherwise
+  std::tuple<std::unique_ptr<IDelegateService>, std::unique_ptr<IPowerManagerService>> m_proxies
+      ORVEL_GUARDED_BY(m_facade);
+};
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,15 @@
+// Values of settings, which are all text.
+#pragma once
+
+#include <string>
+
+namespace orvel::service_apis {
+
+// The number that `value` begins with, in base 10 behind blanks and a sign; `default_value` for an empty one. Throws
+// std::invalid_argument and std::out_of_range, which are the caller's to see: a setting that is no number is no
+// default.
+inline int setting_to_int(const std::string& value, int default_value) {
+  return value.empty() ? default_value : std::stoi(value);
+}
+
+}  // namespace orvel::service_apis

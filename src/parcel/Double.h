@@ -1,0 +1,20 @@
+// 64-bit floating-point numbers on the wire.
+#pragma once
+
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+
+class Double {
+ public:
+  Double() = delete;
+
+  // False, with nothing consumed and `out` untouched, when either pointer is null. A failed read stores what libvesk
+  // gives.
+  static bool read(vesk_buffer* buffer, double* out);
+
+  // True while the payload has no error.
+  static bool write(vesk_payload* payload, double value);
+};
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,38 @@
+#include "parcel/String.h"
+
+#include "parcel/Int32.h"
+#include "parcel/StringUtils.h"
+
+namespace orvel::service_apis {
+namespace {
+
+constexpr int kNullString = -1;
+
+}  // namespace
+
+std::string String::read(vesk_buffer* buffer) {
+  if (!buffer) return {};
+  unsigned int length = 0;
+  const unsigned short* const data = vesk_read_utf16_string(buffer, &length);
+  if (vesk_buffer_last_error(buffer) != 0) return {};
+  return StringUtils::convertUtf16ToUtf8(data, length);
+}
+
+bool String::write(vesk_payload* payload, const char* value) {
+  vesk_write_utf16_cstring(payload, value);
+  return vesk_payload_last_error(payload) == 0;
+}
+
+bool String::write(vesk_payload* payload, const std::string& value) {
+  return write(payload, value.c_str());
+}
+
+bool String::write_optional(vesk_payload* payload, const char* value) {
+  return value && *value ? write(payload, value) : Int32::write(payload, kNullString);
+}
+
+bool String::write_optional(vesk_payload* payload, const std::string& value) {
+  return value.empty() ? Int32::write(payload, kNullString) : write(payload, value);
+}
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,12 @@
+#include "parcel/StringUtils.h"
+
+#include <utils/String8.h>
+
+namespace orvel::service_apis {
+
+std::string StringUtils::convertUtf16ToUtf8(const unsigned short* data, unsigned int length) {
+  if (!data || length == 0) return {};
+  return android::String8(reinterpret_cast<const char16_t*>(data), length).string();
+}
+
+}  // namespace orvel::service_apis

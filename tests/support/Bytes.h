@@ -1,0 +1,146 @@
+// Wire bytes spelled by hand, so that what a test expects never comes out of the code that it checks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "vesk/vesk_service.h"
+
+namespace orvel::test {
+
+// A message, value after value: Bytes().i32(0).utf16("abc"). Little-endian whatever the host is.
+class Bytes {
+ public:
+  Bytes() = default;
+  Bytes(const void* data, std::size_t size) : m_bytes(size) {
+    if (size != 0) std::memcpy(m_bytes.data(), data, size);
+  }
+
+  Bytes& raw(std::initializer_list<unsigned> bytes) {
+    for (const unsigned byte : bytes) m_bytes.push_back(static_cast<std::uint8_t>(byte));
+    return *this;
+  }
+  Bytes& i32(std::int32_t value) { return number(static_cast<std::uint32_t>(value), 4); }
+  Bytes& i64(std::int64_t value) { return number(static_cast<std::uint64_t>(value), 8); }
+  Bytes& f64(double value) {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(bits));
+    return number(bits, 8);
+  }
+  // A null string or a null array.
+  Bytes& null() { return i32(-1); }
+  // One unit for each ASCII character; anything else is written as u"...".
+  Bytes& utf16(std::string_view ascii) { return utf16(std::u16string(ascii.begin(), ascii.end())); }
+  Bytes& utf16(const std::u16string& text) {
+    i32(static_cast<std::int32_t>(text.size()));
+    for (const char16_t unit : text) number(unit, 2);
+    number(0, 2);
+    return m_bytes.size() % 4 == 0 ? *this : number(0, 2);
+  }
+  Bytes& append(const Bytes& tail) {
+    m_bytes.insert(m_bytes.end(), tail.m_bytes.begin(), tail.m_bytes.end());
+    return *this;
+  }
+  // Loses its last `count` bytes, as a damaged message does.
+  Bytes& cut(std::size_t count) {
+    m_bytes.resize(m_bytes.size() - count);
+    return *this;
+  }
+
+  [[nodiscard]] const std::uint8_t* data() const { return m_bytes.data(); }
+  [[nodiscard]] std::size_t size() const { return m_bytes.size(); }
+  friend bool operator==(const Bytes& a, const Bytes& b) { return a.m_bytes == b.m_bytes; }
+  friend bool operator!=(const Bytes& a, const Bytes& b) { return !(a == b); }
+
+  // Words of four bytes in the order in which they lie, for gtest's messages.
+  friend std::ostream& operator<<(std::ostream& out, const Bytes& bytes) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    out << bytes.size() << " bytes:";
+    for (std::size_t at = 0; at < bytes.size(); ++at) {
+      if (at % 4 == 0) out << ' ';
+      out << kDigits[bytes.m_bytes[at] >> 4U] << kDigits[bytes.m_bytes[at] & 15U];
+    }
+    return out;
+  }
+
+ private:
+  Bytes& number(std::uint64_t value, int size) {
+    for (int n = 0; n < size; ++n) m_bytes.push_back(static_cast<std::uint8_t>(value >> (8 * n)));
+    return *this;
+  }
+
+  std::vector<std::uint8_t> m_bytes;
+};
+
+// Takes a message apart again, for a scripted service that answers by its arguments. Throws std::out_of_range past the
+// end.
+class Reader {
+ public:
+  explicit Reader(const Bytes& bytes) : m_bytes(bytes) {}
+
+  std::int32_t i32() { return static_cast<std::int32_t>(number(4)); }
+  std::int64_t i64() { return static_cast<std::int64_t>(number(8)); }
+  double f64() {
+    const std::uint64_t bits = number(8);
+    double value = 0;
+    std::memcpy(&value, &bits, sizeof(value));
+    return value;
+  }
+  // Empty for a null string.
+  std::u16string utf16() {
+    std::u16string text;
+    const std::int32_t length = i32();
+    if (length < 0) return text;
+    for (std::int32_t n = 0; n < length; ++n) text.push_back(static_cast<char16_t>(number(2)));
+    number(length % 2 == 0 ? 4 : 2);
+    return text;
+  }
+  // The same as bytes; for what is known to be ASCII.
+  std::string ascii() {
+    std::string text;
+    for (const char16_t unit : utf16()) text.push_back(static_cast<char>(unit));
+    return text;
+  }
+  [[nodiscard]] std::size_t remaining() const { return m_bytes.size() - m_at; }
+
+ private:
+  std::uint64_t number(std::size_t size) {
+    if (size > remaining()) throw std::out_of_range("the message ends at byte " + std::to_string(m_bytes.size()));
+    std::uint64_t value = 0;
+    for (std::size_t n = 0; n < size; ++n) value |= std::uint64_t{m_bytes.data()[m_at++]} << (8 * n);
+    return value;
+  }
+
+  Bytes m_bytes;
+  std::size_t m_at = 0;
+};
+
+// Messages of libvesk and the bytes in them.
+struct FreeMessage {
+  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
+  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
+};
+using PayloadPtr = std::unique_ptr<vesk_payload, FreeMessage>;
+using BufferPtr = std::unique_ptr<vesk_buffer, FreeMessage>;
+
+inline BufferPtr buffer_of(const Bytes& bytes) {
+  BufferPtr buffer(vesk_buffer_alloc());
+  vesk_buffer_assign(buffer.get(), bytes.data(), bytes.size());
+  return buffer;
+}
+
+inline Bytes bytes_of(const vesk_payload* payload) {
+  std::size_t size = 0;
+  const void* data = vesk_payload_data(payload, &size);
+  return {data, size};
+}
+
+}  // namespace orvel::test

@@ -1,0 +1,86 @@
+#include <utility>
+#include <vector>
+
+#include "support/FakeVesk.h"
+#include "support/Peer.h"
+
+namespace orvel::test {
+namespace {
+
+// One for all peers: constructed with the first, gone with the program.
+FakeVesk& the_vesk() {
+  static auto* const vesk = new FakeVesk;
+  return *vesk;
+}
+
+Reply outcome(std::future<Reply> answer) {
+  const Reply reply = answer.get();
+  if (reply.result != 0) return {Bytes().i32(1)};
+  return {Bytes().i32(0).append(reply.bytes)};
+}
+
+}  // namespace
+
+struct Peer::Form {
+  std::vector<vesk_endpoint*> kept;
+
+  Reply answer(const Transaction& call) {
+    FakeVesk& vesk = the_vesk();
+    Reader in(call.request);
+    switch (call.code) {
+      case kEcho:
+        return {call.request};
+      case kDie:
+        vesk.kill_service(call.service);
+        return {};
+      case kKeep: {
+        const bool same = !kept.empty() && kept.back() == call.endpoints.at(0);
+        kept.push_back(call.endpoints.at(0));
+        return {Bytes().i32(same ? 1 : 0)};
+      }
+      case kLetGo: {
+        vesk_endpoint* endpoint = kept.back();
+        kept.pop_back();
+        if (kept.empty() || kept.back() != endpoint) vesk.release_endpoint(endpoint);
+        return {};
+      }
+      case kSend:
+        for (int n = 0, count = in.i32(); n < count; ++n) vesk.send(kept.back(), kNews, Bytes().i32(n));
+        return {};
+      case kAsk:
+        return outcome(vesk.call(kept.back(), kNews, Bytes().i32(in.i32())));
+      case kSendToName: {
+        const Bytes message = Bytes().i32(in.i32());
+        vesk.send(in.ascii(), kNews, message);
+        return {};
+      }
+      case kAskName: {
+        const Bytes message = Bytes().i32(in.i32());
+        return outcome(vesk.call(in.ascii(), kNews, message));
+      }
+      default:
+        return {{}, -EIO};
+    }
+  }
+};
+
+Peer::Peer(std::string name) : m_name(std::move(name)), m_form(std::make_unique<Form>()) {
+  // A call of kHang stops before it reaches the handler.
+  the_vesk().hold_calls(m_name, kHang);
+  the_vesk().add_service(m_name, [form = m_form.get()](const Transaction& call) { return form->answer(call); });
+}
+
+Peer::~Peer() {
+  kill();
+}
+void Peer::kill() {
+  the_vesk().kill_service(m_name);
+}
+void Peer::wait_for_hanging_call() {
+  the_vesk().wait_for_held_calls(m_name);
+}
+void Peer::pass_call_limit() {
+  the_vesk().expire_calls(m_name);
+}
+
+}  // namespace orvel::test

@@ -1,0 +1,142 @@
+// libvesk inside the test's own process: scripted services instead of other processes, nothing that depends on time.
+#pragma once
+
+#include <cerrno>
+#include <functional>
+#include <future>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "support/Bytes.h"
+#include "vesk/vesk.h"
+
+namespace orvel::test {
+
+// One call as it crossed the wire. `endpoints` are those that travelled in it; the service holds them when `result` is
+// 0.
+struct Transaction {
+  std::string service;
+  unsigned code = 0;
+  Bytes request;
+  std::vector<vesk_endpoint*> endpoints;
+  int result = 0;
+};
+
+// What a service, or an endpoint of the client, answers.
+struct Reply {
+  Bytes bytes;
+  int result = 0;
+};
+
+// Answers the calls of one service, on the calling thread and with no lock held. It may use the fake: kill_service() of
+// itself makes the call in progress fail.
+using Handler = std::function<Reply(const Transaction& call)>;
+
+// Whom a message from a service reaches: an endpoint that the client sent, or a name under which it published one.
+struct Target {
+  Target(vesk_endpoint* sent) : endpoint(sent) {}                    // NOLINT(google-explicit-constructor)
+  Target(std::string published) : name(std::move(published)) {}      // NOLINT(google-explicit-constructor)
+  Target(const char* published) : Target(std::string(published)) {}  // NOLINT(google-explicit-constructor)
+
+  vesk_endpoint* endpoint = nullptr;
+  std::string name;
+};
+
+constexpr unsigned kAnyCode = ~0U;
+
+// What the code under test still owes, or makes libvesk keep: EXPECT_EQ(m_vesk.live(), Live{}).
+struct Live {
+  int payloads = 0;
+  int buffers = 0;
+  int handle_references = 0;    // by lookup or vesk_handle_acquire
+  int endpoint_references = 0;  // taken with endpoint_acquire, not yet released
+  int death_references = 0;     // taken with death_acquire, not yet released
+
+  friend bool operator==(const Live& a, const Live& b);
+  friend std::ostream& operator<<(std::ostream& out, const Live& live);
+};
+
+// The process's one runtime, as a test sees it. Construction and destruction start over: no service, nothing recorded,
+// every reference that libvesk held dropped; no thread may be inside vesk_run_loop or a call by then. What the client
+// calls is in vesk.h. All verbs may be used on any thread, in callbacks and handlers too; none of them waits unless it
+// says so.
+class FakeVesk {
+ public:
+  FakeVesk();
+  ~FakeVesk();
+  FakeVesk(const FakeVesk&) = delete;
+  FakeVesk& operator=(const FakeVesk&) = delete;
+
+  // ---- Services ----
+
+  // Makes a service run; binds that wait for it are called back on this thread. Without a handler it answers every call
+  // with an empty reply. Adding it again replaces the handler of the running service.
+  void add_service(const std::string& name, Handler handler = {});
+
+  // Ends the service's process: its name goes, calls in progress and later ones fail, and the run loop delivers the
+  // notices after everything that the service sent before.
+  void kill_service(const std::string& name);
+
+  // The next `count` lookups of `name`, by either route, fail with `error`.
+  void refuse_binds(const std::string& name, int count, int error = -ECONNREFUSED);
+
+  // From now on vesk_service_bind succeeds but leaves the callback for `name` out, also when the service runs ...
+  void hold_binds(const std::string& name);
+  // ... until this ends that and calls back every bind that waits, on this thread. Without it they wait for ever.
+  void complete_binds(const std::string& name);
+
+  // Calls of `name`, or those with that code, stop before they reach the handler, until let go, the death of the
+  // service, or vesk_shutdown.
+  void hold_calls(const std::string& name, unsigned code = kAnyCode);
+  void let_calls_go(const std::string& name);
+  // Lets the held calls run into the call limit: they fail with -ETIMEDOUT, and their connections are closed.
+  void expire_calls(const std::string& name);
+  // Waits until `count` calls of `name` are held.
+  void wait_for_held_calls(const std::string& name, int count = 1);
+
+  // ---- What services send; runs on the run-loop thread, in the order sent ----
+
+  void send(const Target& target, unsigned code, const Bytes& message);
+  // The endpoint's answer; -EPIPE when nobody holds or publishes the target any more.
+  std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
+  // Gives back every reference to `endpoint` that services hold.
+  void release_endpoint(const vesk_endpoint* endpoint);
+
+  // Runs `step` on the run-loop thread after everything sent so far.
+  void post(std::function<void()> step);
+  // Waits until the thread in vesk_run_loop is through with everything sent so far, or the runtime is shut down.
+  void drain();
+  // Runs on this thread what waits for the run loop; for tests in which no thread enters it.
+  void run_pending();
+
+  // ---- Failures ----
+
+  // Makes the libvesk function `operation` ("vesk_write_i32") fail at its `nth` use from now, that once or from then
+  // on: with `error`, null, or 0, whichever it returns; a read or write also leaves the sticky error. Does nothing else
+  // when it fails.
+  void fail_once(std::string_view operation, int nth = 1, int error = -EIO);
+  void fail_always(std::string_view operation, int nth = 1, int error = -EIO);
+  // vesk_get_runtime succeeds, but gives null.
+  void give_null_runtime();
+
+  // ---- What happened ----
+
+  // Calls in the order in which they ended.
+  [[nodiscard]] std::vector<Transaction> transactions() const;
+  [[nodiscard]] std::vector<Transaction> transactions(const std::string& service) const;
+  // How often the client used the libvesk function `operation`, failed uses included.
+  [[nodiscard]] int uses(std::string_view operation) const;
+  // The endpoint that the client publishes under `name`; null when there is none. Borrowed.
+  [[nodiscard]] vesk_endpoint* published(const std::string& name) const;
+  [[nodiscard]] Live live() const;
+
+  struct State;
+
+ private:
+  State& m_state;  // lives as long as the process: exit handlers of the code under test use it
+};
+
+}  // namespace orvel::test

@@ -1,0 +1,27 @@
+// The library's clock, in place of the real one: time passes when somebody sleeps, and takes none.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+namespace orvel::test {
+
+// Stands for the process's implementation of binder/Waiting.h; construction starts over. Any thread may use it.
+class VirtualClock {
+ public:
+  VirtualClock();
+
+  // How long each sleep so far was meant to last, in seconds.
+  std::vector<long long> sleeps() const;
+
+  // Runs `step` at the end of the `nth` sleep from now, on the thread that sleeps.
+  void at_sleep(int nth, std::function<void()> step);
+
+  // From now on a sleep ends only when it is interrupted.
+  void stop();
+
+  // Waits until a thread sleeps on the stopped clock.
+  void wait_for_sleeper();
+};
+
+}  // namespace orvel::test

@@ -1,0 +1,141 @@
+// vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes a byte to standard output once it serves,
+// and one for each kHang that it has taken.
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "support/Bytes.h"
+#include "support/Peer.h"
+#include "vesk/vesk_service.h"
+
+namespace orvel::test {
+namespace {
+
+struct {
+  void* runtime = nullptr;
+  std::vector<vesk_remote*> kept;
+  std::vector<vesk_deferred*> unanswered;
+  std::map<std::string, vesk_handle> names;
+} peer;
+
+void tell_parent() {
+  std::putchar('.');
+  std::fflush(stdout);
+}
+
+std::string read_name(vesk_buffer* request) {
+  unsigned length = 0;
+  const std::uint16_t* units = vesk_read_utf16_string(request, &length);
+  return {units, units + length};
+}
+
+vesk_handle* look_up(const std::string& name) {
+  vesk_handle& handle = peer.names[name];
+  if (vesk_handle_is_valid(peer.runtime, &handle) == 0) {
+    vesk_binder_servicemanager_get(peer.runtime, name.c_str(), &handle);
+  }
+  return &handle;
+}
+
+PayloadPtr payload_of(std::int32_t number) {
+  PayloadPtr payload(vesk_payload_alloc());
+  vesk_write_i32(payload.get(), number);
+  return payload;
+}
+
+void write_outcome(vesk_payload* reply, int error, vesk_buffer* answer) {
+  vesk_write_i32(reply, error == 0 ? 0 : 1);
+  if (error == 0) vesk_write_i32(reply, vesk_read_i32(answer));
+}
+
+// The completion of kAsk; `context` is the answer that is still owed.
+void answer_ask(void* context, int error, vesk_buffer* answer) {
+  const PayloadPtr reply(vesk_payload_alloc());
+  write_outcome(reply.get(), error, answer);
+  vesk_deferred_answer(static_cast<vesk_deferred*>(context), 0, reply.get());
+}
+
+void answer_late() {
+  const PayloadPtr reply = payload_of(-1);
+  for (vesk_deferred* late : peer.unanswered) vesk_deferred_answer(late, 0, reply.get());
+  peer.unanswered.clear();
+}
+
+int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
+  if (code != kHang) answer_late();
+  switch (code) {
+    case kEcho:
+      while (vesk_buffer_remaining(request) > 0) vesk_write_i32(reply, vesk_read_i32(request));
+      return 0;
+    case kHang:
+      peer.unanswered.push_back(vesk_request_defer(caller));
+      tell_parent();
+      return 0;
+    case kDie:
+      return std::raise(SIGKILL);
+    case kKeep: {
+      vesk_remote* remote = vesk_read_endpoint(request);
+      vesk_write_i32(reply, !peer.kept.empty() && vesk_remote_equal(peer.kept.back(), remote) != 0 ? 1 : 0);
+      peer.kept.push_back(remote);
+      return 0;
+    }
+    case kLetGo:
+      vesk_remote_release(peer.kept.back());
+      peer.kept.pop_back();
+      return 0;
+    case kSend: {
+      const int count = vesk_read_i32(request);
+      for (int n = 0; n < count; ++n) vesk_remote_call_oneway(peer.kept.back(), kNews, payload_of(n).get());
+      return 0;
+    }
+    case kAsk: {
+      const PayloadPtr question = payload_of(vesk_read_i32(request));
+      vesk_deferred* owed = vesk_request_defer(caller);
+      const int error = vesk_remote_call(peer.kept.back(), kNews, question.get(), 60'000, answer_ask, owed);
+      if (error != 0) answer_ask(owed, error, nullptr);
+      return 0;
+    }
+    case kSendToName: {
+      const PayloadPtr message = payload_of(vesk_read_i32(request));
+      return vesk_call_oneway(peer.runtime, look_up(read_name(request)), kNews, message.get());
+    }
+    case kAskName: {
+      const PayloadPtr question = payload_of(vesk_read_i32(request));
+      const BufferPtr answer(vesk_buffer_alloc());
+      vesk_handle* handle = look_up(read_name(request));
+      write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
+      return 0;
+    }
+    case kNews:
+      return vesk_write_i32(reply, vesk_read_i32(request) + 100);
+    default:
+      return 1;
+  }
+}
+
+const vesk_endpoint_fn kFunctions{
+    serve,
+    [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
+    [](void*, vesk_endpoint*) { return 0; },
+    [](void*, vesk_endpoint*) { return 0; },
+};
+
+int run(const char* name) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // of the test program, so that nothing stays behind when it crashes
+  vesk_endpoint endpoint{&kFunctions, nullptr};
+  if (vesk_serve_device(&peer.runtime) != 0 || vesk_service_register(peer.runtime, name, &endpoint) != 0) return 1;
+  tell_parent();
+  return vesk_run_loop(peer.runtime);
+}
+
+}  // namespace
+}  // namespace orvel::test
+
+int main(int argc, char** argv) {
+  return argc == 2 ? orvel::test::run(argv[1]) : 2;
+}

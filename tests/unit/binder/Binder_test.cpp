@@ -1,0 +1,222 @@
+// One connection: how it is made, what goes over it, and what becomes of it when its service dies.
+#include "binder/Binder.h"
+
+#include <memory>
+#include <thread>
+
+#include "binder/ServiceBinding.h"
+#include "binder/Waiting.h"
+#include "parcel/Int32.h"
+#include "parcel/String.h"
+#include "services/Transact.h"
+#include "support/ClientTest.h"
+
+namespace orvel::test {
+namespace {
+
+using namespace service_apis;  // NOLINT(google-build-using-namespace)
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class BinderTest : public ClientTest {
+ protected:
+  BinderTest() : ClientTest("IDelegateService") {}
+
+  // Blocks as the constructor does.
+  std::unique_ptr<Binder> bind(bool android = false) {
+    return std::make_unique<Binder>(m_runtime, "clock", android, [this] { ++m_reconnects; });
+  }
+
+  int m_reconnects = 0;
+};
+
+TEST_F(BinderTest, AServiceThatAppearsLateIsBoundAtTheThirdAttempt) {
+  m_vesk.add_service("clock");
+  m_vesk.refuse_binds("clock", 2, -111);
+  EXPECT_TRUE(bind(true)->good());
+  EXPECT_THAT(m_clock.sleeps(), ElementsAre(2, 4));
+  EXPECT_THAT(
+      m_log.take(),
+      ElementsAre("I bind_to_service:Binding to service: clock",
+                  "E bind_to_android_service:Failed to bind to clock with error -111",
+                  "E bind_to_service:Failed to connect to service (clock), retrying in 2s (300s remaining)",
+                  "E bind_to_android_service:Failed to bind to clock with error -111",
+                  "E bind_to_service:Failed to connect to service (clock), retrying in 4s (298s remaining)",
+                  "I bind_to_android_service:Bound to service: clock", "I bind_to_service:Bound to service: clock"));
+  EXPECT_EQ(m_vesk.live(), Live{});
+}
+
+TEST_F(BinderTest, ReadinessIsPolledOnlyUntilItIsThere) {
+  m_vesk.add_service("clock");
+  EXPECT_TRUE(bind()->good());
+  EXPECT_THAT(m_clock.sleeps(), IsEmpty());
+  EXPECT_THAT(m_log.take(), ElementsAre("I bind_to_service:Binding to service: clock",
+                                        "I service_bind_callback:Received service_bind_callback from: clock",
+                                        "I bind_to_orvel_service:Bound to service clock, waiting for service readiness",
+                                        "I bind_to_orvel_service:Bound service clock is now ready",
+                                        "I bind_to_service:Bound to service: clock"));
+  m_vesk.kill_service("clock");
+  m_clock.at_sleep(3, [this] { m_vesk.add_service("clock"); });
+  EXPECT_TRUE(bind()->good());
+  EXPECT_THAT(m_clock.sleeps(), ElementsAre(2, 2, 2));
+  EXPECT_EQ(m_log.take("W").back(),
+            "W bind_to_orvel_service:Service clock is not ready yet, retrying in 2 seconds (attempt 3/10)");
+}
+
+TEST_F(BinderTest, LateBindCallbackTouchesNoFreedContext) {
+  m_vesk.add_service("clock");
+  m_vesk.hold_binds("clock");
+  EXPECT_EQ(bind_to_orvel_service(m_runtime, "clock"), nullptr);
+  EXPECT_EQ(m_clock.sleeps(), std::vector<long long>(10, 2));
+  EXPECT_EQ(m_log.take().back(), "E bind_to_orvel_service:Bound service clock is not ready after timeout");
+  m_vesk.complete_binds("clock");
+  EXPECT_THAT(m_log.take(), ElementsAre("I service_bind_callback:Received service_bind_callback from: clock"));
+  EXPECT_EQ(m_vesk.live(), Live{}) << "nobody else can drop the reference that came late";
+}
+
+TEST_F(BinderTest, AServiceThatCannotBeWatchedIsNotKept) {
+  m_vesk.add_service("clock");
+  m_vesk.fail_once("vesk_handle_link_to_death");
+  const auto binder = bind();
+  EXPECT_FALSE(binder->good());
+  EXPECT_EQ(m_log.take().back(),
+            "E bind_to_service:Failed to register death callback, service (clock) has likely died");
+  EXPECT_EQ(m_vesk.live(), Live{});
+}
+
+TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
+  m_vesk.add_service("clock");
+  const auto binder = bind();
+  for (int death = 1; death <= 3; ++death) {
+    m_log.take();
+    m_vesk.kill_service("clock");
+    m_clock.at_sleep(1, [&] {
+      EXPECT_EQ(binder->call("i", 1), nullptr) << "calls fail at once during a rebind";
+      m_vesk.add_service("clock");
+    });
+    m_vesk.run_pending();
+    EXPECT_TRUE(binder->good());
+    EXPECT_EQ(m_reconnects, death);
+    const Lines log = m_log.take();
+    EXPECT_EQ(log.front(), "E on_binder_died:Service (clock) has died, re-establishing binder connection");
+    EXPECT_EQ(log.back(), "I on_binder_died:Death callback completed");
+  }
+  EXPECT_THAT(m_clock.sleeps(), ElementsAre(6, 6, 6));
+  EXPECT_EQ(m_vesk.live().death_references, 1);
+  EXPECT_EQ(m_vesk.live().handle_references, 2) << "the lookup's and the wrapper's";
+}
+
+TEST_F(BinderTest, AListenerMayDropTheLastReferenceToItself) {
+  bool ran_to_its_end = false;
+  vesk::IpcDeathCallback* callback = nullptr;
+  callback = new vesk::IpcDeathCallback([&callback, &ran_to_its_end] {
+    callback->release();
+    ran_to_its_end = true;  // through a capture that must still be there
+  });
+  callback->acquire();
+  vesk::IpcDeathCallback::on_death(m_runtime, callback->record(), nullptr);
+  EXPECT_TRUE(ran_to_its_end);
+}
+
+TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
+  m_vesk.add_service("clock");
+  const auto binder = bind(true);
+  m_vesk.kill_service("clock");
+  m_vesk.run_pending();
+  EXPECT_THAT(m_clock.sleeps(), ElementsAre(6, 2, 4, 8, 16, 32, 60, 60, 60, 60));
+  EXPECT_EQ(m_vesk.uses("vesk_binder_servicemanager_get"), 1 + 9) << "no attempt after the last sleep";
+  const Lines log = m_log.take();
+  EXPECT_EQ(log.end()[-2], "E bind_to_service:Giving up connecting to service (clock) after 300s timeout");
+  EXPECT_EQ(log.end()[-1], "E on_binder_died:Failed to reconnect to service (clock), death callback completed");
+  EXPECT_EQ(m_reconnects, 0);
+  EXPECT_EQ(m_vesk.live(), Live{});
+
+  EXPECT_EQ(transact(*binder, "i", 1, no_arguments, replied), std::nullopt);
+  EXPECT_THAT(m_log.take(), IsEmpty());
+  EXPECT_EQ(binder->call("i", 1), nullptr);
+  EXPECT_THAT(m_log.take(), ElementsAre("E call:Binder is not initialized"));
+  EXPECT_EQ(m_vesk.uses("vesk_payload_alloc"), 0);
+}
+
+TEST_F(BinderTest, WaitsStayInterruptedUntilTheLastInterruptEnds) {
+  m_clock.stop();
+  std::thread waiter([this] { EXPECT_FALSE(bind()->good()); });
+  m_clock.wait_for_sleeper();
+  auto first = std::make_unique<waiting::Interrupt>();
+  const waiting::Interrupt second;
+  waiter.join();
+  first.reset();
+  EXPECT_FALSE(bind(true)->good());
+  EXPECT_EQ(m_clock.sleeps().size(), 1U);
+}
+
+TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
+  const struct {
+    const char* operation;  // that fails
+    Bytes reply;
+    Lines log;
+    int calls;  // that leave the process
+  } rows[] = {
+      {"vesk_payload_alloc", {}, {"E call:Failed to alloc payload"}, 0},
+      {"vesk_buffer_alloc", {}, {"E call:Failed to alloc buffer"}, 0},
+      {"vesk_write_i32", {}, {"E call:Serialize payload failed with error -5"}, 0},
+      {"vesk_call", {}, {"E call:VESK call failed with error -5"}, 1},
+      {"",
+       Bytes().i32(-3).utf16("bad key").i32(1).utf16("at put").utf16("value"),
+       {"E exceptionOccurred:Received error: -3 [bad key]", "E exceptionOccurred:Stack Trace: at put",
+        "E call:Exception occurred in VESK call"},
+       1},
+      {"",
+       Bytes().i32(1).utf16("x").i32(0).utf16("not a trace"),
+       {"E exceptionOccurred:Received error: 1 [x]", "E call:Exception occurred in VESK call"},
+       1},
+      {"", Bytes().i32(-1), {"E exceptionOccurred:Received error: -1 []", "E call:Exception occurred in VESK call"}, 1},
+      {"", {}, {}, 1},
+  };
+  m_vesk.add_service("clock");
+  const auto binder = bind();
+  for (const auto& row : rows) {
+    answer("clock", row.reply);
+    m_vesk.fail_once(row.operation, 1, -5);
+    m_log.take();
+    const int calls = m_vesk.uses("vesk_call");
+    EXPECT_EQ(transact(*binder, "i", 1, no_arguments, String::read), "");
+    EXPECT_EQ(m_log.take(), row.log);
+    EXPECT_EQ(m_vesk.uses("vesk_call") - calls, row.calls);
+    EXPECT_EQ(messages(), 0);
+  }
+  EXPECT_THROW((void)binder->call("i", 1, RequestWriter()), std::bad_function_call);
+  binder->done();
+  binder->done();
+  EXPECT_NE(binder->call("i", 1), nullptr) << "what was thrown must leave no lock behind";
+}
+
+TEST_F(BinderTest, ACallThatFollowsAnUnfinishedOneLeavesItsPairAlone) {
+  m_vesk.add_service("clock");
+  auto binder = bind();
+  vesk_payload* unfinished = nullptr;
+  vesk_buffer* reply = binder->call("i", 1, [&](vesk_payload* payload) { unfinished = payload; });
+  EXPECT_NE(binder->call("i", 2), reply);
+  binder.reset();
+  EXPECT_EQ(messages(), 2);
+  vesk_payload_free(unfinished);
+  vesk_buffer_free(reply);
+}
+
+TEST_F(BinderTest, AReplyIsReadBeforeAnotherThreadEndsItsOwnCall) {
+  m_vesk.add_service("clock", [](const Transaction& call) { return Reply{Bytes().i32(0).i32(int(call.code)), 0}; });
+  const auto binder = bind();
+  const auto read = [](vesk_buffer* reply) {
+    std::this_thread::yield();  // lets the other one in, if anything does
+    return Int32::read(reply);
+  };
+  const auto ask = [&](unsigned code) {
+    for (int n = 0; n < 500; ++n) EXPECT_EQ(transact(*binder, "i", code, no_arguments, read), int(code));
+  };
+  std::thread other(ask, 1);
+  ask(2);
+  other.join();
+}
+
+}  // namespace
+}  // namespace orvel::test

@@ -1,0 +1,34 @@
+// What reaches the Android log, and how.
+#include "binder/OrvelLogger.h"
+
+#include <stdexcept>
+
+#include "support/ClientTest.h"
+
+namespace orvel::service_apis {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(OrvelLogger, EachLevelHasItsPriorityAndTheTagBeginsWithTheLibrary) {
+  test::LogRecorder log("Module");
+  const OrvelLogger original("Module");
+  const OrvelLogger logger(original);  // NOLINT(performance-unnecessary-copy-initialization)
+  logger.v("%s:%d", "f", 1);
+  logger.d("%s:%d", "f", 2);
+  logger.i("%s:%d", "f", 3);
+  logger.w("%s:%d", "f", 4);
+  OrvelLogger("").e("%s:%d", "f", 5);
+  EXPECT_THAT(log.take(), ElementsAre("V f:1", "D f:2", "I f:3", "W f:4", "E OrvelDelegateClient: f:5"));
+  const std::runtime_error error("because");
+  logger.v(std::string("no"), error);
+  logger.d(std::string("no"), error);
+  logger.i(std::string("no"), error);
+  logger.w(std::string("no"), error);
+  logger.e(std::string("100%s"), error);
+  EXPECT_THAT(log.take(),
+              ElementsAre("V no: because", "D no: because", "I no: because", "W no: because", "E 100%s: because"));
+}
+
+}  // namespace
+}  // namespace orvel::service_apis

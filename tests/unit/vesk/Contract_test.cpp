@@ -1,0 +1,578 @@
+// What callers of libvesk rely on. One source, two programs: linked with FakeVesk and with the host runtime, so that
+// what the unit tests stand on cannot drift from the real thing.
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "VeskTest.h"
+#include "support/Bytes.h"
+#include "support/Callbacks.h"
+#include "support/Peer.h"
+#include "support/RunLoop.h"
+#include "vesk/vesk.h"
+
+namespace orvel::test {
+namespace {
+
+using Contract = VeskTest;
+
+// ---- Runtime ----
+
+// Constructed before the runtime is used and so destroyed after it, in the same way as a static client.
+struct UsesRuntimeAtExit {
+  ~UsesRuntimeAtExit() {
+    if (runtime == nullptr) return;
+    vesk_shutdown(runtime);
+    if (vesk_run_loop(runtime) != 0) std::_Exit(99);
+  }
+  void* runtime = nullptr;
+} at_exit;
+
+TEST_F(Contract, RuntimeIsTheSameAfterAShutdownAndInStaticDestructors) {
+  at_exit.runtime = m_runtime;
+  vesk_shutdown(m_runtime);
+  void* again = nullptr;
+  EXPECT_EQ(vesk_get_runtime(&again), 0);
+  EXPECT_EQ(again, m_runtime);
+}
+
+TEST_F(Contract, ShutdownEndsTheLoopAfterTheCallbackInProgressAndTheRestWaits) {
+  std::promise<void> entered, leave;
+  Inbox& inbox = new_inbox("message", [&](int number) {
+    if (number > 0) return;
+    entered.set_value();
+    leave.get_future().wait();
+  });
+  const vesk_handle peer = lookup();
+  keep(peer, inbox);
+  call(peer, kSend, 2);
+  std::thread loop([&] {
+    EXPECT_EQ(vesk_run_loop(m_runtime), 0);
+    m_log.add("returned");
+  });
+  entered.get_future().wait();
+  EXPECT_NE(vesk_run_loop(m_runtime), 0) << "one thread at a time";
+  EXPECT_EQ(vesk_shutdown(m_runtime), 0);
+  leave.set_value();
+  loop.join();
+  EXPECT_EQ(vesk_run_loop(m_runtime), 0) << "a loop entered later returns at once";
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"message 0", "returned"}));
+  EXPECT_EQ(vesk_get_runtime(&m_runtime), 0);
+  const RunLoop again(m_runtime);
+  EXPECT_EQ(m_log.wait_for(3), (Entries{"message 0", "returned", "message 1"}));
+}
+
+TEST_F(Contract, ShutdownFailsCallsInProgressAndNewOnes) {
+  const vesk_handle peer = lookup();
+  std::future<int> hanging = hanging_call(lookup());
+  vesk_shutdown(m_runtime);
+  const int error = hanging.get();
+  EXPECT_TRUE(error != 0 && error != -ETIMEDOUT) << error;
+  EXPECT_NE(call(peer, kEcho).error, 0);
+  vesk_get_runtime(&m_runtime);
+  EXPECT_EQ(call(lookup(), kEcho, 5).words, Words{5});
+}
+
+TEST_F(Contract, ShutdownWithdrawsNamesAndDropsPendingBinds) {
+  Inbox& inbox = new_inbox("message");
+  Bind& dropped = new_bind("dropped");
+  Bind& kept = new_bind("kept");
+  Bind& marker = new_bind("marker");
+  EXPECT_EQ(publish("contract.name", inbox), 0);
+  EXPECT_EQ(bind("late", dropped), 0);
+  vesk_shutdown(m_runtime);
+  EXPECT_EQ(inbox.references.now(), 0);
+
+  vesk_get_runtime(&m_runtime);
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(lookup(), kAskName, 1, "contract.name").words, Words{1}) << "the name is still served";
+  bind("late", kept);
+  bind("later", marker);
+  const Peer late("late");
+  m_log.wait_for(1);
+  const Peer later("later");
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound kept", "bound marker"}));
+}
+
+TEST_F(Contract, ShutdownWaitsForABindCallbackThatRuns) {
+  const vesk_handle peer = lookup();
+  std::promise<void> entered, leave;
+  std::atomic<bool> left{false};
+  Bind& slow = new_bind("slow", [&] {
+    entered.set_value();
+    leave.get_future().wait();
+    left = true;
+  });
+  std::thread binder([&] { bind(m_peer.name(), slow); });
+  entered.get_future().wait();
+  std::thread stopper([&] {
+    vesk_shutdown(m_runtime);
+    EXPECT_TRUE(left);
+  });
+  while (call(peer, kEcho).error == 0) std::this_thread::yield();  // until the shutdown has begun
+  leave.set_value();
+  stopper.join();
+  binder.join();
+
+  Bind& stopping = new_bind("stopping", [&] { vesk_shutdown(m_runtime); });
+  bind(m_peer.name(), stopping);  // returns: from inside a bind callback there is nothing to wait for
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound slow", "bound stopping"}));
+}
+
+TEST_F(Contract, EverythingButCallsGoesOnAfterAShutdown) {
+  Inbox& inbox = new_inbox("message");
+  Mourner& mourner = new_mourner("peer");
+  Bind& bound = new_bind("peer");
+  const vesk_handle peer = lookup();
+  vesk_shutdown(m_runtime);
+  EXPECT_TRUE(valid(peer));
+  EXPECT_EQ(acquire(peer), 0);
+  EXPECT_EQ(link(peer, mourner), 0);
+  EXPECT_EQ(unlink(peer, mourner), 0);
+  EXPECT_EQ(release(peer), 0);
+  EXPECT_EQ(unbind(peer), 0);
+  EXPECT_FALSE(valid(peer));
+  EXPECT_EQ(bind(m_peer.name(), bound), 0);
+  EXPECT_TRUE(valid(bound.handle));
+  EXPECT_EQ(publish("contract.name", inbox), 0);
+  EXPECT_EQ(vesk_shutdown(m_runtime), 0);
+  EXPECT_EQ(inbox.references.now(), 0);
+}
+
+// ---- Threads and order ----
+
+TEST_F(Contract, MessagesThenTheDeathNoticeInOrderOnTheRunLoopThread) {
+  Inbox& inbox = new_inbox("message");
+  Mourner& mourner = new_mourner("peer");
+  const vesk_handle peer = lookup();
+  keep(peer, inbox);
+  link(peer, mourner);
+  call(peer, kSend, 3);
+  m_peer.kill();
+  EXPECT_EQ(m_log.wait_for(0), Entries{}) << "before the loop runs everything waits";
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(m_log.wait_for(4), (Entries{"message 0", "message 1", "message 2", "peer died"}));
+  EXPECT_EQ(inbox.thread, loop.thread());
+  EXPECT_EQ(mourner.thread, loop.thread());
+  EXPECT_TRUE(inbox.references.wait_for(0)) << "what a dead peer held is released";
+}
+
+TEST_F(Contract, TheRunLoopThreadItselfBindsCallsAndSendsEndpoints) {
+  Peer other("other");
+  Inbox& inbox = new_inbox("message");
+  Bind& rebind = new_bind("other");
+  Mourner& mourner = new_mourner("peer", [&] {
+    EXPECT_EQ(bind(other.name(), rebind), 0);
+    keep(rebind.handle, inbox);
+    EXPECT_EQ(call(rebind.handle, kSend, 1).error, 0);
+  });
+  link(lookup(), mourner);
+  const RunLoop loop(m_runtime);
+  m_peer.kill();
+  EXPECT_EQ(m_log.wait_for(3), (Entries{"peer died", "bound other", "message 0"}));
+  EXPECT_EQ(unbind(rebind.handle), 0);
+}
+
+TEST_F(Contract, NoCallbackRunsUnderALock) {
+  const Peer other("other");
+  const vesk_handle alive = lookup(other.name());
+  const auto use = [&] {
+    EXPECT_EQ(call(alive, kEcho).error, 0);
+    EXPECT_TRUE(valid(alive));
+    vesk_handle more{};
+    EXPECT_EQ(vesk_binder_servicemanager_get(m_runtime, other.name(), &more), 0);
+    EXPECT_EQ(unbind(more), 0);
+  };
+  Inbox& inbox = new_inbox("message", [&](int) { use(); });
+  Mourner& mourner = new_mourner("peer", use);
+  Mourner& unlinked = new_mourner("unlinked");
+  Bind& bound = new_bind("peer", use);
+  inbox.references.on_change = mourner.references.on_change = unlinked.references.on_change = use;
+  const RunLoop loop(m_runtime);
+  bind(m_peer.name(), bound);
+  keep(bound.handle, inbox);
+  EXPECT_EQ(publish("contract.name", inbox), 0);
+  EXPECT_EQ(publish("contract.name", inbox), 0);
+  link(bound.handle, mourner);
+  link(bound.handle, unlinked);
+  unlink(bound.handle, unlinked);
+  EXPECT_EQ(call(bound.handle, kAsk, 1).words, (Words{0, 101}));
+  m_peer.kill();
+  EXPECT_EQ(m_log.wait_for(3), (Entries{"bound peer", "message 1", "peer died"}));
+  EXPECT_TRUE(inbox.references.wait_for(1));
+  EXPECT_TRUE(mourner.references.wait_for(0));
+  inbox.references.on_change = {};  // what it calls fails once the loop is shut down
+}
+
+TEST_F(Contract, WhatACallbackThrowsStopsNothing) {
+  const Peer other("other");
+  const auto fail = [](int number = 0) {
+    if (number != 7) throw std::runtime_error("thrown by a callback");
+  };
+  Inbox& inbox = new_inbox("message", fail);
+  Mourner& mourner = new_mourner("peer", fail);
+  Mourner& next = new_mourner("next");
+  Bind& bound = new_bind("peer", fail);
+  inbox.references.throws = mourner.references.throws = true;
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(bind(m_peer.name(), bound), 0);
+  keep(bound.handle, inbox);
+  EXPECT_EQ(call(bound.handle, kSend, 1).error, 0);
+  EXPECT_EQ(call(bound.handle, kAsk, 1).words, Words{1}) << "a two-way call fails";
+  EXPECT_EQ(call(bound.handle, kAsk, 7).words, (Words{0, 107})) << "and the next does not";
+  link(bound.handle, mourner);
+  link(bound.handle, next);
+  m_peer.kill();
+  EXPECT_EQ(m_log.wait_for(6).size(), 6U);
+  EXPECT_TRUE(mourner.references.wait_for(0));
+}
+
+// ---- Binding and handles ----
+
+TEST_F(Contract, BindsWhatRunsAtOnceAndTheRestWhenItAppears) {
+  Bind& now = new_bind("now");
+  Bind& late = new_bind("late");
+  EXPECT_EQ(bind("late", late), 0);
+  EXPECT_EQ(bind(m_peer.name(), now), 0);
+  EXPECT_EQ(m_log.wait_for(0), Entries{"bound now"}) << "before vesk_service_bind returned";
+  vesk_handle none = vesk_invalid_handle();
+  EXPECT_NE(vesk_binder_servicemanager_get(m_runtime, "late", &none), 0) << "answers at once";
+  const Peer appeared("late");
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound now", "bound late"}));
+  EXPECT_EQ(call(late.handle, kEcho, 3).words, Words{3});
+}
+
+TEST_F(Contract, OnlyHandlesWithReferencesAreValidAndNoneComesBack) {
+  std::set<std::pair<unsigned, unsigned>> used;
+  for (const vesk_handle handle : {vesk_handle{}, vesk_invalid_handle(), vesk_handle{{12345, 67890}}}) {
+    EXPECT_FALSE(valid(handle)) << handle.words[0] << ' ' << handle.words[1];
+  }
+  for (int n = 0; n < 5; ++n) {
+    const vesk_handle handle = lookup();
+    EXPECT_TRUE(valid(handle));
+    EXPECT_TRUE(used.emplace(handle.words[0], handle.words[1]).second);
+    EXPECT_EQ(acquire(handle), 0);
+    EXPECT_EQ(unbind(handle), 0);
+    EXPECT_TRUE(valid(handle)) << "one reference is left";
+    EXPECT_EQ(call(handle, kEcho, n).words, Words{n});
+    EXPECT_EQ(release(handle), 0);
+    EXPECT_FALSE(valid(handle));
+    EXPECT_NE(call(handle, kEcho).error, 0);
+  }
+}
+
+TEST_F(Contract, TheLookupsReferenceEndsWithTheService) {
+  const vesk_handle peer = lookup();
+  Mourner& mourner = new_mourner("peer");
+  acquire(peer);
+  link(peer, mourner);
+  const RunLoop loop(m_runtime);
+  m_peer.kill();
+  m_log.wait_for(1);
+  EXPECT_TRUE(mourner.references.wait_for(0));
+  EXPECT_TRUE(valid(peer));
+  release(peer);
+  EXPECT_FALSE(valid(peer));
+  release(peer), unbind(peer);  // harmless
+}
+
+TEST_F(Contract, NoDeathFallsBetweenALookupAndItsLink) {
+  Mourner& marker = new_mourner("marker");
+  std::vector<vesk_handle> late;
+  for (int n = 0; n < 8; ++n) late.push_back(lookup());
+  link(lookup(), marker);
+  const RunLoop loop(m_runtime);
+  m_peer.kill();
+  m_log.wait_for(1);  // most of the other connections have ended by now as well
+  Entries heard{"marker died"};
+  for (const vesk_handle handle : late) {
+    Mourner& mourner = new_mourner("late");
+    ASSERT_EQ(link(handle, mourner), 0);
+    heard.emplace_back("late died");
+    EXPECT_EQ(m_log.wait_for(heard.size()), heard);
+    EXPECT_EQ(mourner.handle.words[0], handle.words[0]);
+    EXPECT_EQ(mourner.handle.words[1], handle.words[1]);
+    EXPECT_TRUE(mourner.references.wait_for(0));
+  }
+}
+
+TEST_F(Contract, OnlyALinkKeepsAReferenceToItsCallback) {
+  const vesk_handle peer = lookup();
+  Mourner& linked = new_mourner("linked");
+  Mourner& other = new_mourner("other");
+  EXPECT_NE(link(vesk_invalid_handle(), linked), 0);
+  EXPECT_EQ(linked.references.now(), 0);
+  EXPECT_EQ(link(peer, linked), 0);
+  EXPECT_EQ(linked.references.now(), 1);
+  unlink(peer, other);
+  EXPECT_EQ(other.references.now(), 0) << "unlinking what is not linked";
+  unlink(peer, linked);
+  unlink(peer, linked);
+  EXPECT_EQ(linked.references.now(), 0);
+  link(peer, linked);
+  unbind(peer);
+  EXPECT_EQ(linked.references.now(), 0) << "the links end with the handle";
+}
+
+TEST_F(Contract, AnUnlinkedCallbackHearsNothingAlsoWhenItsNoticeIsQueued) {
+  const vesk_handle peer = lookup();
+  Mourner& before = new_mourner("before");
+  Mourner& queued = new_mourner("queued");
+  Mourner& marker = new_mourner("marker");
+  Mourner& unlinker = new_mourner("unlinker", [&] { unlink(peer, queued); });
+  for (Mourner* mourner : {&before, &before, &unlinker, &queued, &marker}) link(peer, *mourner);
+  m_peer.kill();
+  EXPECT_NE(call(peer, kEcho).error, 0);  // the death is known ...
+  unlink(peer, before);                   // ... and its notice waits for the loop
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"unlinker died", "marker died"}));
+  for (Mourner* mourner : {&before, &unlinker, &queued, &marker}) EXPECT_TRUE(mourner->references.wait_for(0));
+}
+
+// ---- Calls ----
+
+TEST_F(Contract, CallsOfADeadOrDyingServiceFailAtOnce) {
+  const vesk_handle peer = lookup();
+  std::future<int> hanging = hanging_call(lookup());
+  m_peer.kill();
+  const int error = hanging.get();
+  EXPECT_TRUE(error != 0 && error != -ETIMEDOUT) << error;
+  EXPECT_NE(call(peer, kEcho).error, 0);
+  const Peer next("next");
+  const int died = call(lookup(next.name()), kDie).error;
+  EXPECT_TRUE(died != 0 && died != -ETIMEDOUT) << died;
+}
+
+TEST_F(Contract, ALateReplyIsNotTakenForAnother) {
+  const vesk_handle peer = lookup();
+  std::future<int> hanging = hanging_call(peer);
+  m_peer.pass_call_limit();
+  EXPECT_EQ(hanging.get(), -ETIMEDOUT);
+  EXPECT_NE(call(peer, kEcho, 1).error, 0) << "its connection is closed";
+  EXPECT_EQ(call(lookup(), kEcho, 2).words, Words{2});  // the peer answers the first call before this one
+}
+
+TEST_F(Contract, AnErrorAnswerLeavesTheConnectionGood) {
+  const vesk_handle peer = lookup();
+  EXPECT_NE(call(peer, kFail).error, 0);
+  EXPECT_EQ(call(peer, kEcho, 4).words, Words{4});
+}
+
+// ---- Endpoint references ----
+
+TEST_F(Contract, AFailedCallDropsItsEndpointsAndAGoodOneHandsThemOver) {
+  Inbox& inbox = new_inbox("message");
+  {
+    const PayloadPtr unsent(vesk_payload_alloc());
+    EXPECT_EQ(vesk_write_endpoint(unsent.get(), &inbox.endpoint), 0);
+    EXPECT_EQ(inbox.references.now(), 1) << "taken when written";
+  }
+  EXPECT_EQ(inbox.references.now(), 0) << "a payload that was never sent";
+  const Peer doomed("doomed");
+  const vesk_handle peer = lookup(), dying = lookup(doomed.name());
+  const std::pair<vesk_handle, unsigned> failing[] = {
+      {vesk_invalid_handle(), kKeep}, {peer, kFail}, {dying, kDie}, {dying, kKeep}};
+  for (const auto& [handle, code] : failing) {
+    EXPECT_NE(call(handle, code, 0, nullptr, &inbox.endpoint).error, 0);
+    EXPECT_EQ(inbox.references.now(), 0) << code;
+  }
+  keep(peer, inbox);
+  EXPECT_EQ(inbox.references.now(), 1);
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(peer, kAsk, 5).words, (Words{0, 105}));
+  call(peer, kLetGo);
+  EXPECT_TRUE(inbox.references.wait_for(0));
+}
+
+TEST_F(Contract, LettingGoGivesBackNoMoreThanWasHeld) {
+  Inbox& inbox = new_inbox("message");
+  const vesk_handle peer = lookup();
+  keep(peer, inbox);
+  EXPECT_TRUE(keep(peer, inbox)) << "the same reference, counted twice";
+  call(peer, kLetGo);
+  call(peer, kLetGo);
+  keep(peer, inbox);  // sent before this side, whose loop does not run yet, hears of the letting go
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(peer, kAsk, 6).words, (Words{0, 106}));
+  call(peer, kLetGo);
+  EXPECT_TRUE(inbox.references.wait_for(0));
+}
+
+TEST_F(Contract, TheLastReferenceToAHandleTakesItsExportsAlong) {
+  for (const bool after_shutdown : {false, true}) {
+    Inbox& inbox = new_inbox("message");
+    const vesk_handle peer = lookup();
+    keep(peer, inbox);
+    if (after_shutdown) vesk_shutdown(m_runtime);
+    unbind(peer);
+    EXPECT_EQ(inbox.references.now(), 0) << "when vesk_service_unbind has returned";
+  }
+}
+
+TEST_F(Contract, AnEndpointOutlivesItsCallbackWhateverIsReleasedMeanwhile) {
+  std::promise<void> entered, leave;
+  std::atomic<bool> left{false};
+  const vesk_handle inner = lookup(), outer = lookup();
+  Inbox& from_inside = new_inbox("inside");
+  from_inside.then = [&](int) {
+    unbind(inner);
+    EXPECT_GT(from_inside.references.now(), 0);
+  };
+  Inbox& from_outside = new_inbox("outside");
+  from_outside.then = [&](int) {
+    entered.set_value();
+    leave.get_future().wait();
+    EXPECT_GT(from_outside.references.now(), 0);
+    left = true;
+  };
+  keep(inner, from_inside);
+  const RunLoop loop(m_runtime);
+  call(inner, kSend, 1);
+  EXPECT_TRUE(from_inside.references.wait_for(0));
+
+  keep(outer, from_outside);
+  call(outer, kSend, 1);
+  entered.get_future().wait();
+  std::thread releaser([&] {
+    unbind(outer);
+    EXPECT_TRUE(left && from_outside.references.now() == 0) << "released when vesk_service_unbind has returned";
+  });
+  while (valid(outer)) std::this_thread::yield();
+  leave.set_value();
+  releaser.join();
+}
+
+TEST_F(Contract, PublishingANameAgainReplacesItsEndpoint) {
+  std::promise<void> entered, leave;
+  Inbox& first = new_inbox("first");
+  first.then = [&](int) {
+    entered.set_value();
+    leave.get_future().wait();
+    EXPECT_GT(first.references.now(), 0) << "while its callback is in progress";
+  };
+  Inbox& second = new_inbox("second");
+  const vesk_handle peer = lookup();
+  EXPECT_EQ(publish("contract.name", first), 0);
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(peer, kSendToName, 1, "contract.name").error, 0);
+  entered.get_future().wait();
+  EXPECT_EQ(publish("contract.name", second), 0);
+  leave.set_value();
+  EXPECT_EQ(call(peer, kAskName, 2, "contract.name").words, (Words{0, 102}));
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"first 1", "second 2"}));
+  EXPECT_TRUE(first.references.wait_for(0));
+  EXPECT_NE(publish(m_peer.name(), second), 0) << "a live process serves it";
+  EXPECT_EQ(second.references.now(), 1);
+}
+
+// ---- Values ----
+
+TEST_F(Contract, ValuesHaveTheseBytesAndArriveWithThem) {
+  using Write = std::function<void(vesk_payload*)>;
+  const auto text = [](const char* utf8) -> Write {
+    return [utf8](vesk_payload* payload) { vesk_write_utf16_cstring(payload, utf8); };
+  };
+  const std::pair<Write, Bytes> rows[] = {
+      {[](auto* payload) { vesk_write_i32(payload, -2); }, Bytes().raw({0xFE, 0xFF, 0xFF, 0xFF})},
+      {[](auto* payload) { vesk_write_i64(payload, 0x0102030405060708); }, Bytes().raw({8, 7, 6, 5, 4, 3, 2, 1})},
+      {[](auto* payload) { vesk_write_f64(payload, -2.5); }, Bytes().raw({0, 0, 0, 0, 0, 0, 4, 0xC0})},
+      {[](auto* payload) { vesk_write_array_length(payload, -1); }, Bytes().raw({0xFF, 0xFF, 0xFF, 0xFF})},
+      {text(""), Bytes().raw({0, 0, 0, 0, 0, 0, 0, 0})},
+      {text("a"), Bytes().raw({1, 0, 0, 0, 'a', 0, 0, 0})},
+      {text("ab"), Bytes().raw({2, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0})},
+      {text("\u20AC\U0001F600"), Bytes().raw({3, 0, 0, 0, 0xAC, 0x20, 0x3D, 0xD8, 0, 0xDE, 0, 0})},
+      {text("\xFF\xC0z"), Bytes().raw({3, 0, 0, 0, 0xFD, 0xFF, 0xFD, 0xFF, 'z', 0, 0, 0})},
+      {[](auto* payload) {
+         vesk_write_i32(payload, 0);
+         vesk_write_i32(payload, 1);
+         vesk_payload_set_position(payload, 0);
+         vesk_write_i32(payload, 9);
+       },
+       Bytes().raw({9, 0, 0, 0, 1, 0, 0, 0})},
+  };
+  vesk_handle peer = lookup();
+  for (const auto& [write, bytes] : rows) {
+    const PayloadPtr payload(vesk_payload_alloc());
+    write(payload.get());
+    EXPECT_EQ(bytes_of(payload.get()), bytes);
+    const BufferPtr reply(vesk_buffer_alloc());
+    EXPECT_EQ(vesk_call(m_runtime, &peer, kEcho, payload.get(), reply.get()), 0);
+    const PayloadPtr arrived(vesk_payload_alloc());
+    while (vesk_buffer_remaining(reply.get()) > 0) vesk_write_i32(arrived.get(), vesk_read_i32(reply.get()));
+    EXPECT_EQ(bytes_of(arrived.get()), bytes);
+  }
+}
+
+TEST(Values, ReadingPastTheEndIsStickyAndGivesNothing) {
+  unsigned length = 99;
+  const BufferPtr whole = buffer_of(Bytes().i64(-3).f64(0.5).null().utf16("ab").i32(4));
+  EXPECT_EQ(vesk_read_i64(whole.get()), -3);
+  EXPECT_EQ(vesk_read_f64(whole.get()), 0.5);
+  EXPECT_EQ(vesk_read_utf16_string(whole.get(), &length), nullptr) << "a null string";
+  EXPECT_EQ(length, 0U);
+  const std::uint16_t* text = vesk_read_utf16_string(whole.get(), &length);
+  EXPECT_EQ(std::u16string(text, text + length + 1), std::u16string(u"ab\0", 3));
+  EXPECT_EQ(vesk_buffer_last_error(whole.get()), 0);
+
+  const BufferPtr damaged = buffer_of(Bytes().utf16("abc").cut(4).i32(0x40004));
+  length = 99;
+  EXPECT_EQ(vesk_read_i64(whole.get()), 0) << "only four bytes are left";
+  EXPECT_EQ(vesk_read_utf16_string(damaged.get(), &length), nullptr) << "the terminator is not where it should be";
+  EXPECT_EQ(length, 0U);
+  for (vesk_buffer* buffer : {whole.get(), damaged.get()}) {
+    EXPECT_NE(vesk_buffer_last_error(buffer), 0);
+    EXPECT_EQ(vesk_read_i32(buffer), 0) << "although four bytes are left";
+    EXPECT_EQ(vesk_read_array_length(buffer), 0);
+    EXPECT_EQ(vesk_read_f64(buffer), 0);
+  }
+}
+
+TEST(Values, AFailedWriteIsStickyAndNothingFollowsIt) {
+  using Step = int (*)(vesk_payload*);
+  const Step failing[] = {
+      [](vesk_payload* payload) { return vesk_write_utf16_cstring(payload, nullptr); },
+      [](vesk_payload* payload) { return vesk_payload_set_position(payload, 8); },
+      [](vesk_payload* payload) { return vesk_write_endpoint(payload, nullptr); },
+  };
+  for (const Step step : failing) {
+    const PayloadPtr payload(vesk_payload_alloc());
+    vesk_write_i32(payload.get(), 1);
+    EXPECT_EQ(vesk_payload_get_position(payload.get()), 4U);
+    EXPECT_EQ(vesk_payload_last_error(payload.get()), 0);
+    EXPECT_NE(step(payload.get()), 0);
+    EXPECT_NE(vesk_write_i32(payload.get(), 2), 0);
+    EXPECT_NE(vesk_payload_last_error(payload.get()), 0);
+    EXPECT_EQ(bytes_of(payload.get()), Bytes().i32(1));
+  }
+}
+
+TEST(Values, NullMessagesAreHarmless) {
+  unsigned length = 99;
+  vesk_endpoint endpoint{&Inbox::kFunctions, nullptr};
+  for (const int error : {vesk_write_i32(nullptr, 1), vesk_write_i64(nullptr, 1), vesk_write_f64(nullptr, 1),
+                          vesk_write_utf16_cstring(nullptr, "a"), vesk_write_array_length(nullptr, 1),
+                          vesk_write_endpoint(nullptr, &endpoint), vesk_payload_set_position(nullptr, 0),
+                          vesk_payload_last_error(nullptr), vesk_buffer_last_error(nullptr)}) {
+    EXPECT_NE(error, 0);
+  }
+  EXPECT_EQ(vesk_payload_get_position(nullptr), 0U);
+  EXPECT_EQ(vesk_read_i32(nullptr) + vesk_read_i64(nullptr) + vesk_read_array_length(nullptr), 0);
+  EXPECT_EQ(vesk_read_f64(nullptr), 0);
+  EXPECT_EQ(vesk_read_utf16_string(nullptr, &length), nullptr);
+  EXPECT_EQ(length, 0U);
+  vesk_payload_free(nullptr);
+  vesk_buffer_free(nullptr);
+  vesk_reply_done(nullptr, nullptr);
+}
+
+}  // namespace
+}  // namespace orvel::test

@@ -1,0 +1,362 @@
+// What the host runtime promises beyond the contract: peers that break every rule harm nobody else, and nothing is left
+// behind.
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-id128.h>
+
+#include "Support.h"
+#include "VeskTest.h"
+#include "support/Bytes.h"
+#include "support/Callbacks.h"
+#include "support/Peer.h"
+#include "support/RunLoop.h"
+#include "vesk/vesk_service.h"
+
+namespace orvel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::string_literals::operator""s;
+using vesk::check;
+using vesk::check_errno;
+using vesk::UniqueFd;
+
+struct CloseBus {
+  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+using BusPtr = std::unique_ptr<sd_bus, CloseBus>;
+
+BusPtr start_bus(UniqueFd socket, bool accepting) {
+  BusPtr bus;
+  sd_bus* raw = nullptr;
+  check(sd_bus_new(&raw));
+  bus.reset(raw);
+  if (accepting) check(sd_bus_set_server(raw, 1, sd_id128_t{}));
+  check(sd_bus_negotiate_fds(raw, 1));
+  check(sd_bus_set_fd(raw, socket.get(), socket.get()));
+  socket.release();
+  check(sd_bus_start(raw));
+  return bus;
+}
+
+// Whether the other side ends the connection. What it still sends is thrown away.
+bool is_dropped(int socket) {
+  char bytes[4096];
+  pollfd ready{socket, POLLIN, 0};
+  while (::poll(&ready, 1, 20'000) > 0) {
+    if (::recv(socket, bytes, sizeof(bytes), MSG_DONTWAIT) <= 0) return true;
+  }
+  return false;
+}
+
+class HostRuntime : public VeskTest {
+ protected:
+  // A socket that is bound to, or connected to, a file of the runtime directory.
+  using Attach = int (*)(int, const sockaddr*, socklen_t);
+  UniqueFd socket_at(Attach attach, const std::string& file) {
+    UniqueFd socket(check_errno(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (m_directory / file).string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    check_errno(attach(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+    return socket;
+  }
+  UniqueFd connect_raw() { return socket_at(::connect, fs::read_symlink(m_directory / m_peer.name())); }
+
+  // A service of this test's own making.
+  UniqueFd listen_as(const char* name, int backlog) {
+    const std::string file = ".socket-"s + name;
+    UniqueFd socket = socket_at(::bind, file);
+    check_errno(::listen(socket.get(), backlog));
+    fs::create_symlink(file, m_directory / name);
+    return socket;
+  }
+
+  // Those who had a connection before are served as ever, and so are those who come now.
+  void expect_others_are_served(const std::string& after) {
+    EXPECT_EQ(call(m_before, kEcho, 1).words, Words{1}) << after;
+    const vesk_handle now = lookup();
+    EXPECT_EQ(call(now, kEcho, 2).words, Words{2}) << after;
+    unbind(now);
+  }
+
+  const fs::path m_directory{vesk_runtime_directory()};
+  const vesk_handle m_before = lookup();
+};
+
+// ---- Clients that break the rules ----
+
+TEST_F(HostRuntime, AClientThatSendsNonsenseIsDroppedAndNobodyElseNotices) {
+  const std::string hello = "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"s;
+  struct {
+    std::string bytes;
+    bool dropped;
+  } const rows[] = {
+      {"", false},
+      {"\0AUTH EXT"s, false},
+      {hello, false},
+      {"GET / HTTP/1.1\r\n\r\n", true},
+      {hello + std::string(4096, '\xFF'), true},
+      // A header that announces a body of almost two gigabytes.
+      {hello + "l\1\0\1\xF0\xFF\xFF\x7F\1\0\0\0\0\0\0\0"s + std::string(4096, '\0'), true},
+  };
+  std::vector<UniqueFd> clients;
+  for (const auto& row : rows) {
+    const int socket = clients.emplace_back(connect_raw()).get();
+    EXPECT_EQ(::send(socket, row.bytes.data(), row.bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(row.bytes.size()));
+    EXPECT_TRUE(!row.dropped || is_dropped(socket)) << testing::PrintToString(row.bytes);
+    expect_others_are_served(testing::PrintToString(row.bytes));
+  }
+}
+
+constexpr char kPath[] = "/service/peer";
+
+// Sends a call without looking at what comes back.
+template <typename... Arguments>
+int post(sd_bus* bus, const char* path, const char* member, const char* types, Arguments... arguments) {
+  const auto ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
+  return sd_bus_call_method_async(bus, nullptr, nullptr, path, "vesk.Peer", member, ignore, nullptr, types,
+                                  arguments...);
+}
+
+TEST_F(HostRuntime, AClientThatBreaksTheProtocolIsDroppedAndNobodyElseNotices) {
+  using Send = std::function<int(sd_bus*)>;
+  const auto opened = [](const Send& send) -> Send {
+    return [send](sd_bus* bus) {
+      post(bus, kPath, "Open", "");
+      return send(bus);
+    };
+  };
+  const std::pair<const char*, Send> rows[] = {
+      {"a call before the name", [](sd_bus* bus) { return post(bus, kPath, "Call", "uay", kEcho, 1, 7); }},
+      {"a name that nobody serves", [](sd_bus* bus) { return post(bus, "/service/nobody", "Open", ""); }},
+      {"a second name", opened([](sd_bus* bus) { return post(bus, kPath, "Open", ""); })},
+      {"another path", opened([](sd_bus* bus) { return post(bus, "/service/other", "Call", "uay", kEcho, 0); })},
+      {"another method", opened([](sd_bus* bus) { return post(bus, kPath, "Shout", "uay", kEcho, 0); })},
+      {"another signature", opened([](sd_bus* bus) { return post(bus, kPath, "Call", "s", "text"); })},
+      {"endpoints without a channel",
+       opened([](sd_bus* bus) { return post(bus, kPath, "Call", "uayat", kKeep, 0, 1, std::uint64_t{1}); })},
+      {"a channel that is no socket", opened([](sd_bus* bus) {
+         const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+         return post(bus, kPath, "Call", "uayath", kKeep, 0, 1, std::uint64_t{1}, null.get());
+       })},
+      {"a channel on which nobody speaks", opened([](sd_bus* bus) {
+         int ends[2];
+         check_errno(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+         const UniqueFd mine(ends[0]), theirs(ends[1]);
+         return post(bus, kPath, "Call", "uayath", kKeep, 0, 1, std::uint64_t{1}, theirs.get());
+       })},
+      {"answers that nobody reads", opened([](sd_bus* bus) {
+         for (int n = 0; n < 200'000; ++n) {
+           if (post(bus, kPath, "Call", "uay", kEcho, 0) < 0 || sd_bus_flush(bus) < 0) return 0;  // dropped
+         }
+         return -EOVERFLOW;
+       })},
+  };
+  for (const auto& [what, send] : rows) {
+    const BusPtr client = start_bus(connect_raw(), false);
+    EXPECT_GE(send(client.get()), 0) << what;
+    sd_bus_flush(client.get());
+    EXPECT_TRUE(is_dropped(sd_bus_get_fd(client.get()))) << what;
+    expect_others_are_served(what);
+  }
+}
+
+TEST_F(HostRuntime, AFloodOfConnectionsShutsOutOnlyTheProcessItComesFrom) {
+  const Peer other("other");
+  const vesk_handle through_other = lookup(other.name());
+  std::vector<UniqueFd> flood;
+  for (int n = 0; n < 300; ++n) flood.push_back(connect_raw());
+  EXPECT_TRUE(is_dropped(flood.back().get()));
+  EXPECT_EQ(call(m_before, kEcho, 3).words, Words{3});
+  EXPECT_EQ(call(through_other, kAskName, 4, m_peer.name()).words, (Words{0, 104}));
+  flood.clear();
+  EXPECT_EQ(call(m_before, kEcho).error, 0);
+  expect_others_are_served("the flood");
+}
+
+TEST_F(HostRuntime, AReceiverThatDoesNotReadLosesOnlyItsOwnMessages) {
+  constexpr int kSent = 40'000;  // more than fit into the socket's buffer
+  Inbox& inbox = new_inbox("message");
+  const vesk_handle slow = lookup();
+  keep(slow, inbox);
+  EXPECT_EQ(call(slow, kSend, kSent).error, 0);
+  expect_others_are_served("messages that nobody reads");
+  const RunLoop loop(m_runtime);
+  while (call(slow, kAsk, -1).words != Words{0, 99}) std::this_thread::yield();  // until its queue has room again
+  const Entries received = m_log.wait_for(1);
+  ASSERT_GT(received.size(), 100U);
+  EXPECT_LT(received.size(), std::size_t{kSent});
+  for (std::size_t n = 0; n + 1 < received.size(); ++n) EXPECT_EQ(received[n], "message " + std::to_string(n));
+}
+
+// ---- Services that break the rules ----
+
+TEST_F(HostRuntime, AServiceThatAnswersWithNonsenseFailsOnlyItsOwnCalls) {
+  using Misbehave = std::function<void(sd_bus_message*)>;
+  const std::pair<const char*, Misbehave> rows[] = {
+      {"hangs up", [](sd_bus_message* call) { sd_bus_close(sd_bus_message_get_bus(call)); }},
+      {"an empty answer", [](sd_bus_message* call) { sd_bus_reply_method_return(call, ""); }},
+      {"an answer of another type", [](sd_bus_message* call) { sd_bus_reply_method_return(call, "s", "text"); }},
+      {"an error of sd-bus", [](sd_bus_message* call) { sd_bus_reply_method_errno(call, ENOENT, nullptr); }},
+      {"something else before the answer",
+       [](sd_bus_message* call) {
+         sd_bus_emit_signal(sd_bus_message_get_bus(call), "/", "vesk.Peer", "Noise", "");
+         sd_bus_reply_method_return(call, "iay", 0, 0);
+       }},
+  };
+  const UniqueFd listener = listen_as("rogue", 8);
+  for (const auto& [what, answer] : rows) {
+    const vesk_handle rogue = lookup("rogue");
+    auto result = std::async(std::launch::async, [&] { return call(rogue, kEcho).error; });
+    const BusPtr service = start_bus(UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)), true);
+    const auto on_message = [](sd_bus_message* message, void* row, sd_bus_error*) {
+      if (sd_bus_message_is_method_call(message, nullptr, "Call") > 0) (*static_cast<const Misbehave*>(row))(message);
+      return 1;
+    };
+    sd_bus_add_filter(service.get(), nullptr, on_message, const_cast<Misbehave*>(&answer));
+    while (sd_bus_process(service.get(), nullptr) >= 0) sd_bus_wait(service.get(), 20'000'000);  // until hung up on
+    const int error = result.get();
+    EXPECT_TRUE(error != 0 && error != -ETIMEDOUT) << what << ": " << error;
+    EXPECT_NE(call(rogue, kEcho).error, 0) << what;
+    expect_others_are_served(what);
+  }
+}
+
+TEST_F(HostRuntime, AServiceThatSaysNothingBlocksOnlyItsOwnCallers) {
+  const UniqueFd listener = listen_as("silent", 0);
+  const vesk_handle silent = lookup("silent");  // fills the backlog
+  Bind& refused = new_bind("refused");
+  EXPECT_NE(bind("silent", refused), 0) << "a bind never blocks";
+  auto result = std::async(std::launch::async, [&] { return call(silent, kEcho).error; });
+  expect_others_are_served("a service that says nothing");
+  EXPECT_EQ(result.get(), -ETIMEDOUT);
+
+  const UniqueFd garbled = listen_as("garbled", 8);
+  const vesk_handle handle = lookup("garbled");
+  const UniqueFd accepted(::accept4(garbled.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const std::string noise = "?\r\n?\r\n?\r\n";
+  EXPECT_GT(::send(accepted.get(), noise.data(), noise.size(), MSG_NOSIGNAL), 0);
+  const int error = call(handle, kEcho).error;
+  EXPECT_TRUE(error != 0 && error != -ETIMEDOUT) << error;
+}
+
+// ---- What is left behind, and where nothing is ----
+
+TEST_F(HostRuntime, DeathsLeaveNothingBehind) {
+  const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+  const RunLoop loop(m_runtime);
+  keep(m_before, new_inbox("marker"));
+  long before = 0;
+  for (int round = 0; round < 10; ++round) {
+    if (round == 1) before = descriptors();
+    Peer mortal("mortal");  // takes the place of the dead one
+    Inbox& inbox = new_inbox("message");
+    std::vector<vesk_handle> handles;
+    for (int n = 0; n < 10; ++n) {
+      vesk_handle& handle = handles.emplace_back();
+      ASSERT_EQ(vesk_binder_servicemanager_get(m_runtime, mortal.name(), &handle), 0);
+      keep(handle, inbox);
+      link(handle, new_mourner("mortal"));
+    }
+    mortal.kill();
+    for (Mourner& mourner : m_mourners) EXPECT_TRUE(mourner.references.wait_for(0));
+    EXPECT_TRUE(inbox.references.wait_for(0));
+    // The run loop answers this when it is through with the deaths.
+    EXPECT_EQ(call(m_before, kAsk, round).words, (Words{0, round + 100}));
+    for (const vesk_handle handle : handles) EXPECT_NE(call(handle, kEcho).error, 0);
+  }
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(HostRuntime, NamesAreEscapedAndBounded) {
+  const RunLoop loop(m_runtime);
+  Inbox& inbox = new_inbox("message");
+  const std::string longest(255, 'n');
+  for (const std::string& name : {"../outside"s, "a/b"s, ".hidden"s, "."s, "100%"s, "\xC3\xBC"s, longest}) {
+    EXPECT_EQ(publish(name.c_str(), inbox), 0) << name;
+    EXPECT_EQ(call(lookup(name.c_str()), kNews, 1).words, Words{101}) << name;
+  }
+  EXPECT_FALSE(fs::exists(fs::symlink_status(m_directory.parent_path() / "outside")));
+  EXPECT_EQ(publish("", inbox), -EINVAL);
+  EXPECT_EQ(publish((longest + 'n').c_str(), inbox), -ENAMETOOLONG);
+  EXPECT_EQ(inbox.references.now(), 7);
+}
+
+TEST_F(HostRuntime, AMessageThatIsTooLargeFailsAtItsSenderOnly) {
+  constexpr std::size_t kMostUnits = 4'194'301;  // with the length and the terminator exactly 8 MiB
+  vesk_handle peer = lookup();
+  for (const auto& [units, error] : {std::pair{kMostUnits, 0}, std::pair{kMostUnits + 1, -EMSGSIZE}}) {
+    const PayloadPtr request(vesk_payload_alloc());
+    const BufferPtr reply(vesk_buffer_alloc());
+    EXPECT_EQ(vesk_write_utf16_cstring(request.get(), std::string(units, 'u').c_str()), 0);
+    EXPECT_EQ(vesk_call(m_runtime, &peer, kNews, request.get(), reply.get()), error);
+  }
+  EXPECT_EQ(call(peer, kEcho, 6).words, Words{6});
+}
+
+TEST_F(HostRuntime, ItsOwnNameAnswersEveryThreadButTheRunLoops) {
+  Inbox& own = new_inbox("own");
+  EXPECT_EQ(publish("contract.own", own), 0);
+  const vesk_handle handle = lookup("contract.own");
+  Inbox& inbox = new_inbox("message", [&](int) { EXPECT_EQ(call(handle, kNews, 1).error, -EDEADLK); });
+  const RunLoop loop(m_runtime);
+  keep(m_before, inbox);
+  EXPECT_EQ(call(m_before, kAsk, 2).words, (Words{0, 102}));
+  EXPECT_EQ(call(handle, kNews, 3).words, Words{103});
+}
+
+TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
+  const auto child = [this] {
+    void* runtime = nullptr;
+    const bool fails = vesk_get_runtime(&runtime) == -EPERM && call(m_before, kEcho).error != 0 &&
+                       vesk_shutdown(m_runtime) == -EPERM && vesk_run_loop(m_runtime) == -EPERM;
+    ::_exit(fails ? 0 : 1);
+  };
+  EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+  EXPECT_EQ(call(m_before, kEcho, 7).words, Words{7}) << "the parent goes on";
+}
+
+TEST(HostRuntimeDeathTest, WithoutADeviceALineNamesTheDirectory) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: the directory is read once in each
+  const fs::path parent(std::getenv("ORVEL_RUNTIME_DIR"));
+  struct {
+    const char* directory;
+    mode_t mode;  // 0 for none
+    const char* problem;
+  } const rows[] = {{"absent", 0, "does not exist"}, {"open", 0755, "mode 0700"}, {"empty", 0700, "nothing serves"}};
+  for (const auto& row : rows) {
+    const auto child = [&] {
+      const fs::path directory = parent / row.directory;
+      if (row.mode != 0 && (::mkdir(directory.c_str(), row.mode) != 0 || ::chmod(directory.c_str(), row.mode) != 0)) {
+        ::_exit(2);
+      }
+      ::setenv("ORVEL_RUNTIME_DIR", directory.c_str(), 1);
+      void* runtime = nullptr;
+      ::_exit(vesk_get_runtime(&runtime) == 0 || runtime != nullptr ? 1 : 0);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/"s + row.directory + ".*" + row.problem);
+  }
+}
+
+}  // namespace
+}  // namespace orvel::test
