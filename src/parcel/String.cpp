@@ -1,10 +1,14 @@
 #include "parcel/String.h"
 
+#include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/StringUtils.h"
 
 namespace orvel::service_apis {
 namespace {
+
+// Silent so far: a null string and a damaged one both read as empty, and the reader of a record knows which it expects.
+[[maybe_unused]] const OrvelLogger s_logger("String");
 
 constexpr int kNullString = -1;
 

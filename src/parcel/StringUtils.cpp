@@ -2,7 +2,15 @@
 
 #include <utils/String8.h>
 
+#include "binder/OrvelLogger.h"
+
 namespace orvel::service_apis {
+namespace {
+
+// Silent so far: every text converts to something.
+[[maybe_unused]] const OrvelLogger s_logger("StringUtils");
+
+}  // namespace
 
 std::string StringUtils::convertUtf16ToUtf8(const unsigned short* data, unsigned int length) {
   if (!data || length == 0) return {};

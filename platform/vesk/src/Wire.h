@@ -1,11 +1,11 @@
 // How messages cross between two processes: sd-bus, peer to peer, with this interface.
 //
-//   connecting process --> accepting process           over the connection
-//     Open()                                           which service the connection is for, as the object path of
-//     everything Call(u code, ay bytes)                           two-way, or one-way where no reply is expected Call(u
-//     code, ay bytes, at endpoints)             with endpoint references, in the order of their marks Call(u code, ay
-//     bytes, at endpoints, h channel)  the first of these brings the callback channel along
-//   accepting process --> connecting process           over the callback channel
+//   connecting process --> accepting process         over the connection
+//     Open()                                           which service it is for, as the object path of all that follows
+//     Call(u code, ay bytes)                           two-way, or one-way where no reply is expected
+//     Call(u code, ay bytes, at endpoints)             with endpoint references, in the order of their marks
+//     Call(u code, ay bytes, at endpoints, h channel)  the first of these brings the callback channel along
+//   accepting process --> connecting process         over the callback channel
 //     Call(t endpoint, u code, ay bytes)               two-way or one-way
 //     Release(t endpoint, u count)                     gives back so many of the references that were sent
 //

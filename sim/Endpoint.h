@@ -1,0 +1,54 @@
+// What this process offers to others over vesk, and the timers of its run loop.
+#pragma once
+
+#include <systemd/sd-event.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "vesk/vesk.h"
+
+namespace orvel::sim {
+
+// Something that other processes call. It must outlive the run loop or be withdrawn first; nobody else keeps it alive.
+class Endpoint {
+ public:
+  Endpoint();
+  virtual ~Endpoint() = default;
+  Endpoint(const Endpoint&) = delete;  // its address is what vesk knows it by
+  Endpoint& operator=(const Endpoint&) = delete;
+
+  vesk_endpoint* get() { return &m_endpoint; }
+
+ protected:
+  // One two-way call, on the run-loop thread. The result goes to the caller when it is an error.
+  virtual int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) = 0;
+
+ private:
+  static const vesk_endpoint_fn kFunctions;
+
+  vesk_endpoint m_endpoint;
+};
+
+struct SourceFree {
+  void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
+using SourcePtr = std::unique_ptr<sd_event_source, SourceFree>;
+
+// Runs `action` once, on the run-loop thread, unless it is destroyed before. The action may destroy its timer.
+class Timer {
+ public:
+  Timer(sd_event* event, std::chrono::milliseconds delay, std::function<void()> action);
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+ private:
+  std::function<void()> m_action;
+  SourcePtr m_source;
+};
+
+// Throws std::system_error for a negative errno value, as vesk and sd-event give it; `what` says what was tried.
+void check(int result, const char* what);
+
+}  // namespace orvel::sim

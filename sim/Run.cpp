@@ -1,0 +1,214 @@
+#include "sim/Run.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "sim/Control.h"
+#include "sim/Process.h"
+#include "sim/Supervisor.h"
+
+namespace orvel::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Removes a directory at the end, with all that is in it.
+class RemovedDirectory {
+ public:
+  explicit RemovedDirectory(fs::path path) : m_path(std::move(path)) {}
+  ~RemovedDirectory() {
+    std::error_code ignored;
+    if (!m_path.empty()) fs::remove_all(m_path, ignored);
+  }
+  RemovedDirectory(const RemovedDirectory&) = delete;
+  RemovedDirectory& operator=(const RemovedDirectory&) = delete;
+
+ private:
+  fs::path m_path;
+};
+
+// A runtime directory that nobody else has; this process and its children will use it. Returns what is to be removed.
+fs::path makePrivateDirectory() {
+  std::string path = fs::temp_directory_path() / "orvel-sim-XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
+  setenv("ORVEL_RUNTIME_DIR", (path + "/device").c_str(), 1);
+  return path;
+}
+
+// Calls `taken` on the run-loop thread for each of the signals that blockSignals blocked.
+class Signals {
+ public:
+  using Taken = std::function<void(const signalfd_siginfo&)>;
+
+  Signals(sd_event* event, const std::vector<int>& signals, Taken taken) : m_taken(std::move(taken)) {
+    for (const int signal : signals) {
+      sd_event_source* source = nullptr;
+      const auto notice = [](sd_event_source*, const signalfd_siginfo* caught, void* self) noexcept {
+        static_cast<Signals*>(self)->m_taken(*caught);
+        return 0;
+      };
+      check(sd_event_add_signal(event, &source, signal, notice, this), "watching signals");
+      m_sources.emplace_back(source);
+    }
+  }
+
+ private:
+  Taken m_taken;
+  std::vector<SourcePtr> m_sources;
+};
+
+// The life of a device: its services, perhaps a command, and how both end.
+class Device {
+ public:
+  Device(void* runtime, const RunOptions& options)
+      : m_runtime(runtime),
+        m_event(vesk_service_event(runtime)),
+        m_command(options.command),
+        m_supervisor(runtime, options.scenario, options.isolate),
+        m_signals(m_event, {SIGINT, SIGTERM, SIGHUP}, [this](const signalfd_siginfo& signal) { interrupted(signal); }) {
+  }
+
+  int run() {
+    try {
+      m_supervisor.start([this](const std::string& error) { started(error); });
+    } catch (const std::system_error& error) {
+      if (error.code().value() != EADDRINUSE) throw;
+      throw std::runtime_error(std::string("another device lives in ") + vesk_runtime_directory());
+    }
+    vesk_run_loop(m_runtime);
+    return m_status;
+  }
+
+ private:
+  void started(const std::string& error) {
+    if (m_ending) return;
+    if (!error.empty()) {
+      std::cerr << "orvel-sim: " << error << std::endl;
+      return end(1);
+    }
+    if (m_command.empty()) return announce();
+    try {
+      m_process = std::make_unique<Process>(m_event, m_command.front(), m_command, Process::Streams::kInherited,
+                                            [this](const siginfo_t& how) { end(statusOf(how)); });
+    } catch (const std::system_error& failed) {
+      std::cerr << "orvel-sim: " << failed.what() << std::endl;
+      end(failed.code().value() == ENOENT ? 127 : 126);
+    }
+  }
+
+  void announce() const {
+    std::cout << "orvel-sim: serving in " << vesk_runtime_directory() << ":";
+    const char* separator = " ";
+    for (const auto& runner : m_supervisor.runners()) {
+      std::cout << std::exchange(separator, ", ") << runner->type().id << " (process " << runner->pid() << ")";
+    }
+    std::cout << std::endl;
+  }
+
+  void interrupted(const signalfd_siginfo& signal) {
+    if (!m_process) return end(m_command.empty() ? 0 : 128 + static_cast<int>(signal.ssi_signo));
+    // What a terminal sends, it sends to the command too.
+    if (signal.ssi_code != SI_KERNEL) kill(m_process->pid(), static_cast<int>(signal.ssi_signo));
+  }
+
+  void end(int status) {
+    m_ending = true;
+    m_status = status;
+    m_supervisor.stop();
+    vesk_shutdown(m_runtime);
+  }
+
+  void* m_runtime;
+  sd_event* m_event;
+  const std::vector<std::string>& m_command;
+  int m_status = 0;
+  bool m_ending = false;
+  Supervisor m_supervisor;
+  std::unique_ptr<Process> m_process;  // null until the services run
+  Signals m_signals;
+};
+
+// The host of an isolated service: a copy of the scenario, kept up to date by the supervisor.
+class LoneHost : public Host, private Endpoint {
+ public:
+  explicit LoneHost(void* runtime) : m_runtime(runtime), m_control(runtime) {
+    learn(m_control.send({{"order", "attach"}}, Endpoint::get()));
+  }
+
+  void ready() { m_control.send({{"order", "ready"}}); }
+
+  void* runtime() override { return m_runtime; }
+  const Json& scenario() const override { return m_scenario; }
+  void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
+  // Waits for the answer, so that a client that has its reply finds it in the traffic.
+  void record(Json transaction) override {
+    try {
+      m_control.send({{"order", "record"}, {"transaction", std::move(transaction)}});
+    } catch (const NoDevice&) {
+      // The device is ending; its answers may still arrive.
+    }
+  }
+
+ private:
+  int onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk_payload*) override {
+    learn(readMessage(request));
+    return 0;
+  }
+
+  // An update may have been under way while a change of this process's own was answered.
+  void learn(const Json& news) {
+    if (!m_scenario.is_null() && news.at("revision") <= m_revision) return;
+    m_revision = news.at("revision");
+    m_scenario = news.at("scenario");
+  }
+
+  void* m_runtime;
+  Control m_control;
+  std::uint64_t m_revision = 0;
+  Json m_scenario;
+};
+
+}  // namespace
+
+int runDevice(const RunOptions& options) {
+  blockSignals();
+  // Declared before what must have ended when the directory goes.
+  const RemovedDirectory temporary(options.command.empty() ? fs::path() : makePrivateDirectory());
+  const fs::path directory = vesk_runtime_directory();
+  const bool found = fs::exists(directory);
+  void* runtime = nullptr;
+  if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
+  const RemovedDirectory made(found ? fs::path() : directory);
+  return Device(runtime, options).run();
+}
+
+int serveAlone(const std::string& name, pid_t parent) {
+  // The process must not outlive the device, however that ends: not even when it ended before this line.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) return 1;
+  blockSignals();
+  void* runtime = nullptr;
+  if (vesk_serve_device(&runtime) != 0) return 1;
+  LoneHost host(runtime);
+  std::unique_ptr<Service> service = serviceCalled(name).make(serviceCalled(name), host);
+  // A terminal's Ctrl-C reaches this process too, but when to end is for the device to say.
+  const Signals signals(vesk_service_event(runtime), {SIGTERM}, [&](const signalfd_siginfo&) {
+    service.reset();
+    vesk_shutdown(runtime);
+  });
+  service->publish();
+  host.ready();
+  vesk_run_loop(runtime);
+  return 0;
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,26 @@
+// The programs behind `orvel-sim run`: the device, and the process of one isolated service.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "sim/Wire.h"
+
+namespace orvel::sim {
+
+struct RunOptions {
+  Json scenario;
+  bool isolate = false;
+  std::vector<std::string> command;  // empty: serve until interrupted
+};
+
+// Serves a device in the runtime directory, or runs the command with a device of its own; returns the exit status.
+// Throws std::exception for what keeps the device from starting.
+int runDevice(const RunOptions& options);
+
+// Serves one service of the device that `parent` is, until that ends.
+int serveAlone(const std::string& service, pid_t parent);
+
+}  // namespace orvel::sim

@@ -1,0 +1,270 @@
+#include "sim/Scenario.h"
+
+#include <algorithm>
+#include <fstream>
+#include <utility>
+
+#include "sim/Service.h"
+
+namespace orvel::sim {
+namespace {
+
+std::string nameOf(const Shape& shape) {
+  switch (shape.kind) {
+    case Shape::Kind::kText:
+      return "a string";
+    case Shape::Kind::kFlag:
+      return "true or false";
+    case Shape::Kind::kNumber:
+      return "a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
+    case Shape::Kind::kObject:
+    case Shape::Kind::kMap:
+      return "an object";
+    case Shape::Kind::kList:
+      return "a list of at most " + std::to_string(shape.most) + " elements";
+  }
+  return {};
+}
+
+bool accepts(const Shape& shape, const Json& value) {
+  switch (shape.kind) {
+    case Shape::Kind::kText:
+      return value.is_string();
+    case Shape::Kind::kFlag:
+      return value.is_boolean();
+    case Shape::Kind::kNumber:
+      if (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) return false;
+      return value.is_number_integer() && value.get<std::int64_t>() >= shape.least &&
+             value.get<std::int64_t>() <= shape.most;
+    case Shape::Kind::kObject:
+    case Shape::Kind::kMap:
+      return value.is_object();
+    case Shape::Kind::kList:
+      return value.is_array() && value.size() <= static_cast<std::size_t>(shape.most);
+  }
+  return false;
+}
+
+std::string keysOf(const Shape& object) {
+  std::string keys;
+  for (const Field& field : object.fields) keys += (keys.empty() ? "" : ", ") + field.key;
+  return keys;
+}
+
+[[noreturn]] void failAt(const std::string& path, const std::string& what) {
+  throw ScenarioError((path.empty() ? "/" : path) + ": " + what);
+}
+
+Json completeObject(const Shape& shape, const Json& value, const std::string& path) {
+  for (const auto& [key, ignored] : value.items()) {
+    const auto known = [&, &wanted = key](const Field& field) { return field.key == wanted; };
+    if (std::none_of(shape.fields.begin(), shape.fields.end(), known)) {
+      failAt(path + "/" + key, "unknown key; there are " + keysOf(shape));
+    }
+  }
+  Json whole = Json::object();
+  for (const Field& field : shape.fields) {
+    if (const auto given = value.find(field.key); given != value.end()) {
+      whole[field.key] = complete(field.shape, *given, path + "/" + field.key);
+    } else if (field.initial) {
+      whole[field.key] = complete(field.shape, *field.initial, path + "/" + field.key);
+    }
+  }
+  return whole;
+}
+
+// A reply with an exception, cut short, late, or none at all.
+Shape faultShape() {
+  return Shape::object({
+      {"exception",
+       Shape::object({
+           {"code", Shape::number(), kIllegalStateException, "exception code"},
+           {"message", Shape::text(), "told to fail by orvel-sim", "what the exception says"},
+           {"trace", Shape::text(), "", "stack trace; none is sent when empty"},
+       }),
+       std::nullopt, "answer with an exception"},
+      {"truncateTo", Shape::number(0), std::nullopt, "send only the first bytes of the reply"},
+      {"delayMs", Shape::number(0), std::nullopt, "answer late"},
+      {"hang", Shape::flag(), std::nullopt, "never answer"},
+  });
+}
+
+// The faults of a service: for each of its methods, or under "*" for those that have none of their own.
+Shape faultsShape(const ServiceType& type) {
+  std::vector<Field> methods = {{kEveryMethod, faultShape(), std::nullopt, "every other method"}};
+  for (const Method& method : type.methods) methods.push_back({method.name, faultShape(), std::nullopt, {}});
+  return Shape::object(std::move(methods));
+}
+
+std::string wordOf(const Shape& shape) {
+  switch (shape.kind) {
+    case Shape::Kind::kText:
+      return "TEXT";
+    case Shape::Kind::kFlag:
+      return "true|false";
+    case Shape::Kind::kNumber:
+      return "NUMBER";
+    case Shape::Kind::kMap:
+      return "KEY " + wordOf(shape.element.front());
+    case Shape::Kind::kObject:
+    case Shape::Kind::kList:
+      return "JSON";
+  }
+  return {};
+}
+
+// A map is also known by the name of one of its entries: "setting" for "settings".
+bool isCalled(const Field& field, const std::string& word) {
+  return field.key == word || (field.shape.kind == Shape::Kind::kMap && field.key == word + "s");
+}
+
+const Field* findField(const Shape& object, const std::string& word) {
+  const auto found = std::find_if(object.fields.begin(), object.fields.end(),
+                                  [&](const Field& field) { return isCalled(field, word); });
+  return found == object.fields.end() ? nullptr : &*found;
+}
+
+// The section that alone has a field of that name.
+const Field* sectionWith(const std::string& word) {
+  const Field* only = nullptr;
+  for (const Field& section : scenarioShape().fields) {
+    if (findField(section.shape, word) == nullptr) continue;
+    if (only != nullptr) return nullptr;
+    only = &section;
+  }
+  return only;
+}
+
+}  // namespace
+
+Shape Shape::object(std::vector<Field> fields) {
+  return {Kind::kObject, std::move(fields), {}, 0, 0};
+}
+Shape Shape::map(Shape element) {
+  return {Kind::kMap, {}, {std::move(element)}, 0, 0};
+}
+Shape Shape::list(Shape element, std::int64_t most) {
+  return {Kind::kList, {}, {std::move(element)}, 0, most};
+}
+
+Json complete(const Shape& shape, const Json& value, const std::string& path) {
+  if (!accepts(shape, value)) failAt(path, "expected " + nameOf(shape));
+  switch (shape.kind) {
+    case Shape::Kind::kText:
+      // The wire's strings are written from C strings.
+      if (value.get_ref<const std::string&>().find('\0') != std::string::npos) failAt(path, "holds a NUL character");
+      return value;
+    case Shape::Kind::kFlag:
+    case Shape::Kind::kNumber:
+      return value;
+    case Shape::Kind::kObject:
+      return completeObject(shape, value, path);
+    case Shape::Kind::kMap: {
+      Json whole = Json::object();
+      for (const auto& [key, element] : value.items()) {
+        whole[key] = complete(shape.element.front(), element, path + "/" + key);
+      }
+      return whole;
+    }
+    case Shape::Kind::kList: {
+      Json whole = Json::array();
+      for (std::size_t i = 0; i < value.size(); ++i) {
+        whole.push_back(complete(shape.element.front(), value[i], path + "/" + std::to_string(i)));
+      }
+      return whole;
+    }
+  }
+  return {};
+}
+
+const Shape& scenarioShape() {
+  static const Shape shape = [] {
+    std::vector<Field> sections;
+    for (const ServiceType* type : allServices()) {
+      std::vector<Field> fields = type->fields;
+      fields.push_back({kFaults, faultsShape(*type), Json::object(), "how calls of the service fail"});
+      sections.push_back({type->id, Shape::object(std::move(fields)), Json::object(), type->summary});
+    }
+    return Shape::object(std::move(sections));
+  }();
+  return shape;
+}
+
+Json defaultScenario() {
+  return complete(scenarioShape(), Json::object());
+}
+
+Json readScenarioFile(const std::string& file) {
+  std::ifstream stream(file);
+  stream.peek();  // a directory opens but cannot be read
+  if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+  try {
+    return complete(scenarioShape(), Json::parse(stream));
+  } catch (const ScenarioError& error) {
+    throw ScenarioError(file + ": " + error.what());
+  } catch (const Json::parse_error& error) {
+    const std::string text = error.what();  // begins with the library's own "[json.exception...] "
+    throw ScenarioError(file + ": " + text.substr(text.find(']') + 2));
+  }
+}
+
+Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value) {
+  const Shape* shape = &scenarioShape();
+  Json::json_pointer path;
+  if (findField(*shape, words.front()) == nullptr) {
+    const Field* section = sectionWith(words.front());
+    if (section == nullptr)
+      throw ScenarioError("no value is called " + words.front() + "; there are\n" + describeScenario());
+    path /= section->key;
+    shape = &section->shape;
+  }
+  for (const std::string& word : words) {
+    if (shape->kind == Shape::Kind::kObject) {
+      const Field* field = findField(*shape, word);
+      if (field == nullptr) failAt((path / word).to_string(), "unknown key; there are " + keysOf(*shape));
+      path /= field->key;
+      shape = &field->shape;
+    } else if (shape->kind == Shape::Kind::kMap) {
+      path /= word;
+      shape = &shape->element.front();
+    } else {
+      failAt((path / word).to_string(), "only an object has keys");
+    }
+  }
+
+  Json change = {{"path", path.to_string()}};
+  if (!value) return change;
+  if (shape->kind == Shape::Kind::kText) {
+    change["value"] = *value;
+  } else {
+    change["value"] = Json::parse(*value, nullptr, /*allow_exceptions=*/false);
+    if (change["value"].is_discarded()) failAt(path.to_string(), "expected " + nameOf(*shape));
+    complete(*shape, change["value"], path.to_string());
+  }
+  return change;
+}
+
+Json changed(Json scenario, const Json& change) {
+  const Json::json_pointer path(change.at("path").get<std::string>());
+  if (path.empty()) throw ScenarioError("a change of the whole scenario");
+  if (const auto value = change.find("value"); value != change.end()) {
+    scenario[path] = *value;
+  } else if (scenario.contains(path)) {
+    scenario[path.parent_pointer()].erase(path.back());
+  }
+  return complete(scenarioShape(), scenario);
+}
+
+std::string describeScenario() {
+  std::string text;
+  for (const Field& section : scenarioShape().fields) {
+    for (const Field& field : section.shape.fields) {
+      std::string line = "  " + section.key + " " + field.key + " " + wordOf(field.shape);
+      line.resize(std::max<std::size_t>(line.size() + 2, 42), ' ');
+      text += line + field.help + "\n";
+    }
+  }
+  return text;
+}
+
+}  // namespace orvel::sim

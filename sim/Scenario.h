@@ -1,0 +1,78 @@
+// What the device knows and how it misbehaves, as one JSON object: the scenario. The same object is the scenario file,
+// what `orvel-sim state` prints and what the device's processes hand each other. Each service declares its own section.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sim/Wire.h"
+
+namespace orvel::sim {
+
+struct Field;
+
+// Which JSON values a field accepts.
+struct Shape {
+  enum class Kind { kText, kFlag, kNumber, kObject, kMap, kList };
+
+  static Shape text() { return {Kind::kText, {}, {}, 0, 0}; }
+  static Shape flag() { return {Kind::kFlag, {}, {}, 0, 0}; }
+  static Shape number(std::int64_t least = std::numeric_limits<std::int32_t>::min(),
+                      std::int64_t most = std::numeric_limits<std::int32_t>::max()) {
+    return {Kind::kNumber, {}, {}, least, most};
+  }
+  static Shape object(std::vector<Field> fields);       // exactly these keys
+  static Shape map(Shape element);                      // any keys
+  static Shape list(Shape element, std::int64_t most);  // at most that many elements
+
+  Kind kind;
+  std::vector<Field> fields;   // kObject
+  std::vector<Shape> element;  // kMap, kList: one
+  std::int64_t least;          // kNumber
+  std::int64_t most;           // kNumber, kList
+};
+
+// A key of an object. One without an initial value may be absent.
+struct Field {
+  std::string key;
+  Shape shape;
+  std::optional<Json> initial;
+  std::string help;
+};
+
+// Says where in the scenario something is wrong, and what: "/delegate/settings/foo: expected a string".
+struct ScenarioError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The value with the initial values of the keys that it leaves out; throws ScenarioError. `path` is where the value
+// stands.
+Json complete(const Shape& shape, const Json& value, const std::string& path = {});
+
+// The shape of a whole scenario: a section for each service.
+const Shape& scenarioShape();
+
+// The scenario of a device that was told nothing else.
+Json defaultScenario();
+
+// Throws ScenarioError, which also names the file.
+Json readScenarioFile(const std::string& file);
+
+// A change of one value: {"path": JSON pointer, "value": what it becomes}; without "value" the key is removed.
+//
+// changeOf makes the one that a person means. `words` lead to the value from the section or, where only one section has
+// it, from the field: "delegate name", "name", "settings volume" and also "setting volume". `value` is taken as it is
+// for a text and as JSON for everything else. Throws ScenarioError.
+Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value);
+
+// The complete scenario after the change; throws ScenarioError.
+Json changed(Json scenario, const Json& change);
+
+// One line for each value that can be set, with the shape and the help text.
+std::string describeScenario();
+
+}  // namespace orvel::sim

@@ -1,0 +1,176 @@
+#include "sim/Service.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <utility>
+
+namespace orvel::sim {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const Method* methodWith(const ServiceType& type, unsigned code) {
+  const auto found =
+      std::find_if(type.methods.begin(), type.methods.end(), [&](const Method& method) { return method.code == code; });
+  return found == type.methods.end() ? nullptr : &*found;
+}
+
+// One entry of the traffic must not keep megabytes.
+Json shortened(const Json& value) {
+  constexpr std::size_t kLongest = 16 << 10;
+  std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (text.size() <= kLongest) return value;
+  const std::size_t whole = text.size();
+  text.resize(kLongest);
+  return text + "... (" + std::to_string(whole) + " bytes)";
+}
+
+}  // namespace
+
+const ServiceType& serviceCalled(const std::string& id) {
+  std::string known;
+  for (const ServiceType* type : allServices()) {
+    if (type->id == id) return *type;
+    known += (known.empty() ? "" : ", ") + type->id;
+  }
+  throw ScenarioError("no service is called " + id + "; there are " + known);
+}
+
+const Method& methodCalled(const ServiceType& type, const std::string& name) {
+  std::string known;
+  for (const Method& method : type.methods) {
+    if (method.name == name) return method;
+    known += (known.empty() ? "" : ", ") + method.name;
+  }
+  throw ScenarioError("no method of " + type.id + " is called " + name + "; there are " + known);
+}
+
+std::string describeMethods(const ServiceType& type) {
+  std::string text;
+  for (const Method& method : type.methods) {
+    const std::string code = std::to_string(method.code);
+    text += std::string(6 - std::min<std::size_t>(code.size(), 5), ' ') + code + "  " + method.name + "(";
+    for (const Argument& argument : method.arguments) {
+      text += (&argument == &method.arguments.front() ? "" : ", ") + argument.name;
+    }
+    text += ")\n";
+  }
+  return text;
+}
+
+Service::~Service() {
+  if (m_published) vesk_service_withdraw(m_host.runtime(), m_type.name.c_str());
+  for (const Late& late : m_late) vesk_deferred_answer(late.answer, -EPIPE, nullptr);
+}
+
+void Service::publish() {
+  check(vesk_service_register(m_host.runtime(), m_type.name.c_str(), get()), m_type.name.c_str());
+  m_published = true;
+}
+
+int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
+  Call call = decode(code, caller, request);
+  const Json fault = faultOf(call);
+  const bool hangs = fault.value("hang", false);
+  const std::chrono::milliseconds delay(fault.value("delayMs", std::int64_t{0}));
+  if (!hangs && delay.count() == 0) {
+    answer(call, reply);
+    return 0;
+  }
+  vesk_deferred* owed = vesk_request_defer(caller);
+  if (owed == nullptr) return -ENOMEM;
+  const auto late = m_late.insert(m_late.end(), {std::move(call), owed, nullptr});
+  if (hangs) {
+    record(late->call, {{"hangs", true}});
+  } else {
+    sd_event* event = vesk_service_event(m_host.runtime());
+    late->timer = std::make_unique<Timer>(event, delay, [this, late] { answerLate(late); });
+  }
+  return 0;
+}
+
+Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const {
+  Call call;
+  call.method = methodWith(m_type, code);
+  call.code = code;
+  call.caller = vesk_identity_pid(caller);
+  call.arrival = Clock::now();
+  std::string where = "header";
+  try {
+    RequestReader reader(request);
+    reader.expectHeader(m_type.descriptor);
+    if (call.method == nullptr) {
+      throw RemoteException(kUnsupportedOperationException, m_type.descriptor + " has no such transaction");
+    }
+    for (const Argument& argument : call.method->arguments) {
+      where = argument.name;
+      call.arguments[argument.name] = argument.read(reader);
+    }
+    where = "end";
+    reader.expectEnd();
+    call.endpoints = reader.takeEndpoints();
+  } catch (const RemoteException& error) {
+    const std::string method = call.method == nullptr ? "transaction " + std::to_string(code) : call.method->name;
+    call.refusal.emplace(error.code, method + ", " + where + ": " + error.what());
+  }
+  return call;
+}
+
+// A method's own faults go before those of every method.
+Json Service::faultOf(const Call& call) const {
+  const Json& faults = section().at(kFaults);
+  Json fault = faults.value(kEveryMethod, Json::object());
+  if (call.method != nullptr) fault.update(faults.value(call.method->name, Json::object()));
+  return fault;
+}
+
+void Service::answerLate(std::list<Late>::iterator late) {
+  const PayloadPtr reply(vesk_payload_alloc());
+  if (reply) answer(late->call, reply.get());
+  vesk_deferred_answer(late->answer, reply ? 0 : -ENOMEM, reply.get());
+  m_late.erase(late);
+}
+
+void Service::answer(const Call& call, vesk_payload* reply) {
+  const Json fault = faultOf(call);
+  Json outcome;
+  try {
+    if (call.refusal) throw RemoteException(*call.refusal);
+    if (const auto told = fault.find("exception"); told != fault.end()) {
+      throw RemoteException(told->at("code"), told->at("message"), told->at("trace"));
+    }
+    const Json result = call.method->handle(*this, call);
+    vesk_write_i32(reply, 0);
+    call.method->write(reply, result);
+    outcome["reply"] = shortened(result);
+  } catch (const RemoteException& exception) {
+    writeException(reply, exception);
+    outcome["exception"] = {{"code", exception.code}, {"message", exception.what()}};
+  }
+  std::size_t size = 0;
+  vesk_payload_data(reply, &size);
+  if (const auto most = fault.find("truncateTo"); most != fault.end() && *most < size) {
+    vesk_payload_truncate(reply, most->get<std::size_t>());
+    outcome["truncatedTo"] = *most;
+  }
+  const std::chrono::duration<double, std::milli> duration = Clock::now() - call.arrival;
+  outcome["durationMs"] = std::round(duration.count() * 1000) / 1000;
+  record(call, outcome);
+}
+
+void Service::record(const Call& call, const Json& outcome) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  Json transaction = {
+      {"timeMs", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()},
+      {"service", m_type.id},
+      {"method", call.method == nullptr ? Json() : Json(call.method->name)},
+      {"code", call.code},
+      {"pid", call.caller},
+      {"arguments", shortened(call.arguments)},
+  };
+  transaction.update(outcome);
+  m_host.record(std::move(transaction));
+}
+
+}  // namespace orvel::sim

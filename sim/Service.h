@@ -1,0 +1,129 @@
+// The frame of the simulated services: each describes itself in one table, from which requests are dispatched, traffic
+// is decoded, faults are named and help texts are written.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/Endpoint.h"
+#include "sim/Scenario.h"
+#include "sim/Wire.h"
+
+namespace orvel::sim {
+
+class Service;
+struct Method;
+
+// The key of a section's faults, and the name in it that stands for every method.
+constexpr char kFaults[] = "faults";
+constexpr char kEveryMethod[] = "*";
+
+// What the process that a service runs in does for it. Run-loop thread.
+class Host {
+ public:
+  virtual ~Host() = default;
+  virtual void* runtime() = 0;
+  virtual const Json& scenario() const = 0;
+  // Takes effect before it returns, for the whole device.
+  virtual void change(const Json& change) = 0;
+  // Adds a transaction to the traffic.
+  virtual void record(Json transaction) = 0;
+};
+
+// A request, taken apart.
+struct Call {
+  const Method* method = nullptr;  // null: no method has the code
+  unsigned code = 0;
+  pid_t caller = 0;
+  std::chrono::steady_clock::time_point arrival;
+  Json arguments = Json::object();
+  std::vector<RemotePtr> endpoints;        // in the order of the arguments
+  std::optional<RemoteException> refusal;  // what is wrong with the request
+};
+
+struct Argument {
+  std::string name;
+  Json (*read)(RequestReader& reader);
+};
+
+struct Method {
+  unsigned code;
+  std::string name;
+  std::vector<Argument> arguments;                     // in wire order
+  Json (*handle)(Service& service, const Call& call);  // the result; may throw RemoteException
+  void (*write)(vesk_payload* reply, const Json& result);
+};
+
+struct ServiceType {
+  std::string id;          // its section of the scenario, and its name in commands
+  std::string name;        // under which clients find it
+  std::string descriptor;  // of its interface
+  std::string summary;
+  std::vector<Field> fields;  // of its section
+  std::vector<Method> methods;
+  std::unique_ptr<Service> (*make)(const ServiceType& type, Host& host);
+};
+
+// Every service of the device.
+const std::vector<const ServiceType*>& allServices();
+
+// Throws ScenarioError, which lists what there is.
+const ServiceType& serviceCalled(const std::string& id);
+const Method& methodCalled(const ServiceType& type, const std::string& name);
+
+// "  33  getDeviceName()", one line a method.
+std::string describeMethods(const ServiceType& type);
+
+// One life of a service, from being published until it is killed; what it keeps of its clients ends with it. Run-loop
+// thread.
+class Service : public Endpoint {
+ public:
+  Service(const ServiceType& type, Host& host) : m_type(type), m_host(host) {}
+  // Its clients see it die. On the run-loop thread, before vesk_shutdown.
+  ~Service() override;
+
+  const ServiceType& type() const { return m_type; }
+
+  void publish();  // throws std::system_error
+
+ protected:
+  const Json& section() const { return m_host.scenario().at(m_type.id); }
+  Host& host() { return m_host; }
+
+ private:
+  struct Late {
+    Call call;
+    vesk_deferred* answer;
+    std::unique_ptr<Timer> timer;  // null: never
+  };
+
+  int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) override;
+  Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const;
+  Json faultOf(const Call& call) const;
+  void answerLate(std::list<Late>::iterator late);
+  void answer(const Call& call, vesk_payload* reply);
+  void record(const Call& call, const Json& outcome);
+
+  const ServiceType& m_type;
+  Host& m_host;
+  std::list<Late> m_late;
+  bool m_published = false;
+};
+
+// What a service's table holds for its own class: how one is made, and a member function as Method::handle.
+template <typename Type>
+std::unique_ptr<Service> makeService(const ServiceType& type, Host& host) {
+  return std::make_unique<Type>(type, host);
+}
+template <typename Type, Json (Type::*Handler)(const Call&)>
+Json handledBy(Service& service, const Call& call) {
+  return (static_cast<Type&>(service).*Handler)(call);
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,222 @@
+#include "sim/Supervisor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <utility>
+
+namespace orvel::sim {
+namespace {
+
+constexpr std::size_t kTransactionsKept = 1000;
+// Well within the size of a message: an entry has tens of kilobytes at most.
+constexpr std::size_t kTransactionsAtOnce = 50;
+// How long somebody who waits for traffic gets no answer; below vesk's call limit.
+constexpr std::chrono::seconds kListenerPatience(10);
+
+// Holds a call that is owed an answer, and fails it when nobody gave one.
+struct Owed {
+  explicit Owed(vesk_deferred* deferred) : call(deferred) {}
+  ~Owed() { give(-ECANCELED, nullptr); }
+  Owed(const Owed&) = delete;
+  Owed& operator=(const Owed&) = delete;
+
+  void give(int error, vesk_payload* reply) {
+    if (vesk_deferred* owed = std::exchange(call, nullptr)) vesk_deferred_answer(owed, error, reply);
+  }
+
+  vesk_deferred* call;
+};
+
+// A Done that several may have: when the last copy is gone, `done` is told all that went wrong.
+Done gather(Done done) {
+  struct Outcome {
+    Done done;
+    std::string errors;
+    ~Outcome() { done(errors); }
+  };
+  const auto outcome = std::make_shared<Outcome>();
+  outcome->done = std::move(done);
+  return [outcome](const std::string& error) {
+    if (!error.empty()) outcome->errors += (outcome->errors.empty() ? "" : "; ") + error;
+  };
+}
+
+Json failure(const std::string& what) {
+  return {{"error", what}};
+}
+
+}  // namespace
+
+Supervisor::Supervisor(void* runtime, Json scenario, bool isolate)
+    : m_runtime(runtime), m_scenario(std::move(scenario)) {
+  for (const ServiceType* type : allServices()) {
+    if (isolate) {
+      m_runners.push_back(std::make_unique<ChildRunner>(*type, vesk_service_event(runtime)));
+    } else {
+      m_runners.push_back(std::make_unique<InProcessRunner>(*type, *this));
+    }
+  }
+}
+
+void Supervisor::start(Done done) {
+  check(vesk_service_register(m_runtime, kControlName, Endpoint::get()), kControlName);
+  const Done gathered = gather(std::move(done));
+  for (const auto& runner : m_runners) runner->start(gathered);
+}
+
+void Supervisor::stop() {
+  m_listeners.clear();
+  for (const auto& runner : m_runners) runner->stop();
+}
+
+void Supervisor::change(const Json& change) {
+  m_scenario = changed(m_scenario, change);
+  ++m_revision;
+}
+
+void Supervisor::record(Json transaction) {
+  transaction["number"] = ++m_transactions;
+  m_traffic.push_back(std::move(transaction));
+  if (m_traffic.size() > kTransactionsKept) m_traffic.pop_front();
+  const auto listeners = std::exchange(m_listeners, {});
+  for (const Listener& listener : listeners) listener.order.answer(trafficAfter(listener.order));
+}
+
+int Supervisor::onCall(unsigned, vesk_identity* caller, vesk_buffer* request, vesk_payload*) {
+  const pid_t pid = vesk_identity_pid(caller);
+  vesk_deferred* deferred = vesk_request_defer(caller);
+  if (deferred == nullptr) return -ENOMEM;
+  const Answer answer = [owed = std::make_shared<Owed>(deferred)](const Json& message) {
+    if (owed->call == nullptr) return;
+    const PayloadPtr reply(vesk_payload_alloc());
+    if (reply) writeMessage(reply.get(), message);
+    owed->give(reply ? 0 : -ENOMEM, reply.get());
+  };
+  try {
+    obey({readMessage(request), pid, request, answer});
+  } catch (const std::exception& error) {
+    answer(failure(error.what()));
+  }
+  return 0;
+}
+
+void Supervisor::obey(const Order& order) {
+  static const std::map<std::string, void (Supervisor::*)(const Order&)> orders = {
+      {"services", &Supervisor::listServices},  {"scenario", &Supervisor::showScenario},
+      {"change", &Supervisor::takeChange},      {"kill", &Supervisor::killService},
+      {"restart", &Supervisor::restartService}, {"traffic", &Supervisor::showTraffic},
+      {"attach", &Supervisor::attachService},   {"ready", &Supervisor::serviceReady},
+      {"record", &Supervisor::takeTransaction},
+  };
+  const auto found = orders.find(order.text.at("order"));
+  if (found == orders.end()) throw std::runtime_error("no such order: " + order.text.dump());
+  (this->*found->second)(order);
+}
+
+void Supervisor::listServices(const Order& order) {
+  Json services = Json::array();
+  for (const auto& runner : m_runners) {
+    const ServiceType& type = runner->type();
+    services.push_back({{"service", type.id}, {"name", type.name}, {"pid", runner->pid()}, {"about", type.summary}});
+  }
+  order.answer({{"services", services}});
+}
+
+void Supervisor::showScenario(const Order& order) {
+  order.answer({{"scenario", m_scenario}});
+}
+
+void Supervisor::takeChange(const Order& order) {
+  change(order.text.at("change"));
+  const Json now = news();
+  const Done done = gather([answer = order.answer, now](const std::string& error) {
+    answer(error.empty() ? now : failure(error));  // unless it was given before
+  });
+  for (const auto& runner : m_runners) {
+    if (runner->pid() == order.caller) {
+      // A service does not wait for the others: two that change something at once would wait for each other.
+      order.answer(now);
+    } else {
+      runner->update(now, done);
+    }
+  }
+}
+
+void Supervisor::killService(const Order& order) {
+  Runner& runner = runnerOf(order);
+  if (runner.pid() == 0) throw std::runtime_error(runner.type().id + " is dead already");
+  runner.kill([answer = order.answer](const std::string&) { answer(Json::object()); });
+}
+
+void Supervisor::restartService(const Order& order) {
+  Runner& runner = runnerOf(order);
+  const auto start = [&runner, answer = order.answer](const std::string&) {
+    if (runner.pid() != 0) return answer(failure(runner.type().id + " was started meanwhile"));
+    runner.start([answer](const std::string& error) { answer(error.empty() ? Json::object() : failure(error)); });
+  };
+  if (runner.pid() == 0) {
+    start({});
+  } else {
+    runner.kill(start);
+  }
+}
+
+void Supervisor::showTraffic(const Order& order) {
+  const bool wait = order.text.at("wait");
+  if (!wait || order.text.at("after").get<std::uint64_t>() < m_transactions) {
+    return order.answer(trafficAfter(order));
+  }
+  const auto listener = m_listeners.insert(m_listeners.end(), {order, nullptr});
+  const auto giveUp = [this, listener] {
+    listener->order.answer(trafficAfter(listener->order));
+    m_listeners.erase(listener);
+  };
+  listener->patience = std::make_unique<Timer>(vesk_service_event(m_runtime), kListenerPatience, giveUp);
+}
+
+void Supervisor::attachService(const Order& order) {
+  childWith(order.caller).attached(RequestReader(order.request).endpoint());
+  order.answer(news());
+}
+
+void Supervisor::serviceReady(const Order& order) {
+  order.answer(Json::object());
+  childWith(order.caller).ready();
+}
+
+void Supervisor::takeTransaction(const Order& order) {
+  record(order.text.at("transaction"));
+  order.answer(Json::object());
+}
+
+Runner& Supervisor::runnerOf(const Order& order) {
+  const ServiceType& type = serviceCalled(order.text.at("service"));
+  const auto runs = [&](const auto& runner) { return &runner->type() == &type; };
+  return **std::find_if(m_runners.begin(), m_runners.end(), runs);
+}
+
+ChildRunner& Supervisor::childWith(pid_t pid) {
+  for (const auto& runner : m_runners) {
+    auto* child = dynamic_cast<ChildRunner*>(runner.get());
+    if (child != nullptr && child->pid() == pid) return *child;
+  }
+  throw std::runtime_error("process " + std::to_string(pid) + " runs no service of this device");
+}
+
+// The transactions that follow number "after", as many as fit into an answer.
+Json Supervisor::trafficAfter(const Order& order) const {
+  const auto after = order.text.at("after").get<std::uint64_t>();
+  Json transactions = Json::array();
+  for (const Json& transaction : m_traffic) {
+    if (transactions.size() == kTransactionsAtOnce) break;
+    if (transaction.at("number") > after) transactions.push_back(transaction);
+  }
+  return {{"transactions", transactions}, {"newest", m_transactions}};
+}
+
+Json Supervisor::news() const {
+  return {{"revision", m_revision}, {"scenario", m_scenario}};
+}
+
+}  // namespace orvel::sim

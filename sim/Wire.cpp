@@ -1,0 +1,153 @@
+#include "sim/Wire.h"
+
+#include <string_view>
+#include <utility>
+
+namespace orvel::sim {
+namespace {
+
+constexpr std::int32_t kHeaderWords[] = {0, -1, 0x53595354};
+constexpr char32_t kReplacement = 0xFFFD;
+
+bool isHighSurrogate(char32_t unit) {
+  return unit >= 0xD800 && unit < 0xDC00;
+}
+bool isLowSurrogate(char32_t unit) {
+  return unit >= 0xDC00 && unit < 0xE000;
+}
+
+void appendUtf8(std::string& text, char32_t point) {
+  const auto tail = [&](unsigned shift) { text += static_cast<char>(0x80U | ((point >> shift) & 0x3FU)); };
+  if (point < 0x80) {
+    text += static_cast<char>(point);
+  } else if (point < 0x800) {
+    text += static_cast<char>(0xC0U | (point >> 6U));
+    tail(0);
+  } else if (point < 0x10000) {
+    text += static_cast<char>(0xE0U | (point >> 12U));
+    tail(6);
+    tail(0);
+  } else {
+    text += static_cast<char>(0xF0U | (point >> 18U));
+    tail(12);
+    tail(6);
+    tail(0);
+  }
+}
+
+}  // namespace
+
+std::string toUtf8(const std::uint16_t* units, std::size_t count) {
+  std::string text;
+  text.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    char32_t point = units[i];
+    if (isHighSurrogate(point) && i + 1 < count && isLowSurrogate(units[i + 1])) {
+      point = 0x10000 + ((point - 0xD800) << 10U) + (units[++i] - char32_t{0xDC00});
+    } else if (isHighSurrogate(point) || isLowSurrogate(point)) {
+      point = kReplacement;
+    }
+    appendUtf8(text, point);
+  }
+  return text;
+}
+
+void RequestReader::check() {
+  if (vesk_buffer_last_error(m_buffer) != 0) {
+    throw RemoteException(kBadParcelableException, "the request ends early or holds something else here");
+  }
+}
+
+std::int32_t RequestReader::i32() {
+  const std::int32_t value = vesk_read_i32(m_buffer);
+  check();
+  return value;
+}
+
+std::int64_t RequestReader::i64() {
+  const std::int64_t value = vesk_read_i64(m_buffer);
+  check();
+  return value;
+}
+
+Json RequestReader::text() {
+  unsigned int length = 0;
+  const std::uint16_t* units = vesk_read_utf16_string(m_buffer, &length);
+  check();
+  return units == nullptr ? Json() : Json(toUtf8(units, length));
+}
+
+RemotePtr RequestReader::endpoint() {
+  RemotePtr remote(vesk_read_endpoint(m_buffer), vesk_remote_release);
+  check();
+  m_endpoints.push_back(remote);
+  return remote;
+}
+
+void RequestReader::expectHeader(const std::string& descriptor) {
+  for (const std::int32_t expected : kHeaderWords) {
+    if (const std::int32_t word = i32(); word != expected) {
+      throw RemoteException(kBadParcelableException, "the request header holds " + std::to_string(word) + " where " +
+                                                         std::to_string(expected) + " belongs");
+    }
+  }
+  if (const Json given = text(); given != descriptor) {
+    throw RemoteException(kSecurityException,
+                          "the request is for the interface " + given.dump() + ", this is " + descriptor);
+  }
+}
+
+void RequestReader::expectEnd() {
+  if (const std::size_t left = vesk_buffer_remaining(m_buffer); left != 0) {
+    throw RemoteException(kBadParcelableException, std::to_string(left) + " bytes follow the last argument");
+  }
+}
+
+Json readInt32(RequestReader& reader) {
+  return reader.i32();
+}
+Json readInt64(RequestReader& reader) {
+  return reader.i64();
+}
+Json readText(RequestReader& reader) {
+  return reader.text();
+}
+Json readEndpoint(RequestReader& reader) {
+  return "endpoint of process " + std::to_string(vesk_remote_pid(reader.endpoint().get()));
+}
+
+// Writing fails only for lack of memory or beyond the size limit; vesk then refuses to send the payload.
+void writeNothing(vesk_payload*, const Json&) {}
+void writeFlag(vesk_payload* reply, const Json& value) {
+  vesk_write_i32(reply, value.get<bool>() ? 1 : 0);
+}
+void writeInt32(vesk_payload* reply, const Json& value) {
+  vesk_write_i32(reply, value.get<std::int32_t>());
+}
+void writeText(vesk_payload* reply, const Json& value) {
+  if (value.is_null()) {
+    vesk_write_i32(reply, -1);
+  } else {
+    vesk_write_utf16_cstring(reply, value.get_ref<const std::string&>().c_str());
+  }
+}
+
+void writeException(vesk_payload* reply, const RemoteException& exception) {
+  vesk_write_i32(reply, exception.code);
+  vesk_write_utf16_cstring(reply, exception.what());
+  vesk_write_i32(reply, exception.trace.empty() ? 0 : 1);
+  if (!exception.trace.empty()) vesk_write_utf16_cstring(reply, exception.trace.c_str());
+}
+
+void writeMessage(vesk_payload* payload, const Json& message) {
+  vesk_write_utf16_cstring(payload, message.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+Json readMessage(vesk_buffer* buffer) {
+  unsigned int length = 0;
+  const std::uint16_t* units = vesk_read_utf16_string(buffer, &length);
+  if (units == nullptr) throw std::runtime_error("a message without text");
+  return Json::parse(toUtf8(units, length));
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,95 @@
+// The device's side of the wire: takes requests apart and puts replies together. Shares no codec with the client
+// library, so that a mistake of the client's cannot hide behind the same mistake here.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "vesk/vesk.h"
+#include "vesk/vesk_service.h"
+
+namespace orvel::sim {
+
+// Keeps the order in which a service declares its fields.
+using Json = nlohmann::ordered_json;
+
+struct PayloadFree {
+  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
+};
+struct BufferFree {
+  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
+};
+using PayloadPtr = std::unique_ptr<vesk_payload, PayloadFree>;
+using BufferPtr = std::unique_ptr<vesk_buffer, BufferFree>;
+using RemotePtr = std::shared_ptr<vesk_remote>;  // drop the last one on the run-loop thread
+
+// The exception codes that the device's services use.
+constexpr int kSecurityException = -1;
+constexpr int kBadParcelableException = -2;
+constexpr int kIllegalArgumentException = -3;
+constexpr int kIllegalStateException = -5;
+constexpr int kUnsupportedOperationException = -7;
+
+// What a service answers in place of a result.
+struct RemoteException : std::runtime_error {
+  RemoteException(int exceptionCode, const std::string& message, std::string stackTrace = {})
+      : std::runtime_error(message), code(exceptionCode), trace(std::move(stackTrace)) {}
+  int code;
+  std::string trace;  // empty: none is sent
+};
+
+// Unpaired surrogates become U+FFFD.
+std::string toUtf8(const std::uint16_t* units, std::size_t count);
+
+// Reads one request from its first byte on. Whatever does not fit throws a RemoteException that says what and where.
+class RequestReader {
+ public:
+  explicit RequestReader(vesk_buffer* request) : m_buffer(request) {}  // borrowed for the reader's life
+
+  // The three header words and the interface descriptor.
+  void expectHeader(const std::string& descriptor);
+
+  std::int32_t i32();
+  std::int64_t i64();
+  Json text();  // null for a null string
+  RemotePtr endpoint();
+
+  // Nothing may follow the last argument.
+  void expectEnd();
+
+  // The endpoints read so far, in order.
+  std::vector<RemotePtr> takeEndpoints() { return std::move(m_endpoints); }
+
+ private:
+  void check();
+
+  vesk_buffer* m_buffer;
+  std::vector<RemotePtr> m_endpoints;
+};
+
+// Argument readers of the method tables: the value as it is shown in the traffic and given to the handler.
+Json readInt32(RequestReader& reader);
+Json readInt64(RequestReader& reader);
+Json readText(RequestReader& reader);
+Json readEndpoint(RequestReader& reader);
+
+// Reply writers of the method tables.
+void writeNothing(vesk_payload* reply, const Json& value);
+void writeFlag(vesk_payload* reply, const Json& value);  // 1 or 0
+void writeInt32(vesk_payload* reply, const Json& value);
+void writeText(vesk_payload* reply, const Json& value);  // null as a null string
+
+void writeException(vesk_payload* reply, const RemoteException& exception);
+
+// Messages between the processes of the simulated device: one JSON text. readMessage throws std::runtime_error.
+void writeMessage(vesk_payload* payload, const Json& message);
+Json readMessage(vesk_buffer* buffer);
+
+}  // namespace orvel::sim

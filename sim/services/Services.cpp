@@ -1,0 +1,13 @@
+#include "sim/services/Services.h"
+
+namespace orvel::sim {
+
+const std::vector<const ServiceType*>& allServices() {
+  static const std::vector<const ServiceType*> services = {
+      &delegateService(),
+      &powerManagerService(),
+  };
+  return services;
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,11 @@
+// The services of the device, each described in a source of its own.
+#pragma once
+
+#include "sim/Service.h"
+
+namespace orvel::sim {
+
+const ServiceType& delegateService();
+const ServiceType& powerManagerService();
+
+}  // namespace orvel::sim

@@ -1,0 +1,65 @@
+// A simulated device for one test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "Process.h"
+
+namespace orvel::e2e {
+
+// A directory for a device, and programs that look for one there.
+class NoDevice : public ::testing::Test {
+ protected:
+  NoDevice() {
+    std::string path = std::filesystem::temp_directory_path() / "orvel-e2e-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    m_temporary = path;
+  }
+  ~NoDevice() override { std::filesystem::remove_all(m_temporary); }
+
+  const std::filesystem::path& temporary() const { return m_temporary; }
+  std::filesystem::path directory() const { return m_temporary / "device"; }
+
+  // TMPDIR, so that what is left behind is seen; a short call limit, for services that are told to hang.
+  Words environment() const {
+    return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(), "ORVEL_CALL_TIMEOUT_MS=500"};
+  }
+
+  // Starts a program without waiting, or runs it to its end.
+  std::unique_ptr<Process> start(const Words& words) const { return std::make_unique<Process>(words, environment()); }
+  Result run(const Words& words) const { return e2e::run(words, environment()); }
+
+ private:
+  std::filesystem::path m_temporary;
+};
+
+// The words of one command line, in two parts.
+inline Words operator+(Words first, const Words& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+// A running device. The parameter says whether each service has a process of its own.
+class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    m_device = start(Words{"orvel-sim", "run"} + (GetParam() ? Words{"--isolate"} : Words{}));
+    m_device->waitForOutput("serving in ");
+  }
+
+  // Orders that must be obeyed.
+  void order(const Words& words) const {
+    const Result result = run(Words{"orvel-sim"} + words);
+    ASSERT_EQ(result.status, 0) << result.error;
+  }
+
+  std::unique_ptr<Process> m_device;
+};
+
+}  // namespace orvel::e2e

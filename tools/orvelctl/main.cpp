@@ -1,0 +1,238 @@
+// orvelctl: the public interface of libOrvelDelegateClient as a command line.
+#include <android/log.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "LogWatch.h"
+#include "Session.h"
+
+namespace orvelctl {
+namespace {
+
+constexpr char kDelegate[] = "orvel_delegate";
+constexpr char kPower[] = "com.quarlo.orvel.powermanager";
+constexpr char kNoService[] = "";
+
+constexpr char kFooter[] = R"(
+--json, --log-level and --timeout may also follow the subcommand.
+
+Examples:
+  orvelctl device                          all about the device
+  orvelctl get serial-number               one value
+  orvelctl setting some_key --default 7    a secure setting
+  orvelctl --json screen                   {"screenOn":true}
+  orvelctl wake-lock full --timeout 5      give up after 5 seconds
+
+Results go to standard output, everything else to standard error. The device is the one in ORVEL_RUNTIME_DIR, else
+$XDG_RUNTIME_DIR/orvel, else /tmp/orvel-<uid>.
+
+Exit status:
+  0  success; an empty result is one
+  1  a query failed
+  2  wrong usage
+  3  no device
+  4  timed out: --timeout, or a service that did not answer within the call limit
+  5  the service is not bound: given up, or dead and not back yet
+  128 + N  ended by signal N
+The client answers a failed query with an empty value. Here it counts as failed when the client logged an error
+meanwhile, and as not bound when the log says so of its service.)";
+
+// One value that the client can be asked for.
+struct Value {
+  std::string name;     // after get
+  std::string key;      // of the JSON object
+  std::string label;    // of the list
+  std::string service;  // that is asked
+  Json nothing;         // what a failed query gives
+  std::function<Json(Client&)> ask;
+  const char* yes = "yes";
+  const char* no = "no";
+
+  std::string text(const Json& value) const {
+    return value.is_boolean() ? (value.get<bool>() ? yes : no) : value.get<std::string>();
+  }
+};
+
+const std::vector<Value>& identity() {
+  static const std::vector<Value> values = {
+      {"name", "name", "name", kDelegate, "", &Client::getDeviceName},
+      {"serial-number", "serialNumber", "serial number", kDelegate, "", &Client::getDeviceSerialNumber},
+      {"type", "type", "type", kDelegate, "", &Client::getDeviceType},
+      {"customer-id", "customerId", "customer id", kDelegate, "", &Client::getCustomerDirectedID},
+      {"country", "country", "country", kDelegate, "", &Client::getCountryOfResidence},
+      {"marketplace", "marketplace", "marketplace", kDelegate, "", &Client::getPreferredMarketPlace},
+      {"registered", "registered", "registered", kDelegate, false, &Client::isDeviceRegistered},
+  };
+  return values;
+}
+
+const Value kScreen = {"", "screenOn", "screen", kPower, false, &Client::isScreenOn, "on", "off"};
+const Value kAssistant = {"",    "assistantConnected",     "assistant", kNoService,
+                          false, &Client::isMaroConnected, "connected", "disconnected"};
+const Value kNetwork = {"",    "networkConnected",          "network",   kNoService,
+                        false, &Client::isNetworkConnected, "connected", "disconnected"};
+
+void show(Session& session, const Value& value) {
+  if (const auto result = session.ask(value.label, value.service, value.nothing, value.ask)) {
+    session.print({{value.key, *result}}, value.text(*result));
+  }
+}
+
+// What could not be had is null and a question mark.
+void showDevice(Session& session) {
+  std::vector<Value> values = identity();
+  values.insert(values.end(), {kScreen, kAssistant});
+  Json object = Json::object();
+  std::ostringstream list;
+  for (const Value& value : values) {
+    const auto result = session.ask(value.label, value.service, value.nothing, value.ask);
+    object[value.key] = result ? *result : Json();
+    list << (&value == &values.front() ? "" : "\n") << std::left << std::setw(15) << value.label
+         << (result ? value.text(*result) : "?");
+  }
+  session.print(object, list.str());
+}
+
+void showSetting(Session& session, const std::string& key, int fallback) {
+  const auto query = [&](Client& client) { return client.getSecureSettingInt(key, fallback); };
+  if (const auto result = session.ask("setting " + key, kDelegate, fallback, query)) {
+    session.print({{"key", key}, {"value", *result}}, result->dump());
+  }
+}
+
+void takeWakeLock(Session& session, const std::string& kind) {
+  const auto query = [&](Client& client) {
+    return kind == "full" ? client.acquireFullWakeLock() : client.acquirePartialWakeLock();
+  };
+  const std::string what = kind + " wake lock";
+  const auto result = session.ask(what, kPower, false, query);
+  if (result == Json(true)) {
+    session.print({{"wakeLock", kind}, {"acquired", true}}, "acquired");
+  } else if (result) {
+    session.fail(what + ": refused");
+  }
+}
+
+const std::map<std::string, int>& logLevels() {
+  static const std::map<std::string, int> levels = {{"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG},
+                                                    {"info", ANDROID_LOG_INFO},       {"warning", ANDROID_LOG_WARN},
+                                                    {"error", ANDROID_LOG_ERROR},     {"silent", ANDROID_LOG_SILENT}};
+  return levels;
+}
+
+std::string explain(const CLI::App* app, const CLI::Error& error) {
+  std::string names;
+  for (const CLI::App* subcommand : app->get_subcommands([](const CLI::App*) { return true; })) {
+    names += (names.empty() ? "" : ", ") + subcommand->get_name();
+  }
+  const std::vector<std::string> extra = app->remaining();
+  const bool unknown = app->get_subcommands().empty() && !extra.empty();
+  return "orvelctl: " + (unknown ? "no subcommand is called " + extra.front() + "; there are " + names : error.what()) +
+         "\nRun with --help for more information.\n";
+}
+
+int parseAndRun(int argc, char** argv) {
+  CLI::App app("Asks the device's platform services through libOrvelDelegateClient.", "orvelctl");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(kFooter + 1);
+  app.failure_message(explain);
+  bool json = false;
+  std::string level = "warning";
+  double timeout = 0;
+  std::vector<std::string> levels;
+  for (const auto& [name, priority] : logLevels()) levels.push_back(name);
+  app.add_flag("--json", json, "print one JSON object per result");
+  app.add_option("--log-level", level, "least level of what the library logs")
+      ->check(CLI::IsMember(levels))
+      ->capture_default_str();
+  app.add_option("--timeout", timeout, "give up after so many seconds (default: never)")->check(CLI::Range(0.001, 1e6));
+
+  std::function<void(Session&)> command;
+  const auto add = [&](const char* name, const char* about, std::function<void(Session&)> run) {
+    CLI::App* subcommand = app.add_subcommand(name, about);
+    subcommand->callback([&command, run = std::move(run)] { command = run; });
+    return subcommand;
+  };
+
+  add("device", "Show all about the device", showDevice);
+
+  std::string name;
+  std::vector<std::string> names;
+  for (const Value& value : identity()) names.push_back(value.name);
+  add("get", "Show one value of the device's identity",
+      [&](Session& session) {
+        for (const Value& value : identity()) {
+          if (value.name == name) show(session, value);
+        }
+      })
+      ->add_option("value", name)
+      ->required()
+      ->check(CLI::IsMember(names));
+
+  std::string key;
+  int fallback = 0;
+  CLI::App* setting = add("setting", "Show a secure setting that is a number",
+                          [&](Session& session) { showSetting(session, key, fallback); });
+  setting->add_option("key", key)->required()->check([](const std::string& given) {
+    return given.empty() ? "the key is empty" : "";
+  });
+  setting->add_option("--default", fallback, "what an unset or empty setting counts as")->capture_default_str();
+
+  add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
+  add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
+      [](Session& session) { show(session, kAssistant); });
+  add("network", "Show what the client says of the network: always disconnected, its state comes by notification only",
+      [](Session& session) { show(session, kNetwork); });
+
+  std::string kind;
+  add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
+      [&](Session& session) { takeWakeLock(session, kind); })
+      ->add_option("kind", kind)
+      ->required()
+      ->check(CLI::IsMember({"partial", "full"}));
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (app.exit(error) != 0) return kUsage;
+    return outputWritten() ? kSuccess : kFailed;
+  }
+
+  watchLog(logLevels().at(level));
+  Session session(timeout, json);
+  if (session.open()) command(session);
+  return session.status();
+}
+
+// A standard stream that is closed must not become some socket of the client's that is then written to.
+void openStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
+  }
+}
+
+}  // namespace
+}  // namespace orvelctl
+
+int main(int argc, char** argv) {
+  orvelctl::openStandardStreams();
+  std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is told as an error
+  try {
+    return orvelctl::parseAndRun(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "orvelctl: " << error.what() << std::endl;
+    return orvelctl::kFailed;
+  }
+}
