@@ -18,6 +18,7 @@ constexpr int kPatienceMs = 3000;
 
 pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Process::Streams streams) {
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
 

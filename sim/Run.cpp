@@ -60,6 +60,8 @@ class Signals {
       m_sources.emplace_back(source);
     }
   }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
 
  private:
   Taken m_taken;

@@ -21,6 +21,6 @@ struct RunOptions {
 int runDevice(const RunOptions& options);
 
 // Serves one service of the device that `parent` is, until that ends.
-int serveAlone(const std::string& service, pid_t parent);
+int serveAlone(const std::string& name, pid_t parent);
 
 }  // namespace orvel::sim

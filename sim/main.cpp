@@ -133,7 +133,7 @@ void orderChange(const Json& change) {
 }
 
 Json readNumber(const std::string& word) {
-  const Json number = Json::parse(word, nullptr, /*allow_exceptions=*/false);
+  Json number = Json::parse(word, nullptr, /*allow_exceptions=*/false);
   if (!number.is_number_unsigned()) throw ScenarioError("a number or off is expected, not '" + word + "'");
   return number;
 }

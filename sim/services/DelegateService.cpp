@@ -28,7 +28,7 @@ class DelegateService : public Service {
   // An unset setting is a null string.
   Json getSecureSetting(const Call& call) {
     const Json& key = call.arguments.at("key");
-    if (key.is_null() || key == "")
+    if (key.is_null() || key.get_ref<const std::string&>().empty())
       throw RemoteException(kIllegalArgumentException, "getSecureSetting: the key is empty");
     return section().at("settings").value(key.get<std::string>(), Json());
   }

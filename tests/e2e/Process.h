@@ -22,7 +22,7 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   pid_t pid() const { return m_pid; }
-  void write(const std::string& line);
+  void write(const std::string& line) const;
   void signal(int number) const;
 
   // The rest of the line in which `text` stands next, after what was waited for before.
