@@ -7,7 +7,6 @@
 #include <initializer_list>
 #include <memory>
 #include <ostream>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,49 +79,6 @@ class Bytes {
   std::vector<std::uint8_t> m_bytes;
 };
 
-// Takes a message apart again, for a scripted service that answers by its arguments. Throws std::out_of_range past the
-// end.
-class Reader {
- public:
-  explicit Reader(const Bytes& bytes) : m_bytes(bytes) {}
-
-  std::int32_t i32() { return static_cast<std::int32_t>(number(4)); }
-  std::int64_t i64() { return static_cast<std::int64_t>(number(8)); }
-  double f64() {
-    const std::uint64_t bits = number(8);
-    double value = 0;
-    std::memcpy(&value, &bits, sizeof(value));
-    return value;
-  }
-  // Empty for a null string.
-  std::u16string utf16() {
-    std::u16string text;
-    const std::int32_t length = i32();
-    if (length < 0) return text;
-    for (std::int32_t n = 0; n < length; ++n) text.push_back(static_cast<char16_t>(number(2)));
-    number(length % 2 == 0 ? 4 : 2);
-    return text;
-  }
-  // The same as bytes; for what is known to be ASCII.
-  std::string ascii() {
-    std::string text;
-    for (const char16_t unit : utf16()) text.push_back(static_cast<char>(unit));
-    return text;
-  }
-  [[nodiscard]] std::size_t remaining() const { return m_bytes.size() - m_at; }
-
- private:
-  std::uint64_t number(std::size_t size) {
-    if (size > remaining()) throw std::out_of_range("the message ends at byte " + std::to_string(m_bytes.size()));
-    std::uint64_t value = 0;
-    for (std::size_t n = 0; n < size; ++n) value |= std::uint64_t{m_bytes.data()[m_at++]} << (8 * n);
-    return value;
-  }
-
-  Bytes m_bytes;
-  std::size_t m_at = 0;
-};
-
 // Messages of libvesk and the bytes in them.
 struct FreeMessage {
   void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
@@ -141,6 +97,13 @@ inline Bytes bytes_of(const vesk_payload* payload) {
   std::size_t size = 0;
   const void* data = vesk_payload_data(payload, &size);
   return {data, size};
+}
+
+// Reads a string that is known to be ASCII.
+inline std::string read_ascii(vesk_buffer* buffer) {
+  unsigned length = 0;
+  const std::uint16_t* units = vesk_read_utf16_string(buffer, &length);
+  return {units, units + length};
 }
 
 }  // namespace orvel::test

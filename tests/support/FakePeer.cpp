@@ -26,7 +26,7 @@ struct Peer::Form {
 
   Reply answer(const Transaction& call) {
     FakeVesk& vesk = the_vesk();
-    Reader in(call.request);
+    const BufferPtr request = buffer_of(call.request);
     switch (call.code) {
       case kEcho:
         return {call.request};
@@ -45,18 +45,19 @@ struct Peer::Form {
         return {};
       }
       case kSend:
-        for (int n = 0, count = in.i32(); n < count; ++n) vesk.send(kept.back(), kNews, Bytes().i32(n));
+        for (int n = 0, count = vesk_read_i32(request.get()); n < count; ++n)
+          vesk.send(kept.back(), kNews, Bytes().i32(n));
         return {};
       case kAsk:
-        return outcome(vesk.call(kept.back(), kNews, Bytes().i32(in.i32())));
+        return outcome(vesk.call(kept.back(), kNews, Bytes().i32(vesk_read_i32(request.get()))));
       case kSendToName: {
-        const Bytes message = Bytes().i32(in.i32());
-        vesk.send(in.ascii(), kNews, message);
+        const Bytes message = Bytes().i32(vesk_read_i32(request.get()));
+        vesk.send(read_ascii(request.get()), kNews, message);
         return {};
       }
       case kAskName: {
-        const Bytes message = Bytes().i32(in.i32());
-        return outcome(vesk.call(in.ascii(), kNews, message));
+        const Bytes message = Bytes().i32(vesk_read_i32(request.get()));
+        return outcome(vesk.call(read_ascii(request.get()), kNews, message));
       }
       default:
         return {{}, -EIO};

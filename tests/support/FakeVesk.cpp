@@ -90,7 +90,6 @@ struct Connection {
   Links links;
   EndpointRefs exports;
 };
-using Connections = std::map<std::uint32_t, Connection>;
 
 struct Service {
   bool running = false;
@@ -114,6 +113,15 @@ struct Failure {
   int error;
 };
 
+// Moves what `chosen` picks out of `all`, so that it can be dropped without the lock.
+template <typename Item, typename Choice>
+std::vector<Item> take_if(std::vector<Item>& all, Choice chosen) {
+  const auto first = std::stable_partition(all.begin(), all.end(), [&](const Item& item) { return !chosen(item); });
+  std::vector<Item> taken(std::make_move_iterator(first), std::make_move_iterator(all.end()));
+  all.erase(first, all.end());
+  return taken;
+}
+
 vesk_handle handle_of(std::uint32_t id) {
   return {{id, 1}};
 }
@@ -135,15 +143,15 @@ namespace orvel::test {
 struct FakeVesk::State {
   using Lock = std::unique_lock<std::mutex>;
 
-  mutable std::mutex mutex;  // guards everything below; never held while anything outside this file runs
+  std::mutex mutex;  // guards everything below; never held while anything outside this file runs
   std::condition_variable changed;
 
   std::map<std::string, Service> services;
   std::map<std::string, EndpointRef> published;
   std::vector<PendingBind> pending_binds;
-  std::multiset<std::thread::id> bind_callbacks;  // threads that run one
-  Connections connections;
-  std::uint32_t last_connection = 0;  // never starts over: values of handles are not used again
+  std::multiset<std::thread::id> bind_callbacks;    // threads that run one
+  std::map<std::uint32_t, Connection> connections;  // by the first word of the handle
+  std::uint32_t last_connection = 0;                // never starts over: values of handles are not used again
 
   bool shut_down = false;
   int shutdowns = 0;
@@ -171,8 +179,7 @@ struct FakeVesk::State {
 
   void plan_failure(std::string_view operation, int nth, bool always, int error) {
     const Lock lock(mutex);
-    const auto used = uses.find(operation);
-    const int first = (used == uses.end() ? 0 : used->second) + nth;
+    const int first = uses[std::string(operation)] + nth;
     failures.push_back({std::string(operation), first, always ? std::numeric_limits<int>::max() : first, error});
   }
 
@@ -204,54 +211,6 @@ struct FakeVesk::State {
     changed.notify_all();
   }
 
-  int run_loop() {
-    Lock lock(mutex);
-    if (loop_entered) return -EBUSY;
-    loop_entered = true;
-    const int entered_at = shutdowns;
-    while (!shut_down && shutdowns == entered_at) {
-      if (steps.empty()) {
-        changed.wait(lock);
-      } else {
-        run_step(lock);
-      }
-    }
-    loop_entered = false;
-    return 0;
-  }
-
-  // Without the thread: the steps that are there, on this one.
-  void run_pending() {
-    Lock lock(mutex);
-    while (!steps.empty() && !shut_down) run_step(lock);
-  }
-
-  void drain() {
-    Lock lock(mutex);
-    const long target = steps_queued;
-    changed.wait(lock, [this, target] { return steps_done >= target || shut_down; });
-  }
-
-  int shutdown() {
-    decltype(published) withdrawn;
-    Lock lock(mutex);
-    shut_down = true;
-    ++shutdowns;
-    pending_binds.clear();
-    withdrawn.swap(published);
-    changed.notify_all();
-    if (bind_callbacks.count(std::this_thread::get_id()) == 0) {
-      changed.wait(lock, [this] { return bind_callbacks.empty(); });
-    }
-    return 0;
-  }
-
-  void* start() {
-    const Lock lock(mutex);
-    shut_down = false;
-    return null_runtime ? nullptr : &g_runtime;
-  }
-
   // ---- Binding and handles ----
 
   vesk_handle connect(const std::string& name) {
@@ -267,83 +226,23 @@ struct FakeVesk::State {
     return service.refusal_error;
   }
 
-  int bind(const char* name, vesk_service_bind_callback callback, void* context) {
-    Lock lock(mutex);
-    if (const int error = refusal(name)) return error;
-    pending_binds.push_back({name, callback, context});
-    answer_binds(lock, name);
-    return 0;
-  }
-
-  int get(const char* name, vesk_handle* out) {
-    const Lock lock(mutex);
-    if (const int error = refusal(name)) return error;
-    if (!services[name].running) return -ENOENT;
-    *out = connect(name);
-    return 0;
-  }
-
-  int publish(const char* name, vesk_endpoint* endpoint) {
-    auto held = std::make_shared<HeldEndpoint>(endpoint);  // before the lock; what it replaces is released after it
-    const Lock lock(mutex);
-    if (services[name].running) return -EADDRINUSE;
-    published[name].swap(held);
-    return 0;
-  }
-
   // Calls back the binds that wait for `name`, if there is nothing left to wait for. Unlocks.
   void answer_binds(Lock& lock, const std::string& name) {
     const Service& service = services[name];
     if (!service.running || service.binds_held) return;
-    const auto others = std::stable_partition(pending_binds.begin(), pending_binds.end(),
-                                              [&name](const PendingBind& bind) { return bind.name != name; });
-    std::vector<std::pair<PendingBind, vesk_handle>> answers;
-    std::for_each(others, pending_binds.end(),
-                  [&](const PendingBind& bind) { answers.emplace_back(bind, connect(name)); });
-    pending_binds.erase(others, pending_binds.end());
+    const auto binds = take_if(pending_binds, [&name](const PendingBind& bind) { return bind.name == name; });
+    std::vector<vesk_handle> handles;
+    std::generate_n(std::back_inserter(handles), binds.size(), [&] { return connect(name); });
     const auto running = bind_callbacks.insert(std::this_thread::get_id());
     lock.unlock();
-    for (const auto& [bind, handle] : answers) {
-      call_out("a bind callback", [&, &bind = bind, &handle = handle] {
-        return bind.callback(&g_runtime, bind.context, bind.name.c_str(), handle), 0;
-      });
+    for (std::size_t n = 0; n < binds.size(); ++n) {
+      const PendingBind& bind = binds[n];
+      call_out("a bind callback", [&] { return bind.callback(&g_runtime, bind.context, name.c_str(), handles[n]), 0; });
     }
     lock.lock();
     bind_callbacks.erase(running);
     changed.notify_all();
     lock.unlock();
-  }
-
-  bool is_valid(const vesk_handle* handle) {
-    const Lock lock(mutex);
-    return find(handle) != nullptr;
-  }
-
-  int acquire(const vesk_handle* handle) {
-    const Lock lock(mutex);
-    Connection* connection = find(handle);
-    if (connection == nullptr) return -EINVAL;
-    ++connection->acquired;
-    return 0;
-  }
-
-  int release(const vesk_handle* handle) {
-    Lock lock(mutex);
-    Connection* connection = find(handle);
-    if (connection == nullptr) return -EINVAL;
-    --(connection->acquired > 0 ? connection->acquired : connection->lookups);
-    if (connection->death != 0) connection->lookups = 0;
-    close_if_unused(lock, handle->words[0]);
-    return 0;
-  }
-
-  int unbind(const vesk_handle* handle) {
-    Lock lock(mutex);
-    Connection* connection = find(handle);
-    if (connection == nullptr) return -EINVAL;
-    connection->lookups = 0;
-    close_if_unused(lock, handle->words[0]);
-    return 0;
   }
 
   // Without references the connection ends, and with it what was exported over it. Unlocks.
@@ -378,10 +277,7 @@ struct FakeVesk::State {
       link = linked.lock();
       const auto found = connections.find(id);
       if (link == nullptr || found == connections.end()) return;
-      Links& links = found->second.links;
-      const auto position = std::find(links.begin(), links.end(), link);
-      if (position == links.end()) return;
-      links.erase(position);
+      if (take_if(found->second.links, [&](const auto& other) { return other == link; }).empty()) return;
       found->second.noticed = true;
       lock.unlock();
       vesk_handle handle = handle_of(id);
@@ -401,55 +297,15 @@ struct FakeVesk::State {
     close_if_unused(lock, id);
   }
 
-  int link(const vesk_handle* handle, vesk_death_callback* callback) {
-    const auto made =
-        std::make_shared<Link>(callback);  // before the lock, and gone after it if the handle is not valid
-    const Lock lock(mutex);
-    Connection* connection = find(handle);
-    if (connection == nullptr) return -EINVAL;
-    connection->links.push_back(made);
-    if (connection->death != 0) {
-      queue_notice(handle->words[0], made);
-      queue_step([this, id = handle->words[0]] { end(id); });
-    }
-    return 0;
-  }
-
-  int unlink(const vesk_handle* handle, const vesk_death_callback* callback) {
-    Links unlinked;
-    const Lock lock(mutex);
-    Connection* connection = find(handle);
-    if (connection == nullptr) return -EINVAL;
-    Links& links = connection->links;
-    const auto first = std::stable_partition(links.begin(), links.end(),
-                                             [callback](const auto& link) { return link->callback != callback; });
-    std::move(first, links.end(), std::back_inserter(unlinked));
-    links.erase(first, links.end());
-    return 0;
-  }
-
   // ---- Messages ----
 
-  int transact(const vesk_handle* handle, unsigned code, const vesk_payload& request, const EndpointRefs& endpoints,
-               int planned, vesk_buffer& buffer) {
-    const auto& bytes = request.parcel.bytes();
-    Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0};
-    for (const EndpointRef& held : endpoints) transaction.endpoints.push_back(held->endpoint);
-    const int refused = planned != 0 ? planned : request.parcel.error();
-    const Reply reply = refused != 0 ? Reply{{}, refused} : call(handle, transaction, endpoints);
-    buffer.parcel.assign(reply.bytes.data(), reply.bytes.size());
-    transaction.result = reply.result;
-    const Lock lock(mutex);
-    transactions.push_back(std::move(transaction));
-    return reply.result;
-  }
-
-  // The client's call, from the message to the answer.
-  Reply call(const vesk_handle* handle, Transaction& transaction, const EndpointRefs& endpoints) {
+  // The client's call, from the message to the answer; `refused` is the error that it fails with anyway.
+  Reply call(const vesk_handle* handle, Transaction& transaction, const EndpointRefs& endpoints, int refused) {
     Lock lock(mutex);
     Connection* connection = find(handle);
+    if (connection != nullptr) transaction.service = connection->service;
+    if (refused != 0) return {{}, refused};
     if (connection == nullptr) return {{}, -EINVAL};
-    transaction.service = connection->service;
     if (shut_down) return {{}, -ESHUTDOWN};
     if (connection->death != 0) return {{}, connection->death};
     const int started_at = shutdowns;
@@ -464,10 +320,10 @@ struct FakeVesk::State {
     Service& service = services[transaction.service];
     ++connection->calls_held;
     changed.notify_all();
-    const auto held = [&] {
+    const auto is_held = [&] {
       return service.calls_held && (service.held_code == kAnyCode || service.held_code == transaction.code);
     };
-    changed.wait(lock, [&] { return !held() || broken() != 0; });
+    changed.wait(lock, [&] { return !is_held() || broken() != 0; });
     if ((connection = find(handle)) != nullptr) --connection->calls_held;
 
     Reply reply{{}, broken()};
@@ -479,16 +335,12 @@ struct FakeVesk::State {
       if (const int error = thrown != 0 ? thrown : broken()) reply = {{}, error};
     }
     connection = find(handle);
-    if (reply.result != 0 && connection != nullptr) take_back(*connection, endpoints);
+    if (reply.result != 0 && connection != nullptr) {
+      take_if(connection->exports, [&](const EndpointRef& held) {
+        return std::find(endpoints.begin(), endpoints.end(), held) != endpoints.end();
+      });
+    }
     return reply;
-  }
-
-  static void take_back(Connection& connection, const EndpointRefs& endpoints) {
-    EndpointRefs& exports = connection.exports;
-    const auto taken = [&endpoints](const EndpointRef& held) {
-      return std::find(endpoints.begin(), endpoints.end(), held) != endpoints.end();
-    };
-    exports.erase(std::remove_if(exports.begin(), exports.end(), taken), exports.end());
   }
 
   // A service's message to an endpoint of the client; `reply` is null for a one-way message.
@@ -505,9 +357,9 @@ struct FakeVesk::State {
         request.parcel.assign(message.data(), message.size());
         vesk_payload payload;
         answer.result = call_out("an endpoint", [&] {
-          if (reply == nullptr)
-            return endpoint->fn->endpoint_call_oneway(&g_runtime, endpoint, code, &caller, &request);
-          return endpoint->fn->endpoint_call(&g_runtime, endpoint, code, &caller, &request, &payload);
+          const vesk_endpoint_fn& fn = *endpoint->fn;
+          return reply == nullptr ? fn.endpoint_call_oneway(&g_runtime, endpoint, code, &caller, &request)
+                                  : fn.endpoint_call(&g_runtime, endpoint, code, &caller, &request, &payload);
         });
         if (answer.result == 0) answer.bytes = bytes_of(&payload);
       }
@@ -530,25 +382,6 @@ struct FakeVesk::State {
     }
     return nullptr;
   }
-
-  // Everything that holds a reference or a script leaves under the lock and is destroyed after it.
-  void reset() {
-    decltype(services) old_services;
-    decltype(published) old_published;
-    decltype(connections) old_connections;
-    decltype(steps) old_steps;
-    const Lock lock(mutex);
-    old_services.swap(services);
-    old_published.swap(published);
-    old_connections.swap(connections);
-    old_steps.swap(steps);
-    steps_done = steps_queued;
-    pending_binds.clear();
-    transactions.clear();
-    uses.clear();
-    failures.clear();
-    shut_down = null_runtime = false;
-  }
 };
 
 namespace {
@@ -564,10 +397,29 @@ FakeVesk::State& state() {
 // ---- What tests script and see ----
 
 FakeVesk::FakeVesk() : m_state(state()) {
-  m_state.reset();
+  reset();
 }
 FakeVesk::~FakeVesk() {
-  m_state.reset();
+  reset();
+}
+
+// Everything that holds a reference or a script leaves under the lock and is destroyed after it.
+void FakeVesk::reset() {
+  decltype(m_state.services) services;
+  decltype(m_state.published) published;
+  decltype(m_state.connections) connections;
+  decltype(m_state.steps) steps;
+  const State::Lock lock(m_state.mutex);
+  services.swap(m_state.services);
+  published.swap(m_state.published);
+  connections.swap(m_state.connections);
+  steps.swap(m_state.steps);
+  m_state.steps_done = m_state.steps_queued;
+  m_state.pending_binds.clear();
+  m_state.transactions.clear();
+  m_state.uses.clear();
+  m_state.failures.clear();
+  m_state.shut_down = m_state.null_runtime = false;
 }
 
 void FakeVesk::add_service(const std::string& name, Handler handler) {
@@ -647,11 +499,8 @@ void FakeVesk::release_endpoint(const vesk_endpoint* endpoint) {
   EndpointRefs released;
   const State::Lock lock(m_state.mutex);
   for (auto& [id, connection] : m_state.connections) {
-    EndpointRefs& exports = connection.exports;
-    const auto first = std::stable_partition(
-        exports.begin(), exports.end(), [endpoint](const EndpointRef& held) { return held->endpoint != endpoint; });
-    std::move(first, exports.end(), std::back_inserter(released));
-    exports.erase(first, exports.end());
+    const auto given_back = [endpoint](const EndpointRef& held) { return held->endpoint == endpoint; };
+    for (EndpointRef& held : take_if(connection.exports, given_back)) released.push_back(std::move(held));
   }
 }
 
@@ -661,10 +510,14 @@ void FakeVesk::post(std::function<void()> step) {
 }
 
 void FakeVesk::drain() {
-  m_state.drain();
+  State::Lock lock(m_state.mutex);
+  const long target = m_state.steps_queued;
+  m_state.changed.wait(lock, [&] { return m_state.steps_done >= target || m_state.shut_down; });
 }
+
 void FakeVesk::run_pending() {
-  m_state.run_pending();
+  State::Lock lock(m_state.mutex);
+  while (!m_state.steps.empty() && !m_state.shut_down) m_state.run_step(lock);
 }
 
 void FakeVesk::fail_once(std::string_view operation, int nth, int error) {
@@ -687,21 +540,13 @@ std::vector<Transaction> FakeVesk::transactions() const {
 
 std::vector<Transaction> FakeVesk::transactions(const std::string& service) const {
   std::vector<Transaction> calls = transactions();
-  const auto other = [&service](const Transaction& call) { return call.service != service; };
-  calls.erase(std::remove_if(calls.begin(), calls.end(), other), calls.end());
-  return calls;
+  return take_if(calls, [&service](const Transaction& call) { return call.service == service; });
 }
 
 int FakeVesk::uses(std::string_view operation) const {
   const State::Lock lock(m_state.mutex);
   const auto found = m_state.uses.find(operation);
   return found == m_state.uses.end() ? 0 : found->second;
-}
-
-vesk_endpoint* FakeVesk::published(const std::string& name) const {
-  const State::Lock lock(m_state.mutex);
-  const auto found = m_state.published.find(name);
-  return found == m_state.published.end() ? nullptr : found->second->endpoint;
 }
 
 Live FakeVesk::live() const {
@@ -728,20 +573,28 @@ bool operator==(const Live& a, const Live& b) {
 
 // ---- vesk.h ----
 
-using orvel::test::EndpointRefs;
-using orvel::test::g_runtime;
-using orvel::test::state;
+using namespace orvel::test;
+using State = FakeVesk::State;
 
 namespace {
 
+// The shared shape of the functions: one more use, which fails when that is planned.
 template <typename Body>
 int use(const char* operation, Body body) {
   const int planned = state().enter(operation);
-  return planned != 0 ? planned : body();
+  return planned != 0 ? planned : body(state());
 }
 
-bool is_name(const char* name) {
-  return name != nullptr && *name != '\0';
+// The same for what needs a handle that names something. `body` runs under the lock and may unlock.
+template <typename Body>
+int use_handle(const char* operation, const vesk_handle* handle, Body body) {
+  return use(operation, [&](State& self) {
+    State::Lock lock(self.mutex);
+    Connection* connection = self.find(handle);
+    if (connection == nullptr) return -EINVAL;
+    body(self, *connection, lock);
+    return 0;
+  });
 }
 
 template <typename Message>
@@ -769,45 +622,98 @@ int write(vesk_payload* payload, const char* operation, Write write_value) {
 }  // namespace
 
 int vesk_get_runtime(void** runtime) {
-  return use(__func__, [&] { return *runtime = state().start(), 0; });
+  return use(__func__, [&](State& self) {
+    const State::Lock lock(self.mutex);
+    self.shut_down = false;
+    *runtime = self.null_runtime ? nullptr : &g_runtime;
+    return 0;
+  });
 }
 
 int vesk_run_loop(void*) {
-  return use(__func__, [&] { return state().run_loop(); });
+  return use(__func__, [](State& self) {
+    State::Lock lock(self.mutex);
+    if (self.loop_entered) return -EBUSY;
+    self.loop_entered = true;
+    const auto stopped = [&self, entered_at = self.shutdowns] {
+      return self.shut_down || self.shutdowns != entered_at;
+    };
+    while (!stopped()) {
+      self.changed.wait(lock, [&] { return stopped() || !self.steps.empty(); });
+      if (!stopped()) self.run_step(lock);
+    }
+    self.loop_entered = false;
+    return 0;
+  });
 }
 
 int vesk_shutdown(void*) {
-  return use(__func__, [&] { return state().shutdown(); });
+  return use(__func__, [](State& self) {
+    decltype(self.published) withdrawn;  // dropped after the lock
+    State::Lock lock(self.mutex);
+    self.shut_down = true;
+    ++self.shutdowns;
+    self.pending_binds.clear();
+    withdrawn.swap(self.published);
+    self.changed.notify_all();
+    if (self.bind_callbacks.count(std::this_thread::get_id()) == 0) {
+      self.changed.wait(lock, [&] { return self.bind_callbacks.empty(); });
+    }
+    return 0;
+  });
 }
 
 int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callback, void* context) {
-  return use(__func__,
-             [&] { return is_name(name) && callback != nullptr ? state().bind(name, callback, context) : -EINVAL; });
+  return use(__func__, [&](State& self) {
+    State::Lock lock(self.mutex);
+    if (const int refused = self.refusal(name)) return refused;
+    self.pending_binds.push_back({name, callback, context});
+    self.answer_binds(lock, name);
+    return 0;
+  });
 }
 
 int vesk_service_unbind(void*, vesk_handle* handle) {
-  return use(__func__, [&] { return state().unbind(handle); });
+  return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
+    connection.lookups = 0;
+    self.close_if_unused(lock, handle->words[0]);
+  });
 }
 
 int vesk_binder_servicemanager_get(void*, const char* name, vesk_handle* out) {
-  return use(__func__, [&] { return is_name(name) && out != nullptr ? state().get(name, out) : -EINVAL; });
+  return use(__func__, [&](State& self) {
+    const State::Lock lock(self.mutex);
+    if (const int refused = self.refusal(name)) return refused;
+    if (!self.services[name].running) return -ENOENT;
+    *out = self.connect(name);
+    return 0;
+  });
 }
 
 int vesk_service_register(void*, const char* name, vesk_endpoint* endpoint) {
-  return use(__func__,
-             [&] { return is_name(name) && endpoint != nullptr ? state().publish(name, endpoint) : -EINVAL; });
+  return use(__func__, [&](State& self) {
+    auto held = std::make_shared<HeldEndpoint>(endpoint);  // before the lock; what it replaces is dropped after it
+    const State::Lock lock(self.mutex);
+    if (self.services[name].running) return -EADDRINUSE;
+    self.published[name].swap(held);
+    return 0;
+  });
 }
 
 int vesk_handle_is_valid(void*, const vesk_handle* handle) {
-  return state().enter(__func__) == 0 && state().is_valid(handle) ? 1 : 0;
+  return use_handle(__func__, handle, [](State&, Connection&, State::Lock&) {}) == 0 ? 1 : 0;
 }
 
 int vesk_handle_acquire(void*, vesk_handle* handle) {
-  return use(__func__, [&] { return state().acquire(handle); });
+  return use_handle(__func__, handle, [](State&, Connection& connection, State::Lock&) { ++connection.acquired; });
 }
 
 int vesk_handle_release(void*, vesk_handle* handle) {
-  return use(__func__, [&] { return state().release(handle); });
+  return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
+    --(connection.acquired > 0 ? connection.acquired : connection.lookups);
+    if (connection.death != 0) connection.lookups = 0;
+    self.close_if_unused(lock, handle->words[0]);
+  });
 }
 
 vesk_handle vesk_invalid_handle() {
@@ -815,19 +721,28 @@ vesk_handle vesk_invalid_handle() {
 }
 
 int vesk_handle_link_to_death(void*, vesk_handle* handle, vesk_death_callback* callback) {
-  return use(__func__, [&] { return callback == nullptr ? -EINVAL : state().link(handle, callback); });
+  const auto made = std::make_shared<Link>(callback);  // dropped after the lock where the handle is not valid
+  return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock&) {
+    connection.links.push_back(made);
+    if (connection.death == 0) return;
+    self.queue_notice(handle->words[0], made);
+    self.queue_step([&self, id = handle->words[0]] { self.end(id); });
+  });
 }
 
 int vesk_handle_unlink_to_death(void*, vesk_handle* handle, vesk_death_callback* callback) {
-  return use(__func__, [&] { return state().unlink(handle, callback); });
+  Links unlinked;  // dropped after the lock
+  return use_handle(__func__, handle, [&](State&, Connection& connection, State::Lock&) {
+    unlinked = take_if(connection.links, [callback](const auto& link) { return link->callback == callback; });
+  });
 }
 
 vesk_payload* vesk_payload_alloc() {
-  return allocate<vesk_payload>(__func__, orvel::test::g_payloads);
+  return allocate<vesk_payload>(__func__, g_payloads);
 }
 
 void vesk_payload_free(vesk_payload* payload) {
-  if (payload != nullptr) --orvel::test::g_payloads;
+  if (payload != nullptr) --g_payloads;
   delete payload;
 }
 
@@ -844,11 +759,11 @@ int vesk_payload_set_position(vesk_payload* payload, unsigned int position) {
 }
 
 vesk_buffer* vesk_buffer_alloc() {
-  return allocate<vesk_buffer>(__func__, orvel::test::g_buffers);
+  return allocate<vesk_buffer>(__func__, g_buffers);
 }
 
 void vesk_buffer_free(vesk_buffer* buffer) {
-  if (buffer != nullptr) --orvel::test::g_buffers;
+  if (buffer != nullptr) --g_buffers;
   delete buffer;
 }
 
@@ -860,11 +775,20 @@ int vesk_call(void*, vesk_handle* handle, unsigned int code, vesk_payload* reque
   const int planned = state().enter(__func__);
   if (request == nullptr || reply == nullptr) return -EINVAL;
   const EndpointRefs endpoints = std::exchange(request->endpoints, {});
-  return state().transact(handle, code, *request, endpoints, planned, *reply);
+  const auto& bytes = request->parcel.bytes();
+  Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0};
+  for (const EndpointRef& held : endpoints) transaction.endpoints.push_back(held->endpoint);
+  const int refused = planned != 0 ? planned : request->parcel.error();
+  const Reply answer = state().call(handle, transaction, endpoints, refused);
+  reply->parcel.assign(answer.bytes.data(), answer.bytes.size());
+  transaction.result = answer.result;
+  const State::Lock lock(state().mutex);
+  state().transactions.push_back(std::move(transaction));
+  return answer.result;
 }
 
 int vesk_reply_done(void*, vesk_buffer* reply) {
-  return use(__func__, [&] {
+  return use(__func__, [&](State&) {
     if (reply != nullptr) reply->parcel = {};  // so that a late use of what was in it shows
     return 0;
   });
@@ -896,7 +820,7 @@ int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
   return write(payload, __func__, [&](vesk::Parcel& parcel) {
     if (endpoint == nullptr) return parcel.fail(-EINVAL);
     const int error = parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.size()));
-    if (error == 0) payload->endpoints.push_back(std::make_shared<orvel::test::HeldEndpoint>(endpoint));
+    if (error == 0) payload->endpoints.push_back(std::make_shared<HeldEndpoint>(endpoint));
     return error;
   });
 }
@@ -916,9 +840,9 @@ int32_t vesk_read_array_length(vesk_buffer* buffer) {
 
 const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length) {
   unsigned int ignored = 0;
-  unsigned int& units = length == nullptr ? ignored : *length;
-  units = 0;
-  return usable(buffer, __func__) ? buffer->parcel.read_utf16(&units) : nullptr;
+  if (length == nullptr) length = &ignored;
+  *length = 0;
+  return usable(buffer, __func__) ? buffer->parcel.read_utf16(length) : nullptr;
 }
 
 // ---- Of vesk_service.h: messages as bytes ----
@@ -926,10 +850,6 @@ const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length
 const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
   *size = payload == nullptr ? 0 : payload->parcel.bytes().size();
   return payload == nullptr ? nullptr : payload->parcel.bytes().data();
-}
-
-int vesk_payload_truncate(vesk_payload* payload, size_t size) {
-  return payload == nullptr ? -EINVAL : payload->parcel.truncate(size);
 }
 
 int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {

@@ -31,7 +31,7 @@ struct Reply {
   int result = 0;
 };
 
-// Answers the calls of one service, on the calling thread and with no lock held. It may use the fake: kill_service() of
+// Answers the calls of one service (buffer_of(call.request) reads one), on the calling thread and with no lock held. It may use the fake: kill_service() of
 // itself makes the call in progress fail.
 using Handler = std::function<Reply(const Transaction& call)>;
 
@@ -129,13 +129,13 @@ class FakeVesk {
   [[nodiscard]] std::vector<Transaction> transactions(const std::string& service) const;
   // How often the client used the libvesk function `operation`, failed uses included.
   [[nodiscard]] int uses(std::string_view operation) const;
-  // The endpoint that the client publishes under `name`; null when there is none. Borrowed.
-  [[nodiscard]] vesk_endpoint* published(const std::string& name) const;
   [[nodiscard]] Live live() const;
 
   struct State;
 
  private:
+  void reset();
+
   State& m_state;  // lives as long as the process: exit handlers of the code under test use it
 };
 

@@ -28,12 +28,6 @@ void tell_parent() {
   std::fflush(stdout);
 }
 
-std::string read_name(vesk_buffer* request) {
-  unsigned length = 0;
-  const std::uint16_t* units = vesk_read_utf16_string(request, &length);
-  return {units, units + length};
-}
-
 vesk_handle* look_up(const std::string& name) {
   vesk_handle& handle = peer.names[name];
   if (vesk_handle_is_valid(peer.runtime, &handle) == 0) {
@@ -102,12 +96,12 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
     }
     case kSendToName: {
       const PayloadPtr message = payload_of(vesk_read_i32(request));
-      return vesk_call_oneway(peer.runtime, look_up(read_name(request)), kNews, message.get());
+      return vesk_call_oneway(peer.runtime, look_up(read_ascii(request)), kNews, message.get());
     }
     case kAskName: {
       const PayloadPtr question = payload_of(vesk_read_i32(request));
       const BufferPtr answer(vesk_buffer_alloc());
-      vesk_handle* handle = look_up(read_name(request));
+      vesk_handle* handle = look_up(read_ascii(request));
       write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
       return 0;
     }

@@ -26,7 +26,6 @@
 #include "Support.h"
 #include "VeskTest.h"
 #include "support/Bytes.h"
-#include "support/Callbacks.h"
 #include "support/Peer.h"
 #include "support/RunLoop.h"
 #include "vesk/vesk_service.h"
@@ -35,7 +34,7 @@ namespace orvel::test {
 namespace {
 
 namespace fs = std::filesystem;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 using vesk::check;
 using vesk::check_errno;
 using vesk::UniqueFd;
@@ -184,8 +183,8 @@ TEST_F(HostRuntime, AClientThatBreaksTheProtocolIsDroppedAndNobodyElseNotices) {
 TEST_F(HostRuntime, AFloodOfConnectionsShutsOutOnlyTheProcessItComesFrom) {
   const Peer other("other");
   const vesk_handle through_other = lookup(other.name());
-  std::vector<UniqueFd> flood;
-  for (int n = 0; n < 300; ++n) flood.push_back(connect_raw());
+  std::vector<UniqueFd> flood(300);
+  for (UniqueFd& client : flood) client = connect_raw();
   EXPECT_TRUE(is_dropped(flood.back().get()));
   EXPECT_EQ(call(m_before, kEcho, 3).words, Words{3});
   EXPECT_EQ(call(through_other, kAskName, 4, m_peer.name()).words, (Words{0, 104}));
@@ -202,7 +201,7 @@ TEST_F(HostRuntime, AReceiverThatDoesNotReadLosesOnlyItsOwnMessages) {
   EXPECT_EQ(call(slow, kSend, kSent).error, 0);
   expect_others_are_served("messages that nobody reads");
   const RunLoop loop(m_runtime);
-  while (call(slow, kAsk, -1).words != Words{0, 99}) std::this_thread::yield();  // until its queue has room again
+  EXPECT_TRUE(eventually([&] { return call(slow, kAsk, -1).words == Words{0, 99}; })) << "its queue has room again";
   const Entries received = m_log.wait_for(1);
   ASSERT_GT(received.size(), 100U);
   EXPECT_LT(received.size(), std::size_t{kSent});
@@ -265,10 +264,11 @@ TEST_F(HostRuntime, AServiceThatSaysNothingBlocksOnlyItsOwnCallers) {
 TEST_F(HostRuntime, DeathsLeaveNothingBehind) {
   const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   const RunLoop loop(m_runtime);
-  keep(m_before, new_inbox("marker"));
-  long before = 0;
+  const vesk_handle first = lookup();
+  keep(first, new_inbox("first"));
+  call(first, kAsk, 1);  // with the first callback channel the event loop gets a descriptor that it keeps
+  const auto before = descriptors();
   for (int round = 0; round < 10; ++round) {
-    if (round == 1) before = descriptors();
     Peer mortal("mortal");  // takes the place of the dead one
     Inbox& inbox = new_inbox("message");
     std::vector<vesk_handle> handles;
@@ -281,11 +281,9 @@ TEST_F(HostRuntime, DeathsLeaveNothingBehind) {
     mortal.kill();
     for (Mourner& mourner : m_mourners) EXPECT_TRUE(mourner.references.wait_for(0));
     EXPECT_TRUE(inbox.references.wait_for(0));
-    // The run loop answers this when it is through with the deaths.
-    EXPECT_EQ(call(m_before, kAsk, round).words, (Words{0, round + 100}));
     for (const vesk_handle handle : handles) EXPECT_NE(call(handle, kEcho).error, 0);
   }
-  EXPECT_EQ(descriptors(), before);
+  EXPECT_TRUE(eventually([&] { return descriptors() == before; })) << descriptors() << " instead of " << before;
 }
 
 TEST_F(HostRuntime, NamesAreEscapedAndBounded) {
@@ -348,11 +346,11 @@ TEST(HostRuntimeDeathTest, WithoutADeviceALineNamesTheDirectory) {
     const auto child = [&] {
       const fs::path directory = parent / row.directory;
       if (row.mode != 0 && (::mkdir(directory.c_str(), row.mode) != 0 || ::chmod(directory.c_str(), row.mode) != 0)) {
-        ::_exit(2);
+        std::exit(2);
       }
       ::setenv("ORVEL_RUNTIME_DIR", directory.c_str(), 1);
       void* runtime = nullptr;
-      ::_exit(vesk_get_runtime(&runtime) == 0 || runtime != nullptr ? 1 : 0);
+      std::exit(vesk_get_runtime(&runtime) == 0 || runtime != nullptr ? 1 : 0);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/"s + row.directory + ".*" + row.problem);
   }

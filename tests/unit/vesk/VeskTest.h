@@ -1,17 +1,22 @@
-// What the tests of libvesk share: a peer, the process's runtime, and short names for what they do with both.
+// What the tests of libvesk share: a peer, the process's runtime, what is called back and the log of it, and short names for what
+// they do with all these.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <future>
+#include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/Bytes.h"
-#include "support/Callbacks.h"
 #include "support/Peer.h"
 #include "vesk/vesk.h"
 
@@ -20,22 +25,145 @@ namespace orvel::test {
 using Entries = std::vector<std::string>;
 using Words = std::vector<int>;
 
-// A bind callback's context: logs "bound <name>", then runs `then`.
-struct Bind {
-  explicit Bind(Log& the_log, std::string the_name, std::function<void()> what_then = {})
-      : log(the_log), name(std::move(the_name)), then(std::move(what_then)) {}
+// For what nothing announces; false when it does not come about within a generous limit.
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
 
-  static void bound(void*, void* context, const char*, vesk_handle handle) {
-    auto& bind = *static_cast<Bind*>(context);
-    bind.handle = handle;
-    bind.log.add("bound " + bind.name);
-    if (bind.then) bind.then();
+// What happened, in order, and a way to wait for it. A wait that is not met within its generous limit returns as it is.
+class Log {
+ public:
+  void add(std::string entry) {
+    change([&] { m_entries.push_back(std::move(entry)); });
+  }
+  // The entries once there are `count`.
+  std::vector<std::string> wait_for(std::size_t count) {
+    wait([&] { return m_entries.size() >= count; });
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_entries;
+  }
+
+  // For what else a test counts and waits for; both run what they are given under the log's lock.
+  template <typename Step>
+  void change(Step step) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    step();
+    m_changed.notify_all();
+  }
+  template <typename Condition>
+  bool wait(Condition condition) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::seconds(30), condition);
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<std::string> m_entries;
+};
+
+// References that libvesk holds to something.
+class References {
+ public:
+  explicit References(Log& log) : m_log(log) {}
+
+  int add(int count) {
+    if (on_change) on_change();
+    m_log.change([&] { m_count += count; });
+    if (throws) throw std::runtime_error("thrown while counting references");
+    return 0;
+  }
+  [[nodiscard]] int now() const {
+    int count = 0;
+    m_log.change([&] { count = m_count; });
+    return count;
+  }
+  bool wait_for(int count) {
+    return m_log.wait([&] { return m_count == count; });
+  }
+
+  // What happens besides, before the count changes and after.
+  std::function<void()> on_change;
+  bool throws = false;
+
+ private:
+  Log& m_log;
+  int m_count = 0;
+};
+
+// Something that libvesk calls back: it logs what it hears, then runs `then` with the number that came along.
+struct Listener {
+  Listener(Log& the_log, std::string the_name, std::function<void(int)> what_then)
+      : log(the_log), name(std::move(the_name)), then(std::move(what_then)), references(the_log) {}
+  Listener(const Listener&) = delete;  // libvesk knows its address
+  Listener& operator=(const Listener&) = delete;
+
+  void hear(std::string what, int number = 0) {
+    thread = std::this_thread::get_id();
+    log.add(std::move(what));
+    if (then) then(number);
   }
 
   Log& log;
   const std::string name;
-  const std::function<void()> then;
-  vesk_handle handle{};
+  std::function<void(int)> then;
+  References references;
+  std::thread::id thread;  // where it heard last
+  vesk_handle handle{};    // that it was given last
+};
+
+// An endpoint that logs "<name> <number>" and answers calls with the number plus 100.
+struct Inbox : Listener {
+  using Listener::Listener;
+
+  static Inbox& self(vesk_endpoint* endpoint) { return *static_cast<Inbox*>(endpoint->context); }
+  static int call_oneway(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request) {
+    const int number = vesk_read_i32(request);
+    self(endpoint).hear(self(endpoint).name + ' ' + std::to_string(number), number);
+    return 0;
+  }
+  static int call(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) {
+    const int number = vesk_read_i32(request);
+    self(endpoint).hear(self(endpoint).name + ' ' + std::to_string(number), number);
+    return vesk_write_i32(reply, number + 100);
+  }
+  static int acquire(void*, vesk_endpoint* endpoint) { return self(endpoint).references.add(1); }
+  static int release(void*, vesk_endpoint* endpoint) { return self(endpoint).references.add(-1); }
+  static constexpr vesk_endpoint_fn kFunctions{call, call_oneway, acquire, release};
+
+  vesk_endpoint endpoint{&kFunctions, this};
+};
+
+// A death callback that logs "<name> died".
+struct Mourner : Listener {
+  using Listener::Listener;
+
+  static Mourner& self(vesk_death_callback* linked) { return *static_cast<Mourner*>(linked->context); }
+  static void on_death(void*, vesk_death_callback* linked, vesk_handle* dead) {
+    self(linked).handle = *dead;
+    self(linked).hear(self(linked).name + " died");
+  }
+  static void acquire(vesk_death_callback* linked) { self(linked).references.add(1); }
+  static void release(vesk_death_callback* linked) { self(linked).references.add(-1); }
+
+  vesk_death_callback callback{on_death, acquire, release, this};
+};
+
+// A bind callback that logs "bound <name>".
+struct Bind : Listener {
+  using Listener::Listener;
+
+  static void bound(void*, void* context, const char*, vesk_handle handle) {
+    auto& bind = *static_cast<Bind*>(context);
+    bind.handle = handle;
+    bind.hear("bound " + bind.name);
+  }
 };
 
 class VeskTest : public testing::Test {
@@ -57,10 +185,10 @@ class VeskTest : public testing::Test {
   Inbox& new_inbox(const char* name, std::function<void(int)> then = {}) {
     return m_inboxes.emplace_back(m_log, name, std::move(then));
   }
-  Mourner& new_mourner(const char* name, std::function<void()> then = {}) {
+  Mourner& new_mourner(const char* name, std::function<void(int)> then = {}) {
     return m_mourners.emplace_back(m_log, name, std::move(then));
   }
-  Bind& new_bind(const char* name, std::function<void()> then = {}) {
+  Bind& new_bind(const char* name, std::function<void(int)> then = {}) {
     return m_binds.emplace_back(m_log, name, std::move(then));
   }
 
