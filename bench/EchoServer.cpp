@@ -1,0 +1,133 @@
+#include "EchoServer.h"
+
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+#include <vesk/vesk_service.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <system_error>
+
+namespace bench {
+namespace {
+
+constexpr const char* kServe = "--serve-echo=";
+constexpr int kServerSocket = 3;
+
+int serveSocket() {
+  char bytes[65536];
+  for (;;) {
+    const ssize_t got = ::read(kServerSocket, bytes, sizeof(bytes));
+    if (got <= 0 || ::write(kServerSocket, bytes, static_cast<std::size_t>(got)) != got) return 0;
+  }
+}
+
+int answerOnBus(sd_bus_message* request, void* /*context*/, sd_bus_error* /*error*/) {
+  const void* bytes = nullptr;
+  std::size_t size = 0;
+  sd_bus_message* reply = nullptr;
+  int result = sd_bus_message_read_array(request, 'y', &bytes, &size);
+  if (result >= 0) result = sd_bus_message_new_method_return(request, &reply);
+  if (result >= 0) result = sd_bus_message_append_array(reply, 'y', bytes, size);
+  if (result >= 0) result = sd_bus_send(nullptr, reply, nullptr);
+  sd_bus_message_unref(reply);
+  return result;
+}
+
+int serveBus() {
+  sd_bus* bus = nullptr;
+  sd_event* event = nullptr;
+  sd_id128_t id;
+  int result = sd_event_new(&event);
+  if (result >= 0) result = sd_id128_randomize(&id);
+  if (result >= 0) result = sd_bus_new(&bus);
+  if (result >= 0) result = sd_bus_set_server(bus, 1, id);
+  if (result >= 0) result = sd_bus_set_fd(bus, kServerSocket, kServerSocket);
+  if (result >= 0) result = sd_bus_add_object(bus, nullptr, kEchoPath, answerOnBus, nullptr);
+  if (result >= 0) result = sd_bus_start(bus);
+  if (result >= 0) result = sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+  if (result >= 0) result = sd_bus_set_exit_on_disconnect(bus, 1);
+  if (result >= 0) result = sd_event_loop(event);
+  return result < 0 ? 1 : 0;
+}
+
+// The reply is written once for each size: a trip measures the transport, not the writing of values.
+int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned int code, vesk_identity* caller,
+                        vesk_buffer* request, vesk_payload* /*reply*/) {
+  if (code != kEchoCode) return -EINVAL;
+  static std::map<std::size_t, vesk_payload*> replies;
+  vesk_payload*& reply = replies[vesk_buffer_remaining(request)];
+  if (reply == nullptr) {
+    reply = vesk_payload_alloc();
+    while (vesk_buffer_remaining(request) > 0) vesk_write_i64(reply, vesk_read_i64(request));
+  }
+  return vesk_deferred_answer(vesk_request_defer(caller), 0, reply);
+}
+
+int serveHostRuntime() {
+  static const vesk_endpoint_fn functions = {
+      answerOnHostRuntime, [](void*, vesk_endpoint*, unsigned int, vesk_identity*, vesk_buffer*) { return -EINVAL; },
+      [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
+  static vesk_endpoint endpoint = {&functions, nullptr};
+  void* runtime = nullptr;
+  if (vesk_serve_device(&runtime) != 0) return 1;
+  if (const int error = vesk_service_register(runtime, kEchoService, &endpoint)) {
+    std::fprintf(stderr, "orvel_bench: cannot register %s, error %d\n", kEchoService, error);
+    return 1;
+  }
+  return vesk_run_loop(runtime) == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+EchoServer::EchoServer(Transport transport) {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    throw std::system_error(errno, std::generic_category(), "socketpair");
+  }
+  m_socket = ends[0];
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], kServerSocket);
+  std::string program = "/proc/self/exe";
+  std::string role = kServe + std::to_string(static_cast<int>(transport));
+  char* arguments[] = {program.data(), role.data(), nullptr};
+  const int error = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, arguments, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(ends[1]);
+  if (error != 0) {
+    ::close(m_socket);
+    throw std::system_error(error, std::generic_category(), "posix_spawn");
+  }
+}
+
+EchoServer::~EchoServer() {
+  ::close(m_socket);
+  ::kill(m_pid, SIGTERM);
+  ::waitpid(m_pid, nullptr, 0);
+}
+
+int serveIfAsked(int argc, char** argv) {
+  const std::string role = argc == 2 ? argv[1] : "";
+  if (role.rfind(kServe, 0) != 0) return -1;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a benchmark that is interrupted leaves no server behind
+  switch (static_cast<Transport>(std::atoi(role.c_str() + std::string(kServe).size()))) {
+    case Transport::kSocket:
+      return serveSocket();
+    case Transport::kBus:
+      return serveBus();
+    case Transport::kHostRuntime:
+      return serveHostRuntime();
+  }
+  return 2;
+}
+
+}  // namespace bench

@@ -1,0 +1,47 @@
+// The other end of a round trip: three servers in processes of their own, each of which answers with what it got.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace bench {
+
+// How a round trip travels.
+enum class Transport {
+  kSocket,       // a bare socket pair
+  kBus,          // sd-bus between the two ends of a socket pair
+  kHostRuntime,  // libvesk
+};
+
+// The name that the host runtime's server registers, and the code that it answers with as many bytes as it got.
+constexpr const char* kEchoService = "orvel.bench.echo";
+constexpr unsigned int kEchoCode = 1;
+
+// The names of the bus server's object and method.
+constexpr const char* kEchoPath = "/echo";
+constexpr const char* kEchoInterface = "orvel.bench";
+constexpr const char* kEchoMethod = "Echo";
+
+// Starts a server as a child process, by running this program anew, and ends it. Throws std::system_error.
+class EchoServer {
+ public:
+  explicit EchoServer(Transport transport);
+  ~EchoServer();
+  EchoServer(const EchoServer&) = delete;
+  EchoServer& operator=(const EchoServer&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return m_pid; }
+
+  // This process's end of the socket pair.
+  [[nodiscard]] int socket() const { return m_socket; }
+
+ private:
+  int m_socket = -1;
+  pid_t m_pid = 0;
+};
+
+// For main(): runs the server when the command line asks for one, and returns its exit status; -1 when it does not.
+int serveIfAsked(int argc, char** argv);
+
+}  // namespace bench

@@ -1,0 +1,29 @@
+// Runs the registered benchmarks and prints them as rows that compare two of them each.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// What a row compares: the time of one iteration in this unit, the rate of bytes, or the heap allocations of one
+// iteration.
+enum class Quantity { kNanoseconds, kMicroseconds, kMilliseconds, kMegabytesPerSecond, kAllocations };
+
+// The counter under which a benchmark reports its allocations.
+constexpr const char* kAllocationsCounter = "allocations";
+
+struct Row {
+  std::string title;
+  std::string subject;    // the benchmark by its registered name
+  std::string reference;  // what it is compared with; empty for none
+  Quantity quantity;
+  std::string aim;  // as printed; empty for none
+};
+
+// Several short runs of every benchmark in random order, so that a disturbance of the machine hits subject and
+// reference alike; the table shows medians. The command line may add the flags of Google Benchmark. Returns the exit
+// status.
+int runTable(int argc, char** argv, const std::vector<Row>& rows);
+
+}  // namespace bench
