@@ -15,9 +15,9 @@ class OwnerScope {
  public:
   OwnerScope(std::unique_lock<std::mutex> lock, std::atomic<std::thread::id>& owner)
       : m_lock(std::move(lock)), m_owner(owner) {
-    m_owner = std::this_thread::get_id();
+    m_owner.store(std::this_thread::get_id());
   }
-  ~OwnerScope() { m_owner = std::thread::id(); }
+  ~OwnerScope() { m_owner.store(std::thread::id()); }
   OwnerScope(const OwnerScope&) = delete;
   OwnerScope& operator=(const OwnerScope&) = delete;
 

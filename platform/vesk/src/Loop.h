@@ -52,7 +52,7 @@ class Loop {
  private:
   struct Task {
     std::function<void()> run;
-    bool calls_out;
+    bool calls_out = false;
   };
   struct EventDelete {
     void operator()(sd_event* event) const { sd_event_unref(event); }

@@ -34,11 +34,7 @@ bool watch_directory(int inotify) {
 // Says that this thread may be inside a bind callback, and remembers what had been cancelled before.
 class PendingBinds::Delivery {
  public:
-  explicit Delivery(PendingBinds& binds) : m_binds(binds) {
-    const std::lock_guard lock(m_binds.m_mutex);
-    m_cancels = m_binds.m_cancels;
-    m_binds.m_deliverers.push_back(std::this_thread::get_id());
-  }
+  explicit Delivery(PendingBinds& binds) : m_binds(binds), m_cancels(enter(binds)) {}
   ~Delivery() {
     const std::lock_guard lock(m_binds.m_mutex);
     auto& deliverers = m_binds.m_deliverers;
@@ -52,8 +48,14 @@ class PendingBinds::Delivery {
   [[nodiscard]] std::uint64_t cancels_before() const { return m_cancels; }
 
  private:
+  static std::uint64_t enter(PendingBinds& binds) {
+    const std::lock_guard lock(binds.m_mutex);
+    binds.m_deliverers.push_back(std::this_thread::get_id());
+    return binds.m_cancels;
+  }
+
   PendingBinds& m_binds;
-  std::uint64_t m_cancels = 0;
+  const std::uint64_t m_cancels;
 };
 
 PendingBinds::PendingBinds(Runtime& runtime)

@@ -64,7 +64,7 @@ void name_the_directory(const char* purpose, const Body& body) {
 }  // namespace
 
 Runtime& Runtime::instance() {
-  static Runtime* const runtime = new Runtime;
+  static auto* const runtime = new Runtime;
   return *runtime;
 }
 
