@@ -163,14 +163,22 @@ VESK_API int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, ves
 /* ---- Messages (no thread of their own: whoever holds the message) ---- */
 /* A null payload or buffer is harmless: writes and ..._last_error give an error, reads give 0 or null, freeing does nothing. */
 
-VESK_API vesk_payload* vesk_payload_alloc(void); /* null when out of memory */
-VESK_API void vesk_payload_free(vesk_payload* payload); /* drops the endpoint references of a payload that was never sent */
-VESK_API int vesk_payload_last_error(vesk_payload* payload); /* sticky: the first failed write's error, else 0 */
-VESK_API unsigned int vesk_payload_get_position(vesk_payload* payload); /* bytes from the start; 0 for null */
-VESK_API int vesk_payload_set_position(vesk_payload* payload, unsigned int position); /* beyond the end is an error */
-VESK_API vesk_buffer* vesk_buffer_alloc(void); /* null when out of memory */
+/* Null when out of memory. */
+VESK_API vesk_payload* vesk_payload_alloc(void);
+/* Drops the endpoint references of a payload that was never sent. */
+VESK_API void vesk_payload_free(vesk_payload* payload);
+/* The first failed write's error, which sticks; else 0. */
+VESK_API int vesk_payload_last_error(vesk_payload* payload);
+/* Bytes from the start; 0 for null. */
+VESK_API unsigned int vesk_payload_get_position(vesk_payload* payload);
+/* Goes back to bytes that are written already, or to their end; a position beyond the end is an error. */
+VESK_API int vesk_payload_set_position(vesk_payload* payload, unsigned int position);
+
+/* Null when out of memory. */
+VESK_API vesk_buffer* vesk_buffer_alloc(void);
 VESK_API void vesk_buffer_free(vesk_buffer* buffer);
-VESK_API int vesk_buffer_last_error(vesk_buffer* buffer); /* sticky: the first failed read's error, else 0 */
+/* The first failed read's error, which sticks; else 0. */
+VESK_API int vesk_buffer_last_error(vesk_buffer* buffer);
 
 /* ---- Transactions (any thread) ---- */
 
@@ -180,7 +188,8 @@ VESK_API int vesk_buffer_last_error(vesk_buffer* buffer); /* sticky: the first f
  * died or dies meanwhile is an error at once; one that lives but does not answer is -ETIMEDOUT after the call limit (host
  * runtime: 30 s, or ORVEL_CALL_TIMEOUT_MS), and its connection is closed so that a late reply cannot be taken for another.
  */
-VESK_API int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply);
+VESK_API int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request,
+                       vesk_buffer* reply);
 
 /* Says that `reply` has been consumed; its contents must not be read any more. `reply` may be null. */
 VESK_API int vesk_reply_done(void* runtime, vesk_buffer* reply);
@@ -192,7 +201,8 @@ VESK_API int vesk_write_i64(vesk_payload* payload, int64_t value);
 VESK_API int vesk_write_f64(vesk_payload* payload, double value);
 /* Length in UTF-16 units (32-bit), the units, a 0 unit, padding to 4 bytes. Null is an error; bad UTF-8 becomes U+FFFD. */
 VESK_API int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8);
-VESK_API int vesk_write_array_length(vesk_payload* payload, int32_t length); /* -1 stands for a null array */
+/* -1 stands for a null array. */
+VESK_API int vesk_write_array_length(vesk_payload* payload, int32_t length);
 /* Writes a reference to a local endpoint and takes that reference at once. */
 VESK_API int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint);
 
@@ -203,7 +213,8 @@ VESK_API int64_t vesk_read_i64(vesk_buffer* buffer);
 VESK_API double vesk_read_f64(vesk_buffer* buffer);
 /* The string's code units, owned by the buffer and followed by a 0 unit; null with *length 0 for a null string. */
 VESK_API const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length);
-VESK_API int32_t vesk_read_array_length(vesk_buffer* buffer); /* negative for a null array */
+/* Negative for a null array. */
+VESK_API int32_t vesk_read_array_length(vesk_buffer* buffer);
 
 #ifdef __cplusplus
 } /* extern "C" */
