@@ -96,7 +96,7 @@ TEST(Primitives, WritersPutDownExactlyTheirBytesAndReportErrors) {
   const Bytes nothing = Bytes().raw({0, 0, 0, 0, 0, 0, 0, 0});
   const Bytes hi = Bytes().raw({2, 0, 0, 0, 'h', 0, 'i', 0, 0, 0, 0, 0});
   const struct {
-    bool (*write)(vesk_payload*, const std::string& empty, const std::string& text);
+    bool (*write)(vesk_payload*, const std::string& empty, const std::string& text) = nullptr;
     Bytes bytes;
   } rows[] = {
       {[](auto* p, auto&, auto&) { return Int32::write(p, -2); }, Bytes().raw({0xfe, 0xff, 0xff, 0xff})},
