@@ -110,7 +110,7 @@ int runTable(int argc, char** argv, const std::vector<Row>& rows) {
   __android_log_set_minimum_priority(ANDROID_LOG_WARN);
   // In front of the caller's own flags, which win.
   std::vector<std::string> flags = {argv[0], "--benchmark_enable_random_interleaving=true",
-                                    "--benchmark_repetitions=15", "--benchmark_min_time=0.05"};
+                                    "--benchmark_repetitions=51", "--benchmark_min_time=0.02"};
   flags.insert(flags.end(), argv + 1, argv + argc);
   std::vector<char*> arguments;
   arguments.reserve(flags.size());

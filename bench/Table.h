@@ -21,7 +21,7 @@ struct Row {
   std::string aim;  // as printed; empty for none
 };
 
-// Several short runs of every benchmark in random order, so that a disturbance of the machine hits subject and
+// Many short runs of every benchmark in random order, so that a disturbance of the machine hits subject and
 // reference alike; the table shows medians. The command line may add the flags of Google Benchmark. Returns the exit
 // status.
 int runTable(int argc, char** argv, const std::vector<Row>& rows);
