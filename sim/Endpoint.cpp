@@ -25,7 +25,9 @@ Timer::Timer(sd_event* event, std::chrono::milliseconds delay, std::function<voi
   };
   sd_event_source* source = nullptr;
   const auto microseconds = static_cast<std::uint64_t>(std::chrono::microseconds(delay).count());
-  check(sd_event_add_time_relative(event, &source, CLOCK_MONOTONIC, microseconds, 0, fire, this), "adding a timer");
+  constexpr std::uint64_t kAccuracy = 1;  // microseconds; 0 would stand for a quarter of a second
+  check(sd_event_add_time_relative(event, &source, CLOCK_MONOTONIC, microseconds, kAccuracy, fire, this),
+        "adding a timer");
   m_source.reset(source);
 }
 

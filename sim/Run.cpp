@@ -139,30 +139,48 @@ class Device {
   Signals m_signals;
 };
 
-// The host of an isolated service: a copy of the scenario, kept up to date by the supervisor.
+// An isolated service and its host: a copy of the scenario, kept up to date by the supervisor.
 class LoneHost : public Host, private Endpoint {
  public:
-  explicit LoneHost(void* runtime) : m_runtime(runtime), m_control(runtime) {
+  LoneHost(void* runtime, const ServiceType& type) : Host(runtime), m_control(runtime) {
     learn(m_control.send({{"order", "attach"}}, Endpoint::get()));
+    m_service = type.make(type, *this);
   }
 
-  void ready() { m_control.send({{"order", "ready"}}); }
+  void serve() {
+    m_service->publish();
+    m_control.send({{"order", "ready"}});
+    vesk_run_loop(runtime());
+  }
 
-  void* runtime() override { return m_runtime; }
+  // In the run loop, which ends.
+  void stop() {
+    m_service.reset();
+    deliveries().stop();
+    vesk_shutdown(runtime());
+  }
+
   const Json& scenario() const override { return m_scenario; }
   void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
   // Waits for the answer, so that a client that has its reply finds it in the traffic.
-  void record(Json transaction) override {
+  void record(Json entry) override {
     try {
-      m_control.send({{"order", "record"}, {"transaction", std::move(transaction)}});
+      m_control.send({{"order", "record"}, {"entry", std::move(entry)}});
     } catch (const NoDevice&) {
       // The device is ending; its answers may still arrive.
     }
   }
 
  private:
-  int onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk_payload*) override {
-    learn(readMessage(request));
+  int onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) override {
+    const Json message = readMessage(request);
+    Json answer;
+    if (const auto event = message.find("event"); event != message.end()) {
+      answer = m_service->event(*event);
+    } else {
+      learn(message);
+    }
+    writeMessage(reply, answer);
     return 0;
   }
 
@@ -170,13 +188,14 @@ class LoneHost : public Host, private Endpoint {
   void learn(const Json& news) {
     if (!m_scenario.is_null() && news.at("revision") <= m_revision) return;
     m_revision = news.at("revision");
-    m_scenario = news.at("scenario");
+    const Json before = std::exchange(m_scenario, news.at("scenario"));
+    if (m_service) m_service->changed(before);
   }
 
-  void* m_runtime;
   Control m_control;
   std::uint64_t m_revision = 0;
   Json m_scenario;
+  std::unique_ptr<Service> m_service;
 };
 
 }  // namespace
@@ -200,16 +219,10 @@ int serveAlone(const std::string& name, pid_t parent) {
   blockSignals();
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;
-  LoneHost host(runtime);
-  std::unique_ptr<Service> service = serviceCalled(name).make(serviceCalled(name), host);
+  LoneHost host(runtime, serviceCalled(name));
   // A terminal's Ctrl-C reaches this process too, but when to end is for the device to say.
-  const Signals signals(vesk_service_event(runtime), {SIGTERM}, [&](const signalfd_siginfo&) {
-    service.reset();
-    vesk_shutdown(runtime);
-  });
-  service->publish();
-  host.ready();
-  vesk_run_loop(runtime);
+  const Signals signals(vesk_service_event(runtime), {SIGTERM}, [&](const signalfd_siginfo&) { host.stop(); });
+  host.serve();
   return 0;
 }
 

@@ -11,9 +11,13 @@
 namespace orvel::sim {
 namespace {
 
-constexpr unsigned kUpdateTimeoutMs = 5000;
+constexpr unsigned kMessageTimeoutMs = 5000;
 
 }  // namespace
+
+Json failure(const std::string& what) {
+  return {{"error", what}};
+}
 
 pid_t InProcessRunner::pid() const {
   return m_service ? getpid() : 0;
@@ -36,8 +40,13 @@ void InProcessRunner::kill(Done done) {
 }
 
 // The service reads the scenario of this process.
-void InProcessRunner::update(const Json&, Done done) {
+void InProcessRunner::update(const Json& before, const Json&, Done done) {
+  if (m_service) m_service->changed(before);
   done({});
+}
+
+void InProcessRunner::event(const Json& event, Answer answer) {
+  answer(m_service->event(event));
 }
 
 void ChildRunner::start(Done done) {
@@ -67,7 +76,7 @@ void ChildRunner::kill(Done done) {
 void ChildRunner::stop() {
   m_started = nullptr;
   m_killed = nullptr;
-  m_updates.clear();
+  m_messages.clear();
   m_remote.reset();
   if (pid() != 0) ::kill(pid(), SIGTERM);
 }
@@ -87,22 +96,34 @@ void ChildRunner::ended(const siginfo_t& end) {
   });
 }
 
-void ChildRunner::update(const Json& news, Done done) {
+// Whoever is dead, or dies meanwhile, is told when it starts.
+void ChildRunner::update(const Json&, const Json& news, Done done) {
+  tell(news, [this, done = std::move(done)](int error, const Json&) {
+    done(error == 0 || error == -EPIPE ? "" : type().id + " did not take the change: " + std::strerror(-error));
+  });
+}
+
+void ChildRunner::event(const Json& event, Answer answer) {
+  tell({{"event", event}}, [this, answer = std::move(answer)](int error, const Json& heard) {
+    answer(error == 0 ? heard : failure(type().id + " did not take the event: " + std::strerror(-error)));
+  });
+}
+
+void ChildRunner::tell(const Json& message, Heard heard) {
   const PayloadPtr payload(vesk_payload_alloc());
-  if (!m_remote || !payload) return done({});  // dead: it is told when it starts
-  writeMessage(payload.get(), news);
-  const auto update = m_updates.insert(m_updates.end(), {this, std::move(done), {}});
-  update->self = update;
-  const auto completed = [](void* context, int error, vesk_buffer*) {
-    const Update& sent = *static_cast<Update*>(context);
-    ChildRunner& runner = *sent.runner;
-    const Done tell = sent.done;
-    runner.m_updates.erase(sent.self);
-    // Whoever died meanwhile is told when it starts.
-    tell(error == 0 || error == -EPIPE ? "" : runner.type().id + " did not take the change: " + std::strerror(-error));
+  if (!payload) return heard(-ENOMEM, {});
+  if (!m_remote) return heard(-EPIPE, {});
+  writeMessage(payload.get(), message);
+  const auto sent = m_messages.insert(m_messages.end(), {this, std::move(heard), {}});
+  sent->self = sent;
+  const auto completed = [](void* context, int error, vesk_buffer* reply) {
+    const Message& done = *static_cast<Message*>(context);
+    const Heard tellHeard = done.heard;
+    done.runner->m_messages.erase(done.self);
+    tellHeard(error, error == 0 ? readMessage(reply) : Json());
   };
-  if (const int error = vesk_remote_call(m_remote.get(), 0, payload.get(), kUpdateTimeoutMs, completed, &*update)) {
-    completed(&*update, error, nullptr);
+  if (const int error = vesk_remote_call(m_remote.get(), 0, payload.get(), kMessageTimeoutMs, completed, &*sent)) {
+    completed(&*sent, error, nullptr);
   }
 }
 

@@ -14,6 +14,10 @@ namespace orvel::sim {
 // Told how something ended: an empty text for success, else what went wrong.
 using Done = std::function<void(const std::string& error)>;
 
+// Given the answer to an order, which has the key "error" where it failed.
+using Answer = std::function<void(const Json& answer)>;
+Json failure(const std::string& what);
+
 // Starts and kills one service, any number of times.
 class Runner {
  public:
@@ -25,9 +29,11 @@ class Runner {
   const ServiceType& type() const { return m_type; }
   virtual pid_t pid() const = 0;  // of the process that the service lives in; 0 while it is dead
 
-  virtual void start(Done done) = 0;                     // only while dead; done when clients can find the service
-  virtual void kill(Done done) = 0;                      // only while alive; done when its clients can know
-  virtual void update(const Json& news, Done done) = 0;  // tells the service's process how the scenario is now
+  virtual void start(Done done) = 0;  // only while dead; done when clients can find the service
+  virtual void kill(Done done) = 0;   // only while alive; done when its clients can know
+  // Tells the service of a change: how the scenario was, and the news of how it is.
+  virtual void update(const Json& before, const Json& news, Done done) = 0;
+  virtual void event(const Json& event, Answer answer) = 0;  // only while alive
   virtual void stop() = 0;  // the device ends: drops what needs the run loop, and does not wait for the process
 
  private:
@@ -41,7 +47,8 @@ class InProcessRunner : public Runner {
   pid_t pid() const override;
   void start(Done done) override;
   void kill(Done done) override;
-  void update(const Json& news, Done done) override;
+  void update(const Json& before, const Json& news, Done done) override;
+  void event(const Json& event, Answer answer) override;
   void stop() override { m_service.reset(); }
 
  private:
@@ -61,27 +68,30 @@ class ChildRunner : public Runner {
   pid_t pid() const override { return m_process ? m_process->pid() : 0; }
   void start(Done done) override;
   void kill(Done done) override;
-  void update(const Json& news, Done done) override;
+  void update(const Json& before, const Json& news, Done done) override;
+  void event(const Json& event, Answer answer) override;
   void stop() override;
 
-  // What the process says of itself: where it takes updates, and that it serves.
+  // What the process says of itself: where it takes messages, and that it serves.
   void attached(RemotePtr remote) { m_remote = std::move(remote); }
   void ready();
 
  private:
-  struct Update {
+  using Heard = std::function<void(int error, const Json& answer)>;
+  struct Message {
     ChildRunner* runner;
-    Done done;
-    std::list<Update>::iterator self;
+    Heard heard;
+    std::list<Message>::iterator self;
   };
 
+  void tell(const Json& message, Heard heard);
   void ended(const siginfo_t& end);
 
   sd_event* m_event;
-  Done m_started;               // set while starting
-  Done m_killed;                // set while being killed
-  RemotePtr m_remote;           // null until attached
-  std::list<Update> m_updates;  // on their way
+  Done m_started;                 // set while starting
+  Done m_killed;                  // set while being killed
+  RemotePtr m_remote;             // null until attached
+  std::list<Message> m_messages;  // on their way
   std::unique_ptr<Process> m_process;
 };
 

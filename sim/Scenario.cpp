@@ -73,7 +73,7 @@ Json completeObject(const Shape& shape, const Json& value, const std::string& pa
   return whole;
 }
 
-// A reply with an exception, cut short, late, or none at all.
+// No reply but an error, one with an exception, cut short, late, or none at all.
 Shape faultShape() {
   return Shape::object({
       {"exception",
@@ -83,6 +83,7 @@ Shape faultShape() {
            {"trace", Shape::text(), "", "stack trace; none is sent when empty"},
        }),
        std::nullopt, "answer with an exception"},
+      {"error", errorShape(), std::nullopt, "let the call fail"},
       {"truncateTo", Shape::number(0), std::nullopt, "send only the first bytes of the reply"},
       {"delayMs", Shape::number(0), std::nullopt, "answer late"},
       {"hang", Shape::flag(), std::nullopt, "never answer"},
@@ -147,6 +148,11 @@ Shape Shape::list(Shape element, std::int64_t most) {
   return {Kind::kList, {}, {std::move(element)}, 0, most};
 }
 
+// An errno value, negated.
+Shape errorShape() {
+  return Shape::number(-4095, -1);
+}
+
 Json complete(const Shape& shape, const Json& value, const std::string& path) {
   if (!accepts(shape, value)) failAt(path, "expected " + nameOf(shape));
   switch (shape.kind) {
@@ -208,6 +214,14 @@ Json readScenarioFile(const std::string& file) {
   }
 }
 
+Json valueOf(const Shape& shape, const std::string& word, const std::string& path) {
+  if (shape.kind == Shape::Kind::kText) return word;
+  const Json value = Json::parse(word, nullptr, /*allow_exceptions=*/false);
+  if (value.is_discarded()) failAt(path, "expected " + nameOf(shape));
+  complete(shape, value, path);
+  return value;
+}
+
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value) {
   const Shape* shape = &scenarioShape();
   Json::json_pointer path;
@@ -233,14 +247,7 @@ Json changeOf(const std::vector<std::string>& words, const std::optional<std::st
   }
 
   Json change = {{"path", path.to_string()}};
-  if (!value) return change;
-  if (shape->kind == Shape::Kind::kText) {
-    change["value"] = *value;
-  } else {
-    change["value"] = Json::parse(*value, nullptr, /*allow_exceptions=*/false);
-    if (change["value"].is_discarded()) failAt(path.to_string(), "expected " + nameOf(*shape));
-    complete(*shape, change["value"], path.to_string());
-  }
+  if (value) change["value"] = valueOf(*shape, *value, path.to_string());
   return change;
 }
 

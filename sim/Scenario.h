@@ -53,6 +53,9 @@ struct ScenarioError : std::runtime_error {
 // stands.
 Json complete(const Shape& shape, const Json& value, const std::string& path = {});
 
+// The shape of a code with which vesk fails a call.
+Shape errorShape();
+
 // The shape of a whole scenario: a section for each service.
 const Shape& scenarioShape();
 
@@ -62,11 +65,13 @@ Json defaultScenario();
 // Throws ScenarioError, which also names the file.
 Json readScenarioFile(const std::string& file);
 
+// The value that a word stands for: as it is for a text, as JSON for everything else. Throws ScenarioError.
+Json valueOf(const Shape& shape, const std::string& word, const std::string& path);
+
 // A change of one value: {"path": JSON pointer, "value": what it becomes}; without "value" the key is removed.
 //
 // changeOf makes the one that a person means. `words` lead to the value from the section or, where only one section has
-// it, from the field: "delegate name", "name", "settings volume" and also "setting volume". `value` is taken as it is
-// for a text and as JSON for everything else. Throws ScenarioError.
+// it, from the field: "delegate name", "name", "settings volume" and also "setting volume". Throws ScenarioError.
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value);
 
 // The complete scenario after the change; throws ScenarioError.

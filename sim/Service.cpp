@@ -2,28 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <utility>
 
 namespace orvel::sim {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 const Method* methodWith(const ServiceType& type, unsigned code) {
   const auto found =
       std::find_if(type.methods.begin(), type.methods.end(), [&](const Method& method) { return method.code == code; });
   return found == type.methods.end() ? nullptr : &*found;
-}
-
-// One entry of the traffic must not keep megabytes.
-Json shortened(const Json& value) {
-  constexpr std::size_t kLongest = 16 << 10;
-  std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-  if (text.size() <= kLongest) return value;
-  const std::size_t whole = text.size();
-  text.resize(kLongest);
-  return text + "... (" + std::to_string(whole) + " bytes)";
 }
 
 }  // namespace
@@ -69,15 +56,18 @@ void Service::publish() {
   m_published = true;
 }
 
+void Service::changed(const Json&) {}
+
+Json Service::event(const Json&) {
+  throw std::runtime_error(m_type.id + " knows no events");
+}
+
 int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
   Call call = decode(code, caller, request);
   const Json fault = faultOf(call);
   const bool hangs = fault.value("hang", false);
   const std::chrono::milliseconds delay(fault.value("delayMs", std::int64_t{0}));
-  if (!hangs && delay.count() == 0) {
-    answer(call, reply);
-    return 0;
-  }
+  if (!hangs && delay.count() == 0) return answer(call, reply);
   vesk_deferred* owed = vesk_request_defer(caller);
   if (owed == nullptr) return -ENOMEM;
   const auto late = m_late.insert(m_late.end(), {std::move(call), owed, nullptr});
@@ -127,13 +117,17 @@ Json Service::faultOf(const Call& call) const {
 
 void Service::answerLate(std::list<Late>::iterator late) {
   const PayloadPtr reply(vesk_payload_alloc());
-  if (reply) answer(late->call, reply.get());
-  vesk_deferred_answer(late->answer, reply ? 0 : -ENOMEM, reply.get());
+  const int error = reply ? answer(late->call, reply.get()) : -ENOMEM;
+  vesk_deferred_answer(late->answer, error, reply.get());
   m_late.erase(late);
 }
 
-void Service::answer(const Call& call, vesk_payload* reply) {
+int Service::answer(const Call& call, vesk_payload* reply) {
   const Json fault = faultOf(call);
+  if (const int error = fault.value("error", 0); error != 0) {
+    record(call, {{"error", error}, {"durationMs", millisecondsSince(call.arrival)}});
+    return error;
+  }
   Json outcome;
   try {
     if (call.refusal) throw RemoteException(*call.refusal);
@@ -154,23 +148,16 @@ void Service::answer(const Call& call, vesk_payload* reply) {
     vesk_payload_truncate(reply, most->get<std::size_t>());
     outcome["truncatedTo"] = *most;
   }
-  const std::chrono::duration<double, std::milli> duration = Clock::now() - call.arrival;
-  outcome["durationMs"] = std::round(duration.count() * 1000) / 1000;
+  outcome["durationMs"] = millisecondsSince(call.arrival);
   record(call, outcome);
+  return 0;
 }
 
 void Service::record(const Call& call, const Json& outcome) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  Json transaction = {
-      {"timeMs", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()},
-      {"service", m_type.id},
-      {"method", call.method == nullptr ? Json() : Json(call.method->name)},
-      {"code", call.code},
-      {"pid", call.caller},
-      {"arguments", shortened(call.arguments)},
-  };
-  transaction.update(outcome);
-  m_host.record(std::move(transaction));
+  const Json name = call.method == nullptr ? Json() : Json(call.method->name);
+  Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments);
+  entry.update(outcome);
+  m_host.record(std::move(entry));
 }
 
 }  // namespace orvel::sim

@@ -4,15 +4,16 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "sim/Deliveries.h"
 #include "sim/Endpoint.h"
 #include "sim/Scenario.h"
+#include "sim/Traffic.h"
 #include "sim/Wire.h"
 
 namespace orvel::sim {
@@ -27,13 +28,22 @@ constexpr char kEveryMethod[] = "*";
 // What the process that a service runs in does for it. Run-loop thread.
 class Host {
  public:
+  explicit Host(void* runtime) : m_runtime(runtime) {}
   virtual ~Host() = default;
-  virtual void* runtime() = 0;
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  void* runtime() { return m_runtime; }
+  Deliveries& deliveries() { return m_deliveries; }
   virtual const Json& scenario() const = 0;
   // Takes effect before it returns, for the whole device.
   virtual void change(const Json& change) = 0;
-  // Adds a transaction to the traffic.
-  virtual void record(Json transaction) = 0;
+  // Adds an entry to the traffic.
+  virtual void record(Json entry) = 0;
+
+ private:
+  void* m_runtime;
+  Deliveries m_deliveries{*this};
 };
 
 // A request, taken apart.
@@ -41,7 +51,7 @@ struct Call {
   const Method* method = nullptr;  // null: no method has the code
   unsigned code = 0;
   pid_t caller = 0;
-  std::chrono::steady_clock::time_point arrival;
+  Clock::time_point arrival;
   Json arguments = Json::object();
   std::vector<RemotePtr> endpoints;        // in the order of the arguments
   std::optional<RemoteException> refusal;  // what is wrong with the request
@@ -92,6 +102,12 @@ class Service : public Endpoint {
 
   void publish();  // throws std::system_error
 
+  // The scenario has changed. Told to every service, whoever changed it; `before` is the whole scenario as it was.
+  virtual void changed(const Json& before);
+
+  // Something happened that changes no state. Gives the order's answer.
+  virtual Json event(const Json& event);
+
  protected:
   const Json& section() const { return m_host.scenario().at(m_type.id); }
   Host& host() { return m_host; }
@@ -107,7 +123,7 @@ class Service : public Endpoint {
   Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const;
   Json faultOf(const Call& call) const;
   void answerLate(std::list<Late>::iterator late);
-  void answer(const Call& call, vesk_payload* reply);
+  int answer(const Call& call, vesk_payload* reply);  // an error code where the call is to fail
   void record(const Call& call, const Json& outcome);
 
   const ServiceType& m_type;

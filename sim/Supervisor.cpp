@@ -8,9 +8,9 @@
 namespace orvel::sim {
 namespace {
 
-constexpr std::size_t kTransactionsKept = 1000;
+constexpr std::size_t kEntriesKept = 1000;
 // Well within the size of a message: an entry has tens of kilobytes at most.
-constexpr std::size_t kTransactionsAtOnce = 50;
+constexpr std::size_t kEntriesAtOnce = 50;
 // How long somebody who waits for traffic gets no answer; below vesk's call limit.
 constexpr std::chrono::seconds kListenerPatience(10);
 
@@ -42,14 +42,9 @@ Done gather(Done done) {
   };
 }
 
-Json failure(const std::string& what) {
-  return {{"error", what}};
-}
-
 }  // namespace
 
-Supervisor::Supervisor(void* runtime, Json scenario, bool isolate)
-    : m_runtime(runtime), m_scenario(std::move(scenario)) {
+Supervisor::Supervisor(void* runtime, Json scenario, bool isolate) : Host(runtime), m_scenario(std::move(scenario)) {
   for (const ServiceType* type : allServices()) {
     if (isolate) {
       m_runners.push_back(std::make_unique<ChildRunner>(*type, vesk_service_event(runtime)));
@@ -60,7 +55,7 @@ Supervisor::Supervisor(void* runtime, Json scenario, bool isolate)
 }
 
 void Supervisor::start(Done done) {
-  check(vesk_service_register(m_runtime, kControlName, Endpoint::get()), kControlName);
+  check(vesk_service_register(this->runtime(), kControlName, Endpoint::get()), kControlName);
   const Done gathered = gather(std::move(done));
   for (const auto& runner : m_runners) runner->start(gathered);
 }
@@ -68,17 +63,27 @@ void Supervisor::start(Done done) {
 void Supervisor::stop() {
   m_listeners.clear();
   for (const auto& runner : m_runners) runner->stop();
+  deliveries().stop();
 }
 
 void Supervisor::change(const Json& change) {
-  m_scenario = changed(m_scenario, change);
-  ++m_revision;
+  apply(change, 0, [](const std::string&) {});  // of a service in this process, as all are then
 }
 
-void Supervisor::record(Json transaction) {
-  transaction["number"] = ++m_transactions;
-  m_traffic.push_back(std::move(transaction));
-  if (m_traffic.size() > kTransactionsKept) m_traffic.pop_front();
+// Tells every service but one in the process `changer`, which learns of it from the answer to its order.
+void Supervisor::apply(const Json& change, pid_t changer, const Done& done) {
+  const Json before = std::exchange(m_scenario, changed(m_scenario, change));
+  ++m_revision;
+  const Json now = news();
+  for (const auto& runner : m_runners) {
+    if (runner->pid() != changer) runner->update(before, now, done);
+  }
+}
+
+void Supervisor::record(Json entry) {
+  entry["number"] = ++m_entries;
+  m_traffic.push_back(std::move(entry));
+  if (m_traffic.size() > kEntriesKept) m_traffic.pop_front();
   const auto listeners = std::exchange(m_listeners, {});
   for (const Listener& listener : listeners) listener.order.answer(trafficAfter(listener.order));
 }
@@ -107,7 +112,7 @@ void Supervisor::obey(const Order& order) {
       {"change", &Supervisor::takeChange},      {"kill", &Supervisor::killService},
       {"restart", &Supervisor::restartService}, {"traffic", &Supervisor::showTraffic},
       {"attach", &Supervisor::attachService},   {"ready", &Supervisor::serviceReady},
-      {"record", &Supervisor::takeTransaction},
+      {"record", &Supervisor::takeEntry},       {"event", &Supervisor::passEvent},
   };
   const auto found = orders.find(order.text.at("order"));
   if (found == orders.end()) throw std::runtime_error("no such order: " + order.text.dump());
@@ -128,19 +133,13 @@ void Supervisor::showScenario(const Order& order) {
 }
 
 void Supervisor::takeChange(const Order& order) {
-  change(order.text.at("change"));
-  const Json now = news();
-  const Done done = gather([answer = order.answer, now](const std::string& error) {
-    answer(error.empty() ? now : failure(error));  // unless it was given before
+  const Done done = gather([this, answer = order.answer](const std::string& error) {
+    answer(error.empty() ? news() : failure(error));  // unless it was given before
   });
-  for (const auto& runner : m_runners) {
-    if (runner->pid() == order.caller) {
-      // A service does not wait for the others: two that change something at once would wait for each other.
-      order.answer(now);
-    } else {
-      runner->update(now, done);
-    }
-  }
+  apply(order.text.at("change"), order.caller, done);
+  // A service does not wait for the others: two that change something at once would wait for each other.
+  const auto isCaller = [&](const auto& runner) { return runner->pid() == order.caller; };
+  if (std::any_of(m_runners.begin(), m_runners.end(), isCaller)) order.answer(news());
 }
 
 void Supervisor::killService(const Order& order) {
@@ -162,9 +161,15 @@ void Supervisor::restartService(const Order& order) {
   }
 }
 
+void Supervisor::passEvent(const Order& order) {
+  Runner& runner = runnerOf(order);
+  if (runner.pid() == 0) throw std::runtime_error(runner.type().id + " is dead");
+  runner.event(order.text.at("event"), order.answer);
+}
+
 void Supervisor::showTraffic(const Order& order) {
   const bool wait = order.text.at("wait");
-  if (!wait || order.text.at("after").get<std::uint64_t>() < m_transactions) {
+  if (!wait || order.text.at("after").get<std::uint64_t>() < m_entries) {
     return order.answer(trafficAfter(order));
   }
   const auto listener = m_listeners.insert(m_listeners.end(), {order, nullptr});
@@ -172,7 +177,7 @@ void Supervisor::showTraffic(const Order& order) {
     listener->order.answer(trafficAfter(listener->order));
     m_listeners.erase(listener);
   };
-  listener->patience = std::make_unique<Timer>(vesk_service_event(m_runtime), kListenerPatience, giveUp);
+  listener->patience = std::make_unique<Timer>(vesk_service_event(runtime()), kListenerPatience, giveUp);
 }
 
 void Supervisor::attachService(const Order& order) {
@@ -185,8 +190,8 @@ void Supervisor::serviceReady(const Order& order) {
   childWith(order.caller).ready();
 }
 
-void Supervisor::takeTransaction(const Order& order) {
-  record(order.text.at("transaction"));
+void Supervisor::takeEntry(const Order& order) {
+  record(order.text.at("entry"));
   order.answer(Json::object());
 }
 
@@ -204,15 +209,15 @@ ChildRunner& Supervisor::childWith(pid_t pid) {
   throw std::runtime_error("process " + std::to_string(pid) + " runs no service of this device");
 }
 
-// The transactions that follow number "after", as many as fit into an answer.
+// The entries that follow number "after", as many as fit into an answer.
 Json Supervisor::trafficAfter(const Order& order) const {
   const auto after = order.text.at("after").get<std::uint64_t>();
-  Json transactions = Json::array();
-  for (const Json& transaction : m_traffic) {
-    if (transactions.size() == kTransactionsAtOnce) break;
-    if (transaction.at("number") > after) transactions.push_back(transaction);
+  Json entries = Json::array();
+  for (const Json& entry : m_traffic) {
+    if (entries.size() == kEntriesAtOnce) break;
+    if (entry.at("number") > after) entries.push_back(entry);
   }
-  return {{"transactions", transactions}, {"newest", m_transactions}};
+  return {{"entries", entries}, {"newest", m_entries}};
 }
 
 Json Supervisor::news() const {

@@ -31,14 +31,11 @@ class Supervisor : public Host, private Endpoint {
 
   const std::vector<std::unique_ptr<Runner>>& runners() const { return m_runners; }
 
-  void* runtime() override { return m_runtime; }
   const Json& scenario() const override { return m_scenario; }
   void change(const Json& change) override;
-  void record(Json transaction) override;
+  void record(Json entry) override;
 
  private:
-  using Answer = std::function<void(const Json&)>;
-
   // What a client of the control name wants.
   struct Order {
     Json text;
@@ -60,23 +57,24 @@ class Supervisor : public Host, private Endpoint {
   void takeChange(const Order& order);
   void killService(const Order& order);
   void restartService(const Order& order);
+  void passEvent(const Order& order);
   void showTraffic(const Order& order);
 
   // What the processes of the services say.
   void attachService(const Order& order);
   void serviceReady(const Order& order);
-  void takeTransaction(const Order& order);
+  void takeEntry(const Order& order);
 
+  void apply(const Json& change, pid_t changer, const Done& done);
   Runner& runnerOf(const Order& order);
   ChildRunner& childWith(pid_t pid);
   Json trafficAfter(const Order& order) const;
   Json news() const;
 
-  void* m_runtime;
   Json m_scenario;
   std::uint64_t m_revision = 0;  // counts the changes
-  std::deque<Json> m_traffic;    // the newest transactions, numbered without gaps
-  std::uint64_t m_transactions = 0;
+  std::deque<Json> m_traffic;    // the newest entries, numbered without gaps
+  std::uint64_t m_entries = 0;
   std::list<Listener> m_listeners;
   std::vector<std::unique_ptr<Runner>> m_runners;
 };

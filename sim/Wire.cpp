@@ -77,6 +77,15 @@ Json RequestReader::text() {
   return units == nullptr ? Json() : Json(toUtf8(units, length));
 }
 
+Json RequestReader::texts() {
+  const std::int32_t count = vesk_read_array_length(m_buffer);
+  check();
+  if (count < 0) return {};
+  Json texts = Json::array();
+  for (std::int32_t i = 0; i < count; ++i) texts.push_back(text());
+  return texts;
+}
+
 RemotePtr RequestReader::endpoint() {
   RemotePtr remote(vesk_read_endpoint(m_buffer), vesk_remote_release);
   check();
@@ -112,24 +121,35 @@ Json readInt64(RequestReader& reader) {
 Json readText(RequestReader& reader) {
   return reader.text();
 }
+Json readTexts(RequestReader& reader) {
+  return reader.texts();
+}
 Json readEndpoint(RequestReader& reader) {
   return "endpoint of process " + std::to_string(vesk_remote_pid(reader.endpoint().get()));
 }
 
 // Writing fails only for lack of memory or beyond the size limit; vesk then refuses to send the payload.
 void writeNothing(vesk_payload*, const Json&) {}
-void writeFlag(vesk_payload* reply, const Json& value) {
-  vesk_write_i32(reply, value.get<bool>() ? 1 : 0);
+void writeFlag(vesk_payload* payload, const Json& value) {
+  vesk_write_i32(payload, value.get<bool>() ? 1 : 0);
 }
-void writeInt32(vesk_payload* reply, const Json& value) {
-  vesk_write_i32(reply, value.get<std::int32_t>());
+void writeInt32(vesk_payload* payload, const Json& value) {
+  vesk_write_i32(payload, value.get<std::int32_t>());
 }
-void writeText(vesk_payload* reply, const Json& value) {
+void writeInt64(vesk_payload* payload, const Json& value) {
+  vesk_write_i64(payload, value.get<std::int64_t>());
+}
+void writeText(vesk_payload* payload, const Json& value) {
   if (value.is_null()) {
-    vesk_write_i32(reply, -1);
+    vesk_write_i32(payload, -1);
   } else {
-    vesk_write_utf16_cstring(reply, value.get_ref<const std::string&>().c_str());
+    vesk_write_utf16_cstring(payload, value.get_ref<const std::string&>().c_str());
   }
+}
+
+void writeHeader(vesk_payload* payload, const std::string& descriptor) {
+  for (const std::int32_t word : kHeaderWords) vesk_write_i32(payload, word);
+  vesk_write_utf16_cstring(payload, descriptor.c_str());
 }
 
 void writeException(vesk_payload* reply, const RemoteException& exception) {

@@ -58,7 +58,8 @@ class RequestReader {
 
   std::int32_t i32();
   std::int64_t i64();
-  Json text();  // null for a null string
+  Json text();   // null for a null string
+  Json texts();  // null for a null array
   RemotePtr endpoint();
 
   // Nothing may follow the last argument.
@@ -78,13 +79,18 @@ class RequestReader {
 Json readInt32(RequestReader& reader);
 Json readInt64(RequestReader& reader);
 Json readText(RequestReader& reader);
+Json readTexts(RequestReader& reader);
 Json readEndpoint(RequestReader& reader);
 
-// Reply writers of the method tables.
-void writeNothing(vesk_payload* reply, const Json& value);
-void writeFlag(vesk_payload* reply, const Json& value);  // 1 or 0
-void writeInt32(vesk_payload* reply, const Json& value);
-void writeText(vesk_payload* reply, const Json& value);  // null as a null string
+// Writers of the method tables, for results and for what clients are told.
+void writeNothing(vesk_payload* payload, const Json& value);
+void writeFlag(vesk_payload* payload, const Json& value);  // 1 or 0
+void writeInt32(vesk_payload* payload, const Json& value);
+void writeInt64(vesk_payload* payload, const Json& value);
+void writeText(vesk_payload* payload, const Json& value);  // null as a null string
+
+// What every request begins with, also one from a service to its client.
+void writeHeader(vesk_payload* payload, const std::string& descriptor);
 
 void writeException(vesk_payload* reply, const RemoteException& exception);
 

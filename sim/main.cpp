@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -20,9 +21,11 @@
 #include <CLI/CLI.hpp>
 
 #include "sim/Control.h"
+#include "sim/Intent.h"
 #include "sim/Run.h"
 #include "sim/Scenario.h"
 #include "sim/Service.h"
+#include "sim/Traffic.h"
 
 namespace orvel::sim {
 namespace {
@@ -62,7 +65,7 @@ void print(const std::string& line) {
 std::string describeService(const Json& service) {
   const auto pid = service.at("pid").get<int>();
   std::ostringstream line;
-  line << std::left << std::setw(12) << service.at("service").get<std::string>() << std::setw(32)
+  line << std::left << std::setw(14) << service.at("service").get<std::string>() << std::setw(46)
        << service.at("name").get<std::string>() << (pid == 0 ? "dead" : "process " + std::to_string(pid));
   return line.str();
 }
@@ -74,41 +77,6 @@ std::string describeServices() {
   return text;
 }
 
-// "12:30:01.250  delegate.getSecureSetting(key: "volume") = "7"  0.1 ms, process 123"
-std::string describeTransaction(const Json& transaction) {
-  const auto milliseconds = transaction.at("timeMs").get<std::int64_t>();
-  const std::time_t seconds = milliseconds / 1000;
-  std::tm local{};
-  localtime_r(&seconds, &local);
-  std::ostringstream line;
-  line << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << milliseconds % 1000 << "  "
-       << transaction.at("service").get<std::string>() << '.';
-  const Json& method = transaction.at("method");
-  line << (method.is_null() ? "transaction " + transaction.at("code").dump() : method.get<std::string>());
-  const Json& arguments = transaction.at("arguments");
-  const char* separator = "";
-  line << '(';
-  if (arguments.is_object()) {
-    for (const auto& [name, value] : arguments.items()) {
-      line << separator << name << ": " << value.dump();
-      separator = ", ";
-    }
-  } else {
-    line << arguments.dump();  // a part of what was too long to be kept
-  }
-  line << ')';
-  if (transaction.contains("reply")) line << " = " << transaction.at("reply").dump();
-  if (transaction.contains("exception")) {
-    const Json& exception = transaction.at("exception");
-    line << " throws " << exception.at("code").dump() << ' ' << exception.at("message").dump();
-  }
-  if (transaction.contains("truncatedTo")) line << " cut to " << transaction.at("truncatedTo").dump() << " bytes";
-  if (transaction.contains("hangs")) line << " hangs";
-  if (transaction.contains("durationMs")) line << "  " << transaction.at("durationMs").dump() << " ms";
-  line << ", process " << transaction.at("pid").dump();
-  return line.str();
-}
-
 void showTraffic(std::uint64_t last, bool follow, bool json) {
   Control control = Control::connect();
   constexpr std::uint64_t kNone = UINT64_MAX;
@@ -117,11 +85,11 @@ void showTraffic(std::uint64_t last, bool follow, bool json) {
   std::uint64_t seen = newest - std::min(newest, last);
   while (follow || seen < newest) {
     const Json answer = control.send({{"order", "traffic"}, {"after", seen}, {"wait", follow}});
-    for (const Json& transaction : answer.at("transactions")) {
-      print(json ? transaction.dump() : describeTransaction(transaction));
-      seen = transaction.at("number");
+    for (const Json& entry : answer.at("entries")) {
+      print(json ? entry.dump() : describeEntry(entry));
+      seen = entry.at("number");
     }
-    if (answer.at("transactions").empty()) seen = std::max(seen, answer.at("newest").get<std::uint64_t>());
+    if (answer.at("entries").empty()) seen = std::max(seen, answer.at("newest").get<std::uint64_t>());
   }
 }
 
@@ -130,6 +98,26 @@ Json order(const char* name) {
 }
 void orderChange(const Json& change) {
   Control::connect().send({{"order", "change"}, {"change", change}});
+}
+
+// Something that happens to the device and changes none of its state.
+void orderEvent(const Json& intent) {
+  const Json answer = Control::connect().send({{"order", "event"}, {"service", "delegate"}, {"event", intent}});
+  const auto receivers = answer.at("receivers").get<std::size_t>();
+  print("sent to " + std::to_string(receivers) + (receivers == 1 ? " receiver" : " receivers"));
+}
+
+Json readComponent(const std::string& word) {
+  const std::size_t slash = word.find('/');
+  if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) {
+    throw ScenarioError("--component: expected PACKAGE/CLASS, not '" + word + "'");
+  }
+  return {{"package", word.substr(0, slash)}, {"class", word.substr(slash + 1)}};
+}
+
+std::string upperCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return text;
 }
 
 Json readNumber(const std::string& word) {
@@ -147,6 +135,8 @@ class CommandLine {
     m_app.failure_message(explain);
     addRun();
     addSet();
+    addStates();
+    addEvents();
     addFaults();
     addLives();
     addViews();
@@ -204,15 +194,87 @@ class CommandLine {
         addVerb("unset", "Remove a key, such as a setting", [this] { orderChange(changeOf(m_words, {})); });
     unset->add_option("field", m_words, "[SERVICE] FIELD KEY...")->required()->type_name("");
     unset->footer(values);
+  }
 
-    addVerb("screen", "Switch the screen on or off",
-            [this] {
-              orderChange(changeOf({"power", "screenOn"}, m_word == "on" ? "true" : "false"));
-            })
-        ->add_option("state", m_word)
-        ->required()
-        ->check(CLI::IsMember({"on", "off"}))
-        ->type_name("");
+  // The first word after a verb, one of a few.
+  void addWord(CLI::App* verb, const char* name, const std::vector<std::string>& words) {
+    verb->add_option(name, m_word)->required()->check(CLI::IsMember(words))->type_name("");
+  }
+
+  // Short forms of set, in the words of what happens.
+  void addStates() {
+    using Path = std::vector<std::string>;
+    const auto addFlag = [&](const char* verb, const char* about, const Path& flag, const char* on, const char* off) {
+      CLI::App* state =
+          addVerb(verb, about, [this, flag, on] { orderChange(changeOf(flag, m_word == on ? "true" : "false")); });
+      addWord(state, "state", {on, off});
+    };
+    addFlag("screen", "Switch the screen on or off", {"power", "screenOn"}, "on", "off");
+    CLI::App* account = addVerb("account", "Register the device to an account, or to none", [this] {
+      const bool added = m_word == "added";
+      if (m_id && !added) throw ScenarioError("account removed: no ID is expected, not '" + *m_id + "'");
+      if (m_id && m_id->empty()) throw ScenarioError("account added: the ID is empty");
+      const Json initial = defaultScenario().at(Json::json_pointer("/delegate/customerId"));
+      orderChange(changeOf({"delegate", "customerId"}, added ? m_id.value_or(initial.get<std::string>()) : ""));
+    });
+    addWord(account, "change", {"added", "removed"});
+    account->add_option("id", m_id, "the account's identifier; without it, that of the default scenario");
+    addFlag("maro", "Connect or disconnect the assistant", {"delegate", "maroConnected"}, "connected", "disconnected");
+    addFlag("network", "Connect or disconnect the default network", {"connectivity", "networkConnected"}, "connected",
+            "disconnected");
+  }
+
+  // What happens without changing any state.
+  void addEvents() {
+    CLI::App* broadcast = addVerb("broadcast", "Send a broadcast to the clients that registered for it", {});
+    broadcast->add_option("action", m_word)->required()->type_name("");
+    const auto addPart = [&](const std::string& key, const char* value, const char* about) {
+      broadcast->add_option("--" + key, m_parts[key], about)->type_name(value);
+    };
+    addPart("data", "URI", "the data, such as package:NAME");
+    addPart("type", "MIME", "the MIME type of the data");
+    addPart("package", "NAME", "the package that is meant");
+    addPart("component", "PACKAGE/CLASS", "the component that is meant");
+    std::map<const CLI::Option*, const ExtraType*> extras;
+    for (const ExtraType& type : extraTypes()) {
+      CLI::Option* option = broadcast->add_option("--" + type.name)->take_all()->type_name(type.help);
+      extras[option->description("an extra; any number of them, sent in this order")] = &type;
+    }
+    broadcast->callback([this, broadcast, extras] { orderEvent(readBroadcast(*broadcast, extras)); });
+
+    CLI::App* package = addVerb("package", "Broadcast what happened to a package", [this] {
+      orderEvent({{"action", "android.intent.action.PACKAGE_" + upperCase(m_word)}, {"data", "package:" + m_name}});
+    });
+    addWord(package, "event", {"added", "removed", "replaced", "changed"});
+    package->add_option("name", m_name)->required()->type_name("");
+
+    CLI::App* sync = addVerb("time-sync", "Broadcast that the clock was set", [this] {
+      const auto now = std::chrono::system_clock::now().time_since_epoch();
+      const auto set = m_newTime.value_or(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+      const std::string service = "com.quarlo.velmos.service.timeservice.clock.";
+      const auto extra = [&](const char* key, std::int64_t time) {
+        return Json{{"key", service + key}, {"type", "long"}, {"value", time}};
+      };
+      orderEvent({{"action", service + "TIME_SYNC"},
+                  {"extras", {extra("OLD_TIME_MILLIS", m_oldTime.value_or(set)), extra("NEW_TIME_MILLIS", set)}}});
+    });
+    sync->add_option("old", m_oldTime, "milliseconds since 1970 before; without it, as after")->type_name("");
+    sync->add_option("new", m_newTime, "and after; without it, now")->type_name("");
+  }
+
+  Json readBroadcast(const CLI::App& verb, const std::map<const CLI::Option*, const ExtraType*>& types) const {
+    if (m_word.empty()) throw ScenarioError("broadcast: the action is empty");
+    Json intent = {{"action", m_word}};
+    for (const auto& [key, text] : m_parts) {
+      if (!text.empty()) intent[key] = key == "component" ? readComponent(text) : Json(text);
+    }
+    std::map<const CLI::Option*, std::size_t> taken;
+    for (const CLI::Option* option : verb.parse_order()) {
+      const auto type = types.find(option);
+      if (type == types.end()) continue;
+      intent["extras"].push_back(readExtra(*type->second, option->results().at(taken[option]++)));
+    }
+    return intent;
   }
 
   // What a fault becomes, from the last word; that is empty when the service or the method comes last.
@@ -231,6 +293,10 @@ class CommandLine {
     addFault("delay", "Let a service answer late", "SERVICE [METHOD] MILLISECONDS|off", "delayMs", readNumber);
     addFault("hang", "Let a service not answer at all", "SERVICE [METHOD] [on|off]", "hang",
              [](const std::string&) { return true; });
+    addFault("error", "Let calls of a service fail with a vesk error code, a negated errno value",
+             "SERVICE [METHOD] [CODE|off]", "error", [](const std::string& word) {
+               return word.empty() || word == "on" ? Json(-EREMOTEIO) : valueOf(errorShape(), word, "CODE");
+             });
     CLI::App* exception = addFault("exception", "Let a service answer with an exception", "SERVICE [METHOD] [on|off]",
                                    "exception", [this](const std::string&) { return m_exception; });
     const auto addPart = [&](const char* option, const char* key, const char* about) {
@@ -246,8 +312,9 @@ class CommandLine {
   void orderFault(const char* kind, const ReadFault& read) {
     const ServiceType& type = serviceCalled(m_words.front());
     const auto isValue = [](const std::string& word) {
+      const auto digits = word.begin() + (word[0] == '-' ? 1 : 0);
       return word == "on" || word == "off" ||
-             std::all_of(word.begin(), word.end(), [](unsigned char c) { return std::isdigit(c); });
+             std::all_of(digits, word.end(), [](unsigned char c) { return std::isdigit(c); });
     };
     std::size_t next = 1;
     std::string method = kEveryMethod;
@@ -309,6 +376,11 @@ class CommandLine {
   std::string m_service;
   std::string m_word;
   pid_t m_parent = 0;
+  std::string m_name;
+  std::optional<std::string> m_id;
+  std::optional<std::int64_t> m_oldTime;
+  std::optional<std::int64_t> m_newTime;
+  std::map<std::string, std::string> m_parts;  // of a broadcast
   std::vector<std::string> m_words;
   Json m_exception = Json::object();
   bool m_json = false;

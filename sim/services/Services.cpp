@@ -6,6 +6,7 @@ const std::vector<const ServiceType*>& allServices() {
   static const std::vector<const ServiceType*> services = {
       &delegateService(),
       &powerManagerService(),
+      &connectivityService(),
   };
   return services;
 }

@@ -7,5 +7,6 @@ namespace orvel::sim {
 
 const ServiceType& delegateService();
 const ServiceType& powerManagerService();
+const ServiceType& connectivityService();
 
 }  // namespace orvel::sim

@@ -1,0 +1,65 @@
+// The connectivity manager: whether the default network is there.
+#include "sim/Receivers.h"
+#include "sim/services/Services.h"
+
+namespace orvel::sim {
+namespace {
+
+constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.INetworkCallback";
+
+class ConnectivityService : public Service {
+ public:
+  using Service::Service;
+
+  Json registerCallback(const Call& call) {
+    m_callbacks.add(call);
+    return {};
+  }
+
+  Json unregisterCallback(const Call& call) {
+    m_callbacks.remove(call.endpoints.front().get());
+    return {};
+  }
+
+ private:
+  void changed(const Json& before) override {
+    static const CallbackMethod available = {1, "networkAvailable", kCallbackDescriptor, false, writeNothing};
+    static const CallbackMethod lost = {6, "networkLost", kCallbackDescriptor, false, writeNothing};
+    const bool connected = section().at("networkConnected");
+    if (before.at(type().id).at("networkConnected") == connected) return;
+    m_callbacks.notify(connected ? available : lost, Json::object(), [](const Call&) { return true; });
+  }
+
+  Receivers m_callbacks{type(), host()};
+};
+
+}  // namespace
+
+const ServiceType& connectivityService() {
+  using Self = ConnectivityService;
+  static const ServiceType type = {
+      "connectivity",
+      "com.quarlo.orvel.androidconnectivitymanager",
+      "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager",
+      "the default network",
+      {
+          {"networkConnected", Shape::flag(), true, "whether the default network is there"},
+      },
+      {
+          {4,
+           "registerDefaultNetworkCallback",
+           {{"callback", readEndpoint}},
+           handledBy<Self, &Self::registerCallback>,
+           writeNothing},
+          {5,
+           "unregisterNetworkCallback",
+           {{"callback", readEndpoint}},
+           handledBy<Self, &Self::unregisterCallback>,
+           writeNothing},
+      },
+      makeService<Self>,
+  };
+  return type;
+}
+
+}  // namespace orvel::sim
