@@ -1,10 +1,11 @@
 // The one object through which a native process reaches the device's platform services.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <vector>
 
-// Marks what the shared library exports.
-#define ORVEL_API __attribute__((visibility("default")))
+#include "orvel/Export.h"
 
 namespace orvel::service_apis {
 
@@ -82,6 +83,54 @@ class ORVEL_API OrvelDelegateClient {
 
   // Wakes the device and its screen; false on failure.
   bool acquireFullWakeLock();
+
+  // ---- Subscriptions ----
+  //
+  // A subscription lasts until shutdown(), and survives the death of its service: it is made again, once, each time that
+  // the service is back. What happens meanwhile is not heard. Subscribing twice is two subscriptions. True when the
+  // service has taken it; one that it did not take is not kept.
+  //
+  // Callbacks run on the run-loop thread, one at a time, in the order in which the services sent their notifications;
+  // what they keep waiting are all others. They may call the client, which takes further subscriptions too, unless it is
+  // said otherwise. What a callback throws, an empty one std::bad_function_call, goes to libvesk: a workstation's says
+  // so on standard error and goes on.
+
+  // The new name of the device; never an empty one.
+  bool registerForDeviceNameChange(std::function<void(std::string)> callback);
+
+  // Whether an account was added to the device (true) or removed from it. Two registrations, of which each stays when
+  // only the other fails; the result is then false.
+  bool registerForDeviceRegistrationChange(std::function<void(bool)> callback);
+
+  // Whether the voice assistant is connected. The callback runs under the client's lock, so that isMaroConnected()
+  // agrees with it for everybody else: it must not call the client, whose methods fail there with an error line.
+  bool registerForMaroConnectivityChange(std::function<void(bool)> callback);
+
+  // Whether the device has a default network. One subscription for the whole client: a second takes the place of the
+  // first. Unlike all others, it is not made again after its service died.
+  bool registerForNetworkConnectivityChange(std::function<void(bool)> callback);
+
+  // Ends that subscription; without one it does nothing and gives true.
+  bool unregisterForNetworkConnectivityChange();
+
+  // Whether the screen was switched on or off. Two registrations, as for the device's registration.
+  bool registerForScreenStateChange(std::function<void(bool)> callback);
+
+  // The action and the package of every broadcast of `action` (android.intent.action.PACKAGE_ADDED and the like) that
+  // has one of the MIME types and URI schemes; broadcasts about packages have the scheme "package" and no type. The
+  // package is what follows "package:" in the broadcast's data, else its extra "packageName", else its data as they
+  // are.
+  bool registerForPackageAction(std::string action, std::vector<std::string> dataTypes,
+                                std::vector<std::string> schemes,
+                                std::function<void(std::string action, std::string package)> callback);
+
+  // The time of the device's clock before and after it was set, in milliseconds since 1970; 0 for what is not told.
+  bool registerForTimeSync(std::function<void(long long old_time, long long new_time)> callback);
+
+  // The new value of the secure setting `key`, converted as by getSecureSettingInt; `defaultValue` when it was emptied
+  // or removed. A value that is no number throws std::invalid_argument or std::out_of_range on the run-loop thread, and
+  // the callback is not called.
+  bool registerForSecureSettingIntChange(const std::string& key, int defaultValue, std::function<void(int)> callback);
 
   OrvelDelegateClient(const OrvelDelegateClient&) = delete;
   OrvelDelegateClient& operator=(const OrvelDelegateClient&) = delete;

@@ -84,6 +84,7 @@ bool Binder::bind_to_service() {
     m_handle.reset();
     return false;
   }
+  ++m_connection;
   s_binder_logger.i("%s:Bound to service: %s", __func__, name);
   return true;
 }
@@ -104,8 +105,9 @@ void Binder::on_binder_died() {
   s_binder_logger.i("%s:Death callback completed", __func__);
 }
 
-vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
+vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer, Connection only) {
   const std::lock_guard<std::mutex> lock(m_mutex);
+  if (only != kNoConnection && only != m_connection) return nullptr;
   if (!m_handle) {
     s_binder_logger.e("%s:Binder is not initialized", __func__);
     return nullptr;

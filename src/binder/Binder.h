@@ -2,6 +2,8 @@
 // every transaction.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,6 +20,10 @@ using RequestWriter = std::function<void(vesk_payload*)>;
 
 // The writer of a transaction without arguments.
 inline void no_arguments(vesk_payload*) {}
+
+// The connections of a Binder, counted from 1. What a service was told it forgets with the connection.
+using Connection = std::uint64_t;
+constexpr Connection kNoConnection = 0;
 
 // Owned by one proxy.
 //
@@ -52,14 +58,19 @@ class Binder {
   // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`. The reply, behind its
   // exception code, belongs to the Binder until done(); null on any failure, which is logged, and for a remote
   // exception. Deliberately, a call that follows one without done() leaves the earlier request and reply allocated.
-  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
-      ORVEL_EXCLUDES(m_mutex);
+  // With `only`, nothing is sent and nothing logged when that connection is not the newest one any more.
+  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments,
+                                  Connection only = kNoConnection) ORVEL_EXCLUDES(m_mutex);
 
   // Frees the request and the reply, those of a failed call too. May be called again.
   void done() ORVEL_EXCLUDES(m_mutex);
 
   // Whether the service is bound.
   [[nodiscard]] bool good() ORVEL_EXCLUDES(m_mutex);
+
+  // The newest connection, dead ones included. Inside a RequestWriter it is the one that carries the request. Takes no
+  // lock.
+  [[nodiscard]] Connection connection() const { return m_connection; }
 
   // Begins a request; false only for a null payload, other failures stick to the payload.
   static bool writeHeaders(vesk_payload* payload);
@@ -81,6 +92,7 @@ class Binder {
   // Plain pointers, not owners: a call overwrites what nobody finished.
   vesk_payload* m_payload ORVEL_GUARDED_BY(m_mutex) = nullptr;
   vesk_buffer* m_buffer ORVEL_GUARDED_BY(m_mutex) = nullptr;
+  std::atomic<Connection> m_connection{kNoConnection};  // changes under m_mutex
   const std::function<void()> m_reconnect_callback;
 };
 
@@ -89,13 +101,19 @@ class Binder {
 class ReplyScope {
  public:
   explicit ReplyScope(Binder& binder) : m_binder(binder), m_lock(binder.m_transaction) {}
-  ~ReplyScope() { m_binder.done(); }
+  ~ReplyScope() {
+    if (!m_kept) m_binder.done();
+  }
 
   ReplyScope(const ReplyScope&) = delete;
   ReplyScope& operator=(const ReplyScope&) = delete;
 
+  // Leaves the request and the reply to the Binder, whose next call() forgets them.
+  void keep() { m_kept = true; }
+
  private:
   Binder& m_binder;
+  bool m_kept = false;
   const std::lock_guard<std::mutex> m_lock;
 };
 

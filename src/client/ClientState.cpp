@@ -82,7 +82,7 @@ bool ClientState::start() {
     }
   } undo{this};
 
-  if (!create<IDelegateService, IPowerManagerService>()) return false;
+  if (!create<IDelegateService, IPowerManagerService, IAndroidConnectivityManager>()) return false;
   m_run_loop = std::thread(run_loop, m_runtime);
   undo.state = nullptr;
   return true;
@@ -92,6 +92,7 @@ void ClientState::destroy_proxies() {
   // The services see their clients go in this order, which is not that of their creation.
   proxy<IPowerManagerService>().reset();
   proxy<IDelegateService>().reset();
+  proxy<IAndroidConnectivityManager>().reset();
 }
 
 void ClientState::shutdown() {
@@ -127,6 +128,12 @@ bool ClientState::isNetworkConnected() {
   // only.
   const std::lock_guard<OwnedMutex> facade(m_facade);
   return false;
+}
+
+void ClientState::maro_connectivity_changed(bool connected, const std::function<void(bool)>& callback) {
+  const std::lock_guard<OwnedMutex> facade(m_facade);
+  m_maro_connected = connected;
+  callback(connected);
 }
 
 }  // namespace orvel::service_apis

@@ -11,6 +11,7 @@
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
 #include "client/OwnedMutex.h"
+#include "services/IAndroidConnectivityManager.h"
 #include "services/IDelegateService.h"
 #include "services/IPowerManagerService.h"
 
@@ -53,6 +54,9 @@ class ClientState {
     return ask<Proxy, Result (Proxy::*)()>(method, query);
   }
 
+  // Notes whether the assistant is connected and tells `callback`, all under the facade lock. Run-loop thread.
+  void maro_connectivity_changed(bool connected, const std::function<void(bool)>& callback) ORVEL_EXCLUDES(m_facade);
+
   // Whether the caller is inside a callback.
   static bool on_run_loop_thread();
 
@@ -85,8 +89,9 @@ class ClientState {
   OwnedMutex m_facade;
   bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;
   bool m_maro_connected ORVEL_GUARDED_BY(m_facade) = true;  // assumed until a broadcast says otherwise
-  std::tuple<std::unique_ptr<IDelegateService>, std::unique_ptr<IPowerManagerService>> m_proxies
-      ORVEL_GUARDED_BY(m_facade);
+  std::tuple<std::unique_ptr<IDelegateService>, std::unique_ptr<IPowerManagerService>,
+             std::unique_ptr<IAndroidConnectivityManager>>
+      m_proxies ORVEL_GUARDED_BY(m_facade);
 };
 
 }  // namespace orvel::service_apis

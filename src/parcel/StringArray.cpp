@@ -12,6 +12,13 @@ namespace {
 // Bounds what a corrupt or hostile length can cost.
 constexpr std::int32_t kMaxStrings = 1000;
 
+template <typename Text>
+bool write_all(vesk_payload* payload, const std::vector<Text>& values) {
+  vesk_write_array_length(payload, static_cast<std::int32_t>(values.size()));
+  for (const Text& value : values) String::write(payload, value);
+  return vesk_payload_last_error(payload) == 0;
+}
+
 }  // namespace
 
 std::vector<std::string> StringArray::read(vesk_buffer* buffer) {
@@ -23,9 +30,11 @@ std::vector<std::string> StringArray::read(vesk_buffer* buffer) {
 }
 
 bool StringArray::write(vesk_payload* payload, const std::vector<const char*>& values) {
-  vesk_write_array_length(payload, static_cast<std::int32_t>(values.size()));
-  for (const char* value : values) String::write(payload, value);
-  return vesk_payload_last_error(payload) == 0;
+  return write_all(payload, values);
+}
+
+bool StringArray::write(vesk_payload* payload, const std::vector<std::string>& values) {
+  return write_all(payload, values);
 }
 
 }  // namespace orvel::service_apis

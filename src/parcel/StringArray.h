@@ -18,6 +18,7 @@ class StringArray {
 
   // Borrows NUL-terminated strings, which may be empty but not null. True while the payload has no error.
   static bool write(vesk_payload* payload, const std::vector<const char*>& values);
+  static bool write(vesk_payload* payload, const std::vector<std::string>& values);
 };
 
 }  // namespace orvel::service_apis

@@ -5,6 +5,7 @@
 
 #include "binder/OrvelLogger.h"
 #include "parcel/String.h"
+#include "parcel/StringArray.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -21,8 +22,10 @@ enum Transaction : unsigned int {
   kGetSecureSetting = 15,
   kGetPfm = 17,
   kGetCor = 18,
+  kRegisterForBroadcast = 28,
   kGetDirectedId = 32,
   kGetDeviceName = 33,
+  kRegisterForSecureSettings = 34,
   kGetDsnV2 = 42,
 };
 
@@ -31,9 +34,30 @@ std::optional<std::string> query(Binder& binder, Transaction code) {
   return transact(binder, kDescriptor, code, no_arguments, String::read);
 }
 
+bool is_empty(const char* text) {
+  return text == nullptr || *text == '\0';
+}
+
+// Sends a registration: its arguments, then a new endpoint that holds the callback. The service keeps the endpoint for
+// as long as it may call it. Empty when the service is not bound, else the connection that has taken the registration.
+template <typename Endpoint, typename Callback>
+std::optional<Connection> publish(Binder& binder, Transaction code, const RequestWriter& write_arguments,
+                                  Callback callback, Connection only) {
+  const auto endpoint = vesk::make_endpoint<Endpoint>(std::move(callback));
+  Connection carrier = kNoConnection;
+  const auto write = [&](vesk_payload* request) {
+    carrier = binder.connection();
+    write_arguments(request);
+    vesk_write_endpoint(request, endpoint->get_endpoint());
+  };
+  const auto read = [&](vesk_buffer* reply) { return reply ? carrier : kNoConnection; };
+  return transact(binder, kDescriptor, code, write, read, only);
+}
+
 }  // namespace
 
-IDelegateService::IDelegateService(void* context) : m_binder(context, kServiceName, /*is_android_service=*/false) {}
+IDelegateService::IDelegateService(void* context)
+    : m_binder(context, kServiceName, /*is_android_service=*/false, [this] { onBinderReconnectedCallback(); }) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
   std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);
@@ -87,7 +111,7 @@ std::string IDelegateService::getDSNV2() {
 }
 
 std::string IDelegateService::getSecureSetting(const char* key) {
-  if (!key || !*key) {
+  if (is_empty(key)) {
     s_logger.e("%s:Setting key is null or empty", __func__);
     return {};
   }
@@ -97,6 +121,86 @@ std::string IDelegateService::getSecureSetting(const char* key) {
   if (!value) return {};
   s_logger.i("%s:Read setting key [%s] value [%s]", __func__, key, value->c_str());
   return *std::move(value);
+}
+
+bool IDelegateService::registerForSecureSettings(const char* key, SettingCallback callback) {
+  if (is_empty(key)) {
+    s_logger.e("%s:Setting key is null or empty", __func__);
+    return false;
+  }
+  const Connection carrier = registerForSecureSettingsInternal(key, callback);
+  if (carrier == kNoConnection) return false;
+  m_settings.add({key, std::move(callback)}, carrier, m_binder,
+                 [this](const auto& setting, Connection newest) { renew(setting, newest); });
+  return true;
+}
+
+Connection IDelegateService::registerForSecureSettingsInternal(const char* key, SettingCallback callback,
+                                                               Connection only) {
+  if (is_empty(key)) {
+    s_logger.e("%s:Setting key is null or empty", __func__);
+    return kNoConnection;
+  }
+  const auto write = [key](vesk_payload* request) { String::write(request, key); };
+  const auto carrier =
+      publish<SettingsReceiverEndpoint>(m_binder, kRegisterForSecureSettings, write, std::move(callback), only);
+  if (!carrier) return kNoConnection;
+  s_logger.i("%s:Registered for updates to setting key [%s] (result=%d)", __func__, key,
+             *carrier != kNoConnection ? 1 : 0);
+  return *carrier;
+}
+
+bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* action,
+                                                                const std::vector<std::string>& dataTypes,
+                                                                const std::vector<std::string>& dataSchemes,
+                                                                BroadcastCallback callback) {
+  if (is_empty(action)) {
+    s_logger.e("%s:Intent is null or empty", __func__);
+    return false;
+  }
+  const Connection carrier = registerForBroadcastWithDataTypeOrSchemeInternal(action, dataTypes, dataSchemes, callback);
+  if (carrier == kNoConnection) return false;
+  m_broadcasts.add({action, dataTypes, dataSchemes, std::move(callback)}, carrier, m_binder,
+                   [this](const auto& filter, Connection newest) { renew(filter, newest); });
+  return true;
+}
+
+Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
+    const char* action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& dataSchemes,
+    BroadcastCallback callback, Connection only) {
+  if (is_empty(action)) {
+    s_logger.e("%s:Intent is null or empty", __func__);
+    return kNoConnection;
+  }
+  const auto write = [&](vesk_payload* request) {
+    String::write(request, action);
+    StringArray::write(request, dataTypes);
+    StringArray::write(request, dataSchemes);
+  };
+  const auto carrier =
+      publish<BroadcastReceiverEndpoint>(m_binder, kRegisterForBroadcast, write, std::move(callback), only);
+  if (!carrier) return kNoConnection;
+  s_logger.i("%s:Registered to receive broadcasts for intent [%s] (result=%d)", __func__, action,
+             *carrier != kNoConnection ? 1 : 0);
+  return *carrier;
+}
+
+void IDelegateService::onBinderReconnectedCallback() {
+  s_logger.i("%s:Binder reconnected, re-registering callbacks", __func__);
+  const auto renew_on = [this](const auto& registration, Connection newest) { renew(registration, newest); };
+  m_settings.replay(m_binder, renew_on);
+  m_broadcasts.replay(m_binder, renew_on);
+}
+
+// A registration that fails here is tried again on the next connection.
+
+void IDelegateService::renew(const SettingRegistration& setting, Connection connection) {
+  registerForSecureSettingsInternal(setting.first.c_str(), setting.second, connection);
+}
+
+void IDelegateService::renew(const OrvelIntentFilter& filter, Connection connection) {
+  registerForBroadcastWithDataTypeOrSchemeInternal(filter.action.c_str(), filter.dataTypes, filter.dataSchemes,
+                                                   filter.callback, connection);
 }
 
 }  // namespace orvel::service_apis

@@ -396,7 +396,7 @@ FakeVesk::State& state() {
 
 // ---- What tests script and see ----
 
-FakeVesk::FakeVesk() : m_state(state()) {
+FakeVesk::FakeVesk() : m_state(state()), m_payloads_before(g_payloads), m_buffers_before(g_buffers) {
   reset();
 }
 FakeVesk::~FakeVesk() {
@@ -550,7 +550,7 @@ int FakeVesk::uses(std::string_view operation) const {
 }
 
 Live FakeVesk::live() const {
-  Live live{g_payloads, g_buffers, 0, g_endpoint_references, g_death_references};
+  Live live{g_payloads - m_payloads_before, g_buffers - m_buffers_before, 0, g_endpoint_references, g_death_references};
   const State::Lock lock(m_state.mutex);
   for (const auto& [id, connection] : m_state.connections) {
     live.handle_references += connection.lookups + connection.acquired;

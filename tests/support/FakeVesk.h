@@ -136,7 +136,9 @@ class FakeVesk {
  private:
   void reset();
 
-  State& m_state;  // lives as long as the process: exit handlers of the code under test use it
+  State& m_state;               // lives as long as the process: exit handlers of the code under test use it
+  const int m_payloads_before;  // what earlier tests of the program left, on purpose
+  const int m_buffers_before;
 };
 
 }  // namespace orvel::test

@@ -17,6 +17,7 @@ using ::testing::ElementsAre;
 
 constexpr char kDelegate[] = "orvel_delegate";
 constexpr char kPower[] = "com.quarlo.orvel.powermanager";
+constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kShuttingDown[] = "I shutdown:OrvelDelegateClient shutting down";
 constexpr char kHasShutDown[] = "I shutdown:OrvelDelegateClient has shut down";
 
@@ -28,6 +29,7 @@ class Lifecycle : public ClientTest {
   void start() {
     answer(kDelegate, Bytes().i32(0).utf16("x"));
     m_vesk.add_service(kPower);
+    m_vesk.add_service(kConnectivity);
     EXPECT_TRUE(m_client.initialize());
   }
 

@@ -110,9 +110,9 @@ TEST(Primitives, WritersPutDownExactlyTheirBytesAndReportErrors) {
       {[](auto* p, auto& e, auto&) { return String::write_optional(p, e); }, null},
       {[](auto* p, auto&, auto& t) { return String::write_optional(p, t); }, hi},
       {[](auto* p, auto&, auto&) { return String::write_optional(p, "hi"); }, hi},
-      {[](auto* p, auto&, auto&) { return StringArray::write(p, {}); }, Bytes().i32(0)},
+      {[](auto* p, auto&, auto&) { return StringArray::write(p, Lines()); }, Bytes().i32(0)},
       {[](auto* p, auto&, auto&) {
-         return StringArray::write(p, {"", "hi"});
+         return StringArray::write(p, std::vector<const char*>{"", "hi"});
        },
        Bytes().i32(2).append(nothing).append(hi)},
   };

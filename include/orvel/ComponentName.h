@@ -1,0 +1,27 @@
+// The name of one component of an application.
+#pragma once
+
+#include <string>
+
+#include "orvel/Export.h"
+
+struct vesk_buffer;
+struct vesk_payload;
+
+namespace orvel::service_apis {
+
+// A package and one of its classes, such as an activity or a service. A plain value. Threads: any, one at a time.
+struct ORVEL_API ComponentName {
+  std::string package_name;
+  std::string class_name;
+
+  // Whether it names a component: both parts are there.
+  bool good() const;
+
+  // The wire format, for the library's own use. An empty package ends what is read, since no class follows it there.
+  static ComponentName read(vesk_buffer* buffer);
+  // False when something could not be written.
+  bool write(vesk_payload* payload) const;
+};
+
+}  // namespace orvel::service_apis

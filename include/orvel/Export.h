@@ -1,0 +1,5 @@
+// What the public headers share.
+#pragma once
+
+// Marks what the shared library exports.
+#define ORVEL_API __attribute__((visibility("default")))

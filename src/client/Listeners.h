@@ -1,0 +1,89 @@
+// What turns a raw notification into the one value that a caller of the client asked for. Each owns the caller's callback
+// and calls it on the run-loop thread; an empty one throws std::bad_function_call there.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "orvel/Bundle.h"
+
+namespace orvel::service_apis {
+
+class ClientState;
+
+// ---- Broadcasts: action, data, extras ----
+
+class DeviceNameListener {
+ public:
+  explicit DeviceNameListener(std::function<void(std::string)> callback) : m_callback(std::move(callback)) {}
+  void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
+
+ private:
+  std::function<void(std::string)> m_callback;
+};
+
+// For a broadcast whose action alone says what has become of a state.
+class StateListener {
+ public:
+  StateListener(bool state, std::function<void(bool)> callback) : m_state(state), m_callback(std::move(callback)) {}
+  void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
+
+ private:
+  bool m_state;
+  std::function<void(bool)> m_callback;
+};
+
+// Calls back under the facade lock. The client must outlive it.
+class MaroConnectivityListener {
+ public:
+  MaroConnectivityListener(ClientState& client, std::function<void(bool)> callback)
+      : m_client(&client), m_callback(std::move(callback)) {}
+  void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
+
+ private:
+  ClientState* m_client;
+  std::function<void(bool)> m_callback;
+};
+
+// Calls back once for every broadcast, whatever it carries.
+class PackageListener {
+ public:
+  explicit PackageListener(std::function<void(std::string, std::string)> callback) : m_callback(std::move(callback)) {}
+  void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
+
+ private:
+  std::function<void(std::string, std::string)> m_callback;
+};
+
+class TimeSyncListener {
+ public:
+  explicit TimeSyncListener(std::function<void(long long, long long)> callback) : m_callback(std::move(callback)) {}
+  void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
+
+ private:
+  std::function<void(long long, long long)> m_callback;
+};
+
+// ---- Secure settings: key, value ----
+
+// Throws what setting_to_int throws.
+class SettingIntListener {
+ public:
+  SettingIntListener(int default_value, std::function<void(int)> callback)
+      : m_default(default_value), m_callback(std::move(callback)) {}
+  void operator()(const std::string& key, const std::string& value) const;
+
+ private:
+  int m_default;
+  std::function<void(int)> m_callback;
+};
+
+// ---- Data of a broadcast ----
+
+// What the regular expression "package:(.*)" finds: the text behind the first "package:", up to a line break. By hand,
+// because the standard library's matching recurses for every character and would run out of stack on a long text.
+std::optional<std::string> find_package(const std::string& data);
+
+}  // namespace orvel::service_apis

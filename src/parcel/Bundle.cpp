@@ -1,0 +1,57 @@
+#include "orvel/Bundle.h"
+
+#include <utility>
+
+#include "parcel/BundleEntries.h"
+#include "parcel/Int32.h"
+#include "parcel/Measured.h"
+
+namespace orvel::service_apis {
+
+int Bundle::get(const std::string& key, int defaultValue) const {
+  return value_or(m_integers, key, defaultValue);
+}
+
+long long Bundle::get(const std::string& key, long long defaultValue) const {
+  return value_or<std::int64_t>(m_longs, key, defaultValue);
+}
+
+std::string Bundle::get(const std::string& key, std::string defaultValue) const {
+  return value_or(m_strings, key, std::move(defaultValue));
+}
+
+bool Bundle::put(const std::string& key, int value) {
+  return m_integers.emplace(key, value).second;
+}
+
+bool Bundle::put(const std::string& key, long long value) {
+  return m_longs.emplace(key, value).second;
+}
+
+bool Bundle::put(const std::string& key, std::string value) {
+  return m_strings.emplace(key, std::move(value)).second;
+}
+
+std::size_t Bundle::size() const {
+  return m_integers.size() + m_strings.size();
+}
+
+Bundle Bundle::read(vesk_buffer* buffer) {
+  Bundle bundle;
+  read_entries(buffer, Int32::read(buffer), bundle.m_integers, &bundle.m_longs, bundle.m_strings);
+  return bundle;
+}
+
+bool Bundle::write(vesk_payload* payload) const {
+  return write_measured(payload, [this](vesk_payload* into, int length) {
+    Int32::write(into, length);
+    const unsigned int start = vesk_payload_get_position(into);  // The length does not count itself.
+    Int32::write(into, static_cast<int>(m_integers.size() + m_longs.size() + m_strings.size()));
+    write_entries(into, m_integers);
+    write_entries(into, m_longs);
+    write_entries(into, m_strings);
+    return written_since(into, start);
+  });
+}
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,41 @@
+// What the two kinds of bundle have in common.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+
+// The platform's codes for the type of a value.
+enum ValueTag : int {
+  kNullTag = -1,
+  kStringTag = 0,
+  kIntegerTag = 1,
+  kLongTag = 6,
+  kBooleanTag = 9,
+};
+
+template <typename Value>
+using BundleMap = std::unordered_map<std::string, Value>;
+
+// Reads up to `count` entries, of which each map keeps those of its type; a bundle without long integers has no map for
+// them. An unknown type ends it, and so does the end of the buffer: the entry that it cuts is dropped.
+void read_entries(vesk_buffer* buffer, int count, BundleMap<std::int32_t>& integers, BundleMap<std::int64_t>* longs,
+                  BundleMap<std::string>& strings);
+
+// Write the entries of one map, in the order in which the map holds them.
+void write_entries(vesk_payload* payload, const BundleMap<std::int32_t>& integers);
+void write_entries(vesk_payload* payload, const BundleMap<std::int64_t>& longs);
+void write_entries(vesk_payload* payload, const BundleMap<std::string>& strings);
+
+template <typename Value>
+Value value_or(const BundleMap<Value>& map, const std::string& key, Value default_value) {
+  const auto found = map.find(key);
+  return found == map.end() ? std::move(default_value) : found->second;
+}
+
+}  // namespace orvel::service_apis

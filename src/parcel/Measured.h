@@ -1,0 +1,29 @@
+// Records that are sent with their length in front.
+#pragma once
+
+#include <memory>
+
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+
+// Writes such a record: once into a scratch payload to learn its length, then in earnest, so that the length word is
+// never patched afterwards. `write` takes a payload and the length to announce, and returns the length that it wrote, 0
+// when a write failed. True when the two agree.
+template <typename Write>
+bool write_measured(vesk_payload* payload, const Write& write) {
+  int length = 0;
+  {
+    const std::unique_ptr<vesk_payload, decltype(&vesk_payload_free)> scratch(vesk_payload_alloc(), vesk_payload_free);
+    length = write(scratch.get(), 0);
+  }
+  const int written = write(payload, length);
+  return written != 0 && written == length;
+}
+
+// The bytes between `start` and the position of the payload; 0 once a write has failed.
+inline int written_since(vesk_payload* payload, unsigned int start) {
+  return vesk_payload_last_error(payload) == 0 ? static_cast<int>(vesk_payload_get_position(payload) - start) : 0;
+}
+
+}  // namespace orvel::service_apis

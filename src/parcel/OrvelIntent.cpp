@@ -1,0 +1,45 @@
+#include "orvel/OrvelIntent.h"
+
+#include "parcel/Int32.h"
+#include "parcel/Measured.h"
+#include "parcel/Record.h"
+#include "parcel/String.h"
+#include "parcel/StringArray.h"
+
+namespace orvel::service_apis {
+
+OrvelIntent OrvelIntent::read(vesk_buffer* buffer) {
+  OrvelIntent intent;
+  const bool follows = record_follows(buffer);
+  const int length = Int32::read(buffer);
+  if (!follows || length < 1) return intent;  // The length has no other use.
+  intent.action = String::read(buffer);
+  intent.data = String::read(buffer);
+  intent.text3 = String::read(buffer);
+  intent.package = String::read(buffer);
+  if (record_follows(buffer)) intent.component = ComponentName::read(buffer);
+  if (record_follows(buffer)) intent.extras = Bundle::read(buffer);
+  return intent;
+}
+
+bool OrvelIntent::write(vesk_payload* payload) const {
+  return write_measured(payload, [this](vesk_payload* into, int length) {
+    Int32::write(into, 1);
+    const unsigned int start = vesk_payload_get_position(into);  // Unlike a bundle's, the length counts itself.
+    Int32::write(into, length);
+    String::write(into, action);
+    String::write_optional(into, data);
+    String::write_optional(into, text3);
+    String::write_optional(into, package);
+    Int32::write(into, component.good() ? 1 : 0);
+    if (component.good()) component.write(into);
+    const bool has_extras = extras.size() >= 1;
+    Int32::write(into, has_extras ? 1 : 0);
+    if (has_extras && !extras.write(into)) return 0;
+    StringArray::write(into, categories);
+    Int32::write(into, flags);
+    return written_since(into, start);
+  });
+}
+
+}  // namespace orvel::service_apis

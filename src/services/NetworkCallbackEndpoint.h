@@ -1,0 +1,24 @@
+// Hears whether the device has a default network.
+#pragma once
+
+#include <functional>
+#include <utility>
+
+#include "binder/IpcEndpoint.h"
+
+namespace orvel::service_apis {
+
+// The connectivity service calls it one-way. Run-loop thread.
+class NetworkCallbackEndpoint : public vesk::IpcEndpoint {
+ public:
+  // Gets true when a network is there and false when it is lost. An empty callback throws when a notice arrives.
+  explicit NetworkCallbackEndpoint(std::function<void(bool)> callback) : m_callback(std::move(callback)) {}
+  virtual ~NetworkCallbackEndpoint() = default;
+
+  int call_oneway(void* cookie, unsigned int code, vesk_identity* identity, vesk_buffer* in);
+
+ private:
+  std::function<void(bool)> m_callback;
+};
+
+}  // namespace orvel::service_apis
