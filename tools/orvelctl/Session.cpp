@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include <ctime>
 #include <iostream>
 #include <stdexcept>
+#include <system_error>
 
 #include "LogWatch.h"
 
@@ -39,7 +42,8 @@ bool outputWritten() {
   return static_cast<bool>(std::cout);
 }
 
-Interrupter::Interrupter(std::optional<Seconds> limit) {
+Interrupter::Interrupter(std::optional<Seconds> limit) : m_interrupted(eventfd(0, EFD_CLOEXEC)) {
+  if (m_interrupted < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
   const sigset_t signals = watchedSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   m_thread = std::thread([this, limit] { wait(limit); });
@@ -49,6 +53,7 @@ Interrupter::~Interrupter() {
   m_over = true;
   pthread_kill(m_thread.native_handle(), kOver);
   m_thread.join();
+  close(m_interrupted);
 }
 
 void Interrupter::wait(std::optional<Seconds> limit) {
@@ -69,6 +74,7 @@ void Interrupter::wait(std::optional<Seconds> limit) {
       sigaddset(&again, signal);
       pthread_sigmask(SIG_UNBLOCK, &again, nullptr);
     }
+    eventfd_write(m_interrupted, 1);
     Client::getClient().shutdown();
     return;
   }
@@ -131,7 +137,8 @@ void Session::print(const Json& object, const std::string& text) {
 
 int Session::status() const {
   const int interrupted = m_interrupter.status();
-  return interrupted != 0 ? interrupted : static_cast<int>(m_status);
+  const bool counts = interrupted != 0 && !(m_interrupt_accepted && interrupted == 128 + SIGINT);
+  return counts ? interrupted : static_cast<int>(m_status);
 }
 
 }  // namespace orvelctl

@@ -35,9 +35,13 @@ class Interrupter {
   // The exit status that the interruption gives; 0 while there was none.
   int status() const { return m_status; }
 
+  // Readable from an interruption on.
+  int descriptor() const { return m_interrupted; }
+
  private:
   void wait(std::optional<Seconds> limit);
 
+  const int m_interrupted;
   std::atomic<int> m_status{0};
   std::atomic<bool> m_over{false};
   std::thread m_thread;
@@ -71,11 +75,30 @@ class Session {
   // The exit status of it all.
   int status() const;
 
+  // Readable when a signal or the limit has ended the session.
+  int interruption() const { return m_interrupter.descriptor(); }
+
+  // Ctrl-C is how one ends what has no end of its own: it is no failure.
+  void acceptInterrupt() { m_interrupt_accepted = true; }
+
+  // Shuts the client down at the end of a scope, for what its callbacks must not outlive.
+  class Stop {
+   public:
+    explicit Stop(Session& session) : m_session(session) {}
+    ~Stop() { m_session.m_client.shutdown(); }
+    Stop(const Stop&) = delete;
+    Stop& operator=(const Stop&) = delete;
+
+   private:
+    Session& m_session;
+  };
+
  private:
   Interrupter m_interrupter;
   Client& m_client;
   bool m_json;
   ExitStatus m_status = kSuccess;
+  bool m_interrupt_accepted = false;
 };
 
 }  // namespace orvelctl

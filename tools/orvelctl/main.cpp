@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <csignal>
 #include <functional>
 #include <iomanip>
@@ -16,6 +17,7 @@
 
 #include "LogWatch.h"
 #include "Session.h"
+#include "Watch.h"
 
 namespace orvelctl {
 namespace {
@@ -33,6 +35,7 @@ Examples:
   orvelctl setting some_key --default 7    a secure setting
   orvelctl --json screen                   {"screenOn":true}
   orvelctl wake-lock full --timeout 5      give up after 5 seconds
+  orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
 
 Results go to standard output, everything else to standard error. The device is the one in ORVEL_RUNTIME_DIR, else
 $XDG_RUNTIME_DIR/orvel, else /tmp/orvel-<uid>.
@@ -47,6 +50,13 @@ Exit status:
   128 + N  ended by signal N
 The client answers a failed query with an empty value. Here it counts as failed when the client logged an error
 meanwhile, and as not bound when the log says so of its service.)";
+
+constexpr char kWatchFooter[] = R"(
+A subscription survives the death of its service: it is made again when the service is back, and only what happens
+meanwhile is not heard. The network is the exception: after the connectivity service has died nothing more is heard of
+it, and watch must be started again.
+
+Ctrl-C ends with status 0, as do --count and --for; each line is written out at once, into a pipe too.)";
 
 // One value that the client can be asked for.
 struct Value {
@@ -202,6 +212,19 @@ int parseAndRun(int argc, char** argv) {
       ->add_option("kind", kind)
       ->required()
       ->check(CLI::IsMember({"partial", "full"}));
+
+  WatchOptions watch_options;
+  double for_seconds = 0;
+  CLI::App* watch = add("watch", "Print changes as they happen, one a line, until Ctrl-C", [&](Session& session) {
+    if (for_seconds > 0) watch_options.for_seconds = Seconds(for_seconds);
+    watchChanges(session, watch_options);
+  });
+  watch->add_option("kinds", watch_options.kinds, "what to watch (default: all but settings)")
+      ->check(whatIsWrongWithKind, "", "")
+      ->type_name("");
+  watch->add_option("--count", watch_options.count, "end after so many changes")->check(CLI::Range(1, INT_MAX));
+  watch->add_option("--for", for_seconds, "end after so many seconds")->check(CLI::Range(0.001, 1e6));
+  watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,254 @@
+#include "Watch.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+namespace orvelctl {
+namespace {
+
+using Clock = std::chrono::system_clock;
+
+constexpr char kDelegate[] = "orvel_delegate";
+constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
+constexpr char kSettingPrefix[] = "setting:";
+
+struct Event {
+  Clock::time_point time;
+  Json object;
+  std::string text;
+};
+
+// From the callbacks to the thread that prints: standard output may keep that one waiting, but never the client.
+class Events {
+ public:
+  Events() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (m_wake < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  }
+  ~Events() { close(m_wake); }
+  Events(const Events&) = delete;
+  Events& operator=(const Events&) = delete;
+
+  // Any thread.
+  void add(const std::string& kind, const Json& values, const std::string& text) {
+    Json object = {{"timeMs", 0}, {"kind", kind}};  // the time stands first
+    object.update(values);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.push_back(
+        {Clock::now(), std::move(object), kind + std::string(14 - std::min<std::size_t>(kind.size(), 12), ' ') + text});
+    eventfd_write(m_wake, 1);
+  }
+
+  std::optional<Event> take() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_events.empty()) return std::nullopt;
+    std::optional<Event> event = std::move(m_events.front());
+    m_events.pop_front();
+    return event;
+  }
+
+  // Readable when there may be events.
+  int descriptor() const { return m_wake; }
+  void rest() const {
+    eventfd_t ignored = 0;
+    eventfd_read(m_wake, &ignored);
+  }
+
+ private:
+  const int m_wake;
+  std::mutex m_mutex;
+  std::deque<Event> m_events;
+};
+
+// One kind of change, and how the client is asked for it. Callbacks may run until the client is shut down.
+struct Kind {
+  std::string name;
+  std::string about;
+  const char* service;
+  std::function<bool(Client& client, Events& events)> subscribe;
+};
+
+std::function<void(bool)> tellFlag(Events& events, const char* kind, const char* key, const char* yes, const char* no) {
+  return [=, &events](bool value) { events.add(kind, {{key, value}}, value ? yes : no); };
+}
+
+bool subscribeToPackages(Client& client, Events& events) {
+  bool taken = true;
+  for (const char* what : {"ADDED", "REMOVED", "REPLACED", "CHANGED"}) {
+    const auto tell = [&events](const std::string& action, const std::string& package) {
+      events.add("package", {{"action", action}, {"package", package}}, action + " " + package);
+    };
+    taken &=
+        client.registerForPackageAction(std::string("android.intent.action.PACKAGE_") + what, {}, {"package"}, tell);
+  }
+  return taken;
+}
+
+const std::vector<Kind>& kinds() {
+  static const std::vector<Kind> all = {
+      {"name", "the device has a new name", kDelegate,
+       [](Client& client, Events& events) {
+         return client.registerForDeviceNameChange([&events](const std::string& name) {
+           events.add("name", {{"name", name}}, name);
+         });
+       }},
+      {"registration", "an account was added to the device or removed from it", kDelegate,
+       [](Client& client, Events& events) {
+         return client.registerForDeviceRegistrationChange(
+             tellFlag(events, "registration", "registered", "registered", "unregistered"));
+       }},
+      {"assistant", "the voice assistant is connected or disconnected", kDelegate,
+       [](Client& client, Events& events) {
+         return client.registerForMaroConnectivityChange(
+             tellFlag(events, "assistant", "connected", "connected", "disconnected"));
+       }},
+      {"network", "the network is connected or disconnected", kConnectivity,
+       [](Client& client, Events& events) {
+         return client.registerForNetworkConnectivityChange(
+             tellFlag(events, "network", "connected", "connected", "disconnected"));
+       }},
+      {"screen", "the screen was switched on or off", kDelegate,
+       [](Client& client, Events& events) {
+         return client.registerForScreenStateChange(tellFlag(events, "screen", "on", "on", "off"));
+       }},
+      {"package", "a package was added, removed, replaced or changed", kDelegate, subscribeToPackages},
+      {"time", "the clock was set: from and to, in milliseconds since 1970", kDelegate,
+       [](Client& client, Events& events) {
+         return client.registerForTimeSync([&events](long long from, long long to) {
+           events.add("time", {{"oldMs", from}, {"newMs", to}}, std::to_string(from) + " " + std::to_string(to));
+         });
+       }},
+  };
+  return all;
+}
+
+Kind settingKind(const std::string& name) {
+  const std::string key = name.substr(sizeof(kSettingPrefix) - 1);
+  const auto subscribe = [key](Client& client, Events& events) {
+    return client.registerForSecureSettingIntChange(key, 0, [key, &events](int value) {
+      events.add("setting", {{"key", key}, {"value", value}}, key + " " + std::to_string(value));
+    });
+  };
+  return {name, "", kDelegate, subscribe};
+}
+
+bool isSetting(const std::string& name) {
+  return name.rfind(kSettingPrefix, 0) == 0;
+}
+
+std::vector<Kind> kindsCalled(const std::vector<std::string>& names) {
+  if (names.empty()) return kinds();
+  std::vector<Kind> called;
+  for (const std::string& name : names) {
+    const auto has_name = [&](const Kind& kind) { return kind.name == name; };
+    called.push_back(isSetting(name) ? settingKind(name) : *std::find_if(kinds().begin(), kinds().end(), has_name));
+  }
+  return called;
+}
+
+std::string lineOf(Event event, bool json) {
+  const std::time_t seconds = Clock::to_time_t(event.time);
+  const auto milliseconds =
+      std::chrono::duration_cast<std::chrono::milliseconds>(event.time.time_since_epoch()).count();
+  event.object["timeMs"] = milliseconds;
+  if (json) return event.object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  std::ostringstream line;
+  line << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << milliseconds % 1000 << "  "
+       << event.text << '\n';
+  return line.str();
+}
+
+// Writes as much of it as a pipe that takes something takes without blocking. False, with a message, on failure.
+bool writeSome(Session& session, std::string& line) {
+  const ssize_t written = write(STDOUT_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+  if (written >= 0) {
+    line.erase(0, static_cast<std::size_t>(written));
+  } else if (errno != EAGAIN && errno != EINTR) {
+    session.fail(std::string("cannot write to standard output: ") + std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Waits until there may be an event and standard output takes it; false when it is time to end. Everything that would
+// block is waited for here, so that an interruption ends it at once.
+bool wait(const Session& session, const Events& events, bool writing, std::optional<Seconds> left) {
+  pollfd descriptors[] = {
+      {session.interruption(), POLLIN, 0},
+      {writing ? STDOUT_FILENO : events.descriptor(), static_cast<short>(writing ? POLLOUT : POLLIN), 0}};
+  timespec time{};
+  if (left) {
+    const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(*left, Seconds(0)));
+    time = {nanoseconds.count() / 1'000'000'000, nanoseconds.count() % 1'000'000'000};
+  }
+  return ppoll(descriptors, 2, left ? &time : nullptr, nullptr) > 0 && descriptors[0].revents == 0;
+}
+
+}  // namespace
+
+std::string whatIsWrongWithKind(const std::string& name) {
+  if (isSetting(name)) return name == kSettingPrefix ? "setting: needs a key, as in setting:volume_alarm" : "";
+  std::string known;
+  for (const Kind& kind : kinds()) {
+    if (kind.name == name) return {};
+    known += kind.name + ", ";
+  }
+  return "no kind is called '" + name + "'; there are " + known + "setting:KEY";
+}
+
+std::string describeKinds() {
+  std::ostringstream text;
+  for (const Kind& kind : kinds()) text << "  " << std::left << std::setw(14) << kind.name << kind.about << '\n';
+  text << "  setting:KEY   a secure setting has a new value, which must be a number; a removed one counts as 0\n";
+  return text.str();
+}
+
+void watchChanges(Session& session, const WatchOptions& options) {
+  // Before the subscriptions end, so declared before what ends them.
+  Events events;
+  const Session::Stop stop(session);
+  std::string watched;
+  for (const Kind& kind : kindsCalled(options.kinds)) {
+    const auto subscribe = [&](Client& client) { return kind.subscribe(client, events); };
+    const auto taken = session.ask("watching " + kind.name, kind.service, false, subscribe);
+    if (!taken) return;
+    if (*taken == false) return session.fail("watching " + kind.name + ": the service refused");
+    watched += (watched.empty() ? "" : ", ") + kind.name;
+  }
+  std::cerr << "orvelctl: watching " << watched << "; Ctrl-C ends" << std::endl;
+
+  const auto start = std::chrono::steady_clock::now();
+  std::uint64_t printed = 0;
+  std::string line;  // what is still to be written of it
+  while (session.status() == kSuccess) {
+    std::optional<Seconds> left;
+    if (options.for_seconds) left = *options.for_seconds - (std::chrono::steady_clock::now() - start);
+    if (!wait(session, events, !line.empty(), left)) break;
+    if (line.empty()) {
+      events.rest();
+    } else if (!writeSome(session, line) || (line.empty() && ++printed == options.count)) {
+      break;
+    }
+    if (!line.empty()) continue;
+    if (std::optional<Event> event = events.take()) line = lineOf(*std::move(event), session.json());
+  }
+  session.acceptInterrupt();
+}
+
+}  // namespace orvelctl

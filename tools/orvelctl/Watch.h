@@ -1,0 +1,28 @@
+// orvelctl watch: notifications as they arrive.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Session.h"
+
+namespace orvelctl {
+
+struct WatchOptions {
+  std::vector<std::string> kinds;      // none: all but settings
+  std::uint64_t count = 0;             // ends after so many; 0: never
+  std::optional<Seconds> for_seconds;  // ends after that time
+};
+
+// What is wrong with the name of a kind; empty when nothing is.
+std::string whatIsWrongWithKind(const std::string& name);
+
+// "  name           the device has a new name", one line a kind.
+std::string describeKinds();
+
+// Subscribes, then prints until the options or an interruption end it. Whatever fails is told by the session's status.
+void watchChanges(Session& session, const WatchOptions& options);
+
+}  // namespace orvelctl
