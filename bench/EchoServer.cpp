@@ -10,11 +10,13 @@
 #include <vesk/vesk_service.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <system_error>
+#include <vector>
 
 namespace bench {
 namespace {
@@ -60,9 +62,7 @@ int serveBus() {
 }
 
 // The reply is written once for each size: a trip measures the transport, not the writing of values.
-int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned int code, vesk_identity* caller,
-                        vesk_buffer* request, vesk_payload* /*reply*/) {
-  if (code != kEchoCode) return -EINVAL;
+int echo(vesk_identity* caller, vesk_buffer* request) {
   static std::map<std::size_t, vesk_payload*> replies;
   vesk_payload*& reply = replies[vesk_buffer_remaining(request)];
   if (reply == nullptr) {
@@ -70,6 +70,61 @@ int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned
     while (vesk_buffer_remaining(request) > 0) vesk_write_i64(reply, vesk_read_i64(request));
   }
   return vesk_deferred_answer(vesk_request_defer(caller), 0, reply);
+}
+
+// Sends broadcasts of which only the time changes.
+class Broadcaster {
+ public:
+  int keep(vesk_buffer* request) {
+    vesk_remote* remote = vesk_read_endpoint(request);
+    if (remote == nullptr) return -EINVAL;
+    m_receivers.push_back(remote);
+    return 0;
+  }
+
+  int send(int count) {
+    if (m_receivers.empty()) return -ENOENT;
+    for (int n = 0; n < count; ++n) {
+      vesk_payload_set_position(m_message, m_sent_at);
+      vesk_write_i64(m_message, std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
+      vesk_remote* receiver = m_receivers[m_next++ % m_receivers.size()];
+      if (const int error = vesk_remote_call_oneway(receiver, 1, m_message)) return error;
+    }
+    return 0;
+  }
+
+ private:
+  // Everything in front of the time; returns the position behind it.
+  static unsigned int writeHead(vesk_payload* message) {
+    for (const int word : {0, -1, 0x53595354}) vesk_write_i32(message, word);
+    vesk_write_utf16_cstring(message, "com.example.IReceiver");
+    for (const int word : {1, 1}) vesk_write_i32(message, word);  // an intent of some length
+    for (const char* text : {"com.example.action.TIME", "", "", ""}) vesk_write_utf16_cstring(message, text);
+    for (const int word : {0, 1, 1}) vesk_write_i32(message, word);  // no component; extras, one
+    vesk_write_utf16_cstring(message, kSentAtExtra);
+    vesk_write_i32(message, 6);  // a long integer
+    return vesk_payload_get_position(message);
+  }
+
+  vesk_payload* const m_message = vesk_payload_alloc();
+  const unsigned int m_sent_at = writeHead(m_message);
+  std::vector<vesk_remote*> m_receivers;
+  std::size_t m_next = 0;
+};
+
+int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned int code, vesk_identity* caller,
+                        vesk_buffer* request, vesk_payload* /*reply*/) {
+  static Broadcaster broadcaster;
+  switch (code) {
+    case kEcho:
+      return echo(caller, request);
+    case kKeepEndpoint:
+      return broadcaster.keep(request);
+    case kSendBroadcasts:
+      return broadcaster.send(vesk_read_i32(request));
+    default:
+      return -EINVAL;
+  }
 }
 
 int serveHostRuntime() {

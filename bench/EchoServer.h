@@ -14,9 +14,18 @@ enum class Transport {
   kHostRuntime,  // libvesk
 };
 
-// The name that the host runtime's server registers, and the code that it answers with as many bytes as it got.
+// The name that the host runtime's server registers.
 constexpr const char* kEchoService = "orvel.bench.echo";
-constexpr unsigned int kEchoCode = 1;
+
+// What that server does beyond answering with as many bytes as it got.
+enum EchoCode : unsigned int {
+  kEcho = 1,
+  kKeepEndpoint,    // takes an endpoint to send broadcasts to
+  kSendBroadcasts,  // takes a number and sends so many, to all its endpoints in turn, before it answers
+};
+
+// The extra of a broadcast that tells when it was sent, by the steady clock in nanoseconds.
+constexpr const char* kSentAtExtra = "com.example.extra.SENT_AT";
 
 // The names of the bus server's object and method.
 constexpr const char* kEchoPath = "/echo";

@@ -1,9 +1,13 @@
 // What the library's own code costs, on a transport that answers inside the call.
+#include <android/log.h>
 #include <benchmark/benchmark.h>
 #include <orvel/OrvelDelegateClient.h>
+#include <orvel/OrvelIntent.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,12 +16,25 @@
 #include "InstantVesk.h"
 #include "Table.h"
 #include "parcel/StringArray.h"
+#include "services/IDelegateService.h"
+#include "services/Incoming.h"
 
 namespace bench {
 namespace {
 
+using orvel::service_apis::Bundle;
+using orvel::service_apis::IDelegateService;
 using orvel::service_apis::OrvelDelegateClient;
+using orvel::service_apis::OrvelIntent;
+using orvel::service_apis::skip_header;
 using orvel::service_apis::StringArray;
+
+struct FreeMessage {
+  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
+  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
+};
+using PayloadPtr = std::unique_ptr<vesk_payload, FreeMessage>;
+using BufferPtr = std::unique_ptr<vesk_buffer, FreeMessage>;
 
 void countAllocations(benchmark::State& state, std::uint64_t before) {
   state.counters[kAllocationsCounter] =
@@ -63,40 +80,219 @@ void setBytes(benchmark::State& state, std::size_t size) {
 
 void decodeStrings(benchmark::State& state) {
   const vesk::Parcel parcel = manyStrings();
-  vesk_buffer* buffer = bufferOf(parcel);
+  const BufferPtr buffer(bufferOf(parcel));
   for (auto _ : state) {
-    rewind(buffer);
-    const std::vector<std::string> strings = StringArray::read(buffer);
+    rewind(buffer.get());
+    const std::vector<std::string> strings = StringArray::read(buffer.get());
     if (strings.size() != kStrings) return state.SkipWithError("not all strings were read");
   }
   setBytes(state, parcel.bytes().size());
-  vesk_buffer_free(buffer);
 }
 
-void copyBytes(benchmark::State& state) {
-  const vesk::Parcel parcel = manyStrings();
-  std::vector<std::byte> copy(parcel.bytes().size());
+// What a codec of these bytes is measured against.
+void copyBytes(benchmark::State& state, const std::vector<std::byte>& bytes) {
+  std::vector<std::byte> copy(bytes.size());
   for (auto _ : state) {
-    std::memcpy(copy.data(), parcel.bytes().data(), copy.size());
+    std::memcpy(copy.data(), bytes.data(), copy.size());
     benchmark::DoNotOptimize(copy.data());
     benchmark::ClobberMemory();
   }
   setBytes(state, copy.size());
 }
 
+void copyStrings(benchmark::State& state) {
+  copyBytes(state, manyStrings().bytes());
+}
+
+constexpr int kExtras = 20;  // of each type
+constexpr const char* kAction = "com.example.action.CHANGED";
+constexpr const char* kData = "package:com.example.application";
+constexpr const char* kPackage = "com.example.application";
+constexpr const char* kClass = "com.example.application.Receiver";
+constexpr const char* kText = "a text of no great length";
+
+std::string extraName(int n) {
+  return "com.example.extra.NUMBER_" + std::to_string(10 + n);
+}
+
+OrvelIntent sentIntent() {
+  OrvelIntent intent;
+  intent.action = kAction;
+  intent.data = kData;
+  intent.package = kPackage;
+  intent.component = {kPackage, kClass};
+  for (int n = 0; n < kExtras; ++n) {
+    intent.extras.put(extraName(n), n);
+    intent.extras.put(extraName(n), 1LL * n);
+    intent.extras.put(extraName(n), kText);
+  }
+  return intent;
+}
+
+// The same intent as services send it, which is not how they get it, with so many extras of each type.
+void writeReceivedIntent(vesk::Parcel& parcel, int extras) {
+  parcel.write_i32(1);
+  parcel.write_i32(1);  // a length, of which only the sign counts
+  for (const char* text : {kAction, kData, "", kPackage}) parcel.write_utf16(text);
+  parcel.write_i32(1);
+  for (const char* text : {kPackage, kClass}) parcel.write_utf16(text);
+  parcel.write_i32(1);
+  parcel.write_i32(3 * extras);
+  for (int n = 0; n < extras; ++n) {
+    parcel.write_utf16(extraName(n));
+    parcel.write_i32(1);
+    parcel.write_i32(n);
+    parcel.write_utf16(extraName(n));
+    parcel.write_i32(6);
+    parcel.write_i64(n);
+    parcel.write_utf16(extraName(n));
+    parcel.write_i32(0);
+    parcel.write_utf16(kText);
+  }
+}
+
+void encodeIntent(benchmark::State& state) {
+  const OrvelIntent intent = sentIntent();
+  const PayloadPtr payload(vesk_payload_alloc());
+  for (auto _ : state) {
+    rewind(payload.get());
+    if (!intent.write(payload.get())) return state.SkipWithError("the intent was not written");
+  }
+  setBytes(state, bytesOf(payload.get()).size());
+}
+
+void decodeIntent(benchmark::State& state) {
+  vesk::Parcel parcel;
+  writeReceivedIntent(parcel, kExtras);
+  const BufferPtr buffer(bufferOf(parcel));
+  for (auto _ : state) {
+    rewind(buffer.get());
+    const OrvelIntent intent = OrvelIntent::read(buffer.get());
+    if (intent.extras.size() != 2 * kExtras) return state.SkipWithError("not all extras were read");
+  }
+  setBytes(state, parcel.bytes().size());
+}
+
+void copySentIntent(benchmark::State& state) {
+  const PayloadPtr payload(vesk_payload_alloc());
+  sentIntent().write(payload.get());
+  copyBytes(state, bytesOf(payload.get()));
+}
+
+void copyReceivedIntent(benchmark::State& state) {
+  vesk::Parcel parcel;
+  writeReceivedIntent(parcel, kExtras);
+  copyBytes(state, parcel.bytes());
+}
+
+void* runtime() {
+  void* runtime = nullptr;
+  vesk_get_runtime(&runtime);
+  return runtime;
+}
+
+// A fresh proxy with so many registrations.
+struct Registered {
+  explicit Registered(int count) {
+    for (int n = 0; n < count; ++n) add();
+  }
+  void add() {
+    good = delegate.registerForSecureSettings("example_setting", [](const std::string&, const std::string&) {}) && good;
+  }
+
+  IDelegateService delegate{runtime()};
+  bool good = true;
+};
+
+void registerOneMore(benchmark::State& state, int present) {
+  Registered registered(present);
+  for (auto _ : state) registered.add();
+  if (!registered.good) state.SkipWithError("a registration failed");
+}
+
+// The time of one registration among `count`, from the new bind to the end of the replay.
+void replay(benchmark::State& state, int count) {
+  const Registered registered(count);
+  __android_log_set_minimum_priority(ANDROID_LOG_FATAL);  // a death logs an error
+  for (auto _ : state) {
+    restartService();
+    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - boundAt()).count() / count);
+    if (endpoints().size() != static_cast<std::size_t>(count)) state.SkipWithError("not everything was replayed");
+  }
+  __android_log_set_minimum_priority(ANDROID_LOG_WARN);
+}
+
+// As a service sends it to an endpoint.
+BufferPtr smallBroadcast() {
+  vesk::Parcel message;
+  for (const int word : {0, -1, 0x53595354}) message.write_i32(word);
+  message.write_utf16("com.example.IReceiver");
+  writeReceivedIntent(message, 1);
+  return BufferPtr(bufferOf(message));
+}
+
+void dispatchBroadcast(benchmark::State& state) {
+  IDelegateService delegate(runtime());
+  int received = 0;
+  const auto callback = [&](const std::string&, const std::string&, const Bundle& extras) {
+    received += extras.get(extraName(0), std::string()) == kText ? 1 : 0;
+  };
+  if (!delegate.registerForBroadcastWithDataTypeOrScheme(kAction, {}, {}, callback)) {
+    return state.SkipWithError("the registration failed");
+  }
+  vesk_endpoint* endpoint = endpoints().back();
+  const BufferPtr message = smallBroadcast();
+  for (auto _ : state) {
+    rewind(message.get());
+    endpoint->fn->endpoint_call_oneway(runtime(), endpoint, 1, nullptr, message.get());
+  }
+  if (received != state.iterations()) state.SkipWithError("not every broadcast arrived");
+}
+
+void decodeBroadcast(benchmark::State& state) {
+  const BufferPtr message = smallBroadcast();
+  for (auto _ : state) {
+    rewind(message.get());
+    skip_header(message.get());
+    benchmark::DoNotOptimize(OrvelIntent::read(message.get()));
+  }
+}
+
 }  // namespace
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  benchmark::RegisterBenchmark("name by library", bench::deviceNameByLibrary);
-  benchmark::RegisterBenchmark("name by hand", bench::deviceNameByHand);
-  benchmark::RegisterBenchmark("decode", bench::decodeStrings);
-  benchmark::RegisterBenchmark("memcpy", bench::copyBytes);
+  using namespace bench;
+  benchmark::RegisterBenchmark("name by library", deviceNameByLibrary);
+  benchmark::RegisterBenchmark("name by hand", deviceNameByHand);
+  benchmark::RegisterBenchmark("decode strings", decodeStrings);
+  benchmark::RegisterBenchmark("copy strings", copyStrings);
+  benchmark::RegisterBenchmark("encode intent", encodeIntent);
+  benchmark::RegisterBenchmark("copy sent intent", copySentIntent);
+  benchmark::RegisterBenchmark("decode intent", decodeIntent);
+  benchmark::RegisterBenchmark("copy received intent", copyReceivedIntent);
+  benchmark::RegisterBenchmark("dispatch", dispatchBroadcast);
+  benchmark::RegisterBenchmark("decode broadcast", decodeBroadcast);
+  // A fixed count: the list grows with every iteration.
+  benchmark::RegisterBenchmark("register after 0", registerOneMore, 0)->Iterations(500);
+  benchmark::RegisterBenchmark("register after 10000", registerOneMore, 10'000)->Iterations(500);
+  // Every iteration waits for the pause after a death.
+  benchmark::RegisterBenchmark("replay 100", replay, 100)->UseManualTime()->Iterations(10);
+  benchmark::RegisterBenchmark("replay 1000", replay, 1'000)->UseManualTime()->Iterations(2);
+  benchmark::RegisterBenchmark("replay 10000", replay, 10'000)->UseManualTime()->Iterations(1);
   const std::string title = "getDeviceName() : the same in C by hand";
-  return bench::runTable(
+  return runTable(
       argc, argv,
-      {{title, "name by library", "name by hand", bench::Quantity::kNanoseconds, "at most 1.25 x"},
-       {"  heap allocations", "name by library", "name by hand", bench::Quantity::kAllocations,
-        "at most +1, the result"},
-       {"decoding 1,000 strings : memcpy", "decode", "memcpy", bench::Quantity::kMegabytesPerSecond, ""}});
+      {{title, "name by library", "name by hand", Quantity::kNanoseconds, "at most 1.25 x"},
+       {"  heap allocations", "name by library", "name by hand", Quantity::kAllocations, "at most +1, the result"},
+       {"decoding 1,000 strings : memcpy", "decode strings", "copy strings", Quantity::kMegabytesPerSecond, ""},
+       {"encoding an intent, 60 extras : memcpy", "encode intent", "copy sent intent", Quantity::kMegabytesPerSecond,
+        ""},
+       {"decoding an intent, 60 extras : memcpy", "decode intent", "copy received intent",
+        Quantity::kMegabytesPerSecond, ""},
+       {"a broadcast to its callback : decoding it", "dispatch", "decode broadcast", Quantity::kNanoseconds, ""},
+       {"one more registration, to 10,000 : to none", "register after 10000", "register after 0",
+        Quantity::kNanoseconds, "the same"},
+       {"replay of 1,000, each : of 100, each", "replay 1000", "replay 100", Quantity::kNanoseconds, "the same"},
+       {"replay of 10,000, each : of 100, each", "replay 10000", "replay 100", Quantity::kNanoseconds, "the same"}});
 }

@@ -1,11 +1,36 @@
 #include "InstantVesk.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
 
+namespace {
+
+// Holds one reference to each.
+struct Endpoints {
+  std::vector<vesk_endpoint*> list;
+
+  Endpoints() = default;
+  Endpoints(const Endpoints&) = delete;
+  Endpoints& operator=(const Endpoints&) = delete;
+  ~Endpoints() { drop(); }
+
+  void add(vesk_endpoint* endpoint) {
+    endpoint->fn->endpoint_acquire(nullptr, endpoint);
+    list.push_back(endpoint);
+  }
+  void drop() {
+    for (vesk_endpoint* endpoint : list) endpoint->fn->endpoint_release(nullptr, endpoint);
+    list.clear();
+  }
+};
+
+}  // namespace
+
 struct vesk_payload {
   vesk::Parcel parcel;
+  Endpoints endpoints;
 };
 
 struct vesk_buffer {
@@ -14,17 +39,28 @@ struct vesk_buffer {
 
 namespace {
 
+constexpr unsigned int kRegisterForBroadcast = 28;
 constexpr unsigned int kGetDeviceName = 33;
+constexpr unsigned int kRegisterForSecureSettings = 34;
 
-vesk::Parcel deviceNameReply() {
+vesk::Parcel emptyReply() {
   vesk::Parcel reply;
   reply.write_i32(0);  // no exception
+  return reply;
+}
+
+vesk::Parcel deviceNameReply() {
+  vesk::Parcel reply = emptyReply();
   reply.write_utf16(bench::kDeviceName);
   return reply;
 }
 
 struct Runtime {
+  const vesk::Parcel empty_reply = emptyReply();
   const vesk::Parcel device_name_reply = deviceNameReply();
+  Endpoints endpoints;
+  std::vector<vesk_death_callback*> links;
+  std::chrono::steady_clock::time_point bound_at;
   std::mutex mutex;
   std::condition_variable stopped;
   bool running = false;  // guarded by mutex
@@ -48,6 +84,31 @@ vesk_buffer* bufferOf(const vesk::Parcel& parcel) {
 
 void rewind(vesk_buffer* buffer) {
   buffer->parcel.set_position(0);
+}
+
+void rewind(vesk_payload* payload) {
+  payload->parcel.set_position(0);
+}
+
+const std::vector<std::byte>& bytesOf(const vesk_payload* payload) {
+  return payload->parcel.bytes();
+}
+
+const std::vector<vesk_endpoint*>& endpoints() {
+  return runtime().endpoints.list;
+}
+
+void restartService() {
+  runtime().endpoints.drop();
+  vesk_death_callback* callback = runtime().links.back();
+  runtime().links.pop_back();
+  vesk_handle handle = kTheHandle;
+  callback->on_death(&runtime(), callback, &handle);
+  callback->death_release(callback);
+}
+
+std::chrono::steady_clock::time_point boundAt() {
+  return runtime().bound_at;
 }
 
 }  // namespace bench
@@ -74,10 +135,12 @@ int vesk_shutdown(void* /*runtime*/) {
 
 int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callback callback, void* context) {
   callback(runtime, context, name, kTheHandle);
+  ::runtime().bound_at = std::chrono::steady_clock::now();
   return 0;
 }
 
 int vesk_service_unbind(void* /*runtime*/, vesk_handle* /*handle*/) {
+  runtime().endpoints.drop();
   return 0;
 }
 
@@ -105,10 +168,15 @@ vesk_handle vesk_invalid_handle() {
 
 int vesk_handle_link_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk_death_callback* callback) {
   callback->death_acquire(callback);
+  runtime().links.push_back(callback);
   return 0;
 }
 
 int vesk_handle_unlink_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk_death_callback* callback) {
+  auto& links = runtime().links;
+  const auto link = std::find(links.begin(), links.end(), callback);
+  if (link == links.end()) return 0;
+  links.erase(link);
   callback->death_release(callback);
   return 0;
 }
@@ -141,12 +209,22 @@ int vesk_buffer_last_error(vesk_buffer* buffer) {
   return buffer->parcel.error();
 }
 
-int vesk_call(void* /*runtime*/, vesk_handle* /*handle*/, unsigned int code, vesk_payload* /*request*/,
+int vesk_call(void* /*runtime*/, vesk_handle* /*handle*/, unsigned int code, vesk_payload* request,
               vesk_buffer* reply) {
-  if (code != kGetDeviceName) return -ENOTSUP;
-  const auto& bytes = runtime().device_name_reply.bytes();
-  reply->parcel.assign(bytes.data(), bytes.size());
-  return 0;
+  const auto answer = [reply](const vesk::Parcel& with) {
+    reply->parcel.assign(with.bytes().data(), with.bytes().size());
+    return 0;
+  };
+  switch (code) {
+    case kGetDeviceName:
+      return answer(runtime().device_name_reply);
+    case kRegisterForBroadcast:
+    case kRegisterForSecureSettings:
+      for (vesk_endpoint* endpoint : request->endpoints.list) runtime().endpoints.add(endpoint);
+      return answer(runtime().empty_reply);
+    default:
+      return -ENOTSUP;
+  }
 }
 
 int vesk_reply_done(void* /*runtime*/, vesk_buffer* /*reply*/) {
@@ -168,8 +246,9 @@ int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8) {
 int vesk_write_array_length(vesk_payload* payload, int32_t length) {
   return payload->parcel.write_i32(length);
 }
-int vesk_write_endpoint(vesk_payload* /*payload*/, vesk_endpoint* /*endpoint*/) {
-  return -ENOTSUP;
+int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
+  payload->endpoints.add(endpoint);
+  return payload->parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.list.size() - 1));
 }
 
 int32_t vesk_read_i32(vesk_buffer* buffer) {

@@ -4,6 +4,9 @@
 
 #include <vesk/vesk.h>
 
+#include <chrono>
+#include <vector>
+
 #include "Parcel.h"
 
 namespace bench {
@@ -14,7 +17,20 @@ constexpr const char* kDeviceName = "Robin's kitchen display";
 // A buffer that reads these bytes; the caller frees it with vesk_buffer_free.
 vesk_buffer* bufferOf(const vesk::Parcel& parcel);
 
-// Moves a buffer back to its start.
+// Moves a message back to its start.
 void rewind(vesk_buffer* buffer);
+void rewind(vesk_payload* payload);
+
+// What was written; valid until the payload changes.
+const std::vector<std::byte>& bytesOf(const vesk_payload* payload);
+
+// The endpoints that services got, in the order of the calls; the end of a connection drops them.
+const std::vector<vesk_endpoint*>& endpoints();
+
+// Ends the connection that was bound last and delivers its notice before it returns; a new bind succeeds at once.
+void restartService();
+
+// When a service was bound last.
+std::chrono::steady_clock::time_point boundAt();
 
 }  // namespace bench

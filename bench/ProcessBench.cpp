@@ -9,20 +9,26 @@
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "EchoServer.h"
 #include "Table.h"
+#include "services/BroadcastReceiverEndpoint.h"
 
 namespace bench {
 namespace {
 
+using orvel::service_apis::BroadcastReceiverEndpoint;
+using orvel::service_apis::Bundle;
 using orvel::service_apis::OrvelDelegateClient;
 
 constexpr std::chrono::seconds kPatience{10};
@@ -135,25 +141,48 @@ vesk_handle bindEcho(void* runtime) {
   return handle.get();
 }
 
-void overHostRuntime(benchmark::State& state, std::size_t size) {
-  void* runtime = nullptr;
-  if (vesk_get_runtime(&runtime) != 0) return state.SkipWithError("no device");
-  vesk_handle handle = bindEcho(runtime);
-  // As in a client: the run loop watches the connection while another thread calls.
-  std::thread loop([runtime] { vesk_run_loop(runtime); });
-  vesk_payload* request = vesk_payload_alloc();
-  for (std::size_t written = 0; written < size; written += sizeof(std::int64_t)) vesk_write_i64(request, 'x');
-  measure(state, [&] {
+// A client of the host runtime's server. As in any client, the run loop watches the connection while another thread
+// calls.
+class Client {
+ public:
+  Client() : m_handle(bindEcho(m_runtime)), m_loop([this] { vesk_run_loop(m_runtime); }) {}
+  ~Client() {
+    vesk_service_unbind(m_runtime, &m_handle);
+    vesk_shutdown(m_runtime);
+    m_loop.join();
+  }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // Whether the call succeeds and the reply passes `check`.
+  template <typename Check>
+  bool call(EchoCode code, vesk_payload* request, const Check& check) {
     vesk_buffer* reply = vesk_buffer_alloc();
-    const bool good = vesk_call(runtime, &handle, kEchoCode, request, reply) == 0 && vesk_read_i64(reply) == 'x';
-    vesk_reply_done(runtime, reply);
+    const bool good = vesk_call(m_runtime, &m_handle, code, request, reply) == 0 && check(reply);
+    vesk_reply_done(m_runtime, reply);
     vesk_buffer_free(reply);
     return good;
-  });
+  }
+
+ private:
+  static void* getRuntime() {
+    void* runtime = nullptr;
+    if (vesk_get_runtime(&runtime) != 0) throw std::runtime_error("no device");
+    return runtime;
+  }
+
+  void* const m_runtime = getRuntime();
+  vesk_handle m_handle;
+  std::thread m_loop;
+};
+
+void overHostRuntime(benchmark::State& state, std::size_t size) {
+  Client client;
+  vesk_payload* request = vesk_payload_alloc();
+  for (std::size_t written = 0; written < size; written += sizeof(std::int64_t)) vesk_write_i64(request, 'x');
+  measure(state,
+          [&] { return client.call(kEcho, request, [](vesk_buffer* reply) { return vesk_read_i64(reply) == 'x'; }); });
   vesk_payload_free(request);
-  vesk_service_unbind(runtime, &handle);
-  vesk_shutdown(runtime);
-  loop.join();
 }
 
 void roundTrip(benchmark::State& state, const Trip& trip) try {
@@ -167,6 +196,77 @@ void roundTrip(benchmark::State& state, const Trip& trip) try {
     case Transport::kHostRuntime:
       return overHostRuntime(state, trip.size);
   }
+} catch (const std::exception& error) {
+  state.SkipWithError(error.what());
+}
+
+// Hears the broadcasts of the server, as a proxy of the library does.
+class Listener {
+ public:
+  explicit Listener(int registrations) {
+    for (int n = 0; n < registrations; ++n) {
+      const auto endpoint = vesk::make_endpoint<BroadcastReceiverEndpoint>(
+          [this](const std::string&, const std::string&, const Bundle& extras) {
+            hear(std::chrono::nanoseconds(extras.get(kSentAtExtra, 0LL)));
+          });
+      ask(kKeepEndpoint, [&](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); });
+    }
+  }
+
+  // Asks for so many broadcasts and waits for their callbacks. Returns how long the last one was on its way.
+  std::chrono::nanoseconds request(int count) {
+    ask(kSendBroadcasts, [&](vesk_payload* request) { vesk_write_i32(request, count); });
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_for(lock, kPatience, [&] { return m_heard == count; })) {
+      throw std::runtime_error("not every broadcast arrived");
+    }
+    m_heard = 0;
+    return m_delay;
+  }
+
+ private:
+  template <typename Write>
+  void ask(EchoCode code, const Write& write) {
+    vesk_payload* request = vesk_payload_alloc();
+    write(request);
+    const bool good = m_client.call(code, request, [](vesk_buffer*) { return true; });
+    vesk_payload_free(request);
+    if (!good) throw std::runtime_error("the server refuses a request");
+  }
+
+  void hear(std::chrono::nanoseconds sent_at) {
+    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+    const std::lock_guard lock(m_mutex);
+    m_delay = now - sent_at;
+    ++m_heard;
+    m_changed.notify_one();
+  }
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  int m_heard = 0;                      // guarded by m_mutex
+  std::chrono::nanoseconds m_delay{0};  // guarded by m_mutex
+  Client m_client;                      // Last: its thread uses the rest.
+};
+
+// Fewer than the host runtime queues for a receiver.
+constexpr int kBroadcastsAtOnce = 500;
+
+void deliverBroadcasts(benchmark::State& state, int registrations) try {
+  const EchoServer server(Transport::kHostRuntime);
+  Listener listener(registrations);
+  listener.request(1);
+  for (auto _ : state) listener.request(kBroadcastsAtOnce);
+  state.SetItemsProcessed(kBroadcastsAtOnce * state.iterations());
+} catch (const std::exception& error) {
+  state.SkipWithError(error.what());
+}
+
+void delayOfBroadcast(benchmark::State& state) try {
+  const EchoServer server(Transport::kHostRuntime);
+  Listener listener(1);
+  listener.request(1);
+  for (auto _ : state) state.SetIterationTime(std::chrono::duration<double>(listener.request(1)).count());
 } catch (const std::exception& error) {
   state.SkipWithError(error.what());
 }
@@ -205,6 +305,13 @@ int main(int argc, char** argv) {
       rows.push_back({"                                      : socket", runtime, socket, Quantity::kMicroseconds, ""});
     }
   }
+  benchmark::RegisterBenchmark("broadcasts, 1", deliverBroadcasts, 1)->UseRealTime();
+  benchmark::RegisterBenchmark("broadcasts, 1000", deliverBroadcasts, 1000)->UseRealTime();
+  rows.push_back({"broadcasts to 1,000 registrations : to one", "broadcasts, 1000", "broadcasts, 1",
+                  Quantity::kPerSecond, "the same"});
+  benchmark::RegisterBenchmark("broadcast", delayOfBroadcast)->UseManualTime();
+  rows.push_back({"one-way call to callback : round trip of 64 B", "broadcast",
+                  nameOf({Transport::kHostRuntime, 64, false}), Quantity::kMicroseconds, ""});
   benchmark::RegisterBenchmark("initialize", initialize)->UseManualTime();
   rows.push_back({"initialize()", "initialize", "", Quantity::kMilliseconds, "under 20 ms"});
   return runTable(argc, argv, rows);

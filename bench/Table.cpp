@@ -12,7 +12,7 @@ namespace bench {
 namespace {
 
 struct Results {
-  std::vector<double> seconds, bytes_per_second, allocations;
+  std::vector<double> seconds, bytes_per_second, items_per_second, allocations;
   std::string error;
 };
 
@@ -36,6 +36,7 @@ class Collector : public benchmark::BenchmarkReporter {
       }
       results.seconds.push_back(run.real_accumulated_time / static_cast<double>(run.iterations));
       keep(run, "bytes_per_second", results.bytes_per_second);
+      keep(run, "items_per_second", results.items_per_second);
       keep(run, kAllocationsCounter, results.allocations);
     }
   }
@@ -65,6 +66,7 @@ class Collector : public benchmark::BenchmarkReporter {
     if (found == m_results.end()) return std::nullopt;
     const Results& results = found->second;
     const std::vector<double>& values = quantity == Quantity::kMegabytesPerSecond ? results.bytes_per_second
+                                        : quantity == Quantity::kPerSecond        ? results.items_per_second
                                         : quantity == Quantity::kAllocations      ? results.allocations
                                                                                   : results.seconds;
     if (values.empty()) return std::nullopt;
@@ -82,6 +84,8 @@ class Collector : public benchmark::BenchmarkReporter {
         return fixed(*value * 1e3, 2) + " ms";
       case Quantity::kMegabytesPerSecond:
         return fixed(*value / 1e6, 0) + " MB/s";
+      case Quantity::kPerSecond:
+        return fixed(*value, 0) + " /s";
       case Quantity::kAllocations:
         return fixed(*value, 2);
     }

@@ -6,9 +6,9 @@
 
 namespace bench {
 
-// What a row compares: the time of one iteration in this unit, the rate of bytes, or the heap allocations of one
-// iteration.
-enum class Quantity { kNanoseconds, kMicroseconds, kMilliseconds, kMegabytesPerSecond, kAllocations };
+// What a row compares: the time of one iteration in this unit, the rate of bytes or of items, or the heap
+// allocations of one iteration.
+enum class Quantity { kNanoseconds, kMicroseconds, kMilliseconds, kMegabytesPerSecond, kPerSecond, kAllocations };
 
 // The counter under which a benchmark reports its allocations.
 constexpr const char* kAllocationsCounter = "allocations";
