@@ -1,8 +1,6 @@
 // Notifications from the device's change to the printed line.
 #include <signal.h>
 
-#include <regex>
-
 #include "Device.h"
 
 namespace orvel::e2e {
@@ -16,6 +14,13 @@ class Watching : public Device {
     return watcher;
   }
 };
+
+// Each is as long as the milliseconds since 1970 will be for centuries.
+std::string withoutTimes(std::string lines) {
+  const std::string key = "\"timeMs\":";
+  for (std::size_t at = 0; (at = lines.find(key)) != std::string::npos;) lines.erase(at, key.size() + 14);
+  return lines;
+}
 
 TEST_P(Watching, EachVerbOfTheDeviceIsOneLineAndAValueThatStaysIsNone) {
   const struct {
@@ -49,7 +54,7 @@ TEST_P(Watching, EachVerbOfTheDeviceIsOneLineAndAValueThatStaysIsNone) {
     if (*row.line != '\0') expected += std::string(row.line) + "\n";
   }
   EXPECT_EQ(watcher->wait(), 0);
-  EXPECT_EQ(std::regex_replace(watcher->output(), std::regex("\"timeMs\":[0-9]{13},"), ""), expected);
+  EXPECT_EQ(withoutTimes(watcher->output()), expected);
   EXPECT_NE(watcher->error().find("threw"), std::string::npos) << "the setting that is no number: " << watcher->error();
 }
 
