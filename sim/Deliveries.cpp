@@ -122,8 +122,8 @@ void Deliveries::finish(Client& client, const Delivery& delivery, int error) {
   } else if (method.answered) {
     entry["durationMs"] = millisecondsSince(delivery.start);
   }
-  m_host.record(std::move(entry));
-  const bool gone = error == -EPIPE;  // as clients do
+  m_host.recordSoon(std::move(entry));
+  const bool gone = error == -EPIPE || error == -ECONNRESET;  // as clients do
   if (error == 0 || gone || std::exchange(client.reported, true)) return;
   std::cerr << "orvel-sim: process " << pid << " does not take what " << notification.service << " tells it ("
             << method.name << ": " << std::strerror(-error) << ")" << std::endl;

@@ -36,13 +36,9 @@ void writeOptional(vesk_payload* payload, const Json& value, void (*write)(vesk_
 // "image/*" and "image/png" match, whichever of them is the filter's.
 bool matchesType(std::string_view filter, std::string_view type) {
   if (filter == type || filter == "*/*" || type == "*/*") return true;
-  const auto halves = [](std::string_view text) {
-    const std::size_t slash = std::min(text.find('/'), text.size());
-    return std::pair(text.substr(0, slash), text.substr(slash));
-  };
-  const auto [filterMajor, filterMinor] = halves(filter);
-  const auto [major, minor] = halves(type);
-  return filterMajor == major && (filterMinor == "/*" || minor == "/*");
+  const std::size_t slash = filter.find('/');
+  if (slash == std::string_view::npos || filter.substr(0, slash + 1) != type.substr(0, slash + 1)) return false;
+  return filter.substr(slash) == "/*" || type.substr(slash) == "/*";
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -20,6 +21,9 @@ namespace orvel::sim {
 namespace {
 
 namespace fs = std::filesystem;
+
+// How long entries of the traffic may wait for others to go with.
+constexpr std::chrono::milliseconds kSoon(5);
 
 // Removes a directory at the end, with all that is in it.
 class RemovedDirectory {
@@ -162,13 +166,16 @@ class LoneHost : public Host, private Endpoint {
 
   const Json& scenario() const override { return m_scenario; }
   void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
-  // Waits for the answer, so that a client that has its reply finds it in the traffic.
   void record(Json entry) override {
-    try {
-      m_control.send({{"order", "record"}, {"entry", std::move(entry)}});
-    } catch (const NoDevice&) {
-      // The device is ending; its answers may still arrive.
-    }
+    m_entries.push_back(std::move(entry));
+    handInEntries();
+  }
+  // A round trip for each of thousands of deliveries would take seconds.
+  void recordSoon(Json entry) override {
+    m_entries.push_back(std::move(entry));
+    if (m_entries.size() == kEntriesAtOnce) return handInEntries();
+    if (m_soon) return;
+    m_soon = std::make_unique<Timer>(vesk_service_event(runtime()), kSoon, [this] { handInEntries(); });
   }
 
  private:
@@ -180,8 +187,18 @@ class LoneHost : public Host, private Endpoint {
     } else {
       learn(message);
     }
+    if (!m_entries.empty()) handInEntries();  // whoever gave the order finds what it did in the traffic
     writeMessage(reply, answer);
     return 0;
+  }
+
+  void handInEntries() {
+    m_soon.reset();
+    try {
+      m_control.send({{"order", "record"}, {"entries", std::exchange(m_entries, Json::array())}});
+    } catch (const NoDevice&) {
+      // The device is ending; its answers may still arrive.
+    }
   }
 
   // An update may have been under way while a change of this process's own was answered.
@@ -195,6 +212,8 @@ class LoneHost : public Host, private Endpoint {
   Control m_control;
   std::uint64_t m_revision = 0;
   Json m_scenario;
+  Json m_entries = Json::array();  // that the supervisor has not got yet
+  std::unique_ptr<Timer> m_soon;   // set while they wait
   std::unique_ptr<Service> m_service;
 };
 

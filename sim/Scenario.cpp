@@ -216,7 +216,7 @@ Json readScenarioFile(const std::string& file) {
 
 Json valueOf(const Shape& shape, const std::string& word, const std::string& path) {
   if (shape.kind == Shape::Kind::kText) return word;
-  const Json value = Json::parse(word, nullptr, /*allow_exceptions=*/false);
+  Json value = Json::parse(word, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded()) failAt(path, "expected " + nameOf(shape));
   complete(shape, value, path);
   return value;

@@ -38,8 +38,9 @@ class Host {
   virtual const Json& scenario() const = 0;
   // Takes effect before it returns, for the whole device.
   virtual void change(const Json& change) = 0;
-  // Adds an entry to the traffic.
+  // Adds an entry to the traffic: before it returns, so that a client that has its reply finds it there, or soon.
   virtual void record(Json entry) = 0;
+  virtual void recordSoon(Json entry) = 0;
 
  private:
   void* m_runtime;

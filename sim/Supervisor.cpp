@@ -9,8 +9,6 @@ namespace orvel::sim {
 namespace {
 
 constexpr std::size_t kEntriesKept = 1000;
-// Well within the size of a message: an entry has tens of kilobytes at most.
-constexpr std::size_t kEntriesAtOnce = 50;
 // How long somebody who waits for traffic gets no answer; below vesk's call limit.
 constexpr std::chrono::seconds kListenerPatience(10);
 
@@ -112,7 +110,7 @@ void Supervisor::obey(const Order& order) {
       {"change", &Supervisor::takeChange},      {"kill", &Supervisor::killService},
       {"restart", &Supervisor::restartService}, {"traffic", &Supervisor::showTraffic},
       {"attach", &Supervisor::attachService},   {"ready", &Supervisor::serviceReady},
-      {"record", &Supervisor::takeEntry},       {"event", &Supervisor::passEvent},
+      {"record", &Supervisor::takeEntries},     {"event", &Supervisor::passEvent},
   };
   const auto found = orders.find(order.text.at("order"));
   if (found == orders.end()) throw std::runtime_error("no such order: " + order.text.dump());
@@ -190,8 +188,8 @@ void Supervisor::serviceReady(const Order& order) {
   childWith(order.caller).ready();
 }
 
-void Supervisor::takeEntry(const Order& order) {
-  record(order.text.at("entry"));
+void Supervisor::takeEntries(const Order& order) {
+  for (const Json& entry : order.text.at("entries")) record(entry);
   order.answer(Json::object());
 }
 

@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim/Runner.h"
@@ -34,6 +35,7 @@ class Supervisor : public Host, private Endpoint {
   const Json& scenario() const override { return m_scenario; }
   void change(const Json& change) override;
   void record(Json entry) override;
+  void recordSoon(Json entry) override { record(std::move(entry)); }
 
  private:
   // What a client of the control name wants.
@@ -63,7 +65,7 @@ class Supervisor : public Host, private Endpoint {
   // What the processes of the services say.
   void attachService(const Order& order);
   void serviceReady(const Order& order);
-  void takeEntry(const Order& order);
+  void takeEntries(const Order& order);
 
   void apply(const Json& change, pid_t changer, const Done& done);
   Runner& runnerOf(const Order& order);

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "sim/Wire.h"
@@ -11,6 +12,9 @@
 namespace orvel::sim {
 
 using Clock = std::chrono::steady_clock;
+
+// How many go into one message; each has tens of kilobytes at most.
+constexpr std::size_t kEntriesAtOnce = 50;
 
 // What every entry says; how it ended is for the caller to add. `kind` is the key of the name: "method" for a call by a
 // client, "notification" for a call of a client.

@@ -88,7 +88,8 @@ class DelegateService : public Service {
                 {{"key", "com.quarlo.hux.sso.property.devicename"}, {"type", "string"}, {"value", is.at("name")}});
     }
     if (const Json account = accountOf(is.at("customerId")); account != accountOf(was.at("customerId"))) {
-      broadcast(std::string("com.quarlo.hux.sso.action.account.") + (account == "" ? "removed" : "added"));
+      broadcast(std::string("com.quarlo.hux.sso.action.account.") +
+                (account.get_ref<const std::string&>().empty() ? "removed" : "added"));
     }
     if (const Json& connected = is.at("maroConnected"); connected != was.at("maroConnected")) {
       broadcast("com.quarlo.speech.CONNECTIVITY_ACTION",
