@@ -1,5 +1,5 @@
 // The delegate service: who the device is and whose, its secure settings, and what is broadcast on it.
-#include <utility>
+#include <string>
 
 #include "sim/Intent.h"
 #include "sim/Receivers.h"
@@ -37,9 +37,10 @@ void expectText(const Call& call, const char* argument) {
   }
 }
 
-// An identifier that stands for no account reads as none.
-Json accountOf(const Json& customerId) {
-  return customerId == "<unknown>" ? Json("") : customerId;
+// Empty when the device is not registered, which has two spellings.
+std::string accountOf(const Json& section) {
+  const std::string id = section.at("customerId");
+  return id == "<unknown>" ? "" : id;
 }
 
 class DelegateService : public Service {
@@ -87,9 +88,8 @@ class DelegateService : public Service {
       broadcast("com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed",
                 {{"key", "com.quarlo.hux.sso.property.devicename"}, {"type", "string"}, {"value", is.at("name")}});
     }
-    if (const Json account = accountOf(is.at("customerId")); account != accountOf(was.at("customerId"))) {
-      broadcast(std::string("com.quarlo.hux.sso.action.account.") +
-                (account.get_ref<const std::string&>().empty() ? "removed" : "added"));
+    if (const std::string account = accountOf(is); account != accountOf(was)) {
+      broadcast(std::string("com.quarlo.hux.sso.action.account.") + (account.empty() ? "removed" : "added"));
     }
     if (const Json& connected = is.at("maroConnected"); connected != was.at("maroConnected")) {
       broadcast("com.quarlo.speech.CONNECTIVITY_ACTION",
