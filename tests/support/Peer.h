@@ -22,6 +22,7 @@ enum PeerCode : unsigned {
   kAsk,         // (value) calls the kept endpoint with kNews; answers 0 and its answer, or 1
   kSendToName,  // (value, name) sends kNews to what is published under the name, one-way
   kAskName,     // (value, name) calls it; answers like kAsk
+  kAskInHaste,  // like kAsk, with a limit of 1 ms; by a process only
 };
 
 // The code of what the peer sends: one number.

@@ -87,10 +87,12 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       for (int n = 0; n < count; ++n) vesk_remote_call_oneway(peer.kept.back(), kNews, payload_of(n).get());
       return 0;
     }
-    case kAsk: {
+    case kAsk:
+    case kAskInHaste: {
       const PayloadPtr question = payload_of(vesk_read_i32(request));
       vesk_deferred* owed = vesk_request_defer(caller);
-      const int error = vesk_remote_call(peer.kept.back(), kNews, question.get(), 60'000, answer_ask, owed);
+      const unsigned limit_ms = code == kAsk ? 60'000 : 1;
+      const int error = vesk_remote_call(peer.kept.back(), kNews, question.get(), limit_ms, answer_ask, owed);
       if (error != 0) answer_ask(owed, error, nullptr);
       return 0;
     }

@@ -176,10 +176,18 @@ vesk_deferred* IncomingRequest::defer() {
 
 // ---- IncomingConnection: calling the remotes ----
 
-// The keeper sends nothing but answers here, and its hang-up ends the connection.
-int IncomingConnection::on_channel_message(sd_bus_message*, void* self, sd_bus_error*) {
+// The keeper sends nothing but answers here, and its hang-up ends the connection. An answer to a call that is pending
+// goes to on_remote_answer, so one that comes here is late, or nobody has asked for it.
+int IncomingConnection::on_channel_message(sd_bus_message* message, void* self, sd_bus_error*) {
   auto* connection = static_cast<IncomingConnection*>(self);
-  connection->m_server.retire(*connection);
+  std::uint8_t type = 0;
+  sd_bus_message_get_type(message, &type);
+  const bool is_answer = type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR;
+  if (is_answer && connection->m_late_answers > 0) {
+    --connection->m_late_answers;
+  } else {
+    connection->m_server.retire(*connection);
+  }
   return 1;
 }
 
@@ -231,6 +239,7 @@ int IncomingConnection::on_remote_answer(sd_bus_message* message, void* pending,
   int status = -EPROTO;
   if (sd_bus_message_is_method_error(message, nullptr) > 0) {
     status = sd_bus_message_get_errno(message) == ETIMEDOUT ? -ETIMEDOUT : -EPIPE;
+    if (status == -ETIMEDOUT) ++connection.m_late_answers;
   } else if (!read_answer(message, &status, &reply.parcel)) {
     connection.m_server.retire(connection);
   }

@@ -102,6 +102,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   unsigned int m_deferred = 0;
   std::unordered_map<std::uint64_t, vesk_remote*> m_remotes;  // borrowed: whoever counts them owns them
   std::list<PendingCall> m_pending;
+  unsigned int m_late_answers = 0;  // that timed-out calls are still due
   Outbox m_answers;
   Outbox m_callbacks;
   BusPtr m_channel;  // to the keeper of the remotes; null before the first one came

@@ -208,6 +208,15 @@ TEST_F(HostRuntime, AReceiverThatDoesNotReadLosesOnlyItsOwnMessages) {
   for (std::size_t n = 0; n + 1 < received.size(); ++n) EXPECT_EQ(received[n], "message " + std::to_string(n));
 }
 
+TEST_F(HostRuntime, AnAnswerThatComesAfterItsLimitIsIgnored) {
+  keep(m_before, new_inbox("question"));
+  EXPECT_EQ(call(m_before, kAskInHaste, 1).words, Words{1}) << "nobody is in the loop";
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(m_before, kAsk, 2).words, (Words{0, 102})) << "the first question's answer came before";
+  EXPECT_EQ(call(m_before, kAsk, 3).words, (Words{0, 103})) << "and has not ended the connection";
+  EXPECT_EQ(m_log.wait_for(3), (Entries{"question 1", "question 2", "question 3"}));
+}
+
 // ---- Services that break the rules ----
 
 TEST_F(HostRuntime, AServiceThatAnswersWithNonsenseFailsOnlyItsOwnCalls) {
