@@ -156,6 +156,7 @@ TEST_P(Device, AFailureIsToldFromAnEmptyResultByItsStatus) {
   order({"exception", "delegate", "getDeviceName", "--code", "-8", "--message", "boom", "--trace", "at work"});
   order({"truncate", "delegate", "getCOR", "4"});
   order({"hang", "delegate", "getPFM"});
+  shortenCallLimit();
   const struct {
     Words query;
     int status;

@@ -26,10 +26,14 @@ class NoDevice : public ::testing::Test {
   const std::filesystem::path& temporary() const { return m_temporary; }
   std::filesystem::path directory() const { return m_temporary / "device"; }
 
-  // TMPDIR, so that what is left behind is seen; a short call limit, for services that are told to hang.
+  // TMPDIR, so that what is left behind is seen.
   Words environment() const {
-    return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(), "ORVEL_CALL_TIMEOUT_MS=500"};
+    return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(),
+            "ORVEL_CALL_TIMEOUT_MS=" + std::to_string(m_callLimitMs)};
   }
+
+  // Before a service is told to hang: programs that start from now on do not wait long for it.
+  void shortenCallLimit() { m_callLimitMs = 500; }
 
   // Starts a program without waiting, or runs it to its end.
   std::unique_ptr<Process> start(const Words& words) const { return std::make_unique<Process>(words, environment()); }
@@ -37,6 +41,7 @@ class NoDevice : public ::testing::Test {
 
  private:
   std::filesystem::path m_temporary;
+  int m_callLimitMs = 20'000;
 };
 
 // The words of one command line, in two parts.

@@ -69,6 +69,7 @@ TEST_P(DeviceChanges, AChangeIsSeenByTheVeryNextCall) {
 }
 
 TEST_P(DeviceChanges, AHangingServiceHoldsUpNoOther) {
+  shortenCallLimit();
   auto client = connectedClient();
   order({"hang", "delegate"});
   client->write("name");
