@@ -20,8 +20,7 @@ constexpr int kBurst = 256;
 // Of one client. One that keeps this much waiting or unanswered is not going to catch up.
 constexpr std::size_t kMostWaiting = 100'000;
 constexpr std::size_t kMostUnanswered = 1024;
-// Not how long an answer may take, see kPatience: vesk cuts off a client whose answer comes after this limit, while one
-// that is merely slow is to keep its registrations.
+// vesk is to report the answer however late it comes: only then has the client caught up. What is waited for is kPatience.
 constexpr unsigned kNoLimit = UINT_MAX;
 
 }  // namespace

@@ -82,8 +82,13 @@ struct Kind {
   std::function<bool(Client& client, Events& events)> subscribe;
 };
 
-std::function<void(bool)> tellFlag(Events& events, const char* kind, const char* key, const char* yes, const char* no) {
-  return [=, &events](bool value) { events.add(kind, {{key, value}}, value ? yes : no); };
+// A kind that is one flag: its key, and the words for true and false.
+Kind flagKind(const char* name, const char* about, const char* service,
+              bool (Client::*subscribe)(std::function<void(bool)>), const char* key, const char* yes, const char* no) {
+  return {
+      name, about, service, [=](Client& client, Events& events) {
+        return (client.*subscribe)([=, &events](bool value) { events.add(name, {{key, value}}, value ? yes : no); });
+      }};
 }
 
 bool subscribeToPackages(Client& client, Events& events) {
@@ -106,25 +111,14 @@ const std::vector<Kind>& kinds() {
            events.add("name", {{"name", name}}, name);
          });
        }},
-      {"registration", "an account was added to the device or removed from it", kDelegate,
-       [](Client& client, Events& events) {
-         return client.registerForDeviceRegistrationChange(
-             tellFlag(events, "registration", "registered", "registered", "unregistered"));
-       }},
-      {"assistant", "the voice assistant is connected or disconnected", kDelegate,
-       [](Client& client, Events& events) {
-         return client.registerForMaroConnectivityChange(
-             tellFlag(events, "assistant", "connected", "connected", "disconnected"));
-       }},
-      {"network", "the network is connected or disconnected", kConnectivity,
-       [](Client& client, Events& events) {
-         return client.registerForNetworkConnectivityChange(
-             tellFlag(events, "network", "connected", "connected", "disconnected"));
-       }},
-      {"screen", "the screen was switched on or off", kDelegate,
-       [](Client& client, Events& events) {
-         return client.registerForScreenStateChange(tellFlag(events, "screen", "on", "on", "off"));
-       }},
+      flagKind("registration", "an account was added to the device or removed from it", kDelegate,
+               &Client::registerForDeviceRegistrationChange, "registered", "registered", "unregistered"),
+      flagKind("assistant", "the voice assistant is connected or disconnected", kDelegate,
+               &Client::registerForMaroConnectivityChange, "connected", "connected", "disconnected"),
+      flagKind("network", "the network is connected or disconnected", kConnectivity,
+               &Client::registerForNetworkConnectivityChange, "connected", "connected", "disconnected"),
+      flagKind("screen", "the screen was switched on or off", kDelegate, &Client::registerForScreenStateChange, "on",
+               "on", "off"),
       {"package", "a package was added, removed, replaced or changed", kDelegate, subscribeToPackages},
       {"time", "the clock was set: from and to, in milliseconds since 1970", kDelegate,
        [](Client& client, Events& events) {
