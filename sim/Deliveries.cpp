@@ -19,6 +19,7 @@ constexpr std::chrono::milliseconds kPause(5);
 constexpr int kBurst = 256;
 // Of one client. One that keeps this much waiting or unanswered is not going to catch up.
 constexpr std::size_t kMostWaiting = 100'000;
+constexpr std::size_t kMostWaitingBytes = 64 << 20;  // clients broadcast too, and their intents may be large
 constexpr std::size_t kMostUnanswered = 1024;
 // vesk is to report the answer however late it comes: only then has the client caught up. What is waited for is kPatience.
 constexpr unsigned kNoLimit = UINT_MAX;
@@ -33,6 +34,7 @@ Notification::Notification(std::string fromService, const CallbackMethod& called
   if (!payload) throw std::bad_alloc();
   writeHeader(payload.get(), method.descriptor);
   method.write(payload.get(), arguments);
+  vesk_payload_data(payload.get(), &size);
 }
 
 void Deliveries::send(const std::shared_ptr<const Notification>& notification,
@@ -41,8 +43,9 @@ void Deliveries::send(const std::shared_ptr<const Notification>& notification,
   for (const RemotePtr& receiver : receivers) {
     Client& client = m_clients[vesk_remote_pid(receiver.get())];
     const Delivery delivery = {notification, receiver, now};
-    if (client.waiting.size() < kMostWaiting) {
+    if (client.waiting.size() < kMostWaiting && client.waitingBytes + notification->size <= kMostWaitingBytes) {
       client.waiting.push_back(delivery);
+      client.waitingBytes += notification->size;
     } else {
       finish(client, delivery, -ENOBUFS);
     }
@@ -65,6 +68,7 @@ void Deliveries::transmit(pid_t pid) {
     const int error = call(pid, delivery);
     if (error == -ENOBUFS && Clock::now() - delivery.start < kPatience) return resumeAfter(kPause);
     client.waiting.pop_front();
+    client.waitingBytes -= delivery.notification->size;
     if (error != 0 || !delivery.notification->method.answered) finish(client, delivery, error);
   }
   if (!client.waiting.empty()) return resumeAfter(std::chrono::milliseconds(0));

@@ -35,6 +35,7 @@ struct Notification {
   const CallbackMethod& method;
   Json arguments;
   PayloadPtr payload;
+  std::size_t size = 0;  // of the payload
 };
 
 // Takes notifications to clients, never waits for one, and records each delivery in the traffic. What goes to one
@@ -67,6 +68,7 @@ class Deliveries {
   };
   struct Client {
     std::deque<Delivery> waiting;
+    std::size_t waitingBytes = 0;
     std::list<Unanswered> unanswered;
     std::unique_ptr<Timer> pause;  // set while something waits
     bool reported = false;

@@ -10,27 +10,31 @@ namespace orvel::sim {
 namespace {
 
 constexpr char kNull[] = "null";
+// The texts that an intent begins with, in wire order.
+constexpr const char* kTexts[] = {"action", "data", "type", "package"};
+// An intent's length includes the four bytes that say it; that of its extras does not.
+constexpr unsigned kLengthCounted = 4;
 
 void writeComponent(vesk_payload* payload, const Json& component) {
   writeText(payload, component.at("package"));
   writeText(payload, component.at("class"));
 }
 
-void writeExtras(vesk_payload* payload, const Json& extras) {
-  vesk_write_i32(payload, static_cast<std::int32_t>(extras.size()));
-  for (const Json& extra : extras) {
-    const auto isNamed = [&](const ExtraType& type) { return type.name == extra.at("type"); };
-    const ExtraType& type = *std::find_if(extraTypes().begin(), extraTypes().end(), isNamed);
-    writeText(payload, extra.at("key"));
-    vesk_write_i32(payload, type.tag);
-    type.write(payload, extra.at("value"));
+Json readExtras(RequestReader& reader) {
+  Json extras = Json::array();
+  for (std::int32_t left = reader.i32(); left != 0; --left) {
+    if (left < 0) throw RemoteException(kBadParcelableException, "the number of extras is negative");
+    const Json key = reader.text();
+    const std::int32_t tag = reader.i32();
+    const auto hasTag = [&](const ExtraType& type) { return type.tag == tag; };
+    const auto type = std::find_if(extraTypes().begin(), extraTypes().end(), hasTag);
+    if (type == extraTypes().end()) {
+      throw RemoteException(kBadParcelableException,
+                            "the extra " + key.dump() + " has the unknown type " + std::to_string(tag));
+    }
+    extras.push_back({{"key", key}, {"type", type->name}, {"value", type->read(reader)}});
   }
-}
-
-// The value as a presence marker and, unless it is null or empty, what `write` writes.
-void writeOptional(vesk_payload* payload, const Json& value, void (*write)(vesk_payload*, const Json&)) {
-  vesk_write_i32(payload, value.empty() ? 0 : 1);
-  if (!value.empty()) write(payload, value);
+  return extras;
 }
 
 // "image/*" and "image/png" match, whichever of them is the filter's.
@@ -46,13 +50,24 @@ bool matchesType(std::string_view filter, std::string_view type) {
 const std::vector<ExtraType>& extraTypes() {
   using Limits = std::numeric_limits<std::int64_t>;
   static const std::vector<ExtraType> types = {
-      {"string", "KEY=TEXT", Shape::text(), 0, writeText},
-      {"int", "KEY=NUMBER, of 32 bits", Shape::number(), 1, writeInt32},
-      {"long", "KEY=NUMBER, of 64 bits", Shape::number(Limits::min(), Limits::max()), 6, writeInt64},
-      {"bool", "KEY=true|false", Shape::flag(), 9, writeFlag},
-      {kNull, "KEY", Shape::text(), -1, writeNothing},
+      {"string", "KEY=TEXT", Shape::text(), 0, readText, writeText},
+      {"int", "KEY=NUMBER, of 32 bits", Shape::number(), 1, readInt32, writeInt32},
+      {"long", "KEY=NUMBER, of 64 bits", Shape::number(Limits::min(), Limits::max()), 6, readInt64, writeInt64},
+      {"bool", "KEY=true|false", Shape::flag(), 9, readFlag, writeFlag},
+      {kNull, "KEY", Shape::text(), -1, readNothing, writeNothing},
   };
   return types;
+}
+
+void writeExtras(vesk_payload* payload, const Json& extras) {
+  vesk_write_i32(payload, static_cast<std::int32_t>(extras.size()));
+  for (const Json& extra : extras) {
+    const auto isNamed = [&](const ExtraType& type) { return type.name == extra.at("type"); };
+    const ExtraType& type = *std::find_if(extraTypes().begin(), extraTypes().end(), isNamed);
+    writeText(payload, extra.at("key"));
+    vesk_write_i32(payload, type.tag);
+    type.write(payload, extra.at("value"));
+  }
 }
 
 Json readExtra(const ExtraType& type, const std::string& word) {
@@ -68,16 +83,47 @@ Json readExtra(const ExtraType& type, const std::string& word) {
 }
 
 void writeIntent(vesk_payload* payload, const Json& intent) {
-  vesk_write_i32(payload, 1);  // present
-  const unsigned start = vesk_payload_get_position(payload);
-  vesk_write_i32(payload, 0);  // how long it is, itself included; known at the end
-  for (const char* key : {"action", "data", "type", "package"}) writeText(payload, intent.value(key, Json()));
-  writeOptional(payload, intent.value("component", Json()), writeComponent);
-  writeOptional(payload, intent.value("extras", Json()), writeExtras);
-  const unsigned end = vesk_payload_get_position(payload);
-  vesk_payload_set_position(payload, start);
-  vesk_write_i32(payload, static_cast<std::int32_t>(end - start));
-  vesk_payload_set_position(payload, end);
+  if (intent.is_null()) {
+    for (int word = 0; word < 2; ++word) vesk_write_i32(payload, 0);  // not present, no length
+    return;
+  }
+  vesk_write_i32(payload, 1);
+  writeMeasured(payload, kLengthCounted, [&] {
+    for (const char* key : kTexts) writeText(payload, intent.value(key, Json()));
+    writeOptional(payload, intent.value("component", Json()), writeComponent);
+    writeOptional(payload, intent.value("extras", Json()), writeExtras);
+  });
+}
+
+Json readIntent(RequestReader& reader) {
+  if (!reader.present()) return {};
+  Json intent;
+  reader.measured("the intent", kLengthCounted, [&] {
+    for (const char* key : kTexts) {
+      if (const Json text = reader.text(); !text.is_null()) intent[key] = text;
+    }
+    if (reader.present()) {
+      Json& component = intent["component"];
+      for (const char* key : {"package", "class"}) component[key] = reader.text();
+    }
+    if (reader.present()) {
+      reader.measured("its extras", 0, [&] { intent["extras"] = readExtras(reader); });
+    }
+    if (const Json categories = reader.texts(); !categories.empty()) intent["categories"] = categories;
+    intent["flags"] = reader.i32();
+  });
+  return intent;
+}
+
+std::string textOf(const Json& object, const char* key) {
+  const auto text = object.find(key);
+  return text == object.end() || text->is_null() ? "" : text->get<std::string>();
+}
+
+std::string packageOf(const Json& intent) {
+  const auto component = intent.find("component");
+  const std::string named = component == intent.end() ? "" : textOf(*component, "package");
+  return named.empty() ? textOf(intent, "package") : named;
 }
 
 bool matchesIntent(const Json& action, const Json& types, const Json& schemes, const Json& intent) {

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <utility>
 
+#include "sim/Acts.h"
 #include "sim/Service.h"
 
 namespace orvel::sim {
@@ -17,6 +18,8 @@ std::string nameOf(const Shape& shape) {
       return "true or false";
     case Shape::Kind::kNumber:
       return "a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
+    case Shape::Kind::kTextOrNumber:
+      return "a string or a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
     case Shape::Kind::kObject:
     case Shape::Kind::kMap:
       return "an object";
@@ -26,6 +29,12 @@ std::string nameOf(const Shape& shape) {
   return {};
 }
 
+bool isNumber(const Shape& shape, const Json& value) {
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) return false;
+  return value.is_number_integer() && value.get<std::int64_t>() >= shape.least &&
+         value.get<std::int64_t>() <= shape.most;
+}
+
 bool accepts(const Shape& shape, const Json& value) {
   switch (shape.kind) {
     case Shape::Kind::kText:
@@ -33,9 +42,9 @@ bool accepts(const Shape& shape, const Json& value) {
     case Shape::Kind::kFlag:
       return value.is_boolean();
     case Shape::Kind::kNumber:
-      if (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) return false;
-      return value.is_number_integer() && value.get<std::int64_t>() >= shape.least &&
-             value.get<std::int64_t>() <= shape.most;
+      return isNumber(shape, value);
+    case Shape::Kind::kTextOrNumber:
+      return value.is_string() || isNumber(shape, value);
     case Shape::Kind::kObject:
     case Shape::Kind::kMap:
       return value.is_object();
@@ -73,6 +82,34 @@ Json completeObject(const Shape& shape, const Json& value, const std::string& pa
   return whole;
 }
 
+// The wire's strings are written from C strings.
+void expectNoNul(const std::string& text, const std::string& path) {
+  if (text.find('\0') != std::string::npos) failAt(path, "holds a NUL character");
+}
+
+// Only the one way to write a number: others would be entries that nothing finds.
+void expectKey(const Shape& shape, const std::string& key, const std::string& path) {
+  expectNoNul(key, path);
+  if (shape.kind == Shape::Kind::kText) return;
+  const Json number = Json::parse(key, nullptr, /*allow_exceptions=*/false);
+  if (number.is_discarded() || !accepts(shape, number) || number.dump() != key) {
+    failAt(path, "expected a key that is " + nameOf(shape));
+  }
+}
+
+Json completeMap(const Shape& shape, const Json& value, const std::string& path) {
+  Json whole = Json::object();
+  // The keys are known to differ. Assigning them one by one would look for each among all before.
+  Json::object_t::Container& entries = whole.get_ref<Json::object_t&>();
+  entries.reserve(value.size());
+  for (const auto& [key, element] : value.items()) {
+    const std::string elementPath = path + "/" + key;
+    expectKey(shape.element.back(), key, elementPath);
+    entries.emplace_back(key, complete(shape.element.front(), element, elementPath));
+  }
+  return whole;
+}
+
 // No reply but an error, one with an exception, cut short, late, or none at all.
 Shape faultShape() {
   return Shape::object({
@@ -105,6 +142,8 @@ std::string wordOf(const Shape& shape) {
       return "true|false";
     case Shape::Kind::kNumber:
       return "NUMBER";
+    case Shape::Kind::kTextOrNumber:
+      return "TEXT|NUMBER";
     case Shape::Kind::kMap:
       return "KEY " + wordOf(shape.element.front());
     case Shape::Kind::kObject:
@@ -114,9 +153,10 @@ std::string wordOf(const Shape& shape) {
   return {};
 }
 
-// A map is also known by the name of one of its entries: "setting" for "settings".
+// A map is also known by the name of one of its entries: "setting" for "settings", "process" for "processes".
 bool isCalled(const Field& field, const std::string& word) {
-  return field.key == word || (field.shape.kind == Shape::Kind::kMap && field.key == word + "s");
+  const bool isEntry = field.key == word + "s" || field.key == word + "es";
+  return field.key == word || (field.shape.kind == Shape::Kind::kMap && isEntry);
 }
 
 const Field* findField(const Shape& object, const std::string& word) {
@@ -136,13 +176,33 @@ const Field* sectionWith(const std::string& word) {
   return only;
 }
 
+// Makes the objects that lead there. The pointer's own way would make a list where a key is a number.
+Json& valueAt(Json& scenario, const Json::json_pointer& path) {
+  if (path.empty()) return scenario;
+  Json& parent = valueAt(scenario, path.parent_pointer());
+  if (!parent.is_object()) parent = Json::object();
+  return parent[path.back()];
+}
+
+Json completeScenario(const Json& scenario) {
+  // It goes to the processes of services as one message, of two bytes a character.
+  constexpr std::size_t kMost = 4'000'000;
+  Json whole = complete(scenarioShape(), scenario);
+  const std::size_t size = whole.dump(-1, ' ', false, Json::error_handler_t::replace).size();
+  if (size > kMost) {
+    throw ScenarioError("the scenario is too large: complete, it has " + std::to_string(size) + " bytes of at most " +
+                        std::to_string(kMost));
+  }
+  return whole;
+}
+
 }  // namespace
 
 Shape Shape::object(std::vector<Field> fields) {
   return {Kind::kObject, std::move(fields), {}, 0, 0};
 }
-Shape Shape::map(Shape element) {
-  return {Kind::kMap, {}, {std::move(element)}, 0, 0};
+Shape Shape::map(Shape element, Shape key) {
+  return {Kind::kMap, {}, {std::move(element), std::move(key)}, 0, 0};
 }
 Shape Shape::list(Shape element, std::int64_t most) {
   return {Kind::kList, {}, {std::move(element)}, 0, most};
@@ -157,21 +217,16 @@ Json complete(const Shape& shape, const Json& value, const std::string& path) {
   if (!accepts(shape, value)) failAt(path, "expected " + nameOf(shape));
   switch (shape.kind) {
     case Shape::Kind::kText:
-      // The wire's strings are written from C strings.
-      if (value.get_ref<const std::string&>().find('\0') != std::string::npos) failAt(path, "holds a NUL character");
+    case Shape::Kind::kTextOrNumber:
+      if (value.is_string()) expectNoNul(value.get_ref<const std::string&>(), path);
       return value;
     case Shape::Kind::kFlag:
     case Shape::Kind::kNumber:
       return value;
     case Shape::Kind::kObject:
       return completeObject(shape, value, path);
-    case Shape::Kind::kMap: {
-      Json whole = Json::object();
-      for (const auto& [key, element] : value.items()) {
-        whole[key] = complete(shape.element.front(), element, path + "/" + key);
-      }
-      return whole;
-    }
+    case Shape::Kind::kMap:
+      return completeMap(shape, value, path);
     case Shape::Kind::kList: {
       Json whole = Json::array();
       for (std::size_t i = 0; i < value.size(); ++i) {
@@ -197,7 +252,7 @@ const Shape& scenarioShape() {
 }
 
 Json defaultScenario() {
-  return complete(scenarioShape(), Json::object());
+  return completeScenario(Json::object());
 }
 
 Json readScenarioFile(const std::string& file) {
@@ -205,7 +260,7 @@ Json readScenarioFile(const std::string& file) {
   stream.peek();  // a directory opens but cannot be read
   if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
   try {
-    return complete(scenarioShape(), Json::parse(stream));
+    return completeScenario(Json::parse(stream));
   } catch (const ScenarioError& error) {
     throw ScenarioError(file + ": " + error.what());
   } catch (const Json::parse_error& error) {
@@ -217,6 +272,7 @@ Json readScenarioFile(const std::string& file) {
 Json valueOf(const Shape& shape, const std::string& word, const std::string& path) {
   if (shape.kind == Shape::Kind::kText) return word;
   Json value = Json::parse(word, nullptr, /*allow_exceptions=*/false);
+  if (shape.kind == Shape::Kind::kTextOrNumber && !value.is_string() && !value.is_number_integer()) return word;
   if (value.is_discarded()) failAt(path, "expected " + nameOf(shape));
   complete(shape, value, path);
   return value;
@@ -240,6 +296,7 @@ Json changeOf(const std::vector<std::string>& words, const std::optional<std::st
       shape = &field->shape;
     } else if (shape->kind == Shape::Kind::kMap) {
       path /= word;
+      expectKey(shape->element.back(), word, path.to_string());
       shape = &shape->element.front();
     } else {
       failAt((path / word).to_string(), "only an object has keys");
@@ -252,14 +309,33 @@ Json changeOf(const std::vector<std::string>& words, const std::optional<std::st
 }
 
 Json changed(Json scenario, const Json& change) {
-  const Json::json_pointer path(change.at("path").get<std::string>());
-  if (path.empty()) throw ScenarioError("a change of the whole scenario");
-  if (const auto value = change.find("value"); value != change.end()) {
-    scenario[path] = *value;
-  } else if (scenario.contains(path)) {
-    scenario[path.parent_pointer()].erase(path.back());
+  if (change.contains("act")) {
+    perform(scenario, change);
+  } else {
+    const Json::json_pointer path(change.at("path").get<std::string>());
+    if (path.empty()) throw ScenarioError("a change of the whole scenario");
+    if (const auto value = change.find("value"); value != change.end()) {
+      valueAt(scenario, path) = *value;
+    } else if (scenario.contains(path)) {
+      scenario[path.parent_pointer()].erase(path.back());
+    }
   }
-  return complete(scenarioShape(), scenario);
+  return completeScenario(scenario);
+}
+
+void forEachDifference(const Json& was, const Json& is, const TellDifference& tell) {
+  if (was == is) return;
+  for (const auto& [key, value] : is.items()) {
+    const auto before = was.find(key);
+    if (before == was.end()) {
+      tell(key, {}, value);
+    } else if (*before != value) {
+      tell(key, *before, value);
+    }
+  }
+  for (const auto& [key, value] : was.items()) {
+    if (!is.contains(key)) tell(key, value, {});
+  }
 }
 
 std::string describeScenario() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -17,7 +18,7 @@ struct Field;
 
 // Which JSON values a field accepts.
 struct Shape {
-  enum class Kind { kText, kFlag, kNumber, kObject, kMap, kList };
+  enum class Kind { kText, kFlag, kNumber, kTextOrNumber, kObject, kMap, kList };
 
   static Shape text() { return {Kind::kText, {}, {}, 0, 0}; }
   static Shape flag() { return {Kind::kFlag, {}, {}, 0, 0}; }
@@ -25,15 +26,16 @@ struct Shape {
                       std::int64_t most = std::numeric_limits<std::int32_t>::max()) {
     return {Kind::kNumber, {}, {}, least, most};
   }
+  static Shape textOrNumber() { return {Kind::kTextOrNumber, {}, {}, number().least, number().most}; }
   static Shape object(std::vector<Field> fields);       // exactly these keys
-  static Shape map(Shape element);                      // any keys
+  static Shape map(Shape element, Shape key = text());  // any keys that are texts or, written in decimal, numbers
   static Shape list(Shape element, std::int64_t most);  // at most that many elements
 
   Kind kind;
   std::vector<Field> fields;   // kObject
-  std::vector<Shape> element;  // kMap, kList: one
-  std::int64_t least;          // kNumber
-  std::int64_t most;           // kNumber, kList
+  std::vector<Shape> element;  // kMap, kList: one; kMap: a second for the keys
+  std::int64_t least;          // kNumber, kTextOrNumber
+  std::int64_t most;           // kNumber, kTextOrNumber, kList
 };
 
 // A key of an object. One without an initial value may be absent.
@@ -65,17 +67,24 @@ Json defaultScenario();
 // Throws ScenarioError, which also names the file.
 Json readScenarioFile(const std::string& file);
 
-// The value that a word stands for: as it is for a text, as JSON for everything else. Throws ScenarioError.
+// The value that a word stands for: as it is for a text, as JSON for everything else; what may be a text or a number is
+// a text where it is neither a number nor a quoted text. Throws ScenarioError.
 Json valueOf(const Shape& shape, const std::string& word, const std::string& path);
 
-// A change of one value: {"path": JSON pointer, "value": what it becomes}; without "value" the key is removed.
+// A change of one value: {"path": JSON pointer, "value": what it becomes}; without "value" the key is removed. Or an
+// act, which changes several: see Acts.h.
 //
 // changeOf makes the one that a person means. `words` lead to the value from the section or, where only one section has
 // it, from the field: "delegate name", "name", "settings volume" and also "setting volume". Throws ScenarioError.
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value);
 
-// The complete scenario after the change; throws ScenarioError.
+// The complete scenario after the change; throws ScenarioError, or what the act throws.
 Json changed(Json scenario, const Json& change);
+
+// Calls `tell` for each entry of a map that is not as it was, with null for what it was or is where it is missing: in
+// the map's order, and then for those that are gone.
+using TellDifference = std::function<void(const std::string& key, const Json& was, const Json& is)>;
+void forEachDifference(const Json& was, const Json& is, const TellDifference& tell);
 
 // One line for each value that can be set, with the shape and the help text.
 std::string describeScenario();

@@ -140,7 +140,7 @@ int Service::answer(const Call& call, vesk_payload* reply) {
     outcome["reply"] = shortened(result);
   } catch (const RemoteException& exception) {
     writeException(reply, exception);
-    outcome["exception"] = {{"code", exception.code}, {"message", exception.what()}};
+    outcome["exception"] = {{"code", exception.code}, {"message", shortened(exception.what())}};
   }
   std::size_t size = 0;
   vesk_payload_data(reply, &size);

@@ -65,12 +65,12 @@ void Supervisor::stop() {
 }
 
 void Supervisor::change(const Json& change) {
-  apply(change, 0, [](const std::string&) {});  // of a service in this process, as all are then
+  become(changed(m_scenario, change), 0, [](const std::string&) {});  // of a service in this process, as all are then
 }
 
 // Tells every service but one in the process `changer`, which learns of it from the answer to its order.
-void Supervisor::apply(const Json& change, pid_t changer, const Done& done) {
-  const Json before = std::exchange(m_scenario, changed(m_scenario, change));
+void Supervisor::become(Json scenario, pid_t changer, const Done& done) {
+  const Json before = std::exchange(m_scenario, std::move(scenario));
   ++m_revision;
   const Json now = news();
   for (const auto& runner : m_runners) {
@@ -131,10 +131,11 @@ void Supervisor::showScenario(const Order& order) {
 }
 
 void Supervisor::takeChange(const Order& order) {
-  const Done done = gather([this, answer = order.answer](const std::string& error) {
-    answer(error.empty() ? news() : failure(error));  // unless it was given before
+  Json scenario = changed(m_scenario, order.text.at("change"));  // a refusal goes out before anything can answer
+  const Done done = gather([answer = order.answer](const std::string& error) {
+    answer(error.empty() ? Json::object() : failure(error));  // unless it was given before
   });
-  apply(order.text.at("change"), order.caller, done);
+  become(std::move(scenario), order.caller, done);
   // A service does not wait for the others: two that change something at once would wait for each other.
   const auto isCaller = [&](const auto& runner) { return runner->pid() == order.caller; };
   if (std::any_of(m_runners.begin(), m_runners.end(), isCaller)) order.answer(news());

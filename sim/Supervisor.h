@@ -67,7 +67,7 @@ class Supervisor : public Host, private Endpoint {
   void serviceReady(const Order& order);
   void takeEntries(const Order& order);
 
-  void apply(const Json& change, pid_t changer, const Done& done);
+  void become(Json scenario, pid_t changer, const Done& done);
   Runner& runnerOf(const Order& order);
   ChildRunner& childWith(pid_t pid);
   Json trafficAfter(const Order& order) const;

@@ -58,7 +58,7 @@ std::string describeEntry(const Json& entry) {
       separator = ", ";
     }
   } else {
-    line << arguments.dump();  // a part of what was too long to be kept
+    line << arguments.get_ref<const std::string&>();  // a part of what was too long to be kept
   }
   line << ')';
   if (entry.contains("reply")) line << " = " << entry.at("reply").dump();

@@ -9,6 +9,60 @@ namespace {
 constexpr std::int32_t kHeaderWords[] = {0, -1, 0x53595354};
 constexpr char32_t kReplacement = 0xFFFD;
 
+// Builds a message, whose keys are known to differ: the library's own way would look for each among all before it, and
+// an object may have thousands.
+class MessageBuilder : public nlohmann::json_sax<Json> {
+ public:
+  Json take() { return std::move(m_message); }
+
+  bool null() override { return add({}); }
+  bool boolean(bool value) override { return add(value); }
+  bool number_integer(number_integer_t value) override { return add(value); }
+  bool number_unsigned(number_unsigned_t value) override { return add(value); }
+  bool number_float(number_float_t value, const string_t&) override { return add(value); }
+  bool string(string_t& value) override { return add(std::move(value)); }
+  bool binary(binary_t&) override { return false; }
+  bool start_object(std::size_t) override { return open(Json::object()); }
+  bool key(string_t& key) override {
+    m_key = std::move(key);
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(Json::array()); }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    throw std::runtime_error(error.what());
+  }
+
+ private:
+  bool add(Json value) {
+    if (m_open.empty()) {
+      m_message = std::move(value);
+      m_last = &m_message;
+    } else if (Json& parent = *m_open.back(); parent.is_array()) {
+      m_last = &parent.get_ref<Json::array_t&>().emplace_back(std::move(value));
+    } else {
+      Json::object_t::Container& entries = parent.get_ref<Json::object_t&>();
+      m_last = &entries.emplace_back(std::move(m_key), std::move(value)).second;
+    }
+    return true;
+  }
+  bool open(Json value) {
+    add(std::move(value));
+    m_open.push_back(m_last);
+    return true;
+  }
+  bool close() {
+    m_open.pop_back();
+    return true;
+  }
+
+  Json m_message;
+  Json* m_last = nullptr;     // what was added last
+  std::vector<Json*> m_open;  // each in the one before; what is open does not move
+  std::string m_key;
+};
+
 bool isHighSurrogate(char32_t unit) {
   return unit >= 0xD800 && unit < 0xDC00;
 }
@@ -93,6 +147,27 @@ RemotePtr RequestReader::endpoint() {
   return remote;
 }
 
+bool RequestReader::present() {
+  const std::int32_t marker = i32();
+  if (marker != 0 && marker != 1) {
+    throw RemoteException(kBadParcelableException,
+                          "a presence marker holds " + std::to_string(marker) + ", neither 0 nor 1");
+  }
+  return marker == 1;
+}
+
+void RequestReader::measured(const char* what, std::size_t counted, const std::function<void()>& read) {
+  const std::int32_t announced = i32();
+  const std::size_t start = vesk_buffer_remaining(m_buffer) + counted;
+  read();
+  const std::size_t size = start - vesk_buffer_remaining(m_buffer);
+  if (announced < 0 || static_cast<std::size_t>(announced) != size) {
+    throw RemoteException(kBadParcelableException, std::string("the length of ") + what + " is given as " +
+                                                       std::to_string(announced) + " bytes and is " +
+                                                       std::to_string(size));
+  }
+}
+
 void RequestReader::expectHeader(const std::string& descriptor) {
   for (const std::int32_t expected : kHeaderWords) {
     if (const std::int32_t word = i32(); word != expected) {
@@ -117,6 +192,12 @@ Json readInt32(RequestReader& reader) {
 }
 Json readInt64(RequestReader& reader) {
   return reader.i64();
+}
+Json readFlag(RequestReader& reader) {
+  return reader.i32() != 0;
+}
+Json readNothing(RequestReader&) {
+  return {};
 }
 Json readText(RequestReader& reader) {
   return reader.text();
@@ -146,6 +227,33 @@ void writeText(vesk_payload* payload, const Json& value) {
     vesk_write_utf16_cstring(payload, value.get_ref<const std::string&>().c_str());
   }
 }
+void writeTexts(vesk_payload* payload, const Json& values) {
+  vesk_write_array_length(payload, static_cast<std::int32_t>(values.size()));
+  for (const Json& text : values) writeText(payload, text);
+}
+
+void writeOptional(vesk_payload* payload, const Json& value, void (*write)(vesk_payload*, const Json&)) {
+  vesk_write_i32(payload, value.empty() ? 0 : 1);
+  if (!value.empty()) write(payload, value);
+}
+
+void writeZeros(vesk_payload* payload, int count) {
+  for (; count > 0; --count) vesk_write_i32(payload, 0);
+}
+void writeNullTexts(vesk_payload* payload, int count) {
+  for (; count > 0; --count) writeText(payload, {});
+}
+
+void writeMeasured(vesk_payload* payload, unsigned counted, const std::function<void()>& write) {
+  const unsigned word = vesk_payload_get_position(payload);
+  vesk_write_i32(payload, 0);
+  const unsigned start = vesk_payload_get_position(payload) - counted;
+  write();
+  const unsigned end = vesk_payload_get_position(payload);
+  vesk_payload_set_position(payload, word);
+  vesk_write_i32(payload, static_cast<std::int32_t>(end - start));
+  vesk_payload_set_position(payload, end);
+}
 
 void writeHeader(vesk_payload* payload, const std::string& descriptor) {
   for (const std::int32_t word : kHeaderWords) vesk_write_i32(payload, word);
@@ -167,7 +275,9 @@ Json readMessage(vesk_buffer* buffer) {
   unsigned int length = 0;
   const std::uint16_t* units = vesk_read_utf16_string(buffer, &length);
   if (units == nullptr) throw std::runtime_error("a message without text");
-  return Json::parse(toUtf8(units, length));
+  MessageBuilder builder;
+  Json::sax_parse(toUtf8(units, length), &builder);
+  return builder.take();
 }
 
 }  // namespace orvel::sim

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -62,6 +63,13 @@ class RequestReader {
   Json texts();  // null for a null array
   RemotePtr endpoint();
 
+  // Whether something is there, as its presence marker says.
+  bool present();
+
+  // Reads a length word and then, with `read`, what it is the length of; `counted` of its own four bytes belong to it.
+  // `what` names it where they do not agree.
+  void measured(const char* what, std::size_t counted, const std::function<void()>& read);
+
   // Nothing may follow the last argument.
   void expectEnd();
 
@@ -78,6 +86,8 @@ class RequestReader {
 // Argument readers of the method tables: the value as it is shown in the traffic and given to the handler.
 Json readInt32(RequestReader& reader);
 Json readInt64(RequestReader& reader);
+Json readFlag(RequestReader& reader);
+Json readNothing(RequestReader& reader);
 Json readText(RequestReader& reader);
 Json readTexts(RequestReader& reader);
 Json readEndpoint(RequestReader& reader);
@@ -88,6 +98,17 @@ void writeFlag(vesk_payload* payload, const Json& value);  // 1 or 0
 void writeInt32(vesk_payload* payload, const Json& value);
 void writeInt64(vesk_payload* payload, const Json& value);
 void writeText(vesk_payload* payload, const Json& value);  // null as a null string
+void writeTexts(vesk_payload* payload, const Json& values);
+
+// A presence marker and, unless the value is null or empty, what `write` writes.
+void writeOptional(vesk_payload* payload, const Json& value, void (*write)(vesk_payload*, const Json&));
+
+// Members of records that mean nothing to clients. A zero is an empty list too.
+void writeZeros(vesk_payload* payload, int count);
+void writeNullTexts(vesk_payload* payload, int count);
+
+// What `write` writes, behind its length in bytes; `counted` of the length word's own four belong to that.
+void writeMeasured(vesk_payload* payload, unsigned counted, const std::function<void()>& write);
 
 // What every request begins with, also one from a service to its client.
 void writeHeader(vesk_payload* payload, const std::string& descriptor);

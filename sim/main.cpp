@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -22,6 +21,8 @@
 
 #include "sim/Control.h"
 #include "sim/Intent.h"
+#include "sim/Orders.h"
+#include "sim/PackageVerbs.h"
 #include "sim/Run.h"
 #include "sim/Scenario.h"
 #include "sim/Service.h"
@@ -40,6 +41,8 @@ Examples:
   orvel-sim set name "Living room"                and from another terminal: change the device,
   orvel-sim set setting some_key 42
   orvel-sim screen off
+  orvel-sim package install com.example.app
+  orvel-sim process foreground com.quarlo.music
   orvel-sim delay delegate getDeviceName 500      break it,
   orvel-sim exception power
   orvel-sim kill delegate
@@ -49,18 +52,6 @@ The device lives in ORVEL_RUNTIME_DIR, else $XDG_RUNTIME_DIR/orvel, else /tmp/or
 
 Exit status: 0 success, 1 failure, 2 wrong usage or scenario, 3 no device; run with a command gives the command's own
 (128 + N when signal N killed it).)";
-
-// Throws when what was printed could not be written.
-void checkOutput() {
-  errno = 0;
-  std::cout.flush();
-  if (!std::cout) throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
-}
-
-void print(const std::string& line) {
-  std::cout << line << '\n';
-  checkOutput();
-}
 
 std::string describeService(const Json& service) {
   const auto pid = service.at("pid").get<int>();
@@ -93,31 +84,12 @@ void showTraffic(std::uint64_t last, bool follow, bool json) {
   }
 }
 
-Json order(const char* name) {
-  return Control::connect().send({{"order", name}});
-}
-void orderChange(const Json& change) {
-  Control::connect().send({{"order", "change"}, {"change", change}});
-}
-
-// Something that happens to the device and changes none of its state.
-void orderEvent(const Json& intent) {
-  const Json answer = Control::connect().send({{"order", "event"}, {"service", "delegate"}, {"event", intent}});
-  const auto receivers = answer.at("receivers").get<std::size_t>();
-  print("sent to " + std::to_string(receivers) + (receivers == 1 ? " receiver" : " receivers"));
-}
-
 Json readComponent(const std::string& word) {
   const std::size_t slash = word.find('/');
   if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) {
     throw ScenarioError("--component: expected PACKAGE/CLASS, not '" + word + "'");
   }
   return {{"package", word.substr(0, slash)}, {"class", word.substr(slash + 1)}};
-}
-
-std::string upperCase(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return text;
 }
 
 Json readNumber(const std::string& word) {
@@ -137,6 +109,8 @@ class CommandLine {
     addSet();
     addStates();
     addEvents();
+    addPackageVerb(m_app);
+    addProcessVerb(m_app);
     addFaults();
     addLives();
     addViews();
@@ -240,13 +214,7 @@ class CommandLine {
       CLI::Option* option = broadcast->add_option("--" + type.name)->take_all()->type_name(type.help);
       extras[option->description("an extra; any number of them, sent in this order")] = &type;
     }
-    broadcast->callback([this, broadcast, extras] { orderEvent(readBroadcast(*broadcast, extras)); });
-
-    CLI::App* package = addVerb("package", "Broadcast what happened to a package", [this] {
-      orderEvent({{"action", "android.intent.action.PACKAGE_" + upperCase(m_word)}, {"data", "package:" + m_name}});
-    });
-    addWord(package, "event", {"added", "removed", "replaced", "changed"});
-    package->add_option("name", m_name)->required()->type_name("");
+    broadcast->callback([this, broadcast, extras] { orderBroadcast(readBroadcast(*broadcast, extras)); });
 
     CLI::App* sync = addVerb("time-sync", "Broadcast that the clock was set", [this] {
       const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -255,8 +223,8 @@ class CommandLine {
       const auto extra = [&](const char* key, std::int64_t time) {
         return Json{{"key", service + key}, {"type", "long"}, {"value", time}};
       };
-      orderEvent({{"action", service + "TIME_SYNC"},
-                  {"extras", {extra("OLD_TIME_MILLIS", m_oldTime.value_or(set)), extra("NEW_TIME_MILLIS", set)}}});
+      orderBroadcast({{"action", service + "TIME_SYNC"},
+                      {"extras", {extra("OLD_TIME_MILLIS", m_oldTime.value_or(set)), extra("NEW_TIME_MILLIS", set)}}});
     });
     sync->add_option("old", m_oldTime, "milliseconds since 1970 before; without it, as after")->type_name("");
     sync->add_option("new", m_newTime, "and after; without it, now")->type_name("");
@@ -358,12 +326,14 @@ class CommandLine {
   }
 
   static std::string explain(const CLI::App* app, const CLI::Error& error) {
+    // The last of the verbs that were understood.
+    while (!app->get_subcommands().empty()) app = app->get_subcommands().front();
     std::string verbs;
     for (const CLI::App* verb : app->get_subcommands([](const CLI::App* each) { return !each->get_group().empty(); })) {
       verbs += (verbs.empty() ? "" : ", ") + verb->get_name();
     }
     const std::vector<std::string> extra = app->remaining();
-    const bool unknown = app->get_subcommands().empty() && !extra.empty();
+    const bool unknown = app->get_require_subcommand_min() != 0 && !extra.empty();
     return "orvel-sim: " +
            (unknown ? "no subcommand is called " + extra.front() + "; there are " + verbs : error.what()) +
            "\nRun with --help for more information.\n";
@@ -376,7 +346,6 @@ class CommandLine {
   std::string m_service;
   std::string m_word;
   pid_t m_parent = 0;
-  std::string m_name;
   std::optional<std::string> m_id;
   std::optional<std::int64_t> m_oldTime;
   std::optional<std::int64_t> m_newTime;

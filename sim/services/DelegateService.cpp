@@ -1,8 +1,13 @@
-// The delegate service: who the device is and whose, its secure settings, and what is broadcast on it.
+// The delegate service: who the device is and whose, its secure settings, what is broadcast on it, and the way to its
+// packages.
+#include <algorithm>
 #include <string>
 
+#include "sim/Acts.h"
 #include "sim/Intent.h"
 #include "sim/Receivers.h"
+#include "sim/services/DefaultContent.h"
+#include "sim/services/PackageInfo.h"
 #include "sim/services/Services.h"
 
 namespace orvel::sim {
@@ -11,6 +16,9 @@ namespace {
 // The strings of the device-information record before and after the device type.
 constexpr std::size_t kInfoBeforeType = 3;
 constexpr std::size_t kInfoStrings = 9;
+constexpr std::int64_t kMostFeatures = 1000;
+// The platform's flag of queries that want an application's meta-data too.
+constexpr std::int64_t kGetMetaData = 0x80;
 
 // A presence marker, then ten strings of which the fourth is the device type.
 void writeDeviceInfo(vesk_payload* reply, const Json& info) {
@@ -35,6 +43,20 @@ void expectText(const Call& call, const char* argument) {
   if (text.is_null() || text.get_ref<const std::string&>().empty()) {
     throw RemoteException(kIllegalArgumentException, call.method->name + ": the " + argument + " is empty");
   }
+}
+
+bool lists(const Json& texts, const Json& text) {
+  return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+// The intent of the call, which must say something of whom it is for.
+const Json& expectIntent(const Call& call) {
+  const Json& intent = call.arguments.at("intent");
+  if (intent.is_null() || (textOf(intent, "action").empty() && packageOf(intent).empty())) {
+    throw RemoteException(kIllegalArgumentException,
+                          call.method->name + ": the intent has no action, no package and no component");
+  }
+  return intent;
 }
 
 // Empty when the device is not registered, which has two spellings.
@@ -72,6 +94,77 @@ class DelegateService : public Service {
     return {};
   }
 
+  // To every client that registered for it. Which packages those belong to and what they are permitted, the device does
+  // not know.
+  Json sendBroadcast(const Call& call) {
+    const Json& intent = expectIntent(call);
+    if (textOf(intent, "action").empty()) {
+      throw RemoteException(kIllegalArgumentException, call.method->name + ": the intent has no action");
+    }
+    event(intent);
+    return {};
+  }
+
+  // What cannot be started is not told.
+  Json startActivity(const Call& call) { return act("openPackage", call); }
+  Json startService(const Call& call) { return act("servePackage", call, {{"importance", kService}}); }
+  Json startForegroundService(const Call& call) {
+    return act("servePackage", call, {{"importance", kForegroundService}});
+  }
+
+  Json getApplicationInfo(const Call& call) { return applicationInfo(call, installed(call)); }
+
+  Json getPackageInfo(const Call& call) {
+    const Json& package = installed(call);
+    if (package.is_null()) return {};
+    Json info = {{"package", call.arguments.at("package")}};
+    for (const char* key : {"versionCode", "versionName", "firstInstallMs", "lastUpdateMs"})
+      info[key] = package.at(key);
+    info["application"] = applicationInfo(call, package);
+    return info;
+  }
+
+  // A null string where there is none.
+  Json getRawResource(const Call& call) {
+    const Json& package = installed(call);
+    return package.is_null() ? Json() : package.at("resources").value(call.arguments.at("id").dump(), Json());
+  }
+
+  Json hasFeature(const Call& call) {
+    expectText(call, "feature");
+    return lists(section().at("features"), call.arguments.at("feature"));
+  }
+
+  Json getPackagesOfUid(const Call& call) {
+    Json names = Json::array();
+    for (const auto& [name, package] : packages().items()) {
+      if (package.at("uid") == call.arguments.at("uid")) names.push_back(name);
+    }
+    return names;
+  }
+
+  Json queryReceivers(const Call& call) {
+    expectText(call, "action");
+    Json components = Json::array();
+    for (const auto& [name, package] : packages().items()) {
+      for (const Json& receiver : package.at("receivers")) {
+        if (!lists(receiver.at("actions"), call.arguments.at("action"))) continue;
+        components.push_back({{"package", name}, {"class", receiver.at("class")}});
+      }
+    }
+    return components;
+  }
+
+  // Absent where there is nothing to launch.
+  Json getLaunchIntent(const Call& call) {
+    const Json& package = installed(call);
+    if (package.is_null() || textOf(package, "launchActivity").empty()) return {};
+    const Json& name = call.arguments.at("package");
+    return {{"action", "android.intent.action.MAIN"},
+            {"package", name},
+            {"component", {{"package", name}, {"class", package.at("launchActivity")}}}};
+  }
+
   Json getMarketplace(const Call&) { return section().at("marketplace"); }
   Json getCountry(const Call&) { return section().at("country"); }
   Json getCustomerId(const Call&) { return section().at("customerId"); }
@@ -95,6 +188,11 @@ class DelegateService : public Service {
       broadcast("com.quarlo.speech.CONNECTIVITY_ACTION",
                 {{"key", "com.quarlo.speech.EXTRA_CONNECTIVITY"}, {"type", "int"}, {"value", connected ? 1 : 0}});
     }
+    const auto tellPackage = [&](const std::string& name, const Json& then, const Json& now) {
+      for (const Json& intent : packageBroadcasts(name, then, now)) event(intent);
+    };
+    const Json::json_pointer packages("/packages/packages");
+    forEachDifference(before.at(packages), host().scenario().at(packages), tellPackage);
     const Json::json_pointer screen("/power/screenOn");
     if (const Json& on = host().scenario().at(screen); on != before.at(screen)) {
       broadcast(std::string("android.intent.action.SCREEN_") + (on ? "ON" : "OFF"));
@@ -118,17 +216,37 @@ class DelegateService : public Service {
   }
 
   void settingsChanged(const Json& was, const Json& is) {
-    const auto tell = [&](const std::string& key, const Json& value) {
+    forEachDifference(was, is, [&](const std::string& key, const Json&, const Json& now) {
+      const Json value = now.is_null() ? Json("") : now;
       m_receivers.notify(kSettingChanged, {{"key", key}, {"value", value}}, [&](const Call& registration) {
         return registration.code == kRegisterForSettings && registration.arguments.at("key") == key;
       });
-    };
-    for (const auto& [key, value] : is.items()) {
-      if (was.value(key, Json()) != value) tell(key, value);
+    });
+  }
+
+  Json act(const char* verb, const Call& call, const Json& values = Json::object()) {
+    if (const std::string package = packageOf(expectIntent(call)); !package.empty()) {
+      host().change(makeAct(verb, package, values));
     }
-    for (const auto& [key, value] : was.items()) {
-      if (!is.contains(key)) tell(key, "");
-    }
+    return {};
+  }
+
+  const Json& packages() { return host().scenario().at("packages").at("packages"); }
+
+  // The package that the call asks about; null when it is not installed.
+  const Json& installed(const Call& call) {
+    static const Json none;
+    expectText(call, "package");
+    const auto found = packages().find(call.arguments.at("package").get_ref<const std::string&>());
+    return found == packages().end() ? none : *found;
+  }
+
+  static Json applicationInfo(const Call& call, const Json& package) {
+    if (package.is_null()) return {};
+    Json info = {{"package", call.arguments.at("package")}};
+    const bool wanted = (call.arguments.at("flags").get<std::int64_t>() & kGetMetaData) != 0;
+    if (wanted) info["metaData"] = package.at("metaData");
+    return info;
   }
 
   Receivers m_receivers{type(), host()};
@@ -160,16 +278,26 @@ const ServiceType& delegateService() {
                          {"volume_alarm", "5"}}),
            "the secure settings"},
           {"maroConnected", Shape::flag(), true, "whether the assistant is connected"},
+          {"features", Shape::list(Shape::text(), kMostFeatures), defaultFeatures(), "the features of the system"},
       },
       {
           {14, "getDeviceInfo", {}, handledBy<Self, &Self::getDeviceInfo>, writeDeviceInfo},
           {15, "getSecureSetting", {{"key", readText}}, handledBy<Self, &Self::getSecureSetting>, writeText},
           {17, "getPFM", {}, handledBy<Self, &Self::getMarketplace>, writeText},
           {18, "getCOR", {}, handledBy<Self, &Self::getCountry>, writeText},
+          {21, "getPackageNamesForUid", {{"uid", readInt32}}, handledBy<Self, &Self::getPackagesOfUid>, writeTexts},
+          {26, "checkSystemFeature", {{"feature", readText}}, handledBy<Self, &Self::hasFeature>, writeFlag},
+          {27, "sendBroadcast", {{"intent", readIntent}}, handledBy<Self, &Self::sendBroadcast>, writeNothing},
           {kRegisterForBroadcast,
            "registerForBroadcastWithDataTypeOrScheme",
            {{"action", readText}, {"types", readTexts}, {"schemes", readTexts}, {"receiver", readEndpoint}},
            handledBy<Self, &Self::registerForBroadcast>,
+           writeNothing},
+          {29, "startService", {{"intent", readIntent}}, handledBy<Self, &Self::startService>, writeNothing},
+          {30,
+           "startForegroundService",
+           {{"intent", readIntent}},
+           handledBy<Self, &Self::startForegroundService>,
            writeNothing},
           {32, "getDirectedId", {}, handledBy<Self, &Self::getCustomerId>, writeText},
           {33, "getDeviceName", {}, handledBy<Self, &Self::getName>, writeText},
@@ -178,7 +306,38 @@ const ServiceType& delegateService() {
            {{"key", readText}, {"receiver", readEndpoint}},
            handledBy<Self, &Self::registerForSettings>,
            writeNothing},
+          {37, "startActivity", {{"intent", readIntent}}, handledBy<Self, &Self::startActivity>, writeNothing},
+          {38,
+           "sendBroadcastWithPermission",
+           {{"intent", readIntent}, {"permission", readText}},
+           handledBy<Self, &Self::sendBroadcast>,
+           writeNothing},
           {42, "getDSNV2", {}, handledBy<Self, &Self::getSerialNumber>, writeText},
+          {53,
+           "getApplicationInfo",
+           {{"package", readText}, {"flags", readInt64}},
+           handledBy<Self, &Self::getApplicationInfo>,
+           writeApplicationInfo},
+          {54,
+           "getPackageInfo",
+           {{"package", readText}, {"flags", readInt64}},
+           handledBy<Self, &Self::getPackageInfo>,
+           writePackageInfo},
+          {55,
+           "getRawResourceAsString",
+           {{"package", readText}, {"id", readInt32}},
+           handledBy<Self, &Self::getRawResource>,
+           writeText},
+          {59,
+           "queryBroadcastReceivers",
+           {{"action", readText}, {"flags", readInt64}},
+           handledBy<Self, &Self::queryReceivers>,
+           writeResolveInfos},
+          {60,
+           "getLaunchIntentForPackage",
+           {{"package", readText}},
+           handledBy<Self, &Self::getLaunchIntent>,
+           writeIntent},
       },
       makeService<Self>,
   };

@@ -4,9 +4,7 @@ namespace orvel::sim {
 
 const std::vector<const ServiceType*>& allServices() {
   static const std::vector<const ServiceType*> services = {
-      &delegateService(),
-      &powerManagerService(),
-      &connectivityService(),
+      &delegateService(), &powerManagerService(), &connectivityService(), &activityService(), &packageService(),
   };
   return services;
 }

@@ -8,5 +8,7 @@ namespace orvel::sim {
 const ServiceType& delegateService();
 const ServiceType& powerManagerService();
 const ServiceType& connectivityService();
+const ServiceType& activityService();
+const ServiceType& packageService();
 
 }  // namespace orvel::sim

@@ -6,8 +6,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "Process.h"
 
@@ -62,6 +65,14 @@ class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
   void order(const Words& words) const {
     const Result result = run(Words{"orvel-sim"} + words);
     ASSERT_EQ(result.status, 0) << result.error;
+  }
+
+  // What a view of the device prints with --json, one object a line.
+  std::vector<nlohmann::json> view(const Words& words) const {
+    std::istringstream lines(run(Words{"orvel-sim"} + words + Words{"--json"}).output);
+    std::vector<nlohmann::json> objects;
+    for (std::string line; std::getline(lines, line);) objects.push_back(nlohmann::json::parse(line));
+    return objects;
   }
 
   std::unique_ptr<Process> m_device;

@@ -16,10 +16,7 @@ class DeviceChanges : public Device {
  protected:
   // The process of a service.
   pid_t pidOf(const std::string& service) const {
-    const Result services = run({"orvel-sim", "services", "--json"});
-    std::istringstream lines(services.output);
-    for (std::string line; std::getline(lines, line);) {
-      const json entry = json::parse(line);
+    for (const json& entry : view({"services"})) {
       if (entry.at("service") == service) return entry.at("pid");
     }
     return 0;

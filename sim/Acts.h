@@ -1,0 +1,32 @@
+// What people and clients do to packages and processes. An act changes several values at once, by what the others are
+// at that moment; so it is worked out where the scenario is kept, and two at once do not undo each other.
+#pragma once
+
+#include <string>
+
+#include "sim/Wire.h"
+
+namespace orvel::sim {
+
+// How the platform grades a process: the lower, the longer it is kept.
+enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 300, kCached = 400 };
+
+// An act as a change of the scenario: {"act": verb, "name": of the package or process, "values": of its fields}.
+//
+//   install      a package; its uid is the next free one
+//   replace      a package; its version code goes up by one
+//   remove       a package; the processes that list it end too
+//   start        a process; its package is the one that it is named after, and its uid that of its package
+//   stop         a process
+//   foreground   a process becomes the focused one; who was loses focus and is cached
+//   openPackage  the package's process becomes the focused one
+//   servePackage the package's process has the "importance" given, or a greater one
+//
+// Values that are given go before what an act finds itself. The last two start the process if there is none, and do
+// nothing for a package that is not installed.
+Json makeAct(const char* verb, const std::string& name, const Json& values = Json::object());
+
+// Throws std::runtime_error when something exists that must not, or does not exist that must.
+void perform(Json& scenario, const Json& act);
+
+}  // namespace orvel::sim

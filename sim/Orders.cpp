@@ -1,0 +1,37 @@
+#include "sim/Orders.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "sim/Control.h"
+
+namespace orvel::sim {
+
+void checkOutput() {
+  errno = 0;
+  std::cout.flush();
+  if (!std::cout) throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
+}
+
+void print(const std::string& line) {
+  std::cout << line << '\n';
+  checkOutput();
+}
+
+Json order(const char* name) {
+  return Control::connect().send({{"order", name}});
+}
+
+void orderChange(const Json& change) {
+  Control::connect().send({{"order", "change"}, {"change", change}});
+}
+
+void orderBroadcast(const Json& intent) {
+  const Json answer = Control::connect().send({{"order", "event"}, {"service", "delegate"}, {"event", intent}});
+  const auto receivers = answer.at("receivers").get<std::size_t>();
+  print("sent to " + std::to_string(receivers) + (receivers == 1 ? " receiver" : " receivers"));
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,23 @@
+// What the verbs of orvel-sim share: orders to the device in the runtime directory, and output. Threads: one.
+#pragma once
+
+#include <string>
+
+#include "sim/Wire.h"
+
+namespace orvel::sim {
+
+// Throws when what was printed could not be written.
+void checkOutput();
+void print(const std::string& line);
+
+// The answer to an order without arguments. All orders throw as Control does.
+Json order(const char* name);
+
+// A change of the scenario, of one value or an act.
+void orderChange(const Json& change);
+
+// Sends a broadcast that is not the news of a change, and prints how many got it.
+void orderBroadcast(const Json& intent);
+
+}  // namespace orvel::sim
