@@ -1,10 +1,24 @@
 #include "Allocations.h"
 
-#include <cstddef>
+extern "C" std::size_t malloc_usable_size(void* block) noexcept;
 
 namespace {
 
 thread_local std::uint64_t t_allocations = 0;
+thread_local bool t_weighing = false;  // only then are blocks weighed, which takes time
+thread_local std::ptrdiff_t t_bytes = 0;
+thread_local std::ptrdiff_t t_peak = 0;
+
+void* taken(void* block) {
+  ++t_allocations;
+  if (t_weighing) t_bytes += static_cast<std::ptrdiff_t>(malloc_usable_size(block));
+  if (t_bytes > t_peak) t_peak = t_bytes;
+  return block;
+}
+
+void given(void* block) {
+  if (t_weighing) t_bytes -= static_cast<std::ptrdiff_t>(malloc_usable_size(block));
+}
 
 }  // namespace
 
@@ -15,21 +29,25 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void __libc_free(void* block);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) noexcept {
-  ++t_allocations;
-  return __libc_malloc(size);
+  return taken(__libc_malloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-  ++t_allocations;
-  return __libc_calloc(count, size);
+  return taken(__libc_calloc(count, size));
 }
 
 void* realloc(void* block, std::size_t size) noexcept {
-  ++t_allocations;
-  return __libc_realloc(block, size);
+  given(block);
+  return taken(__libc_realloc(block, size));
+}
+
+void free(void* block) noexcept {
+  given(block);
+  __libc_free(block);
 }
 
 }  // extern "C"
@@ -38,6 +56,19 @@ namespace bench {
 
 std::uint64_t allocations() {
   return t_allocations;
+}
+
+Weighing::Weighing() {
+  t_bytes = t_peak = 0;
+  t_weighing = true;
+}
+
+Weighing::~Weighing() {
+  t_weighing = false;
+}
+
+std::size_t Weighing::peak() {
+  return static_cast<std::size_t>(t_peak);
 }
 
 }  // namespace bench

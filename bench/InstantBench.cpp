@@ -4,17 +4,23 @@
 #include <orvel/OrvelDelegateClient.h>
 #include <orvel/OrvelIntent.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Allocations.h"
-#include "DeviceNameByHand.h"
+#include "ByHand.h"
 #include "InstantVesk.h"
 #include "Table.h"
+#include "parcel/OrvelResolveInfo.h"
+#include "parcel/PackageInfo.h"
+#include "parcel/RunningAppProcessInfo.h"
 #include "parcel/StringArray.h"
 #include "services/IDelegateService.h"
 #include "services/Incoming.h"
@@ -26,8 +32,24 @@ using orvel::service_apis::Bundle;
 using orvel::service_apis::IDelegateService;
 using orvel::service_apis::OrvelDelegateClient;
 using orvel::service_apis::OrvelIntent;
+using orvel::service_apis::OrvelResolveInfo;
+using orvel::service_apis::PackageInfo;
+using orvel::service_apis::RecordArray;
+using orvel::service_apis::RunningAppProcessInfo;
 using orvel::service_apis::skip_header;
 using orvel::service_apis::StringArray;
+
+// The codes of the calls that are made here.
+enum Code : unsigned int {
+  kGetRunningAppProcesses = 2,
+  kSendBroadcast = 27,
+  kRegisterForBroadcast = 28,
+  kGetDeviceName = 33,
+  kRegisterForSecureSettings = 34,
+};
+
+// Longer than a string keeps without an allocation.
+constexpr const char* kDeviceName = "Robin's kitchen display";
 
 struct FreeMessage {
   void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
@@ -185,6 +207,203 @@ void copyReceivedIntent(benchmark::State& state) {
   copyBytes(state, parcel.bytes());
 }
 
+// ---- Packages and processes ----
+
+std::string packageName(int n) {
+  return "com.example.application.number" + std::to_string(10'000 + n);
+}
+
+vesk::Parcel receivers(int count) {
+  vesk::Parcel parcel;
+  parcel.write_i32(count);
+  for (int n = 0; n < count; ++n) {
+    for (int mark = 0; mark < 4; ++mark) parcel.write_i32(1);
+    parcel.write_utf16(packageName(n));
+    parcel.write_utf16(kClass);
+    for (int member = 0; member < 4; ++member) parcel.write_i32(member);
+  }
+  return parcel;
+}
+
+// Every tenth in the foreground, of two packages each.
+vesk::Parcel processes(int count) {
+  vesk::Parcel parcel;
+  parcel.write_i32(count);
+  for (int n = 0; n < count; ++n) {
+    parcel.write_i32(1);
+    parcel.write_utf16(packageName(n) + ":remote");
+    for (const int word : {n, n, 2}) parcel.write_i32(word);
+    for (const int package : {n, n + 1}) parcel.write_utf16(packageName(package));
+    for (const int word : {0, 0, n % 10 == 0 ? 100 : 400, 0, 0, 0}) parcel.write_i32(word);
+    for (const char* text : {kPackage, kClass}) parcel.write_utf16(text);
+    for (const int word : {0, 0, 1}) parcel.write_i32(word);
+    parcel.write_i64(n);
+  }
+  return parcel;
+}
+
+constexpr int kMetadata = 30;  // as many as are read
+
+vesk::Parcel package() {
+  vesk::Parcel parcel;
+  for (int mark = 0; mark < 2; ++mark) parcel.write_i32(1);
+  parcel.write_utf16(kPackage);
+  parcel.write_i32(1234);
+  parcel.write_utf16("1.2.34");
+  for (int time = 0; time < 2; ++time) parcel.write_i64(1'795'000'000'000);
+  for (int mark = 0; mark < 2; ++mark) parcel.write_i32(1);
+  for (int member = 0; member < 9; ++member) parcel.write_utf16(packageName(member));
+  for (int list = 0; list < 3; ++list) {
+    parcel.write_i32(1);
+    parcel.write_utf16(packageName(list));
+  }
+  for (int member = 0; member < 10; ++member) parcel.write_i32(member);
+  for (int member = 0; member < 3; ++member) parcel.write_utf16(packageName(member));
+  for (const int word : {0, 1, 1, kMetadata}) parcel.write_i32(word);
+  for (int n = 0; n < kMetadata; ++n) {
+    parcel.write_utf16(extraName(n));
+    parcel.write_i32(n % 2 == 0 ? 1 : 0);
+    if (n % 2 == 0) {
+      parcel.write_i32(n);
+    } else {
+      parcel.write_utf16(kText);
+    }
+  }
+  return parcel;
+}
+
+// Decodes `count` records by `read`, which says whether it found them all.
+void decodeRecords(benchmark::State& state, const vesk::Parcel& parcel, int count, bool (*read)(vesk_buffer*, int)) {
+  const BufferPtr buffer(bufferOf(parcel));
+  for (auto _ : state) {
+    rewind(buffer.get());
+    if (!read(buffer.get(), count)) return state.SkipWithError("not all records were read");
+  }
+  setBytes(state, parcel.bytes().size());
+  state.SetItemsProcessed(count * state.iterations());
+  rewind(buffer.get());
+  const Weighing weighing;
+  read(buffer.get(), count);
+  state.counters[kBytesCounter] = static_cast<double>(Weighing::peak());
+}
+
+void copyRecords(benchmark::State& state, const vesk::Parcel& parcel, int count) {
+  copyBytes(state, parcel.bytes());
+  state.SetItemsProcessed(count * state.iterations());
+  state.counters[kBytesCounter] = static_cast<double>(parcel.bytes().size());
+}
+
+template <typename Record>
+bool readArray(vesk_buffer* buffer, int count) {
+  typename RecordArray<Record>::Records records;
+  return RecordArray<Record>::read(buffer, records) && records.size() == static_cast<std::size_t>(count);
+}
+
+bool readPackage(vesk_buffer* buffer, int /*count*/) {
+  PackageInfo info;
+  return PackageInfo::read(buffer, info) && info.applicationInfo.metaData.size() == kMetadata;
+}
+
+// Registers decoding and copying of so many records, and adds the row that compares them.
+void addRecords(std::vector<Row>& rows, const std::string& name, const vesk::Parcel& parcel, int count,
+                bool (*read)(vesk_buffer*, int)) {
+  benchmark::RegisterBenchmark(("decode " + name).c_str(), decodeRecords, parcel, count, read);
+  benchmark::RegisterBenchmark(("copy " + name).c_str(), copyRecords, parcel, count);
+  rows.push_back({"decoding " + name + (count > 1 ? ", each : memcpy" : " : memcpy"), "decode " + name, "copy " + name,
+                  Quantity::kNanosecondsEach, ""});
+}
+
+// Adds the rows of one kind of array.
+void addArrays(std::vector<Row>& rows, const std::string& kind, vesk::Parcel (*make)(int),
+               bool (*read)(vesk_buffer*, int)) {
+  for (const auto& [text, count] : {std::pair("10", 10), {"100", 100}, {"1,000", 1000}, {"10,000", 10'000}}) {
+    addRecords(rows, std::string(text) + " " + kind, make(count), count, read);
+  }
+  const std::string subject = "decode 10,000 " + kind;
+  const std::string copy = "copy 10,000 " + kind;
+  rows.push_back({"  each of 10,000 : of 10", subject, "decode 10 " + kind, Quantity::kNanosecondsEach, "the same"});
+  rows.push_back({"  10,000 by bytes : memcpy", subject, copy, Quantity::kMegabytesPerSecond, ""});
+  rows.push_back({"  10,000, peak of the heap : the reply", subject, copy, Quantity::kBytes, ""});
+}
+
+constexpr int kProcesses = 1000;
+
+// Asks the client about the processes with `ask`, which says whether the answer is right.
+void askAboutProcesses(benchmark::State& state, bool (*ask)(OrvelDelegateClient&)) {
+  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+  if (!client.initialize()) return state.SkipWithError("no client");
+  for (auto _ : state) {
+    if (!ask(client)) return state.SkipWithError("a wrong answer");
+  }
+}
+
+bool askForegroundPackages(OrvelDelegateClient& client) {
+  std::vector<std::string> packages;
+  return client.getForegroundPackages(packages) && packages.size() == kProcesses / 10 * 2;
+}
+
+bool askLastProcess(OrvelDelegateClient& client) {
+  static const std::string kLast = packageName(kProcesses);
+  bool found = false;
+  bool focused = false;
+  int importance = 0;
+  return client.getAppProcessState(kLast, found, importance, focused) && found && importance == 400;
+}
+
+// ---- Sending an intent ----
+
+// Ten numbers and ten texts.
+OrvelIntent broadcastOfTwenty() {
+  OrvelIntent intent = sentIntent();
+  intent.extras = {};
+  for (int n = 0; n < 10; ++n) {
+    intent.extras.put(extraName(n), n);
+    intent.extras.put(extraName(n), kText);
+  }
+  return intent;
+}
+
+void broadcastByLibrary(benchmark::State& state) {
+  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+  const OrvelIntent intent = broadcastOfTwenty();
+  if (!client.initialize() || !client.broadcastIntent(&intent)) return state.SkipWithError("not sent");
+  const std::uint64_t before = allocations();
+  for (auto _ : state) benchmark::DoNotOptimize(client.broadcastIntent(&intent));
+  countAllocations(state, before);
+}
+
+void broadcastByHand(benchmark::State& state) {
+  // Maps like those of the extras, so that they come in the same order.
+  std::unordered_map<std::string, std::int32_t> numbers;
+  std::unordered_map<std::string, std::string> texts;
+  for (int n = 0; n < 10; ++n) {
+    numbers.emplace(extraName(n), n);
+    texts.emplace(extraName(n), kText);
+  }
+  Broadcast broadcast{kAction, kData, kPackage, kClass, {}, {}};
+  std::transform(numbers.begin(), numbers.end(), broadcast.numbers, [](const auto& extra) {
+    return Broadcast::Number{extra.first.c_str(), extra.second};
+  });
+  std::transform(texts.begin(), texts.end(), broadcast.texts, [](const auto& extra) {
+    return Broadcast::Text{extra.first.c_str(), extra.second.c_str()};
+  });
+  const PayloadPtr by_library(vesk_payload_alloc());
+  const PayloadPtr by_hand(vesk_payload_alloc());
+  broadcastOfTwenty().write(by_library.get());
+  write_broadcast_by_hand(by_hand.get(), &broadcast);
+  if (bytesOf(by_library.get()) != bytesOf(by_hand.get())) return state.SkipWithError("the bytes differ");
+
+  Connection connection{};
+  if (!open_connection(&connection) || !broadcast_by_hand(&connection, &broadcast)) {
+    return state.SkipWithError("not sent");
+  }
+  const std::uint64_t before = allocations();
+  for (auto _ : state) benchmark::DoNotOptimize(broadcast_by_hand(&connection, &broadcast));
+  countAllocations(state, before);
+}
+
+// ---- Registrations and broadcasts ----
+
 void* runtime() {
   void* runtime = nullptr;
   vesk_get_runtime(&runtime);
@@ -263,8 +482,15 @@ void decodeBroadcast(benchmark::State& state) {
 
 int main(int argc, char** argv) {
   using namespace bench;
+  vesk::Parcel device_name;
+  device_name.write_utf16(kDeviceName);
+  answer(kGetDeviceName, device_name);
+  answer(kGetRunningAppProcesses, processes(kProcesses));
+  for (const unsigned int code : {kSendBroadcast, kRegisterForBroadcast, kRegisterForSecureSettings}) answer(code, {});
   benchmark::RegisterBenchmark("name by library", deviceNameByLibrary);
   benchmark::RegisterBenchmark("name by hand", deviceNameByHand);
+  benchmark::RegisterBenchmark("broadcast by library", broadcastByLibrary);
+  benchmark::RegisterBenchmark("broadcast by hand", broadcastByHand);
   benchmark::RegisterBenchmark("decode strings", decodeStrings);
   benchmark::RegisterBenchmark("copy strings", copyStrings);
   benchmark::RegisterBenchmark("encode intent", encodeIntent);
@@ -280,19 +506,34 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("replay 100", replay, 100)->UseManualTime()->Iterations(10);
   benchmark::RegisterBenchmark("replay 1000", replay, 1'000)->UseManualTime()->Iterations(2);
   benchmark::RegisterBenchmark("replay 10000", replay, 10'000)->UseManualTime()->Iterations(1);
-  const std::string title = "getDeviceName() : the same in C by hand";
-  return runTable(
-      argc, argv,
-      {{title, "name by library", "name by hand", Quantity::kNanoseconds, "at most 1.25 x"},
-       {"  heap allocations", "name by library", "name by hand", Quantity::kAllocations, "at most +1, the result"},
-       {"decoding 1,000 strings : memcpy", "decode strings", "copy strings", Quantity::kMegabytesPerSecond, ""},
-       {"encoding an intent, 60 extras : memcpy", "encode intent", "copy sent intent", Quantity::kMegabytesPerSecond,
-        ""},
-       {"decoding an intent, 60 extras : memcpy", "decode intent", "copy received intent",
-        Quantity::kMegabytesPerSecond, ""},
-       {"a broadcast to its callback : decoding it", "dispatch", "decode broadcast", Quantity::kNanoseconds, ""},
-       {"one more registration, to 10,000 : to none", "register after 10000", "register after 0",
-        Quantity::kNanoseconds, "the same"},
-       {"replay of 1,000, each : of 100, each", "replay 1000", "replay 100", Quantity::kNanoseconds, "the same"},
-       {"replay of 10,000, each : of 100, each", "replay 10000", "replay 100", Quantity::kNanoseconds, "the same"}});
+  std::vector<Row> rows = {
+      {"getDeviceName() : the same in C by hand", "name by library", "name by hand", Quantity::kNanoseconds,
+       "at most 1.25 x"},
+      {"  heap allocations", "name by library", "name by hand", Quantity::kAllocations, "at most +1, the result"},
+      {"broadcastIntent(), 20 extras : in C by hand", "broadcast by library", "broadcast by hand",
+       Quantity::kNanoseconds, ""},
+      {"  heap allocations", "broadcast by library", "broadcast by hand", Quantity::kAllocations, ""},
+      {"decoding 1,000 strings : memcpy", "decode strings", "copy strings", Quantity::kMegabytesPerSecond, ""},
+      {"encoding an intent, 60 extras : memcpy", "encode intent", "copy sent intent", Quantity::kMegabytesPerSecond,
+       ""},
+      {"decoding an intent, 60 extras : memcpy", "decode intent", "copy received intent", Quantity::kMegabytesPerSecond,
+       ""},
+      {"a broadcast to its callback : decoding it", "dispatch", "decode broadcast", Quantity::kNanoseconds, ""},
+      {"one more registration, to 10,000 : to none", "register after 10000", "register after 0", Quantity::kNanoseconds,
+       "the same"},
+      {"replay of 1,000, each : of 100, each", "replay 1000", "replay 100", Quantity::kNanoseconds, "the same"},
+      {"replay of 10,000, each : of 100, each", "replay 10000", "replay 100", Quantity::kNanoseconds, "the same"}};
+  addArrays(rows, "receivers", receivers, readArray<OrvelResolveInfo>);
+  addArrays(rows, "processes", processes, readArray<RunningAppProcessInfo>);
+  addRecords(rows, "a package", package(), 1, readPackage);
+  rows.push_back({"  by bytes : memcpy", "decode a package", "copy a package", Quantity::kMegabytesPerSecond, ""});
+  rows.push_back({"  peak of the heap : the reply", "decode a package", "copy a package", Quantity::kBytes, ""});
+  benchmark::RegisterBenchmark("foreground", askAboutProcesses, askForegroundPackages);
+  benchmark::RegisterBenchmark("process state", askAboutProcesses, askLastProcess);
+  for (const auto& [method, query] :
+       {std::pair("getForegroundPackages()", "foreground"), {"getAppProcessState()", "process state"}}) {
+    rows.push_back({std::string(method) + ", 1,000 processes : decoding", query, "decode 1,000 processes",
+                    Quantity::kMicroseconds, ""});
+  }
+  return runTable(argc, argv, rows);
 }

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <map>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -39,25 +41,8 @@ struct vesk_buffer {
 
 namespace {
 
-constexpr unsigned int kRegisterForBroadcast = 28;
-constexpr unsigned int kGetDeviceName = 33;
-constexpr unsigned int kRegisterForSecureSettings = 34;
-
-vesk::Parcel emptyReply() {
-  vesk::Parcel reply;
-  reply.write_i32(0);  // no exception
-  return reply;
-}
-
-vesk::Parcel deviceNameReply() {
-  vesk::Parcel reply = emptyReply();
-  reply.write_utf16(bench::kDeviceName);
-  return reply;
-}
-
 struct Runtime {
-  const vesk::Parcel empty_reply = emptyReply();
-  const vesk::Parcel device_name_reply = deviceNameReply();
+  std::map<unsigned int, vesk::Parcel> answers;  // by the code of the call
   Endpoints endpoints;
   std::vector<vesk_death_callback*> links;
   std::chrono::steady_clock::time_point bound_at;
@@ -77,6 +62,12 @@ constexpr vesk_handle kTheHandle = {{1, 1}};
 }  // namespace
 
 namespace bench {
+
+void answer(unsigned int code, const vesk::Parcel& contents) {
+  std::vector<std::byte> bytes(sizeof(std::int32_t));
+  bytes.insert(bytes.end(), contents.bytes().begin(), contents.bytes().end());
+  runtime().answers[code] = vesk::Parcel(std::move(bytes));
+}
 
 vesk_buffer* bufferOf(const vesk::Parcel& parcel) {
   return new vesk_buffer{vesk::Parcel(parcel.bytes())};
@@ -211,20 +202,11 @@ int vesk_buffer_last_error(vesk_buffer* buffer) {
 
 int vesk_call(void* /*runtime*/, vesk_handle* /*handle*/, unsigned int code, vesk_payload* request,
               vesk_buffer* reply) {
-  const auto answer = [reply](const vesk::Parcel& with) {
-    reply->parcel.assign(with.bytes().data(), with.bytes().size());
-    return 0;
-  };
-  switch (code) {
-    case kGetDeviceName:
-      return answer(runtime().device_name_reply);
-    case kRegisterForBroadcast:
-    case kRegisterForSecureSettings:
-      for (vesk_endpoint* endpoint : request->endpoints.list) runtime().endpoints.add(endpoint);
-      return answer(runtime().empty_reply);
-    default:
-      return -ENOTSUP;
-  }
+  const auto answer = runtime().answers.find(code);
+  if (answer == runtime().answers.end()) return -ENOTSUP;
+  for (vesk_endpoint* endpoint : request->endpoints.list) runtime().endpoints.add(endpoint);
+  reply->parcel.assign(answer->second.bytes().data(), answer->second.bytes().size());
+  return 0;
 }
 
 int vesk_reply_done(void* /*runtime*/, vesk_buffer* /*reply*/) {

@@ -12,7 +12,7 @@ namespace bench {
 namespace {
 
 struct Results {
-  std::vector<double> seconds, bytes_per_second, items_per_second, allocations;
+  std::vector<double> seconds, bytes_per_second, items_per_second, allocations, bytes;
   std::string error;
 };
 
@@ -38,6 +38,7 @@ class Collector : public benchmark::BenchmarkReporter {
       keep(run, "bytes_per_second", results.bytes_per_second);
       keep(run, "items_per_second", results.items_per_second);
       keep(run, kAllocationsCounter, results.allocations);
+      keep(run, kBytesCounter, results.bytes);
     }
   }
 
@@ -65,12 +66,14 @@ class Collector : public benchmark::BenchmarkReporter {
     const auto found = m_results.find(name);
     if (found == m_results.end()) return std::nullopt;
     const Results& results = found->second;
+    const bool of_items = quantity == Quantity::kPerSecond || quantity == Quantity::kNanosecondsEach;
     const std::vector<double>& values = quantity == Quantity::kMegabytesPerSecond ? results.bytes_per_second
-                                        : quantity == Quantity::kPerSecond        ? results.items_per_second
+                                        : of_items                                ? results.items_per_second
                                         : quantity == Quantity::kAllocations      ? results.allocations
+                                        : quantity == Quantity::kBytes            ? results.bytes
                                                                                   : results.seconds;
     if (values.empty()) return std::nullopt;
-    return median(values);
+    return quantity == Quantity::kNanosecondsEach ? 1 / median(values) : median(values);
   }
 
   static std::string text(std::optional<double> value, Quantity quantity) {
@@ -78,6 +81,8 @@ class Collector : public benchmark::BenchmarkReporter {
     switch (quantity) {
       case Quantity::kNanoseconds:
         return fixed(*value * 1e9, 0) + " ns";
+      case Quantity::kNanosecondsEach:
+        return fixed(*value * 1e9, *value < 1e-7 ? 1 : 0) + " ns";
       case Quantity::kMicroseconds:
         return fixed(*value * 1e6, 1) + " us";
       case Quantity::kMilliseconds:
@@ -88,6 +93,8 @@ class Collector : public benchmark::BenchmarkReporter {
         return fixed(*value, 0) + " /s";
       case Quantity::kAllocations:
         return fixed(*value, 2);
+      case Quantity::kBytes:
+        return fixed(*value, 0) + " B";
     }
     return "-";
   }

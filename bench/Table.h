@@ -6,12 +6,22 @@
 
 namespace bench {
 
-// What a row compares: the time of one iteration in this unit, the rate of bytes or of items, or the heap
-// allocations of one iteration.
-enum class Quantity { kNanoseconds, kMicroseconds, kMilliseconds, kMegabytesPerSecond, kPerSecond, kAllocations };
+// What a row compares: the time of one iteration in this unit or of one item, the rate of bytes or of items, or the heap
+// allocations or bytes of one iteration.
+enum class Quantity {
+  kNanoseconds,
+  kMicroseconds,
+  kMilliseconds,
+  kNanosecondsEach,
+  kMegabytesPerSecond,
+  kPerSecond,
+  kAllocations,
+  kBytes
+};
 
-// The counter under which a benchmark reports its allocations.
+// The counters under which a benchmark reports its allocations, and its bytes.
 constexpr const char* kAllocationsCounter = "allocations";
+constexpr const char* kBytesCounter = "bytes";
 
 struct Row {
   std::string title;

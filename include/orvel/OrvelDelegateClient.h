@@ -10,6 +10,7 @@
 namespace orvel::service_apis {
 
 class ClientState;
+struct OrvelIntent;
 
 // The client of the device's platform services. One per process.
 //
@@ -131,6 +132,72 @@ class ORVEL_API OrvelDelegateClient {
   // or removed. A value that is no number throws std::invalid_argument or std::out_of_range on the run-loop thread, and
   // the callback is not called.
   bool registerForSecureSettingIntChange(const std::string& key, int defaultValue, std::function<void(int)> callback);
+
+  // ---- Intents ----
+  //
+  // True when the service has taken the intent. What became of it is not told: nobody may listen, and an activity may
+  // not be there to be started. The intent is borrowed for the call; null is refused with an error line.
+
+  // Broadcasts `action` to one component, a package and one of its classes, with one extra. The intent names them as its
+  // component alone, its own package stays empty; without both of them it is for everybody.
+  bool broadcastIntentWithIntKey(const std::string& action, const std::string& packageName,
+                                 const std::string& className, const std::string& key, int value);
+
+  bool broadcastIntent(const OrvelIntent* intent);
+
+  // Only receivers that hold the permission get it.
+  bool broadcastIntentWithPermission(const OrvelIntent* intent, const std::string& permission);
+
+  bool startActivity(const OrvelIntent* intent);
+  bool startForegroundService(const OrvelIntent* intent);
+  bool startService(const OrvelIntent* intent);
+
+  // Starts the main activity of the package. A service that answers to a package without one with an empty intent is
+  // then asked to start that, and says true or false as it likes.
+  bool launchApplicationWithPackageName(const std::string& packageName);
+
+  // ---- Packages and processes ----
+  //
+  // `flags` are those of the platform's package manager, passed on as they are. Texts end at their first NUL.
+
+  // The entry `key` of the application's metadata that has the type of the default; `defaultValue` when there is none,
+  // for a package that is not there, and on failure. The metadata are told only with the flag 0x80 (GET_META_DATA), and
+  // at most the first 30 entries count.
+  int getApplicationInfoMetaData(const std::string& packageName, long long flags, const std::string& key,
+                                 int defaultValue);
+  std::string getApplicationInfoMetaData(const std::string& packageName, long long flags, const std::string& key,
+                                         std::string defaultValue);
+
+  // The version of a package, as a decimal number and as people read it; empty for a package that is not there and on
+  // failure.
+  std::string getPackageVersionCode(const std::string& packageName, long long flags);
+  std::string getPackageVersionName(const std::string& packageName, long long flags);
+
+  // The raw resource as text; empty when there is none and on failure.
+  std::string getRawResourceAsString(const std::string& packageName, int resourceId);
+
+  // Whether the device has the feature ("android.hardware.wifi"); false on failure.
+  bool hasSystemFeature(const std::string& feature);
+
+  // The packages that share the user id; empty on failure.
+  std::vector<std::string> getPackageNamesForUid(int uid);
+
+  // The package of each receiver that a broadcast of the action would reach, in the service's order; a package with two
+  // receivers stands there twice. Empty on failure.
+  std::vector<std::string> getBroadcastReceiverPackageNames(const std::string& action, long long flags);
+
+  // Replaces the list by the names of the installed packages, at most 1,000. False, and an empty list, on failure; but
+  // true when the service is there and only did not answer.
+  bool getInstalledPackageNames(std::vector<std::string>& packageNames);
+
+  // Replaces the list by the packages of all processes in the foreground, each once, in the order of their bytes. False,
+  // and an empty list, on failure.
+  bool getForegroundPackages(std::vector<std::string>& packageNames);
+
+  // How the first running process that has the package stands: the platform's importance, of which 100 is the foreground
+  // and more is less, and whether it has the focus. Without such a process `found` and `isFocused` are false and
+  // `importance` is -1. False, and all three as they were, on failure.
+  bool getAppProcessState(const std::string& packageName, bool& found, int& importance, bool& isFocused);
 
   OrvelDelegateClient(const OrvelDelegateClient&) = delete;
   OrvelDelegateClient& operator=(const OrvelDelegateClient&) = delete;

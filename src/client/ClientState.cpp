@@ -82,17 +82,23 @@ bool ClientState::start() {
     }
   } undo{this};
 
-  if (!create<IDelegateService, IPowerManagerService, IAndroidConnectivityManager>()) return false;
+  if (!create<IDelegateService, IPowerManagerService, IActivityManager, IOrvelPackageManager,
+              IAndroidConnectivityManager>())
+    return false;
   m_run_loop = std::thread(run_loop, m_runtime);
   undo.state = nullptr;
   return true;
 }
 
+template <typename... Proxies>
+void ClientState::destroy() {
+  (proxy<Proxies>().reset(), ...);
+}
+
 void ClientState::destroy_proxies() {
   // The services see their clients go in this order, which is not that of their creation.
-  proxy<IPowerManagerService>().reset();
-  proxy<IDelegateService>().reset();
-  proxy<IAndroidConnectivityManager>().reset();
+  destroy<IPowerManagerService, IDelegateService, IActivityManager, IOrvelPackageManager,
+          IAndroidConnectivityManager>();
 }
 
 void ClientState::shutdown() {

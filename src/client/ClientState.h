@@ -11,8 +11,10 @@
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
 #include "client/OwnedMutex.h"
+#include "services/IActivityManager.h"
 #include "services/IAndroidConnectivityManager.h"
 #include "services/IDelegateService.h"
+#include "services/IOrvelPackageManager.h"
 #include "services/IPowerManagerService.h"
 
 namespace orvel::service_apis {
@@ -49,9 +51,10 @@ class ClientState {
     return std::invoke(query, *proxy<Proxy>());
   }
 
-  template <typename Proxy, typename Result>
-  Result ask(const char* method, Result (Proxy::*query)()) ORVEL_EXCLUDES(m_facade) {
-    return ask<Proxy, Result (Proxy::*)()>(method, query);
+  template <typename Proxy, typename Result, typename... Parameters, typename... Arguments>
+  Result ask(const char* method, Result (Proxy::*query)(Parameters...), Arguments... arguments)
+      ORVEL_EXCLUDES(m_facade) {
+    return ask<Proxy>(method, [&](Proxy& proxy) { return (proxy.*query)(arguments...); });
   }
 
   // Notes whether the assistant is connected and tells `callback`, all under the facade lock. Run-loop thread.
@@ -80,6 +83,8 @@ class ClientState {
   template <typename... Proxies>
   bool create() ORVEL_REQUIRES(m_lifecycle, m_facade);
 
+  template <typename... Proxies>
+  void destroy() ORVEL_REQUIRES(m_facade);
   void destroy_proxies() ORVEL_REQUIRES(m_facade);
 
   std::mutex m_lifecycle;
@@ -90,6 +95,7 @@ class ClientState {
   bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;
   bool m_maro_connected ORVEL_GUARDED_BY(m_facade) = true;  // assumed until a broadcast says otherwise
   std::tuple<std::unique_ptr<IDelegateService>, std::unique_ptr<IPowerManagerService>,
+             std::unique_ptr<IActivityManager>, std::unique_ptr<IOrvelPackageManager>,
              std::unique_ptr<IAndroidConnectivityManager>>
       m_proxies ORVEL_GUARDED_BY(m_facade);
 };

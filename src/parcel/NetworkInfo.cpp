@@ -1,9 +1,7 @@
 #include "parcel/NetworkInfo.h"
 
 #include "binder/OrvelLogger.h"
-#include "parcel/Int32.h"
 #include "parcel/Record.h"
-#include "parcel/String.h"
 
 namespace orvel::service_apis {
 namespace {
@@ -22,18 +20,8 @@ NetworkInfo NetworkInfo::read(vesk_buffer* buffer) {
     s_logger.i("%s:Parcel not ok", __func__);
     return info;
   }
-  info.int1 = Int32::read(buffer);
-  info.int2 = Int32::read(buffer);
-  info.name1 = String::read(buffer);
-  info.name2 = String::read(buffer);
-  info.state = String::read(buffer);
-  info.name4 = String::read(buffer);
-  info.int3 = Int32::read(buffer);
-  info.int4 = Int32::read(buffer);
-  info.int5 = Int32::read(buffer);
-  info.int6 = Int32::read(buffer);
-  info.name5 = String::read(buffer);
-  info.name6 = String::read(buffer);
+  read_members(buffer, info.int1, info.int2, info.name1, info.name2, info.state, info.name4, info.int3, info.int4,
+               info.int5, info.int6, info.name5, info.name6);
 
   s_logger.i("%s:Read network state [%s]", __func__, info.state.c_str());
   if (info.state.empty() || info.state == "<unknown>") {

@@ -13,12 +13,8 @@ OrvelIntent OrvelIntent::read(vesk_buffer* buffer) {
   const bool follows = record_follows(buffer);
   const int length = Int32::read(buffer);
   if (!follows || length < 1) return intent;  // The length has no other use.
-  intent.action = String::read(buffer);
-  intent.data = String::read(buffer);
-  intent.text3 = String::read(buffer);
-  intent.package = String::read(buffer);
-  if (record_follows(buffer)) intent.component = ComponentName::read(buffer);
-  if (record_follows(buffer)) intent.extras = Bundle::read(buffer);
+  read_members(buffer, intent.action, intent.data, intent.text3, intent.package, optional(intent.component),
+               optional(intent.extras));
   return intent;
 }
 

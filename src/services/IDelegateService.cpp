@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "binder/OrvelLogger.h"
+#include "parcel/Int32.h"
+#include "parcel/Int64.h"
 #include "parcel/String.h"
 #include "parcel/StringArray.h"
 #include "services/Transact.h"
@@ -22,11 +24,23 @@ enum Transaction : unsigned int {
   kGetSecureSetting = 15,
   kGetPfm = 17,
   kGetCor = 18,
+  kGetPackageNamesForUid = 21,
+  kCheckSystemFeature = 26,
+  kSendBroadcast = 27,
   kRegisterForBroadcast = 28,
+  kStartService = 29,
+  kStartForegroundService = 30,
   kGetDirectedId = 32,
   kGetDeviceName = 33,
   kRegisterForSecureSettings = 34,
+  kStartActivity = 37,
+  kSendBroadcastWithPermission = 38,
   kGetDsnV2 = 42,
+  kGetApplicationInfo = 53,
+  kGetPackageInfo = 54,
+  kGetRawResourceAsString = 55,
+  kQueryBroadcastReceivers = 59,
+  kGetLaunchIntentForPackage = 60,
 };
 
 // Asks for one string.
@@ -34,8 +48,34 @@ std::optional<std::string> query(Binder& binder, Transaction code) {
   return transact(binder, kDescriptor, code, no_arguments, String::read);
 }
 
-bool is_empty(const char* text) {
-  return text == nullptr || *text == '\0';
+// Whether an argument of `method` is missing, which an error line then says.
+bool is_missing(const char* method, const char* argument, const char* what) {
+  if (argument && *argument != '\0') return false;
+  s_logger.e("%s:%s is null or empty", method, what);
+  return true;
+}
+
+// Sends an intent. True when an answer came.
+bool send(Binder& binder, Transaction code, const OrvelIntent& intent) {
+  const auto write = [&](vesk_payload* request) { intent.write(request); };
+  return transact(binder, kDescriptor, code, write, replied).value_or(false);
+}
+
+// Asks for a record about a package; null when there is none.
+template <typename Record>
+std::unique_ptr<Record> query(Binder& binder, Transaction code, const char* method, const char* package,
+                              long long flags) {
+  if (is_missing(method, package, "Package name")) return nullptr;
+  const auto write = [=](vesk_payload* request) {
+    String::write(request, package);
+    Int64::write(request, flags);
+  };
+  const auto read = [](vesk_buffer* reply) {
+    auto record = std::make_unique<Record>();
+    if (!Record::read(reply, *record)) record.reset();
+    return record;
+  };
+  return transact(binder, kDescriptor, code, write, read).value_or(nullptr);
 }
 
 // Sends a registration: its arguments, then a new endpoint that holds the callback. The service keeps the endpoint for
@@ -111,10 +151,7 @@ std::string IDelegateService::getDSNV2() {
 }
 
 std::string IDelegateService::getSecureSetting(const char* key) {
-  if (is_empty(key)) {
-    s_logger.e("%s:Setting key is null or empty", __func__);
-    return {};
-  }
+  if (is_missing(__func__, key, "Setting key")) return {};
   s_logger.i("%s:Reading setting key [%s]", __func__, key);
   const auto write = [key](vesk_payload* request) { String::write(request, key); };
   std::optional<std::string> value = transact(m_binder, kDescriptor, kGetSecureSetting, write, String::read);
@@ -124,10 +161,7 @@ std::string IDelegateService::getSecureSetting(const char* key) {
 }
 
 bool IDelegateService::registerForSecureSettings(const char* key, SettingCallback callback) {
-  if (is_empty(key)) {
-    s_logger.e("%s:Setting key is null or empty", __func__);
-    return false;
-  }
+  if (is_missing(__func__, key, "Setting key")) return false;
   const Connection carrier = registerForSecureSettingsInternal(key, callback);
   if (carrier == kNoConnection) return false;
   m_settings.add({key, std::move(callback)}, carrier, m_binder,
@@ -137,10 +171,7 @@ bool IDelegateService::registerForSecureSettings(const char* key, SettingCallbac
 
 Connection IDelegateService::registerForSecureSettingsInternal(const char* key, SettingCallback callback,
                                                                Connection only) {
-  if (is_empty(key)) {
-    s_logger.e("%s:Setting key is null or empty", __func__);
-    return kNoConnection;
-  }
+  if (is_missing(__func__, key, "Setting key")) return kNoConnection;
   const auto write = [key](vesk_payload* request) { String::write(request, key); };
   const auto carrier =
       publish<SettingsReceiverEndpoint>(m_binder, kRegisterForSecureSettings, write, std::move(callback), only);
@@ -154,10 +185,7 @@ bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* acti
                                                                 const std::vector<std::string>& dataTypes,
                                                                 const std::vector<std::string>& dataSchemes,
                                                                 BroadcastCallback callback) {
-  if (is_empty(action)) {
-    s_logger.e("%s:Intent is null or empty", __func__);
-    return false;
-  }
+  if (is_missing(__func__, action, "Intent")) return false;
   const Connection carrier = registerForBroadcastWithDataTypeOrSchemeInternal(action, dataTypes, dataSchemes, callback);
   if (carrier == kNoConnection) return false;
   m_broadcasts.add({action, dataTypes, dataSchemes, std::move(callback)}, carrier, m_binder,
@@ -168,10 +196,7 @@ bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* acti
 Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
     const char* action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& dataSchemes,
     BroadcastCallback callback, Connection only) {
-  if (is_empty(action)) {
-    s_logger.e("%s:Intent is null or empty", __func__);
-    return kNoConnection;
-  }
+  if (is_missing(__func__, action, "Intent")) return kNoConnection;
   const auto write = [&](vesk_payload* request) {
     String::write(request, action);
     StringArray::write(request, dataTypes);
@@ -183,6 +208,115 @@ Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
   s_logger.i("%s:Registered to receive broadcasts for intent [%s] (result=%d)", __func__, action,
              *carrier != kNoConnection ? 1 : 0);
   return *carrier;
+}
+
+// A broadcast takes a copy of its intent, as the remote interface's own clients have it.
+
+bool IDelegateService::sendBroadcast(OrvelIntent intent) {  // NOLINT(performance-unnecessary-value-param)
+  return send(m_binder, kSendBroadcast, intent);
+}
+
+bool IDelegateService::sendBroadcastWithPermission(OrvelIntent intent,  // NOLINT(performance-unnecessary-value-param)
+                                                   const std::string& permission) {
+  const auto write = [&](vesk_payload* request) {
+    intent.write(request);
+    String::write(request, permission);
+  };
+  return transact(m_binder, kDescriptor, kSendBroadcastWithPermission, write, replied).value_or(false);
+}
+
+bool IDelegateService::startActivity(const OrvelIntent& intent) {
+  return send(m_binder, kStartActivity, intent);
+}
+
+bool IDelegateService::startForegroundService(const OrvelIntent& intent) {
+  return send(m_binder, kStartForegroundService, intent);
+}
+
+bool IDelegateService::startService(const OrvelIntent& intent) {
+  return send(m_binder, kStartService, intent);
+}
+
+std::unique_ptr<ApplicationInfo> IDelegateService::getApplicationInfo(const char* packageName, long long flags) {
+  s_logger.i("%s:Read applicationInfo for package [%s]", __func__, packageName ? packageName : "");
+  return query<ApplicationInfo>(m_binder, kGetApplicationInfo, __func__, packageName, flags);
+}
+
+std::unique_ptr<PackageInfo> IDelegateService::getPackageInfo(const char* packageName, long long flags) {
+  s_logger.i("%s:Read packageInfo for package [%s]", __func__, packageName ? packageName : "");
+  return query<PackageInfo>(m_binder, kGetPackageInfo, __func__, packageName, flags);
+}
+
+std::string IDelegateService::getRawResourceAsString(const char* packageName, int resourceId) {
+  if (is_missing(__func__, packageName, "Package name")) return {};
+  const auto write = [=](vesk_payload* request) {
+    String::write(request, packageName);
+    Int32::write(request, resourceId);
+  };
+  std::optional<std::string> resource = transact(m_binder, kDescriptor, kGetRawResourceAsString, write, String::read);
+  if (!resource) return {};
+  s_logger.i("%s:Read raw resource for package [%s] resourceId [%d] result [%s]", __func__, packageName, resourceId,
+             resource->c_str());
+  return *std::move(resource);
+}
+
+bool IDelegateService::checkSystemFeature(const char* featureName) {
+  if (is_missing(__func__, featureName, "Feature name")) return false;
+  const auto write = [=](vesk_payload* request) { String::write(request, featureName); };
+  const std::optional<int> answer = transact(m_binder, kDescriptor, kCheckSystemFeature, write, Int32::read);
+  if (!answer) return false;
+  const bool available = *answer != 0;
+  s_logger.i("%s:System feature [%s] is available: %d", __func__, featureName, available ? 1 : 0);
+  return available;
+}
+
+std::vector<std::string> IDelegateService::getPackageNamesForUid(int uid) {
+  const auto write = [=](vesk_payload* request) { Int32::write(request, uid); };
+  auto names = transact(m_binder, kDescriptor, kGetPackageNamesForUid, write, StringArray::read);
+  if (!names) return {};
+  s_logger.i("%s:Retrived package names for uid %d", __func__, uid);
+  return *std::move(names);
+}
+
+bool IDelegateService::queryBroadcastReceivers(std::string action, long long flags,
+                                               std::vector<std::unique_ptr<OrvelResolveInfo>>& out) {
+  if (!m_binder.good()) return false;
+  if (action.empty()) {
+    s_logger.e("%s:Intent is empty", __func__);
+    return false;
+  }
+  const auto write = [&](vesk_payload* request) {
+    String::write(request, action);
+    Int64::write(request, flags);
+  };
+  const char* const method = __func__;
+  const auto read = [&](vesk_buffer* reply) {
+    if (OrvelResolveInfoArray::read(reply, out)) {
+      // Not the name of these records, but log readers look for it.
+      s_logger.d("%s:Read %zu RunningAppProcessInfo items", method, out.size());
+      return true;
+    }
+    s_logger.e("%s:Failed to read OrvelResolveInfoArray from reply", method);
+    out.clear();
+    return false;
+  };
+  return transact(m_binder, kDescriptor, kQueryBroadcastReceivers, write, read).value_or(false);
+}
+
+std::vector<std::string> IDelegateService::getInstalledPackages(long long flags) {
+  s_logger.e("%s:Not implemented - get installed packages. flags=[%d]", __func__, static_cast<int>(flags));
+  return {};
+}
+
+std::unique_ptr<OrvelIntent> IDelegateService::getLaunchIntentForPackage(std::string packageName) {
+  if (!m_binder.good()) return nullptr;
+  if (packageName.empty()) {
+    s_logger.e("%s:Package name is empty", __func__);
+    return nullptr;
+  }
+  const auto write = [&](vesk_payload* request) { String::write(request, packageName); };
+  const auto read = [](vesk_buffer* reply) { return std::make_unique<OrvelIntent>(OrvelIntent::read(reply)); };
+  return transact(m_binder, kDescriptor, kGetLaunchIntentForPackage, write, read).value_or(nullptr);
 }
 
 void IDelegateService::onBinderReconnectedCallback() {

@@ -1,12 +1,17 @@
-// The delegate service: the device's identity, its secure settings, and the broadcasts.
+// The delegate service: the device's identity, its secure settings, the broadcasts, intents and packages.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "binder/Binder.h"
+#include "orvel/OrvelIntent.h"
+#include "parcel/ApplicationInfo.h"
 #include "parcel/DeviceInfo.h"
+#include "parcel/OrvelResolveInfo.h"
+#include "parcel/PackageInfo.h"
 #include "services/OrvelIntentFilter.h"
 #include "services/ReplayList.h"
 #include "services/SettingsReceiverEndpoint.h"
@@ -14,6 +19,7 @@
 namespace orvel::service_apis {
 
 // Every query is one transaction. An unbound service, a failed call and a remote exception all read as the empty value.
+// Flags are the platform's package manager's, passed on as they are.
 //
 // The service forgets all registrations when it dies, so they are kept and made again each time that it has been bound
 // anew: settings first, then broadcasts, each in the order of insertion. Two for the same key or action are two. What
@@ -52,6 +58,38 @@ class IDelegateService {
   bool registerForBroadcastWithDataTypeOrScheme(const char* action, const std::vector<std::string>& dataTypes,
                                                 const std::vector<std::string>& dataSchemes,
                                                 BroadcastCallback callback);
+
+  // True when the service answered. What became of the intent it does not say, such as an activity that could not be
+  // started.
+  bool sendBroadcast(OrvelIntent intent);
+  bool sendBroadcastWithPermission(OrvelIntent intent, const std::string& permission);
+  bool startActivity(const OrvelIntent& intent);
+  bool startForegroundService(const OrvelIntent& intent);
+  bool startService(const OrvelIntent& intent);
+
+  // Null on failure, for a package that is not there, and for a null or empty name, which is not sent.
+  std::unique_ptr<ApplicationInfo> getApplicationInfo(const char* packageName, long long flags);
+  std::unique_ptr<PackageInfo> getPackageInfo(const char* packageName, long long flags);
+
+  // A resource of a package, as text; empty also for a null or empty name, which is not sent.
+  std::string getRawResourceAsString(const char* packageName, int resourceId);
+
+  // False also for a null or empty name, which is not sent.
+  bool checkSystemFeature(const char* featureName);
+
+  std::vector<std::string> getPackageNamesForUid(int uid);
+
+  // Appends what would receive a broadcast of the action. False, and `out` empty, on failure; false, and `out` as it
+  // was, for an unbound service and an empty action, which is not sent.
+  bool queryBroadcastReceivers(std::string action, long long flags,
+                               std::vector<std::unique_ptr<OrvelResolveInfo>>& out);
+
+  // Not implemented: asks nobody, and gives nothing. IOrvelPackageManager has the packages.
+  std::vector<std::string> getInstalledPackages(long long flags);
+
+  // The intent that starts the package's main activity. Null for an unbound service and for an empty name, which is not
+  // sent; a failed call and a package without such an activity give an empty intent.
+  std::unique_ptr<OrvelIntent> getLaunchIntentForPackage(std::string packageName);
 
   // Makes all registrations again. For the Binder, on the run-loop thread, after each successful rebind; takes no lock
   // of its own.

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -78,6 +79,24 @@ class Bytes {
 
   std::vector<std::uint8_t> m_bytes;
 };
+
+// A message as a text: `7` is a 32-bit number and `7L` a 64-bit one, `'abc'` a string, which has no blanks, `~` a null one.
+inline Bytes wire(const std::string& text) {
+  std::istringstream words(text);
+  Bytes bytes;
+  for (std::string word; words >> word;) {
+    if (word[0] == '\'') {
+      bytes.utf16(word.substr(1, word.size() - 2));
+    } else if (word == "~") {
+      bytes.null();
+    } else if (word.back() == 'L') {
+      bytes.i64(std::stoll(word));
+    } else {
+      bytes.i32(std::stoi(word));
+    }
+  }
+  return bytes;
+}
 
 // Messages of libvesk and the bytes in them.
 struct FreeMessage {

@@ -17,11 +17,20 @@ namespace orvel::test {
 
 using Lines = std::vector<std::string>;
 
+// What initialize() binds, in its order.
+constexpr const char* kServices[] = {"orvel_delegate", "com.quarlo.orvel.powermanager",
+                                     "com.quarlo.orvel.activitymanager", "com.quarlo.orvel.packagemanager",
+                                     "com.quarlo.orvel.androidconnectivitymanager"};
+
 class ClientTest : public ::testing::Test {
  protected:
   // `module` as for LogRecorder.
   explicit ClientTest(std::string module) : m_log(std::move(module)) { vesk_get_runtime(&m_runtime); }
 
+  // Makes them run.
+  void start_services() {
+    for (const char* name : kServices) m_vesk.add_service(name);
+  }
   // Makes `service` answer every call with `bytes`.
   void answer(const std::string& service, const Bytes& bytes) {
     m_vesk.add_service(service, [bytes](const Transaction&) { return Reply{bytes, 0}; });

@@ -163,6 +163,7 @@ struct FakeVesk::State {
   std::uint32_t calling_back = 0;  // the connection whose endpoint the current step calls
 
   std::vector<Transaction> transactions;
+  std::vector<std::string> bindings;
   std::map<std::string, int, std::less<>> uses;
   std::vector<Failure> failures;
   bool null_runtime = false;
@@ -215,6 +216,7 @@ struct FakeVesk::State {
 
   vesk_handle connect(const std::string& name) {
     connections[++last_connection].service = name;
+    bindings.push_back("+" + name);
     return handle_of(last_connection);
   }
 
@@ -417,6 +419,7 @@ void FakeVesk::reset() {
   m_state.steps_done = m_state.steps_queued;
   m_state.pending_binds.clear();
   m_state.transactions.clear();
+  m_state.bindings.clear();
   m_state.uses.clear();
   m_state.failures.clear();
   m_state.shut_down = m_state.null_runtime = false;
@@ -541,6 +544,11 @@ std::vector<Transaction> FakeVesk::transactions() const {
 std::vector<Transaction> FakeVesk::transactions(const std::string& service) const {
   std::vector<Transaction> calls = transactions();
   return take_if(calls, [&service](const Transaction& call) { return call.service == service; });
+}
+
+std::vector<std::string> FakeVesk::bindings() const {
+  const State::Lock lock(m_state.mutex);
+  return m_state.bindings;
 }
 
 int FakeVesk::uses(std::string_view operation) const {
@@ -676,6 +684,7 @@ int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callba
 int vesk_service_unbind(void*, vesk_handle* handle) {
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
     connection.lookups = 0;
+    self.bindings.push_back("-" + connection.service);
     self.close_if_unused(lock, handle->words[0]);
   });
 }

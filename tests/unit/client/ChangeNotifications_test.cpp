@@ -16,7 +16,6 @@ using Client = service_apis::OrvelDelegateClient;
 using service_apis::find_package;
 using ::testing::ElementsAre;
 
-constexpr char kPower[] = "com.quarlo.orvel.powermanager";
 constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kName[] = "com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed";
 constexpr char kAdded[] = "com.quarlo.hux.sso.action.account.added";
@@ -36,8 +35,8 @@ Bytes maro_extra(int value) {
 class ChangeNotifications : public ClientTest {
  protected:
   ChangeNotifications() : ClientTest("OrvelDelegateClient") {
+    start_services();
     m_delegate.start();
-    m_vesk.add_service(kPower);
     answer(kConnectivity, Bytes().i32(0));
     EXPECT_TRUE(m_client.initialize());
   }

@@ -12,13 +12,12 @@ using Client = service_apis::OrvelDelegateClient;
 
 constexpr char kDelegate[] = "orvel_delegate";
 constexpr char kPower[] = "com.quarlo.orvel.powermanager";
-constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 
 class DeviceQueries : public ClientTest {
  protected:
   DeviceQueries() : ClientTest("OrvelDelegateClient") {
+    start_services();
     answer(kPower, Bytes().i32(0).i32(2));
-    m_vesk.add_service(kConnectivity);
     m_vesk.add_service(kDelegate, [](const Transaction& call) {
       if (call.code != 14) return Reply{Bytes().i32(0).utf16(std::to_string(call.code)), 0};
       return Reply{Bytes().i32(0).i32(1).utf16("1").utf16("2").utf16("3").utf16("type").null(), 0};

@@ -17,7 +17,6 @@ using ::testing::ElementsAre;
 
 constexpr char kDelegate[] = "orvel_delegate";
 constexpr char kPower[] = "com.quarlo.orvel.powermanager";
-constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kShuttingDown[] = "I shutdown:OrvelDelegateClient shutting down";
 constexpr char kHasShutDown[] = "I shutdown:OrvelDelegateClient has shut down";
 
@@ -27,9 +26,8 @@ class Lifecycle : public ClientTest {
   ~Lifecycle() override { m_client.shutdown(); }
 
   void start() {
+    start_services();
     answer(kDelegate, Bytes().i32(0).utf16("x"));
-    m_vesk.add_service(kPower);
-    m_vesk.add_service(kConnectivity);
     EXPECT_TRUE(m_client.initialize());
   }
 
@@ -49,6 +47,15 @@ TEST_F(Lifecycle, StartsOnceAndStartsAgainAfterAStop) {
     EXPECT_EQ(m_vesk.live(), Live{});
   }
   EXPECT_EQ(m_vesk.uses("vesk_run_loop"), 2) << "one thread for each start";
+}
+
+TEST_F(Lifecycle, ServicesComeAndGoEachInAnOrderOfItsOwn) {
+  start();
+  m_client.shutdown();
+  Lines order;
+  for (const char* name : kServices) order.push_back(std::string("+") + name);
+  for (const int n : {1, 0, 2, 3, 4}) order.push_back(std::string("-") + kServices[n]);
+  EXPECT_EQ(m_vesk.bindings(), order);
 }
 
 TEST_F(Lifecycle, AMissingOrNullRuntimeIsAnError) {
@@ -71,15 +78,14 @@ TEST_F(Lifecycle, AServiceThatIsGivenUpLeavesTheOthers) {
 }
 
 TEST_F(Lifecycle, AStopInterruptsABlockedStartWhicheverServiceItWaitsFor) {
-  for (const char* ready : {"another", kDelegate}) {
-    m_vesk.add_service(ready);
+  for (const char* awaited : kServices) {
     m_clock.stop();
     std::future<bool> started = std::async(std::launch::async, [this] { return m_client.initialize(); });
     m_clock.wait_for_sleeper();
     m_client.shutdown();
     EXPECT_FALSE(started.get());
     EXPECT_THAT(m_log.take("E"), ElementsAre("E initialize:Interrupted by shutdown"));
-    m_vesk.add_service(kDelegate);
+    m_vesk.add_service(awaited);
     EXPECT_EQ(m_log.take(), Lines{}) << "the pending bind must go too";
     EXPECT_EQ(m_vesk.live(), Live{});
   }

@@ -5,6 +5,7 @@
 
 #include "parcel/OrvelBundle.h"
 #include "support/ClientTest.h"
+#include "support/Reading.h"
 
 namespace orvel::test {
 namespace {
@@ -58,22 +59,6 @@ std::string read_intent(vesk_buffer* buffer) {
   const auto [action, data, text3, package, component, extras, categories, flags] = OrvelIntent::read(buffer);
   EXPECT_TRUE(categories.empty() && flags == 0) << "neither is received";
   return action + data + text3 + package + component.package_name + component.class_name + contents(extras);
-}
-
-struct Row {
-  const char* fault;
-  Bytes bytes;
-  std::string value;
-  std::size_t unread;
-};
-
-void expect_reads(std::string (*read)(vesk_buffer*), const std::vector<Row>& rows) {
-  for (const Row& row : rows) {
-    const BufferPtr buffer = buffer_of(row.bytes);
-    EXPECT_EQ(read(buffer.get()), row.value) << row.fault;
-    EXPECT_EQ(vesk_buffer_remaining(buffer.get()), row.unread) << row.fault;
-  }
-  EXPECT_EQ(read(nullptr), "");
 }
 
 template <typename Record>

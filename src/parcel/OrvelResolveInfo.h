@@ -1,0 +1,27 @@
+// What an intent resolves to.
+#pragma once
+
+#include "parcel/OrvelActivityInfo.h"
+#include "parcel/RecordArray.h"
+
+namespace orvel::service_apis {
+
+// The members stand in wire order. Only the component has a meaning to the library.
+struct OrvelResolveInfo {
+  OrvelActivityInfo activityInfo;
+  int resolveInt1 = 0;
+  int resolveInt2 = 0;
+  int resolveInt3 = 0;
+  int resolveInt4 = 0;
+
+  // False for a null buffer and an absent record, with nothing changed, and for one without a component, whose strings
+  // are empty then; its integers stay unread.
+  static bool read(vesk_buffer* buffer, OrvelResolveInfo& info);
+
+  // The library never sends this record: writes nothing, returns false.
+  bool write(vesk_payload* /*payload*/) const { return false; }
+};
+
+using OrvelResolveInfoArray = RecordArray<OrvelResolveInfo>;
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,25 @@
+// The activity manager service: the processes of the applications.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "binder/Binder.h"
+#include "parcel/RunningAppProcessInfo.h"
+
+namespace orvel::service_apis {
+
+// Threads: any.
+class IActivityManager {
+ public:
+  // Blocks until the service is bound or given up. `runtime` is borrowed.
+  explicit IActivityManager(void* runtime);
+
+  // Replaces `processes` by those that run. False, and `processes` empty, on failure.
+  bool getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes);
+
+ private:
+  Binder m_binder;
+};
+
+}  // namespace orvel::service_apis

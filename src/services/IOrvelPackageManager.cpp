@@ -1,0 +1,32 @@
+#include "services/IOrvelPackageManager.h"
+
+#include "binder/OrvelLogger.h"
+#include "parcel/StringArray.h"
+#include "services/Transact.h"
+
+namespace orvel::service_apis {
+namespace {
+
+const OrvelLogger s_logger("IOrvelPackageManager");
+
+constexpr char kServiceName[] = "com.quarlo.orvel.packagemanager";
+constexpr char kDescriptor[] = "com.quarlo.orveldelegate.packagemanager.IOrvelPackageManager";
+
+constexpr unsigned int kGetPackages = 2;
+
+}  // namespace
+
+IOrvelPackageManager::IOrvelPackageManager(void* runtime)
+    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+
+bool IOrvelPackageManager::getPackages(std::vector<std::string>& packages) {
+  packages.clear();
+  auto names = transact(m_binder, kDescriptor, kGetPackages, no_arguments, StringArray::read);
+  if (!names) return false;
+  packages = *std::move(names);
+  s_logger.i("%s:Read %zu packages", __func__, packages.size());
+  for (const std::string& package : packages) s_logger.d("%s:Package: %s", __func__, package.c_str());
+  return true;
+}
+
+}  // namespace orvel::service_apis
