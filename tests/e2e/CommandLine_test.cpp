@@ -33,9 +33,9 @@ TEST_F(NoDevice, WrongWordsListWhatThereIs) {
     Words words;
     const char* expected;
   } rows[] = {
-      {{"orvelctl", "frobnicate"}, "there are device, get, setting, screen"},
+      {{"orvelctl", "frobnicate"}, "there are device, get, setting"},
       {{"orvelctl", "get", "shoe-size"}, "serial-number"},
-      {{"orvelctl", "setting", ""}, "key is empty"},
+      {{"orvelctl", "setting", ""}, "key: it is empty"},
       {{"orvelctl", "setting", "k", "--default", "99999999999"}, "--default"},
       {{"orvelctl", "device", "--log-level", "loud"}, "warning"},
       {{"orvel-sim", "frobnicate"}, "set, unset, screen"},

@@ -124,6 +124,16 @@ std::optional<Json> Session::ask(const std::string& what, const std::string& ser
   return std::nullopt;
 }
 
+void Session::carryOut(const std::string& what, const std::string& service, const std::function<bool(Client&)>& call,
+                       const Json& object, const std::string& text) {
+  const auto done = ask(what, service, false, call);
+  if (done == Json(true)) {
+    print(object, text);
+  } else if (done) {
+    fail(what + ": refused");
+  }
+}
+
 void Session::fail(const std::string& message, ExitStatus status) {
   std::cerr << "orvelctl: " << message << std::endl;
   if (m_status == kSuccess) m_status = status;

@@ -64,6 +64,10 @@ class Session {
   std::optional<Json> ask(const std::string& what, const std::string& service, const Json& nothing,
                           const std::function<Json(Client&)>& call);
 
+  // Makes a call that gives whether it succeeded, and prints that it did.
+  void carryOut(const std::string& what, const std::string& service, const std::function<bool(Client&)>& call,
+                const Json& object, const std::string& text);
+
   bool json() const { return m_json; }
 
   // Says what failed and keeps the exit status, the first one if there are several.

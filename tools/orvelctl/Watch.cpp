@@ -18,14 +18,12 @@
 #include <system_error>
 #include <utility>
 
+#include "Services.h"
+
 namespace orvelctl {
 namespace {
 
 using Clock = std::chrono::system_clock;
-
-constexpr char kDelegate[] = "orvel_delegate";
-constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
-constexpr char kSettingPrefix[] = "setting:";
 
 struct Event {
   Clock::time_point time;
@@ -91,14 +89,20 @@ Kind flagKind(const char* name, const char* about, const char* service,
       }};
 }
 
+// Broadcasts of one action, as events of a kind.
+bool subscribeToAction(Client& client, Events& events, const char* kind, const std::string& action,
+                       const std::vector<std::string>& schemes) {
+  const auto tell = [kind, &events](const std::string& told, const std::string& package) {
+    events.add(kind, {{"action", told}, {"package", package}}, told + (package.empty() ? "" : " " + package));
+  };
+  return client.registerForPackageAction(action, {}, schemes, tell);
+}
+
 bool subscribeToPackages(Client& client, Events& events) {
   bool taken = true;
   for (const char* what : {"ADDED", "REMOVED", "REPLACED", "CHANGED"}) {
-    const auto tell = [&events](const std::string& action, const std::string& package) {
-      events.add("package", {{"action", action}, {"package", package}}, action + " " + package);
-    };
-    taken &=
-        client.registerForPackageAction(std::string("android.intent.action.PACKAGE_") + what, {}, {"package"}, tell);
+    const std::string action = std::string("android.intent.action.PACKAGE_") + what;
+    taken &= subscribeToAction(client, events, "package", action, {"package"});
   }
   return taken;
 }
@@ -130,27 +134,52 @@ const std::vector<Kind>& kinds() {
   return all;
 }
 
-Kind settingKind(const std::string& name) {
-  const std::string key = name.substr(sizeof(kSettingPrefix) - 1);
-  const auto subscribe = [key](Client& client, Events& events) {
-    return client.registerForSecureSettingIntChange(key, 0, [key, &events](int value) {
-      events.add("setting", {{"key", key}, {"value", value}}, key + " " + std::to_string(value));
-    });
+// A kind with a key behind its name.
+struct KeyedKind {
+  std::string prefix;  // "setting:"
+  std::string key;     // what the key is called
+  std::string about;
+  bool (*subscribe)(Client& client, Events& events, const std::string& key);
+};
+
+const std::vector<KeyedKind>& keyedKinds() {
+  static const std::vector<KeyedKind> all = {
+      {"setting:", "KEY", "a secure setting has a new value, which must be a number; a removed one counts as 0",
+       [](Client& client, Events& events, const std::string& key) {
+         return client.registerForSecureSettingIntChange(key, 0, [key, &events](int value) {
+           events.add("setting", {{"key", key}, {"value", value}}, key + " " + std::to_string(value));
+         });
+       }},
+      {"broadcast:", "ACTION", "a broadcast of the action, one without data; with the package it is about, if any",
+       [](Client& client, Events& events, const std::string& action) {
+         return subscribeToAction(client, events, "broadcast", action, {});
+       }},
   };
-  return {name, "", kDelegate, subscribe};
+  return all;
 }
 
-bool isSetting(const std::string& name) {
-  return name.rfind(kSettingPrefix, 0) == 0;
+// Null for a name that is no keyed kind's.
+const KeyedKind* keyedKindOf(const std::string& name) {
+  const auto fits = [&](const KeyedKind& kind) { return name.rfind(kind.prefix, 0) == 0; };
+  const auto found = std::find_if(keyedKinds().begin(), keyedKinds().end(), fits);
+  return found == keyedKinds().end() ? nullptr : &*found;
+}
+
+Kind kindCalled(const std::string& name) {
+  if (const KeyedKind* keyed = keyedKindOf(name)) {
+    const auto subscribe = [keyed, key = name.substr(keyed->prefix.size())](Client& client, Events& events) {
+      return keyed->subscribe(client, events, key);
+    };
+    return {name, "", kDelegate, subscribe};
+  }
+  return *std::find_if(kinds().begin(), kinds().end(), [&](const Kind& kind) { return kind.name == name; });
 }
 
 std::vector<Kind> kindsCalled(const std::vector<std::string>& names) {
   if (names.empty()) return kinds();
   std::vector<Kind> called;
-  for (const std::string& name : names) {
-    const auto has_name = [&](const Kind& kind) { return kind.name == name; };
-    called.push_back(isSetting(name) ? settingKind(name) : *std::find_if(kinds().begin(), kinds().end(), has_name));
-  }
+  called.reserve(names.size());
+  for (const std::string& name : names) called.push_back(kindCalled(name));
   return called;
 }
 
@@ -197,19 +226,25 @@ bool wait(const Session& session, const Events& events, bool writing, std::optio
 }  // namespace
 
 std::string whatIsWrongWithKind(const std::string& name) {
-  if (isSetting(name)) return name == kSettingPrefix ? "setting: needs a key, as in setting:volume_alarm" : "";
+  if (const KeyedKind* keyed = keyedKindOf(name)) {
+    return name == keyed->prefix ? name + " needs a key, as in " + name + keyed->key : "";
+  }
   std::string known;
   for (const Kind& kind : kinds()) {
     if (kind.name == name) return {};
     known += kind.name + ", ";
   }
-  return "no kind is called '" + name + "'; there are " + known + "setting:KEY";
+  for (const KeyedKind& kind : keyedKinds()) known += (known.back() == ' ' ? "" : ", ") + kind.prefix + kind.key;
+  return "no kind is called '" + name + "'; there are " + known;
 }
 
 std::string describeKinds() {
   std::ostringstream text;
-  for (const Kind& kind : kinds()) text << "  " << std::left << std::setw(14) << kind.name << kind.about << '\n';
-  text << "  setting:KEY   a secure setting has a new value, which must be a number; a removed one counts as 0\n";
+  const auto add = [&](const std::string& name, const std::string& about) {
+    text << "  " << std::left << std::setw(18) << name << about << '\n';
+  };
+  for (const Kind& kind : kinds()) add(kind.name, kind.about);
+  for (const KeyedKind& kind : keyedKinds()) add(kind.prefix + kind.key, kind.about);
   return text.str();
 }
 

@@ -13,18 +13,14 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
+#include "Commands.h"
 #include "LogWatch.h"
+#include "Services.h"
 #include "Session.h"
 #include "Watch.h"
 
 namespace orvelctl {
 namespace {
-
-constexpr char kDelegate[] = "orvel_delegate";
-constexpr char kPower[] = "com.quarlo.orvel.powermanager";
-constexpr char kNoService[] = "";
 
 constexpr char kFooter[] = R"(
 --json, --log-level and --timeout may also follow the subcommand.
@@ -35,6 +31,9 @@ Examples:
   orvelctl setting some_key --default 7    a secure setting
   orvelctl --json screen                   {"screenOn":true}
   orvelctl wake-lock full --timeout 5      give up after 5 seconds
+  orvelctl am broadcast -a com.example.HELLO --es name Anna --ei age 7
+  orvelctl am start -n com.example.app/.Main
+  orvelctl pm list packages                all that is installed
   orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
 
 Results go to standard output, everything else to standard error. The device is the one in ORVEL_RUNTIME_DIR, else
@@ -125,13 +124,7 @@ void takeWakeLock(Session& session, const std::string& kind) {
   const auto query = [&](Client& client) {
     return kind == "full" ? client.acquireFullWakeLock() : client.acquirePartialWakeLock();
   };
-  const std::string what = kind + " wake lock";
-  const auto result = session.ask(what, kPower, false, query);
-  if (result == Json(true)) {
-    session.print({{"wakeLock", kind}, {"acquired", true}}, "acquired");
-  } else if (result) {
-    session.fail(what + ": refused");
-  }
+  session.carryOut(kind + " wake lock", kPower, query, {{"wakeLock", kind}, {"acquired", true}}, "acquired");
 }
 
 const std::map<std::string, int>& logLevels() {
@@ -142,14 +135,20 @@ const std::map<std::string, int>& logLevels() {
 }
 
 std::string explain(const CLI::App* app, const CLI::Error& error) {
+  const CLI::App* innermost = app;
+  while (!innermost->get_subcommands().empty()) innermost = innermost->get_subcommands().front();
   std::string names;
-  for (const CLI::App* subcommand : app->get_subcommands([](const CLI::App*) { return true; })) {
+  for (const CLI::App* subcommand : innermost->get_subcommands([](const CLI::App*) { return true; })) {
     names += (names.empty() ? "" : ", ") + subcommand->get_name();
   }
-  const std::vector<std::string> extra = app->remaining();
-  const bool unknown = app->get_subcommands().empty() && !extra.empty();
-  return "orvelctl: " + (unknown ? "no subcommand is called " + extra.front() + "; there are " + names : error.what()) +
-         "\nRun with --help for more information.\n";
+  const std::vector<std::string> extra = app->remaining(/*recurse=*/true);
+  std::string what = error.what();
+  if (!names.empty() && dynamic_cast<const CLI::RequiredError*>(&error)) {
+    what = extra.empty() ? "a subcommand is required" : "no subcommand is called " + extra.front();
+    if (innermost != app) what.insert(0, innermost->get_name() + ": ");
+    what += "; there are " + names;
+  }
+  return "orvelctl: " + what + "\nRun with --help for more information.\n";
 }
 
 int parseAndRun(int argc, char** argv) {
@@ -158,6 +157,7 @@ int parseAndRun(int argc, char** argv) {
   app.fallthrough();
   app.footer(kFooter + 1);
   app.failure_message(explain);
+  app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
   bool json = false;
   std::string level = "warning";
   double timeout = 0;
@@ -169,56 +169,62 @@ int parseAndRun(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--timeout", timeout, "give up after so many seconds (default: never)")->check(CLI::Range(0.001, 1e6));
 
-  std::function<void(Session&)> command;
-  const auto add = [&](const char* name, const char* about, std::function<void(Session&)> run) {
-    CLI::App* subcommand = app.add_subcommand(name, about);
-    subcommand->callback([&command, run = std::move(run)] { command = run; });
-    return subcommand;
-  };
+  Command command;
+  Commands commands(app, command);
 
-  add("device", "Show all about the device", showDevice);
+  commands.add("device", "Show all about the device", showDevice);
 
   std::string name;
   std::vector<std::string> names;
   for (const Value& value : identity()) names.push_back(value.name);
-  add("get", "Show one value of the device's identity",
-      [&](Session& session) {
-        for (const Value& value : identity()) {
-          if (value.name == name) show(session, value);
-        }
-      })
+  commands
+      .add("get", "Show one value of the device's identity",
+           [&](Session& session) {
+             for (const Value& value : identity()) {
+               if (value.name == name) show(session, value);
+             }
+           })
       ->add_option("value", name)
       ->required()
       ->check(CLI::IsMember(names));
 
   std::string key;
   int fallback = 0;
-  CLI::App* setting = add("setting", "Show a secure setting that is a number",
-                          [&](Session& session) { showSetting(session, key, fallback); });
-  setting->add_option("key", key)->required()->check([](const std::string& given) {
-    return given.empty() ? "the key is empty" : "";
-  });
-  setting->add_option("--default", fallback, "what an unset or empty setting counts as")->capture_default_str();
+  const auto add_setting = [&](CLI::App* setting) {
+    addText(setting, "key", key, "");
+    setting->add_option("--default", fallback, "what an unset or empty setting counts as")->capture_default_str();
+  };
+  const auto show_setting = [&](Session& session) { showSetting(session, key, fallback); };
+  add_setting(commands.add("setting", "Show a secure setting that is a number", show_setting));
+  Commands settings = commands.group("settings", "The same, in the words of a device's own settings: get secure KEY");
+  add_setting(
+      settings.group("get", "Show a setting").add("secure", "Show a secure setting that is a number", show_setting));
 
-  add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
-  add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
-      [](Session& session) { show(session, kAssistant); });
-  add("network", "Show what the client says of the network: always disconnected, its state comes by notification only",
-      [](Session& session) { show(session, kNetwork); });
+  commands.add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
+  commands.add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
+               [](Session& session) { show(session, kAssistant); });
+  commands.add("network",
+               "Show what the client says of the network: always disconnected, its state comes by notification only",
+               [](Session& session) { show(session, kNetwork); });
 
   std::string kind;
-  add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
-      [&](Session& session) { takeWakeLock(session, kind); })
+  commands
+      .add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
+           [&](Session& session) { takeWakeLock(session, kind); })
       ->add_option("kind", kind)
       ->required()
       ->check(CLI::IsMember({"partial", "full"}));
 
+  addActivityCommands(commands);
+  addPackageCommands(commands);
+
   WatchOptions watch_options;
   double for_seconds = 0;
-  CLI::App* watch = add("watch", "Print changes as they happen, one a line, until Ctrl-C", [&](Session& session) {
-    if (for_seconds > 0) watch_options.for_seconds = Seconds(for_seconds);
-    watchChanges(session, watch_options);
-  });
+  CLI::App* watch =
+      commands.add("watch", "Print changes as they happen, one a line, until Ctrl-C", [&](Session& session) {
+        if (for_seconds > 0) watch_options.for_seconds = Seconds(for_seconds);
+        watchChanges(session, watch_options);
+      });
   watch->add_option("kinds", watch_options.kinds, "what to watch (default: all but settings)")
       ->check(whatIsWrongWithKind, "", "")
       ->type_name("");

@@ -1,0 +1,60 @@
+// Writes a line for every package that is installed, removed or replaced, with the version that it has now. Ctrl-C ends
+// it.
+#include <signal.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <iomanip>
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "orvel/OrvelDelegateClient.h"
+
+using orvel::service_apis::OrvelDelegateClient;
+
+namespace {
+
+constexpr char kPrefix[] = "android.intent.action.PACKAGE_";
+
+bool watch(OrvelDelegateClient& client) {
+  // Runs on the client's own thread, and may ask the client.
+  const auto tell = [&client](const std::string& action, const std::string& package) {
+    const std::string version = client.getPackageVersionName(package, 0);
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    std::cout << std::put_time(localtime_r(&now, &local), "%F %T ") << action.substr(sizeof(kPrefix) - 1) << ' '
+              << package << ' ' << (version.empty() ? "is not installed" : "has version " + version) << std::endl;
+  };
+  for (const char* what : {"ADDED", "REMOVED", "REPLACED"}) {
+    if (!client.registerForPackageAction(kPrefix + std::string(what), {}, {"package"}, tell)) return false;
+  }
+  std::cerr << "package-watcher: watching; Ctrl-C ends" << std::endl;
+  return true;
+}
+
+}  // namespace
+
+int main() {
+  // Blocked before there is a second thread, so that every thread leaves them to the one that waits for them.
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGINT);
+  sigaddset(&ending, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+
+  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+  std::thread ender([&] {
+    int signal = 0;
+    sigwait(&ending, &signal);
+    client.shutdown();  // also ends an initialize() that waits for a service
+  });
+
+  const bool watching = client.initialize() && watch(client);
+  if (!watching) {
+    std::cerr << "package-watcher: there is no device, or its services do not answer" << std::endl;
+    kill(getpid(), SIGTERM);
+  }
+  ender.join();
+  return watching ? 0 : 1;
+}

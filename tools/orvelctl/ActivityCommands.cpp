@@ -1,0 +1,206 @@
+// orvelctl am: sends intents, and shows what runs.
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Commands.h"
+#include "Services.h"
+#include "orvel/OrvelIntent.h"
+
+namespace orvelctl {
+namespace {
+
+using orvel::service_apis::Bundle;
+using orvel::service_apis::ComponentName;
+using orvel::service_apis::OrvelIntent;
+
+constexpr char kIntentFooter[] = R"(
+TARGET is a URI (it has a colon: the data), a COMPONENT (it has a slash) or a PACKAGE. A COMPONENT is PACKAGE/CLASS; a
+class that begins with a dot is one of that package.
+A long integer among the extras is sent only when there is a string or another integer too: the client counts those.
+
+The service takes an intent and does not say what becomes of it.)";
+
+// PACKAGE/CLASS, where "/.Name" is short for the class Name of the package itself.
+ComponentName readComponent(const std::string& word) {
+  const std::size_t slash = word.find('/');
+  if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) {
+    throw CLI::ValidationError("component", "expected PACKAGE/CLASS, not '" + word + "'");
+  }
+  const std::string package = word.substr(0, slash);
+  const std::string name = word.substr(slash + 1);
+  return {package, name.front() == '.' ? package + name : name};
+}
+
+template <typename Value>
+using Extras = std::vector<std::pair<std::string, Value>>;
+
+// Adds the extras that one option gave. A flag travels as 1 or 0.
+template <typename Kept, typename Given>
+void put(Bundle& bundle, const char* option, const Extras<Given>& extras) {
+  for (const auto& [key, value] : extras) {
+    if (!bundle.put(key, static_cast<Kept>(value))) {
+      throw CLI::ValidationError(option, "'" + key + "' is given twice");
+    }
+  }
+}
+
+// What the words of an intent are read into.
+struct IntentOptions {
+  OrvelIntent plain;  // what needs no reading
+  std::int64_t flags = 0;
+  std::string component;
+  std::string target;
+  Extras<std::string> texts;
+  Extras<int> numbers;
+  Extras<std::int64_t> long_numbers;
+  Extras<bool> truths;
+
+  // The intent that they make; throws CLI::ValidationError.
+  OrvelIntent intent() const {
+    OrvelIntent made = plain;
+    made.flags = static_cast<int>(flags);  // as 32 bits, of which the platform's flags use the sign too
+    if (!component.empty()) made.component = readComponent(component);
+    if (target.find(':') != std::string::npos) {
+      made.data = target;
+    } else if (target.find('/') != std::string::npos) {
+      made.component = readComponent(target);
+    } else if (!target.empty()) {
+      made.package = target;
+    }
+    put<std::string>(made.extras, "--es", texts);
+    put<int>(made.extras, "--ei", numbers);
+    put<long long>(made.extras, "--el", long_numbers);
+    put<int>(made.extras, "--ez", truths);
+    return made;
+  }
+};
+
+void addIntentOptions(CLI::App* subcommand, IntentOptions& options) {
+  const auto add = [&](const char* names, auto& value, const char* type, const char* about) {
+    return subcommand->add_option(names, value, about)->type_name(type);
+  };
+  add("-a,--action", options.plain.action, "NAME", "what is to be done or has happened");
+  add("-d,--data", options.plain.data, "URI", "what it is about");
+  add("-t,--type", options.plain.text3, "MIME", "the MIME type of the data");
+  add("-c,--category", options.plain.categories, "NAME", "a category; may be repeated")->allow_extra_args(false);
+  add("-n,--component", options.component, "COMPONENT", "the component that it is for");
+  add("-p,--package", options.plain.package, "PACKAGE", "the package that it is limited to");
+  add("-f,--flags", options.flags, "NUMBER", "the platform's flags of intents, such as 0x10000000")
+      ->check(CLI::Range(std::int64_t{INT32_MIN}, std::int64_t{UINT32_MAX}));
+  add("-e,--es", options.texts, "KEY TEXT", "an extra, a string; may be repeated, as the others")
+      ->allow_extra_args(false);
+  add("--ei", options.numbers, "KEY NUMBER", "an extra, a 32-bit integer")->allow_extra_args(false);
+  add("--el", options.long_numbers, "KEY NUMBER", "an extra, a 64-bit integer")->allow_extra_args(false);
+  add("--ez", options.truths, "KEY true|false", "an extra, true or false")->allow_extra_args(false);
+  add("target", options.target, "", "in place of -d, -n or -p");
+  subcommand->footer(kIntentFooter + 1);
+}
+
+using Send = std::function<bool(Client& client, const OrvelIntent* intent)>;
+
+// A subcommand that gives the client one intent, which must name one of `needed`.
+CLI::App* addSender(Commands& commands, const char* name, const char* about, const char* done, const Send& send) {
+  const auto options = std::make_shared<IntentOptions>();
+  const auto intent = std::make_shared<OrvelIntent>();
+  CLI::App* sender = commands.add(name, about, [=](Session& session) {
+    session.carryOut(
+        name, kDelegate, [&](Client& client) { return send(client, intent.get()); }, {{done, true}}, done);
+  });
+  addIntentOptions(sender, *options);
+  sender->parse_complete_callback([=] {
+    *intent = options->intent();
+    if (intent->action.empty() && intent->package.empty() && intent->component.package_name.empty()) {
+      throw CLI::ValidationError(name, "an action, a package or a component is expected");
+    }
+  });
+  return sender;
+}
+
+void addBroadcasts(Commands& commands) {
+  const auto permission = std::make_shared<std::string>();
+  const auto send = [permission](Client& client, const OrvelIntent* intent) {
+    return permission->empty() ? client.broadcastIntent(intent)
+                               : client.broadcastIntentWithPermission(intent, *permission);
+  };
+  addSender(commands, "broadcast", "Broadcast an intent", "sent", send)
+      ->add_option("--receiver-permission", *permission, "reach only receivers that hold the permission")
+      ->type_name("NAME");
+
+  struct OneNumber {
+    std::string action;
+    std::string component;
+    std::string key;
+    int value = 0;
+  };
+  const auto given = std::make_shared<OneNumber>();
+  CLI::App* one =
+      commands.add("broadcast-int", "Broadcast an action to one component, with one extra", [given](Session& session) {
+        const auto [package, name] = readComponent(given->component);
+        const auto call = [&, &package = package, &name = name](Client& client) {
+          return client.broadcastIntentWithIntKey(given->action, package, name, given->key, given->value);
+        };
+        session.carryOut("broadcast-int", kDelegate, call, {{"sent", true}}, "sent");
+      });
+  addText(one, "action", given->action, "");
+  addText(one, "component", given->component, "PACKAGE/CLASS")
+      ->check(
+          [](const std::string& word) {
+            readComponent(word);
+            return std::string();
+          },
+          "", "");
+  addText(one, "key", given->key, "");
+  one->add_option("value", given->value)->required()->type_name("NUMBER");
+}
+
+void addProcesses(Commands& commands) {
+  commands.add("foreground", "List the packages of the processes in the foreground", [](Session& session) {
+    showPackages(session, "foreground packages", kActivities, Json::object(), namesBy(&Client::getForegroundPackages));
+  });
+
+  const auto package = std::make_shared<std::string>();
+  CLI::App* state = commands.add("process-state", "Show how the process of a package stands", [=](Session& session) {
+    const auto query = [&](Client& client) {
+      bool found = false;
+      bool focused = false;
+      int importance = 0;
+      if (!client.getAppProcessState(*package, found, importance, focused)) return Json();
+      return Json{{"package", *package}, {"running", found}, {"importance", importance}, {"focused", focused}};
+    };
+    if (const auto result = session.ask("process state of " + *package, kActivities, nullptr, query)) {
+      std::string text = "not running";
+      if (result->at("running")) {
+        text = "importance " + result->at("importance").dump() + (result->at("focused") ? ", focused" : "");
+      }
+      session.print(*result, text);
+    }
+  });
+  addText(state, "package", *package, "");
+  state->footer("The importance is the platform's: 100 is the foreground, more is less; -1 when nothing runs.");
+}
+
+}  // namespace
+
+void addActivityCommands(Commands& commands) {
+  Commands group =
+      commands.group("am", "Send intents and show what runs: broadcast, start, start-service, launch, ...");
+  addBroadcasts(group);
+  addSender(group, "start", "Start an activity", "started", &Client::startActivity)->alias("start-activity");
+  addSender(group, "start-service", "Start a service", "started", &Client::startService)->alias("startservice");
+  addSender(group, "start-foreground-service", "Start a service that stays in the foreground", "started",
+            &Client::startForegroundService);
+
+  const auto package = std::make_shared<std::string>();
+  CLI::App* launch = group.add("launch", "Start the main activity of a package", [package](Session& session) {
+    const auto call = [&](Client& client) { return client.launchApplicationWithPackageName(*package); };
+    session.carryOut("launch " + *package, kDelegate, call, {{"launched", *package}}, "launched");
+  });
+  addText(launch, "package", *package, "");
+  addProcesses(group);
+}
+
+}  // namespace orvelctl

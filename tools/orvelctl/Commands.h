@@ -1,0 +1,58 @@
+// The subcommands, each a description of its arguments and what it does with a session.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "Session.h"
+
+namespace orvelctl {
+
+using Command = std::function<void(Session&)>;
+
+// Where subcommands are added: beneath an app or another subcommand. The one that is given becomes `chosen`.
+class Commands {
+ public:
+  Commands(CLI::App& parent, Command& chosen) : m_parent(parent), m_chosen(chosen) {}  // both outlive the parsing
+
+  CLI::App* add(const std::string& name, const std::string& about, Command run) {
+    CLI::App* subcommand = m_parent.add_subcommand(name, about);
+    subcommand->callback([&chosen = m_chosen, run = std::move(run)] { chosen = run; });
+    return subcommand;
+  }
+
+  // A name that subcommands stand behind.
+  Commands group(const std::string& name, const std::string& about) {
+    return {*m_parent.add_subcommand(name, about)->require_subcommand(1), m_chosen};
+  }
+
+ private:
+  CLI::App& m_parent;
+  Command& m_chosen;
+};
+
+// A text argument that must be given and not be empty.
+CLI::Option* addText(CLI::App* subcommand, const std::string& name, std::string& value, const std::string& about);
+
+using Names = std::vector<std::string>;
+using NamesQuery = std::function<std::optional<Names>(Client&)>;
+
+// A query that fills a list and tells whether it could.
+NamesQuery namesBy(bool (Client::*query)(Names&));
+
+// Asks for names, and prints them: one a line, none for none, or as the object with a list "packages".
+void showPackages(Session& session, const std::string& what, const std::string& service, Json object,
+                  const NamesQuery& query);
+
+// am: intents and processes, in the words of a device's own am.
+void addActivityCommands(Commands& commands);
+
+// pm: packages, in the words of a device's own pm.
+void addPackageCommands(Commands& commands);
+
+}  // namespace orvelctl

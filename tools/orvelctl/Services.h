@@ -1,0 +1,13 @@
+// The names of the services that the client asks, by which its log speaks of them.
+#pragma once
+
+namespace orvelctl {
+
+constexpr char kDelegate[] = "orvel_delegate";
+constexpr char kPower[] = "com.quarlo.orvel.powermanager";
+constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
+constexpr char kActivities[] = "com.quarlo.orvel.activitymanager";
+constexpr char kPackages[] = "com.quarlo.orvel.packagemanager";
+constexpr char kNoService[] = "";
+
+}  // namespace orvelctl
