@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,17 +36,27 @@ ComponentName readComponent(const std::string& word) {
   return {package, name.front() == '.' ? package + name : name};
 }
 
-template <typename Value>
-using Extras = std::vector<std::pair<std::string, Value>>;
+// Keys and values as they were given.
+using Extras = std::vector<std::pair<std::string, std::string>>;
 
-// Adds the extras that one option gave. A flag travels as 1 or 0.
-template <typename Kept, typename Given>
-void put(Bundle& bundle, const char* option, const Extras<Given>& extras) {
-  for (const auto& [key, value] : extras) {
-    if (!bundle.put(key, static_cast<Kept>(value))) {
-      throw CLI::ValidationError(option, "'" + key + "' is given twice");
-    }
+// Adds the extras that one option gave, each read by `read`, which gives nothing for a word that is no `kind`.
+template <typename Read>
+void put(Bundle& bundle, const std::string& option, const Extras& extras, const std::string& kind, Read read) {
+  for (const auto& [key, word] : extras) {
+    const auto value = read(word);
+    if (!value) throw CLI::ValidationError(option + " " + key, "expected " + kind + ", not '" + word + "'");
+    if (!bundle.put(key, *value)) throw CLI::ValidationError(option + " " + key, "given twice");
   }
+}
+
+std::optional<std::string> readText(const std::string& word) {
+  return word;
+}
+
+// Travels as 1 or 0.
+std::optional<int> readTruth(const std::string& word) {
+  if (word != "true" && word != "false") return std::nullopt;
+  return word == "true" ? 1 : 0;
 }
 
 // What the words of an intent are read into.
@@ -54,10 +65,10 @@ struct IntentOptions {
   std::int64_t flags = 0;
   std::string component;
   std::string target;
-  Extras<std::string> texts;
-  Extras<int> numbers;
-  Extras<std::int64_t> long_numbers;
-  Extras<bool> truths;
+  Extras texts;
+  Extras numbers;
+  Extras long_numbers;
+  Extras truths;
 
   // The intent that they make; throws CLI::ValidationError.
   OrvelIntent intent() const {
@@ -71,10 +82,10 @@ struct IntentOptions {
     } else if (!target.empty()) {
       made.package = target;
     }
-    put<std::string>(made.extras, "--es", texts);
-    put<int>(made.extras, "--ei", numbers);
-    put<long long>(made.extras, "--el", long_numbers);
-    put<int>(made.extras, "--ez", truths);
+    put(made.extras, "--es", texts, "text", readText);
+    put(made.extras, "--ei", numbers, "a number of 32 bits", readNumber<int>);
+    put(made.extras, "--el", long_numbers, "a number of 64 bits", readNumber<long long>);
+    put(made.extras, "--ez", truths, "true or false", readTruth);
     return made;
   }
 };

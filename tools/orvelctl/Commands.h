@@ -1,7 +1,10 @@
 // The subcommands, each a description of its arguments and what it does with a session.
 #pragma once
 
+#include <cerrno>
+#include <cstdlib>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -38,6 +41,17 @@ class Commands {
 
 // A text argument that must be given and not be empty.
 CLI::Option* addText(CLI::App* subcommand, const std::string& name, std::string& value, const std::string& about);
+
+// The number that a word stands for, decimal or with 0x; nothing when it is none or does not fit.
+template <typename Number>
+std::optional<Number> readNumber(const std::string& word) {
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(word.c_str(), &end, 0);
+  const bool whole = !word.empty() && *end == '\0' && errno == 0;
+  if (!whole || value < std::numeric_limits<Number>::min() || value > std::numeric_limits<Number>::max()) return {};
+  return static_cast<Number>(value);
+}
 
 using Names = std::vector<std::string>;
 using NamesQuery = std::function<std::optional<Names>(Client&)>;

@@ -60,12 +60,11 @@ std::function<void(Session&, const Options&)> showVersion(const char* key, Versi
   };
 }
 
-int readNumber(const std::optional<std::string>& word) {
-  int number = 0;
-  if (word && !CLI::detail::lexical_cast(*word, number)) {
-    throw CLI::ValidationError("--default", "expected a whole number of 32 bits, not '" + *word + "'");
-  }
-  return number;
+// What --default says of an integer.
+int readFallback(const std::optional<std::string>& word) {
+  const std::optional<int> number = word ? readNumber<int>(*word) : 0;
+  if (!number) throw CLI::ValidationError("--default", "expected a number of 32 bits, not '" + *word + "'");
+  return *number;
 }
 
 void showMetaData(Session& session, const Options& options) {
@@ -78,7 +77,7 @@ void showMetaData(Session& session, const Options& options) {
               fallback, query);
   };
   if (options.number) {
-    show(readNumber(options.fallback));
+    show(readFallback(options.fallback));
   } else {
     show(options.fallback.value_or(""));
   }
@@ -129,7 +128,7 @@ void addPackageCommands(Commands& commands) {
   data->add_flag("--int", options->number, "an entry that is an integer; else one that is a string");
   data->add_option("--default", options->fallback, "what counts where there is no such entry")->type_name("VALUE");
   data->parse_complete_callback([options] {
-    if (options->number) readNumber(options->fallback);  // says what is wrong while there is no device yet
+    if (options->number) readFallback(options->fallback);  // says what is wrong while there is no device yet
   });
   addFlags(data)->footer("Without --flags they are 0x80, which asks for the metadata.");
 
