@@ -19,8 +19,9 @@ using orvel::service_apis::ComponentName;
 using orvel::service_apis::OrvelIntent;
 
 constexpr char kIntentFooter[] = R"(
-TARGET is a URI (it has a colon: the data), a COMPONENT (it has a slash) or a PACKAGE. A COMPONENT is PACKAGE/CLASS; a
-class that begins with a dot is one of that package.
+TARGET is a URI (it has a colon: the data), a COMPONENT (it has a slash) or a PACKAGE. The last two bring the action MAIN
+and the category LAUNCHER along where none is given. A COMPONENT is PACKAGE/CLASS; a class that begins with a dot is one
+of that package.
 A long integer among the extras is sent only when there is a string or another integer too: the client counts those.
 
 The service takes an intent and does not say what becomes of it.)";
@@ -77,10 +78,14 @@ struct IntentOptions {
     if (!component.empty()) made.component = readComponent(component);
     if (target.find(':') != std::string::npos) {
       made.data = target;
-    } else if (target.find('/') != std::string::npos) {
-      made.component = readComponent(target);
     } else if (!target.empty()) {
-      made.package = target;
+      if (target.find('/') != std::string::npos) {
+        made.component = readComponent(target);
+      } else {
+        made.package = target;
+      }
+      if (made.action.empty()) made.action = "android.intent.action.MAIN";
+      if (made.categories.empty()) made.categories = {"android.intent.category.LAUNCHER"};
     }
     put(made.extras, "--es", texts, "text", readText);
     put(made.extras, "--ei", numbers, "a number of 32 bits", readNumber<int>);
