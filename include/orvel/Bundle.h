@@ -39,6 +39,11 @@ class ORVEL_API Bundle {
   bool write(vesk_payload* payload) const;
 
  private:
+  friend struct OrvelIntent;
+
+  // Announces `length`, and returns the one that it wrote; 0 when something could not be written.
+  ORVEL_LOCAL int write(vesk_payload* payload, int length) const;
+
   std::unordered_map<std::string, std::int32_t> m_integers;
   std::unordered_map<std::string, std::int64_t> m_longs;
   std::unordered_map<std::string, std::string> m_strings;

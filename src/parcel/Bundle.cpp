@@ -43,15 +43,17 @@ Bundle Bundle::read(vesk_buffer* buffer) {
 }
 
 bool Bundle::write(vesk_payload* payload) const {
-  return write_measured(payload, [this](vesk_payload* into, int length) {
-    Int32::write(into, length);
-    const unsigned int start = vesk_payload_get_position(into);  // The length does not count itself.
-    Int32::write(into, static_cast<int>(m_integers.size() + m_longs.size() + m_strings.size()));
-    write_entries(into, m_integers);
-    write_entries(into, m_longs);
-    write_entries(into, m_strings);
-    return written_since(into, start);
-  });
+  return write_measured(payload, [this](vesk_payload* into, int length) { return write(into, length); });
+}
+
+int Bundle::write(vesk_payload* payload, int length) const {
+  Int32::write(payload, length);
+  const unsigned int start = vesk_payload_get_position(payload);  // The length does not count itself.
+  Int32::write(payload, static_cast<int>(m_integers.size() + m_longs.size() + m_strings.size()));
+  write_entries(payload, m_integers);
+  write_entries(payload, m_longs);
+  write_entries(payload, m_strings);
+  return written_since(payload, start);
 }
 
 }  // namespace orvel::service_apis

@@ -19,7 +19,8 @@ OrvelIntent OrvelIntent::read(vesk_buffer* buffer) {
 }
 
 bool OrvelIntent::write(vesk_payload* payload) const {
-  return write_measured(payload, [this](vesk_payload* into, int length) {
+  int extras_length = 0;  // learnt while the intent is measured, so that they are not measured within each writing
+  return write_measured(payload, [&](vesk_payload* into, int length) {
     Int32::write(into, 1);
     const unsigned int start = vesk_payload_get_position(into);  // Unlike a bundle's, the length counts itself.
     Int32::write(into, length);
@@ -31,7 +32,7 @@ bool OrvelIntent::write(vesk_payload* payload) const {
     if (component.good()) component.write(into);
     const bool has_extras = extras.size() >= 1;
     Int32::write(into, has_extras ? 1 : 0);
-    if (has_extras && !extras.write(into)) return 0;
+    if (has_extras) extras_length = extras.write(into, extras_length);
     StringArray::write(into, categories);
     Int32::write(into, flags);
     return written_since(into, start);

@@ -152,7 +152,7 @@ TEST_F(Intents, EveryFailedWriteFailsTheIntentAndLeaksNothing) {
     const int before = m_vesk.uses(operation);
     EXPECT_TRUE(intent.write(good.get()));
     const int uses = m_vesk.uses(operation) - before;
-    EXPECT_GT(uses, 1) << operation;
+    EXPECT_GT(uses, 0) << operation;
     for (int nth = 1; nth <= uses; ++nth) {
       const PayloadPtr payload(vesk_payload_alloc());
       m_vesk.fail_once(operation, nth);
