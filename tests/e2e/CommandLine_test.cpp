@@ -42,6 +42,7 @@ TEST_F(NoDevice, WrongWordsListWhatThereIs) {
       {{"orvelctl", "am", "broadcast", "-a", "X", "--ei", "k", "99999999999"}, "--ei k: expected a number of 32 bits"},
       {{"orvelctl", "am", "start", "-a", "X", "--es", "k", "1", "--es", "k", "2"}, "--es k: given twice"},
       {{"orvelctl", "am", "start", "-n", "com.example.app"}, "expected PACKAGE/CLASS"},
+      {{"orvelctl", "am", "start", "-n", "a/.B", "c/.D"}, "'c/.D' and --component exclude each other"},
       {{"orvel-sim", "frobnicate"}, "set, unset, screen"},
       {{"orvel-sim", "kill", "toaster"}, "no service is called toaster; there are delegate, power"},
       {{"orvel-sim", "delay", "power", "getName", "5"}, "isInteractive, wakeUpDevice, getVersion"},

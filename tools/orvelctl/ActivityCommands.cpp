@@ -76,22 +76,33 @@ struct IntentOptions {
     OrvelIntent made = plain;
     made.flags = static_cast<int>(flags);  // as 32 bits, of which the platform's flags use the sign too
     if (!component.empty()) made.component = readComponent(component);
-    if (target.find(':') != std::string::npos) {
-      made.data = target;
-    } else if (!target.empty()) {
-      if (target.find('/') != std::string::npos) {
-        made.component = readComponent(target);
-      } else {
-        made.package = target;
-      }
-      if (made.action.empty()) made.action = "android.intent.action.MAIN";
-      if (made.categories.empty()) made.categories = {"android.intent.category.LAUNCHER"};
-    }
+    if (!target.empty()) readTarget(made);
     put(made.extras, "--es", texts, "text", readText);
     put(made.extras, "--ei", numbers, "a number of 32 bits", readNumber<int>);
     put(made.extras, "--el", long_numbers, "a number of 64 bits", readNumber<long long>);
     put(made.extras, "--ez", truths, "true or false", readTruth);
     return made;
+  }
+
+ private:
+  void readTarget(OrvelIntent& made) const {
+    const auto expect_first = [&](bool empty, const char* option) {
+      if (!empty) throw CLI::ValidationError("target", "'" + target + "' and " + option + " exclude each other");
+    };
+    if (target.find(':') != std::string::npos) {
+      expect_first(made.data.empty(), "--data");
+      made.data = target;
+      return;
+    }
+    if (target.find('/') != std::string::npos) {
+      expect_first(component.empty(), "--component");
+      made.component = readComponent(target);
+    } else {
+      expect_first(made.package.empty(), "--package");
+      made.package = target;
+    }
+    if (made.action.empty()) made.action = "android.intent.action.MAIN";
+    if (made.categories.empty()) made.categories = {"android.intent.category.LAUNCHER"};
   }
 };
 
@@ -118,7 +129,7 @@ void addIntentOptions(CLI::App* subcommand, IntentOptions& options) {
 
 using Send = std::function<bool(Client& client, const OrvelIntent* intent)>;
 
-// A subcommand that gives the client one intent, which must name one of `needed`.
+// A subcommand that gives the client one intent, which must say what is to be done or by whom.
 CLI::App* addSender(Commands& commands, const char* name, const char* about, const char* done, const Send& send) {
   const auto options = std::make_shared<IntentOptions>();
   const auto intent = std::make_shared<OrvelIntent>();

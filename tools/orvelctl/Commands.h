@@ -45,9 +45,10 @@ CLI::Option* addText(CLI::App* subcommand, const std::string& name, std::string&
 // The number that a word stands for, decimal or with 0x; nothing when it is none or does not fit.
 template <typename Number>
 std::optional<Number> readNumber(const std::string& word) {
+  const int base = word.find('x') == std::string::npos ? 10 : 16;  // a leading 0 alone says nothing
   errno = 0;
   char* end = nullptr;
-  const long long value = std::strtoll(word.c_str(), &end, 0);
+  const long long value = std::strtoll(word.c_str(), &end, base);
   const bool whole = !word.empty() && *end == '\0' && errno == 0;
   if (!whole || value < std::numeric_limits<Number>::min() || value > std::numeric_limits<Number>::max()) return {};
   return static_cast<Number>(value);
