@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "parcel/Int32.h"
 #include "vesk/vesk.h"
 
 namespace orvel::service_apis {
@@ -24,6 +25,22 @@ bool write_measured(vesk_payload* payload, const Write& write) {
 // The bytes between `start` and the position of the payload; 0 once a write has failed.
 inline int written_since(vesk_payload* payload, unsigned int start) {
   return vesk_payload_last_error(payload) == 0 ? static_cast<int>(vesk_payload_get_position(payload) - start) : 0;
+}
+
+// Writes a record behind the mark that it is there and its length in bytes, the length word's own included, which is
+// filled in at the end. `write_members` gives false to break off: the length then stays 0. False for a null payload too.
+template <typename Write>
+bool write_patched(vesk_payload* payload, const Write& write_members) {
+  if (!payload) return false;
+  Int32::write(payload, 1);
+  const unsigned int start = vesk_payload_get_position(payload);
+  Int32::write(payload, 0);
+  if (!write_members()) return false;
+  const unsigned int end = vesk_payload_get_position(payload);
+  vesk_payload_set_position(payload, start);
+  Int32::write(payload, static_cast<int>(end - start));
+  vesk_payload_set_position(payload, end);
+  return true;
 }
 
 }  // namespace orvel::service_apis
