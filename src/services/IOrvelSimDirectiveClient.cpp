@@ -1,0 +1,61 @@
+#include "services/IOrvelSimDirectiveClient.h"
+
+#include "binder/OrvelLogger.h"
+#include "vesk/vesk.h"
+
+namespace orvel::service_apis {
+namespace {
+
+const OrvelLogger s_logger("IOrvelSimDirectiveClient");
+
+constexpr char kServiceName[] = "orvel-service-coordinator-public";
+
+// Where the broker looks for whoever has the namespace.
+std::string endpoint_name(const std::string& nspace) {
+  return "sim_broker_service_" + nspace + "_vesk_endpoint";
+}
+
+bool are_valid(const char* method, const std::string& nspace, const DirectiveCallback& callback) {
+  if (!nspace.empty() && callback) return true;
+  s_logger.e("%s:Invalid parameter(s)", method);
+  return false;
+}
+
+}  // namespace
+
+IOrvelSimDirectiveClient::IOrvelSimDirectiveClient(void* context)
+    : m_context(context),
+      m_binder(context, kServiceName, /*is_android_service=*/true, [this] { onOscReconnectedCallback(); }) {}
+
+bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, DirectiveCallback callback) {
+  if (!are_valid(__func__, nspace, callback)) return false;
+  if (m_namespaces.count(nspace) != 0) {
+    s_logger.e("%s:namespace is already registered. nspace=%s", __func__, nspace.c_str());
+    return true;
+  }
+  // Read before publishing: a broker that came back meanwhile is told again by whoever sees the newer connection first.
+  const Connection connection = m_binder.connection();
+  if (!registerForDirectiveInternal(nspace, callback)) return false;
+  m_namespaces.insert(nspace);
+  m_registrations.add({nspace, std::move(callback)}, connection, m_binder,
+                      [this](const auto& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); });
+  return true;
+}
+
+bool IOrvelSimDirectiveClient::registerForDirectiveInternal(const std::string& nspace, DirectiveCallback callback) {
+  if (!are_valid(__func__, nspace, callback)) return false;
+  const auto endpoint = vesk::make_endpoint<OrvelSimDirectiveCallbackEndpoint>(std::move(callback));
+  const int error = vesk_service_register(m_context, endpoint_name(nspace).c_str(), endpoint->get_endpoint());
+  if (error != 0) {
+    s_logger.e("%s:vesk service register failed. nspace=%s, err=%d", __func__, nspace.c_str(), error);
+  }
+  return error == 0;
+}
+
+void IOrvelSimDirectiveClient::onOscReconnectedCallback() {
+  s_logger.i("%s:OSC reconnected, re-registering directive callbacks", __func__);
+  m_registrations.replay(
+      m_binder, [this](const auto& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); });
+}
+
+}  // namespace orvel::service_apis

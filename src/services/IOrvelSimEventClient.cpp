@@ -1,0 +1,43 @@
+#include "services/IOrvelSimEventClient.h"
+
+#include <utility>
+
+#include "binder/OrvelLogger.h"
+#include "parcel/Int32.h"
+#include "parcel/String.h"
+#include "services/Transact.h"
+
+namespace orvel::service_apis {
+namespace {
+
+const OrvelLogger s_logger("IOrvelSimEventClient");
+
+constexpr char kServiceName[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
+constexpr char kDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient";
+constexpr unsigned int kSendEvent = 2;
+
+// Deliberately this number alone, where other services take anything but 0 for yes.
+constexpr int kAccepted = 1;
+
+}  // namespace
+
+IOrvelSimEventClient::IOrvelSimEventClient(void* context)
+    : m_binder(context, kServiceName, /*is_android_service=*/false) {}
+
+bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload,
+                                     EventStatusCallback callback) {
+  if (!m_binder.good()) {
+    s_logger.e("%s:m_binder.good() = false", __func__);
+    return false;
+  }
+  s_logger.i("%s:namespace=%s, name=%s", __func__, metadata.namespaceName.c_str(), metadata.name.c_str());
+  const auto endpoint = vesk::make_endpoint<OrvelSimEventStatusCallbackEndpoint>(std::move(callback));
+  const auto write = [&](vesk_payload* request) {
+    metadata.write(request);
+    String::write_optional(request, payload);
+    vesk_write_endpoint(request, endpoint->get_endpoint());
+  };
+  return transact(m_binder, kDescriptor, kSendEvent, write, Int32::read) == kAccepted;
+}
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,27 @@
+// The event service: tells the voice assistant of events.
+#pragma once
+
+#include <string>
+
+#include "binder/Binder.h"
+#include "parcel/OrvelSimEventMetadata.h"
+#include "services/OrvelSimEventStatusCallbackEndpoint.h"
+
+namespace orvel::service_apis {
+
+// Keeps nothing of what was sent: each event has an endpoint of its own, which lives for as long as the service holds
+// it, and whose result is lost when the service dies first. Threads: any, one at a time.
+class IOrvelSimEventClient {
+ public:
+  // Blocks until the service is bound or given up. `context` is the libvesk runtime, borrowed.
+  explicit IOrvelSimEventClient(void* context);
+
+  // True when the service has accepted the event; only then, `callback` gets its result, on the run-loop thread and
+  // possibly before this returns. An empty payload goes as a null one.
+  bool sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload, EventStatusCallback callback);
+
+ private:
+  Binder m_binder;
+};
+
+}  // namespace orvel::service_apis

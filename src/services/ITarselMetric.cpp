@@ -1,0 +1,39 @@
+#include "services/ITarselMetric.h"
+
+#include "binder/OrvelLogger.h"
+#include "parcel/Int32.h"
+#include "services/Transact.h"
+
+namespace orvel::service_apis {
+namespace {
+
+// Silent so far: the Binder says what went wrong with a call, and the caller learns whether the event could be written.
+[[maybe_unused]] const OrvelLogger s_logger("ITarselMetric");
+
+constexpr char kServiceName[] = "com.quarlo.client.metrics.tarsel";
+constexpr char kDescriptor[] = "com.quarlo.orveldelegate.services.ITarselMetric";
+
+enum Transaction : unsigned int {
+  kRecordTarselMetricEvent = 2,
+  kGetVersion = 3,
+};
+
+}  // namespace
+
+ITarselMetric::ITarselMetric(void* runtime) : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+
+bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
+  bool written = false;
+  const auto write = [&](vesk_payload* request) {
+    written = event.write(request);
+    if (!written) vesk_write_utf16_cstring(request, nullptr);  // an error of the request, so that it is not sent
+  };
+  transact(m_binder, kDescriptor, kRecordTarselMetricEvent, write, replied);
+  return written;
+}
+
+int ITarselMetric::getVersion() {
+  return transact(m_binder, kDescriptor, kGetVersion, no_arguments, Int32::read).value_or(0);
+}
+
+}  // namespace orvel::service_apis
