@@ -12,7 +12,7 @@ build_packages=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
-check_packages=(clang-14 clang-format-14 clang-tidy-14 libc++-14-dev libc++abi-14-dev binutils shellcheck)
+check_packages=(clang-14 clang-format-14 clang-tidy-14 libc++-14-dev libc++abi-14-dev binutils shellcheck doxygen)
 
 say() { printf '==> %s\n' "$*"; }
 

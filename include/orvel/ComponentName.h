@@ -1,4 +1,5 @@
-// The name of one component of an application.
+/// @file
+/// The name of one component of an application.
 #pragma once
 
 #include <string>
@@ -10,17 +11,17 @@ struct vesk_payload;
 
 namespace orvel::service_apis {
 
-// A package and one of its classes, such as an activity or a service. A plain value. Threads: any, one at a time.
+/// A package and one of its classes, such as an activity or a service. A plain value. Threads: any, one at a time.
 struct ORVEL_API ComponentName {
-  std::string package_name;
-  std::string class_name;
+  std::string package_name;  ///< the application's package
+  std::string class_name;    ///< the class, with its own package
 
-  // Whether it names a component: both parts are there.
+  /// Whether it names a component: both parts are there.
   bool good() const;
 
-  // The wire format, for the library's own use. An empty package ends what is read, since no class follows it there.
+  /// The wire format, for the library's own use. An empty package ends what is read, since no class follows it there.
   static ComponentName read(vesk_buffer* buffer);
-  // False when something could not be written.
+  /// False when something could not be written.
   bool write(vesk_payload* payload) const;
 };
 

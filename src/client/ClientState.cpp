@@ -82,8 +82,8 @@ bool ClientState::start() {
     }
   } undo{this};
 
-  if (!create<IDelegateService, IPowerManagerService, IActivityManager, IOrvelPackageManager,
-              IAndroidConnectivityManager>())
+  if (!create<IDelegateService, IPowerManagerService, IOrvelSimEventClient, IOrvelSimDirectiveClient, IActivityManager,
+              ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>())
     return false;
   m_run_loop = std::thread(run_loop, m_runtime);
   undo.state = nullptr;
@@ -97,8 +97,8 @@ void ClientState::destroy() {
 
 void ClientState::destroy_proxies() {
   // The services see their clients go in this order, which is not that of their creation.
-  destroy<IPowerManagerService, IDelegateService, IActivityManager, IOrvelPackageManager,
-          IAndroidConnectivityManager>();
+  destroy<IPowerManagerService, IDelegateService, IOrvelSimEventClient, IOrvelSimDirectiveClient, IActivityManager,
+          ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>();
 }
 
 void ClientState::shutdown() {

@@ -15,7 +15,10 @@
 #include "services/IAndroidConnectivityManager.h"
 #include "services/IDelegateService.h"
 #include "services/IOrvelPackageManager.h"
+#include "services/IOrvelSimDirectiveClient.h"
+#include "services/IOrvelSimEventClient.h"
 #include "services/IPowerManagerService.h"
+#include "services/ITarselMetric.h"
 
 namespace orvel::service_apis {
 
@@ -95,7 +98,8 @@ class ClientState {
   bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;
   bool m_maro_connected ORVEL_GUARDED_BY(m_facade) = true;  // assumed until a broadcast says otherwise
   std::tuple<std::unique_ptr<IDelegateService>, std::unique_ptr<IPowerManagerService>,
-             std::unique_ptr<IActivityManager>, std::unique_ptr<IOrvelPackageManager>,
+             std::unique_ptr<IOrvelSimEventClient>, std::unique_ptr<IOrvelSimDirectiveClient>,
+             std::unique_ptr<IActivityManager>, std::unique_ptr<ITarselMetric>, std::unique_ptr<IOrvelPackageManager>,
              std::unique_ptr<IAndroidConnectivityManager>>
       m_proxies ORVEL_GUARDED_BY(m_facade);
 };

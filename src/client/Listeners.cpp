@@ -1,5 +1,9 @@
 #include "client/Listeners.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
 #include "client/ClientState.h"
 #include "client/SettingValue.h"
 
@@ -11,6 +15,23 @@ constexpr char kConnectivityExtra[] = "com.quarlo.speech.EXTRA_CONNECTIVITY";
 constexpr char kPackageNameExtra[] = "packageName";
 constexpr char kOldTimeExtra[] = "com.quarlo.velmos.service.timeservice.clock.OLD_TIME_MILLIS";
 constexpr char kNewTimeExtra[] = "com.quarlo.velmos.service.timeservice.clock.NEW_TIME_MILLIS";
+
+struct EventResult {
+  const char* name;
+  bool retryable;
+};
+
+// By the event service's codes; the last one stands for every code beyond it too. What nobody knows may be tried again,
+// what was refused as invalid may not.
+constexpr std::array<EventResult, 7> kEventResults = {{
+    {"SUCCESS", false},
+    {"SUCCESS_NO_CONTENT", false},
+    {"MARO_DISCONNECTED", true},
+    {"INTERNAL_ERROR", true},
+    {"TIMEOUT", true},
+    {"INVALID_EVENT", false},
+    {"UNKNOWN_ERROR", true},
+}};
 
 }  // namespace
 
@@ -43,6 +64,18 @@ void TimeSyncListener::operator()(const std::string&, const std::string&, const 
 
 void SettingIntListener::operator()(const std::string&, const std::string& value) const {
   m_callback(setting_to_int(value, m_default));
+}
+
+void EventResultListener::operator()(OrvelSimEventResult_t result) const {
+  const auto [name, retryable] = kEventResults.at(std::min<std::size_t>(result, kEventResults.size() - 1));
+  s_client_logger.i("%s:OrvelSimEventStatusCallback, result_str=%s, is_retryable=%s", __func__, name,
+                    retryable ? "true" : "false");
+  m_callback(name, retryable);
+}
+
+void DirectiveListener::operator()(const OrvelSimDirective& directive) const {
+  m_callback(directive.directive1, directive.directive2, directive.directive3, directive.directive4,
+             directive.directive5, directive.directive6, directive.directive7);
 }
 
 std::optional<std::string> find_package(const std::string& data) {

@@ -8,6 +8,9 @@
 #include <utility>
 
 #include "orvel/Bundle.h"
+#include "orvel/OrvelDelegateClient.h"
+#include "parcel/OrvelSimDirective.h"
+#include "parcel/OrvelSimEventResult.h"
 
 namespace orvel::service_apis {
 
@@ -78,6 +81,27 @@ class SettingIntListener {
  private:
   int m_default;
   std::function<void(int)> m_callback;
+};
+
+// ---- The voice assistant ----
+
+// Names the result of an event, and says whether the event may be sent again.
+class EventResultListener {
+ public:
+  explicit EventResultListener(OrvelDelegateClient::EventResultCallback callback) : m_callback(std::move(callback)) {}
+  void operator()(OrvelSimEventResult_t result) const;
+
+ private:
+  OrvelDelegateClient::EventResultCallback m_callback;
+};
+
+class DirectiveListener {
+ public:
+  explicit DirectiveListener(OrvelDelegateClient::DirectiveCallback callback) : m_callback(std::move(callback)) {}
+  void operator()(const OrvelSimDirective& directive) const;
+
+ private:
+  OrvelDelegateClient::DirectiveCallback m_callback;
 };
 
 // ---- Data of a broadcast ----

@@ -18,8 +18,13 @@ namespace orvel::test {
 using Lines = std::vector<std::string>;
 
 // What initialize() binds, in its order.
-constexpr const char* kServices[] = {"orvel_delegate", "com.quarlo.orvel.powermanager",
-                                     "com.quarlo.orvel.activitymanager", "com.quarlo.orvel.packagemanager",
+constexpr const char* kServices[] = {"orvel_delegate",
+                                     "com.quarlo.orvel.powermanager",
+                                     "com.quarlo.orvel.orvelsim.orvelsimeventclient",
+                                     "orvel-service-coordinator-public",
+                                     "com.quarlo.orvel.activitymanager",
+                                     "com.quarlo.client.metrics.tarsel",
+                                     "com.quarlo.orvel.packagemanager",
                                      "com.quarlo.orvel.androidconnectivitymanager"};
 
 class ClientTest : public ::testing::Test {

@@ -54,7 +54,7 @@ TEST_F(Lifecycle, ServicesComeAndGoEachInAnOrderOfItsOwn) {
   m_client.shutdown();
   Lines order;
   for (const char* name : kServices) order.push_back(std::string("+") + name);
-  for (const int n : {1, 0, 2, 3, 4}) order.push_back(std::string("-") + kServices[n]);
+  for (const int n : {1, 0, 2, 3, 4, 5, 6, 7}) order.push_back(std::string("-") + kServices[n]);
   EXPECT_EQ(m_vesk.bindings(), order);
 }
 
@@ -84,7 +84,7 @@ TEST_F(Lifecycle, AStopInterruptsABlockedStartWhicheverServiceItWaitsFor) {
     m_clock.wait_for_sleeper();
     m_client.shutdown();
     EXPECT_FALSE(started.get());
-    EXPECT_THAT(m_log.take("E"), ElementsAre("E initialize:Interrupted by shutdown"));
+    EXPECT_EQ(m_log.take("E").back(), "E initialize:Interrupted by shutdown");
     m_vesk.add_service(awaited);
     EXPECT_EQ(m_log.take(), Lines{}) << "the pending bind must go too";
     EXPECT_EQ(m_vesk.live(), Live{});
