@@ -14,7 +14,6 @@
 namespace orvelctl {
 namespace {
 
-using orvel::service_apis::Bundle;
 using orvel::service_apis::ComponentName;
 using orvel::service_apis::OrvelIntent;
 
@@ -37,39 +36,16 @@ ComponentName readComponent(const std::string& word) {
   return {package, name.front() == '.' ? package + name : name};
 }
 
-// Keys and values as they were given.
-using Extras = std::vector<std::pair<std::string, std::string>>;
-
-// Adds the extras that one option gave, each read by `read`, which gives nothing for a word that is no `kind`.
-template <typename Read>
-void put(Bundle& bundle, const std::string& option, const Extras& extras, const std::string& kind, Read read) {
-  for (const auto& [key, word] : extras) {
-    const auto value = read(word);
-    if (!value) throw CLI::ValidationError(option + " " + key, "expected " + kind + ", not '" + word + "'");
-    if (!bundle.put(key, *value)) throw CLI::ValidationError(option + " " + key, "given twice");
-  }
-}
-
-std::optional<std::string> readText(const std::string& word) {
-  return word;
-}
-
-// Travels as 1 or 0.
-std::optional<int> readTruth(const std::string& word) {
-  if (word != "true" && word != "false") return std::nullopt;
-  return word == "true" ? 1 : 0;
-}
-
 // What the words of an intent are read into.
 struct IntentOptions {
   OrvelIntent plain;  // what needs no reading
   std::int64_t flags = 0;
   std::string component;
   std::string target;
-  Extras texts;
-  Extras numbers;
-  Extras long_numbers;
-  Extras truths;
+  KeyedWords texts;
+  KeyedWords numbers;
+  KeyedWords long_numbers;
+  KeyedWords truths;
 
   // The intent that they make; throws CLI::ValidationError.
   OrvelIntent intent() const {
@@ -77,10 +53,12 @@ struct IntentOptions {
     made.flags = static_cast<int>(flags);  // as 32 bits, of which the platform's flags use the sign too
     if (!component.empty()) made.component = readComponent(component);
     if (!target.empty()) readTarget(made);
-    put(made.extras, "--es", texts, "text", readText);
-    put(made.extras, "--ei", numbers, "a number of 32 bits", readNumber<int>);
-    put(made.extras, "--el", long_numbers, "a number of 64 bits", readNumber<long long>);
-    put(made.extras, "--ez", truths, "true or false", readTruth);
+    const auto put = [&](const std::string& key, const auto& value) { return made.extras.put(key, value); };
+    const auto put_truth = [&](const std::string& key, bool value) { return made.extras.put(key, value ? 1 : 0); };
+    putAll("--es", texts, "text", readText, put);
+    putAll("--ei", numbers, "a number of 32 bits", readNumber<int>, put);
+    putAll("--el", long_numbers, "a number of 64 bits", readNumber<long long>, put);
+    putAll("--ez", truths, "true or false", readTruth, put_truth);
     return made;
   }
 

@@ -7,6 +7,21 @@ CLI::Option* addText(CLI::App* subcommand, const std::string& name, std::string&
   return subcommand->add_option(name, value, about)->required()->check(check, "", "")->type_name("");
 }
 
+std::optional<double> readReal(const std::string& word) {
+  char* end = nullptr;
+  const double value = std::strtod(word.c_str(), &end);
+  return !word.empty() && *end == '\0' ? std::optional(value) : std::nullopt;
+}
+
+std::optional<std::string> readText(const std::string& word) {
+  return word;
+}
+
+std::optional<bool> readTruth(const std::string& word) {
+  if (word != "true" && word != "false") return std::nullopt;
+  return word == "true";
+}
+
 NamesQuery namesBy(bool (Client::*query)(Names&)) {
   return [query](Client& client) {
     Names names;

@@ -54,6 +54,24 @@ std::optional<Number> readNumber(const std::string& word) {
   return static_cast<Number>(value);
 }
 
+std::optional<double> readReal(const std::string& word);
+std::optional<std::string> readText(const std::string& word);
+std::optional<bool> readTruth(const std::string& word);
+
+// Keys and values as they were given.
+using KeyedWords = std::vector<std::pair<std::string, std::string>>;
+
+// Puts what one option gave, each value read by `read`, which gives nothing for a word that is no `kind`; `put` gives
+// false for a key that is there already. Throws CLI::ValidationError.
+template <typename Read, typename Put>
+void putAll(const std::string& option, const KeyedWords& words, const std::string& kind, Read read, Put put) {
+  for (const auto& [key, word] : words) {
+    const auto value = read(word);
+    if (!value) throw CLI::ValidationError(option + " " + key, "expected " + kind + ", not '" + word + "'");
+    if (!put(key, *value)) throw CLI::ValidationError(option + " " + key, "given twice");
+  }
+}
+
 using Names = std::vector<std::string>;
 using NamesQuery = std::function<std::optional<Names>(Client&)>;
 
@@ -69,5 +87,8 @@ void addActivityCommands(Commands& commands);
 
 // pm: packages, in the words of a device's own pm.
 void addPackageCommands(Commands& commands);
+
+// event, directive, metric: the voice assistant and the device's metrics.
+void addAssistantCommands(Commands& commands);
 
 }  // namespace orvelctl

@@ -1,23 +1,28 @@
 #include "LogWatch.h"
 
 #include <android/log.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 
 namespace orvelctl {
 namespace {
 
 struct Watch {
   int level = ANDROID_LOG_WARN;  // set before there is a second thread
-  std::mutex mutex;              // guards what follows
+  const int lost = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  std::mutex mutex;  // guards what follows
   bool no_device = false;
   std::set<std::string, std::less<>> unbound;
+  std::map<std::string, unsigned, std::less<>> losses;
   std::set<std::string, std::less<>> awaited;
 };
 
@@ -44,12 +49,14 @@ void learn(std::string_view message) {
   Watch& known = watch();
   const std::lock_guard<std::mutex> lock(known.mutex);
   if (const auto bound = nameIn(message, "bind_to_service:Bound to service: ", "")) known.unbound.erase(*bound);
-  if (const auto died = nameIn(message, "on_binder_died:Service (", ") has died")) known.unbound.insert(*died);
-  if (const auto lost = nameIn(message, "bind_to_service:Failed to register death callback, service (", ")")) {
-    known.unbound.insert(*lost);
-  }
-  if (const auto given_up = nameIn(message, "bind_to_service:Giving up connecting to service (", ")")) {
-    known.unbound.insert(*given_up);
+  for (const auto& [before, after] : {std::pair("on_binder_died:Service (", ") has died"),
+                                      std::pair("bind_to_service:Failed to register death callback, service (", ")"),
+                                      std::pair("bind_to_service:Giving up connecting to service (", ")")}) {
+    if (const auto lost = nameIn(message, before, after)) {
+      known.unbound.insert(*lost);
+      ++known.losses[*lost];
+      eventfd_write(known.lost, 1);
+    }
   }
   if (const auto slow = nameIn(message, "bind_to_orvel_service:Service ", " is not ready yet")) {
     if (known.awaited.insert(*slow).second) {
@@ -91,6 +98,16 @@ bool saidNoDevice() {
 bool isUnbound(const std::string& service) {
   const std::lock_guard<std::mutex> lock(watch().mutex);
   return watch().unbound.count(service) != 0;
+}
+
+unsigned lossesOf(const std::string& service) {
+  const std::lock_guard<std::mutex> lock(watch().mutex);
+  const auto found = watch().losses.find(service);
+  return found == watch().losses.end() ? 0 : found->second;
+}
+
+int losses() {
+  return watch().lost;
 }
 
 CallLog::CallLog() {

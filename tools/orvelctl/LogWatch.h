@@ -14,6 +14,10 @@ bool saidNoDevice();
 // Whether the service was given up or has died, and was not bound again since.
 bool isUnbound(const std::string& service);
 
+// How often the service was given up or has died; losses() is readable after each time, of any service.
+unsigned lossesOf(const std::string& service);
+int losses();
+
 // What the library logged on this thread from the construction on. One at a time on a thread.
 class CallLog {
  public:

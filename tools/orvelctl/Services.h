@@ -8,6 +8,8 @@ constexpr char kPower[] = "com.quarlo.orvel.powermanager";
 constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kActivities[] = "com.quarlo.orvel.activitymanager";
 constexpr char kPackages[] = "com.quarlo.orvel.packagemanager";
+constexpr char kEvents[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
+constexpr char kMetrics[] = "com.quarlo.client.metrics.tarsel";
 constexpr char kNoService[] = "";
 
 }  // namespace orvelctl

@@ -35,6 +35,10 @@ timespec remaining(Seconds time) {
 
 }  // namespace
 
+std::string asText(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 bool outputWritten() {
   errno = 0;
   std::cout.flush();
@@ -134,15 +138,19 @@ void Session::carryOut(const std::string& what, const std::string& service, cons
   }
 }
 
+void Session::keep(ExitStatus status) {
+  if (m_status == kSuccess) m_status = status;
+}
+
 void Session::fail(const std::string& message, ExitStatus status) {
   std::cerr << "orvelctl: " << message << std::endl;
-  if (m_status == kSuccess) m_status = status;
+  keep(status);
 }
 
 void Session::print(const Json& object, const std::string& text) {
   if (m_interrupter.status() != 0) return;
-  std::cout << (m_json ? object.dump(-1, ' ', false, Json::error_handler_t::replace) : text) << '\n';
-  if (!outputWritten() && m_status == kSuccess) m_status = kFailed;
+  std::cout << (m_json ? asText(object) : text) << '\n';
+  if (!outputWritten()) keep(kFailed);
 }
 
 int Session::status() const {

@@ -19,6 +19,9 @@ using Client = orvel::service_apis::OrvelDelegateClient;
 
 enum ExitStatus : int { kSuccess = 0, kFailed = 1, kUsage = 2, kNoDevice = 3, kTimedOut = 4, kNotBound = 5 };
 
+// In one line; bytes that are not UTF-8 are replaced.
+std::string asText(const Json& json);
+
 // Flushes standard output; false, and a line on standard error, when something could not be written.
 bool outputWritten();
 
@@ -70,7 +73,10 @@ class Session {
 
   bool json() const { return m_json; }
 
-  // Says what failed and keeps the exit status, the first one if there are several.
+  // Keeps the exit status of a failure, the first one if there are several.
+  void keep(ExitStatus status);
+
+  // The same, and says what failed.
   void fail(const std::string& message, ExitStatus status = kFailed);
 
   // Writes one result, as the object or as the text, and makes sure that it got there.

@@ -78,15 +78,17 @@ struct Kind {
   std::string about;
   const char* service;
   std::function<bool(Client& client, Events& events)> subscribe;
+  bool (Client::*unsubscribe)() = nullptr;  // where there is such a thing
 };
 
 // A kind that is one flag: its key, and the words for true and false.
 Kind flagKind(const char* name, const char* about, const char* service,
-              bool (Client::*subscribe)(std::function<void(bool)>), const char* key, const char* yes, const char* no) {
-  return {
-      name, about, service, [=](Client& client, Events& events) {
-        return (client.*subscribe)([=, &events](bool value) { events.add(name, {{key, value}}, value ? yes : no); });
-      }};
+              bool (Client::*subscribe)(std::function<void(bool)>), const char* key, const char* yes, const char* no,
+              bool (Client::*unsubscribe)() = nullptr) {
+  const auto ask = [=](Client& client, Events& events) {
+    return (client.*subscribe)([=, &events](bool value) { events.add(name, {{key, value}}, value ? yes : no); });
+  };
+  return {name, about, service, ask, unsubscribe};
 }
 
 // Broadcasts of one action, as events of a kind.
@@ -120,7 +122,8 @@ const std::vector<Kind>& kinds() {
       flagKind("assistant", "the voice assistant is connected or disconnected", kDelegate,
                &Client::registerForMaroConnectivityChange, "connected", "connected", "disconnected"),
       flagKind("network", "the network is connected or disconnected", kConnectivity,
-               &Client::registerForNetworkConnectivityChange, "connected", "connected", "disconnected"),
+               &Client::registerForNetworkConnectivityChange, "connected", "connected", "disconnected",
+               &Client::unregisterForNetworkConnectivityChange),
       flagKind("screen", "the screen was switched on or off", kDelegate, &Client::registerForScreenStateChange, "on",
                "on", "off"),
       {"package", "a package was added, removed, replaced or changed", kDelegate, subscribeToPackages},
@@ -139,20 +142,31 @@ struct KeyedKind {
   std::string prefix;  // "setting:"
   std::string key;     // what the key is called
   std::string about;
+  const char* service;
   bool (*subscribe)(Client& client, Events& events, const std::string& key);
 };
 
 const std::vector<KeyedKind>& keyedKinds() {
   static const std::vector<KeyedKind> all = {
       {"setting:", "KEY", "a secure setting has a new value, which must be a number; a removed one counts as 0",
+       kDelegate,
        [](Client& client, Events& events, const std::string& key) {
          return client.registerForSecureSettingIntChange(key, 0, [key, &events](int value) {
            events.add("setting", {{"key", key}, {"value", value}}, key + " " + std::to_string(value));
          });
        }},
       {"broadcast:", "ACTION", "a broadcast of the action, one without data; with the package it is about, if any",
+       kDelegate,
        [](Client& client, Events& events, const std::string& action) {
          return subscribeToAction(client, events, "broadcast", action, {});
+       }},
+      // Served by this process itself, whatever runs.
+      {"directive:", "NAMESPACE", "a directive of the voice assistant, with its seven texts", kNoService,
+       [](Client& client, Events& events, const std::string& nspace) {
+         return client.registerForDirective(nspace, [nspace, &events](const auto&... texts) {
+           const Json list = {texts...};
+           events.add("directive", {{"namespace", nspace}, {"texts", list}}, nspace + " " + asText(list));
+         });
        }},
   };
   return all;
@@ -170,7 +184,7 @@ Kind kindCalled(const std::string& name) {
     const auto subscribe = [keyed, key = name.substr(keyed->prefix.size())](Client& client, Events& events) {
       return keyed->subscribe(client, events, key);
     };
-    return {name, "", kDelegate, subscribe};
+    return {name, "", keyed->service, subscribe};
   }
   return *std::find_if(kinds().begin(), kinds().end(), [&](const Kind& kind) { return kind.name == name; });
 }
@@ -188,7 +202,7 @@ std::string lineOf(Event event, bool json) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(event.time.time_since_epoch()).count();
   event.object["timeMs"] = milliseconds;
-  if (json) return event.object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  if (json) return asText(event.object) + '\n';
   std::tm local{};
   localtime_r(&seconds, &local);
   std::ostringstream line;
@@ -248,12 +262,18 @@ std::string describeKinds() {
   return text.str();
 }
 
+void addLimits(CLI::App* subcommand, WatchOptions& options) {
+  subcommand->add_option("--count", options.count, "end after so many lines")->check(CLI::Range(1, INT_MAX));
+  subcommand->add_option("--for", options.for_seconds, "end after so many seconds")->check(CLI::Range(0.001, 1e6));
+}
+
 void watchChanges(Session& session, const WatchOptions& options) {
   // Before the subscriptions end, so declared before what ends them.
   Events events;
   const Session::Stop stop(session);
+  const std::vector<Kind> kinds = kindsCalled(options.kinds);
   std::string watched;
-  for (const Kind& kind : kindsCalled(options.kinds)) {
+  for (const Kind& kind : kinds) {
     const auto subscribe = [&](Client& client) { return kind.subscribe(client, events); };
     const auto taken = session.ask("watching " + kind.name, kind.service, false, subscribe);
     if (!taken) return;
@@ -267,7 +287,7 @@ void watchChanges(Session& session, const WatchOptions& options) {
   std::string line;  // what is still to be written of it
   while (session.status() == kSuccess) {
     std::optional<Seconds> left;
-    if (options.for_seconds) left = *options.for_seconds - (std::chrono::steady_clock::now() - start);
+    if (options.for_seconds > 0) left = Seconds(options.for_seconds) - (std::chrono::steady_clock::now() - start);
     if (!wait(session, events, !line.empty(), left)) break;
     if (line.empty()) {
       events.rest();
@@ -276,6 +296,10 @@ void watchChanges(Session& session, const WatchOptions& options) {
     }
     if (!line.empty()) continue;
     if (std::optional<Event> event = events.take()) line = lineOf(*std::move(event), session.json());
+  }
+  for (const Kind& kind : kinds) {
+    if (!kind.unsubscribe || session.status() != kSuccess) continue;
+    session.ask("ending " + kind.name, kind.service, false, kind.unsubscribe);
   }
   session.acceptInterrupt();
 }

@@ -2,19 +2,23 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "Session.h"
 
 namespace orvelctl {
 
 struct WatchOptions {
-  std::vector<std::string> kinds;      // none: all but settings
-  std::uint64_t count = 0;             // ends after so many; 0: never
-  std::optional<Seconds> for_seconds;  // ends after that time
+  std::vector<std::string> kinds;  // none: all that need no key
+  std::uint64_t count = 0;         // ends after so many; 0: never
+  double for_seconds = 0;          // ends after that time; 0: never
 };
+
+// The options of a subcommand that say when watching ends.
+void addLimits(CLI::App* subcommand, WatchOptions& options);
 
 // What is wrong with the name of a kind; empty when nothing is.
 std::string whatIsWrongWithKind(const std::string& name);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <functional>
 #include <iomanip>
@@ -34,6 +33,9 @@ Examples:
   orvelctl am broadcast -a com.example.HELLO --es name Anna --ei age 7
   orvelctl am start -n com.example.app/.Main
   orvelctl pm list packages                all that is installed
+  orvelctl event Speaker VolumeChanged --payload 7
+                                           tell the assistant, and wait for the result
+  orvelctl directive Speaker               what the assistant says, until Ctrl-C
   orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
 
 Results go to standard output, everything else to standard error. The device is the one in ORVEL_RUNTIME_DIR, else
@@ -218,18 +220,15 @@ int parseAndRun(int argc, char** argv) {
   addActivityCommands(commands);
   addPackageCommands(commands);
 
+  addAssistantCommands(commands);
+
   WatchOptions watch_options;
-  double for_seconds = 0;
-  CLI::App* watch =
-      commands.add("watch", "Print changes as they happen, one a line, until Ctrl-C", [&](Session& session) {
-        if (for_seconds > 0) watch_options.for_seconds = Seconds(for_seconds);
-        watchChanges(session, watch_options);
-      });
-  watch->add_option("kinds", watch_options.kinds, "what to watch (default: all but settings)")
+  CLI::App* watch = commands.add("watch", "Print changes as they happen, one a line, until Ctrl-C",
+                                 [&](Session& session) { watchChanges(session, watch_options); });
+  watch->add_option("kinds", watch_options.kinds, "what to watch (default: all that need no key)")
       ->check(whatIsWrongWithKind, "", "")
       ->type_name("");
-  watch->add_option("--count", watch_options.count, "end after so many changes")->check(CLI::Range(1, INT_MAX));
-  watch->add_option("--for", for_seconds, "end after so many seconds")->check(CLI::Range(0.001, 1e6));
+  addLimits(watch, watch_options);
   watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
 
   try {
