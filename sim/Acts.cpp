@@ -126,6 +126,10 @@ void servePackage(Json& scenario, const std::string& package, const Json& values
   importance = std::min(importance, wanted);
 }
 
+void set(Json& scenario, const std::string& section, const Json& values) {
+  scenario.at(section).update(values);
+}
+
 }  // namespace
 
 Json makeAct(const char* verb, const std::string& name, const Json& values) {
@@ -136,6 +140,7 @@ void perform(Json& scenario, const Json& act) {
   static const std::map<std::string, void (*)(Json&, const std::string&, const Json&)> acts = {
       {"install", install}, {"replace", replace},       {"remove", remove},           {"start", start},
       {"stop", stop},       {"foreground", foreground}, {"openPackage", openPackage}, {"servePackage", servePackage},
+      {"set", set},
   };
   const auto found = acts.find(act.at("act"));
   if (found == acts.end()) throw std::runtime_error("no such act: " + act.dump());

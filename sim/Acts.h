@@ -1,5 +1,6 @@
-// What people and clients do to packages and processes. An act changes several values at once, by what the others are
-// at that moment; so it is worked out where the scenario is kept, and two at once do not undo each other.
+// What people and clients do to packages and processes, or to a whole section. An act changes several values at once, by
+// what the others are at that moment; so it is worked out where the scenario is kept, and two at once do not undo each
+// other, nor does anybody see half of one.
 #pragma once
 
 #include <string>
@@ -11,7 +12,7 @@ namespace orvel::sim {
 // How the platform grades a process: the lower, the longer it is kept.
 enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 300, kCached = 400 };
 
-// An act as a change of the scenario: {"act": verb, "name": of the package or process, "values": of its fields}.
+// An act as a change of the scenario: {"act": verb, "name": of what it is for, "values": of its fields}.
 //
 //   install      a package; its uid is the next free one
 //   replace      a package; its version code goes up by one
@@ -21,9 +22,10 @@ enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 
 //   foreground   a process becomes the focused one; who was loses focus and is cached
 //   openPackage  the package's process becomes the focused one
 //   servePackage the package's process has the "importance" given, or a greater one
+//   set          a section of the scenario; several of its fields at once
 //
-// Values that are given go before what an act finds itself. The last two start the process if there is none, and do
-// nothing for a package that is not installed.
+// Values that are given go before what an act finds itself. openPackage and servePackage start the process if there is
+// none, and do nothing for a package that is not installed.
 Json makeAct(const char* verb, const std::string& name, const Json& values = Json::object());
 
 // Throws std::runtime_error when something exists that must not, or does not exist that must.

@@ -28,8 +28,12 @@ void orderChange(const Json& change) {
   Control::connect().send({{"order", "change"}, {"change", change}});
 }
 
+Json orderEvent(const char* service, const Json& event) {
+  return Control::connect().send({{"order", "event"}, {"service", service}, {"event", event}});
+}
+
 void orderBroadcast(const Json& intent) {
-  const Json answer = Control::connect().send({{"order", "event"}, {"service", "delegate"}, {"event", intent}});
+  const Json answer = orderEvent("delegate", intent);
   const auto receivers = answer.at("receivers").get<std::size_t>();
   print("sent to " + std::to_string(receivers) + (receivers == 1 ? " receiver" : " receivers"));
 }

@@ -17,6 +17,9 @@ Json order(const char* name);
 // A change of the scenario, of one value or an act.
 void orderChange(const Json& change);
 
+// Something for a service: what happens, or a question. Gives its answer.
+Json orderEvent(const char* service, const Json& event);
+
 // Sends a broadcast that is not the news of a change, and prints how many got it.
 void orderBroadcast(const Json& intent);
 

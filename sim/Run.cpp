@@ -183,13 +183,21 @@ class LoneHost : public Host, private Endpoint {
     const Json message = readMessage(request);
     Json answer;
     if (const auto event = message.find("event"); event != message.end()) {
-      answer = m_service->event(*event);
+      answer = answerTo(*event);
     } else {
       learn(message);
     }
     if (!m_entries.empty()) handInEntries();  // whoever gave the order finds what it did in the traffic
     writeMessage(reply, answer);
     return 0;
+  }
+
+  Json answerTo(const Json& event) {
+    try {
+      return m_service->event(event);
+    } catch (const std::exception& error) {
+      return failure(error.what());
+    }
   }
 
   void handInEntries() {

@@ -10,10 +10,18 @@
 namespace orvel::sim {
 namespace {
 
+std::string joined(const std::vector<std::string>& words, const char* separator) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : separator) + word;
+  return text;
+}
+
 std::string nameOf(const Shape& shape) {
   switch (shape.kind) {
     case Shape::Kind::kText:
       return "a string";
+    case Shape::Kind::kChoice:
+      return "one of " + joined(shape.words, ", ");
     case Shape::Kind::kFlag:
       return "true or false";
     case Shape::Kind::kNumber:
@@ -39,6 +47,8 @@ bool accepts(const Shape& shape, const Json& value) {
   switch (shape.kind) {
     case Shape::Kind::kText:
       return value.is_string();
+    case Shape::Kind::kChoice:
+      return std::find(shape.words.begin(), shape.words.end(), value) != shape.words.end();
     case Shape::Kind::kFlag:
       return value.is_boolean();
     case Shape::Kind::kNumber:
@@ -138,6 +148,8 @@ std::string wordOf(const Shape& shape) {
   switch (shape.kind) {
     case Shape::Kind::kText:
       return "TEXT";
+    case Shape::Kind::kChoice:
+      return joined(shape.words, "|");
     case Shape::Kind::kFlag:
       return "true|false";
     case Shape::Kind::kNumber:
@@ -165,15 +177,19 @@ const Field* findField(const Shape& object, const std::string& word) {
   return found == object.fields.end() ? nullptr : &*found;
 }
 
-// The section that alone has a field of that name.
-const Field* sectionWith(const std::string& word) {
-  const Field* only = nullptr;
+// The section that alone has a field of that name. Throws ScenarioError.
+const Field& sectionWith(const std::string& word) {
+  std::vector<std::string> names;
+  const Field* last = nullptr;
   for (const Field& section : scenarioShape().fields) {
     if (findField(section.shape, word) == nullptr) continue;
-    if (only != nullptr) return nullptr;
-    only = &section;
+    names.push_back(section.key);
+    last = &section;
   }
-  return only;
+  if (names.empty()) throw ScenarioError("no value is called " + word + "; there are\n" + describeScenario());
+  if (names.size() > 1)
+    throw ScenarioError(word + " is a field of several services, say of which: " + joined(names, ", "));
+  return *last;
 }
 
 // Makes the objects that lead there. The pointer's own way would make a list where a key is a number.
@@ -198,6 +214,9 @@ Json completeScenario(const Json& scenario) {
 
 }  // namespace
 
+Shape Shape::choice(std::vector<std::string> words) {
+  return {Kind::kChoice, {}, {}, 0, 0, std::move(words)};
+}
 Shape Shape::object(std::vector<Field> fields) {
   return {Kind::kObject, std::move(fields), {}, 0, 0};
 }
@@ -220,6 +239,7 @@ Json complete(const Shape& shape, const Json& value, const std::string& path) {
     case Shape::Kind::kTextOrNumber:
       if (value.is_string()) expectNoNul(value.get_ref<const std::string&>(), path);
       return value;
+    case Shape::Kind::kChoice:
     case Shape::Kind::kFlag:
     case Shape::Kind::kNumber:
       return value;
@@ -271,7 +291,7 @@ Json readScenarioFile(const std::string& file) {
 
 Json valueOf(const Shape& shape, const std::string& word, const std::string& path) {
   if (shape.kind == Shape::Kind::kText) return word;
-  Json value = Json::parse(word, nullptr, /*allow_exceptions=*/false);
+  Json value = shape.kind == Shape::Kind::kChoice ? Json(word) : Json::parse(word, nullptr, /*allow_exceptions=*/false);
   if (shape.kind == Shape::Kind::kTextOrNumber && !value.is_string() && !value.is_number_integer()) return word;
   if (value.is_discarded()) failAt(path, "expected " + nameOf(shape));
   complete(shape, value, path);
@@ -282,11 +302,9 @@ Json changeOf(const std::vector<std::string>& words, const std::optional<std::st
   const Shape* shape = &scenarioShape();
   Json::json_pointer path;
   if (findField(*shape, words.front()) == nullptr) {
-    const Field* section = sectionWith(words.front());
-    if (section == nullptr)
-      throw ScenarioError("no value is called " + words.front() + "; there are\n" + describeScenario());
-    path /= section->key;
-    shape = &section->shape;
+    const Field& section = sectionWith(words.front());
+    path /= section.key;
+    shape = &section.shape;
   }
   for (const std::string& word : words) {
     if (shape->kind == Shape::Kind::kObject) {

@@ -18,9 +18,10 @@ struct Field;
 
 // Which JSON values a field accepts.
 struct Shape {
-  enum class Kind { kText, kFlag, kNumber, kTextOrNumber, kObject, kMap, kList };
+  enum class Kind { kText, kChoice, kFlag, kNumber, kTextOrNumber, kObject, kMap, kList };
 
   static Shape text() { return {Kind::kText, {}, {}, 0, 0}; }
+  static Shape choice(std::vector<std::string> words);  // one of these texts
   static Shape flag() { return {Kind::kFlag, {}, {}, 0, 0}; }
   static Shape number(std::int64_t least = std::numeric_limits<std::int32_t>::min(),
                       std::int64_t most = std::numeric_limits<std::int32_t>::max()) {
@@ -32,10 +33,11 @@ struct Shape {
   static Shape list(Shape element, std::int64_t most);  // at most that many elements
 
   Kind kind;
-  std::vector<Field> fields;   // kObject
-  std::vector<Shape> element;  // kMap, kList: one; kMap: a second for the keys
-  std::int64_t least;          // kNumber, kTextOrNumber
-  std::int64_t most;           // kNumber, kTextOrNumber, kList
+  std::vector<Field> fields;            // kObject
+  std::vector<Shape> element;           // kMap, kList: one; kMap: a second for the keys
+  std::int64_t least;                   // kNumber, kTextOrNumber
+  std::int64_t most;                    // kNumber, kTextOrNumber, kList
+  std::vector<std::string> words = {};  // kChoice
 };
 
 // A key of an object. One without an initial value may be absent.

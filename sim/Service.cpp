@@ -25,6 +25,7 @@ const ServiceType& serviceCalled(const std::string& id) {
 }
 
 const Method& methodCalled(const ServiceType& type, const std::string& name) {
+  if (type.methods.empty()) throw ScenarioError(type.id + " has no methods");
   std::string known;
   for (const Method& method : type.methods) {
     if (method.name == name) return method;
@@ -86,23 +87,25 @@ Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request)
   call.code = code;
   call.caller = vesk_identity_pid(caller);
   call.arrival = Clock::now();
-  std::string where = "header";
+  std::string where;
   try {
     RequestReader reader(request);
+    if (m_type.methods.empty()) throw RemoteException(kUnsupportedOperationException, m_type.name + " has no methods");
+    where = ", header";
     reader.expectHeader(m_type.descriptor);
     if (call.method == nullptr) {
       throw RemoteException(kUnsupportedOperationException, m_type.descriptor + " has no such transaction");
     }
     for (const Argument& argument : call.method->arguments) {
-      where = argument.name;
+      where = ", " + argument.name;
       call.arguments[argument.name] = argument.read(reader);
     }
-    where = "end";
+    where = ", end";
     reader.expectEnd();
     call.endpoints = reader.takeEndpoints();
   } catch (const RemoteException& error) {
     const std::string method = call.method == nullptr ? "transaction " + std::to_string(code) : call.method->name;
-    call.refusal.emplace(error.code, method + ", " + where + ": " + error.what());
+    call.refusal.emplace(error.code, method + where + ": " + error.what());
   }
   return call;
 }

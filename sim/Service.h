@@ -106,7 +106,7 @@ class Service : public Endpoint {
   // The scenario has changed. Told to every service, whoever changed it; `before` is the whole scenario as it was.
   virtual void changed(const Json& before);
 
-  // Something happened that changes no state. Gives the order's answer.
+  // Something happened, or is asked, that changes no state. Gives the order's answer; what it throws is told instead.
   virtual Json event(const Json& event);
 
  protected:

@@ -35,14 +35,18 @@ double millisecondsSince(Clock::time_point start) {
   return std::round(duration.count() * 1000) / 1000;
 }
 
-std::string describeEntry(const Json& entry) {
-  const auto milliseconds = entry.at("timeMs").get<std::int64_t>();
-  const std::time_t seconds = milliseconds / 1000;
+std::string clockTime(std::int64_t millisecondsSince1970) {
+  const std::time_t seconds = millisecondsSince1970 / 1000;
   std::tm local{};
   localtime_r(&seconds, &local);
+  std::ostringstream time;
+  time << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << millisecondsSince1970 % 1000;
+  return time.str();
+}
+
+std::string describeEntry(const Json& entry) {
   std::ostringstream line;
-  line << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << milliseconds % 1000 << "  "
-       << entry.at("service").get<std::string>();
+  line << clockTime(entry.at("timeMs")) << "  " << entry.at("service").get<std::string>();
   if (const auto notification = entry.find("notification"); notification != entry.end()) {
     line << " -> " << notification->get<std::string>();
   } else {

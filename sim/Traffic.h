@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "sim/Wire.h"
@@ -23,6 +24,9 @@ Json trafficEntry(const std::string& service, const char* kind, const Json& name
 
 // The value, or the beginning of its text where that is long: one entry must not keep megabytes.
 Json shortened(const Json& value);
+
+// "12:30:01.250", in local time.
+std::string clockTime(std::int64_t millisecondsSince1970);
 
 double millisecondsSince(Clock::time_point start);
 

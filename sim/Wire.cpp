@@ -1,5 +1,6 @@
 #include "sim/Wire.h"
 
+#include <cmath>
 #include <string_view>
 #include <utility>
 
@@ -124,6 +125,12 @@ std::int64_t RequestReader::i64() {
   return value;
 }
 
+double RequestReader::f64() {
+  const double value = vesk_read_f64(m_buffer);
+  check();
+  return value;
+}
+
 Json RequestReader::text() {
   unsigned int length = 0;
   const std::uint16_t* units = vesk_read_utf16_string(m_buffer, &length);
@@ -193,6 +200,12 @@ Json readInt32(RequestReader& reader) {
 Json readInt64(RequestReader& reader) {
   return reader.i64();
 }
+Json readDouble(RequestReader& reader) {
+  const double value = reader.f64();
+  if (std::isnan(value)) return "NaN";
+  if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
+  return value;
+}
 Json readFlag(RequestReader& reader) {
   return reader.i32() != 0;
 }
@@ -201,6 +214,11 @@ Json readNothing(RequestReader&) {
 }
 Json readText(RequestReader& reader) {
   return reader.text();
+}
+Json readPresentText(RequestReader& reader) {
+  Json text = reader.text();
+  if (text.is_null()) throw RemoteException(kBadParcelableException, "a null string stands where there must be a text");
+  return text;
 }
 Json readTexts(RequestReader& reader) {
   return reader.texts();

@@ -59,6 +59,7 @@ class RequestReader {
 
   std::int32_t i32();
   std::int64_t i64();
+  double f64();
   Json text();   // null for a null string
   Json texts();  // null for a null array
   RemotePtr endpoint();
@@ -86,9 +87,11 @@ class RequestReader {
 // Argument readers of the method tables: the value as it is shown in the traffic and given to the handler.
 Json readInt32(RequestReader& reader);
 Json readInt64(RequestReader& reader);
+Json readDouble(RequestReader& reader);  // a text for what no JSON number stands for
 Json readFlag(RequestReader& reader);
 Json readNothing(RequestReader& reader);
 Json readText(RequestReader& reader);
+Json readPresentText(RequestReader& reader);  // refuses a null string
 Json readTexts(RequestReader& reader);
 Json readEndpoint(RequestReader& reader);
 

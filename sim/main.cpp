@@ -19,6 +19,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "sim/AssistantVerbs.h"
 #include "sim/Control.h"
 #include "sim/Intent.h"
 #include "sim/Orders.h"
@@ -43,10 +44,13 @@ Examples:
   orvel-sim screen off
   orvel-sim package install com.example.app
   orvel-sim process foreground com.quarlo.music
+  orvel-sim directive Alerts SetAlert 7:30
   orvel-sim delay delegate getDeviceName 500      break it,
   orvel-sim exception power
+  orvel-sim event-result TIMEOUT --delay 500
   orvel-sim kill delegate
   orvel-sim traffic                               watch it
+  orvel-sim metrics
 
 The device lives in ORVEL_RUNTIME_DIR, else $XDG_RUNTIME_DIR/orvel, else /tmp/orvel-<uid>.
 
@@ -111,9 +115,12 @@ class CommandLine {
     addEvents();
     addPackageVerb(m_app);
     addProcessVerb(m_app);
+    addDirectiveVerb(m_app);
+    addEventResultVerb(m_app);
     addFaults();
     addLives();
     addViews();
+    addMetricsVerb(m_app);
   }
 
   // The exit status.

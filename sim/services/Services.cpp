@@ -4,7 +4,8 @@ namespace orvel::sim {
 
 const std::vector<const ServiceType*>& allServices() {
   static const std::vector<const ServiceType*> services = {
-      &delegateService(), &powerManagerService(), &connectivityService(), &activityService(), &packageService(),
+      &delegateService(), &powerManagerService(), &connectivityService(), &activityService(),
+      &packageService(),  &eventService(),        &coordinatorService(),  &metricsService(),
   };
   return services;
 }

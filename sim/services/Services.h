@@ -10,5 +10,8 @@ const ServiceType& powerManagerService();
 const ServiceType& connectivityService();
 const ServiceType& activityService();
 const ServiceType& packageService();
+const ServiceType& eventService();
+const ServiceType& coordinatorService();
+const ServiceType& metricsService();
 
 }  // namespace orvel::sim

@@ -39,6 +39,8 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   OutgoingConnection(const OutgoingConnection&) = delete;
   OutgoingConnection& operator=(const OutgoingConnection&) = delete;
 
+  [[nodiscard]] pid_t peer() const { return m_peer; }
+
   // Called once, when the handle exists: from here on the loop watches.
   void watch(vesk_handle handle);
 

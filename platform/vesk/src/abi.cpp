@@ -156,6 +156,11 @@ int vesk_handle_is_valid(void* runtime, const vesk_handle* handle) {
   return with_connection(runtime, handle, [](auto&) { return 1; }) == 1 ? 1 : 0;
 }
 
+pid_t vesk_handle_pid(void* runtime, const vesk_handle* handle) {
+  const int pid = with_connection(runtime, handle, [](auto& connection) { return connection.peer(); });
+  return pid < 0 ? 0 : pid;
+}
+
 int vesk_handle_acquire(void* runtime, vesk_handle* handle) {
   return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) { return self.acquire(value); });
 }

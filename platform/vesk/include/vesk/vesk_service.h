@@ -114,6 +114,9 @@ VESK_API int vesk_remote_call(vesk_remote* remote, unsigned int code, vesk_paylo
  */
 VESK_API int vesk_call_oneway(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request);
 
+/* The process behind a handle that a lookup gave; 0 for a handle that names nothing. Any thread. */
+VESK_API pid_t vesk_handle_pid(void* runtime, const vesk_handle* handle);
+
 /* ---- Messages as bytes ---- */
 
 /* The bytes written so far; valid until the payload changes. */
