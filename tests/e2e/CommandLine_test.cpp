@@ -157,7 +157,7 @@ TEST_P(Device, EachQueryPrintsItsValueAsTextAndAsOneObject) {
 
 TEST_P(Device, AFailureIsToldFromAnEmptyResultByItsStatus) {
   order({"set", "setting", "word", "seven"});
-  order({"set", "interfaceVersion", "1"});
+  order({"set", "power", "interfaceVersion", "1"});
   order({"exception", "delegate", "getDeviceName", "--code", "-8", "--message", "boom", "--trace", "at work"});
   order({"truncate", "delegate", "getCOR", "4"});
   order({"hang", "delegate", "getPFM"});

@@ -53,6 +53,14 @@ inline Words operator+(Words first, const Words& second) {
   return first;
 }
 
+// One JSON object a line.
+inline std::vector<nlohmann::json> parseLines(const std::string& text) {
+  std::istringstream lines(text);
+  std::vector<nlohmann::json> objects;
+  for (std::string line; std::getline(lines, line);) objects.push_back(nlohmann::json::parse(line));
+  return objects;
+}
+
 // A running device. The parameter says whether each service has a process of its own.
 class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
  protected:
@@ -67,12 +75,9 @@ class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
     ASSERT_EQ(result.status, 0) << result.error;
   }
 
-  // What a view of the device prints with --json, one object a line.
+  // What a view of the device prints with --json.
   std::vector<nlohmann::json> view(const Words& words) const {
-    std::istringstream lines(run(Words{"orvel-sim"} + words + Words{"--json"}).output);
-    std::vector<nlohmann::json> objects;
-    for (std::string line; std::getline(lines, line);) objects.push_back(nlohmann::json::parse(line));
-    return objects;
+    return parseLines(run(Words{"orvel-sim"} + words + Words{"--json"}).output);
   }
 
   std::unique_ptr<Process> m_device;
