@@ -16,7 +16,8 @@ std::string endpoint_name(const std::string& nspace) {
 }
 
 bool are_valid(const char* method, const std::string& nspace, const DirectiveCallback& callback) {
-  if (!nspace.empty() && callback) return true;
+  // Behind a NUL the name would be another one.
+  if (!nspace.empty() && nspace.find('\0') == std::string::npos && callback) return true;
   s_logger.e("%s:Invalid parameter(s)", method);
   return false;
 }
@@ -37,8 +38,7 @@ bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, D
   const Connection connection = m_binder.connection();
   if (!registerForDirectiveInternal(nspace, callback)) return false;
   m_namespaces.insert(nspace);
-  m_registrations.add({nspace, std::move(callback)}, connection, m_binder,
-                      [this](const auto& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); });
+  m_registrations.add({nspace, std::move(callback)}, connection, m_binder, renew());
   return true;
 }
 
@@ -54,8 +54,14 @@ bool IOrvelSimDirectiveClient::registerForDirectiveInternal(const std::string& n
 
 void IOrvelSimDirectiveClient::onOscReconnectedCallback() {
   s_logger.i("%s:OSC reconnected, re-registering directive callbacks", __func__);
-  m_registrations.replay(
-      m_binder, [this](const auto& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); });
+  m_registrations.replay(m_binder, renew());
+}
+
+// One that fails here is tried again after the next death.
+std::function<void(const IOrvelSimDirectiveClient::DirectiveRegistration&, Connection)>
+IOrvelSimDirectiveClient::renew() {
+  return
+      [this](const DirectiveRegistration& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); };
 }
 
 }  // namespace orvel::service_apis

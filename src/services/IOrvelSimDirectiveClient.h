@@ -1,6 +1,7 @@
 // Directives of the voice assistant, by namespace.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -22,8 +23,8 @@ class IOrvelSimDirectiveClient {
   // runtime, borrowed.
   explicit IOrvelSimDirectiveClient(void* context);
 
-  // Calls `callback` with every directive of the namespace. False for an empty namespace or callback and when it could
-  // not be published, for one when another process has the namespace. A namespace that is registered already keeps its
+  // Calls `callback` with every directive of the namespace. False for an empty namespace or callback, for a namespace
+  // with a NUL, and when it could not be published, for one because another process has it. A namespace that is registered already keeps its
   // callback; the new one is dropped and the result, deliberately, is true.
   bool registerForDirective(const std::string& nspace, DirectiveCallback callback);
 
@@ -36,6 +37,9 @@ class IOrvelSimDirectiveClient {
 
  private:
   using DirectiveRegistration = std::pair<std::string, DirectiveCallback>;
+
+  // Publishes what was kept once more.
+  std::function<void(const DirectiveRegistration& kept, Connection newest)> renew();
 
   void* const m_context;
   std::unordered_set<std::string> m_namespaces;  // those of m_registrations, by name
