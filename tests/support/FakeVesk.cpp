@@ -705,6 +705,7 @@ int vesk_service_register(void*, const char* name, vesk_endpoint* endpoint) {
     const State::Lock lock(self.mutex);
     if (self.services[name].running) return -EADDRINUSE;
     self.published[name].swap(held);
+    self.bindings.push_back(std::string("=") + name);
     return 0;
   });
 }

@@ -127,7 +127,7 @@ class FakeVesk {
   // Calls in the order in which they ended.
   [[nodiscard]] std::vector<Transaction> transactions() const;
   [[nodiscard]] std::vector<Transaction> transactions(const std::string& service) const;
-  // The names that were bound ("+name") and unbound ("-name"), in order.
+  // The names that were bound ("+name"), unbound ("-name") and published ("=name"), in order.
   [[nodiscard]] std::vector<std::string> bindings() const;
   // How often the client used the libvesk function `operation`, failed uses included.
   [[nodiscard]] int uses(std::string_view operation) const;

@@ -65,14 +65,14 @@ const struct Method {
     {[](auto& c) { return text(c.getPackageNamesForUid(-5)); }, 0, 21, "-5", "2 'q' 'p'", R"({ "q", "p" })", "{}"},
     {[](auto& c) { return text(c.getBroadcastReceiverPackageNames("a", -2)); }, 0, 59, "'a' -2L", kReceivers,
      R"({ "r", "r" })", "{}"},
-    {[](auto& c) { return list(c, &Client::getInstalledPackageNames); }, 3, 2, "", "2 'q' 'p'", R"(true{ "q", "p" })",
+    {[](auto& c) { return list(c, &Client::getInstalledPackageNames); }, 6, 2, "", "2 'q' 'p'", R"(true{ "q", "p" })",
      "true{}", "false{}"},
-    {[](auto& c) { return list(c, &Client::getForegroundPackages); }, 2, 2, "", kProcesses, R"(true{ "", "p", "q" })",
+    {[](auto& c) { return list(c, &Client::getForegroundPackages); }, 4, 2, "", kProcesses, R"(true{ "", "p", "q" })",
      "false{}"},
-    {[](auto& c) { return state(c, "p"); }, 2, 2, "", kProcesses, "true(true, 100, false)", "false(true, 55, true)"},
-    {[](auto& c) { return state(c, "x"); }, 2, 2, "", kProcesses, "true(true, 125, true)", "false(true, 55, true)"},
-    {[](auto& c) { return state(c, ""); }, 2, 2, "", kProcesses, "true(true, 100, true)", "false(true, 55, true)"},
-    {[](auto& c) { return state(c, "y"); }, 2, 2, "", kProcesses, "true(false, -1, false)", "false(true, 55, true)"},
+    {[](auto& c) { return state(c, "p"); }, 4, 2, "", kProcesses, "true(true, 100, false)", "false(true, 55, true)"},
+    {[](auto& c) { return state(c, "x"); }, 4, 2, "", kProcesses, "true(true, 125, true)", "false(true, 55, true)"},
+    {[](auto& c) { return state(c, ""); }, 4, 2, "", kProcesses, "true(true, 100, true)", "false(true, 55, true)"},
+    {[](auto& c) { return state(c, "y"); }, 4, 2, "", kProcesses, "true(false, -1, false)", "false(true, 55, true)"},
 };
 
 class IntentsAndPackages : public ClientTest {
@@ -122,8 +122,8 @@ D IOrvelPackageManager getPackages:Package: q
 D IOrvelPackageManager getPackages:Package: p
 I IActivityManager getRunningAppProcessesInfo:Read 3 RunningAppProcessInfo items
 )");
-  const char* const interfaces[] = {"IDelegateService", "", "activitymanager.IActivityManager",
-                                    "packagemanager.IOrvelPackageManager"};
+  const char* const interfaces[] = {
+      "IDelegateService", "", "", "", "activitymanager.IActivityManager", "", "packagemanager.IOrvelPackageManager"};
   const std::vector<Transaction> calls = m_vesk.transactions();
   ASSERT_EQ(calls.size(), std::size(kMethods));
   for (std::size_t n = 0; n < calls.size(); ++n) {

@@ -1,0 +1,143 @@
+// Records of the voice assistant, and metric events.
+#include <algorithm>
+#include <climits>
+
+#include "orvel/TarselMetricEvent.h"
+#include "parcel/OrvelSimDirective.h"
+#include "parcel/OrvelSimEventMetadata.h"
+#include "parcel/OrvelSimEventResult.h"
+#include "support/ClientTest.h"
+#include "support/Reading.h"
+
+namespace orvel::test {
+namespace {
+
+using namespace service_apis;  // NOLINT(google-build-using-namespace)
+using Value = TarselMetricEventFieldValue;
+
+struct AssistantRecords : ::testing::Test {
+  FakeVesk m_vesk;
+};
+
+// What a record writes between two words, because its length is its own and what follows must stand behind it.
+template <typename Record>
+Bytes written(const Record& record, bool good = true) {
+  const PayloadPtr payload(vesk_payload_alloc());
+  vesk_write_i32(payload.get(), 9);
+  EXPECT_EQ(record.write(payload.get()), good);
+  vesk_write_i32(payload.get(), 8);
+  return bytes_of(payload.get());
+}
+
+TEST_F(AssistantRecords, TextsThreeAndFourOfADirectiveTradePlacesAndACutLosesTheRest) {
+  const Reader read = [](vesk_buffer* buffer) {
+    const auto [a, b, c, d, e, f, g] = OrvelSimDirective::read(buffer);
+    return a + ',' + b + ',' + c + ',' + d + ',' + e + ',' + f + ',' + g;
+  };
+  const Bytes whole = wire("'a' 'b' 'c' 'd' 'e' 'f' 'g'");
+  for (std::size_t size = 0; size <= whole.size(); ++size) {
+    std::string left = "a,b,d,c,e,f,g";
+    const auto is_lost = [size](char letter) { return letter >= 'a' + static_cast<int>(size / 8); };
+    left.erase(std::remove_if(left.begin(), left.end(), is_lost), left.end());
+    expect_reads(read, {{"cut", Bytes(whole).cut(whole.size() - size), left, size % 8}}, ",,,,,,");
+  }
+}
+
+TEST_F(AssistantRecords, AnEventResultIsUnknownUnlessItsMarkIsNotZeroAndItsCodeBelowSix) {
+  const auto read = [](const Bytes& bytes) { return OrvelSimEventResult::read(buffer_of(bytes).get()); };
+  for (const int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, -1, -2, INT_MIN, INT_MAX}) {
+    for (const int mark : {1, -1, INT_MIN, 0}) {
+      EXPECT_EQ(read(Bytes().i32(mark).i32(code)), mark != 0 && code >= 0 && code < 6 ? code : 6) << mark << code;
+    }
+  }
+  for (std::size_t cut = 1; cut <= 8; ++cut) EXPECT_EQ(read(wire("1 0").cut(cut)), 6) << "no success that was cut";
+  EXPECT_EQ(OrvelSimEventResult::read(nullptr), 6);
+}
+
+TEST_F(AssistantRecords, MetadataGoBehindTheirLengthWithNoTextForAnEmptyOne) {
+  const std::string mebibyte(1 << 20, 'x');
+  const OrvelSimEventMetadata full{"n", "e", "3", "4", "5", "6", "7", true};
+  EXPECT_EQ(written(full), wire("9 1 64 'n' 'e' '3' '4' '5' '6' '7' 1 8"));
+  EXPECT_EQ(written(OrvelSimEventMetadata{}), wire("9 1 36 ~ ~ ~ ~ ~ ~ ~ 0 8"));
+  EXPECT_EQ(written(OrvelSimEventMetadata{"", "", "", "", "", "", mebibyte, true}),
+            wire("9 1 2097192 ~ ~ ~ ~ ~ ~").utf16(mebibyte).append(wire("1 8")));
+  for (int nth = 2; nth <= 5; ++nth) {
+    m_vesk.fail_once("vesk_write_i32", nth);
+    written(full, /*good=*/true);  // the failure shows in the payload alone
+  }
+  EXPECT_FALSE(full.write(nullptr));
+}
+
+TEST_F(AssistantRecords, TheOtherDirectionIsInert) {
+  const BufferPtr buffer = buffer_of(wire("1 24 'h' 'i' -1"));
+  TarselMetricEvent event;
+  EXPECT_EQ(OrvelSimEventMetadata::read(buffer.get()).namespaceName, "");
+  EXPECT_FALSE(TarselMetricEvent::read(buffer.get(), event) || vesk_buffer_remaining(buffer.get()) != 28);
+  EXPECT_FALSE(OrvelSimDirective::write(nullptr) || OrvelSimEventResult::write(nullptr, kSuccess));
+  EXPECT_TRUE(OrvelSimEventResult::write(nullptr, kUnknownError));
+}
+
+TarselMetricEvent event_of_all_kinds() {
+  TarselMetricEvent event;
+  std::string text = "v";
+  event.header1 = "h";
+  event.header2 = "i";
+  EXPECT_TRUE(event.addStringEvent("s", text) && event.addLongEvent("l", -5) && event.addDoubleEvent("d", 1.5) &&
+              event.addTimestampEvent("t", 1LL << 40U) && event.addBooleanEvent("b", true) &&
+              event.addPredefinedEvent(TarselPredefined::kModel));
+  EXPECT_EQ(text, "") << "moved";
+  return event;
+}
+
+TEST_F(AssistantRecords, AMetricEventHasTheNewestValueOfEachKeyInTheOrderOfTheKeysBytes) {
+  EXPECT_EQ(written(TarselMetricEvent{}), wire("9 1 24 '' '' -1 8"));
+  TarselMetricEvent event = event_of_all_kinds();
+  EXPECT_EQ(written(event), wire("9 1 148 'h' 'i' 6 '_Model' 5 5 'b' 4 1 'd' 2")
+                                .f64(1.5)
+                                .append(wire("'l' 1 -5L 's' 0 'v' 't' 3 1099511627776L 8")));
+  std::string text = "new";
+  event.addStringEvent("l", text);
+  event.addTimestampEvent("s", 2);
+  for (const char* key : {"\xc3\xa9", "bc", "B", "", "d"}) event.addBooleanEvent(key, false);
+  EXPECT_EQ(written(event), wire("9 1 216 'h' 'i' 10 '' 4 0 'B' 4 0 '_Model' 5 5 'b' 4 1 'bc' 4 0 'd' 4 0 'l' 0 'new' "
+                                 "'s' 3 2L 't' 3 1099511627776L")
+                                .utf16(u"\u00e9")
+                                .append(wire("4 0 8")));
+}
+
+TEST_F(AssistantRecords, OnlyTheFifteenPredefinedFactsAreTaken) {
+  std::istringstream keys(
+      "_SoftwareVersion _SoftwareVersionFingerprint _OsFileTag _BuildType _Platform _Model _Hardware _DeviceType "
+      "_DeviceId _CustomerId _MarketplaceId _CountryOfResidence _DeviceLanguage _OtaGroupName _TimeZone");
+  TarselMetricEvent event;
+  int number = 0;
+  for (std::string key; keys >> key; ++number) {
+    EXPECT_TRUE(event.addPredefinedEvent(TarselPredefined::Type(number)));
+    EXPECT_EQ(event.fields.at(key)->intValue, number);
+  }
+  for (const int n : {number, -1, INT_MAX, INT_MIN}) EXPECT_FALSE(event.addPredefinedEvent(TarselPredefined::Type(n)));
+  EXPECT_EQ(event.fields.size(), 15U);
+}
+
+TEST_F(AssistantRecords, AMetricEventThatBreaksOffKeepsALengthOfZero) {
+  for (int kind = 6; kind <= 256; ++kind) {
+    TarselMetricEvent event;
+    event.fields["k"] = kind == 256 ? nullptr : std::make_unique<Value>();
+    if (kind < 256) event.fields["k"]->kind = static_cast<std::uint8_t>(kind);
+    EXPECT_EQ(written(event, false), wire("9 1 0 '' '' 1 'k' " + (kind < 255 ? std::to_string(kind) : "") + " 8"));
+  }
+  const TarselMetricEvent event = event_of_all_kinds();
+  const std::pair<const char*, int> steps[] = {{"i32", 11}, {"utf16_cstring", 9}, {"i64", 2}, {"f64", 1}};
+  for (const auto& [type, count] : steps) {
+    for (int nth = 1; nth <= count; ++nth) {
+      m_vesk.fail_once(std::string("vesk_write_") + type, type == steps[0].first ? nth + 1 : nth);
+      const Bytes part = written(event, false);
+      const std::size_t head = std::min<std::size_t>(part.size(), 12);
+      EXPECT_EQ(Bytes(part.data(), head), wire("9 1 0").cut(12 - head)) << type << nth;
+    }
+  }
+  EXPECT_FALSE(event.write(nullptr) || Value().write(nullptr));
+}
+
+}  // namespace
+}  // namespace orvel::test
