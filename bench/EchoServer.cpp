@@ -112,9 +112,67 @@ class Broadcaster {
   std::size_t m_next = 0;
 };
 
-int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned int code, vesk_identity* caller,
-                        vesk_buffer* request, vesk_payload* /*reply*/) {
+// The result of an event that succeeded.
+vesk_payload* successfulResult() {
+  vesk_payload* message = vesk_payload_alloc();
+  for (const int word : {0, -1, 0x53595354}) vesk_write_i32(message, word);
+  vesk_write_utf16_cstring(message, "com.example.IReceiver");
+  for (const int word : {1, 0}) vesk_write_i32(message, word);
+  return message;
+}
+
+int takeEvent(vesk_buffer* request, vesk_payload* reply) {
+  static vesk_payload* const result = successfulResult();
+  unsigned int length = 0;
+  for (int word = 0; word < 2; ++word) vesk_read_i32(request);
+  for (int text = 0; text < 7; ++text) vesk_read_utf16_string(request, &length);
+  vesk_read_i32(request);
+  vesk_read_utf16_string(request, &length);
+  vesk_remote* receiver = vesk_read_endpoint(request);
+  if (receiver == nullptr) return -EINVAL;
+  const int error = vesk_remote_call_oneway(receiver, 1, result);
+  vesk_remote_release(receiver);
+  vesk_write_i32(reply, 1);
+  return error;
+}
+
+// Sends directives to names that clients have published.
+class DirectiveBroker {
+ public:
+  int send(void* runtime, int names, int count) {
+    const auto keep = [](void* /*runtime*/, void* handles, const char* /*name*/, vesk_handle handle) {
+      static_cast<std::vector<vesk_handle>*>(handles)->push_back(handle);
+    };
+    while (m_handles.size() < static_cast<std::size_t>(names)) {
+      const std::size_t known = m_handles.size();
+      vesk_service_bind(runtime, directiveName(static_cast<int>(known)).c_str(), keep, &m_handles);
+      if (m_handles.size() == known) return -ENOENT;  // the names are there before the client asks
+    }
+    for (int n = 0; n < count; ++n) {
+      vesk_handle& receiver = m_handles[m_next++ % m_handles.size()];
+      if (const int error = vesk_call_oneway(runtime, &receiver, 1, m_message)) return error;
+    }
+    return 0;
+  }
+
+ private:
+  static vesk_payload* directive() {
+    vesk_payload* message = vesk_payload_alloc();
+    for (const char* text : {"Example.Speaker", "SetVolume", "1.0", "{\"volume\":50}", "", "", ""}) {
+      vesk_write_utf16_cstring(message, text);
+    }
+    return message;
+  }
+
+  vesk_payload* const m_message = directive();
+  std::vector<vesk_handle> m_handles;
+  std::size_t m_next = 0;
+};
+
+int answerOnHostRuntime(void* runtime, vesk_endpoint* /*endpoint*/, unsigned int code, vesk_identity* caller,
+                        vesk_buffer* request, vesk_payload* reply) {
   static Broadcaster broadcaster;
+  static DirectiveBroker broker;
   switch (code) {
     case kEcho:
       return echo(caller, request);
@@ -122,6 +180,12 @@ int answerOnHostRuntime(void* /*runtime*/, vesk_endpoint* /*endpoint*/, unsigned
       return broadcaster.keep(request);
     case kSendBroadcasts:
       return broadcaster.send(vesk_read_i32(request));
+    case kTakeEvent:
+      return takeEvent(request, reply);
+    case kSendDirectives: {
+      const int names = vesk_read_i32(request);
+      return broker.send(runtime, names, vesk_read_i32(request));
+    }
     default:
       return -EINVAL;
   }

@@ -22,7 +22,14 @@ enum EchoCode : unsigned int {
   kEcho = 1,
   kKeepEndpoint,    // takes an endpoint to send broadcasts to
   kSendBroadcasts,  // takes a number and sends so many, to all its endpoints in turn, before it answers
+  kTakeEvent,       // takes an event for the assistant with its endpoint, and sends its result before it answers
+  kSendDirectives,  // takes two numbers: of names, and of directives to send to them in turn before it answers
 };
+
+// The name under which a client publishes the endpoint of its `n`th namespace.
+inline std::string directiveName(int n) {
+  return "sim_broker_service_Bench" + std::to_string(n) + "_vesk_endpoint";
+}
 
 // The extra of a broadcast that tells when it was sent, by the steady clock in nanoseconds.
 constexpr const char* kSentAtExtra = "com.example.extra.SENT_AT";

@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <orvel/OrvelDelegateClient.h>
 #include <orvel/OrvelIntent.h>
+#include <orvel/TarselMetricEvent.h>
 
 #include <algorithm>
 #include <chrono>
@@ -38,10 +39,12 @@ using orvel::service_apis::RecordArray;
 using orvel::service_apis::RunningAppProcessInfo;
 using orvel::service_apis::skip_header;
 using orvel::service_apis::StringArray;
+using orvel::service_apis::TarselMetricEvent;
 
 // The codes of the calls that are made here.
 enum Code : unsigned int {
   kGetRunningAppProcesses = 2,
+  kSendEvent = 2,  // of another service, which is not asked in the same benchmark
   kSendBroadcast = 27,
   kRegisterForBroadcast = 28,
   kGetDeviceName = 33,
@@ -330,6 +333,7 @@ constexpr int kProcesses = 1000;
 
 // Asks the client about the processes with `ask`, which says whether the answer is right.
 void askAboutProcesses(benchmark::State& state, bool (*ask)(OrvelDelegateClient&)) {
+  answer(kGetRunningAppProcesses, processes(kProcesses));
   OrvelDelegateClient& client = OrvelDelegateClient::getClient();
   if (!client.initialize()) return state.SkipWithError("no client");
   for (auto _ : state) {
@@ -441,11 +445,16 @@ void replay(benchmark::State& state, int count) {
   __android_log_set_minimum_priority(ANDROID_LOG_WARN);
 }
 
-// As a service sends it to an endpoint.
-BufferPtr smallBroadcast() {
+// What services send to an endpoint begins like this.
+vesk::Parcel toEndpoint() {
   vesk::Parcel message;
   for (const int word : {0, -1, 0x53595354}) message.write_i32(word);
   message.write_utf16("com.example.IReceiver");
+  return message;
+}
+
+BufferPtr smallBroadcast() {
+  vesk::Parcel message = toEndpoint();
   writeReceivedIntent(message, 1);
   return BufferPtr(bufferOf(message));
 }
@@ -477,6 +486,63 @@ void decodeBroadcast(benchmark::State& state) {
   }
 }
 
+// ---- The assistant and metrics ----
+
+// Ten values of each of the kinds that a program fills.
+TarselMetricEvent metricEvent() {
+  TarselMetricEvent event;
+  event.header1 = kPackage;
+  event.header2 = "PlaybackSession";
+  for (int n = 10; n < 20; ++n) {
+    const std::string number = std::to_string(n);
+    std::string text = kText;
+    event.addStringEvent("Playback.Stream" + number + ".Codec", text);
+    event.addLongEvent("Playback.Stream" + number + ".BytesReceived", 1'000'000LL * n);
+    event.addDoubleEvent("Playback.Stream" + number + ".BufferedSeconds", 0.25 * n);
+    event.addTimestampEvent("Playback.Stream" + number + ".StartedAt", 1'795'000'000'000 + n);
+    event.addBooleanEvent("Playback.Stream" + number + ".Interrupted", n % 2 == 0);
+  }
+  return event;
+}
+
+void encodeMetricEvent(benchmark::State& state) {
+  const TarselMetricEvent event = metricEvent();
+  const PayloadPtr payload(vesk_payload_alloc());
+  for (auto _ : state) {
+    rewind(payload.get());
+    if (!event.write(payload.get())) return state.SkipWithError("the event was not written");
+  }
+  setBytes(state, bytesOf(payload.get()).size());
+}
+
+void copyMetricEvent(benchmark::State& state) {
+  const PayloadPtr payload(vesk_payload_alloc());
+  metricEvent().write(payload.get());
+  copyBytes(state, bytesOf(payload.get()));
+}
+
+// An event and its result, which comes as soon as the event is accepted.
+void sendEvent(benchmark::State& state) {
+  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+  vesk::Parcel accepted;
+  accepted.write_i32(1);
+  answer(kSendEvent, accepted);
+  vesk::Parcel message = toEndpoint();
+  for (const int word : {1, 0}) message.write_i32(word);
+  const BufferPtr result(bufferOf(message));
+  int successes = 0;
+  const auto callback = [&](const std::string& name, bool /*retryable*/) { successes += name == "SUCCESS" ? 1 : 0; };
+  if (!client.initialize()) return state.SkipWithError("no client");
+  for (auto _ : state) {
+    if (!client.sendEvent("Example.Buttons", "Pressed", "1.0", "", "", "", "", false, kText, callback)) break;
+    vesk_endpoint* endpoint = endpoints().back();
+    rewind(result.get());
+    endpoint->fn->endpoint_call_oneway(runtime(), endpoint, 1, nullptr, result.get());
+    dropEndpoints();
+  }
+  if (successes != state.iterations()) state.SkipWithError("not every event succeeded");
+}
+
 }  // namespace
 }  // namespace bench
 
@@ -485,7 +551,6 @@ int main(int argc, char** argv) {
   vesk::Parcel device_name;
   device_name.write_utf16(kDeviceName);
   answer(kGetDeviceName, device_name);
-  answer(kGetRunningAppProcesses, processes(kProcesses));
   for (const unsigned int code : {kSendBroadcast, kRegisterForBroadcast, kRegisterForSecureSettings}) answer(code, {});
   benchmark::RegisterBenchmark("name by library", deviceNameByLibrary);
   benchmark::RegisterBenchmark("name by hand", deviceNameByHand);
@@ -535,5 +600,12 @@ int main(int argc, char** argv) {
     rows.push_back({std::string(method) + ", 1,000 processes : decoding", query, "decode 1,000 processes",
                     Quantity::kMicroseconds, ""});
   }
+  benchmark::RegisterBenchmark("encode metrics", encodeMetricEvent);
+  benchmark::RegisterBenchmark("copy metrics", copyMetricEvent);
+  rows.push_back({"encoding a metric event, 50 fields : memcpy", "encode metrics", "copy metrics",
+                  Quantity::kMegabytesPerSecond, ""});
+  benchmark::RegisterBenchmark("event", sendEvent);
+  rows.push_back(
+      {"sendEvent() and its result : getDeviceName()", "event", "name by library", Quantity::kNanoseconds, ""});
   return runTable(argc, argv, rows);
 }

@@ -89,8 +89,12 @@ const std::vector<vesk_endpoint*>& endpoints() {
   return runtime().endpoints.list;
 }
 
-void restartService() {
+void dropEndpoints() {
   runtime().endpoints.drop();
+}
+
+void restartService() {
+  dropEndpoints();
   vesk_death_callback* callback = runtime().links.back();
   runtime().links.pop_back();
   vesk_handle handle = kTheHandle;

@@ -26,6 +26,7 @@ const std::vector<std::byte>& bytesOf(const vesk_payload* payload);
 
 // The endpoints that services got, in the order of the calls; the end of a connection drops them.
 const std::vector<vesk_endpoint*>& endpoints();
+void dropEndpoints();
 
 // Ends the connection that was bound last and delivers its notice before it returns; a new bind succeeds at once.
 void restartService();

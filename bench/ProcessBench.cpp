@@ -18,18 +18,30 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "EchoServer.h"
 #include "Table.h"
+#include "parcel/OrvelSimEventMetadata.h"
+#include "parcel/String.h"
 #include "services/BroadcastReceiverEndpoint.h"
+#include "services/OrvelSimDirectiveCallbackEndpoint.h"
+#include "services/OrvelSimEventStatusCallbackEndpoint.h"
 
 namespace bench {
 namespace {
 
 using orvel::service_apis::BroadcastReceiverEndpoint;
 using orvel::service_apis::Bundle;
+using orvel::service_apis::kSuccess;
 using orvel::service_apis::OrvelDelegateClient;
+using orvel::service_apis::OrvelSimDirective;
+using orvel::service_apis::OrvelSimDirectiveCallbackEndpoint;
+using orvel::service_apis::OrvelSimEventMetadata;
+using orvel::service_apis::OrvelSimEventResult_t;
+using orvel::service_apis::OrvelSimEventStatusCallbackEndpoint;
+using orvel::service_apis::String;
 
 constexpr std::chrono::seconds kPatience{10};
 
@@ -83,6 +95,7 @@ void measure(benchmark::State& state, const Function& trip) {
   bool good = trip();
   for (auto _ : state) good = good && trip();
   if (!good) state.SkipWithError("a round trip failed");
+  state.SetItemsProcessed(state.iterations());
 }
 
 bool readAll(int socket, char* bytes, std::size_t size) {
@@ -154,6 +167,21 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
+  void publish(const std::string& name, vesk_endpoint* endpoint) {
+    if (vesk_service_register(m_runtime, name.c_str(), endpoint) != 0)
+      throw std::runtime_error("cannot publish " + name);
+  }
+
+  // Sends what `write` writes. Throws when the call fails.
+  template <typename Write>
+  void ask(EchoCode code, const Write& write) {
+    vesk_payload* request = vesk_payload_alloc();
+    write(request);
+    const bool good = call(code, request, [](vesk_buffer*) { return true; });
+    vesk_payload_free(request);
+    if (!good) throw std::runtime_error("the server refuses a request");
+  }
+
   // Whether the call succeeds and the reply passes `check`.
   template <typename Check>
   bool call(EchoCode code, vesk_payload* request, const Check& check) {
@@ -200,6 +228,30 @@ void roundTrip(benchmark::State& state, const Trip& trip) try {
   state.SkipWithError(error.what());
 }
 
+// Callbacks that are waited for.
+class Arrivals {
+ public:
+  void note() {
+    const std::lock_guard lock(m_mutex);
+    ++m_count;
+    m_changed.notify_one();
+  }
+
+  // Waits for so many since the last time.
+  void await(int count) {
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_for(lock, kPatience, [&] { return m_count == count; })) {
+      throw std::runtime_error("not every callback was called");
+    }
+    m_count = 0;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  int m_count = 0;  // guarded by m_mutex
+};
+
 // Hears the broadcasts of the server, as a proxy of the library does.
 class Listener {
  public:
@@ -207,57 +259,37 @@ class Listener {
     for (int n = 0; n < registrations; ++n) {
       const auto endpoint = vesk::make_endpoint<BroadcastReceiverEndpoint>(
           [this](const std::string&, const std::string&, const Bundle& extras) {
-            hear(std::chrono::nanoseconds(extras.get(kSentAtExtra, 0LL)));
+            const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+            m_delay = now - std::chrono::nanoseconds(extras.get(kSentAtExtra, 0LL));
+            m_arrivals.note();
           });
-      ask(kKeepEndpoint, [&](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); });
+      m_client.ask(kKeepEndpoint,
+                   [&](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); });
     }
   }
 
   // Asks for so many broadcasts and waits for their callbacks. Returns how long the last one was on its way.
   std::chrono::nanoseconds request(int count) {
-    ask(kSendBroadcasts, [&](vesk_payload* request) { vesk_write_i32(request, count); });
-    std::unique_lock lock(m_mutex);
-    if (!m_changed.wait_for(lock, kPatience, [&] { return m_heard == count; })) {
-      throw std::runtime_error("not every broadcast arrived");
-    }
-    m_heard = 0;
+    m_client.ask(kSendBroadcasts, [&](vesk_payload* request) { vesk_write_i32(request, count); });
+    m_arrivals.await(count);
     return m_delay;
   }
 
  private:
-  template <typename Write>
-  void ask(EchoCode code, const Write& write) {
-    vesk_payload* request = vesk_payload_alloc();
-    write(request);
-    const bool good = m_client.call(code, request, [](vesk_buffer*) { return true; });
-    vesk_payload_free(request);
-    if (!good) throw std::runtime_error("the server refuses a request");
-  }
-
-  void hear(std::chrono::nanoseconds sent_at) {
-    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
-    const std::lock_guard lock(m_mutex);
-    m_delay = now - sent_at;
-    ++m_heard;
-    m_changed.notify_one();
-  }
-
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  int m_heard = 0;                      // guarded by m_mutex
-  std::chrono::nanoseconds m_delay{0};  // guarded by m_mutex
+  Arrivals m_arrivals;
+  std::chrono::nanoseconds m_delay{0};  // read between the arrivals that it is written before
   Client m_client;                      // Last: its thread uses the rest.
 };
 
 // Fewer than the host runtime queues for a receiver.
-constexpr int kBroadcastsAtOnce = 500;
+constexpr int kMessagesAtOnce = 500;
 
 void deliverBroadcasts(benchmark::State& state, int registrations) try {
   const EchoServer server(Transport::kHostRuntime);
   Listener listener(registrations);
   listener.request(1);
-  for (auto _ : state) listener.request(kBroadcastsAtOnce);
-  state.SetItemsProcessed(kBroadcastsAtOnce * state.iterations());
+  for (auto _ : state) listener.request(kMessagesAtOnce);
+  state.SetItemsProcessed(kMessagesAtOnce * state.iterations());
 } catch (const std::exception& error) {
   state.SkipWithError(error.what());
 }
@@ -267,6 +299,55 @@ void delayOfBroadcast(benchmark::State& state) try {
   Listener listener(1);
   listener.request(1);
   for (auto _ : state) state.SetIterationTime(std::chrono::duration<double>(listener.request(1)).count());
+} catch (const std::exception& error) {
+  state.SkipWithError(error.what());
+}
+
+// Sends so many events, as a proxy of the library does, and waits for their results.
+void sendEvents(benchmark::State& state, int at_once) try {
+  const EchoServer server(Transport::kHostRuntime);
+  Arrivals results;
+  Client client;
+  const OrvelSimEventMetadata metadata{"Example.Buttons", "Pressed", "1.0", "", "", "", "", false};
+  const auto send = [&] {
+    for (int n = 0; n < at_once; ++n) {
+      const auto endpoint = vesk::make_endpoint<OrvelSimEventStatusCallbackEndpoint>([&](OrvelSimEventResult_t result) {
+        if (result == kSuccess) results.note();
+      });
+      client.ask(kTakeEvent, [&](vesk_payload* request) {
+        metadata.write(request);
+        String::write_optional(request, "a payload of no great length");
+        vesk_write_endpoint(request, endpoint->get_endpoint());
+      });
+    }
+    results.await(at_once);
+  };
+  send();
+  for (auto _ : state) send();
+  state.SetItemsProcessed(at_once * state.iterations());
+} catch (const std::exception& error) {
+  state.SkipWithError(error.what());
+}
+
+// Publishes so many namespaces, as a proxy of the library does, and has directives sent to them in turn.
+void deliverDirectives(benchmark::State& state, int namespaces) try {
+  const EchoServer server(Transport::kHostRuntime);
+  Arrivals directives;
+  Client client;
+  for (int n = 0; n < namespaces; ++n) {
+    const auto endpoint =
+        vesk::make_endpoint<OrvelSimDirectiveCallbackEndpoint>([&](const OrvelSimDirective&) { directives.note(); });
+    client.publish(directiveName(n), endpoint->get_endpoint());
+  }
+  const auto deliver = [&](int count) {
+    client.ask(kSendDirectives, [&](vesk_payload* request) {
+      for (const int number : {namespaces, count}) vesk_write_i32(request, number);
+    });
+    directives.await(count);
+  };
+  deliver(1);
+  for (auto _ : state) deliver(kMessagesAtOnce);
+  state.SetItemsProcessed(kMessagesAtOnce * state.iterations());
 } catch (const std::exception& error) {
   state.SkipWithError(error.what());
 }
@@ -312,6 +393,16 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("broadcast", delayOfBroadcast)->UseManualTime();
   rows.push_back({"one-way call to callback : round trip of 64 B", "broadcast",
                   nameOf({Transport::kHostRuntime, 64, false}), Quantity::kMicroseconds, ""});
+  benchmark::RegisterBenchmark("events, 1", sendEvents, 1)->UseRealTime();
+  benchmark::RegisterBenchmark("events, 100", sendEvents, 100)->UseRealTime();
+  for (const auto& [text, name] : {std::pair("one at a time", "events, 1"), {"100 in flight", "events, 100"}}) {
+    rows.push_back({std::string("events and results, ") + text + " : round trips", name,
+                    nameOf({Transport::kHostRuntime, 64, false}), Quantity::kPerSecond, ""});
+  }
+  benchmark::RegisterBenchmark("directives, 1", deliverDirectives, 1)->UseRealTime();
+  benchmark::RegisterBenchmark("directives, 100", deliverDirectives, 100)->UseRealTime();
+  rows.push_back(
+      {"directives to 100 namespaces : to one", "directives, 100", "directives, 1", Quantity::kPerSecond, ""});
   benchmark::RegisterBenchmark("initialize", initialize)->UseManualTime();
   rows.push_back({"initialize()", "initialize", "", Quantity::kMilliseconds, "under 20 ms"});
   return runTable(argc, argv, rows);
