@@ -8,8 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -42,7 +44,11 @@ Process::Process(const Words& words, const Words& environment) : m_words(words) 
   const std::string program =
       words.front().find('/') == std::string::npos ? ORVEL_BIN "/" + words.front() : words.front();
   Words variables = environment;
-  for (char** variable = environ; *variable != nullptr; ++variable) variables.emplace_back(*variable);
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string name(*variable, std::strcspn(*variable, "=") + 1);  // a shell may take the second of two
+    const auto is_given = [&](const std::string& given) { return given.rfind(name, 0) == 0; };
+    if (std::none_of(environment.begin(), environment.end(), is_given)) variables.emplace_back(*variable);
+  }
 
   const Pipe input;
   const Pipe output;
