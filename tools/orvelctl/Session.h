@@ -71,6 +71,9 @@ class Session {
   void carryOut(const std::string& what, const std::string& service, const std::function<bool(Client&)>& call,
                 const Json& object, const std::string& text);
 
+  // Makes a call at whose failure nothing is lost.
+  void attempt(const std::function<void(Client&)>& call) { call(m_client); }
+
   bool json() const { return m_json; }
 
   // Keeps the exit status of a failure, the first one if there are several.

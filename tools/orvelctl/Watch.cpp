@@ -298,8 +298,7 @@ void watchChanges(Session& session, const WatchOptions& options) {
     if (std::optional<Event> event = events.take()) line = lineOf(*std::move(event), session.json());
   }
   for (const Kind& kind : kinds) {
-    if (!kind.unsubscribe || session.status() != kSuccess) continue;
-    session.ask("ending " + kind.name, kind.service, false, kind.unsubscribe);
+    if (kind.unsubscribe && session.status() == kSuccess) session.attempt(kind.unsubscribe);
   }
   session.acceptInterrupt();
 }
