@@ -97,7 +97,7 @@ class PublicInterface : public Device {
     for (std::string line; std::getline(help, line);) {
       const Words words = split(line.c_str());  // "delegate:" and what it is for, or "33" "getDeviceName()"
       if (words.size() > 1 && words[0].back() == ':') service = words[0].substr(0, words[0].size() - 1);
-      if (words.size() > 1 && std::isdigit(words[0].front())) {
+      if (words.size() > 1 && std::isdigit(words[0].front()) != 0) {
         methods.insert(service + "." + words[1].substr(0, words[1].find('(')));
       }
     }
@@ -110,7 +110,7 @@ class PublicInterface : public Device {
     Names methods;
     for (std::string line; std::getline(header, line);) {
       const Words words = split(line.substr(0, line.find('(')).c_str());
-      const bool member = line.find('(') != std::string::npos && line.find("  ") == 0 && std::islower(line[2]);
+      const bool member = line.find('(') != std::string::npos && line.find("  ") == 0 && std::islower(line[2]) != 0;
       if (member && words.size() > 1 && words[0] != "using") methods.insert(words.back());
     }
     return methods;
