@@ -234,9 +234,9 @@ class ORVEL_API OrvelDelegateClient {
                  const std::string& event7, bool flag, std::string payload, EventResultCallback callback);
 
   /// Subscribes to the assistant's directives of a namespace, which one process of the device can have at a time: false
-  /// when another has it, for an empty namespace, and on failure. Of two subscriptions of this client to the same
-  /// namespace the first stays alone; the second gives true, with an error line, and its callback is dropped. What is
-  /// said of subscriptions above holds for the rest.
+  /// when another has it, for a namespace that is empty or holds a NUL, and on failure. Of two subscriptions of this
+  /// client to the same namespace the first stays alone; the second gives true, with an error line, and its callback is
+  /// dropped. What is said of subscriptions above holds for the rest.
   bool registerForDirective(const std::string& nspace, DirectiveCallback callback);
 
   /// Records an event. Nothing tells whether the metrics service took it; one that holds an unset value is not sent. The

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -152,9 +151,7 @@ void addEvent(Commands& commands) {
                                       [event](Session& session) { sendEvent(session, *event); });
   addText(subcommand, "namespace", event->nspace, "");
   addText(subcommand, "name", event->name, "");
-  subcommand->add_option("texts", event->texts, "up to five more texts")
-      ->expected(0, static_cast<int>(kMoreTexts))
-      ->type_name("");
+  subcommand->add_option("texts", event->texts, "up to five more texts")->type_name("");
   subcommand->add_flag("--flag", event->flag, "set the event's flag");
   CLI::Option* payload = subcommand->add_option("--payload", event->payload, "what goes along")->type_name("TEXT");
   subcommand->add_option("--payload-file", event->payload_file, "the same from a file, - for standard input")
@@ -162,6 +159,9 @@ void addEvent(Commands& commands) {
       ->excludes(payload);
   subcommand->footer(kEventFooter + 1);
   subcommand->parse_complete_callback([event] {
+    if (event->texts.size() > kMoreTexts) {
+      throw CLI::ValidationError("texts", "at most five, '" + event->texts[kMoreTexts] + "' is one too many");
+    }
     if (event->payload_file) event->payload = readFile(*event->payload_file);
   });
 }
