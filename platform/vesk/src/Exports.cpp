@@ -80,24 +80,25 @@ void CallbackChannel::finish_handshake() {
 
 void CallbackChannel::attach(Loop& loop) {
   if (!m_bus) return;
-  m_loop = &loop;
   // Callbacks that followed the receiver's half of the handshake may have been read with it; the descriptor will not
-  // say so.
+  // say so. One at a time, so that a receiver which sends without end shares the loop with the others.
   const auto first_look = [](sd_event_source*, void* self) {
     auto* channel = static_cast<CallbackChannel*>(self);
     const auto keep_alive = channel->shared_from_this();
-    channel->m_first_look.reset();
-    channel->drain(*channel->m_loop);
+    if (!channel->m_bus || sd_bus_process(channel->m_bus.get(), nullptr) <= 0) channel->m_first_look.reset();
     return 0;
   };
   sd_event_source* source = nullptr;
   check(sd_event_add_defer(loop.event(), &source, first_look, this));
   m_first_look.reset(source);
+  check(sd_event_source_set_enabled(source, SD_EVENT_ON));
   check(sd_bus_attach_event(m_bus.get(), loop.event(), SD_EVENT_PRIORITY_NORMAL));
 }
 
 bool CallbackChannel::drain(const Loop& loop) {
   const auto keep_alive = shared_from_this();
+  // What lies in the socket stays there to be read; without this, a peer that goes on sending would never be dead.
+  if (m_bus) ::shutdown(sd_bus_get_fd(m_bus.get()), SHUT_RD);
   while (m_bus && !loop.is_winding_down()) {
     if (sd_bus_process(m_bus.get(), nullptr) <= 0) return true;
   }

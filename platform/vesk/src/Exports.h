@@ -81,7 +81,8 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   // From here on the loop's thread owns the channel.
   void attach(Loop& loop);
 
-  // Delivers everything that has arrived. False when the loop is winding down and some may be left.
+  // Delivers everything that has arrived, and takes no more from then on. False when the loop is winding down and some may
+  // be left.
   bool drain(const Loop& loop);
 
   // Tells the peer at once; on the owning thread.
@@ -100,7 +101,6 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   std::function<void()> m_on_broken;
   Outbox m_answers;
   BusPtr m_bus;
-  const Loop* m_loop = nullptr;  // set by attach()
   SourcePtr m_first_look;
 };
 

@@ -82,7 +82,7 @@ void OutgoingConnection::watch(vesk_handle handle) {
 int OutgoingConnection::call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints,
                              Parcel& reply) {
   if (request.error() != 0) return request.error();
-  if (request.bytes().size() > kMaxMessageBytes) return -EMSGSIZE;
+  if (request.bytes().size() > kMaxMessageBytes || endpoints.size() > kMaxMessageEndpoints) return -EMSGSIZE;
   // The loop would wait for itself.
   if (m_peer == ::getpid() && m_runtime.loop().is_this_thread()) return -EDEADLK;
   const CallMark mark(m_calls_in_progress);
@@ -155,6 +155,8 @@ MessagePtr OutgoingConnection::exchange(sd_bus_message* call, Deadline deadline)
 
 // The peer sends nothing but the answer that is waited for.
 int OutgoingConnection::on_message(sd_bus_message* message, void* self, sd_bus_error*) {
+  // sd-bus's own word for a hang-up, which is no fault of the peer's.
+  if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) return -ECONNRESET;
   static_cast<OutgoingConnection*>(self)->take_message(message);
   return 1;
 }
@@ -187,11 +189,14 @@ void OutgoingConnection::finish_handshake(Deadline deadline) {
   while (sd_bus_is_ready(m_bus.get()) <= 0) make_progress(deadline);
 }
 
-// Reads or writes once, or waits until that is possible. Throws -ETIMEDOUT at the deadline.
+// Reads or writes once, or waits until that is possible. Throws -ETIMEDOUT at the deadline, also when bytes come in all the
+// time that never make an answer.
 void OutgoingConnection::make_progress(Deadline deadline) {
-  if (check(sd_bus_process(m_bus.get(), nullptr)) > 0) return;
+  const bool progress = check(sd_bus_process(m_bus.get(), nullptr)) > 0;
+  if (m_answer) return;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   if (left <= 0) check(-ETIMEDOUT);
+  if (progress) return;
   pollfd socket{m_watched.get(), static_cast<short>(check(sd_bus_get_events(m_bus.get()))), 0};
   if (::poll(&socket, 1, static_cast<int>(std::min<std::int64_t>(left, INT_MAX))) < 0 && errno != EINTR) check(-errno);
 }

@@ -1,6 +1,5 @@
 #include "Parcel.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -69,7 +68,8 @@ int Parcel::set_position(std::size_t position) {
 int Parcel::truncate(std::size_t size) {
   if (size > m_bytes.size()) return -EINVAL;
   m_bytes.resize(size);
-  m_position = std::min(m_position, size);
+  // A word that is cut is written anew, so that values stay at their boundaries.
+  if (m_position > size) m_position = size & ~std::size_t{3};
   return 0;
 }
 
@@ -121,7 +121,8 @@ const std::uint16_t* Parcel::read_utf16(unsigned int* length) {
   const std::size_t start = m_position;
   const std::int32_t units = read_i32();
   if (m_error != 0 || units == -1) return nullptr;
-  if (units >= 0) {
+  // Compared first: the size of a damaged length may not fit in a size_t of 32 bits.
+  if (units >= 0 && static_cast<std::size_t>(units) < remaining() / sizeof(std::uint16_t)) {
     const std::size_t text_bytes = (static_cast<std::size_t>(units) + 1) * sizeof(std::uint16_t);
     if (const std::byte* text = take(padded(text_bytes))) {
       std::uint16_t terminator = 0;
@@ -129,7 +130,7 @@ const std::uint16_t* Parcel::read_utf16(unsigned int* length) {
       if (terminator == 0) {
         *length = static_cast<unsigned int>(units);
         // Aligned: the vector's storage is, and every position is a multiple of 4.
-        return reinterpret_cast<const std::uint16_t*>(text);
+        return static_cast<const std::uint16_t*>(static_cast<const void*>(text));
       }
     }
   }

@@ -12,6 +12,9 @@ namespace vesk {
 // The largest message that a process sends and that a receiver accepts.
 constexpr std::size_t kMaxMessageBytes = std::size_t{8} << 20;
 
+// The most endpoint references in one message: each costs its receiver much more than the eight bytes that it takes.
+constexpr std::size_t kMaxMessageEndpoints = 1024;
+
 // One message's bytes. A payload writes, a buffer reads; both keep the first error and refuse everything after it. One
 // thread at a time. Writing throws std::bad_alloc when memory runs out; reading never throws.
 class Parcel {
@@ -30,7 +33,7 @@ class Parcel {
   // Moves to an earlier written byte or to the end, always at a 4-byte boundary.
   int set_position(std::size_t position);
 
-  // Drops what lies behind `size`.
+  // Drops what lies behind `size`; a position behind it moves to the last boundary before it.
   int truncate(std::size_t size);
 
   // Replaces the contents by a copy of `size` bytes, forgets the error and moves to the start.

@@ -146,7 +146,7 @@ bool PendingBinds::try_all() {
       untried.pop_front();
       continue;
     }
-    again_soon = again_soon || result != -ENOENT;
+    again_soon = again_soon || (result != -ENOENT && result != -EPERM);  // another user's: until the directory changes
     m_waiting.splice(m_waiting.end(), untried, untried.begin());
   }
   return again_soon;

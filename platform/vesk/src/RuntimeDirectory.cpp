@@ -55,10 +55,11 @@ int try_connect(int directory, const std::string& socket_file, UniqueFd* out) {
   return 0;
 }
 
-// A process that merely accepts nothing at the moment is alive.
+// Only a refusal says that nobody does. A process that accepts nothing at the moment is alive, and any other failure is this
+// process's own: taken for a death, it would cost a living device its socket.
 bool someone_listens(int directory, const std::string& socket_file) {
   const int result = try_connect(directory, socket_file, nullptr);
-  return result == 0 || result == -EAGAIN;
+  return result != -ECONNREFUSED && result != -ENOENT;
 }
 
 // The socket that a name's link points to; empty where there is no such link. A link to anywhere else is nobody's
@@ -168,7 +169,10 @@ UniqueFd connect_to_service(int directory, const std::string& file) {
   ucred peer{};
   socklen_t size = sizeof(peer);
   check_errno(::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size));
-  if (peer.uid != ::geteuid()) throw std::system_error(EPERM, std::generic_category());
+  if (peer.uid != ::geteuid()) {
+    complain("%s in %s is served by another user (%u)", file.c_str(), runtime_directory().c_str(), peer.uid);
+    throw std::system_error(EPERM, std::generic_category());
+  }
   return socket;
 }
 

@@ -1,6 +1,7 @@
 #include "Server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -15,9 +16,11 @@ namespace {
 // A client opens one connection for each service; these leave room for the descriptors that a process may have by
 // default (1,024), each connection needing two.
 constexpr std::size_t kMaxConnections = 400;
-constexpr std::ptrdiff_t kMaxConnectionsPerPeer = 128;
+constexpr std::size_t kMaxConnectionsPerPeer = 128;
 // A client waits for each answer, so more than a few owed on one connection are a flood.
 constexpr unsigned int kMaxDeferred = 256;
+// The other half of a channel's handshake is there in full; this is several times what it takes to read it.
+constexpr int kMaxHandshakeSteps = 64;
 constexpr std::uint64_t kAcceptPauseUsec = 100'000;
 constexpr int kAcceptsAtOnce = 16;
 constexpr const char* kCallSignatures[] = {"uay", "uayat", "uayath"};
@@ -28,6 +31,11 @@ bool is_unix_stream(int descriptor) {
   socklen_t size = sizeof(int);
   return ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX &&
          ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
+}
+
+// sd-bus has a second word for a peer that is gone.
+int as_gone(int result) {
+  return result == -ECONNRESET ? -EPIPE : result;
 }
 
 }  // namespace
@@ -42,6 +50,11 @@ std::shared_ptr<IncomingConnection> IncomingConnection::accept(Server& server, U
 }
 
 IncomingConnection::~IncomingConnection() = default;
+
+bool IncomingConnection::has_hung_up() const {
+  pollfd socket{sd_bus_get_fd(m_bus.get()), POLLRDHUP, 0};
+  return ::poll(&socket, 1, 0) > 0;
+}
 
 void IncomingConnection::close(bool notify) {
   const auto keep_alive = shared_from_this();
@@ -104,6 +117,7 @@ bool IncomingConnection::receive_remotes(sd_bus_message* message, std::vector<Re
   const void* data = nullptr;
   std::size_t size = 0;
   check(sd_bus_message_read_array(message, 't', &data, &size));
+  if (size / sizeof(std::uint64_t) > kMaxMessageEndpoints) return false;
   int descriptor = -1;
   if (sd_bus_message_at_end(message, 1) == 0) {
     check(sd_bus_message_read_basic(message, 'h', &descriptor));  // stays the message's
@@ -121,8 +135,9 @@ bool IncomingConnection::accept_channel(int descriptor) {
   UniqueFd socket(check_errno(::fcntl(descriptor, F_DUPFD_CLOEXEC, 3)));
   check_errno(::fcntl(socket.get(), F_SETFL, O_NONBLOCK));
   BusPtr channel = start_bus(std::move(socket), HandshakeRole::kAccepting, &on_channel_message, this);
-  while (sd_bus_is_ready(channel.get()) <= 0) {
-    if (check(sd_bus_process(channel.get(), nullptr)) == 0) return false;
+  for (int steps = 0; sd_bus_is_ready(channel.get()) <= 0; ++steps) {
+    // A greeting that goes on for ever would keep the loop from everybody else.
+    if (steps == kMaxHandshakeSteps || check(sd_bus_process(channel.get(), nullptr)) == 0) return false;
   }
   check(sd_bus_attach_event(channel.get(), m_server.loop().event(), SD_EVENT_PRIORITY_NORMAL));
   m_channel = std::move(channel);
@@ -202,7 +217,7 @@ MessagePtr IncomingConnection::new_remote_call(const vesk_remote& remote, unsign
 int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request) {
   if (!m_channel) return -EPIPE;
   const MessagePtr message = new_remote_call(remote, code, request, /*two_way=*/false);
-  return m_callbacks.send(m_channel.get(), message.get(), request.bytes().size());
+  return as_gone(m_callbacks.send(m_channel.get(), message.get(), request.bytes().size()));
 }
 
 int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request,
@@ -222,7 +237,7 @@ int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code
       sd_bus_call_async(m_channel.get(), &slot, message.get(), &on_remote_answer, &*pending, timeout_usec);
   if (result < 0) {
     m_pending.erase(pending);
-    return result;
+    return as_gone(result);
   }
   pending->slot.reset(slot);
   m_callbacks.sent(size);
@@ -238,7 +253,9 @@ int IncomingConnection::on_remote_answer(sd_bus_message* message, void* pending,
   vesk_buffer reply;
   int status = -EPROTO;
   if (sd_bus_message_is_method_error(message, nullptr) > 0) {
-    status = sd_bus_message_get_errno(message) == ETIMEDOUT ? -ETIMEDOUT : -EPIPE;
+    // sd-bus says the same of a call whose time has passed and of one whose connection has ended.
+    const bool lives = sd_bus_is_open(sd_bus_message_get_bus(message)) > 0;
+    status = lives && sd_bus_message_get_errno(message) == ETIMEDOUT ? -ETIMEDOUT : -EPIPE;
     if (status == -ETIMEDOUT) ++connection.m_late_answers;
   } else if (!read_answer(message, &status, &reply.parcel)) {
     connection.m_server.retire(connection);
@@ -346,8 +363,16 @@ void Server::start_listening(const std::shared_ptr<Listener>& listener) {
     };
     if (!listener->seat.is_open()) return;  // shut down meanwhile
     sd_event_source* source = nullptr;
-    check(sd_event_add_io(listener->server.m_loop.event(), &source, listener->seat.listener(), EPOLLIN, on_connection,
-                          listener.get()));
+    const int result = sd_event_add_io(listener->server.m_loop.event(), &source, listener->seat.listener(), EPOLLIN,
+                                       on_connection, listener.get());
+    if (result < 0) {
+      // Who connects is refused, where nobody would ever answer; the next name to be published starts anew.
+      Server& self = listener->server;
+      const std::lock_guard lock(self.m_mutex);
+      if (self.m_listener == listener) self.m_listener.reset();
+      listener->seat = Seat();
+      check(result);
+    }
     listener->source.reset(source);
   });
 }
@@ -390,9 +415,19 @@ void Server::pause_accepting(Listener& listener) {
 }
 
 bool Server::is_welcome(pid_t peer) const {
-  const auto of_peer = [peer](const auto& entry) { return entry.second->peer() == peer; };
-  return m_connections.size() < kMaxConnections &&
-         std::count_if(m_connections.begin(), m_connections.end(), of_peer) < kMaxConnectionsPerPeer;
+  const auto has_room = [&](const auto& counts) {
+    std::size_t all = 0;
+    std::size_t of_peer = 0;
+    for (const auto& [connection, owner] : m_connections) {
+      if (!counts(*connection)) continue;
+      ++all;
+      if (connection->peer() == peer) ++of_peer;
+    }
+    return all < kMaxConnections && of_peer < kMaxConnectionsPerPeer;
+  };
+  // Looked at more closely only where it matters: who has hung up takes nobody's place, noticed or not.
+  return has_room([](const auto&) { return true; }) ||
+         has_room([](const auto& connection) { return !connection.has_hung_up(); });
 }
 
 void Server::close_connections(const std::string* path, bool notify) {

@@ -58,6 +58,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
 
   [[nodiscard]] pid_t peer() const { return m_peer; }
   [[nodiscard]] bool is_open() const { return m_bus != nullptr; }
+  [[nodiscard]] bool has_hung_up() const;  // whether the loop has noticed or not; of an open one
   [[nodiscard]] const std::string& path() const { return m_path; }
 
   // Closes both directions. With `notify`, completions that are owed get -EPIPE and those who asked hear that the

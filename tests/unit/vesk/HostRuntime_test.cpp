@@ -1,6 +1,7 @@
 // What the host runtime promises beyond the contract: peers that break every rule harm nobody else, and nothing is left
 // behind.
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -299,14 +300,14 @@ TEST_F(HostRuntime, NamesAreEscapedAndBounded) {
   const RunLoop loop(m_runtime);
   Inbox& inbox = new_inbox("message");
   const std::string longest(255, 'n');
-  for (const std::string& name : {"../outside"s, "a/b"s, ".hidden"s, "."s, "100%"s, "\xC3\xBC"s, longest}) {
+  for (const std::string& name : {"../outside"s, "a/b"s, ".device"s, "."s, ".."s, "100%"s, "\xC3\xBC"s, longest}) {
     EXPECT_EQ(publish(name.c_str(), inbox), 0) << name;
     EXPECT_EQ(call(lookup(name.c_str()), kNews, 1).words, Words{101}) << name;
   }
   EXPECT_FALSE(fs::exists(fs::symlink_status(m_directory.parent_path() / "outside")));
   EXPECT_EQ(publish("", inbox), -EINVAL);
   EXPECT_EQ(publish((longest + 'n').c_str(), inbox), -ENAMETOOLONG);
-  EXPECT_EQ(inbox.references.now(), 7);
+  EXPECT_EQ(inbox.references.now(), 8);
 }
 
 TEST_F(HostRuntime, AMessageThatIsTooLargeFailsAtItsSenderOnly) {
@@ -343,25 +344,89 @@ TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
   EXPECT_EQ(call(m_before, kEcho, 7).words, Words{7}) << "the parent goes on";
 }
 
-TEST(HostRuntimeDeathTest, WithoutADeviceALineNamesTheDirectory) {
+// ---- Who may sit here ----
+
+TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: the directory is read once in each
   const fs::path parent(std::getenv("ORVEL_RUNTIME_DIR"));
+  const auto directory_of = [](mode_t mode) {
+    return
+        [mode](const fs::path& path) { return ::mkdir(path.c_str(), mode) == 0 && ::chmod(path.c_str(), mode) == 0; };
+  };
   struct {
-    const char* directory;
-    mode_t mode;  // 0 for none
+    std::string directory;
+    std::function<bool(const fs::path&)> make;
     const char* problem;
-  } const rows[] = {{"absent", 0, "does not exist"}, {"open", 0755, "mode 0700"}, {"empty", 0700, "nothing serves"}};
+    bool may_serve;
+  } const rows[] = {
+      {"absent", [](const fs::path&) { return true; }, "does not exist", true},
+      {"empty", directory_of(0700), "nothing serves", true},
+      {"absent/within", [](const fs::path&) { return true; }, "does not exist", false},
+      {"readable", directory_of(0750), "mode 0700", false},
+      {"writable", directory_of(0702), "mode 0700", false},
+      {"another-users",
+       [&](const fs::path& path) { return directory_of(0700)(path) && ::chown(path.c_str(), 1, 1) == 0; },
+       "belong to this user", false},
+      {"link", [](const fs::path& path) { return ::symlink(path.parent_path().c_str(), path.c_str()) == 0; },
+       "no directory", false},
+      {"file", [](const fs::path& path) { return UniqueFd(::creat(path.c_str(), 0600)).get() >= 0; }, "no directory",
+       false},
+      {std::string(300, 'd'), [](const fs::path&) { return true; }, "name too long", false},
+  };
   for (const auto& row : rows) {
+    if (row.directory == "another-users" && ::geteuid() != 0) continue;  // nobody else can give a directory away
     const auto child = [&] {
       const fs::path directory = parent / row.directory;
-      if (row.mode != 0 && (::mkdir(directory.c_str(), row.mode) != 0 || ::chmod(directory.c_str(), row.mode) != 0)) {
-        std::exit(2);
-      }
+      if (!row.make(directory)) std::exit(2);
       ::setenv("ORVEL_RUNTIME_DIR", directory.c_str(), 1);
       void* runtime = nullptr;
-      std::exit(vesk_get_runtime(&runtime) == 0 || runtime != nullptr ? 1 : 0);
+      if (vesk_get_runtime(&runtime) == 0 || runtime != nullptr) std::exit(1);
+      std::exit((vesk_serve_device(&runtime) == 0) == row.may_serve ? 0 : 3);
     };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/"s + row.directory + ".*" + row.problem);
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/" + row.directory + ": .*" + row.problem);
+  }
+}
+
+TEST_F(HostRuntime, OtherUsersAreRefusedBothWays) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
+  const auto as_another = [](const auto& act) {
+    check_errno(::seteuid(1));
+    act();
+    check_errno(::seteuid(0));
+  };
+  const UniqueFd listener = socket_at(::bind, ".socket-foreign");
+  as_another([&] { check_errno(::listen(listener.get(), 8)); });
+  fs::create_symlink(".socket-foreign", m_directory / "foreign");
+  vesk_handle handle{};
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(vesk_binder_servicemanager_get(m_runtime, "foreign", &handle), -EPERM);
+  EXPECT_NE(
+      testing::internal::GetCapturedStderr().find("foreign in " + m_directory.string() + " is served by another user"),
+      std::string::npos);
+  // Even where the doors stand open.
+  const fs::path socket = m_directory / fs::read_symlink(m_directory / m_peer.name());
+  fs::permissions(m_directory, fs::perms(0711));
+  fs::permissions(socket, fs::perms(0777));
+  UniqueFd client;
+  as_another([&] { client = connect_raw(); });
+  fs::permissions(m_directory, fs::perms(0700));
+  EXPECT_TRUE(is_dropped(client.get()));
+  expect_others_are_served("another user");
+}
+
+TEST_F(HostRuntime, AProgramThatIsStartedInheritsNothing) {
+  EXPECT_EQ(publish("contract.inherit", new_inbox("own")), 0);
+  EXPECT_EQ(bind("contract.absent", new_bind("absent")), 0);
+  const RunLoop loop(m_runtime);
+  keep(m_before, new_inbox("message"));
+  EXPECT_EQ(call(m_before, kAsk, 1).words, (Words{0, 101}));
+  // What is inherited from whoever started this program is no socket, event loop or watch of the runtime's directory.
+  const std::unique_ptr<FILE, int (*)(FILE*)> list(::popen("exec </dev/null 2>/dev/null; ls -l /proc/self/fd", "re"),
+                                                   ::pclose);
+  char text[4096] = {};
+  EXPECT_GT(std::fread(text, 1, sizeof(text) - 1, list.get()), 0U);
+  for (const std::string what : {"socket:", "anon_inode:", vesk_runtime_directory()}) {
+    EXPECT_EQ(std::string(text).find(what), std::string::npos) << text;
   }
 }
 

@@ -122,7 +122,7 @@ VESK_API pid_t vesk_handle_pid(void* runtime, const vesk_handle* handle);
 /* The bytes written so far; valid until the payload changes. */
 VESK_API const void* vesk_payload_data(const vesk_payload* payload, size_t* size);
 
-/* Cuts the payload down to its first `size` bytes; the position moves to the end when it was beyond it. */
+/* Cuts the payload down to its first `size` bytes; the position, when it was beyond, moves to the last multiple of 4 in it. */
 VESK_API int vesk_payload_truncate(vesk_payload* payload, size_t size);
 
 /* Fills `buffer` with a copy of `size` bytes and moves its position to the start. For decoding and for tests. */
