@@ -283,7 +283,7 @@ Json readScenarioFile(const std::string& file) {
     return completeScenario(Json::parse(stream));
   } catch (const ScenarioError& error) {
     throw ScenarioError(file + ": " + error.what());
-  } catch (const Json::parse_error& error) {
+  } catch (const Json::exception& error) {  // a number beyond every double is no parse_error
     const std::string text = error.what();  // begins with the library's own "[json.exception...] "
     throw ScenarioError(file + ": " + text.substr(text.find(']') + 2));
   }

@@ -1,5 +1,7 @@
 #include "sim/Traffic.h"
 
+#include <unistd.h>
+
 #include <cmath>
 #include <cstring>
 #include <ctime>
@@ -17,6 +19,7 @@ Json trafficEntry(const std::string& service, const char* kind, const Json& name
       {kind, name},
       {"code", code},
       {"pid", client},
+      {"servicePid", getpid()},
       {"arguments", shortened(arguments)},
   };
 }
