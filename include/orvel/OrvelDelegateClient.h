@@ -26,6 +26,9 @@ struct TarselMetricEvent;
 /// may die at any moment: calls then fail at once until it is back, and the library binds it again by itself, which
 /// keeps the run-loop thread busy for 6 s at least and about 330 s at most. Queries before a successful initialize() and
 /// after shutdown() log "Client is not initialized" and fail.
+///
+/// The library can be loaded by dlopen() and stays loaded after dlclose(): the client goes on, and a later dlopen() finds
+/// it as it is. Whoever wants it to stop calls shutdown().
 class ORVEL_API OrvelDelegateClient {
  public:
   /// The process's one client, created at the first call; its destructor, at process exit, shuts it down. Never fails.

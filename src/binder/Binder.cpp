@@ -13,7 +13,7 @@
 
 namespace orvel::service_apis {
 
-const OrvelLogger s_binder_logger("IDelegateService");
+const OrvelLogger& s_binder_logger = *new OrvelLogger("IDelegateService");
 
 namespace {
 
@@ -74,16 +74,16 @@ bool Binder::bind_to_service() {
     return false;
   }
 
-  std::unique_ptr<vesk::IpcHandle> replaced;  // Outlives the lock: releasing calls out.
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  replaced = std::exchange(m_handle, std::move(handle));
-  if (!m_handle->set_death_listener([this] { on_binder_died(); })) {
+  // The lookup's reference ends by itself with the service; without memory for the link it would live on.
+  LookedUp found(m_runtime, *handle->get());
+  // No notice comes before m_handle is there: this is the run-loop thread, or that has not been started yet.
+  if (!handle->set_death_listener([this] { on_binder_died(); })) {
     s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
-    // The lookup's reference ends by itself with the service; without memory for the link it lives on.
-    vesk_service_unbind(m_runtime, m_handle->get());
-    m_handle.reset();
     return false;
   }
+  found.keep();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_handle = std::move(handle);
   ++m_connection;
   s_binder_logger.i("%s:Bound to service: %s", __func__, name);
   return true;

@@ -14,7 +14,8 @@ namespace orvel::service_apis {
 // 0 for a va_list.
 #define ORVEL_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
 
-// A logger of one module; each module has one static instance. Levels: verbose, debug, info, warning, error.
+// A logger of one module. Each module has one, which is never destroyed: a thread may still be inside the library while the
+// process ends. Levels: verbose, debug, info, warning, error.
 class OrvelLogger {
  public:
   // The Android tag is "OrvelDelegateClient:" and `tag`.

@@ -68,6 +68,14 @@ class PendingBinds {
   std::unordered_map<std::uintptr_t, ServiceBindContext> m_binds ORVEL_GUARDED_BY(m_mutex);
 };
 
+// What a lookup gave, for its keeper.
+std::unique_ptr<vesk::IpcHandle> take(void* runtime, vesk_handle handle) {
+  LookedUp found(runtime, handle);
+  auto taken = std::make_unique<vesk::IpcHandle>(runtime, handle);
+  found.keep();
+  return taken;
+}
+
 }  // namespace
 
 void service_bind_callback(void* runtime, void* context, const char* name, vesk_handle handle) {
@@ -98,7 +106,7 @@ std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char
     return nullptr;
   }
   s_binder_logger.i("%s:Bound service %s is now ready", __func__, name);
-  return std::make_unique<vesk::IpcHandle>(runtime, *handle);
+  return take(runtime, *handle);
 }
 
 std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const char* name) {
@@ -108,7 +116,7 @@ std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const ch
     return nullptr;
   }
   s_binder_logger.i("%s:Bound to service: %s", __func__, name);
-  return std::make_unique<vesk::IpcHandle>(runtime, handle);
+  return take(runtime, handle);
 }
 
 }  // namespace orvel::service_apis

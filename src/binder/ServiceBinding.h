@@ -11,7 +11,25 @@ namespace orvel::service_apis {
 
 // The connection layer's logger. Deliberately it carries the tag of the delegate service's proxy, whatever service is
 // bound.
-extern const OrvelLogger s_binder_logger;
+extern const OrvelLogger& s_binder_logger;
+
+// Holds the reference that a lookup gave, and drops it unless somebody else has it by the end of the scope.
+class LookedUp {
+ public:
+  LookedUp(void* runtime, vesk_handle handle) : m_runtime(runtime), m_handle(handle) {}
+  ~LookedUp() {
+    if (!m_kept) vesk_service_unbind(m_runtime, &m_handle);
+  }
+  LookedUp(const LookedUp&) = delete;
+  LookedUp& operator=(const LookedUp&) = delete;
+
+  void keep() { m_kept = true; }
+
+ private:
+  void* const m_runtime;
+  vesk_handle m_handle;
+  bool m_kept = false;
+};
 
 // Binds a service of the own platform and waits up to 20 s until it is ready; null when it is not by then, when libvesk
 // refuses, and when the wait is interrupted. The handle keeps the lookup's reference, which vesk_service_unbind drops.

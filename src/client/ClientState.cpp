@@ -5,7 +5,7 @@
 
 namespace orvel::service_apis {
 
-const OrvelLogger s_client_logger("OrvelDelegateClient");
+const OrvelLogger& s_client_logger = *new OrvelLogger("OrvelDelegateClient");
 
 namespace {
 
@@ -116,6 +116,8 @@ void ClientState::shutdown() {
   }
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (running) {
+    // Once more: a registration in progress and the replay of a rebind may have published names after the first.
+    vesk_shutdown(m_runtime);
     destroy_proxies();
     m_initialized = false;
   }

@@ -23,7 +23,7 @@
 namespace orvel::service_apis {
 
 // The facade's logger, for all of its sources.
-extern const OrvelLogger s_client_logger;
+extern const OrvelLogger& s_client_logger;
 
 // Methods are named after the public ones that they implement, because log lines carry the name.
 //

@@ -6,7 +6,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("NetworkInfo");
+const OrvelLogger& s_logger = *new OrvelLogger("NetworkInfo");
 
 }  // namespace
 

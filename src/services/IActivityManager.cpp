@@ -6,7 +6,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IActivityManager");
+const OrvelLogger& s_logger = *new OrvelLogger("IActivityManager");
 
 constexpr char kServiceName[] = "com.quarlo.orvel.activitymanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.activitymanager.IActivityManager";

@@ -7,7 +7,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IAndroidConnectivityManager");
+const OrvelLogger& s_logger = *new OrvelLogger("IAndroidConnectivityManager");
 
 constexpr char kServiceName[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager";

@@ -13,7 +13,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IDelegateService");
+const OrvelLogger& s_logger = *new OrvelLogger("IDelegateService");
 
 constexpr char kServiceName[] = "orvel_delegate";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.IDelegateService";
@@ -55,9 +55,14 @@ bool is_missing(const char* method, const char* argument, const char* what) {
   return true;
 }
 
+// A failure may be of the scratch payload alone, and the length that it leaves wrong no error of the request.
+void write_intent(vesk_payload* request, const OrvelIntent& intent) {
+  if (!intent.write(request)) spoil(request);
+}
+
 // Sends an intent. True when an answer came.
 bool send(Binder& binder, Transaction code, const OrvelIntent& intent) {
-  const auto write = [&](vesk_payload* request) { intent.write(request); };
+  const auto write = [&](vesk_payload* request) { write_intent(request, intent); };
   return transact(binder, kDescriptor, code, write, replied).value_or(false);
 }
 
@@ -219,7 +224,7 @@ bool IDelegateService::sendBroadcast(OrvelIntent intent) {  // NOLINT(performanc
 bool IDelegateService::sendBroadcastWithPermission(OrvelIntent intent,  // NOLINT(performance-unnecessary-value-param)
                                                    const std::string& permission) {
   const auto write = [&](vesk_payload* request) {
-    intent.write(request);
+    write_intent(request, intent);
     String::write(request, permission);
   };
   return transact(m_binder, kDescriptor, kSendBroadcastWithPermission, write, replied).value_or(false);

@@ -7,7 +7,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IOrvelPackageManager");
+const OrvelLogger& s_logger = *new OrvelLogger("IOrvelPackageManager");
 
 constexpr char kServiceName[] = "com.quarlo.orvel.packagemanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.packagemanager.IOrvelPackageManager";

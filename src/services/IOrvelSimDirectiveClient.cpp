@@ -6,7 +6,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IOrvelSimDirectiveClient");
+const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimDirectiveClient");
 
 constexpr char kServiceName[] = "orvel-service-coordinator-public";
 
@@ -37,8 +37,8 @@ bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, D
   // Read before publishing: a broker that came back meanwhile is told again by whoever sees the newer connection first.
   const Connection connection = m_binder.connection();
   if (!registerForDirectiveInternal(nspace, callback)) return false;
-  m_namespaces.insert(nspace);
   m_registrations.add({nspace, std::move(callback)}, connection, m_binder, renew());
+  m_namespaces.insert(nspace);  // Last: what is in it will be published again, even if memory ran out before.
   return true;
 }
 

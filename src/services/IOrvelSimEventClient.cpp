@@ -10,7 +10,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IOrvelSimEventClient");
+const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimEventClient");
 
 constexpr char kServiceName[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient";

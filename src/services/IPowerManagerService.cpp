@@ -10,7 +10,7 @@
 namespace orvel::service_apis {
 namespace {
 
-const OrvelLogger s_logger("IPowerManagerService");
+const OrvelLogger& s_logger = *new OrvelLogger("IPowerManagerService");
 
 constexpr char kServiceName[] = "com.quarlo.orvel.powermanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.powermanager.IPowerManagerService";

@@ -26,7 +26,7 @@ bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
   bool written = false;
   const auto write = [&](vesk_payload* request) {
     written = event.write(request);
-    if (!written) vesk_write_utf16_cstring(request, nullptr);  // an error of the request, so that it is not sent
+    if (!written) spoil(request);
   };
   transact(m_binder, kDescriptor, kRecordTarselMetricEvent, write, replied);
   return written;

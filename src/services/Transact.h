@@ -20,6 +20,11 @@ auto transact(Binder& binder, const char* descriptor, unsigned int code, const R
   return read(binder.call(descriptor, code, write, only));
 }
 
+// Makes the request one that cannot be sent, because a record of it could not be written whole.
+inline void spoil(vesk_payload* request) {
+  vesk_write_utf16_cstring(request, nullptr);
+}
+
 // The reader of a reply that carries nothing: whether one came.
 inline bool replied(vesk_buffer* reply) {
   return reply != nullptr;

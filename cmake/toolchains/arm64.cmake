@@ -1,0 +1,5 @@
+set(orvel_architecture arm64)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(orvel_triplet aarch64-linux-gnu)
+set(orvel_emulator qemu-aarch64)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)

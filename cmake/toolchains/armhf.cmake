@@ -1,0 +1,5 @@
+set(orvel_architecture armhf)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(orvel_triplet arm-linux-gnueabihf)
+set(orvel_emulator qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
