@@ -7,6 +7,8 @@
 #include <mutex>
 #include <utility>
 
+#include "vesk/vesk_service.h"
+
 namespace {
 
 // Holds one reference to each.
@@ -67,6 +69,10 @@ void answer(unsigned int code, const vesk::Parcel& contents) {
   std::vector<std::byte> bytes(sizeof(std::int32_t));
   bytes.insert(bytes.end(), contents.bytes().begin(), contents.bytes().end());
   runtime().answers[code] = vesk::Parcel(std::move(bytes));
+}
+
+void answerWith(unsigned int code, const void* data, std::size_t size) {
+  runtime().answers[code].assign(data, size);
 }
 
 vesk_buffer* bufferOf(const vesk::Parcel& parcel) {
@@ -251,4 +257,17 @@ const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length
 }
 int32_t vesk_read_array_length(vesk_buffer* buffer) {
   return buffer->parcel.read_i32();
+}
+
+// What vesk_service.h has for looking into messages.
+const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
+  *size = payload->parcel.bytes().size();
+  return payload->parcel.bytes().data();
+}
+int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {
+  buffer->parcel.assign(data, size);
+  return 0;
+}
+size_t vesk_buffer_remaining(const vesk_buffer* buffer) {
+  return buffer->parcel.remaining();
 }

@@ -5,6 +5,7 @@
 #include <vesk/vesk.h>
 
 #include <chrono>
+#include <cstddef>
 #include <vector>
 
 #include "Parcel.h"
@@ -13,6 +14,9 @@ namespace bench {
 
 // Makes every call of that code answer with these bytes behind the word for "no exception".
 void answer(unsigned int code, const vesk::Parcel& contents);
+
+// The same with all the bytes of the reply, that word included.
+void answerWith(unsigned int code, const void* data, std::size_t size);
 
 // A buffer that reads these bytes; the caller frees it with vesk_buffer_free.
 vesk_buffer* bufferOf(const vesk::Parcel& parcel);
