@@ -27,17 +27,27 @@ std::atomic<int> g_payloads{0};
 std::atomic<int> g_buffers{0};
 std::atomic<int> g_endpoint_references{0};
 std::atomic<int> g_death_references{0};
+std::atomic<bool> g_quiet{false};
 int g_runtime;  // its address is the runtime
+
+thread_local bool t_inside = false;
+
+struct Inside {
+  explicit Inside(bool now) { t_inside = now; }
+  ~Inside() { t_inside = before; }
+  const bool before = t_inside;
+};
 
 // What a callback throws ends here and is an error, as with the host runtime.
 template <typename Callback>
 int call_out(const char* what, Callback callback) {
+  const Inside outside(false);
   try {
     return callback();
   } catch (const std::exception& thrown) {
-    std::fprintf(stderr, "FakeVesk: %s threw: %s\n", what, thrown.what());
+    if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw: %s\n", what, thrown.what());
   } catch (...) {
-    std::fprintf(stderr, "FakeVesk: %s threw\n", what);
+    if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw\n", what);
   }
   return -EIO;
 }
@@ -160,18 +170,29 @@ struct FakeVesk::State {
   std::deque<std::function<void()>> steps;  // of the run loop
   long steps_queued = 0;
   long steps_done = 0;
+  bool loop_held = false;
+  long steps_allowed = 0;          // of a held loop
   std::uint32_t calling_back = 0;  // the connection whose endpoint the current step calls
 
   std::vector<Transaction> transactions;
   std::vector<std::string> bindings;
   std::map<std::string, int, std::less<>> uses;
+  int all_uses = 0;
+  int step_at_use = 0;
+  std::function<void()> use_step;
   std::vector<Failure> failures;
   bool null_runtime = false;
 
   // Counts a use; the error that it must fail with, else 0.
   int enter(const char* operation) {
-    const Lock lock(mutex);
+    Lock lock(mutex);
     const int use = ++uses[operation];
+    if (++all_uses == step_at_use) {
+      const std::function<void()> step = std::exchange(use_step, nullptr);
+      lock.unlock();
+      step();
+      lock.lock();
+    }
     for (const Failure& failure : failures) {
       if (failure.operation == operation && use >= failure.first && use <= failure.last) return failure.error;
     }
@@ -197,6 +218,8 @@ struct FakeVesk::State {
     ++steps_queued;
     changed.notify_all();
   }
+
+  bool may_step() const { return !steps.empty() && (!loop_held || steps_done < steps_allowed); }
 
   void run_step(Lock& lock) {
     std::function<void()> step = std::move(steps.front());
@@ -370,14 +393,15 @@ struct FakeVesk::State {
   }
 
   EndpointRef find_endpoint(const Target& target) {
+    const auto transfer = target.transfer.lock();  // dropped after the lock
     const Lock lock(mutex);
-    if (target.endpoint == nullptr) {
+    if (target.endpoint == nullptr && !target.by_transfer) {
       const auto found = published.find(target.name);
       return found == published.end() ? nullptr : found->second;
     }
     for (const auto& [id, connection] : connections) {
       for (const EndpointRef& held : connection.exports) {
-        if (held->endpoint != target.endpoint) continue;
+        if (target.by_transfer ? held != transfer : held->endpoint != target.endpoint) continue;
         calling_back = id;
         return held;
       }
@@ -421,8 +445,9 @@ void FakeVesk::reset() {
   m_state.transactions.clear();
   m_state.bindings.clear();
   m_state.uses.clear();
+  m_state.all_uses = m_state.step_at_use = 0;
   m_state.failures.clear();
-  m_state.shut_down = m_state.null_runtime = false;
+  m_state.shut_down = m_state.null_runtime = m_state.loop_held = g_quiet = false;
 }
 
 void FakeVesk::add_service(const std::string& name, Handler handler) {
@@ -514,8 +539,35 @@ void FakeVesk::post(std::function<void()> step) {
 
 void FakeVesk::drain() {
   State::Lock lock(m_state.mutex);
-  const long target = m_state.steps_queued;
-  m_state.changed.wait(lock, [&] { return m_state.steps_done >= target || m_state.shut_down; });
+  do {
+    const long target = m_state.steps_allowed = m_state.steps_queued;
+    m_state.changed.notify_all();
+    m_state.changed.wait(lock, [&] { return m_state.steps_done >= target || m_state.shut_down; });
+  } while (m_state.loop_held && !m_state.steps.empty() && !m_state.shut_down);
+  m_state.steps_allowed = 0;
+}
+
+void FakeVesk::hold_run_loop() {
+  const State::Lock lock(m_state.mutex);
+  m_state.loop_held = true;
+}
+
+void FakeVesk::wait_for_shutdown() {
+  State::Lock lock(m_state.mutex);
+  m_state.changed.wait(lock, [&] { return m_state.shut_down; });
+}
+
+void FakeVesk::repair() {
+  const State::Lock lock(m_state.mutex);
+  m_state.failures.clear();
+}
+
+bool FakeVesk::inside() {
+  return t_inside;
+}
+
+void FakeVesk::keep_quiet() {
+  g_quiet = true;
 }
 
 void FakeVesk::run_pending() {
@@ -529,6 +581,12 @@ void FakeVesk::fail_once(std::string_view operation, int nth, int error) {
 
 void FakeVesk::fail_always(std::string_view operation, int nth, int error) {
   m_state.plan_failure(operation, nth, true, error);
+}
+
+void FakeVesk::at_use(int nth, std::function<void()> step) {
+  const State::Lock lock(m_state.mutex);
+  m_state.step_at_use = m_state.all_uses + nth;
+  m_state.use_step = std::move(step);
 }
 
 void FakeVesk::give_null_runtime() {
@@ -555,6 +613,11 @@ int FakeVesk::uses(std::string_view operation) const {
   const State::Lock lock(m_state.mutex);
   const auto found = m_state.uses.find(operation);
   return found == m_state.uses.end() ? 0 : found->second;
+}
+
+int FakeVesk::uses() const {
+  const State::Lock lock(m_state.mutex);
+  return m_state.all_uses;
 }
 
 Live FakeVesk::live() const {
@@ -589,6 +652,7 @@ namespace {
 // The shared shape of the functions: one more use, which fails when that is planned.
 template <typename Body>
 int use(const char* operation, Body body) {
+  const Inside inside(true);
   const int planned = state().enter(operation);
   return planned != 0 ? planned : body(state());
 }
@@ -607,6 +671,7 @@ int use_handle(const char* operation, const vesk_handle* handle, Body body) {
 
 template <typename Message>
 Message* allocate(const char* operation, std::atomic<int>& count) {
+  const Inside inside(true);
   if (state().enter(operation) != 0) return nullptr;
   ++count;
   return new Message;
@@ -623,6 +688,7 @@ bool usable(Message* message, const char* operation) {
 
 template <typename Write>
 int write(vesk_payload* payload, const char* operation, Write write_value) {
+  const Inside inside(true);
   if (usable(payload, operation)) return write_value(payload->parcel);
   return payload == nullptr ? -EINVAL : payload->parcel.error();
 }
@@ -647,7 +713,7 @@ int vesk_run_loop(void*) {
       return self.shut_down || self.shutdowns != entered_at;
     };
     while (!stopped()) {
-      self.changed.wait(lock, [&] { return stopped() || !self.steps.empty(); });
+      self.changed.wait(lock, [&] { return stopped() || self.may_step(); });
       if (!stopped()) self.run_step(lock);
     }
     self.loop_entered = false;
@@ -731,6 +797,7 @@ vesk_handle vesk_invalid_handle() {
 }
 
 int vesk_handle_link_to_death(void*, vesk_handle* handle, vesk_death_callback* callback) {
+  const Inside inside(true);
   const auto made = std::make_shared<Link>(callback);  // dropped after the lock where the handle is not valid
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock&) {
     connection.links.push_back(made);
@@ -782,11 +849,12 @@ int vesk_buffer_last_error(vesk_buffer* buffer) {
 }
 
 int vesk_call(void*, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply) {
+  const Inside inside(true);
   const int planned = state().enter(__func__);
   if (request == nullptr || reply == nullptr) return -EINVAL;
   const EndpointRefs endpoints = std::exchange(request->endpoints, {});
   const auto& bytes = request->parcel.bytes();
-  Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0};
+  Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0, {endpoints.begin(), endpoints.end()}};
   for (const EndpointRef& held : endpoints) transaction.endpoints.push_back(held->endpoint);
   const int refused = planned != 0 ? planned : request->parcel.error();
   const Reply answer = state().call(handle, transaction, endpoints, refused);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,6 +24,7 @@ struct Transaction {
   Bytes request;
   std::vector<vesk_endpoint*> endpoints;
   int result = 0;
+  std::vector<std::weak_ptr<const void>> transfers;  // what each endpoint travelled as: no later one is equal to it
 };
 
 // What a service, or an endpoint of the client, answers.
@@ -40,8 +42,11 @@ struct Target {
   Target(vesk_endpoint* sent) : endpoint(sent) {}                    // NOLINT(google-explicit-constructor)
   Target(std::string published) : name(std::move(published)) {}      // NOLINT(google-explicit-constructor)
   Target(const char* published) : Target(std::string(published)) {}  // NOLINT(google-explicit-constructor)
+  explicit Target(std::weak_ptr<const void> sent) : transfer(std::move(sent)), by_transfer(true) {}
 
   vesk_endpoint* endpoint = nullptr;
+  std::weak_ptr<const void> transfer;
+  bool by_transfer = false;
   std::string name;
 };
 
@@ -109,6 +114,11 @@ class FakeVesk {
   void post(std::function<void()> step);
   // Waits until the thread in vesk_run_loop is through with everything sent so far, or the runtime is shut down.
   void drain();
+  // From now on the run loop runs its steps only while somebody is in drain(), which then waits for those that they
+  // queue too: one thread at a time decides what happens next.
+  void hold_run_loop();
+  // Waits until vesk_shutdown has been called.
+  void wait_for_shutdown();
   // Runs on this thread what waits for the run loop; for tests in which no thread enters it.
   void run_pending();
 
@@ -119,8 +129,16 @@ class FakeVesk {
   // when it fails.
   void fail_once(std::string_view operation, int nth = 1, int error = -EIO);
   void fail_always(std::string_view operation, int nth = 1, int error = -EIO);
+  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it.
+  void at_use(int nth, std::function<void()> step);
   // vesk_get_runtime succeeds, but gives null.
   void give_null_runtime();
+  // Ends all planned failures.
+  void repair();
+  // What callbacks throw is no longer printed.
+  void keep_quiet();
+  // Whether this thread is inside libvesk, and not in what libvesk calls.
+  static bool inside();
 
   // ---- What happened ----
 
@@ -131,6 +149,8 @@ class FakeVesk {
   [[nodiscard]] std::vector<std::string> bindings() const;
   // How often the client used the libvesk function `operation`, failed uses included.
   [[nodiscard]] int uses(std::string_view operation) const;
+  // The same of all functions together.
+  [[nodiscard]] int uses() const;
   [[nodiscard]] Live live() const;
 
   struct State;
