@@ -13,6 +13,7 @@ build_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 check_packages=(clang-14 clang-format-14 clang-tidy-14 libc++-14-dev libc++abi-14-dev binutils shellcheck doxygen)
+cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 
 say() { printf '==> %s\n' "$*"; }
 
