@@ -22,6 +22,7 @@
 #include "Allocations.h"
 #include "Rows.h"
 #include "support/FakeVesk.h"
+#include "support/Services.h"
 #include "support/VirtualClock.h"
 
 namespace {
@@ -30,14 +31,6 @@ using namespace orvel::fuzz;  // NOLINT(google-build-using-namespace)
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 using orvel::service_apis::OrvelDelegateClient;
 
-constexpr const char* kServices[] = {"orvel_delegate",
-                                     "com.quarlo.orvel.powermanager",
-                                     "com.quarlo.orvel.orvelsim.orvelsimeventclient",
-                                     "orvel-service-coordinator-public",
-                                     "com.quarlo.orvel.activitymanager",
-                                     "com.quarlo.client.metrics.tarsel",
-                                     "com.quarlo.orvel.packagemanager",
-                                     "com.quarlo.orvel.androidconnectivitymanager"};
 constexpr const char* kDelegate = kServices[0];
 constexpr const char* kDirectives = kServices[3];
 

@@ -84,7 +84,7 @@ class Model {
   void apply(const Event& event);
 
   // ---- Services, connections, the run loop ----
-  static const char* name(int service) { return kServiceNames.at(static_cast<std::size_t>(service)); }
+  static const char* name(int service) { return kServices.at(static_cast<std::size_t>(service)); }
   ServiceState& state(int service) { return m_services.at(static_cast<std::size_t>(service)); }
   int connect(int service);
   void answer_binds(int service);

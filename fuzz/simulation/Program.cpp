@@ -4,15 +4,6 @@
 
 namespace orvel::fuzz {
 
-const std::array<const char*, kServiceCount> kServiceNames = {"orvel_delegate",
-                                                              "com.quarlo.orvel.powermanager",
-                                                              "com.quarlo.orvel.orvelsim.orvelsimeventclient",
-                                                              "orvel-service-coordinator-public",
-                                                              "com.quarlo.orvel.activitymanager",
-                                                              "com.quarlo.client.metrics.tarsel",
-                                                              "com.quarlo.orvel.packagemanager",
-                                                              "com.quarlo.orvel.androidconnectivitymanager"};
-
 std::string name_of(Method method) {
 #define ORVEL_NAME(name) #name,
   static const std::array<const char*, kMethodCount> names = {ORVEL_METHODS(ORVEL_NAME)};
@@ -49,7 +40,7 @@ std::string describe(const Call& call) {
 }  // namespace
 
 std::string describe(const Event& event, const Trace& trace) {
-  const auto service = [&event] { return std::string(kServiceNames.at(static_cast<std::size_t>(event.a))); };
+  const auto service = [&event] { return std::string(kServices.at(static_cast<std::size_t>(event.a))); };
   std::ostringstream out;
   switch (event.kind) {
     case Kind::kStart:

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/Bytes.h"
+#include "support/Services.h"
 
 namespace orvel::fuzz {
 
@@ -22,7 +23,8 @@ enum Service {
   kServiceCount
 };
 
-extern const std::array<const char*, kServiceCount> kServiceNames;
+using test::kServices;
+static_assert(kServices.size() == kServiceCount);
 
 // Every public method. The text is the name under which it logs.
 // clang-format off

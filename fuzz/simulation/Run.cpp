@@ -20,8 +20,8 @@ void connect_assistant() {
   FakeVesk vesk;
   const VirtualClock clock;
   std::weak_ptr<const void> receiver;
-  for (const char* name : kServiceNames) vesk.add_service(name);
-  vesk.add_service(kServiceNames[kDelegate], [&](const Transaction& call) {
+  for (const char* name : kServices) vesk.add_service(name);
+  vesk.add_service(kServices[kDelegate], [&](const Transaction& call) {
     receiver = call.transfers.front();
     return Reply{Bytes().i32(0), 0};
   });

@@ -132,13 +132,13 @@ void World::act(During during) {
 
 void World::start(int service) {
   record({Kind::kStart, service});
-  m_vesk.add_service(kServiceNames.at(static_cast<std::size_t>(service)),
+  m_vesk.add_service(kServices.at(static_cast<std::size_t>(service)),
                      [this, service](const Transaction& request) { return answer(service, request); });
 }
 
 void World::kill(int service) {
   record({Kind::kKill, service});
-  m_vesk.kill_service(kServiceNames.at(static_cast<std::size_t>(service)));
+  m_vesk.kill_service(kServices.at(static_cast<std::size_t>(service)));
 }
 
 void World::change_services() {
@@ -146,7 +146,7 @@ void World::change_services() {
                                                   kDirectives, kPower,    kEvents,       kMetrics,
                                                   kActivities, kPackages, kConnectivity, kConnectivity};
   const int service = m_choices.of(kLikely);
-  const std::string name = kServiceNames.at(static_cast<std::size_t>(service));
+  const std::string name = kServices.at(static_cast<std::size_t>(service));
   switch (m_choices.below(16)) {
     case 0:
     case 1:
@@ -181,7 +181,7 @@ void World::change_services() {
     default:
       for (int each = 0; each < kServiceCount; ++each) {
         record({Kind::kComplete, each});
-        m_vesk.complete_binds(kServiceNames.at(static_cast<std::size_t>(each)));
+        m_vesk.complete_binds(kServices.at(static_cast<std::size_t>(each)));
         start(each);
       }
   }

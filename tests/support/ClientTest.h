@@ -11,21 +11,12 @@
 #include "support/Bytes.h"
 #include "support/FakeVesk.h"
 #include "support/LogRecorder.h"
+#include "support/Services.h"
 #include "support/VirtualClock.h"
 
 namespace orvel::test {
 
 using Lines = std::vector<std::string>;
-
-// What initialize() binds, in its order.
-constexpr const char* kServices[] = {"orvel_delegate",
-                                     "com.quarlo.orvel.powermanager",
-                                     "com.quarlo.orvel.orvelsim.orvelsimeventclient",
-                                     "orvel-service-coordinator-public",
-                                     "com.quarlo.orvel.activitymanager",
-                                     "com.quarlo.client.metrics.tarsel",
-                                     "com.quarlo.orvel.packagemanager",
-                                     "com.quarlo.orvel.androidconnectivitymanager"};
 
 class ClientTest : public ::testing::Test {
  protected:
