@@ -48,7 +48,7 @@ Bytes application() {
 }
 
 Bytes answer_to(const Transaction& call) {
-  const Bytes packages = Bytes().i32(2).utf16("a.b").utf16("c");
+  Bytes packages = Bytes().i32(2).utf16("a.b").utf16("c");
   if (call.service == kServices[6]) return packages;
   if (call.service == kServices[4]) {
     Bytes process = Bytes().i32(1).i32(1).utf16("p").i32(1).i32(2).i32(1).utf16("a.b").i32(3).i32(4).i32(100);

@@ -17,10 +17,12 @@ namespace orvel::hostile {
 
 Process::Process(const std::vector<std::string>& arguments,
                  const std::vector<std::pair<std::string, std::string>>& environment, const std::string& log) {
-  int input[2], output[2];
+  int input[2];
+  int output[2];
   vesk::check_errno(::pipe2(input, O_CLOEXEC));
   vesk::check_errno(::pipe2(output, O_CLOEXEC));
-  const vesk::UniqueFd child_input(input[0]), child_output(output[1]);
+  const vesk::UniqueFd child_input(input[0]);
+  const vesk::UniqueFd child_output(output[1]);
   m_input.reset(input[1]);
   m_output.reset(output[0]);
 
@@ -35,6 +37,7 @@ Process::Process(const std::vector<std::string>& arguments,
   for (const auto& [name, value] : environment) variables.push_back(name + '=' + value);
   const auto pointers = [](const std::vector<std::string>& texts) {
     std::vector<char*> list;
+    list.reserve(texts.size() + 1);
     for (const std::string& text : texts) list.push_back(const_cast<char*>(text.c_str()));
     list.push_back(nullptr);
     return list;

@@ -212,7 +212,7 @@ class Hostilities {
                                              "--error-exitcode=99",
                                              "--leak-check=full",
                                              "--errors-for-leak-kinds=definite",
-                                             "--suppressions=" ORVEL_VALGRIND_SUPPRESSIONS};
+                                             std::string("--suppressions=") + ORVEL_VALGRIND_SUPPRESSIONS};
       command.insert(command.begin(), wrap.begin(), wrap.end());
     }
     return command;
@@ -303,16 +303,16 @@ class Hostilities {
         } catch (const Broken& broken) {
           failure = broken.what();
         }
-        while (visit_in_use.test_and_set()) std::this_thread::yield();
+        while (m_visit_in_use.test_and_set()) std::this_thread::yield();
         visiting = nullptr;
-        visit_in_use.clear();
+        m_visit_in_use.clear();
       }
     });
     const auto is_idle = [&] {
-      while (visit_in_use.test_and_set()) std::this_thread::yield();
+      while (m_visit_in_use.test_and_set()) std::this_thread::yield();
       const Visit* visit = visiting;
       const bool idle = visit == nullptr || visit->waits;
-      visit_in_use.clear();
+      m_visit_in_use.clear();
       return idle;
     };
     const auto end = [&] {
@@ -343,7 +343,7 @@ class Hostilities {
   Workplace m_workplace;
   std::unique_ptr<Process> m_device;
   std::unique_ptr<Witness> m_witness;
-  std::atomic_flag visit_in_use = ATOMIC_FLAG_INIT;
+  std::atomic_flag m_visit_in_use = ATOMIC_FLAG_INIT;
   int m_inputs = 0;
   int m_failures = 0;
   std::size_t m_lost_descriptors = 0;

@@ -81,14 +81,18 @@ Findings judge(const fs::path& directory, const std::vector<std::string>& client
 
 // What must have happened in a run for its result to mean anything.
 void demandAll(const Counts& counts, bool isLong, std::vector<std::string>& complaints) {
-  const std::pair<std::int64_t, const char*> wanted[] = {
-      {counts.givenUp, "a service given up on"},       {counts.refused, "a refused replay made later"},
-      {counts.notRestored, "a lost network callback"}, {counts.deadEvents, "an event whose service died"},
-      {counts.owed, "a notice that was owed"},         {counts.replays, "a whole replay"}};
+  const std::pair<std::int64_t, const char*> wanted[] = {{counts.givenUp, "a service given up on"},
+                                                         {counts.refused, "a refused replay made later"},
+                                                         {counts.notRestored, "a lost network callback"},
+                                                         {counts.owed, "a notice that was owed"},
+                                                         {counts.replays, "a whole replay"}};
   for (const auto& [count, what] : wanted) {
     if (count == 0) complaints.push_back(std::string("the run never came to ") + what);
   }
-  if (isLong && counts.undelivered == 0) complaints.emplace_back("the run never came to a notice that was refused");
+  if (!isLong) return;
+  // The queue is filled in long runs only, and whether an event is on its way at the moment of a kill is a matter of chance.
+  if (counts.undelivered == 0) complaints.emplace_back("the run never came to a notice that was refused");
+  if (counts.deadEvents == 0) complaints.emplace_back("the run never came to an event whose service died");
 }
 
 void demandFlat(const char* whose, const Growth& growth, std::vector<std::string>& complaints) {

@@ -91,6 +91,7 @@ void Walk::expect(long long value) {
 
 void Walk::expect(double value) {
   const double wanted = f64();  // compared as bits: there are values that do not equal themselves
+  // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison,cert-exp42-c,cert-flp37-c)
   require(std::memcmp(&wanted, &value, sizeof(value)) == 0, "a double has the bits on the wire");
 }
 
