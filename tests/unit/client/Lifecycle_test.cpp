@@ -54,7 +54,7 @@ TEST_F(Lifecycle, ServicesComeAndGoEachInAnOrderOfItsOwn) {
   m_client.shutdown();
   Lines order;
   for (const char* name : kServices) order.push_back(std::string("+") + name);
-  for (const std::size_t n : {1, 0, 2, 3, 4, 5, 6, 7}) order.push_back(std::string("-") + kServices[n]);
+  for (const unsigned n : {1U, 0U, 2U, 3U, 4U, 5U, 6U, 7U}) order.push_back(std::string("-") + kServices[n]);
   EXPECT_EQ(m_vesk.bindings(), order);
 }
 
