@@ -41,7 +41,7 @@ Child::Child(const std::vector<std::string>& words, const std::string& errors, i
   const Descriptor log(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   check(log.get() >= 0, errors);
   const pid_t parent = getpid();
-  m_pid = fork();
+  m_pid = fork();  // NOLINT(cppcoreguidelines-prefer-member-initializer): the pipes come first
   check(m_pid >= 0, "fork");
   if (m_pid == 0) {
     // Only what may be called between a fork of a process with threads and an exec.

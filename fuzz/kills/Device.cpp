@@ -114,7 +114,7 @@ bool Device::act(const std::string& service, const std::string& key, const std::
 }
 
 Device::Service Device::kill(const std::string& name) {
-  const Service victim = service(name);
+  Service victim = service(name);
   if (victim.pid == 0) return victim;
   m_journal.note({0, "kill", name, {}, {}, victim.pid, false});
   m_killed[name] = now();

@@ -144,7 +144,7 @@ Loop::Services Loop::killAll() {
 Loop::Services Loop::killReplaying() {
   m_device.kill(kDelegate);
   m_device.awaitLife(kDelegate);
-  m_device.awaitMade("", m_device.service(kDelegate).pid, static_cast<std::size_t>(1 + pick(12)));
+  m_device.awaitMade("", m_device.service(kDelegate).pid, 1 + static_cast<std::size_t>(pick(12)));
   m_device.kill(kDelegate);
   return {kDelegate};
 }

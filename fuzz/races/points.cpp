@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "binder/Waiting.h"
 #include "orvel/OrvelDelegateClient.h"
@@ -48,7 +49,7 @@ std::string describe(const Case& what, Meeting meeting, const char* kind, int po
 // rebind passed. `arm` is called right before the death.
 class Rebind {
  public:
-  explicit Rebind(const Case& what) : m_case(what) {
+  explicit Rebind(Case what) : m_case(std::move(what)) {
     for (const char* service : kServices) m_vesk.add_service(service);
     m_delegate.start();
     m_client.initialize();

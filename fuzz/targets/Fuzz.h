@@ -89,4 +89,9 @@ class Choices {
   Input m_left;
 };
 
+// What a function that takes a C string sees of a text.
+inline std::string asC(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
 }  // namespace orvel::fuzz

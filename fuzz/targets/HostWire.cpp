@@ -73,7 +73,7 @@ void checkMessage(Choices& choices) {
 }
 
 void checkName(Choices& choices) {
-  const std::string name = choices.bytes().c_str();
+  const std::string name = asC(choices.bytes());
   const std::string path = vesk::object_path(name.c_str());
   require(sd_bus_object_path_is_valid(path.c_str()) > 0, "every name has a path");
   char* decoded = nullptr;

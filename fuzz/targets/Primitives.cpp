@@ -43,6 +43,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (unsigned& type : types) type = choices.byte();
   const auto read = [&types](vesk_buffer* buffer) {
     std::vector<Value> values;
+    values.reserve(types.size());
     for (const unsigned type : types) values.push_back(readOne(buffer, type));
     return values;
   };

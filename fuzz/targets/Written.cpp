@@ -19,11 +19,6 @@ using orvel::test::PayloadPtr;
 
 constexpr int kBefore = 9;  // what stands in front of each record
 
-// What crosses of a text.
-std::string sent(const std::string& text) {
-  return text.c_str();
-}
-
 template <typename Record>
 Bytes written(const Record& record) {
   const PayloadPtr payload(vesk_payload_alloc());
@@ -43,8 +38,8 @@ struct Reading {
     require(wire.failed(), "a written record ends with its last value");
   }
   void expectOptional(const std::string& text) {
-    if (sent(text).empty() && !text.empty()) return wire.expect(std::string());  // its NUL makes it empty, not null
-    text.empty() ? wire.expect(-1) : wire.expect(sent(text));
+    if (asC(text).empty() && !text.empty()) return wire.expect(std::string());  // its NUL makes it empty, not null
+    text.empty() ? wire.expect(-1) : wire.expect(asC(text));
   }
 
   std::size_t size;
@@ -77,7 +72,7 @@ void checkMetadata(Choices& choices) {
 
 // A value of a metric event as it has to cross.
 struct Metric {
-  int kind;
+  int kind = 0;
   std::variant<int, long long, double, std::string> value;
 };
 
@@ -91,7 +86,7 @@ void checkMetricEvent(Choices& choices) {
     const std::string key = choices.text();
     if (kind == 0) {
       std::string text = choices.text();
-      wanted[key] = {kind, sent(text)};
+      wanted[key] = {kind, asC(text)};
       require(event.addStringEvent(key, text) && text.empty(), "a text is moved in");
     } else if (kind == 1 || kind == 3) {
       const auto value = choices.number<long long>();
@@ -116,10 +111,10 @@ void checkMetricEvent(Choices& choices) {
   const Bytes message = written(event);
   Reading reading(message);
   reading.expectMarkAndLength();
-  reading.wire.expectAll(sent(event.header1), sent(event.header2));
+  reading.wire.expectAll(asC(event.header1), asC(event.header2));
   reading.wire.expect(wanted.empty() ? -1 : static_cast<int>(wanted.size()));
   for (const auto& [key, metric] : wanted) {
-    reading.wire.expectAll(sent(key), metric.kind);
+    reading.wire.expectAll(asC(key), metric.kind);
     std::visit([&reading](const auto& value) { reading.wire.expect(value); }, metric.value);
   }
   reading.expectEnd();
@@ -137,11 +132,11 @@ template <typename AnyBundle>
 void fill(Choices& choices, AnyBundle& bundle, int entries) {
   for (; entries > 0 && !choices.ended(); --entries) {
     const int kind = choices.byte() % 3;
-    const std::string key = sent(choices.text());
+    const std::string key = asC(choices.text());
     if (kind == 0) {
       bundle.put(key, choices.number<std::int32_t>());
     } else if (kind == 1) {
-      bundle.put(key, sent(choices.text()));
+      bundle.put(key, asC(choices.text()));
     } else if constexpr (std::is_same_v<AnyBundle, Bundle>) {
       bundle.put(key, choices.number<long long>());
     }
@@ -180,11 +175,11 @@ void checkIntent(Choices& choices) {
   const Bytes message = written(intent);
   Reading reading(message);
   reading.expectMarkAndLength();
-  reading.wire.expect(sent(intent.action));
+  reading.wire.expect(asC(intent.action));
   for (const std::string* text : {&intent.data, &intent.text3, &intent.package}) reading.expectOptional(*text);
   reading.wire.expect(intent.component.good() ? 1 : 0);
   if (intent.component.good()) {
-    reading.wire.expectAll(sent(intent.component.package_name), sent(intent.component.class_name));
+    reading.wire.expectAll(asC(intent.component.package_name), asC(intent.component.class_name));
   }
   reading.wire.expect(intent.extras.size() > 0 ? 1 : 0);
   if (intent.extras.size() > 0) {
@@ -192,7 +187,7 @@ void checkIntent(Choices& choices) {
     reading.wire.expect(intent.extras);
   }
   reading.wire.expect(static_cast<int>(intent.categories.size()));
-  for (const std::string& category : intent.categories) reading.wire.expect(sent(category));
+  for (const std::string& category : intent.categories) reading.wire.expect(asC(category));
   reading.wire.expect(intent.flags);
   reading.expectEnd();
 }

@@ -154,7 +154,7 @@ std::vector<Bytes> hostWires() {
 std::vector<Bytes> hostSockets() {
   using orvel::fuzz::busCall;
   const std::string path = orvel::fuzz::kServicePath;
-  const std::string body = BusBytes().u32(1).bytes("\7\0\0\0").str();
+  const std::string body = BusBytes().u32(1).bytes(std::string("\7\0\0\0", 4)).str();
   const std::string marked = BusBytes().u32(2).bytes("PSEV").u32(8).u64(5).str();
   const std::string open = busCall(path, "Open", "", "");
   const std::string call = busCall(path, "Call", "uay", body);
