@@ -315,17 +315,22 @@ class Hostilities {
       m_visit_in_use.clear();
       return idle;
     };
-    const auto end = [&] {
-      over = true;
-      service.join();
-    };
+    struct Join {
+      ~Join() { end(); }
+      void end() {
+        over = true;
+        if (service.joinable()) service.join();
+      }
+      std::atomic<bool>& over;
+      std::thread& service;
+    } visits{over, service};
     client.write_line("run");
     // A name and two registrations, each of which may have to wait for its limit.
     const std::string asked = client.read_line(3 * m_limit_ms + 1000);
     for (int n = 0; n < 400 && !is_idle(); ++n) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     client.write_line("end");
     const std::string ended = client.read_line(m_limit_ms + 1000);
-    end();
+    visits.end();
     if (asked.empty()) throw Broken("the client hangs in a call");
     if (ended.empty()) throw Broken("the client hangs in its shutdown");
     if (asked != "asked 11 []" && asked != "asked 11 [Rogue]") throw Broken("the client says " + asked);
