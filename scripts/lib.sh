@@ -12,7 +12,10 @@ build_packages=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
-check_packages=(clang-14 clang-format-14 clang-tidy-14 libc++-14-dev libc++abi-14-dev binutils shellcheck doxygen)
+check_packages=(
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
+  binutils shellcheck doxygen valgrind libc6-dbg
+)
 cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 
 say() { printf '==> %s\n' "$*"; }
