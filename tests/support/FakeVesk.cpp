@@ -16,9 +16,7 @@
 #include <tuple>
 #include <utility>
 
-#include "Parcel.h"
-
-struct vesk_identity {};
+#include "support/FakeMessages.h"
 
 namespace orvel::test {
 namespace {
@@ -31,6 +29,7 @@ std::atomic<bool> g_quiet{false};
 int g_runtime;  // its address is the runtime
 
 thread_local bool t_inside = false;
+thread_local bool t_on_run_loop = false;
 
 struct Inside {
   explicit Inside(bool now) { t_inside = now; }
@@ -51,26 +50,6 @@ int call_out(const char* what, Callback callback) {
   }
   return -EIO;
 }
-
-// One reference to an endpoint, from endpoint_acquire to endpoint_release. Copies of the shared pointer are no
-// references of their own: a callback in progress keeps one so that the release waits for its end. Never destroyed
-// under the lock.
-struct HeldEndpoint {
-  explicit HeldEndpoint(vesk_endpoint* held) : endpoint(held) {
-    ++g_endpoint_references;
-    call_out("endpoint_acquire", [this] { return endpoint->fn->endpoint_acquire(&g_runtime, endpoint); });
-  }
-  ~HeldEndpoint() {
-    call_out("endpoint_release", [this] { return endpoint->fn->endpoint_release(&g_runtime, endpoint); });
-    --g_endpoint_references;
-  }
-  HeldEndpoint(const HeldEndpoint&) = delete;
-  HeldEndpoint& operator=(const HeldEndpoint&) = delete;
-
-  vesk_endpoint* const endpoint;
-};
-using EndpointRef = std::shared_ptr<HeldEndpoint>;
-using EndpointRefs = std::vector<EndpointRef>;
 
 // One link to a death, from death_acquire to death_release. Never destroyed under the lock.
 struct Link {
@@ -137,24 +116,23 @@ vesk_handle handle_of(std::uint32_t id) {
 }
 
 }  // namespace
-}  // namespace orvel::test
 
-struct vesk_payload {
-  vesk::Parcel parcel;
-  orvel::test::EndpointRefs endpoints;
-};
+HeldEndpoint::HeldEndpoint(vesk_endpoint* held) : endpoint(held) {
+  ++g_endpoint_references;
+  call_out("endpoint_acquire", [this] { return endpoint->fn->endpoint_acquire(&g_runtime, endpoint); });
+}
 
-struct vesk_buffer {
-  vesk::Parcel parcel;
-};
-
-namespace orvel::test {
+HeldEndpoint::~HeldEndpoint() {
+  call_out("endpoint_release", [this] { return endpoint->fn->endpoint_release(&g_runtime, endpoint); });
+  --g_endpoint_references;
+}
 
 struct FakeVesk::State {
   using Lock = std::unique_lock<std::mutex>;
 
   std::mutex mutex;  // guards everything below; never held while anything outside this file runs
   std::condition_variable changed;
+  std::atomic<FakeDevice*> device{nullptr};  // told of what changes under the lock
 
   std::map<std::string, Service> services;
   std::map<std::string, EndpointRef> published;
@@ -217,6 +195,13 @@ struct FakeVesk::State {
     steps.push_back(std::move(step));
     ++steps_queued;
     changed.notify_all();
+    tell_work();
+  }
+
+  // Work that waits for a loop counts too: the thread that will enter it may be on its way.
+  void tell_work() {
+    const bool has_work = !shut_down && (!steps.empty() || loop_thread != std::thread::id());
+    if (device != nullptr) device.load()->loop_has_work(has_work);
   }
 
   bool may_step() const { return !steps.empty() && (!loop_held || steps_done < steps_allowed); }
@@ -225,14 +210,18 @@ struct FakeVesk::State {
     std::function<void()> step = std::move(steps.front());
     steps.pop_front();
     loop_thread = std::this_thread::get_id();
+    if (device != nullptr) device.load()->step_begins();
     lock.unlock();
+    t_on_run_loop = true;
     step();
     step = {};  // what it holds is released without the lock, and before anyone is told that it is done
+    t_on_run_loop = false;
     lock.lock();
     loop_thread = {};
     calling_back = 0;
     ++steps_done;
     changed.notify_all();
+    tell_work();
   }
 
   // ---- Binding and handles ----
@@ -240,6 +229,7 @@ struct FakeVesk::State {
   vesk_handle connect(const std::string& name) {
     connections[++last_connection].service = name;
     bindings.push_back("+" + name);
+    if (device != nullptr) device.load()->looked_up(name, true);
     return handle_of(last_connection);
   }
 
@@ -276,6 +266,7 @@ struct FakeVesk::State {
     if (found == connections.end() || found->second.lookups + found->second.acquired > 0) return lock.unlock();
     Connection closed = std::move(found->second);
     connections.erase(found);
+    if (device != nullptr) device.load()->closed(id);
     changed.notify_all();
     if (loop_thread != std::this_thread::get_id()) {
       // The callback in progress keeps its endpoint; what is released here must be released when this returns.
@@ -318,6 +309,7 @@ struct FakeVesk::State {
     const auto found = connections.find(id);
     if (found == connections.end()) return;
     released.swap(found->second.exports);
+    if (device != nullptr) device.load()->closed(id);
     if (found->second.noticed || found->second.acquired > 0) found->second.lookups = 0;
     close_if_unused(lock, id);
   }
@@ -328,7 +320,7 @@ struct FakeVesk::State {
   Reply call(const vesk_handle* handle, Transaction& transaction, const EndpointRefs& endpoints, int refused) {
     Lock lock(mutex);
     Connection* connection = find(handle);
-    if (connection != nullptr) transaction.service = connection->service;
+    if (connection != nullptr) transaction.service = connection->service, transaction.connection = handle->words[0];
     if (refused != 0) return {{}, refused};
     if (connection == nullptr) return {{}, -EINVAL};
     if (shut_down) return {{}, -ESHUTDOWN};
@@ -448,6 +440,7 @@ void FakeVesk::reset() {
   m_state.all_uses = m_state.step_at_use = 0;
   m_state.failures.clear();
   m_state.shut_down = m_state.null_runtime = m_state.loop_held = g_quiet = false;
+  m_state.device = nullptr;
 }
 
 void FakeVesk::add_service(const std::string& name, Handler handler) {
@@ -502,6 +495,12 @@ void FakeVesk::expire_calls(const std::string& name) {
   }
 }
 
+void FakeVesk::close_connection(const Transaction& call, int error) {
+  const State::Lock lock(m_state.mutex);
+  const auto found = m_state.connections.find(call.connection);
+  if (found != m_state.connections.end() && found->second.death == 0) m_state.die(call.connection, error);
+}
+
 void FakeVesk::wait_for_held_calls(const std::string& name, int count) {
   State::Lock lock(m_state.mutex);
   m_state.changed.wait(lock, [&] {
@@ -530,6 +529,33 @@ void FakeVesk::release_endpoint(const vesk_endpoint* endpoint) {
     const auto given_back = [endpoint](const EndpointRef& held) { return held->endpoint == endpoint; };
     for (EndpointRef& held : take_if(connection.exports, given_back)) released.push_back(std::move(held));
   }
+}
+
+void FakeVesk::release_transfer(const std::weak_ptr<const void>& transfer) {
+  EndpointRefs released;
+  const auto held = transfer.lock();
+  const State::Lock lock(m_state.mutex);
+  for (auto& [id, connection] : m_state.connections) {
+    for (EndpointRef& each : take_if(connection.exports, [&](const EndpointRef& other) { return other == held; })) {
+      released.push_back(std::move(each));
+    }
+  }
+}
+
+std::vector<std::string> FakeVesk::published() const {
+  std::vector<std::string> names;
+  const State::Lock lock(m_state.mutex);
+  for (const auto& [name, held] : m_state.published) names.push_back(name);
+  return names;
+}
+
+bool FakeVesk::on_run_loop() {
+  return t_on_run_loop;
+}
+
+void FakeVesk::attach(FakeDevice* device) {
+  const State::Lock lock(m_state.mutex);
+  m_state.device = device;
 }
 
 void FakeVesk::post(std::function<void()> step) {
@@ -649,6 +675,12 @@ using State = FakeVesk::State;
 
 namespace {
 
+// The device whose runtime that is, and which then is who asks; else null.
+FakeDevice* device_of(void* runtime) {
+  FakeDevice* device = state().device;
+  return device != nullptr && runtime == device ? device : nullptr;
+}
+
 // The shared shape of the functions: one more use, which fails when that is planned.
 template <typename Body>
 int use(const char* operation, Body body) {
@@ -699,6 +731,7 @@ int vesk_get_runtime(void** runtime) {
   return use(__func__, [&](State& self) {
     const State::Lock lock(self.mutex);
     self.shut_down = false;
+    self.tell_work();
     *runtime = self.null_runtime ? nullptr : &g_runtime;
     return 0;
   });
@@ -729,6 +762,8 @@ int vesk_shutdown(void*) {
     ++self.shutdowns;
     self.pending_binds.clear();
     withdrawn.swap(self.published);
+    self.tell_work();
+    if (self.device != nullptr) self.device.load()->shut_down();
     self.changed.notify_all();
     if (self.bind_callbacks.count(std::this_thread::get_id()) == 0) {
       self.changed.wait(lock, [&] { return self.bind_callbacks.empty(); });
@@ -742,12 +777,14 @@ int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callba
     State::Lock lock(self.mutex);
     if (const int refused = self.refusal(name)) return refused;
     self.pending_binds.push_back({name, callback, context});
+    if (self.device != nullptr) self.device.load()->looked_up(name, false);  // until it is answered
     self.answer_binds(lock, name);
     return 0;
   });
 }
 
-int vesk_service_unbind(void*, vesk_handle* handle) {
+int vesk_service_unbind(void* runtime, vesk_handle* handle) {
+  if (FakeDevice* device = device_of(runtime)) return device->forget(*handle);
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
     connection.lookups = 0;
     self.bindings.push_back("-" + connection.service);
@@ -755,17 +792,22 @@ int vesk_service_unbind(void*, vesk_handle* handle) {
   });
 }
 
-int vesk_binder_servicemanager_get(void*, const char* name, vesk_handle* out) {
+int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle* out) {
+  if (FakeDevice* device = device_of(runtime)) return device->find(name, out);
   return use(__func__, [&](State& self) {
     const State::Lock lock(self.mutex);
     if (const int refused = self.refusal(name)) return refused;
-    if (!self.services[name].running) return -ENOENT;
+    if (!self.services[name].running) {
+      if (self.device != nullptr) self.device.load()->looked_up(name, false);
+      return -ENOENT;
+    }
     *out = self.connect(name);
     return 0;
   });
 }
 
-int vesk_service_register(void*, const char* name, vesk_endpoint* endpoint) {
+int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint) {
+  if (FakeDevice* device = device_of(runtime)) return device->serve(name, endpoint);
   return use(__func__, [&](State& self) {
     auto held = std::make_shared<HeldEndpoint>(endpoint);  // before the lock; what it replaces is dropped after it
     const State::Lock lock(self.mutex);
@@ -796,7 +838,8 @@ vesk_handle vesk_invalid_handle() {
   return {{0, 0}};
 }
 
-int vesk_handle_link_to_death(void*, vesk_handle* handle, vesk_death_callback* callback) {
+int vesk_handle_link_to_death(void* runtime, vesk_handle* handle, vesk_death_callback* callback) {
+  if (FakeDevice* device = device_of(runtime)) return device->watch(*handle, callback);
   const Inside inside(true);
   const auto made = std::make_shared<Link>(callback);  // dropped after the lock where the handle is not valid
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock&) {
@@ -807,7 +850,8 @@ int vesk_handle_link_to_death(void*, vesk_handle* handle, vesk_death_callback* c
   });
 }
 
-int vesk_handle_unlink_to_death(void*, vesk_handle* handle, vesk_death_callback* callback) {
+int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, vesk_death_callback* callback) {
+  if (FakeDevice* device = device_of(runtime)) return device->watch(*handle, nullptr);
   Links unlinked;  // dropped after the lock
   return use_handle(__func__, handle, [&](State&, Connection& connection, State::Lock&) {
     unlinked = take_if(connection.links, [callback](const auto& link) { return link->callback == callback; });
@@ -854,7 +898,7 @@ int vesk_call(void*, vesk_handle* handle, unsigned int code, vesk_payload* reque
   if (request == nullptr || reply == nullptr) return -EINVAL;
   const EndpointRefs endpoints = std::exchange(request->endpoints, {});
   const auto& bytes = request->parcel.bytes();
-  Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0, {endpoints.begin(), endpoints.end()}};
+  Transaction transaction{"", code, {bytes.data(), bytes.size()}, {}, 0, {endpoints.begin(), endpoints.end()}, 0};
   for (const EndpointRef& held : endpoints) transaction.endpoints.push_back(held->endpoint);
   const int refused = planned != 0 ? planned : request->parcel.error();
   const Reply answer = state().call(handle, transaction, endpoints, refused);
@@ -928,6 +972,10 @@ const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length
 const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
   *size = payload == nullptr ? 0 : payload->parcel.bytes().size();
   return payload == nullptr ? nullptr : payload->parcel.bytes().data();
+}
+
+int vesk_payload_truncate(vesk_payload* payload, size_t size) {
+  return payload == nullptr ? -EINVAL : payload->parcel.truncate(size);
 }
 
 int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <iosfwd>
@@ -25,6 +26,7 @@ struct Transaction {
   std::vector<vesk_endpoint*> endpoints;
   int result = 0;
   std::vector<std::weak_ptr<const void>> transfers;  // what each endpoint travelled as: no later one is equal to it
+  std::uint32_t connection = 0;                      // over which it went; no later one has its number
 };
 
 // What a service, or an endpoint of the client, answers.
@@ -48,6 +50,25 @@ struct Target {
   std::weak_ptr<const void> transfer;
   bool by_transfer = false;
   std::string name;
+};
+
+// A device in the same process, in place of scripts. Its address, as a void*, is its own runtime: what it asks of vesk.h with
+// that comes to the first group of methods. The second is told what happens, in order and on any thread, under the fake's
+// lock: those may not use the fake.
+class FakeDevice {
+ public:
+  virtual ~FakeDevice() = default;
+
+  virtual int serve(const char* name, vesk_endpoint* endpoint) = 0;             // vesk_service_register
+  virtual int find(const char* name, vesk_handle* out) = 0;                     // vesk_binder_servicemanager_get
+  virtual int forget(const vesk_handle& handle) = 0;                            // vesk_service_unbind
+  virtual int watch(const vesk_handle& handle, vesk_death_callback* told) = 0;  // link; null: unlink
+
+  virtual void loop_has_work(bool has) = 0;  // whether there is something for the client's run loop to do
+  virtual void step_begins() = 0;            // on the run loop
+  virtual void looked_up(const std::string& service, bool found) = 0;
+  virtual void closed(std::uint32_t connection) = 0;  // by the client, or after the service's death
+  virtual void shut_down() = 0;
 };
 
 constexpr unsigned kAnyCode = ~0U;
@@ -102,6 +123,9 @@ class FakeVesk {
   // Waits until `count` calls of `name` are held.
   void wait_for_held_calls(const std::string& name, int count = 1);
 
+  // Closes the connection of a call in progress, which fails with `error`; for its handler. -ETIMEDOUT is the call limit's.
+  void close_connection(const Transaction& call, int error);
+
   // ---- What services send; runs on the run-loop thread, in the order sent ----
 
   void send(const Target& target, unsigned code, const Bytes& message);
@@ -109,6 +133,15 @@ class FakeVesk {
   std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
   // Gives back every reference to `endpoint` that services hold.
   void release_endpoint(const vesk_endpoint* endpoint);
+  // Gives back the one reference that travelled so.
+  void release_transfer(const std::weak_ptr<const void>& transfer);
+
+  // The names that the client publishes.
+  [[nodiscard]] std::vector<std::string> published() const;
+  // Whether this thread runs a step of the run loop.
+  static bool on_run_loop();
+  // Tells the device, until it is told another or null.
+  void attach(FakeDevice* device);
 
   // Runs `step` on the run-loop thread after everything sent so far.
   void post(std::function<void()> step);

@@ -18,6 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// A peer that lives has answered long before.
+constexpr std::chrono::milliseconds kHandshakePatience{50};
+
 // Marks a call as in progress before it asks whether the runtime is shut down, so that vesk_shutdown either sees the
 // mark or is seen.
 class CallMark {
@@ -77,6 +80,21 @@ void OutgoingConnection::watch(vesk_handle handle) {
     self->m_watch.reset(source);
     self->m_self = self;
   });
+}
+
+void OutgoingConnection::try_handshake() {
+  as_error_code([&] {
+    const std::lock_guard lock(m_mutex);
+    if (!m_bus) return 0;
+    const Deadline deadline = Clock::now() + kHandshakePatience;
+    finish_handshake(deadline);
+    // The message that says which service is meant has waited for that.
+    std::uint64_t queued = 0;
+    while (check(sd_bus_get_n_queued_write(m_bus.get(), &queued)) >= 0 && queued != 0) make_progress(deadline);
+    return 0;
+  });
+  // Whatever is left is for the loop, which may have looked while this thread was at it.
+  m_runtime.loop().post([self = shared_from_this()] { self->pump(); });
 }
 
 int OutgoingConnection::call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints,

@@ -44,6 +44,10 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // Called once, when the handle exists: from here on the loop watches.
   void watch(vesk_handle handle);
 
+  // Brings the handshake to its end if the peer answers at once. What is wrong with it is for the first call to say. Not for
+  // the loop's thread, which has others to serve.
+  void try_handshake();
+
   // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints.
   int call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints, Parcel& reply);
 

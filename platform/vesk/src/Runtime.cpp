@@ -1,6 +1,7 @@
 #include "Runtime.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -117,6 +118,9 @@ vesk_handle Runtime::look_up(const char* name) {
     handle.words[1] = static_cast<std::uint32_t>(number >> 32U);
   }
   connection->watch(handle);
+  // sd-bus gives up a handshake after 90 s, and before the run loop is entered a client may wait for minutes for another
+  // service. A service of this process cannot answer yet.
+  if (!m_loop.is_this_thread() && connection->peer() != ::getpid()) connection->try_handshake();
   return handle;
 }
 

@@ -182,6 +182,10 @@ void IncomingConnection::finish_deferred(vesk_deferred& deferred, int status, co
   answer(deferred.call.get(), deferred.remotes, status, reply);
 }
 
+void IncomingConnection::hang_up() {
+  m_server.retire(*this);
+}
+
 vesk_deferred* IncomingRequest::defer() {
   if (m_deferred) return nullptr;
   vesk_deferred* deferred = m_connection.defer(m_call, buffer.remotes);

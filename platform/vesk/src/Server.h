@@ -68,6 +68,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   void answer(sd_bus_message* call, const std::vector<RemoteRef>& remotes, int status, const vesk_payload* reply);
   vesk_deferred* defer(sd_bus_message* call, std::vector<RemoteRef>& remotes);
   void finish_deferred(vesk_deferred& deferred, int status, const vesk_payload* reply);
+  void hang_up();  // in place of an answer that is owed
 
   int call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request);
   int call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request, unsigned int timeout_ms,

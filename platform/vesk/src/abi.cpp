@@ -342,6 +342,16 @@ int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply
   });
 }
 
+int vesk_deferred_hang_up(vesk_deferred* deferred) {
+  if (deferred == nullptr) return -EINVAL;
+  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+    if (!self.loop().is_this_thread()) return -EPERM;
+    const std::unique_ptr<vesk_deferred> owner(deferred);
+    if (const auto connection = deferred->connection.lock()) connection->hang_up();
+    return 0;
+  });
+}
+
 // ---- Endpoints of other processes ----
 
 vesk_remote* vesk_read_endpoint(vesk_buffer* buffer) {

@@ -66,6 +66,12 @@ VESK_API vesk_deferred* vesk_request_defer(vesk_identity* caller);
  */
 VESK_API int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply);
 
+/*
+ * Closes the caller's connection in place of an answer: its call fails, and it sees the service die, which nobody else does.
+ * Frees `deferred`. A caller that has gone meanwhile is no error.
+ */
+VESK_API int vesk_deferred_hang_up(vesk_deferred* deferred);
+
 /* ---- Endpoints of other processes (run-loop thread) ---- */
 
 /* An endpoint of another process. Counted: each vesk_remote* that a function returns is dropped by one vesk_remote_release. */
