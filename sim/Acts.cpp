@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "sim/Service.h"
+
 namespace orvel::sim {
 namespace {
 
@@ -130,6 +132,16 @@ void set(Json& scenario, const std::string& section, const Json& values) {
   scenario.at(section).update(values);
 }
 
+void flap(Json& scenario, const std::string& section, const Json& values) {
+  Json& service = scenario.at(section);
+  const bool flapped = service.erase(kFlap) != 0;
+  if (!values.empty()) {
+    service[kFlap] = values;
+  } else if (flapped) {
+    service[kAlive] = true;
+  }
+}
+
 }  // namespace
 
 Json makeAct(const char* verb, const std::string& name, const Json& values) {
@@ -138,13 +150,41 @@ Json makeAct(const char* verb, const std::string& name, const Json& values) {
 
 void perform(Json& scenario, const Json& act) {
   static const std::map<std::string, void (*)(Json&, const std::string&, const Json&)> acts = {
-      {"install", install}, {"replace", replace},       {"remove", remove},           {"start", start},
-      {"stop", stop},       {"foreground", foreground}, {"openPackage", openPackage}, {"servePackage", servePackage},
+      {"install", install},
+      {"replace", replace},
+      {"remove", remove},
+      {"start", start},
+      {"stop", stop},
+      {"foreground", foreground},
+      {"openPackage", openPackage},
+      {"servePackage", servePackage},
       {"set", set},
+      {"flap", flap},
   };
   const auto found = acts.find(act.at("act"));
   if (found == acts.end()) throw std::runtime_error("no such act: " + act.dump());
   found->second(scenario, act.at("name"), act.at("values"));
+}
+
+void liveFromNowOn(Json& section, bool alive) {
+  section.erase(kFlap);
+  section[kAlive] = alive;
+}
+
+void flapOnce(Json& section) {
+  const bool alive = !section.at(kAlive).get<bool>();
+  section[kAlive] = alive;
+  Json& flapping = section.at(kFlap);
+  if (!alive || !flapping.contains("count")) return;
+  const auto left = flapping["count"].get<std::int64_t>() - 1;
+  flapping["count"] = left;
+  if (left == 0) section.erase(kFlap);
+}
+
+std::optional<std::chrono::milliseconds> flapInterval(const Json& section) {
+  const auto flapping = section.find(kFlap);
+  if (flapping == section.end()) return std::nullopt;
+  return std::chrono::milliseconds(flapping->at("periodMs").get<std::int64_t>() / 2);
 }
 
 }  // namespace orvel::sim

@@ -3,6 +3,8 @@
 // other, nor does anybody see half of one.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 #include "sim/Wire.h"
@@ -23,6 +25,7 @@ enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 
 //   openPackage  the package's process becomes the focused one
 //   servePackage the package's process has the "importance" given, or a greater one
 //   set          a section of the scenario; several of its fields at once
+//   flap         a section: its service dies and comes back by itself; without values that ends, and it runs
 //
 // Values that are given go before what an act finds itself. openPackage and servePackage start the process if there is
 // none, and do nothing for a package that is not installed.
@@ -30,5 +33,14 @@ Json makeAct(const char* verb, const std::string& name, const Json& values = Jso
 
 // Throws std::runtime_error when something exists that must not, or does not exist that must.
 void perform(Json& scenario, const Json& act);
+
+// For good: a service that flapped does so no more.
+void liveFromNowOn(Json& section, bool alive);
+
+// The death or the return of a service that flaps; after the last return it flaps no more.
+void flapOnce(Json& section);
+
+// From one of these to the next; nothing for a service that does not flap.
+std::optional<std::chrono::milliseconds> flapInterval(const Json& section);
 
 }  // namespace orvel::sim

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,7 +9,9 @@
 #include <CLI/CLI.hpp>
 
 #include "sim/Acts.h"
+#include "sim/EventResults.h"
 #include "sim/Orders.h"
+#include "sim/Reading.h"
 #include "sim/Scenario.h"
 #include "sim/Service.h"
 #include "sim/Traffic.h"
@@ -18,22 +19,21 @@
 namespace orvel::sim {
 namespace {
 
-// What the codes of results stand for.
-constexpr const char* kResults[] = {"SUCCESS", "SUCCESS_NO_CONTENT", "MARO_DISCONNECTED", "INTERNAL_ERROR",
-                                    "TIMEOUT", "INVALID_EVENT",      "UNKNOWN_ERROR"};
+Json resultInForce() {
+  Json fields = inForce({"events"});
+  for (const char* life : {kFaults, kAlive, kFlap}) fields.erase(life);
+  return fields;
+}
 
-// The code that a word names or is.
-Json codeOf(const std::string& word) {
-  const auto* const named = std::find(std::begin(kResults), std::end(kResults), word);
-  if (named != std::end(kResults)) return named - std::begin(kResults);
-  try {
-    return valueOf(Shape::number(), word, {});
-  } catch (const ScenarioError&) {
-    std::string names;
-    for (const char* name : kResults) names += std::string(", ") + name;
-    throw ScenarioError("'" + word + "' is no result; a whole number of 32 bits is expected, or one of" +
-                        names.substr(1));
-  }
+// As the verb takes it: "TIMEOUT --delay 500".
+std::string resultInWords(const Json& fields) {
+  const auto result = fields.at("result").get<std::size_t>();
+  const std::string mode = fields.at("resultMode");
+  std::string words = result < kEventResults.size() ? kEventResults[result] : fields.at("result").dump();
+  if (fields.at("resultDelayMs") != 0) words += " --delay " + fields.at("resultDelayMs").dump();
+  if (fields.at("reply") != 1) words += " --reply " + fields.at("reply").dump();
+  if (mode != "after") words += " --" + mode;
+  return words;
 }
 
 constexpr std::size_t kDirectiveTexts = 7;
@@ -92,13 +92,13 @@ void addEventResultVerb(CLI::App& app) {
     Json values;
   };
   const auto words = std::make_shared<Words>();
-  words->values = defaultScenario().at("events");
-  words->values.erase(kFaults);
+  for (const char* field : {"reply", "result", "resultDelayMs", "resultMode"}) {
+    words->values[field] = defaultScenario().at("events").at(field);
+  }
   CLI::App* verb = app.add_subcommand("event-result", "Say what the following events of clients result in, and how");
   verb->add_option("result", words->code,
                    "SUCCESS, SUCCESS_NO_CONTENT, MARO_DISCONNECTED, INTERNAL_ERROR, TIMEOUT, INVALID_EVENT, "
                    "UNKNOWN_ERROR or any other number")
-      ->required()
       ->type_name("CODE|NAME");
   const auto addNumber = [&](const char* option, const char* field, const char* about) {
     return verb
@@ -121,8 +121,9 @@ void addEventResultVerb(CLI::App& app) {
   addMode("malformed", "in a message that ends where the code belongs");
   delay->excludes(modes.front());
   verb->footer("What is not given is as by default again: accepted, and the result once, right after the reply.");
-  verb->callback([words] {
-    words->values["result"] = codeOf(words->code);
+  addReading(*verb, {resultInForce, resultInWords}, [words] {
+    if (words->code.empty()) throw ScenarioError("event-result: a CODE or a NAME is expected");
+    words->values["result"] = eventResultCalled(words->code);
     orderChange(makeAct("set", "events", words->values));
   });
 }

@@ -120,6 +120,7 @@ void Deliveries::finish(Client& client, const Delivery& delivery, int error) {
   const pid_t pid = vesk_remote_pid(delivery.receiver.get());
   Json entry =
       trafficEntry(notification.service, "notification", method.name, method.code, pid, notification.arguments);
+  entry["endpoint"] = endpointNumber(delivery.receiver);
   if (error != 0) {
     entry["error"] = error;
   } else if (method.answered) {

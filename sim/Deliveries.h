@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/Endpoint.h"
+#include "sim/Timer.h"
 #include "sim/Traffic.h"
 #include "sim/Wire.h"
 

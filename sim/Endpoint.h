@@ -1,11 +1,5 @@
-// What this process offers to others over vesk, and the timers of its run loop.
+// What this process offers to others over vesk.
 #pragma once
-
-#include <systemd/sd-event.h>
-
-#include <chrono>
-#include <functional>
-#include <memory>
 
 #include "vesk/vesk.h"
 
@@ -29,23 +23,6 @@ class Endpoint {
   static const vesk_endpoint_fn kFunctions;
 
   vesk_endpoint m_endpoint;
-};
-
-struct SourceFree {
-  void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-using SourcePtr = std::unique_ptr<sd_event_source, SourceFree>;
-
-// Runs `action` once, on the run-loop thread, unless it is destroyed before. The action may destroy its timer.
-class Timer {
- public:
-  Timer(sd_event* event, std::chrono::milliseconds delay, std::function<void()> action);
-  Timer(const Timer&) = delete;
-  Timer& operator=(const Timer&) = delete;
-
- private:
-  std::function<void()> m_action;
-  SourcePtr m_source;
 };
 
 // Throws std::system_error for a negative errno value, as vesk and sd-event give it; `what` says what was tried.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -63,10 +64,11 @@ void writeExtras(vesk_payload* payload, const Json& extras) {
   vesk_write_i32(payload, static_cast<std::int32_t>(extras.size()));
   for (const Json& extra : extras) {
     const auto isNamed = [&](const ExtraType& type) { return type.name == extra.at("type"); };
-    const ExtraType& type = *std::find_if(extraTypes().begin(), extraTypes().end(), isNamed);
+    const auto type = std::find_if(extraTypes().begin(), extraTypes().end(), isNamed);
+    if (type == extraTypes().end()) throw std::out_of_range("no extra is of the type " + extra.at("type").dump());
     writeText(payload, extra.at("key"));
-    vesk_write_i32(payload, type.tag);
-    type.write(payload, extra.at("value"));
+    vesk_write_i32(payload, type->tag);
+    type->write(payload, extra.at("value"));
   }
 }
 

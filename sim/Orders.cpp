@@ -1,23 +1,15 @@
 #include "sim/Orders.h"
 
-#include <cerrno>
-#include <cstring>
 #include <iostream>
-#include <stdexcept>
 
 #include "sim/Control.h"
+#include "tools/cli/Streams.h"
 
 namespace orvel::sim {
 
-void checkOutput() {
-  errno = 0;
-  std::cout.flush();
-  if (!std::cout) throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
-}
-
 void print(const std::string& line) {
   std::cout << line << '\n';
-  checkOutput();
+  cli::flushOutput();
 }
 
 Json order(const char* name) {

@@ -7,8 +7,7 @@
 
 namespace orvel::sim {
 
-// Throws when what was printed could not be written.
-void checkOutput();
+// Throws when it cannot be written.
 void print(const std::string& line);
 
 // The answer to an order without arguments. All orders throw as Control does.

@@ -1,5 +1,6 @@
 #include "sim/PackageVerbs.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "sim/Acts.h"
 #include "sim/Orders.h"
+#include "sim/Reading.h"
 #include "sim/Scenario.h"
 
 namespace orvel::sim {
@@ -49,11 +51,29 @@ void addField(CLI::App& part, const std::shared_ptr<Words>& words, const char* o
       option, [words, field](const Value& value) { words->values[field] = value; }, about);
 }
 
+std::string padded(std::string text, std::size_t width) {
+  text.resize(std::max(text.size() + 1, width), ' ');
+  return text;
+}
+
+std::string packageInWords(const Json& package) {
+  return padded(package.at("package"), 42) + padded("version " + package.at("versionCode").dump(), 18) +
+         padded(package.at("versionName"), 14) + "uid " + package.at("uid").dump();
+}
+
+std::string processInWords(const Json& process) {
+  return padded(process.at("process"), 42) + padded("pid " + process.at("pid").dump(), 12) +
+         padded("uid " + process.at("uid").dump(), 12) + "importance " + process.at("importance").dump() +
+         (process.at("focused") == true ? ", focused" : "");
+}
+
 }  // namespace
 
 void addPackageVerb(CLI::App& app) {
-  CLI::App* package = app.add_subcommand("package", "Install, replace or remove a package, or broadcast that it was");
-  package->require_subcommand(1);
+  CLI::App* package =
+      app.add_subcommand("package", "List, install, replace or remove packages, or broadcast that one was");
+  package->require_subcommand(0, 1);
+  addReading(*package, {[] { return entriesInForce({"packages", "packages"}, "package"); }, packageInWords});
   package->footer(
       "install, replace and remove change what is installed, and clients are told all that a package manager tells.\n"
       "added, removed, replaced and changed only broadcast that one word, and change nothing. For all else of a "
@@ -86,8 +106,9 @@ void addPackageVerb(CLI::App& app) {
 }
 
 void addProcessVerb(CLI::App& app) {
-  CLI::App* process = app.add_subcommand("process", "Start or stop a process, or bring it to the foreground");
-  process->require_subcommand(1);
+  CLI::App* process = app.add_subcommand("process", "List processes, start or stop one, or bring it to the foreground");
+  process->require_subcommand(0, 1);
+  addReading(*process, {[] { return entriesInForce({"activity", "processes"}, "process"); }, processInWords});
   process->footer(
       "The platform grades processes: 100 foreground, 125 foreground service, 200 perceptible, 300 service, 400 "
       "cached.\n"

@@ -2,48 +2,71 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <fstream>
 #include <system_error>
 #include <utility>
+
+#include "sim/Endpoint.h"
 
 namespace orvel::sim {
 namespace {
 
 constexpr int kPatienceMs = 3000;
 
+// In the child, where nothing may be called that allocates or locks. Returns only when the program cannot be run.
+void become(const char* program, char* const* argv, Process::Streams streams, pid_t parent) {
+  // It does not outlive this process, however that ends: not even when it ended before this line.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);
+  if (streams == Process::Streams::kErrorsOnly) {
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(null, STDOUT_FILENO) < 0) return;
+  }
+  // The program starts as if from a shell, without the signal settings of this process.
+  signal(SIGPIPE, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execvp(program, argv);
+}
+
 pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Process::Streams streams) {
+  const auto fail = [&](int error) {
+    throw std::system_error(error, std::generic_category(), "cannot run " + arguments.front());
+  };
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
 
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_init(&actions);
-  // The program starts as if from a shell, without the signal settings of this process.
-  sigset_t none;
-  sigset_t pipe;
-  sigemptyset(&none);
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &pipe);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  if (streams == Process::Streams::kErrorsOnly) {
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  int news[2];  // closed by the program's start, or why there is none
+  if (pipe2(news, O_CLOEXEC) != 0) fail(errno);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  int error = pid < 0 ? errno : 0;
+  if (pid == 0) {
+    become(program.c_str(), argv.data(), streams, parent);
+    error = errno;
+    while (write(news[1], &error, sizeof(error)) < 0 && errno == EINTR) {
+    }
+    _exit(127);
   }
-  pid_t pid = 0;
-  const int error = posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (error != 0) throw std::system_error(error, std::generic_category(), "cannot run " + arguments.front());
+  close(news[1]);
+  while (pid > 0 && read(news[0], &error, sizeof(error)) < 0 && errno == EINTR) {
+  }
+  close(news[0]);
+  if (error != 0) {
+    if (pid > 0) waitpid(pid, nullptr, 0);
+    fail(error);
+  }
   return pid;
 }
 
@@ -91,6 +114,28 @@ std::string describeEnd(const siginfo_t& end) {
 
 int statusOf(const siginfo_t& end) {
   return end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
+}
+
+void endOrphans() {
+  using Clock = std::chrono::steady_clock;
+  const auto patience = Clock::now() + std::chrono::milliseconds(kPatienceMs);
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  for (;;) {
+    pid_t ended = 0;
+    while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    if (ended < 0) return;  // there are none
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(patience - Clock::now()).count();
+    std::ifstream children("/proc/thread-self/children");
+    bool any = false;
+    for (pid_t pid = 0; children >> pid; any = true) kill(pid, left > 0 ? SIGTERM : SIGKILL);
+    if (!any) return;  // the kernel does not tell them
+    // Those that are still to come are the children of who ends now.
+    const timespec pause = left > 0 ? timespec{left / 1000, left % 1000 * 1'000'000} : timespec{1, 0};
+    sigtimedwait(&child, nullptr, &pause);
+  }
 }
 
 void blockSignals() {

@@ -1,4 +1,5 @@
-// Starting programs. Nothing here forks without running another program: a process with a vesk runtime must not.
+// Starting programs, which end with this one. Nothing here forks without running another program: a process with a vesk
+// runtime must not.
 #pragma once
 
 #include <signal.h>
@@ -8,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "sim/Endpoint.h"
+#include "sim/EventSource.h"
 
 namespace orvel::sim {
 
-// A program that this process started. Run-loop thread, which must also be the thread that starts it: a child that asks
-// to die with its parent means the thread.
+// A program that this process started, and that is killed when this process ends. The thread that starts it, the run
+// loop's, must last as long: the kernel takes the end of that thread for the end of the parent.
 class Process {
  public:
   enum class Streams { kInherited, kErrorsOnly };  // kErrorsOnly: standard input and output are /dev/null
@@ -40,6 +41,11 @@ std::string describeEnd(const siginfo_t& end);
 
 // The exit status that a shell would give for it.
 int statusOf(const siginfo_t& end);
+
+// Ends what the programs that this process started have left behind, with SIGTERM and after a while with SIGKILL: what became
+// this process's child when its own parent ended, which takes a process that is a child subreaper. Only when every Process is
+// gone, with the signals blocked.
+void endOrphans();
 
 // The signals that are taken from the run loop or by waiting for a process; every other thread must not get them.
 void blockSignals();

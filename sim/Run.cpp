@@ -10,12 +10,18 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
 #include "sim/Control.h"
+#include "sim/EventSource.h"
+#include "sim/PrivateDirectory.h"
 #include "sim/Process.h"
 #include "sim/Supervisor.h"
+#include "tools/cli/Streams.h"
 
 namespace orvel::sim {
 namespace {
@@ -39,14 +45,6 @@ class RemovedDirectory {
  private:
   fs::path m_path;
 };
-
-// A runtime directory that nobody else has; this process and its children will use it. Returns what is to be removed.
-fs::path makePrivateDirectory() {
-  std::string path = fs::temp_directory_path() / "orvel-sim-XXXXXX";
-  if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
-  setenv("ORVEL_RUNTIME_DIR", (path + "/device").c_str(), 1);
-  return path;
-}
 
 // Calls `taken` on the run-loop thread for each of the signals that blockSignals blocked.
 class Signals {
@@ -81,6 +79,7 @@ class Device {
         m_command(options.command),
         m_supervisor(runtime, options.scenario, options.isolate),
         m_signals(m_event, {SIGINT, SIGTERM, SIGHUP}, [this](const signalfd_siginfo& signal) { interrupted(signal); }) {
+    m_supervisor.setReplay(options.replay);
   }
 
   int run() {
@@ -111,13 +110,21 @@ class Device {
     }
   }
 
-  void announce() const {
+  void announce() {
     std::cout << "orvel-sim: serving in " << vesk_runtime_directory() << ":";
     const char* separator = " ";
     for (const auto& runner : m_supervisor.runners()) {
-      std::cout << std::exchange(separator, ", ") << runner->type().id << " (process " << runner->pid() << ")";
+      const pid_t pid = runner->pid();
+      std::cout << std::exchange(separator, ", ") << runner->type().id
+                << (pid == 0 ? " (dead)" : " (process " + std::to_string(pid) + ")");
     }
-    std::cout << std::endl;
+    std::cout << '\n';
+    try {
+      cli::flushOutput();
+    } catch (const std::runtime_error& failed) {
+      std::cerr << "orvel-sim: " << failed.what() << std::endl;
+      end(1);
+    }
   }
 
   void interrupted(const signalfd_siginfo& signal) {
@@ -167,12 +174,12 @@ class LoneHost : public Host, private Endpoint {
   const Json& scenario() const override { return m_scenario; }
   void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
   void record(Json entry) override {
-    m_entries.push_back(std::move(entry));
+    keep(std::move(entry));
     handInEntries();
   }
   // A round trip for each of thousands of deliveries would take seconds.
   void recordSoon(Json entry) override {
-    m_entries.push_back(std::move(entry));
+    keep(std::move(entry));
     if (m_entries.size() == kEntriesAtOnce) return handInEntries();
     if (m_soon) return;
     m_soon = std::make_unique<Timer>(vesk_service_event(runtime()), kSoon, [this] { handInEntries(); });
@@ -200,10 +207,21 @@ class LoneHost : public Host, private Endpoint {
     }
   }
 
+  void keep(Json entry) {
+    if (!m_recording) shortenEntry(entry);
+    m_entries.push_back(std::move(entry));
+  }
+
   void handInEntries() {
     m_soon.reset();
+    const std::string text =
+        std::exchange(m_entries, Json::array()).dump(-1, ' ', false, Json::error_handler_t::replace);
     try {
-      m_control.send({{"order", "record"}, {"entries", std::exchange(m_entries, Json::array())}});
+      for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end) {
+        end = pieceEnd(text, begin);
+        const bool last = end == text.size();
+        m_control.send({{"order", "record"}, {"piece", text.substr(begin, end - begin)}, {"last", last}});
+      }
     } catch (const NoDevice&) {
       // The device is ending; its answers may still arrive.
     }
@@ -213,12 +231,14 @@ class LoneHost : public Host, private Endpoint {
   void learn(const Json& news) {
     if (!m_scenario.is_null() && news.at("revision") <= m_revision) return;
     m_revision = news.at("revision");
+    m_recording = news.at("recording");
     const Json before = std::exchange(m_scenario, news.at("scenario"));
     if (m_service) m_service->changed(before);
   }
 
   Control m_control;
   std::uint64_t m_revision = 0;
+  bool m_recording = false;
   Json m_scenario;
   Json m_entries = Json::array();  // that the supervisor has not got yet
   std::unique_ptr<Timer> m_soon;   // set while they wait
@@ -230,19 +250,24 @@ class LoneHost : public Host, private Endpoint {
 int runDevice(const RunOptions& options) {
   blockSignals();
   // Declared before what must have ended when the directory goes.
-  const RemovedDirectory temporary(options.command.empty() ? fs::path() : makePrivateDirectory());
+  std::optional<PrivateDirectory> temporary;
+  if (!options.command.empty()) {
+    temporary.emplace();
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+  }
   const fs::path directory = vesk_runtime_directory();
   const bool found = fs::exists(directory);
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
   const RemovedDirectory made(found ? fs::path() : directory);
-  return Device(runtime, options).run();
+  const int status = Device(runtime, options).run();
+  // What the command has started may hold on to the streams of whoever waits for this process, and has no device any more.
+  if (temporary) endOrphans();
+  return status;
 }
 
 int serveAlone(const std::string& name, pid_t parent) {
-  // The process must not outlive the device, however that ends: not even when it ended before this line.
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) return 1;
+  if (getppid() != parent) return 1;  // it has ended already
   blockSignals();
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;

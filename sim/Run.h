@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,9 +11,12 @@
 
 namespace orvel::sim {
 
+class Replay;
+
 struct RunOptions {
   Json scenario;
   bool isolate = false;
+  std::shared_ptr<Replay> replay;  // that answers in place of the services, which are not isolated then; null: they do
   std::vector<std::string> command;  // empty: serve until interrupted
 };
 

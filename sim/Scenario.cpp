@@ -1,7 +1,9 @@
 #include "sim/Scenario.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
+#include <istream>
 #include <utility>
 
 #include "sim/Acts.h"
@@ -28,6 +30,8 @@ std::string nameOf(const Shape& shape) {
       return "a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
     case Shape::Kind::kTextOrNumber:
       return "a string or a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
+    case Shape::Kind::kFlagOrNumber:
+      return "true, false or a whole number from " + std::to_string(shape.least) + " to " + std::to_string(shape.most);
     case Shape::Kind::kObject:
     case Shape::Kind::kMap:
       return "an object";
@@ -55,6 +59,8 @@ bool accepts(const Shape& shape, const Json& value) {
       return isNumber(shape, value);
     case Shape::Kind::kTextOrNumber:
       return value.is_string() || isNumber(shape, value);
+    case Shape::Kind::kFlagOrNumber:
+      return value.is_boolean() || isNumber(shape, value);
     case Shape::Kind::kObject:
     case Shape::Kind::kMap:
       return value.is_object();
@@ -120,7 +126,7 @@ Json completeMap(const Shape& shape, const Json& value, const std::string& path)
   return whole;
 }
 
-// No reply but an error, one with an exception, cut short, late, or none at all.
+// No reply but an error, one with an exception, cut short, late, or none at all, with or without the connection.
 Shape faultShape() {
   return Shape::object({
       {"exception",
@@ -134,6 +140,7 @@ Shape faultShape() {
       {"truncateTo", Shape::number(0), std::nullopt, "send only the first bytes of the reply"},
       {"delayMs", Shape::number(0), std::nullopt, "answer late"},
       {"hang", Shape::flag(), std::nullopt, "never answer"},
+      {"drop", Shape::flagOrNumber(1), std::nullopt, "close the connection of the next so many callers, or of all"},
   });
 }
 
@@ -142,6 +149,15 @@ Shape faultsShape(const ServiceType& type) {
   std::vector<Field> methods = {{kEveryMethod, faultShape(), std::nullopt, "every other method"}};
   for (const Method& method : type.methods) methods.push_back({method.name, faultShape(), std::nullopt, {}});
   return Shape::object(std::move(methods));
+}
+
+// A service that dies and comes back: dead for the second half of every period.
+Shape flapShape() {
+  constexpr std::int64_t kLeastPeriodMs = 10;
+  return Shape::object({
+      {"periodMs", Shape::number(kLeastPeriodMs), 10'000, "from one death to the next"},
+      {"count", Shape::number(1), std::nullopt, "how many deaths are left; without it, there is no end"},
+  });
 }
 
 std::string wordOf(const Shape& shape) {
@@ -156,6 +172,8 @@ std::string wordOf(const Shape& shape) {
       return "NUMBER";
     case Shape::Kind::kTextOrNumber:
       return "TEXT|NUMBER";
+    case Shape::Kind::kFlagOrNumber:
+      return "true|false|NUMBER";
     case Shape::Kind::kMap:
       return "KEY " + wordOf(shape.element.front());
     case Shape::Kind::kObject:
@@ -200,6 +218,13 @@ Json& valueAt(Json& scenario, const Json::json_pointer& path) {
   return parent[path.back()];
 }
 
+void erase(Json& scenario, const Json::json_pointer& path) {
+  const Json::json_pointer parent = path.parent_pointer();
+  scenario[parent].erase(path.back());
+  // A method of which the last fault has ended has none.
+  if (scenario[parent].empty() && parent.parent_pointer().back() == kFaults) erase(scenario, parent);
+}
+
 Json completeScenario(const Json& scenario) {
   // It goes to the processes of services as one message, of two bytes a character.
   constexpr std::size_t kMost = 4'000'000;
@@ -242,6 +267,7 @@ Json complete(const Shape& shape, const Json& value, const std::string& path) {
     case Shape::Kind::kChoice:
     case Shape::Kind::kFlag:
     case Shape::Kind::kNumber:
+    case Shape::Kind::kFlagOrNumber:
       return value;
     case Shape::Kind::kObject:
       return completeObject(shape, value, path);
@@ -260,10 +286,12 @@ Json complete(const Shape& shape, const Json& value, const std::string& path) {
 
 const Shape& scenarioShape() {
   static const Shape shape = [] {
-    std::vector<Field> sections;
+    std::vector<Field> sections = {{kAbout, Shape::text(), std::nullopt, "what the scenario is for"}};
     for (const ServiceType* type : allServices()) {
       std::vector<Field> fields = type->fields;
       fields.push_back({kFaults, faultsShape(*type), Json::object(), "how calls of the service fail"});
+      fields.push_back({kAlive, Shape::flag(), true, "whether the service runs"});
+      fields.push_back({kFlap, flapShape(), std::nullopt, "how the service dies and comes back by itself"});
       sections.push_back({type->id, Shape::object(std::move(fields)), Json::object(), type->summary});
     }
     return Shape::object(std::move(sections));
@@ -275,18 +303,40 @@ Json defaultScenario() {
   return completeScenario(Json::object());
 }
 
+bool readUpTo(std::istream& stream, int end, std::string& text) {
+  constexpr std::size_t kMostMiB = 64;
+  text.clear();
+  std::streambuf& buffer = *stream.rdbuf();
+  int character = buffer.sbumpc();
+  const bool found = character != EOF;
+  for (; character != EOF && character != end; character = buffer.sbumpc()) {
+    if (text.size() == kMostMiB << 20) throw ScenarioError("longer than " + std::to_string(kMostMiB) + " MiB");
+    text += static_cast<char>(character);
+  }
+  return found;
+}
+
+Json readScenario(const std::string& text, const std::string& name) {
+  try {
+    return completeScenario(Json::parse(text));
+  } catch (const ScenarioError& error) {
+    throw ScenarioError(name + ": " + error.what());
+  } catch (const Json::exception& error) {  // a number beyond every double is no parse_error
+    throw ScenarioError(name + ": " + plainText(error));
+  }
+}
+
 Json readScenarioFile(const std::string& file) {
   std::ifstream stream(file);
   stream.peek();  // a directory opens but cannot be read
   if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+  std::string text;
   try {
-    return completeScenario(Json::parse(stream));
+    readUpTo(stream, EOF, text);
   } catch (const ScenarioError& error) {
     throw ScenarioError(file + ": " + error.what());
-  } catch (const Json::exception& error) {  // a number beyond every double is no parse_error
-    const std::string text = error.what();  // begins with the library's own "[json.exception...] "
-    throw ScenarioError(file + ": " + text.substr(text.find(']') + 2));
   }
+  return readScenario(text, file);
 }
 
 Json valueOf(const Shape& shape, const std::string& word, const std::string& path) {
@@ -298,7 +348,14 @@ Json valueOf(const Shape& shape, const std::string& word, const std::string& pat
   return value;
 }
 
-Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value) {
+namespace {
+
+struct Place {
+  Json::json_pointer path;
+  const Shape* shape = nullptr;
+};
+
+Place placeOf(const std::vector<std::string>& words) {
   const Shape* shape = &scenarioShape();
   Json::json_pointer path;
   if (findField(*shape, words.front()) == nullptr) {
@@ -320,10 +377,27 @@ Json changeOf(const std::vector<std::string>& words, const std::optional<std::st
       failAt((path / word).to_string(), "only an object has keys");
     }
   }
+  return {path, shape};
+}
 
-  Json change = {{"path", path.to_string()}};
-  if (value) change["value"] = valueOf(*shape, *value, path.to_string());
+}  // namespace
+
+Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value) {
+  const Place place = placeOf(words);
+  Json change = {{"path", place.path.to_string()}};
+  if (value) change["value"] = valueOf(*place.shape, *value, place.path.to_string());
   return change;
+}
+
+std::optional<Json> valueIn(const Json& scenario, const std::vector<std::string>& words) {
+  if (words.empty()) return scenario;
+  const Place place = placeOf(words);
+  if (!scenario.contains(place.path)) return std::nullopt;
+  return scenario.at(place.path);
+}
+
+std::string pathOf(const std::vector<std::string>& words) {
+  return placeOf(words).path.to_string();
 }
 
 Json changed(Json scenario, const Json& change) {
@@ -335,7 +409,7 @@ Json changed(Json scenario, const Json& change) {
     if (const auto value = change.find("value"); value != change.end()) {
       valueAt(scenario, path) = *value;
     } else if (scenario.contains(path)) {
-      scenario[path.parent_pointer()].erase(path.back());
+      erase(scenario, path);
     }
   }
   return completeScenario(scenario);
@@ -358,12 +432,14 @@ void forEachDifference(const Json& was, const Json& is, const TellDifference& te
 
 std::string describeScenario() {
   std::string text;
+  const auto describe = [&](const std::string& words, const Field& field) {
+    std::string line = "  " + words + " " + wordOf(field.shape);
+    line.resize(std::max<std::size_t>(line.size() + 2, 42), ' ');
+    text += line + field.help + "\n";
+  };
   for (const Field& section : scenarioShape().fields) {
-    for (const Field& field : section.shape.fields) {
-      std::string line = "  " + section.key + " " + field.key + " " + wordOf(field.shape);
-      line.resize(std::max<std::size_t>(line.size() + 2, 42), ' ');
-      text += line + field.help + "\n";
-    }
+    if (section.shape.kind != Shape::Kind::kObject) describe(section.key, section);
+    for (const Field& field : section.shape.fields) describe(section.key + " " + field.key, field);
   }
   return text;
 }

@@ -1,5 +1,6 @@
 // What the device knows and how it misbehaves, as one JSON object: the scenario. The same object is the scenario file,
-// what `orvel-sim state` prints and what the device's processes hand each other. Each service declares its own section.
+// what `orvel-sim state` prints and what the device's processes hand each other. Each service declares its own section;
+// beside those there is only the text "about", for what the scenario is meant.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +19,7 @@ struct Field;
 
 // Which JSON values a field accepts.
 struct Shape {
-  enum class Kind { kText, kChoice, kFlag, kNumber, kTextOrNumber, kObject, kMap, kList };
+  enum class Kind { kText, kChoice, kFlag, kNumber, kTextOrNumber, kFlagOrNumber, kObject, kMap, kList };
 
   static Shape text() { return {Kind::kText, {}, {}, 0, 0}; }
   static Shape choice(std::vector<std::string> words);  // one of these texts
@@ -28,6 +29,7 @@ struct Shape {
     return {Kind::kNumber, {}, {}, least, most};
   }
   static Shape textOrNumber() { return {Kind::kTextOrNumber, {}, {}, number().least, number().most}; }
+  static Shape flagOrNumber(std::int64_t least) { return {Kind::kFlagOrNumber, {}, {}, least, number().most}; }
   static Shape object(std::vector<Field> fields);       // exactly these keys
   static Shape map(Shape element, Shape key = text());  // any keys that are texts or, written in decimal, numbers
   static Shape list(Shape element, std::int64_t most);  // at most that many elements
@@ -35,8 +37,8 @@ struct Shape {
   Kind kind;
   std::vector<Field> fields;            // kObject
   std::vector<Shape> element;           // kMap, kList: one; kMap: a second for the keys
-  std::int64_t least;                   // kNumber, kTextOrNumber
-  std::int64_t most;                    // kNumber, kTextOrNumber, kList
+  std::int64_t least;                   // of numbers
+  std::int64_t most;                    // of numbers, and of the elements of a kList
   std::vector<std::string> words = {};  // kChoice
 };
 
@@ -66,7 +68,12 @@ const Shape& scenarioShape();
 // The scenario of a device that was told nothing else.
 Json defaultScenario();
 
-// Throws ScenarioError, which also names the file.
+// Reads up to the character `end`, or EOF for all of the file; false when nothing is left. Throws ScenarioError for more
+// than 64 MiB, which neither a scenario nor a line of a recording has: a file may have no end.
+bool readUpTo(std::istream& stream, int end, std::string& text);
+
+// A complete scenario out of the text of a file. Throws ScenarioError, which begins with `name`.
+Json readScenario(const std::string& text, const std::string& name);
 Json readScenarioFile(const std::string& file);
 
 // The value that a word stands for: as it is for a text, as JSON for everything else; what may be a text or a number is
@@ -79,6 +86,12 @@ Json valueOf(const Shape& shape, const std::string& word, const std::string& pat
 // changeOf makes the one that a person means. `words` lead to the value from the section or, where only one section has
 // it, from the field: "delegate name", "name", "settings volume" and also "setting volume". Throws ScenarioError.
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value);
+
+// The value that such words lead to; without words the whole scenario. Nothing where it is unset. Throws ScenarioError.
+std::optional<Json> valueIn(const Json& scenario, const std::vector<std::string>& words);
+
+// Where such words lead, as a JSON pointer.
+std::string pathOf(const std::vector<std::string>& words);
 
 // The complete scenario after the change; throws ScenarioError, or what the act throws.
 Json changed(Json scenario, const Json& change);

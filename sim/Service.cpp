@@ -7,13 +7,18 @@
 namespace orvel::sim {
 namespace {
 
+bool drops(const Json& fault) {
+  const auto drop = fault.find("drop");
+  return drop != fault.end() && *drop != false;
+}
+
+}  // namespace
+
 const Method* methodWith(const ServiceType& type, unsigned code) {
   const auto found =
       std::find_if(type.methods.begin(), type.methods.end(), [&](const Method& method) { return method.code == code; });
   return found == type.methods.end() ? nullptr : &*found;
 }
-
-}  // namespace
 
 const ServiceType& serviceCalled(const std::string& id) {
   std::string known;
@@ -25,12 +30,12 @@ const ServiceType& serviceCalled(const std::string& id) {
 }
 
 const Method& methodCalled(const ServiceType& type, const std::string& name) {
-  if (type.methods.empty()) throw ScenarioError(type.id + " has no methods");
   std::string known;
   for (const Method& method : type.methods) {
     if (method.name == name) return method;
     known += (known.empty() ? "" : ", ") + method.name;
   }
+  if (known.empty()) throw ScenarioError(type.id + " has no methods");
   throw ScenarioError("no method of " + type.id + " is called " + name + "; there are " + known);
 }
 
@@ -65,15 +70,18 @@ Json Service::event(const Json&) {
 
 int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
   Call call = decode(code, caller, request);
+  call.replayed = m_host.replayed(m_type, call);
   const Json fault = faultOf(call);
   const bool hangs = fault.value("hang", false);
   const std::chrono::milliseconds delay(fault.value("delayMs", std::int64_t{0}));
-  if (!hangs && delay.count() == 0) return answer(call, reply);
+  if (!hangs && !drops(fault) && delay.count() == 0) return answer(call, reply);
   vesk_deferred* owed = vesk_request_defer(caller);
   if (owed == nullptr) return -ENOMEM;
   const auto late = m_late.insert(m_late.end(), {std::move(call), owed, nullptr});
   if (hangs) {
     record(late->call, {{"hangs", true}});
+  } else if (delay.count() == 0) {
+    answerLate(late);
   } else {
     sd_event* event = vesk_service_event(m_host.runtime());
     late->timer = std::make_unique<Timer>(event, delay, [this, late] { answerLate(late); });
@@ -112,6 +120,7 @@ Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request)
 
 // A method's own faults go before those of every method.
 Json Service::faultOf(const Call& call) const {
+  if (!call.replayed.is_null()) return call.replayed;
   const Json& faults = section().at(kFaults);
   Json fault = faults.value(kEveryMethod, Json::object());
   if (call.method != nullptr) fault.update(faults.value(call.method->name, Json::object()));
@@ -119,10 +128,38 @@ Json Service::faultOf(const Call& call) const {
 }
 
 void Service::answerLate(std::list<Late>::iterator late) {
+  if (drops(faultOf(late->call))) {
+    hangUp(*late);
+    m_late.erase(late);
+    return;
+  }
   const PayloadPtr reply(vesk_payload_alloc());
   const int error = reply ? answer(late->call, reply.get()) : -ENOMEM;
   vesk_deferred_answer(late->answer, error, reply.get());
   m_late.erase(late);
+}
+
+// Nobody but the caller sees a death.
+void Service::hangUp(const Late& late) {
+  countDrop(late.call);
+  record(late.call, {{"drops", true}, {"durationMs", millisecondsSince(late.call.arrival)}});
+  vesk_deferred_hang_up(late.answer);
+}
+
+// What drops some calls only has one fewer left; where it is the method's own, that of every method stays as it is.
+void Service::countDrop(const Call& call) {
+  if (!call.replayed.is_null()) return;
+  const Json& faults = section().at(kFaults);
+  const auto hasDrop = [&](const std::string& method) {
+    return faults.contains(method) && faults.at(method).contains("drop");
+  };
+  const std::string method = call.method != nullptr && hasDrop(call.method->name) ? call.method->name : kEveryMethod;
+  const Json& drop = faults.at(method).at("drop");
+  if (!drop.is_number()) return;
+  const Json::json_pointer path = Json::json_pointer() / m_type.id / kFaults / method / "drop";
+  Json change = {{"path", path.to_string()}};
+  if (const auto left = drop.get<std::int64_t>() - 1; left > 0) change["value"] = left;
+  m_host.change(change);
 }
 
 int Service::answer(const Call& call, vesk_payload* reply) {
@@ -137,13 +174,15 @@ int Service::answer(const Call& call, vesk_payload* reply) {
     if (const auto told = fault.find("exception"); told != fault.end()) {
       throw RemoteException(told->at("code"), told->at("message"), told->at("trace"));
     }
-    const Json result = call.method->handle(*this, call);
+    const auto recorded = fault.find("reply");
+    const Json result = recorded == fault.end() ? call.method->handle(*this, call) : *recorded;
     vesk_write_i32(reply, 0);
     call.method->write(reply, result);
-    outcome["reply"] = shortened(result);
+    outcome["reply"] = result;
   } catch (const RemoteException& exception) {
     writeException(reply, exception);
-    outcome["exception"] = {{"code", exception.code}, {"message", shortened(exception.what())}};
+    outcome["exception"] = {{"code", exception.code}, {"message", exception.what()}};
+    if (!exception.trace.empty()) outcome["exception"]["trace"] = exception.trace;
   }
   std::size_t size = 0;
   vesk_payload_data(reply, &size);
@@ -159,6 +198,7 @@ int Service::answer(const Call& call, vesk_payload* reply) {
 void Service::record(const Call& call, const Json& outcome) {
   const Json name = call.method == nullptr ? Json() : Json(call.method->name);
   Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments);
+  for (const RemotePtr& endpoint : call.endpoints) entry["endpoints"].push_back(endpointNumber(endpoint));
   entry.update(outcome);
   m_host.record(std::move(entry));
 }

@@ -13,17 +13,24 @@
 #include "sim/Deliveries.h"
 #include "sim/Endpoint.h"
 #include "sim/Scenario.h"
+#include "sim/Timer.h"
 #include "sim/Traffic.h"
 #include "sim/Wire.h"
 
 namespace orvel::sim {
 
 class Service;
+struct Call;
 struct Method;
+struct ServiceType;
 
-// The key of a section's faults, and the name in it that stands for every method.
+// What every section has: its faults, in which one name stands for every method, and how the service lives.
 constexpr char kFaults[] = "faults";
 constexpr char kEveryMethod[] = "*";
+constexpr char kAlive[] = "alive";
+constexpr char kFlap[] = "flap";
+// What a scenario has beside its sections.
+constexpr char kAbout[] = "about";
 
 // What the process that a service runs in does for it. Run-loop thread.
 class Host {
@@ -41,6 +48,8 @@ class Host {
   // Adds an entry to the traffic: before it returns, so that a client that has its reply finds it there, or soon.
   virtual void record(Json entry) = 0;
   virtual void recordSoon(Json entry) = 0;
+  // How the call is to end, as faults say it and with the result as "reply"; null: as the service and its faults have it.
+  virtual Json replayed(const ServiceType&, const Call&) { return {}; }
 
  private:
   void* m_runtime;
@@ -56,6 +65,7 @@ struct Call {
   Json arguments = Json::object();
   std::vector<RemotePtr> endpoints;        // in the order of the arguments
   std::optional<RemoteException> refusal;  // what is wrong with the request
+  Json replayed;                           // by the host; null: nothing
 };
 
 struct Argument {
@@ -79,6 +89,7 @@ struct ServiceType {
   std::vector<Field> fields;  // of its section
   std::vector<Method> methods;
   std::unique_ptr<Service> (*make)(const ServiceType& type, Host& host);
+  std::vector<const CallbackMethod*> callbacks = {};  // of its clients
 };
 
 // Every service of the device.
@@ -86,6 +97,7 @@ const std::vector<const ServiceType*>& allServices();
 
 // Throws ScenarioError, which lists what there is.
 const ServiceType& serviceCalled(const std::string& id);
+const Method* methodWith(const ServiceType& type, unsigned code);  // null where there is none
 const Method& methodCalled(const ServiceType& type, const std::string& name);
 
 // "  33  getDeviceName()", one line a method.
@@ -124,6 +136,8 @@ class Service : public Endpoint {
   Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const;
   Json faultOf(const Call& call) const;
   void answerLate(std::list<Late>::iterator late);
+  void hangUp(const Late& late);
+  void countDrop(const Call& call);
   int answer(const Call& call, vesk_payload* reply);  // an error code where the call is to fail
   void record(const Call& call, const Json& outcome);
 

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iostream>
 #include <map>
 #include <utility>
+
+#include "sim/Acts.h"
 
 namespace orvel::sim {
 namespace {
@@ -55,12 +58,21 @@ Supervisor::Supervisor(void* runtime, Json scenario, bool isolate) : Host(runtim
 void Supervisor::start(Done done) {
   check(vesk_service_register(this->runtime(), kControlName, Endpoint::get()), kControlName);
   const Done gathered = gather(std::move(done));
-  for (const auto& runner : m_runners) runner->start(gathered);
+  for (const auto& runner : m_runners) {
+    if (isAlive(runner->type())) runner->start(gathered);
+  }
+  for (const auto& runner : m_runners) armFlap(runner->type());
+  if (m_replay) {
+    m_replay->start(*this, [this](const Json& directive) { tell("coordinator", directive, [](const Json&) {}); });
+  }
 }
 
 void Supervisor::stop() {
   m_listeners.clear();
+  m_recorders.stop();
+  if (m_replay) m_replay->stop();
   for (const auto& runner : m_runners) runner->stop();
+  m_flaps.clear();  // after the runners: what they do not do any more ends with an attempt to go on flapping
   deliveries().stop();
 }
 
@@ -68,18 +80,75 @@ void Supervisor::change(const Json& change) {
   become(changed(m_scenario, change), 0, [](const std::string&) {});  // of a service in this process, as all are then
 }
 
-// Tells every service but one in the process `changer`, which learns of it from the answer to its order.
-void Supervisor::become(Json scenario, pid_t changer, const Done& done) {
-  const Json before = std::exchange(m_scenario, std::move(scenario));
+// Tells every service but one in the process `changer`, which learns of it from the answer to its order. Gives the
+// scenario as it was.
+Json Supervisor::become(Json scenario, pid_t changer, const Done& done) {
+  Json before = std::exchange(m_scenario, std::move(scenario));
   ++m_revision;
   const Json now = news();
   for (const auto& runner : m_runners) {
     if (runner->pid() != changer) runner->update(before, now, done);
   }
+  for (const auto& runner : m_runners) {
+    const ServiceType& type = runner->type();
+    if (before.at(type.id).value(kFlap, Json()) != m_scenario.at(type.id).value(kFlap, Json())) armFlap(type);
+  }
+  return before;
+}
+
+bool Supervisor::isAlive(const ServiceType& type) const {
+  return m_scenario.at(type.id).at(kAlive);
+}
+
+void Supervisor::decree(const ServiceType& type, bool alive) {
+  Json scenario = m_scenario;
+  liveFromNowOn(scenario.at(type.id), alive);
+  become(std::move(scenario), 0, [](const std::string&) {});
+}
+
+// Starts and kills those that a change has made alive or dead.
+void Supervisor::live(const Json& before, const Done& done) {
+  for (const auto& each : m_runners) {
+    Runner& runner = *each;
+    const bool alive = isAlive(runner.type());
+    if (before.at(runner.type().id).at(kAlive) == alive) continue;
+    const auto start = [this, &runner, done](const std::string&) {
+      if (runner.pid() == 0 && isAlive(runner.type())) runner.start(done);
+    };
+    if (runner.pid() != 0) {
+      runner.kill(alive ? Done(start) : done);  // one that is to live is still being killed
+    } else if (alive) {
+      start({});
+    }
+  }
+}
+
+void Supervisor::armFlap(const ServiceType& type) {
+  m_flaps.erase(&type);
+  const auto interval = flapInterval(m_scenario.at(type.id));
+  if (!interval) return;
+  m_flaps[&type] = std::make_unique<Timer>(vesk_service_event(runtime()), *interval, [this, &type] { flap(type); });
+}
+
+void Supervisor::flap(const ServiceType& type) {
+  Json scenario = m_scenario;
+  flapOnce(scenario.at(type.id));
+  const Json before = become(std::move(scenario), 0, [](const std::string&) {});
+  m_flaps.erase(&type);  // until the service has died or come back, which may take longer than half a period
+  live(before, gather([this, &type](const std::string& error) {
+         if (!error.empty()) std::cerr << "orvel-sim: " << error << std::endl;
+         armFlap(type);
+       }));
+}
+
+Json Supervisor::replayed(const ServiceType& type, const Call& call) {
+  return m_replay ? m_replay->answerTo(type, call) : Json();
 }
 
 void Supervisor::record(Json entry) {
   entry["number"] = ++m_entries;
+  m_recorders.record(entry);
+  shortenEntry(entry);
   m_traffic.push_back(std::move(entry));
   if (m_traffic.size() > kEntriesKept) m_traffic.pop_front();
   const auto listeners = std::exchange(m_listeners, {});
@@ -106,11 +175,18 @@ int Supervisor::onCall(unsigned, vesk_identity* caller, vesk_buffer* request, ve
 
 void Supervisor::obey(const Order& order) {
   static const std::map<std::string, void (Supervisor::*)(const Order&)> orders = {
-      {"services", &Supervisor::listServices},  {"scenario", &Supervisor::showScenario},
-      {"change", &Supervisor::takeChange},      {"kill", &Supervisor::killService},
-      {"restart", &Supervisor::restartService}, {"traffic", &Supervisor::showTraffic},
-      {"attach", &Supervisor::attachService},   {"ready", &Supervisor::serviceReady},
-      {"record", &Supervisor::takeEntries},     {"event", &Supervisor::passEvent},
+      {"services", &Supervisor::listServices},
+      {"scenario", &Supervisor::showScenario},
+      {"change", &Supervisor::takeChange},
+      {"kill", &Supervisor::killService},
+      {"restart", &Supervisor::restartService},
+      {"traffic", &Supervisor::showTraffic},
+      {"attach", &Supervisor::attachService},
+      {"ready", &Supervisor::serviceReady},
+      {"record", &Supervisor::takeEntries},
+      {"event", &Supervisor::passEvent},
+      {"startRecording", &Supervisor::startRecording},
+      {"fetchRecorded", &Supervisor::fetchRecorded},
   };
   const auto found = orders.find(order.text.at("order"));
   if (found == orders.end()) throw std::runtime_error("no such order: " + order.text.dump());
@@ -135,7 +211,8 @@ void Supervisor::takeChange(const Order& order) {
   const Done done = gather([answer = order.answer](const std::string& error) {
     answer(error.empty() ? Json::object() : failure(error));  // unless it was given before
   });
-  become(std::move(scenario), order.caller, done);
+  const Json before = become(std::move(scenario), order.caller, done);
+  live(before, done);
   // A service does not wait for the others: two that change something at once would wait for each other.
   const auto isCaller = [&](const auto& runner) { return runner->pid() == order.caller; };
   if (std::any_of(m_runners.begin(), m_runners.end(), isCaller)) order.answer(news());
@@ -143,12 +220,16 @@ void Supervisor::takeChange(const Order& order) {
 
 void Supervisor::killService(const Order& order) {
   Runner& runner = runnerOf(order);
-  if (runner.pid() == 0) throw std::runtime_error(runner.type().id + " is dead already");
+  const bool flaps = m_scenario.at(runner.type().id).contains(kFlap);
+  if (runner.pid() == 0 && !flaps) throw std::runtime_error(runner.type().id + " is dead already");
+  decree(runner.type(), false);
+  if (runner.pid() == 0) return order.answer(Json::object());
   runner.kill([answer = order.answer](const std::string&) { answer(Json::object()); });
 }
 
 void Supervisor::restartService(const Order& order) {
   Runner& runner = runnerOf(order);
+  decree(runner.type(), true);
   const auto start = [&runner, answer = order.answer](const std::string&) {
     if (runner.pid() != 0) return answer(failure(runner.type().id + " was started meanwhile"));
     runner.start([answer](const std::string& error) { answer(error.empty() ? Json::object() : failure(error)); });
@@ -161,9 +242,13 @@ void Supervisor::restartService(const Order& order) {
 }
 
 void Supervisor::passEvent(const Order& order) {
-  Runner& runner = runnerOf(order);
-  if (runner.pid() == 0) throw std::runtime_error(runner.type().id + " is dead");
-  runner.event(order.text.at("event"), order.answer);
+  tell(order.text.at("service"), order.text.at("event"), order.answer);
+}
+
+void Supervisor::tell(const std::string& service, const Json& event, const Answer& answer) {
+  Runner& runner = runnerOf(service);
+  if (runner.pid() == 0) throw std::runtime_error(service + " is dead");
+  runner.event(event, answer);
 }
 
 void Supervisor::showTraffic(const Order& order) {
@@ -190,12 +275,39 @@ void Supervisor::serviceReady(const Order& order) {
 }
 
 void Supervisor::takeEntries(const Order& order) {
-  for (const Json& entry : order.text.at("entries")) record(entry);
+  std::string& text = m_pieces[order.caller];
+  text += order.text.at("piece").get_ref<const std::string&>();
+  if (order.text.at("last")) {
+    const Json entries = parseMessage(text);
+    m_pieces.erase(order.caller);
+    for (const Json& entry : entries) record(entry);
+  }
   order.answer(Json::object());
 }
 
+void Supervisor::startRecording(const Order& order) {
+  const bool first = m_recorders.empty();
+  m_recorders.add(RequestReader(order.request).endpoint());
+  const std::uint64_t after = m_entries - std::min(m_entries, order.text.at("last").get<std::uint64_t>());
+  for (const Json& entry : m_traffic) {
+    if (entry.at("number") > after) m_recorders.recordFor(order.caller, entry);
+  }
+  const Done done = gather([answer = order.answer, after](const std::string& error) {
+    answer(error.empty() ? Json{{"after", after}} : failure(error));
+  });
+  if (first) become(m_scenario, 0, done);
+}
+
+void Supervisor::fetchRecorded(const Order& order) {
+  m_recorders.fetch(order.caller, order.text.at("wait"), order.answer);
+}
+
 Runner& Supervisor::runnerOf(const Order& order) {
-  const ServiceType& type = serviceCalled(order.text.at("service"));
+  return runnerOf(order.text.at("service").get_ref<const std::string&>());
+}
+
+Runner& Supervisor::runnerOf(const std::string& service) {
+  const ServiceType& type = serviceCalled(service);
   const auto runs = [&](const auto& runner) { return &runner->type() == &type; };
   return **std::find_if(m_runners.begin(), m_runners.end(), runs);
 }
@@ -220,7 +332,7 @@ Json Supervisor::trafficAfter(const Order& order) const {
 }
 
 Json Supervisor::news() const {
-  return {{"revision", m_revision}, {"scenario", m_scenario}};
+  return {{"revision", m_revision}, {"scenario", m_scenario}, {"recording", !m_recorders.empty()}};
 }
 
 }  // namespace orvel::sim

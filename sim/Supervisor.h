@@ -4,11 +4,14 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "sim/Recorders.h"
+#include "sim/Replay.h"
 #include "sim/Runner.h"
 #include "sim/Service.h"
 
@@ -23,6 +26,9 @@ class Supervisor : public Host, private Endpoint {
   // `isolate` gives each service a process of its own.
   Supervisor(void* runtime, Json scenario, bool isolate);
 
+  // Requests are answered from the recording; before start. Null: by the services.
+  void setReplay(std::shared_ptr<Replay> replay) { m_replay = std::move(replay); }
+
   // Takes the control name, then starts every service; `done` when clients can find them all. Throws std::system_error,
   // EADDRINUSE when another device lives in the runtime directory.
   void start(Done done);
@@ -36,6 +42,7 @@ class Supervisor : public Host, private Endpoint {
   void change(const Json& change) override;
   void record(Json entry) override;
   void recordSoon(Json entry) override { record(std::move(entry)); }
+  Json replayed(const ServiceType& type, const Call& call) override;
 
  private:
   // What a client of the control name wants.
@@ -61,14 +68,23 @@ class Supervisor : public Host, private Endpoint {
   void restartService(const Order& order);
   void passEvent(const Order& order);
   void showTraffic(const Order& order);
+  void startRecording(const Order& order);
+  void fetchRecorded(const Order& order);
 
   // What the processes of the services say.
   void attachService(const Order& order);
   void serviceReady(const Order& order);
   void takeEntries(const Order& order);
 
-  void become(Json scenario, pid_t changer, const Done& done);
+  Json become(Json scenario, pid_t changer, const Done& done);
+  bool isAlive(const ServiceType& type) const;
+  void decree(const ServiceType& type, bool alive);
+  void live(const Json& before, const Done& done);
+  void armFlap(const ServiceType& type);
+  void flap(const ServiceType& type);
+  void tell(const std::string& service, const Json& event, const Answer& answer);
   Runner& runnerOf(const Order& order);
+  Runner& runnerOf(const std::string& service);
   ChildRunner& childWith(pid_t pid);
   Json trafficAfter(const Order& order) const;
   Json news() const;
@@ -78,6 +94,11 @@ class Supervisor : public Host, private Endpoint {
   std::deque<Json> m_traffic;    // the newest entries, numbered without gaps
   std::uint64_t m_entries = 0;
   std::list<Listener> m_listeners;
+  // Entries stay whole while somebody records; the services have to know.
+  Recorders m_recorders{runtime(), [this] { become(m_scenario, 0, [](const std::string&) {}); }};
+  std::shared_ptr<Replay> m_replay;
+  std::map<pid_t, std::string> m_pieces;                         // of entries that a service is handing in
+  std::map<const ServiceType*, std::unique_ptr<Timer>> m_flaps;  // until the next death or return of those that flap
   std::vector<std::unique_ptr<Runner>> m_runners;
 };
 

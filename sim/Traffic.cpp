@@ -7,6 +7,7 @@
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+#include <utility>
 
 namespace orvel::sim {
 
@@ -15,12 +16,13 @@ Json trafficEntry(const std::string& service, const char* kind, const Json& name
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return {
       {"timeMs", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()},
+      {"timeUs", std::chrono::duration_cast<std::chrono::microseconds>(now).count()},
       {"service", service},
       {kind, name},
       {"code", code},
       {"pid", client},
       {"servicePid", getpid()},
-      {"arguments", shortened(arguments)},
+      {"arguments", arguments},
   };
 }
 
@@ -31,6 +33,36 @@ Json shortened(const Json& value) {
   const std::size_t whole = text.size();
   text.resize(kLongest);
   return text + "... (" + std::to_string(whole) + " bytes)";
+}
+
+void shortenEntry(Json& entry) {
+  if (entry.contains("shortened")) return;
+  Json shorter = Json::array();
+  for (const char* path : {"/arguments", "/reply", "/exception/message", "/exception/trace"}) {
+    const Json::json_pointer pointer(path);
+    if (!entry.contains(pointer)) continue;
+    Json& value = entry[pointer];
+    Json text = shortened(value);
+    if (text == value) continue;
+    value = std::move(text);
+    shorter.push_back(path + 1);
+  }
+  if (!shorter.empty()) entry["shortened"] = std::move(shorter);
+}
+
+std::size_t pieceEnd(const std::string& text, std::size_t begin) {
+  constexpr std::size_t kLongest = 512 << 10;
+  if (text.size() - begin <= kLongest) return text.size();
+  std::size_t end = begin + kLongest;
+  while ((static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) --end;  // not inside a character
+  return end;
+}
+
+std::string describeArguments(const Json& arguments) {
+  if (!arguments.is_object()) return "(" + arguments.get<std::string>() + ")";  // of what was too long to be kept
+  std::string text;
+  for (const auto& [name, value] : arguments.items()) text += (text.empty() ? "" : ", ") + name + ": " + value.dump();
+  return "(" + text + ")";
 }
 
 double millisecondsSince(Clock::time_point start) {
@@ -56,18 +88,7 @@ std::string describeEntry(const Json& entry) {
     const Json& method = entry.at("method");
     line << '.' << (method.is_null() ? "transaction " + entry.at("code").dump() : method.get<std::string>());
   }
-  const Json& arguments = entry.at("arguments");
-  const char* separator = "";
-  line << '(';
-  if (arguments.is_object()) {
-    for (const auto& [name, value] : arguments.items()) {
-      line << separator << name << ": " << value.dump();
-      separator = ", ";
-    }
-  } else {
-    line << arguments.get_ref<const std::string&>();  // a part of what was too long to be kept
-  }
-  line << ')';
+  line << describeArguments(entry.at("arguments"));
   if (entry.contains("reply")) line << " = " << entry.at("reply").dump();
   if (entry.contains("exception")) {
     const Json& exception = entry.at("exception");
@@ -79,6 +100,7 @@ std::string describeEntry(const Json& entry) {
   }
   if (entry.contains("truncatedTo")) line << " cut to " << entry.at("truncatedTo").dump() << " bytes";
   if (entry.contains("hangs")) line << " hangs";
+  if (entry.contains("drops")) line << " drops the connection";
   if (entry.contains("durationMs")) line << "  " << entry.at("durationMs").dump() << " ms";
   line << ", process " << entry.at("pid").dump();
   return line.str();

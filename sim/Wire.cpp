@@ -1,7 +1,10 @@
 #include "sim/Wire.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 namespace orvel::sim {
@@ -67,6 +70,42 @@ class MessageBuilder : public nlohmann::json_sax<Json> {
   std::string m_key;
 };
 
+// The endpoints of other processes that are kept here.
+struct KeptRemote {
+  std::uint64_t number;
+  std::size_t times;
+};
+using KeptRemotes = std::unordered_map<vesk_remote*, KeptRemote>;
+KeptRemotes& keptRemotes() {
+  static KeptRemotes kept;
+  return kept;
+}
+
+void letGo(vesk_remote* remote) {
+  const auto kept = keptRemotes().find(remote);
+  if (--kept->second.times == 0) keptRemotes().erase(kept);
+  vesk_remote_release(remote);
+}
+
+RemotePtr keep(vesk_remote* remote) {
+  static std::uint64_t s_last = 0;
+  if (remote == nullptr) return nullptr;
+  const auto [kept, isNew] = keptRemotes().try_emplace(remote, KeptRemote{s_last + 1, 0});
+  if (isNew) ++s_last;
+  ++kept->second.times;
+  return {remote, letGo};
+}
+
+// What no writer may take for a number: other kinds, and what the number's type does not hold.
+template <typename Number>
+Number wholeNumber(const Json& value) {
+  const bool fits = value.is_number_unsigned()
+                        ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<Number>::max())
+                        : value.is_number_integer() && value.get<std::int64_t>() >= std::numeric_limits<Number>::min();
+  if (!fits) throw std::out_of_range("expected a whole number of " + std::to_string(8 * sizeof(Number)) + " bits");
+  return value.get<Number>();
+}
+
 bool isHighSurrogate(char32_t unit) {
   return unit >= 0xD800 && unit < 0xDC00;
 }
@@ -94,6 +133,21 @@ void appendUtf8(std::string& text, char32_t point) {
 }
 
 }  // namespace
+
+std::string plainText(const std::exception& error) {
+  const std::string text = error.what();
+  const std::size_t bracket = text[0] == '[' ? text.find("] ") : std::string::npos;
+  return bracket == std::string::npos ? text : text.substr(bracket + 2);
+}
+
+std::uint64_t endpointNumber(const RemotePtr& remote) {
+  return keptRemotes().at(remote.get()).number;
+}
+
+bool isKept(std::uint64_t endpoint) {
+  const KeptRemotes& kept = keptRemotes();
+  return std::any_of(kept.begin(), kept.end(), [&](const auto& remote) { return remote.second.number == endpoint; });
+}
 
 std::string toUtf8(const std::uint16_t* units, std::size_t count) {
   std::string text;
@@ -151,7 +205,7 @@ Json RequestReader::texts() {
 }
 
 RemotePtr RequestReader::endpoint() {
-  RemotePtr remote(vesk_read_endpoint(m_buffer), vesk_remote_release);
+  RemotePtr remote = keep(vesk_read_endpoint(m_buffer));
   check();
   m_endpoints.push_back(remote);
   return remote;
@@ -236,14 +290,16 @@ void writeFlag(vesk_payload* payload, const Json& value) {
   vesk_write_i32(payload, value.get<bool>() ? 1 : 0);
 }
 void writeInt32(vesk_payload* payload, const Json& value) {
-  vesk_write_i32(payload, value.get<std::int32_t>());
+  vesk_write_i32(payload, wholeNumber<std::int32_t>(value));
 }
 void writeInt64(vesk_payload* payload, const Json& value) {
-  vesk_write_i64(payload, value.get<std::int64_t>());
+  vesk_write_i64(payload, wholeNumber<std::int64_t>(value));
 }
 void writeText(vesk_payload* payload, const Json& value) {
   if (value.is_null()) {
     vesk_write_i32(payload, -1);
+  } else if (!value.is_string()) {
+    throw std::invalid_argument("expected a string, not " + value.dump());
   } else {
     vesk_write_utf16_cstring(payload, value.get_ref<const std::string&>().c_str());
   }
@@ -296,8 +352,12 @@ Json readMessage(vesk_buffer* buffer) {
   unsigned int length = 0;
   const std::uint16_t* units = vesk_read_utf16_string(buffer, &length);
   if (units == nullptr) throw std::runtime_error("a message without text");
+  return parseMessage(toUtf8(units, length));
+}
+
+Json parseMessage(const std::string& text) {
   MessageBuilder builder;
-  Json::sax_parse(toUtf8(units, length), &builder);
+  Json::sax_parse(text, &builder);
   return builder.take();
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -21,6 +22,9 @@ namespace orvel::sim {
 // Keeps the order in which a service declares its fields.
 using Json = nlohmann::ordered_json;
 
+// What an exception says, without the "[json.exception...] " that the JSON library begins with.
+std::string plainText(const std::exception& error);
+
 struct PayloadFree {
   void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
 };
@@ -30,6 +34,12 @@ struct BufferFree {
 using PayloadPtr = std::unique_ptr<vesk_payload, PayloadFree>;
 using BufferPtr = std::unique_ptr<vesk_buffer, BufferFree>;
 using RemotePtr = std::shared_ptr<vesk_remote>;  // drop the last one on the run-loop thread
+
+// The number of an endpoint that a request brought; in this process no other one ever has it. Run-loop thread.
+std::uint64_t endpointNumber(const RemotePtr& remote);
+
+// Whether the endpoint with that number is still kept here.
+bool isKept(std::uint64_t endpoint);
 
 // The exception codes that the device's services use.
 constexpr int kSecurityException = -1;
@@ -95,7 +105,8 @@ Json readPresentText(RequestReader& reader);  // refuses a null string
 Json readTexts(RequestReader& reader);
 Json readEndpoint(RequestReader& reader);
 
-// Writers of the method tables, for results and for what clients are told.
+// Writers of the method tables, for results and for what clients are told. They throw for a value of another kind, which
+// only a file can hold.
 void writeNothing(vesk_payload* payload, const Json& value);
 void writeFlag(vesk_payload* payload, const Json& value);  // 1 or 0
 void writeInt32(vesk_payload* payload, const Json& value);
@@ -118,8 +129,9 @@ void writeHeader(vesk_payload* payload, const std::string& descriptor);
 
 void writeException(vesk_payload* reply, const RemoteException& exception);
 
-// Messages between the processes of the simulated device: one JSON text. readMessage throws std::runtime_error.
+// Messages between the processes of the simulated device: one JSON text. Reading throws std::runtime_error.
 void writeMessage(vesk_payload* payload, const Json& message);
 Json readMessage(vesk_buffer* buffer);
+Json parseMessage(const std::string& text);
 
 }  // namespace orvel::sim

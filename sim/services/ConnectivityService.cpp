@@ -6,6 +6,8 @@ namespace orvel::sim {
 namespace {
 
 constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.INetworkCallback";
+const CallbackMethod kAvailable = {1, "networkAvailable", kCallbackDescriptor, /*answered=*/false, writeNothing};
+const CallbackMethod kLost = {6, "networkLost", kCallbackDescriptor, /*answered=*/false, writeNothing};
 
 class ConnectivityService : public Service {
  public:
@@ -23,11 +25,9 @@ class ConnectivityService : public Service {
 
  private:
   void changed(const Json& before) override {
-    static const CallbackMethod available = {1, "networkAvailable", kCallbackDescriptor, false, writeNothing};
-    static const CallbackMethod lost = {6, "networkLost", kCallbackDescriptor, false, writeNothing};
     const bool connected = section().at("networkConnected");
     if (before.at(type().id).at("networkConnected") == connected) return;
-    m_callbacks.notify(connected ? available : lost, Json::object(), [](const Call&) { return true; });
+    m_callbacks.notify(connected ? kAvailable : kLost, Json::object(), [](const Call&) { return true; });
   }
 
   Receivers m_callbacks{type(), host()};
@@ -58,6 +58,7 @@ const ServiceType& connectivityService() {
            writeNothing},
       },
       makeService<Self>,
+      {&kAvailable, &kLost},
   };
   return type;
 }

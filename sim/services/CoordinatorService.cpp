@@ -15,7 +15,13 @@ namespace {
 
 // A client takes no more from one process than 128, for all that it offers.
 constexpr std::size_t kMostConnections = 100;
-constexpr unsigned kCode = 1;  // clients look at no code here
+
+// Nothing goes before the texts: no header, no descriptor. Clients look at no code here.
+void writeDirective(vesk_payload* payload, const Json& directive) {
+  if (!directive.at("namespace").is_string()) throw std::invalid_argument("a directive without a namespace");
+  for (const Json& text : directive.at("texts")) writeText(payload, text);
+}
+const CallbackMethod kDirective = {1, "directive", "", /*answered=*/false, writeDirective};
 
 // A connection to whoever held a namespace when it was made.
 class Connection {
@@ -38,7 +44,7 @@ class Connection {
     return std::memcmp(m_handle.words, handle.words, sizeof(handle.words)) == 0;
   }
   pid_t pid() const { return vesk_handle_pid(m_runtime, &m_handle); }
-  int call(vesk_payload* request) { return vesk_call_oneway(m_runtime, &m_handle, kCode, request); }
+  int call(vesk_payload* request) { return vesk_call_oneway(m_runtime, &m_handle, kDirective.code, request); }
 
  private:
   void* m_runtime;
@@ -58,8 +64,7 @@ class CoordinatorService : public Service {
     if (nspace.empty()) throw std::runtime_error("the namespace is empty");
     const PayloadPtr request(vesk_payload_alloc());
     if (!request) throw std::bad_alloc();
-    // Nothing goes before the texts: no header, no descriptor.
-    for (const Json& text : directive.at("texts")) writeText(request.get(), text);
+    kDirective.write(request.get(), directive);
 
     const bool kept = use(nspace);
     int error = m_connections.front().call(request.get());
@@ -70,7 +75,7 @@ class CoordinatorService : public Service {
       error = m_connections.front().call(request.get());
     }
     const pid_t pid = m_connections.front().pid();
-    Json entry = trafficEntry(type().id, "notification", "directive", kCode, pid, directive);
+    Json entry = trafficEntry(type().id, "notification", kDirective.name, kDirective.code, pid, directive);
     if (error != 0) entry["error"] = error;
     host().recordSoon(std::move(entry));
     if (error != 0) {
@@ -126,6 +131,7 @@ const ServiceType& coordinatorService() {
       {},
       {},
       makeService<CoordinatorService>,
+      {&kDirective},
   };
   return type;
 }

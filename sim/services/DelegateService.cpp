@@ -59,12 +59,6 @@ const Json& expectIntent(const Call& call) {
   return intent;
 }
 
-// Empty when the device is not registered, which has two spellings.
-std::string accountOf(const Json& section) {
-  const std::string id = section.at("customerId");
-  return id == "<unknown>" ? "" : id;
-}
-
 class DelegateService : public Service {
  public:
   using Service::Service;
@@ -181,7 +175,7 @@ class DelegateService : public Service {
       broadcast("com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed",
                 {{"key", "com.quarlo.hux.sso.property.devicename"}, {"type", "string"}, {"value", is.at("name")}});
     }
-    if (const std::string account = accountOf(is); account != accountOf(was)) {
+    if (const std::string account = accountOf(is.at("customerId")); account != accountOf(was.at("customerId"))) {
       broadcast(std::string("com.quarlo.hux.sso.action.account.") + (account.empty() ? "removed" : "added"));
     }
     if (const Json& connected = is.at("maroConnected"); connected != was.at("maroConnected")) {
@@ -253,6 +247,10 @@ class DelegateService : public Service {
 };
 
 }  // namespace
+
+std::string accountOf(const Json& customerId) {
+  return customerId == "<unknown>" ? "" : customerId;
+}
 
 const ServiceType& delegateService() {
   using Self = DelegateService;
@@ -340,6 +338,7 @@ const ServiceType& delegateService() {
            writeIntent},
       },
       makeService<Self>,
+      {&kSettingChanged, &kBroadcast},
   };
   return type;
 }

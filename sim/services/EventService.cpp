@@ -24,17 +24,12 @@ Json readMetadata(RequestReader& reader) {
 
 void writeResult(vesk_payload* payload, const Json& result) {
   vesk_write_i32(payload, 1);
-  writeInt32(payload, result.at("code"));
-}
-
-// Ends where the code belongs.
-void writeCutResult(vesk_payload* payload, const Json&) {
-  vesk_write_i32(payload, 1);
+  // A malformed one ends where the code belongs.
+  if (const auto code = result.find("code"); code != result.end()) writeInt32(payload, *code);
 }
 
 constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventStatusCallback";
 const CallbackMethod kResult = {1, "eventResult", kCallbackDescriptor, /*answered=*/false, writeResult};
-const CallbackMethod kCutResult = {1, "eventResult", kCallbackDescriptor, /*answered=*/false, writeCutResult};
 
 class EventService : public Service {
  public:
@@ -47,7 +42,7 @@ class EventService : public Service {
     const std::string mode = accepted ? section().at("resultMode") : "never";
     const bool cut = mode == "malformed";
     const Json result = cut ? Json::object() : Json{{"code", section().at("result")}};
-    const auto told = std::make_shared<const Notification>(type().id, cut ? kCutResult : kResult, result);
+    const auto told = std::make_shared<const Notification>(type().id, kResult, result);
     const std::vector<RemotePtr> receivers(mode == "twice" ? 2 : 1, call.endpoints.front());
     if (mode == "before") {
       host().deliveries().send(told, receivers);
@@ -101,6 +96,7 @@ const ServiceType& eventService() {
            writeInt32},
       },
       makeService<Self>,
+      {&kResult},
   };
   return type;
 }

@@ -5,6 +5,9 @@
 
 namespace orvel::sim {
 
+// Empty when the device is not registered, which has two spellings.
+std::string accountOf(const Json& customerId);
+
 const ServiceType& delegateService();
 const ServiceType& powerManagerService();
 const ServiceType& connectivityService();
