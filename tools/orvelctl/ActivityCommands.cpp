@@ -95,7 +95,7 @@ void addIntentOptions(CLI::App* subcommand, IntentOptions& options) {
   add("-n,--component", options.component, "COMPONENT", "the component that it is for");
   add("-p,--package", options.plain.package, "PACKAGE", "the package that it is limited to");
   add("-f,--flags", options.flags, "NUMBER", "the platform's flags of intents, such as 0x10000000")
-      ->check(CLI::Range(std::int64_t{INT32_MIN}, std::int64_t{UINT32_MAX}));
+      ->check(CLI::Range(std::int64_t{INT32_MIN}, std::int64_t{UINT32_MAX}).description(""));
   add("-e,--es", options.texts, "KEY TEXT", "an extra, a string; may be repeated, as the others")
       ->allow_extra_args(false);
   add("--ei", options.numbers, "KEY NUMBER", "an extra, a 32-bit integer")->allow_extra_args(false);

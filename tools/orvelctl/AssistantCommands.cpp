@@ -120,10 +120,10 @@ void sendEvent(Session& session, const EventOptions& event) {
   const unsigned losses_before = lossesOf(kEvents);
   const auto accepted = session.ask(what, kEvents, false, send);
   if (!accepted) return;
-  if (*accepted == false) return session.fail(what + ": refused");
+  if (*accepted == false) return session.fail(what, "refused", kEvents);
   const auto result = await(session, *outcome, losses_before);
   if (!result) {
-    if (session.status() == kSuccess) session.fail(what + ": the service died before the result", kNotBound);
+    if (session.status() == kSuccess) session.fail(what, "the service died before the result", kEvents, kNotBound);
     return;
   }
   const bool success = result->name.rfind("SUCCESS", 0) == 0;
@@ -131,7 +131,7 @@ void sendEvent(Session& session, const EventOptions& event) {
   session.print(
       {{"namespace", event.nspace}, {"name", event.name}, {"result", result->name}, {"retryable", result->retryable}},
       result->name + (success ? "" : advice));
-  if (!success) session.keep(kFailed);
+  if (!success) session.fail(what, "the result is " + result->name, kEvents);
 }
 
 // The content of a file, of standard input for "-"; throws CLI::ValidationError.

@@ -9,6 +9,7 @@ constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kActivities[] = "com.quarlo.orvel.activitymanager";
 constexpr char kPackages[] = "com.quarlo.orvel.packagemanager";
 constexpr char kEvents[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
+constexpr char kCoordinator[] = "orvel-service-coordinator-public";
 constexpr char kMetrics[] = "com.quarlo.client.metrics.tarsel";
 constexpr char kNoService[] = "";
 

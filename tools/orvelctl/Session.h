@@ -8,8 +8,11 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
+#include <vector>
 
 #include "orvel/OrvelDelegateClient.h"
+#include "tools/cli/Failure.h"
 
 namespace orvelctl {
 
@@ -17,13 +20,20 @@ using Json = nlohmann::ordered_json;
 using Seconds = std::chrono::duration<double>;
 using Client = orvel::service_apis::OrvelDelegateClient;
 
-enum ExitStatus : int { kSuccess = 0, kFailed = 1, kUsage = 2, kNoDevice = 3, kTimedOut = 4, kNotBound = 5 };
+using orvel::cli::ExitStatus;
+using orvel::cli::Failure;
+using orvel::cli::kFailed;
+using orvel::cli::kNoDevice;
+using orvel::cli::kNotBound;
+using orvel::cli::kSuccess;
+using orvel::cli::kTimedOut;
+using orvel::cli::kUsage;
+
+// By which its messages begin.
+constexpr char kProgram[] = "orvelctl";
 
 // In one line; bytes that are not UTF-8 are replaced.
 std::string asText(const Json& json);
-
-// Flushes standard output; false, and a line on standard error, when something could not be written.
-bool outputWritten();
 
 // Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that whatever call is in
 // progress ends. Made before any other thread, so that all of them leave the signals to its own. A second signal ends
@@ -38,12 +48,16 @@ class Interrupter {
   // The exit status that the interruption gives; 0 while there was none.
   int status() const { return m_status; }
 
+  // The interruption as a failure; there must have been one.
+  Failure failure() const;
+
   // Readable from an interruption on.
   int descriptor() const { return m_interrupted; }
 
  private:
-  void wait(std::optional<Seconds> limit);
+  void wait();
 
+  const std::optional<Seconds> m_limit;
   const int m_interrupted;
   std::atomic<int> m_status{0};
   std::atomic<bool> m_over{false};
@@ -62,8 +76,12 @@ class Session {
   bool open();
 
   // Makes one call. It failed when the library logged an error meanwhile, or when it gave `nothing`, which is what a
-  // failed call gives, and `service` is not bound. Standard error then says that `what` failed, the exit status is
-  // kept, and there is no result. `service` is empty for what needs none.
+  // failed call gives, and `service` is not bound; the failure says that `what` failed. `service` is empty for what
+  // needs none.
+  std::variant<Json, Failure> call(const std::string& what, const std::string& service, const Json& nothing,
+                                   const std::function<Json(Client&)>& call);
+
+  // The same, with the failure said and kept. No result after an interruption.
   std::optional<Json> ask(const std::string& what, const std::string& service, const Json& nothing,
                           const std::function<Json(Client&)>& call);
 
@@ -76,17 +94,26 @@ class Session {
 
   bool json() const { return m_json; }
 
-  // Keeps the exit status of a failure, the first one if there are several.
-  void keep(ExitStatus status);
+  // Keeps a failure for the end, where the first gives the exit status.
+  void keep(Failure failure) { m_failures.push_back(std::move(failure)); }
 
   // The same, and says what failed.
-  void fail(const std::string& message, ExitStatus status = kFailed);
+  void fail(Failure failure);
+  void fail(const std::string& what, const std::string& problem, const std::string& service = {},
+            ExitStatus status = kFailed);
 
   // Writes one result, as the object or as the text, and makes sure that it got there.
   void print(const Json& object, const std::string& text);
 
-  // The exit status of it all.
+  // Writes as much of it as a pipe that takes something takes without blocking, and takes that off. False, with a
+  // message, on failure.
+  bool writeSome(std::string& text);
+
+  // The exit status of it all so far.
   int status() const;
+
+  // The same at the end. With --json standard output gets the failures too.
+  int finish();
 
   // Readable when a signal or the limit has ended the session.
   int interruption() const { return m_interrupter.descriptor(); }
@@ -107,10 +134,18 @@ class Session {
   };
 
  private:
+  // Writes it all, or as much as gets away before an interruption.
+  void write(std::string text);
+
+  // What has failed, that which gives the exit status first.
+  std::vector<Failure> failures() const;
+
   Interrupter m_interrupter;
   Client& m_client;
   bool m_json;
-  ExitStatus m_status = kSuccess;
+  std::vector<Failure> m_failures;
+  bool m_output_lost = false;  // standard output failed
+  bool m_mid_line = false;     // or has got a part of a line only
   bool m_interrupt_accepted = false;
 };
 

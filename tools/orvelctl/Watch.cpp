@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <ctime>
 #include <deque>
 #include <functional>
@@ -19,6 +18,7 @@
 #include <utility>
 
 #include "Services.h"
+#include "tools/cli/Options.h"
 
 namespace orvelctl {
 namespace {
@@ -211,18 +211,6 @@ std::string lineOf(Event event, bool json) {
   return line.str();
 }
 
-// Writes as much of it as a pipe that takes something takes without blocking. False, with a message, on failure.
-bool writeSome(Session& session, std::string& line) {
-  const ssize_t written = write(STDOUT_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
-  if (written >= 0) {
-    line.erase(0, static_cast<std::size_t>(written));
-  } else if (errno != EAGAIN && errno != EINTR) {
-    session.fail(std::string("cannot write to standard output: ") + std::strerror(errno));
-    return false;
-  }
-  return true;
-}
-
 // Waits until there may be an event and standard output takes it; false when it is time to end. Everything that would
 // block is waited for here, so that an interruption ends it at once.
 bool wait(const Session& session, const Events& events, bool writing, std::optional<Seconds> left) {
@@ -252,6 +240,12 @@ std::string whatIsWrongWithKind(const std::string& name) {
   return "no kind is called '" + name + "'; there are " + known;
 }
 
+std::vector<std::string> kindNames() {
+  std::vector<std::string> names;
+  for (const Kind& kind : kinds()) names.push_back(kind.name);
+  return names;
+}
+
 std::string describeKinds() {
   std::ostringstream text;
   const auto add = [&](const std::string& name, const std::string& about) {
@@ -263,8 +257,10 @@ std::string describeKinds() {
 }
 
 void addLimits(CLI::App* subcommand, WatchOptions& options) {
-  subcommand->add_option("--count", options.count, "end after so many lines")->check(CLI::Range(1, INT_MAX));
-  subcommand->add_option("--for", options.for_seconds, "end after so many seconds")->check(CLI::Range(0.001, 1e6));
+  subcommand->add_option("--count", options.count, "end after so many lines")
+      ->check(CLI::Range(1, INT_MAX).description(""))
+      ->type_name("NUMBER");
+  orvel::cli::inSeconds(subcommand->add_option("--for", options.for_seconds, "end after so many seconds"));
 }
 
 void watchChanges(Session& session, const WatchOptions& options) {
@@ -277,7 +273,7 @@ void watchChanges(Session& session, const WatchOptions& options) {
     const auto subscribe = [&](Client& client) { return kind.subscribe(client, events); };
     const auto taken = session.ask("watching " + kind.name, kind.service, false, subscribe);
     if (!taken) return;
-    if (*taken == false) return session.fail("watching " + kind.name + ": the service refused");
+    if (*taken == false) return session.fail("watching " + kind.name, "the service refused", kind.service);
     watched += (watched.empty() ? "" : ", ") + kind.name;
   }
   std::cerr << "orvelctl: watching " << watched << "; Ctrl-C ends" << std::endl;
@@ -291,7 +287,7 @@ void watchChanges(Session& session, const WatchOptions& options) {
     if (!wait(session, events, !line.empty(), left)) break;
     if (line.empty()) {
       events.rest();
-    } else if (!writeSome(session, line) || (line.empty() && ++printed == options.count)) {
+    } else if (!session.writeSome(line) || (line.empty() && ++printed == options.count)) {
       break;
     }
     if (!line.empty()) continue;

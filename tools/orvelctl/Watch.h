@@ -23,6 +23,9 @@ void addLimits(CLI::App* subcommand, WatchOptions& options);
 // What is wrong with the name of a kind; empty when nothing is.
 std::string whatIsWrongWithKind(const std::string& name);
 
+// The kinds that need no key.
+std::vector<std::string> kindNames();
+
 // "  name           the device has a new name", one line a kind.
 std::string describeKinds();
 

@@ -1,9 +1,6 @@
 // orvelctl: the public interface of libOrvelDelegateClient as a command line.
 #include <android/log.h>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -13,16 +10,25 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Doctor.h"
 #include "LogWatch.h"
 #include "Services.h"
 #include "Session.h"
 #include "Watch.h"
+#include "tools/cli/Failure.h"
+#include "tools/cli/Integration.h"
+#include "tools/cli/Options.h"
+#include "tools/cli/Streams.h"
 
 namespace orvelctl {
 namespace {
 
 constexpr char kFooter[] = R"(
 --json, --log-level and --timeout may also follow the subcommand.
+
+Results go to standard output, everything else to standard error. With --json a failure is one more line on standard
+output, {"error": {"status": ..., "exitStatus": ..., "message": ...}}, behind the results that there were;
+share/orvel/failure.schema.json describes it. When the device cannot be reached, orvelctl doctor says why.
 
 Examples:
   orvelctl device                          all about the device
@@ -37,9 +43,7 @@ Examples:
                                            tell the assistant, and wait for the result
   orvelctl directive Speaker               what the assistant says, until Ctrl-C
   orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
-
-Results go to standard output, everything else to standard error. The device is the one in ORVEL_RUNTIME_DIR, else
-$XDG_RUNTIME_DIR/orvel, else /tmp/orvel-<uid>.
+  orvelctl doctor                          what is wrong with the set-up, and what to do
 
 Exit status:
   0  success; an empty result is one
@@ -49,6 +53,7 @@ Exit status:
   4  timed out: --timeout, or a service that did not answer within the call limit
   5  the service is not bound: given up, or dead and not back yet
   128 + N  ended by signal N
+They are the same for each subcommand; assistant, network and directive ask no service and so never end with 5.
 The client answers a failed query with an empty value. Here it counts as failed when the client logged an error
 meanwhile, and as not bound when the log says so of its service.)";
 
@@ -136,7 +141,7 @@ const std::map<std::string, int>& logLevels() {
   return levels;
 }
 
-std::string explain(const CLI::App* app, const CLI::Error& error) {
+std::string whatIsWrong(const CLI::App* app, const CLI::Error& error) {
   const CLI::App* innermost = app;
   while (!innermost->get_subcommands().empty()) innermost = innermost->get_subcommands().front();
   std::string names;
@@ -150,14 +155,27 @@ std::string explain(const CLI::App* app, const CLI::Error& error) {
     if (innermost != app) what.insert(0, innermost->get_name() + ": ");
     what += "; there are " + names;
   }
-  return "orvelctl: " + what + "\nRun with --help for more information.\n";
+  return what;
+}
+
+std::string explain(const CLI::App* app, const CLI::Error& error) {
+  return orvel::cli::failurePrefix(kProgram) + whatIsWrong(app, error) + "\nRun with --help for more information.\n";
+}
+
+// What completes arguments whose values no description lists.
+orvel::cli::Values completions() {
+  std::vector<std::string> watched = kindNames();
+  watched.insert(watched.end(), {"setting:@settings", "broadcast:", "directive:@namespaces"});
+  return {{"setting key", {"@settings"}},       {"secure key", {"@settings"}}, {"package", {"@packages"}},
+          {"--package", {"@packages"}},         {"feature", {"@features"}},    {"namespaces", {"@namespaces"}},
+          {"event namespace", {"@namespaces"}}, {"watch kinds", watched}};
 }
 
 int parseAndRun(int argc, char** argv) {
   CLI::App app("Asks the device's platform services through libOrvelDelegateClient.", "orvelctl");
   app.require_subcommand(1);
   app.fallthrough();
-  app.footer(kFooter + 1);
+  app.footer(std::string(kFooter + 1) + orvel::cli::kPlaces);
   app.failure_message(explain);
   app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
   bool json = false;
@@ -169,7 +187,7 @@ int parseAndRun(int argc, char** argv) {
   app.add_option("--log-level", level, "least level of what the library logs")
       ->check(CLI::IsMember(levels))
       ->capture_default_str();
-  app.add_option("--timeout", timeout, "give up after so many seconds (default: never)")->check(CLI::Range(0.001, 1e6));
+  orvel::cli::inSeconds(app.add_option("--timeout", timeout, "give up after so many seconds (default: never)"));
 
   Command command;
   Commands commands(app, command);
@@ -231,36 +249,40 @@ int parseAndRun(int argc, char** argv) {
   addLimits(watch, watch_options);
   watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
 
+  CLI::App* doctor = commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
+  doctor->footer(kDoctorFooter);
+
+  if (const auto answered = orvel::cli::answerIntegration(app, argc, argv, "orvel-sim", completions()))
+    return *answered;
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (app.exit(error) != 0) return kUsage;
-    return outputWritten() ? kSuccess : kFailed;
+    if (app.exit(error) == 0) {
+      orvel::cli::flushOutput();
+      return kSuccess;
+    }
+    const bool as_json = json || orvel::cli::asksForJson(argc, argv);
+    return orvel::cli::fail(kProgram, {kUsage, whatIsWrong(&app, error)}, as_json, /*said=*/true);
+  }
+  if (doctor->parsed()) {
+    if (timeout == 0) timeout = kDoctorLimit;
+    if (app.count("--log-level") == 0) level = "silent";  // it says the same in better words
   }
 
   watchLog(logLevels().at(level));
   Session session(timeout, json);
-  if (session.open()) command(session);
-  return session.status();
-}
-
-// A standard stream that is closed must not become some socket of the client's that is then written to.
-void openStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
-  }
+  if (doctor->parsed() || session.open()) command(session);
+  return session.finish();
 }
 
 }  // namespace
 }  // namespace orvelctl
 
 int main(int argc, char** argv) {
-  orvelctl::openStandardStreams();
-  std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is told as an error
+  orvel::cli::prepareStreams();
   try {
     return orvelctl::parseAndRun(argc, argv);
   } catch (const std::exception& error) {
-    std::cerr << "orvelctl: " << error.what() << std::endl;
-    return orvelctl::kFailed;
+    return orvel::cli::fail(orvelctl::kProgram, {orvelctl::kFailed, error.what()}, orvel::cli::asksForJson(argc, argv));
   }
 }

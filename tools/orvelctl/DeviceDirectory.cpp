@@ -1,0 +1,183 @@
+#include "DeviceDirectory.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+
+namespace orvelctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Closes it at the end of a scope.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
+  ~Descriptor() {
+    if (m_descriptor >= 0) close(m_descriptor);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return m_descriptor; }
+  explicit operator bool() const { return m_descriptor >= 0; }
+
+ private:
+  const int m_descriptor;
+};
+
+std::string userCalled(uid_t uid) {
+  const passwd* user = getpwuid(uid);
+  return user == nullptr ? "#" + std::to_string(uid) : user->pw_name;
+}
+
+// As one word of a shell.
+std::string quoted(const std::string& text) {
+  constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,=@";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+std::string temporaryDirectory() {
+  return "/tmp/orvel-" + std::to_string(geteuid());
+}
+
+std::string elsewhere() {
+  return "export ORVEL_RUNTIME_DIR=" + temporaryDirectory();
+}
+
+Descriptor openDirectory(const std::string& path) {
+  return Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// What kept it from being opened.
+Problem whatIsWrongWithOpening(const std::string& path, int error) {
+  std::error_code ignored;
+  switch (error) {
+    case ENOENT: {
+      const fs::path parent = fs::path(path).parent_path();
+      const bool reachable = fs::is_directory(parent, ignored);
+      return {"it does not exist", (reachable ? "" : "mkdir -p " + quoted(parent) + " && ") + "orvel-sim run"};
+    }
+    case ENOTDIR:
+    case ELOOP:
+      if (fs::is_symlink(fs::symlink_status(path, ignored))) {
+        return {"it is a symbolic link, which is not followed",
+                "export ORVEL_RUNTIME_DIR=\"$(readlink -f " + quoted(path) + ")\""};
+      }
+      return {"it is no directory", elsewhere()};
+    case ENAMETOOLONG:
+      return {"its path is too long", elsewhere()};
+    case EACCES:
+      return {"this user may not open it", elsewhere()};
+    default:
+      return {std::strerror(error), elsewhere()};
+  }
+}
+
+// A device holds a lock on a file for as long as it lives.
+bool deviceLivesIn(const Descriptor& directory) {
+  const Descriptor file(openat(directory.get(), ".device", O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+Problem whatIsWrongWithUse(const std::string& path, const Descriptor& directory) {
+  if (!directory) return whatIsWrongWithOpening(path, errno);
+  struct stat status {};
+  if (fstat(directory.get(), &status) != 0) return {std::strerror(errno), elsewhere()};
+  if (status.st_uid != geteuid()) {
+    const std::string owner = userCalled(status.st_uid);
+    return {"it belongs to " + owner + " and not to " + userCalled(geteuid()),
+            "sudo -u '" + owner + "' ORVEL_RUNTIME_DIR=" + quoted(path) + " orvelctl doctor"};
+  }
+  if ((status.st_mode & 077U) != 0) {
+    std::array<char, 8> mode{};
+    std::snprintf(mode.data(), mode.size(), "%04o", status.st_mode & 07777U);
+    return {std::string("its mode is ") + mode.data() + ", which lets other users in", "chmod 700 " + quoted(path)};
+  }
+  return {};
+}
+
+}  // namespace
+
+DeviceDirectory deviceDirectory() {
+  const char* const chosen = std::getenv("ORVEL_RUNTIME_DIR");
+  if (chosen != nullptr && *chosen != '\0') {
+    std::error_code error;
+    const fs::path path = fs::absolute(chosen, error);
+    return {error ? chosen : path.lexically_normal(), "ORVEL_RUNTIME_DIR"};
+  }
+  const char* const user = std::getenv("XDG_RUNTIME_DIR");
+  if (user != nullptr && *user == '/') return {std::string(user) + "/orvel", "XDG_RUNTIME_DIR"};
+  return {temporaryDirectory(), "neither ORVEL_RUNTIME_DIR nor XDG_RUNTIME_DIR"};
+}
+
+Problem whatIsWrongWithUse(const std::string& directory) {
+  return whatIsWrongWithUse(directory, openDirectory(directory));
+}
+
+Problem whatIsWrongWith(const std::string& directory) {
+  const Descriptor opened = openDirectory(directory);
+  Problem problem = whatIsWrongWithUse(directory, opened);
+  if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", "orvel-sim run"};
+  return problem;
+}
+
+std::vector<std::string> otherDevices(const std::string& directory) {
+  std::vector<std::string> candidates = {"/run/user/" + std::to_string(geteuid()) + "/orvel", temporaryDirectory()};
+  const char* const user = std::getenv("XDG_RUNTIME_DIR");
+  if (user != nullptr && *user == '/') candidates.push_back(std::string(user) + "/orvel");
+  std::vector<std::string> found;
+  for (const std::string& candidate : candidates) {
+    const bool known = candidate == directory || (!found.empty() && found.back() == candidate);
+    if (!known && whatIsWrongWith(candidate).what.empty()) found.push_back(candidate);
+  }
+  return found;
+}
+
+pid_t serverOf(const std::string& directory, const std::string& name) {
+  const Descriptor opened = openDirectory(directory);
+  std::array<char, NAME_MAX + 1> target{};
+  if (!opened || readlinkat(opened.get(), name.c_str(), target.data(), target.size() - 1) <= 0) return 0;
+  constexpr std::string_view kSocket = ".socket-";
+  if (std::strncmp(target.data(), kSocket.data(), kSocket.size()) != 0) return 0;
+  // Short, whatever the directory's path is.
+  const std::string path = "/proc/self/fd/" + std::to_string(opened.get()) + "/" + target.data();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) return 0;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const bool gone = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+                    (errno == ECONNREFUSED || errno == ENOENT);  // all else says that somebody is there
+  return gone ? 0 : std::atoi(target.data() + kSocket.size());
+}
+
+bool isStopped(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string line;
+  std::getline(file, line);
+  const std::size_t state = line.rfind(") ");  // behind the program's name, which may hold anything
+  return state != std::string::npos && state + 2 < line.size() && (line[state + 2] == 'T' || line[state + 2] == 't');
+}
+
+}  // namespace orvelctl

@@ -1,0 +1,42 @@
+// Where a workstation's IPC library looks for a device, told apart further than its one line does. The public headers say
+// nothing of this; the rule is that of docs/architecture.md.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace orvelctl {
+
+struct DeviceDirectory {
+  std::string path;
+  std::string chosenBy;  // "ORVEL_RUNTIME_DIR", "XDG_RUNTIME_DIR", or "neither ... nor ..."
+};
+
+// The one that counts.
+DeviceDirectory deviceDirectory();
+
+// What is wrong, and a command that helps. Both are empty when nothing is.
+struct Problem {
+  std::string what;
+  std::string advice;
+};
+
+// Whether a device can be reached in the directory: it can be used, and a device lives there.
+Problem whatIsWrongWith(const std::string& directory);
+
+// The same of the first step alone.
+Problem whatIsWrongWithUse(const std::string& directory);
+
+// The other directories of this user in which a device lives.
+std::vector<std::string> otherDevices(const std::string& directory);
+
+// The process that serves the service of a name, which consists of letters, digits, '-', '_' and inner '.'; 0 when nobody
+// does.
+pid_t serverOf(const std::string& directory, const std::string& name);
+
+// Whether a process is stopped, as by SIGSTOP or a debugger.
+bool isStopped(pid_t process);
+
+}  // namespace orvelctl

@@ -1,0 +1,278 @@
+#include "Doctor.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <iomanip>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Commands.h"
+#include "DeviceDirectory.h"
+#include "Services.h"
+#include "tools/cli/Colour.h"
+
+namespace orvelctl {
+namespace {
+
+using orvel::cli::Colour;
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr int kCallLimitMs = 1000;  // what a service that hangs costs
+constexpr char kCallLimitVariable[] = "ORVEL_CALL_TIMEOUT_MS";
+constexpr Milliseconds kSlow{250};
+constexpr std::size_t kCalls = 5;  // of which the median counts
+
+enum class State { kOk, kWarning, kFailure };
+
+// What one look has shown.
+struct Check {
+  std::string name;
+  State state = State::kOk;
+  std::string message;
+  std::string advice{};  // a command that helps with a problem
+  std::optional<double> milliseconds{};
+  // Of a failure.
+  int exitStatus = kFailed;
+  std::string service{};
+  std::string directory{};
+};
+
+// A service, and a call that changes nothing.
+struct Service {
+  const char* id;  // by which orvel-sim knows it
+  const char* name;
+  const char* command = nullptr;  // that asks it; null where every call would change something
+  Json nothing{};                 // what a failed call gives
+  std::function<Json(Client&)> ask{};
+};
+
+Json askNames(Client& client, bool (Client::*query)(Names&)) {
+  const auto names = namesBy(query)(client);
+  return names ? Json(*names) : Json();
+}
+
+// Taken and given back.
+bool subscribeToNetwork(Client& client) {
+  return client.registerForNetworkConnectivityChange([](bool) {}) && client.unregisterForNetworkConnectivityChange();
+}
+
+const std::vector<Service>& services() {
+  static const std::vector<Service> all = {
+      {"delegate", kDelegate, "get name", "", &Client::getDeviceName},
+      {"power", kPower, "screen", false, &Client::isScreenOn},
+      {"connectivity", kConnectivity, "watch network --for 1", false, subscribeToNetwork},
+      {"activity", kActivities, "am foreground", nullptr,
+       [](Client& client) { return askNames(client, &Client::getForegroundPackages); }},
+      {"packages", kPackages, "pm list packages", nullptr,
+       [](Client& client) { return askNames(client, &Client::getInstalledPackageNames); }},
+      {"events", kEvents},
+      {"coordinator", kCoordinator},
+      {"metrics", kMetrics},
+  };
+  return all;
+}
+
+// The file from which a function comes; empty for one that is nowhere.
+std::string fileOf(const char* function) {
+  Dl_info info{};
+  void* const address = dlsym(RTLD_DEFAULT, function);
+  if (address == nullptr || dladdr(address, &info) == 0) return {};
+  std::error_code error;
+  const std::filesystem::path file = std::filesystem::canonical(info.dli_fname, error);
+  return error ? info.dli_fname : file.string();
+}
+
+class Examination {
+ public:
+  explicit Examination(Session& session) : m_session(session), m_directory(deviceDirectory()) {}
+
+  void run() {
+    lookAtPrograms();
+    lookAtCallLimit();
+    if (lookAtDirectory() && lookAtServices()) askServices();
+    report();
+  }
+
+ private:
+  void add(Check check) { m_checks.push_back(std::move(check)); }
+
+  void lookAtPrograms() {
+    add({"orvelctl", State::kOk, ORVEL_VERSION});
+    // The functions by which the libraries are known; the client's is that which the others are called by.
+    const std::pair<const char*, const char*> libraries[] = {
+        {"client", "_ZN5orvel12service_apis19OrvelDelegateClient9getClientEv"},
+        {"libvesk", "vesk_get_runtime"},
+        {"liblog", "__android_log_write"},
+    };
+    for (const auto& [name, function] : libraries) {
+      const std::string file = fileOf(function);
+      add({name, State::kOk, file.empty() ? "part of this program" : file});
+    }
+  }
+
+  // The library reads the limit once, when it is first used.
+  void lookAtCallLimit() {
+    const char* const set = std::getenv(kCallLimitVariable);
+    const std::string word = set == nullptr ? "" : set;
+    const std::optional<int> limit = readNumber<int>(word);
+    if (!word.empty() && (!limit || *limit <= 0)) {
+      add({"call limit", State::kWarning,
+           std::string(kCallLimitVariable) + "=" + word + " is no positive number of milliseconds; 30 s count",
+           std::string("unset ") + kCallLimitVariable});
+    }
+    const int chosen = limit && *limit > 0 ? std::min(*limit, kCallLimitMs) : kCallLimitMs;
+    setenv(kCallLimitVariable, std::to_string(chosen).c_str(), 1);
+  }
+
+  // Whether a device lives there.
+  bool lookAtDirectory() {
+    const std::string& path = m_directory.path;
+    const bool chosen = m_directory.chosenBy.find(' ') == std::string::npos;
+    const std::string what =
+        path + (chosen ? ", from " + m_directory.chosenBy : ", because " + m_directory.chosenBy + " says another");
+    const auto fail = [&](const char* name, const std::string& message, const std::string& advice) {
+      add({name, State::kFailure, message, advice, {}, kNoDevice, {}, path});
+    };
+    const Problem unusable = whatIsWrongWithUse(path);
+    const char* const given = std::getenv("ORVEL_RUNTIME_DIR");
+    if (!unusable.what.empty()) {
+      fail("directory", what + ": " + unusable.what, unusable.advice);
+    } else if (given != nullptr && *given != '\0' && *given != '/') {
+      add({"directory", State::kWarning, what + ": it is another one in each working directory",
+           "export ORVEL_RUNTIME_DIR=\"" + path + "\""});
+    } else {
+      add({"directory", State::kOk, what});
+    }
+    if (unusable.what.empty()) {
+      const Problem dead = whatIsWrongWith(path);
+      if (dead.what.empty()) {
+        add({"device", State::kOk, "one lives there"});
+        return true;
+      }
+      fail("device", dead.what, dead.advice);
+    }
+    for (const std::string& other : otherDevices(path)) {
+      add({"elsewhere", State::kWarning, "a device lives in " + other, "export ORVEL_RUNTIME_DIR=" + other});
+    }
+    return false;
+  }
+
+  // Whether all are there: the client would wait for the others.
+  bool lookAtServices() {
+    std::vector<pid_t> servers;
+    for (const Service& service : services()) servers.push_back(serverOf(m_directory.path, service.name));
+    const auto is_fit = [](pid_t server) { return server != 0 && !isStopped(server); };
+    if (std::all_of(servers.begin(), servers.end(), is_fit)) return true;
+    for (std::size_t n = 0; n < servers.size(); ++n) {
+      const Service& service = services()[n];
+      const std::string process = "process " + std::to_string(servers[n]);
+      const auto fail = [&](const std::string& message, const std::string& advice, ExitStatus status) {
+        add({service.id, State::kFailure, service.name + message, advice, {}, status, service.name, {}});
+      };
+      if (servers[n] == 0) {
+        fail(" is dead: nobody serves it", std::string("orvel-sim restart ") + service.id, kNotBound);
+      } else if (isStopped(servers[n])) {
+        fail(" hangs: " + process + " is stopped", "kill -CONT " + std::to_string(servers[n]), kTimedOut);
+      } else {
+        add({service.id, State::kOk,
+             service.name + (" is served by " + process) + "; not asked while another is away"});
+      }
+    }
+    return false;
+  }
+
+  void askServices() {
+    if (!m_session.open()) return;
+    for (const Service& service : services()) {
+      if (service.command != nullptr) {
+        ask(service);
+      } else {
+        add({service.id, State::kOk, std::string(service.name) + " is bound; every question would change something"});
+      }
+    }
+  }
+
+  void ask(const Service& service) {
+    const std::string name = service.name;
+    std::array<Milliseconds, kCalls> times{};
+    for (Milliseconds& time : times) {
+      const auto start = Clock::now();
+      const auto answer = m_session.call(service.id, name, service.nothing, service.ask);
+      time = Clock::now() - start;
+      const auto* failure = std::get_if<Failure>(&answer);
+      if (failure == nullptr) continue;
+      const bool hangs = failure->exitStatus == kTimedOut;
+      const std::string id = service.id;
+      const std::string advice = hangs ? "orvel-sim hang " + id + " off; orvel-sim restart " + id
+                                       : std::string("orvelctl --log-level error ") + service.command;
+      const char* const message = hangs                              ? " hangs: it does not answer"
+                                  : failure->exitStatus == kNotBound ? " has died meanwhile"
+                                                                     : " answers with an error";
+      return add({id, State::kFailure, name + message, advice, {}, failure->exitStatus, name, {}});
+    }
+    std::nth_element(times.begin(), times.begin() + kCalls / 2, times.end());
+    const Milliseconds median = times[kCalls / 2];
+    std::ostringstream message;
+    message << name << " answers in " << std::fixed << std::setprecision(2) << median.count() << " ms";
+    const bool slow = median > kSlow;
+    add({service.id, slow ? State::kWarning : State::kOk, message.str() + (slow ? ", which is slow" : ""),
+         slow ? "orvel-sim traffic --past" : "", median.count()});
+  }
+
+  void report() {
+    std::ostringstream text;
+    Json list = Json::array();
+    for (const Check& check : m_checks) {
+      constexpr const char* kStates[] = {"ok", "warning", "failure"};
+      constexpr const char* kMarks[] = {"ok  ", "warn", "FAIL"};
+      constexpr Colour kColours[] = {Colour::kGreen, Colour::kYellow, Colour::kRed};
+      const auto state = static_cast<std::size_t>(check.state);
+      Json object = {{"name", check.name}, {"state", kStates[state]}, {"message", check.message}};
+      if (!check.advice.empty()) object["advice"] = check.advice;
+      if (check.milliseconds) object["milliseconds"] = *check.milliseconds;
+      list.push_back(std::move(object));
+      text << (text.tellp() == 0 ? "" : "\n") << orvel::cli::coloured(STDOUT_FILENO, kColours[state], kMarks[state])
+           << "  " << std::left << std::setw(13) << check.name << ' ' << check.message;
+      if (!check.advice.empty()) text << "\n      try: " << check.advice;
+    }
+    m_session.print({{"checks", std::move(list)}}, text.str());
+    // Without a device nothing else counts, and what is dead is worse than what hangs.
+    for (const int status : {kNoDevice, kNotBound, kTimedOut, kFailed}) {
+      for (const Check& check : m_checks) {
+        if (check.state != State::kFailure || check.exitStatus != status) continue;
+        m_session.keep({status, check.name + ": " + check.message, check.name, check.service, check.directory});
+      }
+    }
+  }
+
+  Session& m_session;
+  const DeviceDirectory m_directory;
+  std::vector<Check> m_checks;
+};
+
+}  // namespace
+
+const char kDoctorFooter[] =
+    R"(It looks at the libraries in use, the directory in which a device is looked for, whether one lives there, and
+its eight services, which it asks what changes nothing, each for a second at most. Below a problem stands what to try.
+
+The exit status is that of the worst: 3 no device, 5 a service is dead, 4 one does not answer, 1 one answers with an
+error; 0 when there is no FAIL. It takes 30 seconds at most, unless --timeout says otherwise.)";
+
+void diagnose(Session& session) {
+  Examination(session).run();
+}
+
+}  // namespace orvelctl
