@@ -1,14 +1,11 @@
 // Writes a line for every package that is installed, removed or replaced, with the version that it has now. Ctrl-C ends
 // it.
-#include <signal.h>
-#include <unistd.h>
-
 #include <ctime>
 #include <iomanip>
 #include <iostream>
 #include <string>
-#include <thread>
 
+#include "Ending.h"
 #include "orvel/OrvelDelegateClient.h"
 
 using orvel::service_apis::OrvelDelegateClient;
@@ -29,32 +26,19 @@ bool watch(OrvelDelegateClient& client) {
   for (const char* what : {"ADDED", "REMOVED", "REPLACED"}) {
     if (!client.registerForPackageAction(kPrefix + std::string(what), {}, {"package"}, tell)) return false;
   }
-  std::cerr << "package-watcher: watching; Ctrl-C ends" << std::endl;
   return true;
 }
 
 }  // namespace
 
 int main() {
-  // Blocked before there is a second thread, so that every thread leaves them to the one that waits for them.
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGINT);
-  sigaddset(&ending, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-
   OrvelDelegateClient& client = OrvelDelegateClient::getClient();
-  std::thread ender([&] {
-    int signal = 0;
-    sigwait(&ending, &signal);
-    client.shutdown();  // also ends an initialize() that waits for a service
-  });
-
-  const bool watching = client.initialize() && watch(client);
-  if (!watching) {
+  Ending ending;
+  if (!client.initialize() || !watch(client)) {
+    if (ending.comesWithin({})) return 0;
     std::cerr << "package-watcher: there is no device, or its services do not answer" << std::endl;
-    kill(getpid(), SIGTERM);
+    return 1;
   }
-  ender.join();
-  return watching ? 0 : 1;
+  std::cerr << "package-watcher: watching; Ctrl-C ends" << std::endl;
+  ending.wait();
 }

@@ -1,0 +1,177 @@
+/// @file
+/// A device for the tests of a client: the services, the transport and the time, all inside the test's own process.
+#pragma once
+
+#include <chrono>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orvel::testing {
+
+/// The words that lead to a value of the device, as `orvel-sim set` takes them: "name", {"delegate", "name"},
+/// {"setting", "volume"}.
+class Words {
+ public:
+  /// A field alone.
+  Words(const char* field) : m_words{field} {}  // NOLINT(google-explicit-constructor)
+  /// The same.
+  Words(std::string field) : m_words{std::move(field)} {}  // NOLINT(google-explicit-constructor)
+  /// Section, field and keys, as many as it takes.
+  Words(std::initializer_list<const char*> words) : m_words(words.begin(), words.end()) {}
+  /// The same.
+  Words(std::vector<std::string> words) : m_words(std::move(words)) {}  // NOLINT(google-explicit-constructor)
+
+  /// The words, in their order.
+  const std::vector<std::string>& list() const { return m_words; }
+
+ private:
+  std::vector<std::string> m_words;
+};
+
+/// What a client asked of a service, in the words of `orvel-sim traffic`.
+struct Call {
+  std::string service;    ///< "delegate"
+  std::string method;     ///< "getSecureSetting"
+  std::string arguments;  ///< as JSON: {"key":"volume"}
+  std::string reply;      ///< as JSON; empty where there is none
+  std::string
+      failure;  ///< what came in place of a whole reply, "exception -5: ...", "hangs"; empty when nothing went wrong
+  std::chrono::nanoseconds duration;  ///< in virtual time
+};
+
+/// What a service told a client.
+struct Notification {
+  std::string service;    ///< "delegate"
+  std::string name;       ///< "settingChanged"
+  std::string arguments;  ///< as JSON
+  std::string failure;    ///< empty when the client has taken it
+};
+
+/// What a client registered for and still is.
+struct Registration {
+  std::string service;    ///< "delegate"
+  std::string method;     ///< "registerForBroadcast"; "directive" for a namespace of the assistant's
+  std::string arguments;  ///< as JSON
+};
+
+/// For every method of a service.
+constexpr char kEveryMethod[] = "*";
+
+/// A device that lives as long as this object does. A test program that links Orvel::TestDevice in place of
+/// Orvel::DelegateClient runs the client library's own code against the simulated device's own services, without sockets,
+/// files or further processes.
+///
+///     orvel::testing::TestDevice device(R"({"delegate": {"name": "Kitchen"}})");
+///     client.initialize();
+///     device.set("name", "Living room");
+///     device.settle();   // the client has heard of it
+///
+/// One at a time in a process. Destroying it shuts the client down, so that the next test finds it uninitialised; what
+/// isMaroConnected() said last is the one thing that the client keeps.
+///
+/// Threads. The services run on a thread of the device's, callbacks on the client's run-loop thread, all else on the
+/// test's. Every method may be called from any thread, callbacks included, and has taken effect when it returns; settle()
+/// and advance() are not for callbacks, and they do not know of threads that the test makes itself.
+///
+/// Time is virtual. It passes only inside settle(), advance() and calls of the client that have to wait: a call of a
+/// service that hangs ends at once with the call limit, 30 s later. A rebind waits for settle() or advance().
+///
+/// Errors: std::invalid_argument for what orvel-sim would refuse, with the same text.
+class TestDevice {
+ public:
+  /// `scenario` is the text of a scenario, "{...}", or what `orvel-sim run --scenario` takes: the name of one that ships
+  /// with it, or a file.
+  explicit TestDevice(const std::string& scenario = "{}");
+  ~TestDevice();
+  TestDevice(const TestDevice&) = delete;
+  TestDevice& operator=(const TestDevice&) = delete;
+
+  /// @name What the device knows
+  /// Values are words too: a text as it is, everything else as JSON.
+  /// @{
+
+  /// Changes a value; the clients that registered for it are told.
+  void set(const Words& words, const std::string& value);
+  /// Removes a key, such as a setting.
+  void unset(const Words& words);
+  /// Empty where nothing is set.
+  std::string get(const Words& words) const;
+  /// Switches the screen on or off.
+  void screen(bool on);
+  /// "install", "replace" or "remove" a package; `values` as JSON: {"versionCode": 7}.
+  void package(const std::string& act, const std::string& name, const std::string& values = "{}");
+  /// "start", "stop" or "foreground" a process.
+  void process(const std::string& act, const std::string& name, const std::string& values = "{}");
+  /// @}
+
+  /// @name What happens
+  /// @{
+
+  /// An action, or an intent as JSON: {"action": "...", "data": "package:com.example", "extras": [{"key": "...", "type":
+  /// "int", "value": 1}]}. How many registrations it was for.
+  int broadcast(const std::string& intent);
+  /// Up to seven texts for who holds the namespace.
+  void directive(const std::string& nspace, std::vector<std::string> texts);
+  /// What the events that the client sends from now on result in, "TIMEOUT" or a number, and when.
+  void eventResult(const std::string& result, std::chrono::milliseconds delay = {});
+  /// @}
+
+  /// @name What goes wrong
+  /// Until repair(). Of a service, "delegate", or of one of its methods, "getDeviceName".
+  /// @{
+  void kill(const std::string& service);     ///< it stays dead until it is restarted
+  void restart(const std::string& service);  ///< killing it first when it lives
+  /// Does not answer.
+  void hang(const std::string& service, const std::string& method = kEveryMethod);
+  /// Answers so much later.
+  void delay(const std::string& service, std::chrono::milliseconds by, const std::string& method = kEveryMethod);
+  /// Answers with an exception in place of the result.
+  void exception(const std::string& service, const std::string& method = kEveryMethod);
+  /// Fails calls with the code, a negated errno value.
+  void error(const std::string& service, int code, const std::string& method = kEveryMethod);
+  /// Ends its replies after so many bytes.
+  void truncate(const std::string& service, unsigned bytes, const std::string& method = kEveryMethod);
+  /// Closes the connection of who calls in place of an answer; `calls` times, or always.
+  void drop(const std::string& service, const std::string& method = kEveryMethod, int calls = 0);
+  /// Dies in the middle of each period and is back at its end; `times`, or until repair().
+  void flap(const std::string& service, std::chrono::milliseconds period, int times = 0);
+  /// Ends all that goes wrong with the service but its death.
+  void repair(const std::string& service);
+  /// @}
+
+  /// @name Time
+  /// @{
+
+  /// Returns once everything sent has been delivered, every callback has returned and every rebind that can succeed has;
+  /// one that waits for a dead service stays where it is. False after an hour of virtual time without such an end.
+  bool settle();
+  /// Lets time pass, with all that is due in it.
+  void advance(std::chrono::nanoseconds duration);
+  /// The time that has passed since the device was made.
+  std::chrono::nanoseconds elapsed() const;
+  /// @}
+
+  /// @name What the client did
+  /// All of it, the oldest first.
+  /// @{
+
+  /// The calls that it made.
+  std::vector<Call> calls() const;
+  /// Those of one method.
+  std::vector<Call> calls(const std::string& service, const std::string& method) const;
+  /// What it was told.
+  std::vector<Notification> notifications() const;
+  /// What it is registered for now.
+  std::vector<Registration> registrations() const;
+  /// @}
+
+ private:
+  class Device;
+
+  std::unique_ptr<Device> m_device;
+};
+
+}  // namespace orvel::testing

@@ -1,0 +1,119 @@
+// libvesk as a device serves over it, in the process of its client: vesk_service.h on top of the transport that the client
+// has.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "VirtualTime.h"
+#include "support/FakeMessages.h"
+#include "support/FakeVesk.h"
+#include "vesk/vesk_service.h"
+
+namespace orvel::testing {
+
+class DeviceTransport;
+
+// One call of the client's: its thread waits in it, the device's thread answers it.
+struct ClientCall {
+  const test::Transaction message;
+  const std::uint64_t life;  // of the service
+  VirtualTime::Wait wait{VirtualTime::Wait::Kind::kCall};
+  test::Reply reply{{}, -EPIPE};
+  bool hung_up = false;
+};
+
+}  // namespace orvel::testing
+
+// An endpoint of the client's, as one connection knows it.
+struct vesk_remote {
+  orvel::testing::DeviceTransport& transport;
+  const std::uint32_t connection;
+  vesk_endpoint* const endpoint;
+  int references = 0;
+  std::vector<std::weak_ptr<const void>> transfers = {};
+  void (*gone)(void* context, vesk_remote* remote) = nullptr;
+  void* gone_context = nullptr;
+  bool is_gone = false;
+};
+
+struct vesk_deferred {
+  std::shared_ptr<orvel::testing::ClientCall> call;
+};
+
+namespace orvel::testing {
+
+// Serves what registers with its runtime() to the client of this process. Everything that is not told by the client runs on
+// the device's thread, which is the run-loop thread that vesk_service.h speaks of; so the client's threads wait for it in
+// their calls, and it never waits for them.
+class DeviceTransport : public test::FakeDevice {
+ public:
+  explicit DeviceTransport(test::FakeVesk& vesk) : m_vesk(vesk) { m_vesk.attach(this); }
+
+  [[nodiscard]] void* runtime() { return static_cast<FakeDevice*>(this); }
+
+  // ---- What the device asks of vesk.h and of vesk_service.h ----
+
+  int serve(const char* name, vesk_endpoint* endpoint) override;
+  int withdraw(const std::string& name);
+  int find(const char* name, vesk_handle* out) override;
+  int forget(const vesk_handle& handle) override;
+  int watch(const vesk_handle& handle, vesk_death_callback* told) override;
+  int call_name(const vesk_handle& handle, unsigned code, const vesk_payload& request);
+  int send(const vesk_remote& remote, unsigned code, const vesk_payload& request);
+  int ask(const vesk_remote& remote, unsigned code, const vesk_payload& request, vesk_completion completion,
+          void* context);
+  void release(vesk_remote* remote);
+  void tell_gone(vesk_remote* remote);
+
+  // ---- What the client does ----
+
+  void loop_has_work(bool has) override;
+  void step_begins() override;
+  void looked_up(const std::string& service, bool found) override;
+  void closed(std::uint32_t connection) override;
+  void shut_down() override;
+
+ private:
+  struct Service {
+    vesk_endpoint* endpoint;
+    std::uint64_t life;
+  };
+  struct Found {
+    std::string name;
+    vesk_death_callback* told = nullptr;
+  };
+  struct Asked {
+    std::uint64_t number;
+    std::uint32_t connection;
+    vesk_completion completion;
+    void* context;
+  };
+
+  test::Reply take_call(const test::Transaction& message, std::uint64_t life);
+  void dispatch(const std::shared_ptr<ClientCall>& call);
+  vesk_remote* remote_of(const test::Transaction& message, std::size_t index);
+  void complete(std::uint64_t number, const test::Reply& answer);
+  void connection_closed(std::uint32_t connection);
+  void names_withdrawn();
+
+  test::FakeVesk& m_vesk;
+  VirtualTime& m_time = VirtualTime::instance();
+  std::map<std::string, Service> m_services;
+  std::uint64_t m_last_life = 0;
+  std::map<std::pair<std::uint32_t, vesk_endpoint*>, std::unique_ptr<vesk_remote>> m_remotes;
+  std::map<std::uint32_t, Found> m_found;  // by the first word of the handle
+  std::uint32_t m_last_found = 0;
+  std::list<Asked> m_asked;
+  std::uint64_t m_last_asked = 0;
+};
+
+}  // namespace orvel::testing

@@ -1,0 +1,265 @@
+#include "VirtualTime.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "binder/Waiting.h"
+#include "sim/Timer.h"
+#include "support/FakeVesk.h"
+
+namespace orvel::testing {
+
+// Never destroyed: the client's destructor, an exit handler, interrupts waits.
+VirtualTime& VirtualTime::instance() {
+  static VirtualTime& time = *new VirtualTime;
+  return time;
+}
+
+VirtualTime::TimePoint VirtualTime::now() {
+  const Lock lock(m_mutex);
+  return m_now;
+}
+
+void VirtualTime::run_device() {
+  Lock lock(m_mutex);
+  m_device_stops = false;
+  while (!m_device_stops) {
+    Task task;
+    if (!m_tasks.empty()) {
+      task = std::move(m_tasks.front());
+      m_tasks.pop_front();
+    } else if (timer_is_due()) {
+      task = std::move(m_timers.begin()->second.task);
+      m_timers.erase(m_timers.begin());
+    } else {
+      m_changed.wait(lock);
+      continue;
+    }
+    m_device_busy = true;
+    lock.unlock();
+    task();
+    task = {};
+    lock.lock();
+    m_device_busy = false;
+    m_changed.notify_all();
+  }
+  m_tasks.clear();
+}
+
+void VirtualTime::stop_device() {
+  const Lock lock(m_mutex);
+  m_device_stops = true;
+  m_changed.notify_all();
+}
+
+void VirtualTime::post(Task task) {
+  const Lock lock(m_mutex);
+  m_tasks.push_back(std::move(task));
+  m_changed.notify_all();
+}
+
+VirtualTime::TimerId VirtualTime::start_timer(Duration delay, Task task, bool endless) {
+  const Lock lock(m_mutex);
+  const TimerId id(m_now + std::max(delay, Duration::zero()), ++m_last_id);
+  m_timers.emplace(id, Timer{std::move(task), endless});
+  m_changed.notify_all();
+  return id;
+}
+
+void VirtualTime::stop_timer(const TimerId& timer) {
+  Task dropped;  // destroyed after the lock
+  const Lock lock(m_mutex);
+  const auto found = m_timers.find(timer);
+  if (found == m_timers.end()) return;
+  dropped = std::move(found->second.task);
+  m_timers.erase(found);
+  m_changed.notify_all();
+}
+
+bool VirtualTime::wait(Wait& wait, Duration limit) {
+  Lock lock(m_mutex);
+  const bool sleeps = wait.kind == Wait::Kind::kSleep;
+  if (sleeps && m_interrupts > 0) return true;
+  if (!wait.over) {
+    wait.id = {m_now + limit, ++m_last_id};
+    m_waits.emplace(wait.id, &wait);
+    wait.of_loop = test::FakeVesk::on_run_loop();
+    m_loop_waits = m_loop_waits || wait.of_loop;
+    if (sleeps && !wait.of_loop) ++m_sleepers;
+    m_changed.notify_all();
+  }
+  while (!wait.over) {
+    if (sleeps && wait.of_loop) {
+      m_changed.wait(lock);
+    } else {
+      pass(lock, TimePoint::max());
+    }
+  }
+  return !wait.expired;
+}
+
+void VirtualTime::end(Wait& wait) {
+  const Lock lock(m_mutex);
+  finish(wait, false);
+}
+
+// The one who waits counts as running from here on, and not only once its thread does.
+void VirtualTime::finish(Wait& wait, bool expired) {
+  if (wait.over) return;
+  wait.over = true;
+  wait.expired = expired;
+  m_waits.erase(wait.id);
+  if (wait.of_loop) m_loop_waits = false;
+  if (wait.kind == Wait::Kind::kSleep && !wait.of_loop) --m_sleepers;
+  m_changed.notify_all();
+}
+
+void VirtualTime::end_calls() {
+  const Lock lock(m_mutex);
+  for (auto next = m_waits.begin(); next != m_waits.end();) {
+    Wait& wait = *(next++)->second;  // finish() erases it
+    if (wait.kind == Wait::Kind::kCall) finish(wait, false);
+  }
+}
+
+void VirtualTime::interrupt() {
+  const Lock lock(m_mutex);
+  ++m_interrupts;
+  for (auto next = m_waits.begin(); next != m_waits.end();) {
+    Wait& wait = *(next++)->second;
+    if (wait.kind == Wait::Kind::kSleep) finish(wait, false);
+  }
+}
+
+void VirtualTime::end_interrupt() {
+  const Lock lock(m_mutex);
+  --m_interrupts;
+}
+
+bool VirtualTime::interrupted() {
+  const Lock lock(m_mutex);
+  return m_interrupts > 0;
+}
+
+void VirtualTime::set_loop_busy(bool busy) {
+  const Lock lock(m_mutex);
+  m_loop_busy = busy;
+  m_changed.notify_all();
+}
+
+void VirtualTime::set_missed(const std::string& service) {
+  const Lock lock(m_mutex);
+  m_missed = service;
+}
+
+void VirtualTime::service_started(const std::string& service) {
+  const Lock lock(m_mutex);
+  if (m_missed == service) m_missed.clear();
+}
+
+bool VirtualTime::timer_is_due() const {
+  return !m_timers.empty() && m_timers.begin()->first.first <= m_now;
+}
+
+// Who sleeps outside the run loop is initialising the client: there is no loop before that ends.
+bool VirtualTime::quiet() const {
+  return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0);
+}
+
+// Waits for a change where somebody is busy, else goes on to the next deadline; false, at once, when that is beyond the limit.
+bool VirtualTime::pass(Lock& lock, TimePoint limit) {
+  if (!quiet()) {
+    m_changed.wait(lock);
+    return true;
+  }
+  constexpr TimerId kNone(TimePoint::max(), UINT64_MAX);
+  const TimerId timer = m_timers.empty() ? kNone : m_timers.begin()->first;
+  const TimerId wait = m_waits.empty() ? kNone : m_waits.begin()->first;
+  const TimerId next = std::min(timer, wait);
+  if (next == kNone || next.first > limit) return false;
+  m_now = std::max(m_now, next.first);
+  if (next == wait) {
+    finish(*m_waits.begin()->second, true);
+  } else {
+    m_changed.notify_all();  // the device's thread takes it from here
+  }
+  return true;
+}
+
+bool VirtualTime::settle(Duration limit) {
+  Lock lock(m_mutex);
+  const TimePoint end = m_now + limit;
+  const auto is_settled = [this] {
+    const auto ends = [](const auto& timer) { return !timer.second.endless; };
+    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && (!m_loop_busy || !m_missed.empty());
+  };
+  while (!is_settled()) {
+    if (!pass(lock, end)) return false;
+  }
+  return true;
+}
+
+void VirtualTime::advance(Duration duration) {
+  Lock lock(m_mutex);
+  const TimePoint end = m_now + duration;
+  while (pass(lock, end)) {
+  }
+  m_now = std::max(m_now, end);
+  m_changed.notify_all();
+}
+
+}  // namespace orvel::testing
+
+// ---- The client's time ----
+
+namespace orvel::service_apis::waiting {
+
+using testing::VirtualTime;
+
+TimePoint now() {
+  return VirtualTime::instance().now();
+}
+
+bool sleep_for(std::chrono::nanoseconds duration) {
+  VirtualTime::Wait sleep{VirtualTime::Wait::Kind::kSleep};
+  return !VirtualTime::instance().wait(sleep, duration);
+}
+
+bool interrupted() {
+  return VirtualTime::instance().interrupted();
+}
+
+Interrupt::Interrupt() {
+  VirtualTime::instance().interrupt();
+}
+
+Interrupt::~Interrupt() {
+  VirtualTime::instance().end_interrupt();
+}
+
+}  // namespace orvel::service_apis::waiting
+
+// ---- The device's ----
+
+namespace orvel::sim {
+
+using testing::VirtualTime;
+
+Clock::time_point Clock::now() {
+  return VirtualTime::instance().now();
+}
+
+Timer::Timer(sd_event*, std::chrono::milliseconds delay, std::function<void()> action) : m_action(std::move(action)) {
+  const auto fire = [this] {
+    const auto due = std::move(m_action);  // which may destroy this
+    due();
+  };
+  m_running.reset(new VirtualTime::TimerId(VirtualTime::instance().start_timer(delay, fire)));
+}
+
+void Timer::Stop::operator()(void* running) const {
+  const std::unique_ptr<VirtualTime::TimerId> timer(static_cast<VirtualTime::TimerId*>(running));
+  VirtualTime::instance().stop_timer(*timer);
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,117 @@
+// The time of the process under test, which no clock drives, and the thread of the device, whose work takes none.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace orvel::testing {
+
+// One for the process; it outlives everything. Any thread may use it.
+//
+// Time passes only while somebody waits for it: inside settle() and advance(), and inside a wait that passes time itself. It
+// then goes from one deadline to the next, and to each only when the device's thread and the client's run loop have nothing
+// left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
+//
+// The client's run loop, when it sleeps, waits for somebody else to let time pass: a test that kills a service and starts it
+// again must not find that the client has given up meanwhile.
+class VirtualTime {
+ public:
+  using Duration = std::chrono::nanoseconds;
+  using TimePoint = std::chrono::steady_clock::time_point;
+  using Task = std::function<void()>;
+  using TimerId = std::pair<TimePoint, std::uint64_t>;
+
+  // A wait that has a limit. It lives until wait() has returned.
+  struct Wait {
+    enum class Kind { kCall, kSleep } kind;
+    bool over = false;
+    bool expired = false;
+    bool of_loop = false;  // the client's run loop is in it
+    TimerId id{};
+  };
+
+  static VirtualTime& instance();
+
+  [[nodiscard]] TimePoint now();
+
+  // ---- The device's thread ----
+
+  // Runs tasks and the timers that are due, on the calling thread, until stop_device().
+  void run_device();
+  void stop_device();
+  void post(Task task);
+
+  // Runs `task` on the device's thread once the delay has passed. settle() does not wait for a timer that is endless, one of
+  // a series without an end.
+  TimerId start_timer(Duration delay, Task task, bool endless = false);
+  // On the device's thread: after this the task is not started any more.
+  void stop_timer(const TimerId& timer);
+
+  // ---- Waits ----
+
+  // Waits for end(); false when the limit passed before. A sleep of the run loop's does not let time pass itself, everything
+  // else does.
+  bool wait(Wait& wait, Duration limit);
+  void end(Wait& wait);
+  // Ends the calls that wait: their connections are going.
+  void end_calls();
+
+  // Nobody sleeps, and nobody falls asleep, as long as there are interrupts.
+  void interrupt();
+  void end_interrupt();
+  [[nodiscard]] bool interrupted();
+
+  // ---- What the client does ----
+
+  void set_loop_busy(bool busy);
+  // What the run loop has looked for in vain, and now waits for: nothing that time alone ends well. Empty: nothing.
+  void set_missed(const std::string& service);
+  void service_started(const std::string& service);
+
+  // ---- The test ----
+
+  // Waits until nothing is under way any more; time passes as far as that needs, but no further than `limit` from now. False
+  // when there is no end to it.
+  bool settle(Duration limit);
+  void advance(Duration duration);
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+
+  struct Timer {
+    Task task;
+    bool endless;
+  };
+
+  bool quiet() const;
+  bool timer_is_due() const;
+  bool pass(Lock& lock, TimePoint limit);
+  void finish(Wait& wait, bool expired);
+
+  std::mutex m_mutex;  // guards everything below; never held while a task runs
+  std::condition_variable m_changed;
+  TimePoint m_now{};
+  std::uint64_t m_last_id = 0;
+
+  std::deque<Task> m_tasks;
+  std::map<TimerId, Timer> m_timers;
+  bool m_device_busy = false;
+  bool m_device_stops = false;
+
+  std::map<TimerId, Wait*> m_waits;
+  int m_interrupts = 0;
+  int m_sleepers = 0;  // outside the run loop
+
+  bool m_loop_busy = false;   // it has something to do ...
+  bool m_loop_waits = false;  // ... but is in one of the waits
+  std::string m_missed;
+};
+
+}  // namespace orvel::testing
