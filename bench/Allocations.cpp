@@ -25,29 +25,28 @@ void given(void* block) {
 // The program's definitions take the place of the C library's, for operator new too, which calls malloc.
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library's own names for what is replaced below
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void __libc_free(void* block);
-// NOLINTEND(bugprone-reserved-identifier)
+// What is replaced below, by the C library's own names for it.
+void* libcMalloc(std::size_t size) __asm__("__libc_malloc");
+void* libcCalloc(std::size_t count, std::size_t size) __asm__("__libc_calloc");
+void* libcRealloc(void* block, std::size_t size) __asm__("__libc_realloc");
+void libcFree(void* block) __asm__("__libc_free");
 
 void* malloc(std::size_t size) noexcept {
-  return taken(__libc_malloc(size));
+  return taken(libcMalloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-  return taken(__libc_calloc(count, size));
+  return taken(libcCalloc(count, size));
 }
 
 void* realloc(void* block, std::size_t size) noexcept {
   given(block);
-  return taken(__libc_realloc(block, size));
+  return taken(libcRealloc(block, size));
 }
 
 void free(void* block) noexcept {
   given(block);
-  __libc_free(block);
+  libcFree(block);
 }
 
 }  // extern "C"

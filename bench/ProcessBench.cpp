@@ -1,5 +1,5 @@
-// What a call between two processes costs on the host runtime, and what starting a client costs. Needs a device:
-// scripts/bench runs it inside `orvel-sim run`.
+// What a call between two processes costs on the host runtime, and what starting a client, a command or a device costs.
+// Needs a device: scripts/bench runs it inside `orvel-sim run`.
 #include <benchmark/benchmark.h>
 #include <orvel/OrvelDelegateClient.h>
 #include <sched.h>
@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "EchoServer.h"
+#include "Programs.h"
 #include "Table.h"
 #include "parcel/OrvelSimEventMetadata.h"
 #include "parcel/String.h"
@@ -405,5 +406,18 @@ int main(int argc, char** argv) {
       {"directives to 100 namespaces : to one", "directives, 100", "directives, 1", Quantity::kPerSecond, ""});
   benchmark::RegisterBenchmark("initialize", initialize)->UseManualTime();
   rows.push_back({"initialize()", "initialize", "", Quantity::kMilliseconds, "under 20 ms"});
+  const std::string nothing = "a program that does nothing";
+  const auto add_program = [](const std::string& name, const std::vector<std::string>& words) {
+    benchmark::RegisterBenchmark(name.c_str(), [words](benchmark::State& state) {
+      runProgram(state, words);
+    })->UseRealTime();
+  };
+  add_program(nothing, {"/bin/true"});
+  add_program("orvelctl get name", {"orvelctl", "get", "name"});
+  add_program("orvel-sim run -- true", {"orvel-sim", "run", "--", "/bin/true"});
+  for (const auto& [name, aim] :
+       {std::pair("orvelctl get name", "under 30 ms"), {"orvel-sim run -- true", "under 150 ms"}}) {
+    rows.push_back({std::string(name) + ", the whole process : true", name, nothing, Quantity::kMilliseconds, aim});
+  }
   return runTable(argc, argv, rows);
 }

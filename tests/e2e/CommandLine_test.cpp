@@ -1,5 +1,8 @@
 // What a person types and gets: results, messages, exit statuses.
+#include <pty.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -46,7 +49,7 @@ TEST_F(NoDevice, WrongWordsListWhatThereIs) {
       {{"orvel-sim", "frobnicate"}, "set, unset, screen"},
       {{"orvel-sim", "kill", "toaster"}, "no service is called toaster; there are delegate, power"},
       {{"orvel-sim", "delay", "power", "getName", "5"}, "isInteractive, wakeUpDevice, getVersion"},
-      {{"orvel-sim", "delay", "power"}, "a number or off is expected"},
+      {{"orvel-sim", "delay", "power", "-5"}, "a number or off is expected"},
       {{"orvel-sim", "set", "shoeSize", "42"}, "delegate serialNumber TEXT"},
       {{"orvel-sim", "set", "screenOn", "maybe"}, "/power/screenOn: expected true or false"},
   };
@@ -205,13 +208,73 @@ TEST_F(NoDevice, AServiceThatWasGivenUpIsStatus5) {
       << result.error;
 }
 
-TEST_P(Device, WhatCannotBeWrittenIsAFailure) {
-  for (const char* command : {"orvelctl get name", "orvelctl --help", "orvel-sim state"}) {
-    for (const char* nowhere : {" >/dev/full", " >&-"}) {
-      const Result result = run({"/bin/sh", "-c", std::string("exec " ORVEL_BIN "/") + command + nowhere});
-      EXPECT_EQ(result.status, 1) << command << nowhere;
-      EXPECT_NE(result.error.find("cannot write to standard output"), std::string::npos) << result.error;
+TEST_P(Device, WhatCannotBeWrittenIsAFailureSaidInOneLine) {
+  order({"set", "name", std::string(20'000, 'x')});  // more than is kept back before it is written
+  const char* nowhere[] = {" >/dev/full", " >&-", " >&4 4>&-"};
+  for (const char* command :
+       {"orvelctl get name", "orvelctl --json device", "orvelctl pm list packages", "orvelctl doctor",
+        "orvelctl --json doctor", "orvelctl --help", "orvelctl --help-all", "orvel-sim state", "orvel-sim state --json",
+        "orvel-sim services --json", "orvel-sim traffic --past", "orvel-sim --help"}) {
+    for (const char* redirection : nowhere) {
+      // Descriptor 4 is a pipe that nobody reads.
+      const std::string script =
+          "mkfifo $TMPDIR/p; exec 3<>$TMPDIR/p 4>$TMPDIR/p 3<&-; rm $TMPDIR/p; exec " ORVEL_BIN "/";
+      const Result result = run({"/bin/sh", "-c", script + command + redirection});
+      EXPECT_EQ(result.status, 1) << command << redirection;
+      EXPECT_NE(result.error.find("cannot write to standard output: "), std::string::npos) << result.error;
+      EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << command << redirection << ":\n" << result.error;
     }
+  }
+  const auto watcher = start({"/bin/sh", "-c", "exec " ORVEL_BIN "/orvelctl --json watch screen >/dev/full"});
+  watcher->waitForError("orvelctl: watching ");
+  order({"screen", "off"});
+  EXPECT_EQ(watcher->wait(), 1);
+}
+
+TEST_F(NoDevice, ADeviceThatCannotSayThatItServesEnds) {
+  EXPECT_EQ(run({"/bin/sh", "-c", "exec " ORVEL_BIN "/orvel-sim run >/dev/full"}).status, 1);
+}
+
+// What a program writes to a terminal of the kind.
+std::string onTerminal(const Words& words, const Words& environment) {
+  int terminal = -1;
+  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (child == 0) {
+    for (const std::string& variable : environment) putenv(const_cast<char*>(variable.c_str()));
+    std::vector<char*> pointers;
+    for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
+    pointers.push_back(nullptr);
+    execv((ORVEL_BIN "/" + words.front()).c_str(), pointers.data());
+    _exit(127);
+  }
+  std::string text;
+  char bytes[512];
+  for (ssize_t size = 0; (size = read(terminal, bytes, sizeof(bytes))) > 0;)
+    text.append(bytes, static_cast<std::size_t>(size));
+  close(terminal);
+  waitpid(child, nullptr, 0);
+  return text;
+}
+
+TEST_F(NoDevice, ColoursAreForTerminalsThatShowThemAndPeopleWhoWantThem) {
+  const struct {
+    Words variables;
+    bool coloured;
+  } rows[] = {
+      {{"TERM=xterm", "NO_COLOR="}, true},
+      {{"TERM=xterm", "NO_COLOR=1"}, false},
+      {{"TERM=dumb", "NO_COLOR="}, false},
+      {{"TERM=", "NO_COLOR="}, false},
+  };
+  for (const Words& words : {Words{"orvelctl", "get", "shoe-size"}, Words{"orvelctl", "doctor"},
+                             Words{"orvel-sim", "kill", "toaster"}, Words{"orvel-sim", "frobnicate"}}) {
+    for (const auto& row : rows) {
+      const std::string text = onTerminal(words, environment() + row.variables);
+      EXPECT_EQ(text.find("\x1b[1;31m") != std::string::npos, row.coloured) << row.variables.front() << ": " << text;
+      EXPECT_EQ(text.find('\x1b') != std::string::npos, row.coloured) << text;
+    }
+    const Result piped = e2e::run(words, environment() + Words{"TERM=xterm", "NO_COLOR="});
+    EXPECT_EQ((piped.output + piped.error).find('\x1b'), std::string::npos) << piped.error;
   }
 }
 

@@ -36,15 +36,19 @@ class NoDevice : public ::testing::Test {
   }
 
   // Before a service is told to hang: programs that start from now on do not wait long for it.
-  void shortenCallLimit() { m_callLimitMs = 500; }
+  void shortenCallLimit() { m_callLimitMs = 1'500; }
+  // For those that nothing may hurry on a busy machine.
+  void restoreCallLimit() { m_callLimitMs = kCallLimitMs; }
 
   // Starts a program without waiting, or runs it to its end.
   std::unique_ptr<Process> start(const Words& words) const { return std::make_unique<Process>(words, environment()); }
   Result run(const Words& words) const { return e2e::run(words, environment()); }
 
  private:
+  static constexpr int kCallLimitMs = 20'000;
+
   std::filesystem::path m_temporary;
-  int m_callLimitMs = 20'000;
+  int m_callLimitMs = kCallLimitMs;
 };
 
 // The words of one command line, in two parts.

@@ -111,18 +111,5 @@ TEST_P(Intents, ABroadcastOfOneClientReachesAnotherAndTheTrafficShowsItWhole) {
   FAIL() << "the broadcast is not in the traffic";
 }
 
-TEST_P(Intents, TheExampleTellsTheVersionOfEachPackageThatChanges) {
-  const auto watcher = start({"package-watcher"});
-  watcher->waitForError("watching");
-  order({"package", "install", "com.example.app", "--version-name", "1.0"});
-  watcher->waitForOutput("ADDED com.example.app has version 1.0");
-  order({"package", "replace", "com.example.app", "--version-name", "2.0"});
-  watcher->waitForOutput("REPLACED com.example.app has version 2.0");
-  order({"package", "remove", "com.example.app"});
-  watcher->waitForOutput("REMOVED com.example.app is not installed");
-  watcher->signal(SIGTERM);
-  EXPECT_EQ(watcher->wait(), 0);
-}
-
 }  // namespace
 }  // namespace orvel::e2e

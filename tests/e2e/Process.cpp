@@ -20,7 +20,7 @@ namespace orvel::e2e {
 namespace {
 
 // Far beyond what anything takes, also under a sanitizer on a busy machine.
-constexpr int kDeadlineMs = 30'000;
+constexpr int kDeadlineMs = 60'000;
 
 void check(bool good, const char* what) {
   if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -116,7 +116,8 @@ std::string Process::waitFor(Stream& stream, const std::string& text) {
       return stream.text.substr(begin + text.size(), end - begin - text.size());
     }
     const bool late = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(kDeadlineMs);
-    if (!more || late) throw std::runtime_error("no '" + text + "' from " + m_words.front() + ":\n" + stream.text);
+    if (!more || late)
+      throw std::runtime_error("no '" + text + "' from " + m_words.front() + ":\n" + output() + error());
   }
 }
 

@@ -1,0 +1,97 @@
+#include "tools/cli/Completion.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+namespace orvel::cli {
+namespace {
+
+using Words = std::vector<std::string>;
+
+// A program with one of each.
+class Completion : public ::testing::Test {
+ protected:
+  Completion() {
+    m_app.fallthrough();
+    m_app.add_flag("--json", m_flag);
+    m_app.add_option("--level", m_text)->check(CLI::IsMember({"low", "high"}));
+    m_app.add_flag("--secret", m_flag)->group("");
+    m_app.add_subcommand("hidden", "")->group("");
+    CLI::App* get = m_app.add_subcommand("get", "");
+    get->add_option("value", m_text)->check(CLI::IsMember({"name", "type"}))->type_name("");
+    get->add_option("--es", m_pairs)->type_name("KEY TEXT")->allow_extra_args(false);
+    get->add_option("-p,--package", m_text);
+    CLI::App* copy = m_app.add_subcommand("copy", "");
+    copy->add_option("from", m_text)->type_name("FILE");
+    copy->add_option("key", m_text);
+    copy->add_option("rest", m_words);
+    m_app.add_subcommand("watch", "")->add_option("kinds", m_words);
+    m_app.add_subcommand("set", "")->prefix_command();
+    CLI::App* group = m_app.add_subcommand("group", "");
+    group->add_subcommand("inner", "")->add_option("key", m_text);
+  }
+
+  CLI::App m_app{"", "ctl"};
+  bool m_flag = false;
+  std::string m_text;
+  Words m_words;
+  std::vector<std::pair<std::string, std::string>> m_pairs;
+};
+
+TEST_F(Completion, OffersWhatTheParserWouldTakeAtThatPlace) {
+  const Values values = {{"--package", {"@packages"}},
+                         {"copy key", {"@settings"}},
+                         {"rest", {"@rests"}},
+                         {"set", {"@fields"}},
+                         {"watch kinds", {"screen", "setting:@settings", "broadcast:"}},
+                         {"inner key", {"a", "b"}}};
+  const struct {
+    const char* line;
+    Words words;
+    const char* kind;
+    const char* head;
+    Words before;
+  } rows[] = {
+      {"ctl ", {"get", "copy", "watch", "set", "group"}, "", "", {}},
+      {"ctl --json ", {"get", "copy", "watch", "set", "group"}, "", "", {}},
+      {"ctl --level ", {"low", "high"}, "", "", {}},
+      {"ctl --level=", {"--level=low", "--level=high"}, "", "", {}},
+      {"ctl --json=", {}, "", "", {}},
+      {"ctl --no=", {}, "", "", {}},
+      {"ctl --level low -", {"--help", "-h", "--json", "--level"}, "", "", {}},
+      {"ctl get -", {"--help", "-h", "--es", "--package", "-p", "--help", "-h", "--json", "--level"}, "", "", {}},
+      {"ctl get ", {"name", "type"}, "", "", {}},
+      {"ctl get name ", {}, "", "", {}},
+      {"ctl get --es k v ", {"name", "type"}, "", "", {}},
+      {"ctl get --es k ", {}, "", "", {"k"}},
+      {"ctl get -- -", {"name", "type"}, "", "", {}},
+      {"ctl get --package ", {}, "packages", "", {}},
+      {"ctl get -p ", {}, "packages", "", {}},
+      {"ctl get --package=x", {}, "packages", "--package=", {}},
+      {"ctl copy ", {}, kFileNames, "", {}},
+      {"ctl copy f ", {}, "settings", "", {}},
+      {"ctl copy f k ", {}, "rests", "", {}},
+      {"ctl copy f k r1 --json r2 ", {}, "rests", "", {"r1", "r2"}},
+      {"ctl copy f k r1 --level low r2 ", {}, "rests", "", {"r1", "r2"}},
+      {"ctl copy get ", {}, "settings", "", {}},  // a word that is no subcommand here
+      {"ctl watch ", {"screen", "setting:", "broadcast:"}, "", "", {}},
+      {"ctl watch screen setting:s", {"screen", "broadcast:"}, "settings", "setting:", {"screen"}},
+      {"ctl set ", {}, "fields", "", {}},
+      {"ctl set a -3 --x ", {}, "fields", "", {"a", "-3", "--x"}},
+      {"ctl set a -", {}, "fields", "", {"a"}},
+      {"ctl group ", {"inner"}, "", "", {}},
+      {"ctl group inner ", {"a", "b"}, "", "", {}},
+      {"ctl unknown word ", {}, "", "", {}},
+  };
+  for (const auto& row : rows) {
+    const Candidates found = candidates(m_app, TypedWord(row.line, ""), values);
+    EXPECT_EQ(found.words, row.words) << row.line;
+    EXPECT_EQ(found.kind, row.kind) << row.line;
+    EXPECT_EQ(found.head, row.head) << row.line;
+    EXPECT_EQ(found.before, row.before) << row.line;
+  }
+}
+
+}  // namespace
+}  // namespace orvel::cli

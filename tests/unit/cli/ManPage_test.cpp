@@ -1,0 +1,57 @@
+#include "tools/cli/ManPage.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace orvel::cli {
+namespace {
+
+TEST(ManPage, WhatRoffWouldTakeForItsOwnIsText) {
+  std::string text;
+  CLI::App app("Does 'it' with \\fB, \"quotes\" and a - dash.", "ctl");
+  app.add_option("-o,--out-file", text, ".file of the result")->type_name("FILE");
+  app.footer(".so much\n\nFiles:\n  '.ctl'  ~user `x` ^\n  .   a dot\n\nAs a text");
+  const std::string page = manPage(app, "other");
+  for (const char* line : {
+           "ctl \\- does \\(aqit\\(aq with \\efB, \\(dqquotes\\(dq and a \\- dash",
+           "\\fB\\-o\\fR, \\fB\\-\\-out\\-file\\fR \\fIFILE\\fR\n\\&.file of the result",
+           ".PP\n\\&.so much\n",
+           ".SH FILES\n.RS 2\n.nf\n\\(aq.ctl\\(aq  \\(tiuser \\(gax\\(ga \\(ha\n\\&.   a dot\n.fi\n.RE\n.PP\nAs a "
+           "text\n",
+           ".SH SEE ALSO\n\\fBother\\fR(1)\n",
+       }) {
+    EXPECT_NE(page.find(line), std::string::npos) << line << "\nis not in\n" << page;
+  }
+}
+
+TEST(ManPage, EachSubcommandIsThereOnceAndAListThatSeveralHaveToo) {
+  std::string text;
+  CLI::App app("", "ctl");
+  app.footer("Examples:\n  ctl one");
+  app.add_flag("--secret")->group("");
+  app.add_subcommand("hidden", "")->group("");
+  CLI::App* group = app.add_subcommand("group", "Is a group")->require_subcommand(1);
+  for (const char* name : {"one", "two"}) {
+    CLI::App* each = group->add_subcommand(name, std::string("Does ") + name)->alias(std::string(name) + "-too");
+    each->add_option("value", text, "what")->required()->check(CLI::IsMember({"a", "b"}))->capture_default_str();
+    each->add_option("bare", text)->type_name("");
+    each->footer("Values:\n  a  first\n  b  second");
+  }
+  const std::string page = manPage(app, "other");
+  for (const char* part : {
+           ".SS ctl group\nctl group [OPTIONS] SUBCOMMAND\n.PP\nIs a group.\n.SS ctl group one\n",
+           "ctl group one [OPTIONS] value [bare]\n.br\nAlso \\fBone\\-too\\fR.\n.PP\nDoes one.\n"
+           ".TP\n\\fBvalue\\fR\nwhat; one of a, b\n"
+           ".PP\nValues:\n.RS 2\n.nf\na  first\nb  second\n.fi\n.RE\n",
+           ".PP\nValues: as for \\fBctl group one\\fR.\n.SH EXAMPLES\n.RS 2\n.nf\nctl one\n.fi\n.RE\n",
+       }) {
+    EXPECT_NE(page.find(part), std::string::npos) << part << "\nis not in\n" << page;
+  }
+  EXPECT_EQ(page.find("hidden"), std::string::npos);
+  EXPECT_EQ(page.find("secret"), std::string::npos);
+  EXPECT_EQ(page.find("ctl one"), page.rfind("ctl one"));
+}
+
+}  // namespace
+}  // namespace orvel::cli
