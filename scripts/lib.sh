@@ -14,7 +14,8 @@ build_packages=(
 )
 check_packages=(
   clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
-  binutils shellcheck doxygen valgrind libc6-dbg
+  binutils shellcheck doxygen valgrind libc6-dbg python3
+  groff mandoc blueprint-tools dpkg-dev lintian debootstrap
 )
 cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 
