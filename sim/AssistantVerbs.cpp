@@ -89,12 +89,9 @@ void showMetrics(std::uint64_t last, bool json) {
 void addEventResultVerb(CLI::App& app) {
   struct Words {
     std::string code;
-    Json values;
+    Json values = Json::object();  // those that are given
   };
   const auto words = std::make_shared<Words>();
-  for (const char* field : {"reply", "result", "resultDelayMs", "resultMode"}) {
-    words->values[field] = defaultScenario().at("events").at(field);
-  }
   CLI::App* verb = app.add_subcommand("event-result", "Say what the following events of clients result in, and how");
   verb->add_option("result", words->code,
                    "SUCCESS, SUCCESS_NO_CONTENT, MARO_DISCONNECTED, INTERNAL_ERROR, TIMEOUT, INVALID_EVENT, "
@@ -123,8 +120,13 @@ void addEventResultVerb(CLI::App& app) {
   verb->footer("What is not given is as by default again: accepted, and the result once, right after the reply.");
   addReading(*verb, {resultInForce, resultInWords}, [words] {
     if (words->code.empty()) throw ScenarioError("event-result: a CODE or a NAME is expected");
-    words->values["result"] = eventResultCalled(words->code);
-    orderChange(makeAct("set", "events", words->values));
+    const Json initial = defaultScenario().at("events");
+    Json values;
+    for (const char* field : {"reply", "resultDelayMs", "resultMode"}) {
+      values[field] = words->values.value(field, initial.at(field));
+    }
+    values["result"] = eventResultCalled(words->code);
+    orderChange(makeAct("set", "events", values));
   });
 }
 

@@ -19,8 +19,10 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-std::string describeValues() {
-  return "Values:\n" + describeScenario() + "\nThe service may be left out where only one has the field.";
+// Below the help of a verb: the values, described only when somebody reads it, for that takes long.
+void addValues(CLI::App& verb, const std::string& more = "") {
+  verb.footer([] { return "Values:\n" + describeScenario(); });
+  verb.footer("The service may be left out where only one has the field." + more);
 }
 
 void addGet(CLI::App& app) {
@@ -29,7 +31,7 @@ void addGet(CLI::App& app) {
   CLI::App* get = app.add_subcommand("get", "Show a value as it is now: get [SERVICE] FIELD [KEY...], or all");
   get->add_option("field", *words, "[SERVICE] FIELD [KEY...], as for set")->type_name("");
   get->add_flag("--json", *json, "a text as JSON too, and everything in one line");
-  get->footer(describeValues() + "\nWhat is not set is said so, with exit status 1.");
+  addValues(*get, "\nWhat is not set is said so, with exit status 1.");
   get->callback([words, json] {
     const Json value = inForce(*words);
     print(*json ? value.dump() : value.is_string() ? value.get<std::string>() : value.dump(2));
@@ -39,7 +41,7 @@ void addGet(CLI::App& app) {
 void addSet(CLI::App& app) {
   // All that follows is taken as it is, a value like -3 too.
   CLI::App* set = app.add_subcommand("set", "Change a value: set [SERVICE] FIELD [KEY...] VALUE")->prefix_command();
-  set->footer(describeValues());
+  addValues(*set);
   set->callback([set] {
     Words words = set->remaining();
     if (words.size() < 2) throw ScenarioError("a FIELD and a VALUE are expected; there are\n" + describeScenario());
@@ -53,7 +55,7 @@ void addUnset(CLI::App& app) {
   const auto words = std::make_shared<Words>();
   CLI::App* unset = app.add_subcommand("unset", "Remove a key, such as a setting");
   unset->add_option("field", *words, "[SERVICE] FIELD KEY...")->required()->type_name("");
-  unset->footer(describeValues());
+  addValues(*unset);
   unset->callback([words] { orderChange(changeOf(*words, {})); });
 }
 

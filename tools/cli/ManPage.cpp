@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -188,7 +189,9 @@ class Page {
     if (option.get_items_expected_max() != 0 && !option.get_default_str().empty()) {
       text += " (default: " + option.get_default_str() + ")";
     }
-    for (const CLI::Option* other : option.get_excludes()) text += "; not with " + other->get_name();
+    std::set<std::string> others;  // by name: CLI11 orders them by address, which differs from run to run
+    for (const CLI::Option* other : option.get_excludes()) others.insert(other->get_name());
+    for (const std::string& other : others) text += "; not with " + other;
     if (text.empty()) return;  // the synopsis says all there is
     m_roff << ".TP\n";
     std::istringstream names(option.get_name(positional, !positional));

@@ -11,11 +11,14 @@ TEST(ManPage, WhatRoffWouldTakeForItsOwnIsText) {
   std::string text;
   CLI::App app("Does 'it' with \\fB, \"quotes\" and a - dash.", "ctl");
   app.add_option("-o,--out-file", text, ".file of the result")->type_name("FILE");
+  CLI::Option* plain = app.add_flag("--plain", "no colours");
+  for (const char* other : {"--tint", "--bold", "--mono"}) plain->excludes(app.add_flag(other));
   app.footer(".so much\n\nFiles:\n  '.ctl'  ~user `x` ^\n  .   a dot\n\nAs a text");
   const std::string page = manPage(app, "other");
   for (const char* line : {
            "ctl \\- does \\(aqit\\(aq with \\efB, \\(dqquotes\\(dq and a \\- dash",
            "\\fB\\-o\\fR, \\fB\\-\\-out\\-file\\fR \\fIFILE\\fR\n\\&.file of the result",
+           "no colours; not with \\-\\-bold; not with \\-\\-mono; not with \\-\\-tint\n",
            ".PP\n\\&.so much\n",
            ".SH FILES\n.RS 2\n.nf\n\\(aq.ctl\\(aq  \\(tiuser \\(gax\\(ga \\(ha\n\\&.   a dot\n.fi\n.RE\n.PP\nAs a "
            "text\n",
