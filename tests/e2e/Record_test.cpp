@@ -343,7 +343,7 @@ TEST_F(Replaying, WhatHungHangsWhatWasDroppedIsDroppedAndWhatIsMissingIsTold) {
   const Result result = replay(lines,
                                "orvelctl setting drop --default 7; echo $?; orvelctl setting drop; "
                                "orvelctl --timeout 0.3 setting hang; echo $?; orvelctl setting good");
-  EXPECT_EQ(result.output, "1\n1\n4\n2\n") << result.error;
+  EXPECT_EQ(result.output, "5\n1\n4\n2\n") << result.error;
   EXPECT_NE(result.error.find("hand.jsonl:3: 3 entries are missing\n"), std::string::npos) << result.error;
   EXPECT_NE(result.error.find("error -104"), std::string::npos) << result.error;
 }

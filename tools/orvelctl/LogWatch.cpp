@@ -34,6 +34,7 @@ Watch& watch() {
 
 thread_local bool t_error = false;
 thread_local bool t_timed_out = false;
+thread_local bool t_died = false;
 
 // What stands between the two texts, when the message has them.
 std::optional<std::string> nameIn(std::string_view message, std::string_view before, std::string_view after) {
@@ -68,7 +69,10 @@ void learn(std::string_view message) {
 void take(const __android_logger_data* line, const char* text) {
   const std::string_view message(text);
   if (line->priority >= ANDROID_LOG_ERROR) t_error = true;
-  if (message == "call:VESK call failed with error " + std::to_string(-ETIMEDOUT)) t_timed_out = true;
+  if (const auto error = nameIn(message, "call:VESK call failed with error ", "")) {
+    t_timed_out = t_timed_out || *error == std::to_string(-ETIMEDOUT);
+    t_died = t_died || *error == std::to_string(-EPIPE) || *error == std::to_string(-ECONNRESET);
+  }
   learn(message);
   if (nameIn(message, "initialize:Failed to get VESK runtime", "")) {
     const std::lock_guard<std::mutex> lock(watch().mutex);
@@ -113,6 +117,7 @@ int losses() {
 CallLog::CallLog() {
   t_error = false;
   t_timed_out = false;
+  t_died = false;
 }
 
 bool CallLog::hasError() const {
@@ -120,6 +125,9 @@ bool CallLog::hasError() const {
 }
 bool CallLog::hasTimedOut() const {
   return t_timed_out;
+}
+bool CallLog::hasMetDeath() const {
+  return t_died;
 }
 
 }  // namespace orvelctl

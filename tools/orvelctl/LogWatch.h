@@ -24,6 +24,7 @@ class CallLog {
   CallLog();
   bool hasError() const;
   bool hasTimedOut() const;  // a service did not answer within the call limit
+  bool hasMetDeath() const;  // a service died before it answered; the notice of that may come later, on another thread
 };
 
 }  // namespace orvelctl

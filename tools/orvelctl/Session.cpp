@@ -130,6 +130,7 @@ std::variant<Json, Failure> Session::call(const std::string& what, const std::st
     return failed(too_big ? "its value does not fit in an int" : "its value is not a number");
   }
   if (log.hasTimedOut()) return failed("the service did not answer in time", kTimedOut);
+  if (log.hasMetDeath()) return failed("service " + service + " has died", kNotBound);
   if (result == nothing && isUnbound(service)) return failed("service " + service + " is not bound", kNotBound);
   if (log.hasError()) return failed("the call failed");
   return result;
