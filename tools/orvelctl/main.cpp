@@ -51,11 +51,11 @@ Exit status:
   2  wrong usage
   3  no device
   4  timed out: --timeout, or a service that did not answer within the call limit
-  5  the service is not bound: given up, or dead and not back yet
+  5  the service is not bound: given up, dead and not back yet, or it died during the call
   128 + N  ended by signal N
 They are the same for each subcommand; assistant, network and directive ask no service and so never end with 5.
 The client answers a failed query with an empty value. Here it counts as failed when the client logged an error
-meanwhile, and as not bound when the log says so of its service.)";
+meanwhile, and as not bound when the log says so of its service or that the service died.)";
 
 constexpr char kWatchFooter[] = R"(
 A subscription survives the death of its service: it is made again when the service is back, and only what happens
