@@ -54,6 +54,7 @@ const char* FakeDevice::any_service() {
 }
 
 void FakeDevice::serve() {
+  m_vesk.be_strict();
   for (const char* service : kServices) serve(service);
 }
 

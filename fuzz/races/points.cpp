@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -50,6 +51,7 @@ std::string describe(const Case& what, Meeting meeting, const char* kind, int po
 class Rebind {
  public:
   explicit Rebind(Case what) : m_case(std::move(what)) {
+    m_vesk.be_strict();
     for (const char* service : kServices) m_vesk.add_service(service);
     m_delegate.start();
     m_client.initialize();
@@ -83,7 +85,8 @@ class Rebind {
 
   // What is left of the client after its end; empty for nothing.
   std::string left() {
-    const Live live = m_vesk.live();
+    Live live = m_vesk.live();
+    live.lookups = 0;  // a handle that comes when the client has stopped waiting for it stays bound
     if (live == Live{}) return {};
     std::ostringstream text;
     text << live;
@@ -104,16 +107,19 @@ bool shut_down_at(const Case& what, Meeting meeting, bool at_sleep, int point) {
   Rebind rebind(what);
   std::thread stopper;
   std::atomic<bool> reached{false};
-  const auto stop = [&] {
+  const auto stop = [&](std::string_view operation) {
     reached = true;
     stopper = std::thread([&] { rebind.client().shutdown(); });
     if (meeting == kInterrupting)
       while (!orvel::service_apis::waiting::interrupted()) std::this_thread::yield();
-    if (meeting == kRuntimeShutDown)
+    // A shutdown waits for what binds or publishes, so that nothing does so after it.
+    const bool waited_for = operation == "vesk_service_bind" || operation == "vesk_binder_servicemanager_get" ||
+                            operation == "vesk_service_register";
+    if (meeting == kRuntimeShutDown && !waited_for)
       while (rebind.vesk().uses("vesk_shutdown") == 0) std::this_thread::yield();
   };
   if (!at_sleep) rebind.vesk().at_use(point, stop);
-  rebind.run(at_sleep ? point : 0, stop);
+  rebind.run(at_sleep ? point : 0, [&] { stop(""); });
   rebind.client().shutdown();
   if (stopper.joinable()) stopper.join();
   std::string fault = rebind.left();

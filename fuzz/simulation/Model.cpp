@@ -206,8 +206,7 @@ void Model::answer_binds(int service) {
     if (wait.open && wait.connection < 0) {
       wait.connection = connections[n];
     } else {
-      m_connections[static_cast<std::size_t>(connections[n])].closed = true;
-      m_bindings.push_back(std::string("-") + name(service));
+      ++m_late_handles;
     }
   }
 }
@@ -244,6 +243,7 @@ bool Model::sleep(int seconds) {
 }
 
 int Model::look_up(int service) {
+  if (m_interrupted) return -1;
   ServiceState& it = state(service);
   const bool android = service == kDirectives;
   int failure = 0;
@@ -316,9 +316,9 @@ void Model::died(int connection) {
 
 bool Model::publish(const std::string& nspace, const Listener& listener) {
   const std::string published = "sim_broker_service_" + nspace + "_vesk_endpoint";
-  if (m_taken.count(published) != 0) {
+  if (m_interrupted || m_taken.count(published) != 0) {
     error("registerForDirectiveInternal:vesk service register failed. nspace=" + nspace +
-          ", err=" + std::to_string(-EADDRINUSE));
+          ", err=" + std::to_string(m_interrupted ? -ESHUTDOWN : -EADDRINUSE));
     return false;
   }
   m_published[published] = listener;

@@ -36,6 +36,8 @@ class Model {
   [[nodiscard]] const std::vector<std::string>& bindings() const { return m_bindings; }
   // How many requests, and replies, were left allocated on purpose.
   [[nodiscard]] int forgotten() const { return m_forgotten; }
+  // Handles that came when nobody waited for them any more, and which nobody unbinds.
+  [[nodiscard]] int late_handles() const { return m_late_handles; }
   [[nodiscard]] bool maro_connected() const { return m_maro; }
 
  private:
@@ -154,6 +156,7 @@ class Model {
   Listener m_network;
   bool m_unfinished_network_call = false;
   int m_forgotten = 0;
+  int m_late_handles = 0;
 };
 
 }  // namespace orvel::fuzz

@@ -64,7 +64,9 @@ std::string verdict(const World& world, const Trace& trace) {
   const std::vector<std::string> bindings = in_any_order(world.bindings());
   if (const auto promised = in_any_order(model.bindings()); bindings != promised)
     failures << "bound, unbound, published\n  expected:\n" << joined(promised) << "  seen:\n" << joined(bindings);
-  const Live left{model.forgotten(), model.forgotten(), 0, 0, 0};
+  Live left;
+  left.payloads = left.buffers = model.forgotten();
+  left.lookups = model.late_handles();
   if (!(world.live() == left)) failures << "left\n  expected: " << left << "\n  seen:     " << world.live() << "\n";
   if (world.callbacks() != 0) failures << world.callbacks() << " callbacks outlive the client\n";
   if (service_apis::OrvelDelegateClient::getClient().isMaroConnected() != model.maro_connected())

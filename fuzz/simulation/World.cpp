@@ -66,6 +66,7 @@ World::World(Choices& choices, Trace& trace, bool lines) : m_choices(choices), m
   __android_log_set_minimum_priority(lines ? ANDROID_LOG_VERBOSE : ANDROID_LOG_ERROR);
   __android_log_set_logger(record_line);
   m_vesk.keep_quiet();
+  m_vesk.be_strict();
   m_vesk.hold_run_loop();
   m_clock.at_sleep(1, [this] { slept(); });
 }

@@ -1,6 +1,7 @@
 #include "binder/Binder.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <utility>
@@ -25,6 +26,8 @@ constexpr std::chrono::seconds kPauseAfterDeath{6};
 // The three words in front of every request; only the services give them a meaning.
 constexpr std::int32_t kRequestHeader[] = {0, -1, 0x53595354 /* "SYST" */};
 
+constexpr char kCall[] = "call";  // what log lines name, whichever form of it runs
+
 long long seconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
 }
@@ -41,8 +44,7 @@ Binder::Binder(void* runtime, const char* service_name, bool is_android_service,
 }
 
 Binder::~Binder() {
-  vesk_payload_free(m_payload);
-  vesk_buffer_free(m_buffer);
+  free_messages();
   if (m_handle) vesk_service_unbind(m_runtime, m_handle->get());
   m_handle.reset();  // Unlinks the death listener, which uses the rest.
 }
@@ -74,14 +76,11 @@ bool Binder::bind_to_service() {
     return false;
   }
 
-  // The lookup's reference ends by itself with the service; without memory for the link it would live on.
-  LookedUp found(m_runtime, *handle->get());
   // No notice comes before m_handle is there: this is the run-loop thread, or that has not been started yet.
   if (!handle->set_death_listener([this] { on_binder_died(); })) {
     s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
     return false;
   }
-  found.keep();
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_handle = std::move(handle);
   ++m_connection;
@@ -105,39 +104,50 @@ void Binder::on_binder_died() {
   s_binder_logger.i("%s:Death callback completed", __func__);
 }
 
-vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer, Connection only) {
+vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (only != kNoConnection && only != m_connection) return nullptr;
+  return call_locked(descriptor, code, writer);
+}
+
+std::optional<vesk_buffer*> Binder::call_on(Connection only, const char* descriptor, unsigned int code,
+                                            const RequestWriter& writer) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (only != m_connection) return std::nullopt;
+  return call_locked(descriptor, code, writer);
+}
+
+vesk_buffer* Binder::call_locked(const char* descriptor, unsigned int code, const RequestWriter& writer) {
   if (!m_handle) {
-    s_binder_logger.e("%s:Binder is not initialized", __func__);
+    s_binder_logger.e("%s:Binder is not initialized", kCall);
     return nullptr;
   }
   m_payload = vesk_payload_alloc();
   if (!m_payload) {
-    s_binder_logger.e("%s:Failed to alloc payload", __func__);
+    s_binder_logger.e("%s:Failed to alloc payload", kCall);
     return nullptr;
   }
   m_buffer = vesk_buffer_alloc();
   if (!m_buffer) {
-    s_binder_logger.e("%s:Failed to alloc buffer", __func__);
+    s_binder_logger.e("%s:Failed to alloc buffer", kCall);
     return nullptr;
   }
   if (!writeHeaders(m_payload)) {
-    s_binder_logger.e("%s:Failed to write headers", __func__);
+    s_binder_logger.e("%s:Failed to write headers", kCall);
     return nullptr;
   }
   String::write(m_payload, descriptor);
-  writer(m_payload);
-  if (const int error = vesk_payload_last_error(m_payload); error != 0) {
-    s_binder_logger.e("%s:Serialize payload failed with error %d", __func__, error);
+  const bool whole = writer(m_payload);
+  const int write_error = vesk_payload_last_error(m_payload);
+  if (!whole || write_error != 0) {
+    s_binder_logger.e("%s:Serialize payload failed with error %d", kCall, write_error != 0 ? write_error : -EINVAL);
     return nullptr;
   }
   if (const int error = vesk_call(m_handle->runtime(), m_handle->get(), code, m_payload, m_buffer); error != 0) {
-    s_binder_logger.e("%s:VESK call failed with error %d", __func__, error);
+    s_binder_logger.e("%s:VESK call failed with error %d", kCall, error);
     return nullptr;
   }
   if (exceptionOccurred(m_buffer)) {
-    s_binder_logger.e("%s:Exception occurred in VESK call", __func__);
+    s_binder_logger.e("%s:Exception occurred in VESK call", kCall);
     return nullptr;
   }
   return m_buffer;
@@ -146,8 +156,12 @@ vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const Reque
 void Binder::done() {
   const std::lock_guard<std::mutex> lock(m_mutex);
   vesk_reply_done(m_runtime, m_buffer);
-  vesk_payload_free(std::exchange(m_payload, nullptr));
-  vesk_buffer_free(std::exchange(m_buffer, nullptr));
+  free_messages();
+}
+
+void Binder::free_messages() {
+  if (m_payload) vesk_payload_free(std::exchange(m_payload, nullptr));
+  if (m_buffer) vesk_buffer_free(std::exchange(m_buffer, nullptr));
 }
 
 bool Binder::good() {

@@ -7,16 +7,41 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 
+#include "binder/Disposal.h"
 #include "binder/IpcHandle.h"
 #include "binder/ThreadAnnotations.h"
 #include "vesk/vesk.h"
 
 namespace orvel::service_apis {
 
-// Writes the arguments of a transaction behind the header and the descriptor.
-using RequestWriter = std::function<void(vesk_payload*)>;
+// Writes the arguments of a transaction behind the header and the descriptor. Made of any callable that takes the payload; one
+// that returns a bool says with false that the request is not whole and must not be sent.
+class RequestWriter {
+ public:
+  RequestWriter() = default;  // empty: throws std::bad_function_call when it is called
+
+  template <typename Write, typename Result = std::invoke_result_t<const Write&, vesk_payload*>>
+  RequestWriter(Write write) {  // NOLINT(google-explicit-constructor): a writer is what a lambda is given as
+    if constexpr (std::is_void_v<Result>) {
+      m_write = [write = std::move(write)](vesk_payload* request) {
+        write(request);
+        return true;
+      };
+    } else {
+      m_write = std::move(write);
+    }
+  }
+
+  bool operator()(vesk_payload* request) const { return m_write(request); }
+
+ private:
+  std::function<bool(vesk_payload*)> m_write;
+};
 
 // The writer of a transaction without arguments.
 inline void no_arguments(vesk_payload*) {}
@@ -58,9 +83,12 @@ class Binder {
   // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`. The reply, behind its
   // exception code, belongs to the Binder until done(); null on any failure, which is logged, and for a remote
   // exception. Deliberately, a call that follows one without done() leaves the earlier request and reply allocated.
-  // With `only`, nothing is sent and nothing logged when that connection is not the newest one any more.
-  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments,
-                                  Connection only = kNoConnection) ORVEL_EXCLUDES(m_mutex);
+  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
+      ORVEL_EXCLUDES(m_mutex);
+
+  // The same on one connection only: empty, with nothing sent and nothing logged, when it is not the newest one any more.
+  [[nodiscard]] std::optional<vesk_buffer*> call_on(Connection only, const char* descriptor, unsigned int code,
+                                                    const RequestWriter& writer) ORVEL_EXCLUDES(m_mutex);
 
   // Frees the request and the reply, those of a failed call too. May be called again.
   void done() ORVEL_EXCLUDES(m_mutex);
@@ -82,6 +110,9 @@ class Binder {
   friend class ReplyScope;
 
   std::unique_ptr<vesk::IpcHandle> look_up() const;
+  vesk_buffer* call_locked(const char* descriptor, unsigned int code, const RequestWriter& writer)
+      ORVEL_REQUIRES(m_mutex);
+  void free_messages() ORVEL_REQUIRES(m_mutex);
 
   std::mutex m_transaction;
   std::mutex m_mutex;
@@ -112,6 +143,7 @@ class ReplyScope {
   void keep() { m_kept = true; }
 
  private:
+  const Disposal m_disposal;  // of the endpoints that end with the request
   Binder& m_binder;
   bool m_kept = false;
   const std::lock_guard<std::mutex> m_lock;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <unordered_map>
 
+#include "binder/Admission.h"
 #include "binder/ThreadAnnotations.h"
 #include "binder/Waiting.h"
 
@@ -38,13 +39,13 @@ class PendingBinds {
     return reinterpret_cast<void*>(number);  // NOLINT(performance-no-int-to-ptr): never dereferenced
   }
 
-  // False when nobody waits for the handle: the wait is over, or another callback was first.
-  bool deliver(void* context, vesk_handle handle) {
+  // Does nothing when the wait is over, or another callback was first. The handle stays bound then: unbinding may be per
+  // service, and would cut the connection that a later attempt made.
+  void deliver(void* context, vesk_handle handle) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto bind = m_binds.find(reinterpret_cast<std::uintptr_t>(context));
-    if (bind == m_binds.end() || bind->second.ready) return false;
+    if (bind == m_binds.end() || bind->second.ready) return;
     bind->second = {handle, true};
-    return true;
   }
 
   bool ready(void* context) const {
@@ -68,27 +69,21 @@ class PendingBinds {
   std::unordered_map<std::uintptr_t, ServiceBindContext> m_binds ORVEL_GUARDED_BY(m_mutex);
 };
 
-// What a lookup gave, for its keeper.
-std::unique_ptr<vesk::IpcHandle> take(void* runtime, vesk_handle handle) {
-  LookedUp found(runtime, handle);
-  auto taken = std::make_unique<vesk::IpcHandle>(runtime, handle);
-  found.keep();
-  return taken;
-}
-
 }  // namespace
 
-void service_bind_callback(void* runtime, void* context, const char* name, vesk_handle handle) {
+void service_bind_callback(void* /*runtime*/, void* context, const char* name, vesk_handle handle) {
   s_binder_logger.i("%s:Received service_bind_callback from: %s", __func__, name);
-  if (!PendingBinds::instance().deliver(context, handle)) vesk_service_unbind(runtime, &handle);
+  PendingBinds::instance().deliver(context, handle);
 }
 
 std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char* name) {
   PendingBinds& binds = PendingBinds::instance();
   void* const context = binds.open();
-  if (const int error = vesk_service_bind(runtime, name, &service_bind_callback, context); error != 0) {
+  const std::optional<int> error =
+      run_unless_shut_down([&] { return vesk_service_bind(runtime, name, &service_bind_callback, context); });
+  if (error != 0) {
     binds.close(context);
-    s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, error);
+    if (error) s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, *error);
     return nullptr;
   }
   s_binder_logger.i("%s:Bound to service %s, waiting for service readiness", __func__, name);
@@ -106,17 +101,19 @@ std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char
     return nullptr;
   }
   s_binder_logger.i("%s:Bound service %s is now ready", __func__, name);
-  return take(runtime, *handle);
+  return std::make_unique<vesk::IpcHandle>(runtime, *handle);
 }
 
 std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const char* name) {
   vesk_handle handle{};
-  if (const int error = vesk_binder_servicemanager_get(runtime, name, &handle); error != 0) {
-    s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, error);
+  const std::optional<int> error =
+      run_unless_shut_down([&] { return vesk_binder_servicemanager_get(runtime, name, &handle); });
+  if (error != 0) {
+    if (error) s_binder_logger.e("%s:Failed to bind to %s with error %d", __func__, name, *error);
     return nullptr;
   }
   s_binder_logger.i("%s:Bound to service: %s", __func__, name);
-  return take(runtime, handle);
+  return std::make_unique<vesk::IpcHandle>(runtime, handle);
 }
 
 }  // namespace orvel::service_apis

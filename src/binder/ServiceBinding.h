@@ -13,32 +13,14 @@ namespace orvel::service_apis {
 // bound.
 extern const OrvelLogger& s_binder_logger;
 
-// Holds the reference that a lookup gave, and drops it unless somebody else has it by the end of the scope.
-class LookedUp {
- public:
-  LookedUp(void* runtime, vesk_handle handle) : m_runtime(runtime), m_handle(handle) {}
-  ~LookedUp() {
-    if (!m_kept) vesk_service_unbind(m_runtime, &m_handle);
-  }
-  LookedUp(const LookedUp&) = delete;
-  LookedUp& operator=(const LookedUp&) = delete;
-
-  void keep() { m_kept = true; }
-
- private:
-  void* const m_runtime;
-  vesk_handle m_handle;
-  bool m_kept = false;
-};
-
 // Binds a service of the own platform and waits up to 20 s until it is ready; null when it is not by then, when libvesk
-// refuses, and when the wait is interrupted. The handle keeps the lookup's reference, which vesk_service_unbind drops.
-// A bind that is given up stays pending in libvesk; should it call back later, its handle is dropped. Threads: any, the
-// run-loop thread too.
+// refuses, and when a shutdown has begun or interrupts. The handle does not own the lookup's reference, which
+// vesk_service_unbind drops. A bind that is given up stays pending in libvesk; the handle of a later callback is left as it
+// is. Threads: any, the run-loop thread too.
 std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char* name);
 
-// Asks the Android service manager, which answers at once; null when it does not know the service. The handle keeps the
-// lookup's reference as above. Threads: any.
+// Asks the Android service manager, which answers at once; null when it does not know the service, and once a shutdown has
+// begun. The lookup's reference is as above. Threads: any.
 std::unique_ptr<vesk::IpcHandle> bind_to_android_service(void* runtime, const char* name);
 
 // Given to vesk_service_bind. `context` is the number of a pending bind, not an address. Threads: any.

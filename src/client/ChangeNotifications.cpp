@@ -26,9 +26,10 @@ bool register_for(IDelegateService& delegate, const char* action, BroadcastCallb
 
 // A state that two broadcasts tell. Both registrations are attempted, whatever becomes of the first.
 bool register_for_state(IDelegateService& delegate, const char* action_true, const char* action_false,
-                        const std::function<void(bool)>& callback) {
-  const bool first = register_for(delegate, action_true, StateListener(true, callback));
-  const bool second = register_for(delegate, action_false, StateListener(false, callback));
+                        std::function<void(bool)> callback) {
+  const StateCallback shared(std::move(callback));
+  const bool first = register_for(delegate, action_true, StateListener(true, shared));
+  const bool second = register_for(delegate, action_false, StateListener(false, shared));
   return first && second;
 }
 
@@ -42,7 +43,7 @@ bool OrvelDelegateClient::registerForDeviceNameChange(std::function<void(std::st
 
 bool OrvelDelegateClient::registerForDeviceRegistrationChange(std::function<void(bool)> callback) {
   return m_state.ask<IDelegateService>(__func__, [&](IDelegateService& delegate) {
-    return register_for_state(delegate, kAccountAdded, kAccountRemoved, callback);
+    return register_for_state(delegate, kAccountAdded, kAccountRemoved, std::move(callback));
   });
 }
 
@@ -54,7 +55,7 @@ bool OrvelDelegateClient::registerForMaroConnectivityChange(std::function<void(b
 
 bool OrvelDelegateClient::registerForNetworkConnectivityChange(std::function<void(bool)> callback) {
   return m_state.ask<IAndroidConnectivityManager>(__func__, [&](IAndroidConnectivityManager& connectivity) {
-    return connectivity.registerDefaultNetworkCallback(callback);
+    return connectivity.registerDefaultNetworkCallback(StateCallback(std::move(callback)));
   });
 }
 
@@ -64,7 +65,7 @@ bool OrvelDelegateClient::unregisterForNetworkConnectivityChange() {
 
 bool OrvelDelegateClient::registerForScreenStateChange(std::function<void(bool)> callback) {
   return m_state.ask<IDelegateService>(__func__, [&](IDelegateService& delegate) {
-    return register_for_state(delegate, kScreenOn, kScreenOff, callback);
+    return register_for_state(delegate, kScreenOn, kScreenOff, std::move(callback));
   });
 }
 

@@ -1,5 +1,9 @@
 #include "client/ClientState.h"
 
+#include <optional>
+
+#include "binder/Admission.h"
+#include "binder/Process.h"
 #include "binder/Waiting.h"
 #include "vesk/vesk.h"
 
@@ -9,29 +13,49 @@ const OrvelLogger& s_client_logger = *new OrvelLogger("OrvelDelegateClient");
 
 namespace {
 
-// The runtime whose loop this thread runs; null on every other thread.
-thread_local void* t_looping_runtime = nullptr;
+thread_local bool t_is_run_loop = false;
 
-void run_loop(void* runtime) {
-  t_looping_runtime = runtime;
-  vesk_run_loop(runtime);
-}
+// As long as one exists, no wait of the library goes on, and it asks libvesk for nothing that would outlive a shutdown.
+struct Stopping {
+  const waiting::Interrupt interrupt;  // First: a thread that is refused must see it.
+  const Admission::Closed closed;
+};
 
 }  // namespace
 
 bool ClientState::on_run_loop_thread() {
-  return t_looping_runtime != nullptr;
+  return t_is_run_loop;
 }
 
-// No lock is needed to know the runtime, nor could one be taken: the thread that holds it may be waiting for this one.
-void ClientState::stop_run_loop() {
-  vesk_shutdown(t_looping_runtime);
+void ClientState::stop_for_good() {
+  static const Stopping& for_good = *new Stopping;  // the process ends: nobody starts anything again
+  static_cast<void>(for_good);
+  stop_runtime();
 }
 
 bool ClientState::refused(const char* method) const {
+  if (in_forked_child()) {
+    s_client_logger.e("%s:Called in the child of a fork", method);
+    return true;
+  }
   if (!m_facade.held_by_this_thread()) return false;
   s_client_logger.e("%s:Called from the connectivity callback", method);
   return true;
+}
+
+int ClientState::get_runtime(void** runtime) {
+  const std::lock_guard<std::mutex> lock(m_runtime_mutex);
+  const int error = vesk_get_runtime(&m_runtime);
+  *runtime = m_runtime;
+  m_runtime_runs = error == 0 && m_runtime;
+  set_client_running(m_runtime_runs);
+  return error;
+}
+
+void ClientState::stop_runtime() {
+  const std::lock_guard<std::mutex> lock(m_runtime_mutex);
+  if (m_runtime_runs) vesk_shutdown(m_runtime);
+  m_runtime_runs = false;
 }
 
 bool ClientState::initialize() {
@@ -43,21 +67,23 @@ bool ClientState::initialize() {
     return m_initialized;
   }
 
+  const Disposal disposal;
   const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) {
     s_client_logger.i("%s:Already initialized", __func__);
     return true;
   }
-  if (const int error = vesk_get_runtime(&m_runtime); error != 0) {
+  void* runtime = nullptr;
+  if (const int error = get_runtime(&runtime); error != 0) {
     s_client_logger.e("%s:Failed to get VESK runtime, error=%d", __func__, error);
     return false;
   }
-  if (!m_runtime) {
+  if (!runtime) {
     s_client_logger.e("%s:VESK runtime is null", __func__);
     return false;
   }
-  if (!start()) {
+  if (!start(runtime)) {
     s_client_logger.e("%s:Interrupted by shutdown", __func__);
     return false;
   }
@@ -67,25 +93,30 @@ bool ClientState::initialize() {
 }
 
 template <typename... Proxies>
-bool ClientState::create() {
-  return ((proxy<Proxies>() = std::make_unique<Proxies>(m_runtime), !waiting::interrupted()) && ...);
+bool ClientState::create(void* runtime) {
+  return ((proxy<Proxies>() = std::make_unique<Proxies>(runtime), !waiting::interrupted()) && ...);
 }
 
-bool ClientState::start() {
+bool ClientState::start(void* runtime) {
   // On an interruption and on an exception alike.
   struct Undo {
     ClientState* state;
     ~Undo() {
       if (!state) return;
-      vesk_shutdown(state->m_runtime);  // drops the binds that are still pending
+      state->stop_runtime();  // drops the binds that are still pending
       state->destroy_proxies();
+      set_client_running(false);
     }
   } undo{this};
 
   if (!create<IDelegateService, IPowerManagerService, IOrvelSimEventClient, IOrvelSimDirectiveClient, IActivityManager,
-              ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>())
+              ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>(runtime)) {
     return false;
-  m_run_loop = std::thread(run_loop, m_runtime);
+  }
+  m_run_loop = start_library_thread("orvel-loop", [runtime] {
+    t_is_run_loop = true;
+    vesk_run_loop(runtime);
+  });
   undo.state = nullptr;
   return true;
 }
@@ -102,26 +133,28 @@ void ClientState::destroy_proxies() {
 }
 
 void ClientState::shutdown() {
-  if (on_run_loop_thread()) {
-    s_client_logger.e("%s:Called from a callback", __func__);
+  if (on_run_loop_thread() || in_forked_child()) {
+    s_client_logger.e("%s:Called %s", __func__, in_forked_child() ? "in the child of a fork" : "from a callback");
     return;
   }
   s_client_logger.i("%s:OrvelDelegateClient shutting down", __func__);
-  const waiting::Interrupt interrupt;
+  const Disposal disposal;
+  std::optional<Stopping> stopping(std::in_place);
+  stop_runtime();  // Before any lock: a call that hangs may keep initialize() waiting with m_lifecycle held.
   const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   const bool running = m_run_loop.joinable();
   if (running) {
-    vesk_shutdown(m_runtime);
+    stop_runtime();  // of a start that has succeeded meanwhile
     m_run_loop.join();
   }
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (running) {
-    // Once more: a registration in progress and the replay of a rebind may have published names after the first.
-    vesk_shutdown(m_runtime);
     destroy_proxies();
     m_initialized = false;
+    set_client_running(false);
   }
   s_client_logger.i("%s:OrvelDelegateClient has shut down", __func__);
+  stopping.reset();  // Before m_lifecycle is free: a start that has waited for this must not be interrupted by it.
 }
 
 bool ClientState::isMaroConnected() {
@@ -138,7 +171,7 @@ bool ClientState::isNetworkConnected() {
   return false;
 }
 
-void ClientState::maro_connectivity_changed(bool connected, const std::function<void(bool)>& callback) {
+void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback) {
   const std::lock_guard<OwnedMutex> facade(m_facade);
   m_maro_connected = connected;
   callback(connected);

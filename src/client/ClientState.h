@@ -8,9 +8,11 @@
 #include <tuple>
 #include <type_traits>
 
+#include "binder/Disposal.h"
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
 #include "client/OwnedMutex.h"
+#include "client/SharedCallback.h"
 #include "services/IActivityManager.h"
 #include "services/IAndroidConnectivityManager.h"
 #include "services/IDelegateService.h"
@@ -27,13 +29,15 @@ extern const OrvelLogger& s_client_logger;
 
 // Methods are named after the public ones that they implement, because log lines carry the name.
 //
-// Locks, in order: m_lifecycle, m_facade, then the Binder's. m_lifecycle keeps initialize() and shutdown() from
-// overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that thread. m_facade
+// Locks, in order: m_lifecycle, m_facade, m_runtime_mutex, then the Binder's. m_lifecycle keeps initialize() and shutdown()
+// from overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that thread. m_facade
 // makes all public methods run one at a time, remote calls included; shutdown() takes it only after the join, because a
-// callback may be waiting for it.
+// callback may be waiting for it. m_runtime_mutex is held for libvesk's start and stop alone, which wait for nobody.
 //
 // What may keep shutdown() waiting, for a lock or for the thread, ends by itself: its Interrupt ends every sleep, and
-// its vesk_shutdown fails every call in progress.
+// its vesk_shutdown, which comes before its first lock of the others, fails every call in progress.
+//
+// A Disposal stands in front of the locks of each method: what users captured is destroyed behind them.
 class ClientState {
  public:
   bool initialize() ORVEL_EXCLUDES(m_lifecycle, m_facade);
@@ -46,6 +50,7 @@ class ClientState {
   template <typename Proxy, typename Query, typename Result = std::invoke_result_t<Query, Proxy&>>
   Result ask(const char* method, Query query, Result failure = {}) ORVEL_EXCLUDES(m_facade) {
     if (refused(method)) return failure;
+    const Disposal disposal;
     const std::lock_guard<OwnedMutex> facade(m_facade);
     if (!m_initialized) {
       s_client_logger.e("%s:Client is not initialized", method);
@@ -61,20 +66,27 @@ class ClientState {
   }
 
   // Notes whether the assistant is connected and tells `callback`, all under the facade lock. Run-loop thread.
-  void maro_connectivity_changed(bool connected, const std::function<void(bool)>& callback) ORVEL_EXCLUDES(m_facade);
+  void maro_connectivity_changed(bool connected, const StateCallback& callback) ORVEL_EXCLUDES(m_facade);
 
   // Whether the caller is inside a callback.
   static bool on_run_loop_thread();
 
-  // Makes the run loop return after the callback that calls this. Run-loop thread only; takes no lock.
-  static void stop_run_loop();
+  // Makes the run loop return after the callback that calls this, for the end of the process: nothing is bound or published
+  // any more. Run-loop thread.
+  void stop_for_good() ORVEL_EXCLUDES(m_runtime_mutex);
 
  private:
-  // True, with an error line, inside the connectivity callback, which holds the facade lock.
+  // True, with an error line, inside the connectivity callback, which holds the facade lock, and in the child of a fork.
   bool refused(const char* method) const;
 
+  // libvesk's runtime, from now on to be stopped once; the error that says why there is none.
+  int get_runtime(void** runtime) ORVEL_EXCLUDES(m_runtime_mutex);
+
+  // Calls vesk_shutdown, unless another thread or an earlier call has done so.
+  void stop_runtime() ORVEL_EXCLUDES(m_runtime_mutex);
+
   // Makes the proxies and the thread; false, with nothing left of it, when a shutdown() interrupts.
-  bool start() ORVEL_REQUIRES(m_lifecycle, m_facade);
+  bool start(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
 
   template <typename Proxy>
   std::unique_ptr<Proxy>& proxy() ORVEL_REQUIRES(m_facade) {
@@ -84,7 +96,7 @@ class ClientState {
   // Makes proxies in the order given, each blocking until its service is bound or given up. False as soon as
   // interrupted.
   template <typename... Proxies>
-  bool create() ORVEL_REQUIRES(m_lifecycle, m_facade);
+  bool create(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
 
   template <typename... Proxies>
   void destroy() ORVEL_REQUIRES(m_facade);
@@ -92,7 +104,10 @@ class ClientState {
 
   std::mutex m_lifecycle;
   std::thread m_run_loop ORVEL_GUARDED_BY(m_lifecycle);  // joinable while initialised
-  void* m_runtime ORVEL_GUARDED_BY(m_lifecycle) = nullptr;
+
+  std::mutex m_runtime_mutex;
+  void* m_runtime ORVEL_GUARDED_BY(m_runtime_mutex) = nullptr;
+  bool m_runtime_runs ORVEL_GUARDED_BY(m_runtime_mutex) = false;  // and has to be stopped
 
   OwnedMutex m_facade;
   bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;

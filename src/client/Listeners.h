@@ -1,5 +1,5 @@
-// What turns a raw notification into the one value that a caller of the client asked for. Each owns the caller's callback
-// and calls it on the run-loop thread; an empty one throws std::bad_function_call there.
+// What turns a raw notification into the one value that a caller of the client asked for. The copies of a listener share the
+// caller's callback and call it on the run-loop thread; an empty one throws std::bad_function_call there.
 #pragma once
 
 #include <functional>
@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "client/SharedCallback.h"
 #include "orvel/Bundle.h"
 #include "orvel/OrvelDelegateClient.h"
 #include "parcel/OrvelSimDirective.h"
@@ -24,18 +25,18 @@ class DeviceNameListener {
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
-  std::function<void(std::string)> m_callback;
+  SharedCallback<std::function<void(std::string)>> m_callback;
 };
 
 // For a broadcast whose action alone says what has become of a state.
 class StateListener {
  public:
-  StateListener(bool state, std::function<void(bool)> callback) : m_state(state), m_callback(std::move(callback)) {}
+  StateListener(bool state, StateCallback callback) : m_state(state), m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
   bool m_state;
-  std::function<void(bool)> m_callback;
+  StateCallback m_callback;
 };
 
 // Calls back under the facade lock. The client must outlive it.
@@ -47,7 +48,7 @@ class MaroConnectivityListener {
 
  private:
   ClientState* m_client;
-  std::function<void(bool)> m_callback;
+  StateCallback m_callback;
 };
 
 // Calls back once for every broadcast, whatever it carries.
@@ -57,7 +58,7 @@ class PackageListener {
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
-  std::function<void(std::string, std::string)> m_callback;
+  SharedCallback<std::function<void(std::string, std::string)>> m_callback;
 };
 
 class TimeSyncListener {
@@ -66,7 +67,7 @@ class TimeSyncListener {
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
-  std::function<void(long long, long long)> m_callback;
+  SharedCallback<std::function<void(long long, long long)>> m_callback;
 };
 
 // ---- Secure settings: key, value ----
@@ -80,7 +81,7 @@ class SettingIntListener {
 
  private:
   int m_default;
-  std::function<void(int)> m_callback;
+  SharedCallback<std::function<void(int)>> m_callback;
 };
 
 // ---- The voice assistant ----
@@ -92,7 +93,7 @@ class EventResultListener {
   void operator()(OrvelSimEventResult_t result) const;
 
  private:
-  OrvelDelegateClient::EventResultCallback m_callback;
+  SharedCallback<OrvelDelegateClient::EventResultCallback> m_callback;
 };
 
 class DirectiveListener {
@@ -101,7 +102,7 @@ class DirectiveListener {
   void operator()(const OrvelSimDirective& directive) const;
 
  private:
-  OrvelDelegateClient::DirectiveCallback m_callback;
+  SharedCallback<OrvelDelegateClient::DirectiveCallback> m_callback;
 };
 
 // ---- Data of a broadcast ----

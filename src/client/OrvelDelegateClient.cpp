@@ -1,5 +1,6 @@
 #include "orvel/OrvelDelegateClient.h"
 
+#include "binder/Process.h"
 #include "client/ClientState.h"
 
 namespace orvel::service_apis {
@@ -13,9 +14,10 @@ OrvelDelegateClient& OrvelDelegateClient::getClient() {
 OrvelDelegateClient::OrvelDelegateClient() : m_state(*new ClientState) {}
 
 OrvelDelegateClient::~OrvelDelegateClient() {
+  if (in_forked_child()) return;  // The client is the parent's.
   if (ClientState::on_run_loop_thread()) {
     // A callback called exit(). This thread cannot wait for itself, so thread and proxies stay as they are.
-    ClientState::stop_run_loop();
+    m_state.stop_for_good();
   } else {
     shutdown();
   }

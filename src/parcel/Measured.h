@@ -13,9 +13,11 @@ namespace orvel::service_apis {
 // when a write failed. True when the two agree.
 template <typename Write>
 bool write_measured(vesk_payload* payload, const Write& write) {
+  if (!payload) return false;
   int length = 0;
   {
     const std::unique_ptr<vesk_payload, decltype(&vesk_payload_free)> scratch(vesk_payload_alloc(), vesk_payload_free);
+    if (!scratch) return false;
     length = write(scratch.get(), 0);
   }
   const int written = write(payload, length);

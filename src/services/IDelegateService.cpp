@@ -55,14 +55,9 @@ bool is_missing(const char* method, const char* argument, const char* what) {
   return true;
 }
 
-// A failure may be of the scratch payload alone, and the length that it leaves wrong no error of the request.
-void write_intent(vesk_payload* request, const OrvelIntent& intent) {
-  if (!intent.write(request)) spoil(request);
-}
-
 // Sends an intent. True when an answer came.
 bool send(Binder& binder, Transaction code, const OrvelIntent& intent) {
-  const auto write = [&](vesk_payload* request) { write_intent(request, intent); };
+  const auto write = [&](vesk_payload* request) { return intent.write(request); };
   return transact(binder, kDescriptor, code, write, replied).value_or(false);
 }
 
@@ -223,10 +218,7 @@ bool IDelegateService::sendBroadcast(OrvelIntent intent) {  // NOLINT(performanc
 
 bool IDelegateService::sendBroadcastWithPermission(OrvelIntent intent,  // NOLINT(performance-unnecessary-value-param)
                                                    const std::string& permission) {
-  const auto write = [&](vesk_payload* request) {
-    write_intent(request, intent);
-    String::write(request, permission);
-  };
+  const auto write = [&](vesk_payload* request) { return intent.write(request) && String::write(request, permission); };
   return transact(m_binder, kDescriptor, kSendBroadcastWithPermission, write, replied).value_or(false);
 }
 

@@ -99,7 +99,7 @@ class IDelegateService {
   using SettingRegistration = std::pair<std::string, SettingCallback>;
 
   // Register without keeping. They return the connection that has taken the registration, kNoConnection for none.
-  // `only` as for Binder::call.
+  // With `only`, on that connection or not at all.
   Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
                                                Connection only = kNoConnection);
   Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,

@@ -1,5 +1,8 @@
 #include "services/IOrvelSimDirectiveClient.h"
 
+#include <cerrno>
+
+#include "binder/Admission.h"
 #include "binder/OrvelLogger.h"
 #include "vesk/vesk.h"
 
@@ -45,7 +48,10 @@ bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, D
 bool IOrvelSimDirectiveClient::registerForDirectiveInternal(const std::string& nspace, DirectiveCallback callback) {
   if (!are_valid(__func__, nspace, callback)) return false;
   const auto endpoint = vesk::make_endpoint<OrvelSimDirectiveCallbackEndpoint>(std::move(callback));
-  const int error = vesk_service_register(m_context, endpoint_name(nspace).c_str(), endpoint->get_endpoint());
+  const std::string name = endpoint_name(nspace);
+  const int error = run_unless_shut_down([&] {
+                      return vesk_service_register(m_context, name.c_str(), endpoint->get_endpoint());
+                    }).value_or(-ESHUTDOWN);
   if (error != 0) {
     s_logger.e("%s:vesk service register failed. nspace=%s, err=%d", __func__, nspace.c_str(), error);
   }

@@ -24,10 +24,7 @@ ITarselMetric::ITarselMetric(void* runtime) : m_binder(runtime, kServiceName, /*
 
 bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
   bool written = false;
-  const auto write = [&](vesk_payload* request) {
-    written = event.write(request);
-    if (!written) spoil(request);
-  };
+  const auto write = [&](vesk_payload* request) { return written = event.write(request); };
   transact(m_binder, kDescriptor, kRecordTarselMetricEvent, write, replied);
   return written;
 }

@@ -13,8 +13,8 @@ namespace orvel::service_apis {
 //   a thread that registers     call on connection C, append, look at the newest connection N; N > C: claim N
 //   the replay of connection N  N becomes the newest, walk the list; claim N for each entry
 //
-// Whoever claims an entry for N makes it on N, and nowhere else. An entry that the replay of N could not see yet was
-// appended after N had become the newest connection, so the thread that registers sees N and claims it itself. That is
+// The thread that claims an entry for N makes that registration on N only. An entry that the replay of N could not see yet
+// was appended after N had become the newest connection, so the thread that registers sees N and claims it itself. That is
 // why the list and the number of the connection are sequentially consistent.
 //
 // The list only grows, and nobody takes a lock. Threads: any number that add, and the run loop's that replays.
@@ -33,7 +33,10 @@ class ReplayList {
   // `renew(registration, connection)` is called to make it on that connection too.
   template <typename Renew>
   void add(Registration registration, Connection carrier, const Binder& binder, const Renew& renew) {
-    renew_once(append(new Entry(std::move(registration), carrier)), binder.connection(), renew);
+    Entry& entry = append(new Entry(std::move(registration), carrier));
+    // Behind the append and never before it: a replay that ran in between has not seen the entry.
+    const Connection newest = binder.connection();
+    renew_once(entry, newest, renew);
   }
 
   // Renews everything, in the order of insertion, but what the newest connection has already.

@@ -10,19 +10,17 @@
 namespace orvel::service_apis {
 
 // Sends transaction `code` of the interface `descriptor` and gives its reply to `read`, which gets a null buffer when
-// the call failed or was answered with an exception. Empty, and nothing sent, when the service is not bound. `only` as
-// for Binder::call. Threads: any, one at a time.
+// the call failed or was answered with an exception. Empty, and nothing sent, when the service is not bound, or when `only`
+// names a connection that is not the newest one any more. Threads: any, one at a time.
 template <typename Read>
 auto transact(Binder& binder, const char* descriptor, unsigned int code, const RequestWriter& write, Read read,
               Connection only = kNoConnection) -> std::optional<std::invoke_result_t<Read, vesk_buffer*>> {
   if (!binder.good()) return std::nullopt;
   const ReplyScope reply(binder);  // done() on every way out
-  return read(binder.call(descriptor, code, write, only));
-}
-
-// Makes the request one that cannot be sent, because a record of it could not be written whole.
-inline void spoil(vesk_payload* request) {
-  vesk_write_utf16_cstring(request, nullptr);
+  if (only == kNoConnection) return read(binder.call(descriptor, code, write));
+  const std::optional<vesk_buffer*> answer = binder.call_on(only, descriptor, code, write);
+  if (!answer) return std::nullopt;
+  return read(*answer);
 }
 
 // The reader of a reply that carries nothing: whether one came.

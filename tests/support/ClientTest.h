@@ -21,7 +21,10 @@ using Lines = std::vector<std::string>;
 class ClientTest : public ::testing::Test {
  protected:
   // `module` as for LogRecorder.
-  explicit ClientTest(std::string module) : m_log(std::move(module)) { vesk_get_runtime(&m_runtime); }
+  explicit ClientTest(std::string module) : m_log(std::move(module)) {
+    vesk_get_runtime(&m_runtime);
+    m_vesk.be_strict();
+  }
 
   // Makes them run.
   void start_services() {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <iterator>
 #include <limits>
@@ -26,6 +27,7 @@ std::atomic<int> g_buffers{0};
 std::atomic<int> g_endpoint_references{0};
 std::atomic<int> g_death_references{0};
 std::atomic<bool> g_quiet{false};
+std::atomic<bool> g_strict{false};
 int g_runtime;  // its address is the runtime
 
 thread_local bool t_inside = false;
@@ -36,6 +38,12 @@ struct Inside {
   ~Inside() { t_inside = before; }
   const bool before = t_inside;
 };
+
+void require(bool kept, const char* operation, const char* rule) {
+  if (kept || !g_strict) return;
+  std::fprintf(stderr, "FakeVesk: %s: %s\n", operation, rule);
+  std::abort();
+}
 
 // What a callback throws ends here and is an error, as with the host runtime.
 template <typename Callback>
@@ -76,6 +84,7 @@ struct Connection {
   int calls_held = 0;
   int death = 0;         // the error that calls fail with since the service died; 0 while it lives
   bool noticed = false;  // someone has heard of the death
+  bool linked = false;   // to its death, at any time
   Links links;
   EndpointRefs exports;
 };
@@ -86,6 +95,7 @@ struct Service {
   int refusals = 0;
   int refusal_error = 0;
   bool binds_held = false;
+  bool binds_repeated = false;
   bool calls_held = false;
   unsigned held_code = kAnyCode;
 };
@@ -157,7 +167,7 @@ struct FakeVesk::State {
   std::map<std::string, int, std::less<>> uses;
   int all_uses = 0;
   int step_at_use = 0;
-  std::function<void()> use_step;
+  std::function<void(std::string_view)> use_step;
   std::vector<Failure> failures;
   bool null_runtime = false;
 
@@ -166,9 +176,9 @@ struct FakeVesk::State {
     Lock lock(mutex);
     const int use = ++uses[operation];
     if (++all_uses == step_at_use) {
-      const std::function<void()> step = std::exchange(use_step, nullptr);
+      const auto step = std::exchange(use_step, nullptr);
       lock.unlock();
-      step();
+      step(operation);
       lock.lock();
     }
     for (const Failure& failure : failures) {
@@ -245,7 +255,8 @@ struct FakeVesk::State {
   void answer_binds(Lock& lock, const std::string& name) {
     const Service& service = services[name];
     if (!service.running || service.binds_held) return;
-    const auto binds = take_if(pending_binds, [&name](const PendingBind& bind) { return bind.name == name; });
+    auto binds = take_if(pending_binds, [&name](const PendingBind& bind) { return bind.name == name; });
+    if (service.binds_repeated) binds.insert(binds.end(), binds.begin(), binds.end());
     std::vector<vesk_handle> handles;
     std::generate_n(std::back_inserter(handles), binds.size(), [&] { return connect(name); });
     const auto running = bind_callbacks.insert(std::this_thread::get_id());
@@ -439,7 +450,7 @@ void FakeVesk::reset() {
   m_state.uses.clear();
   m_state.all_uses = m_state.step_at_use = 0;
   m_state.failures.clear();
-  m_state.shut_down = m_state.null_runtime = m_state.loop_held = g_quiet = false;
+  m_state.shut_down = m_state.null_runtime = m_state.loop_held = g_quiet = g_strict = false;
   m_state.device = nullptr;
 }
 
@@ -474,6 +485,11 @@ void FakeVesk::complete_binds(const std::string& name) {
   State::Lock lock(m_state.mutex);
   m_state.services[name].binds_held = false;
   m_state.answer_binds(lock, name);
+}
+
+void FakeVesk::repeat_binds(const std::string& name) {
+  const State::Lock lock(m_state.mutex);
+  m_state.services[name].binds_repeated = true;
 }
 
 void FakeVesk::hold_calls(const std::string& name, unsigned code) {
@@ -596,6 +612,10 @@ void FakeVesk::keep_quiet() {
   g_quiet = true;
 }
 
+void FakeVesk::be_strict() {
+  g_strict = true;
+}
+
 void FakeVesk::run_pending() {
   State::Lock lock(m_state.mutex);
   while (!m_state.steps.empty() && !m_state.shut_down) m_state.run_step(lock);
@@ -609,7 +629,7 @@ void FakeVesk::fail_always(std::string_view operation, int nth, int error) {
   m_state.plan_failure(operation, nth, true, error);
 }
 
-void FakeVesk::at_use(int nth, std::function<void()> step) {
+void FakeVesk::at_use(int nth, std::function<void(std::string_view)> step) {
   const State::Lock lock(m_state.mutex);
   m_state.step_at_use = m_state.all_uses + nth;
   m_state.use_step = std::move(step);
@@ -647,23 +667,28 @@ int FakeVesk::uses() const {
 }
 
 Live FakeVesk::live() const {
-  Live live{g_payloads - m_payloads_before, g_buffers - m_buffers_before, 0, g_endpoint_references, g_death_references};
+  Live live{
+      g_payloads - m_payloads_before, g_buffers - m_buffers_before, 0, 0, g_endpoint_references, g_death_references};
   const State::Lock lock(m_state.mutex);
   for (const auto& [id, connection] : m_state.connections) {
-    live.handle_references += connection.lookups + connection.acquired;
+    live.lookups += connection.lookups;
+    live.handle_references += connection.acquired;
   }
   return live;
 }
 
 std::ostream& operator<<(std::ostream& out, const Live& live) {
-  return out << live.payloads << " payloads, " << live.buffers << " buffers, " << live.handle_references
-             << " handle references, " << live.endpoint_references << " endpoint references, " << live.death_references
-             << " death references";
+  return out << live.payloads << " payloads, " << live.buffers << " buffers, " << live.lookups << " lookups, "
+             << live.handle_references << " handle references, " << live.endpoint_references << " endpoint references, "
+             << live.death_references << " death references";
 }
 
 bool operator==(const Live& a, const Live& b) {
-  return std::tie(a.payloads, a.buffers, a.handle_references, a.endpoint_references, a.death_references) ==
-         std::tie(b.payloads, b.buffers, b.handle_references, b.endpoint_references, b.death_references);
+  const auto counts = [](const Live& live) {
+    return std::tie(live.payloads, live.buffers, live.lookups, live.handle_references, live.endpoint_references,
+                    live.death_references);
+  };
+  return counts(a) == counts(b);
 }
 
 }  // namespace orvel::test
@@ -681,6 +706,11 @@ FakeDevice* device_of(void* runtime) {
   return device != nullptr && runtime == device ? device : nullptr;
 }
 
+// What a shutdown has ended must not be asked for any more. Under the lock.
+void require_running(const State& self, const char* operation) {
+  require(!self.shut_down, operation, "after a shutdown");
+}
+
 // The shared shape of the functions: one more use, which fails when that is planned.
 template <typename Body>
 int use(const char* operation, Body body) {
@@ -692,8 +722,11 @@ int use(const char* operation, Body body) {
 // The same for what needs a handle that names something. `body` runs under the lock and may unlock.
 template <typename Body>
 int use_handle(const char* operation, const vesk_handle* handle, Body body) {
+  require(handle != nullptr, operation, "a null handle");
   return use(operation, [&](State& self) {
     State::Lock lock(self.mutex);
+    const bool was_one = handle->words[1] == 1 && handle->words[0] <= self.last_connection;
+    require(was_one || operation == std::string_view("vesk_handle_is_valid"), operation, "never was a handle");
     Connection* connection = self.find(handle);
     if (connection == nullptr) return -EINVAL;
     body(self, *connection, lock);
@@ -713,6 +746,7 @@ Message* allocate(const char* operation, std::atomic<int>& count) {
 template <typename Message>
 bool usable(Message* message, const char* operation) {
   const int planned = state().enter(operation);
+  require(message != nullptr, operation, "a null message");
   if (message == nullptr) return false;
   if (planned != 0) message->parcel.fail(planned);
   return planned == 0;
@@ -758,6 +792,7 @@ int vesk_shutdown(void*) {
   return use(__func__, [](State& self) {
     decltype(self.published) withdrawn;  // dropped after the lock
     State::Lock lock(self.mutex);
+    require_running(self, "vesk_shutdown");
     self.shut_down = true;
     ++self.shutdowns;
     self.pending_binds.clear();
@@ -773,8 +808,10 @@ int vesk_shutdown(void*) {
 }
 
 int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callback, void* context) {
+  require(name != nullptr && callback != nullptr, __func__, "a null name or callback");
   return use(__func__, [&](State& self) {
     State::Lock lock(self.mutex);
+    require_running(self, "vesk_service_bind");
     if (const int refused = self.refusal(name)) return refused;
     self.pending_binds.push_back({name, callback, context});
     if (self.device != nullptr) self.device.load()->looked_up(name, false);  // until it is answered
@@ -786,6 +823,7 @@ int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callba
 int vesk_service_unbind(void* runtime, vesk_handle* handle) {
   if (FakeDevice* device = device_of(runtime)) return device->forget(*handle);
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
+    require(connection.linked, "vesk_service_unbind", "of what was not linked to its death");
     connection.lookups = 0;
     self.bindings.push_back("-" + connection.service);
     self.close_if_unused(lock, handle->words[0]);
@@ -796,6 +834,7 @@ int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle*
   if (FakeDevice* device = device_of(runtime)) return device->find(name, out);
   return use(__func__, [&](State& self) {
     const State::Lock lock(self.mutex);
+    require_running(self, "vesk_binder_servicemanager_get");
     if (const int refused = self.refusal(name)) return refused;
     if (!self.services[name].running) {
       if (self.device != nullptr) self.device.load()->looked_up(name, false);
@@ -809,8 +848,10 @@ int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle*
 int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint) {
   if (FakeDevice* device = device_of(runtime)) return device->serve(name, endpoint);
   return use(__func__, [&](State& self) {
+    require(name != nullptr && endpoint != nullptr, "vesk_service_register", "a null name or endpoint");
     auto held = std::make_shared<HeldEndpoint>(endpoint);  // before the lock; what it replaces is dropped after it
     const State::Lock lock(self.mutex);
+    require_running(self, "vesk_service_register");
     if (self.services[name].running) return -EADDRINUSE;
     self.published[name].swap(held);
     self.bindings.push_back(std::string("=") + name);
@@ -840,10 +881,12 @@ vesk_handle vesk_invalid_handle() {
 
 int vesk_handle_link_to_death(void* runtime, vesk_handle* handle, vesk_death_callback* callback) {
   if (FakeDevice* device = device_of(runtime)) return device->watch(*handle, callback);
+  require(callback != nullptr, __func__, "a null callback");
   const Inside inside(true);
   const auto made = std::make_shared<Link>(callback);  // dropped after the lock where the handle is not valid
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock&) {
     connection.links.push_back(made);
+    connection.linked = true;
     if (connection.death == 0) return;
     self.queue_notice(handle->words[0], made);
     self.queue_step([&self, id = handle->words[0]] { self.end(id); });
@@ -863,15 +906,18 @@ vesk_payload* vesk_payload_alloc() {
 }
 
 void vesk_payload_free(vesk_payload* payload) {
+  require(payload != nullptr, __func__, "a null message");
   if (payload != nullptr) --g_payloads;
   delete payload;
 }
 
 int vesk_payload_last_error(vesk_payload* payload) {
+  require(payload != nullptr, __func__, "a null message");
   return payload == nullptr ? -EINVAL : payload->parcel.error();
 }
 
 unsigned int vesk_payload_get_position(vesk_payload* payload) {
+  require(payload != nullptr, __func__, "a null message");
   return payload == nullptr ? 0 : static_cast<unsigned int>(payload->parcel.position());
 }
 
@@ -884,17 +930,20 @@ vesk_buffer* vesk_buffer_alloc() {
 }
 
 void vesk_buffer_free(vesk_buffer* buffer) {
+  require(buffer != nullptr, __func__, "a null message");
   if (buffer != nullptr) --g_buffers;
   delete buffer;
 }
 
 int vesk_buffer_last_error(vesk_buffer* buffer) {
+  require(buffer != nullptr, __func__, "a null message");
   return buffer == nullptr ? -EINVAL : buffer->parcel.error();
 }
 
 int vesk_call(void*, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply) {
   const Inside inside(true);
   const int planned = state().enter(__func__);
+  require(handle != nullptr && request != nullptr && reply != nullptr, __func__, "a null handle or message");
   if (request == nullptr || reply == nullptr) return -EINVAL;
   const EndpointRefs endpoints = std::exchange(request->endpoints, {});
   const auto& bytes = request->parcel.bytes();
@@ -929,6 +978,7 @@ int vesk_write_f64(vesk_payload* payload, double value) {
 }
 
 int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8) {
+  require(utf8 != nullptr, __func__, "a null text");
   return write(payload, __func__, [utf8](vesk::Parcel& parcel) {
     return utf8 == nullptr ? parcel.fail(-EINVAL) : parcel.write_utf16(utf8);
   });
@@ -939,6 +989,7 @@ int vesk_write_array_length(vesk_payload* payload, int32_t length) {
 }
 
 int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
+  require(endpoint != nullptr, __func__, "a null endpoint");
   return write(payload, __func__, [&](vesk::Parcel& parcel) {
     if (endpoint == nullptr) return parcel.fail(-EINVAL);
     const int error = parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.size()));

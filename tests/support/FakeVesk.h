@@ -77,7 +77,8 @@ constexpr unsigned kAnyCode = ~0U;
 struct Live {
   int payloads = 0;
   int buffers = 0;
-  int handle_references = 0;    // by lookup or vesk_handle_acquire
+  int lookups = 0;              // that nobody unbound and no death ended
+  int handle_references = 0;    // by vesk_handle_acquire
   int endpoint_references = 0;  // taken with endpoint_acquire, not yet released
   int death_references = 0;     // taken with death_acquire, not yet released
 
@@ -113,6 +114,8 @@ class FakeVesk {
   void hold_binds(const std::string& name);
   // ... until this ends that and calls back every bind that waits, on this thread. Without it they wait for ever.
   void complete_binds(const std::string& name);
+  // From now on each bind of `name` is called back twice, each time with a handle of its own.
+  void repeat_binds(const std::string& name);
 
   // Calls of `name`, or those with that code, stop before they reach the handler, until let go, the death of the
   // service, or vesk_shutdown.
@@ -162,14 +165,18 @@ class FakeVesk {
   // when it fails.
   void fail_once(std::string_view operation, int nth = 1, int error = -EIO);
   void fail_always(std::string_view operation, int nth = 1, int error = -EIO);
-  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it.
-  void at_use(int nth, std::function<void()> step);
+  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it, with what it uses.
+  void at_use(int nth, std::function<void(std::string_view operation)> step);
   // vesk_get_runtime succeeds, but gives null.
   void give_null_runtime();
   // Ends all planned failures.
   void repair();
   // What callbacks throw is no longer printed.
   void keep_quiet();
+  // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message, text,
+  // handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a shutdown
+  // after a shutdown, a bind or a name after one.
+  void be_strict();
   // Whether this thread is inside libvesk, and not in what libvesk calls.
   static bool inside();
 

@@ -1,7 +1,10 @@
 // One connection: how it is made, what goes over it, and what becomes of it when its service dies.
 #include "binder/Binder.h"
 
+#include <chrono>
+#include <future>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "binder/ServiceBinding.h"
@@ -71,7 +74,14 @@ TEST_F(BinderTest, LateBindCallbackTouchesNoFreedContext) {
   EXPECT_EQ(m_log.take().back(), "E bind_to_orvel_service:Bound service clock is not ready after timeout");
   m_vesk.complete_binds("clock");
   EXPECT_THAT(m_log.take(), ElementsAre("I service_bind_callback:Received service_bind_callback from: clock"));
-  EXPECT_EQ(m_vesk.live(), Live{}) << "nobody else can drop the reference that came late";
+  EXPECT_EQ(m_vesk.uses("vesk_service_unbind"), 0) << "it might cut the connection of a later attempt";
+}
+
+TEST_F(BinderTest, OfTwoBindCallbacksTheFirstOneCounts) {
+  m_vesk.add_service("clock");
+  const std::uint32_t before = bind_to_orvel_service(m_runtime, "clock")->get()->words[0];
+  m_vesk.repeat_binds("clock");
+  EXPECT_EQ(bind_to_orvel_service(m_runtime, "clock")->get()->words[0], before + 1);
 }
 
 TEST_F(BinderTest, AServiceThatCannotBeWatchedIsNotKept) {
@@ -81,7 +91,19 @@ TEST_F(BinderTest, AServiceThatCannotBeWatchedIsNotKept) {
   EXPECT_FALSE(binder->good());
   EXPECT_EQ(m_log.take().back(),
             "E bind_to_service:Failed to register death callback, service (clock) has likely died");
-  EXPECT_EQ(m_vesk.live(), Live{});
+  EXPECT_EQ(m_vesk.uses("vesk_handle_unlink_to_death"), 2) << "after the failed link, and with the handle";
+  EXPECT_EQ(m_vesk.uses("vesk_service_unbind"), 0);
+  EXPECT_EQ(m_vesk.live().handle_references, 0);
+}
+
+TEST_F(BinderTest, AHandleThatEndsLeavesNoLinkToItsListener) {
+  m_vesk.add_service("clock");
+  auto handle = bind_to_orvel_service(m_runtime, "clock");
+  EXPECT_TRUE(handle->set_death_listener([] { ADD_FAILURE() << "the listener is gone"; }));
+  vesk_handle_acquire(m_runtime, handle->get());  // so that the connection outlives it
+  handle.reset();
+  m_vesk.kill_service("clock");
+  m_vesk.run_pending();
 }
 
 TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
@@ -90,6 +112,10 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
   for (int death = 1; death <= 3; ++death) {
     m_log.take();
     m_vesk.kill_service("clock");
+    m_vesk.at_use(1, [&](std::string_view) {
+      const auto answer = std::async(std::launch::async, [&] { return binder->good(); });
+      EXPECT_EQ(answer.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "released under a lock";
+    });
     m_clock.at_sleep(1, [&] {
       EXPECT_EQ(binder->call("i", 1), nullptr) << "calls fail at once during a rebind";
       m_vesk.add_service("clock");
@@ -103,7 +129,8 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
   }
   EXPECT_THAT(m_clock.sleeps(), ElementsAre(6, 6, 6));
   EXPECT_EQ(m_vesk.live().death_references, 1);
-  EXPECT_EQ(m_vesk.live().handle_references, 2) << "the lookup's and the wrapper's";
+  EXPECT_EQ(m_vesk.live().lookups, 1);
+  EXPECT_EQ(m_vesk.live().handle_references, 1);
 }
 
 TEST_F(BinderTest, AListenerMayDropTheLastReferenceToItself) {
@@ -185,6 +212,11 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
     EXPECT_EQ(m_vesk.uses("vesk_call") - calls, row.calls);
     EXPECT_EQ(messages(), 0);
   }
+  m_log.take();
+  const auto not_whole = [](vesk_payload*) { return false; };
+  EXPECT_EQ(binder->call("i", 1, not_whole), nullptr);
+  EXPECT_THAT(m_log.take(), ElementsAre("E call:Serialize payload failed with error -22"));
+  binder->done();
   EXPECT_THROW((void)binder->call("i", 1, RequestWriter()), std::bad_function_call);
   binder->done();
   binder->done();

@@ -1,8 +1,16 @@
 // Starting and stopping, at any moment and from any thread.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <future>
+#include <memory>
+#include <string>
 #include <thread>
 
 #include "client/ClientState.h"
@@ -20,6 +28,14 @@ constexpr char kPower[] = "com.quarlo.orvel.powermanager";
 constexpr char kShuttingDown[] = "I shutdown:OrvelDelegateClient shutting down";
 constexpr char kHasShutDown[] = "I shutdown:OrvelDelegateClient has shut down";
 
+// Ends the process, if it has a status, behind the client's destructor: it was made before the client.
+struct LastHandler {
+  ~LastHandler() {
+    if (status >= 0) _exit(status);
+  }
+  int status = -1;
+} g_last_handler;
+
 class Lifecycle : public ClientTest {
  protected:
   Lifecycle() : ClientTest("OrvelDelegateClient") {}
@@ -31,7 +47,19 @@ class Lifecycle : public ClientTest {
     EXPECT_TRUE(m_client.initialize());
   }
 
+  // A callback whose captured object shuts the client down when it ends.
+  auto last_rites() {
+    const std::shared_ptr<void> captured(&m_client, [this](void*) {
+      m_client.shutdown();
+      EXPECT_EQ(m_client.getDeviceName(), "");
+      EXPECT_EQ(m_log.take("E").back(), "E getDeviceName:Client is not initialized");
+      ++m_ended;
+    });
+    return [captured](auto&&...) {};
+  }
+
   OrvelDelegateClient& m_client = OrvelDelegateClient::getClient();
+  int m_ended = 0;
 };
 
 TEST_F(Lifecycle, StartsOnceAndStartsAgainAfterAStop) {
@@ -47,6 +75,7 @@ TEST_F(Lifecycle, StartsOnceAndStartsAgainAfterAStop) {
     EXPECT_EQ(m_vesk.live(), Live{});
   }
   EXPECT_EQ(m_vesk.uses("vesk_run_loop"), 2) << "one thread for each start";
+  EXPECT_EQ(m_vesk.uses("vesk_shutdown"), 2) << "and one stop";
 }
 
 TEST_F(Lifecycle, ServicesComeAndGoEachInAnOrderOfItsOwn) {
@@ -100,13 +129,77 @@ TEST_F(Lifecycle, AStopInterruptsThePauseAfterADeath) {
   EXPECT_EQ(m_vesk.live(), Live{});
 }
 
-TEST_F(Lifecycle, AStopEndsACallThatHangs) {
+// Waits until the kernel has the thread asleep, which it is for a lock alone.
+void wait_until_blocked(const std::atomic<pid_t>& thread) {
+  char state = 0;
+  while (state != 'S') {
+    std::this_thread::yield();
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string name;
+    status >> name >> name >> state;
+  }
+}
+
+TEST_F(Lifecycle, AStopEndsACallThatHangsWhoeverElseWaitsForIt) {
   start();
   m_vesk.hold_calls(kDelegate);
   std::future<std::string> name = std::async(std::launch::async, [this] { return m_client.getDeviceName(); });
   m_vesk.wait_for_held_calls(kDelegate);
+  std::atomic<pid_t> starter{0};
+  std::future<bool> started = std::async(std::launch::async, [&] {
+    starter = gettid();
+    return m_client.initialize();
+  });
+  wait_until_blocked(starter);
   m_client.shutdown();
   EXPECT_EQ(name.get(), "");
+  EXPECT_TRUE(started.get());
+}
+
+TEST_F(Lifecycle, WhatUsersCapturedMayShutTheClientDownWheneverItEnds) {
+  start();
+  EXPECT_TRUE(m_client.registerForTimeSync(last_rites()));
+  EXPECT_TRUE(m_client.registerForNetworkConnectivityChange(last_rites()));
+  EXPECT_TRUE(m_client.registerForDirective("N", last_rites()));
+  m_log.take();
+  m_client.shutdown();
+  EXPECT_EQ(m_ended, 3) << "with the client";
+
+  start();
+  m_vesk.fail_once("vesk_call");
+  EXPECT_FALSE(m_client.registerForTimeSync(last_rites()));
+  EXPECT_EQ(m_ended, 4) << "with a registration that fails";
+
+  start();
+  m_client.registerForNetworkConnectivityChange(last_rites());
+  m_vesk.release_endpoint(m_vesk.transactions().back().endpoints.front());
+  EXPECT_TRUE(m_client.registerForNetworkConnectivityChange([](bool) {}));
+  EXPECT_EQ(m_ended, 5) << "with a callback that is replaced";
+}
+
+TEST_F(Lifecycle, AStartBesideAStopWaitsForItAndSucceeds) {
+  start_services();
+  for (int round = 0; round < 1000; ++round) {
+    ASSERT_TRUE(m_client.initialize());
+    std::thread stopper([this] { m_client.shutdown(); });
+    EXPECT_TRUE(m_client.initialize());
+    stopper.join();
+    m_log.take();
+  }
+}
+
+TEST_F(Lifecycle, TheRunLoopThreadTakesNoSignalsOfTheProcessButItsOwnFaults) {
+  start();
+  m_vesk.post([] {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_TRUE(sigismember(&blocked, SIGTERM) && sigismember(&blocked, SIGCHLD) && sigismember(&blocked, SIGUSR1));
+    EXPECT_FALSE(sigismember(&blocked, SIGSEGV));
+    char name[16];
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    EXPECT_STREQ(name, "orvel-loop");
+  });
+  m_vesk.drain();
 }
 
 TEST_F(Lifecycle, AStopWaitsForACallbackThatNeedsTheLocks) {
@@ -184,6 +277,27 @@ TEST_F(Lifecycle, TwoCallersOutliveAServiceThatComesAndGoes) {
   EXPECT_EQ(messages(), 0);
 }
 
+TEST_F(Lifecycle, TheChildOfAForkFailsInEveryMethodAndEndsAtOnce) {
+  start();
+  m_vesk.hold_calls(kDelegate);
+  std::future<std::string> name = std::async(std::launch::async, [this] { return m_client.getDeviceName(); });
+  m_vesk.wait_for_held_calls(kDelegate);
+  if (const pid_t child = fork(); child != 0) {
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    m_client.shutdown();
+    return;
+  }
+  // The client lock is held for ever here.
+  const bool refused = m_client.getDeviceName().empty() && !m_client.isMaroConnected() && !m_client.initialize();
+  m_client.shutdown();
+  const Lines errors = m_log.take("E");
+  const bool named = errors.size() == 4 && errors[3] == "E shutdown:Called in the child of a fork";
+  g_last_handler.status = refused && named ? 0 : 1;
+  std::exit(2);
+}
+
 using LifecycleDeathTest = Lifecycle;
 
 TEST_F(LifecycleDeathTest, ExitStopsAClientThatNobodyStopped) {
@@ -192,6 +306,9 @@ TEST_F(LifecycleDeathTest, ExitStopsAClientThatNobodyStopped) {
   const auto leave = [this](bool from_callback) {
     std::atexit(last_words);
     start();
+    static OrvelDelegateClient& client = m_client;
+    const std::shared_ptr<void> captured(&client, [](void*) { client.shutdown(); });
+    client.registerForTimeSync([captured](long long, long long) {});
     if (from_callback) {
       // While another thread waits for this very one.
       m_vesk.post([this] {

@@ -1,0 +1,58 @@
+#include "binder/Admission.h"
+
+#include <condition_variable>
+#include <mutex>
+
+#include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
+
+namespace orvel::service_apis {
+namespace {
+
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable_any left;
+  int admitted ORVEL_GUARDED_BY(mutex) = 0;
+  int closed ORVEL_GUARDED_BY(mutex) = 0;
+};
+
+// Never destroyed: the client's destructor, an exit handler, closes it.
+Gate& gate() {
+  static Gate& instance = *new Gate;
+  return instance;
+}
+
+bool enter() {
+  Gate& state = gate();
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  if (state.closed > 0) return false;
+  ++state.admitted;
+  return true;
+}
+
+}  // namespace
+
+// Refused from the Interrupt on, which a shutdown makes before it closes the gate, so that a waiter is told one thing only.
+Admission::Admission() : m_granted(!waiting::interrupted() && enter()) {}
+
+Admission::~Admission() {
+  if (!m_granted) return;
+  Gate& state = gate();
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  if (--state.admitted == 0) state.left.notify_all();
+}
+
+Admission::Closed::Closed() {
+  Gate& state = gate();
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  ++state.closed;
+  while (state.admitted > 0) state.left.wait(state.mutex);
+}
+
+Admission::Closed::~Closed() {
+  Gate& state = gate();
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  --state.closed;
+}
+
+}  // namespace orvel::service_apis
