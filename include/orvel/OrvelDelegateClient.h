@@ -27,6 +27,10 @@ struct TarselMetricEvent;
 /// keeps the run-loop thread busy for 6 s at least and about 330 s at most. Queries before a successful initialize() and
 /// after shutdown() log "Client is not initialized" and fail.
 ///
+/// What a callback captured is destroyed under no lock of the library: its destructor may call every method, shutdown()
+/// included. In a child that was forked while the client was initialised every method fails, at once, and shutdown() does
+/// nothing.
+///
 /// The library can be loaded by dlopen() and stays loaded after dlclose(): the client goes on, and a later dlopen() finds
 /// it as it is. Whoever wants it to stop calls shutdown().
 class ORVEL_API OrvelDelegateClient {
