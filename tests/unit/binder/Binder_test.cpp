@@ -113,8 +113,10 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
     m_log.take();
     m_vesk.kill_service("clock");
     m_vesk.at_use(1, [&](std::string_view) {
-      const auto answer = std::async(std::launch::async, [&] { return binder->good(); });
-      EXPECT_EQ(answer.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "released under a lock";
+      const auto answer = std::make_shared<std::promise<bool>>();
+      std::thread([answer, &binder] { answer->set_value(binder->good()); }).detach();
+      const auto answered = answer->get_future().wait_for(std::chrono::seconds(10));
+      EXPECT_EQ(answered, std::future_status::ready) << "released under a lock";
     });
     m_clock.at_sleep(1, [&] {
       EXPECT_EQ(binder->call("i", 1), nullptr) << "calls fail at once during a rebind";
