@@ -13,7 +13,7 @@ build_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 check_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
+  clang-14 clang-format-14 clang-tidy-14 lld-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
   binutils shellcheck doxygen valgrind libc6-dbg python3
   groff mandoc blueprint-tools dpkg-dev lintian debootstrap
 )

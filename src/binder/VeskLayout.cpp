@@ -1,7 +1,8 @@
-// The library and libvesk are built apart, and share these structures in memory: a compiler that lays one out otherwise must not
-// get any further.
+// What the library assumes of libvesk, from which it is built apart. The vesk/vesk.h that speaks here is the one that all of
+// the library is compiled against, on a device the device's own: where that says otherwise, the build ends here.
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 
 #include "vesk/vesk.h"
@@ -10,9 +11,14 @@ namespace {
 
 constexpr std::size_t kPointer = sizeof(void*);
 
-// Passed by value, in registers on every processor.
-static_assert(std::is_trivially_copyable_v<vesk_handle>);
-static_assert(sizeof(vesk_handle) == 8 && alignof(vesk_handle) == 4 && offsetof(vesk_handle, words) == 0);
+// Passed by value to the bind callback, and returned by vesk_invalid_handle. Where it travels is up to the processor: in one
+// register of 64 bits; on 32-bit ARM to the callback half in a register and half on the stack, and back through memory.
+// Both sides agree on that when they agree on these.
+static_assert(std::is_same_v<decltype(vesk_handle::words), std::uint32_t[2]>);
+static_assert(std::is_trivially_copyable_v<vesk_handle> && std::is_standard_layout_v<vesk_handle>);
+static_assert(sizeof(vesk_handle) == 8 && alignof(vesk_handle) == 4);
+static_assert(
+    std::is_same_v<vesk_service_bind_callback, void (*)(void*, void* context, const char* name, vesk_handle)>);
 
 static_assert(sizeof(vesk_death_callback) == 4 * kPointer);
 static_assert(offsetof(vesk_death_callback, on_death) == 0 * kPointer);
@@ -30,6 +36,23 @@ static_assert(sizeof(vesk_endpoint) == 2 * kPointer);
 static_assert(offsetof(vesk_endpoint, fn) == 0 * kPointer);
 static_assert(offsetof(vesk_endpoint, context) == 1 * kPointer);
 
-static_assert(sizeof(vesk_service_bind_callback) == kPointer);
+// Values of another width would be converted without a warning. A declaration may add noexcept.
+template <typename Function, typename Expected>
+constexpr bool kDeclared = std::is_convertible_v<Function*, Expected*>;
+static_assert(kDeclared<decltype(vesk_read_i32), std::int32_t(vesk_buffer*)>);
+static_assert(kDeclared<decltype(vesk_read_i64), std::int64_t(vesk_buffer*)>);
+static_assert(kDeclared<decltype(vesk_read_f64), double(vesk_buffer*)>);
+static_assert(kDeclared<decltype(vesk_read_array_length), std::int32_t(vesk_buffer*)>);
+static_assert(kDeclared<decltype(vesk_read_utf16_string), const std::uint16_t*(vesk_buffer*, unsigned*)>);
+static_assert(kDeclared<decltype(vesk_write_i32), int(vesk_payload*, std::int32_t)>);
+static_assert(kDeclared<decltype(vesk_write_i64), int(vesk_payload*, std::int64_t)>);
+static_assert(kDeclared<decltype(vesk_write_f64), int(vesk_payload*, double)>);
+static_assert(kDeclared<decltype(vesk_write_array_length), int(vesk_payload*, std::int32_t)>);
+static_assert(kDeclared<decltype(vesk_payload_get_position), unsigned(vesk_payload*)>);
+static_assert(kDeclared<decltype(vesk_payload_set_position), int(vesk_payload*, unsigned)>);
+
+// What the records and the public headers call these values.
+static_assert(sizeof(int) == 4 && sizeof(long long) == 8 && sizeof(char16_t) == 2);
+static_assert(sizeof(double) == 8 && std::numeric_limits<double>::is_iec559);
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "binder/Waiting.h"
 
-#include <condition_variable>
+#include <pthread.h>
+
+#include <ctime>
 #include <mutex>
 
 #include "binder/ThreadAnnotations.h"
@@ -16,9 +18,41 @@ namespace {
 constexpr int kSpeed = ORVEL_CLOCK_SPEED;
 static_assert(kSpeed >= 1);
 
+// A condition variable whose deadlines are the steady clock's on every platform. The standard one needs pthread_cond_clockwait
+// for that, which bionic has from API level 30 on; below, it waits on the wall clock, and a wall clock that is set back
+// by an hour would make a wait an hour longer.
+class SteadyCondition {
+ public:
+  SteadyCondition() {
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);  // std::chrono::steady_clock's in libc++ and libstdc++
+    pthread_cond_init(&m_condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+  }
+  ~SteadyCondition() { pthread_cond_destroy(&m_condition); }
+
+  SteadyCondition(const SteadyCondition&) = delete;
+  SteadyCondition& operator=(const SteadyCondition&) = delete;
+
+  void notify_all() { pthread_cond_broadcast(&m_condition); }
+
+  // Lets go of `mutex` until it is notified, or by accident; false when `deadline` has passed.
+  [[nodiscard]] bool wait_until(std::mutex& mutex, TimePoint deadline) ORVEL_REQUIRES(mutex) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(deadline);
+    timespec until = {};
+    until.tv_sec = static_cast<std::time_t>(seconds.time_since_epoch().count());
+    until.tv_nsec = static_cast<long>(std::chrono::nanoseconds(deadline - seconds).count());
+    return pthread_cond_timedwait(&m_condition, mutex.native_handle(), &until) == 0;
+  }
+
+ private:
+  pthread_cond_t m_condition = {};
+};
+
 struct Interrupts {
   std::mutex mutex;
-  std::condition_variable_any raised;
+  SteadyCondition raised;
   int count ORVEL_GUARDED_BY(mutex) = 0;
 };
 
@@ -41,7 +75,7 @@ bool sleep_for(std::chrono::nanoseconds duration) {
   const TimePoint end = std::chrono::steady_clock::now() + duration / kSpeed;
   const std::lock_guard<std::mutex> lock(state.mutex);
   while (state.count == 0) {
-    if (state.raised.wait_until(state.mutex, end) == std::cv_status::timeout) return state.count == 0;
+    if (!state.raised.wait_until(state.mutex, end)) return state.count == 0;
   }
   return false;
 }

@@ -3,6 +3,11 @@
 
 #include <string>
 
+// What leaves setting_to_int() passes through callers that hold locks and let them go on the way.
+#ifndef __cpp_exceptions
+#error "build with -fexceptions: without, a setting that is not a number leaves the library's locks held"
+#endif
+
 namespace orvel::service_apis {
 
 // The number that `value` begins with, in base 10 behind blanks and a sign; `default_value` for an empty one. Throws

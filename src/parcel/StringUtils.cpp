@@ -14,7 +14,7 @@ namespace {
 
 std::string StringUtils::convertUtf16ToUtf8(const unsigned short* data, unsigned int length) {
   if (!data || length == 0) return {};
-  return android::String8(reinterpret_cast<const char16_t*>(data), length).string();
+  return android::String8(reinterpret_cast<const char16_t*>(data), length).c_str();
 }
 
 }  // namespace orvel::service_apis

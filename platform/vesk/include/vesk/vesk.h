@@ -9,9 +9,10 @@
  * vesk_shutdown, -EMSGSIZE: over 8 MiB, -EPERM: called after fork).
  *
  * Runtime. There is one per process; its pointer is the same each time and stays valid to the end of the process, in exit
- * handlers and static destructors too. libvesk holds no lock while it calls out: a callback may call any function but
- * vesk_run_loop. What a callback throws never passes through the frames of this library: the host runtime catches it where it
- * calls, prints one line to standard error, answers a two-way call with an error and goes on; a device may end the process.
+ * handlers and static destructors too; a static object that vesk_get_runtime makes would be gone before those of its callers.
+ * libvesk holds no lock while it calls out: a callback may call any function but vesk_run_loop. What a callback throws never
+ * passes through the frames of this library: the host runtime catches it where it calls, prints one line to standard error,
+ * answers a two-way call with an error and goes on; a device may end the process.
  */
 #ifndef VESK_VESK_H_
 #define VESK_VESK_H_
