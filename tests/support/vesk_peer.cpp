@@ -71,6 +71,12 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       tell_parent();
       return 0;
     case kDie:
+      // What it forked lives on for longer than any call, and must not look like the peer.
+      if (::fork() == 0) {
+        ::close(STDERR_FILENO);
+        ::sleep(10);
+        ::_exit(0);
+      }
       return std::raise(SIGKILL);
     case kKeep: {
       vesk_remote* remote = vesk_read_endpoint(request);

@@ -9,6 +9,7 @@
 #include <climits>
 #include <utility>
 
+#include "Descriptors.h"
 #include "Dispatch.h"
 #include "Runtime.h"
 #include "RuntimeDirectory.h"
@@ -46,6 +47,7 @@ std::shared_ptr<OutgoingConnection> OutgoingConnection::open(Runtime& runtime, c
 OutgoingConnection::OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket)
     : m_runtime(runtime), m_path(object_path(name)) {
   m_watched.reset(check_errno(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 3)));
+  remember_descriptor(m_watched.get());
   ucred peer{};
   socklen_t size = sizeof(peer);
   check_errno(::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size));

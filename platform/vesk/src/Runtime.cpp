@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "Descriptors.h"
 #include "RuntimeDirectory.h"
 
 namespace vesk {
@@ -74,7 +75,10 @@ bool Runtime::is_forked_child() {
 }
 
 Runtime::Runtime() : m_call_limit(choose_call_limit()), m_server(m_loop), m_binds(*this) {
-  ::pthread_atfork(nullptr, nullptr, [] { g_forked = true; });
+  ::pthread_atfork(nullptr, nullptr, [] {
+    g_forked = true;
+    close_remembered_descriptors();
+  });
 }
 
 void Runtime::join_device() {

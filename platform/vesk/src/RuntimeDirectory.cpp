@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Descriptors.h"
+
 namespace vesk {
 namespace {
 
@@ -138,6 +140,7 @@ UniqueFd hold_device_lock(int directory) {
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
   check_errno(::fcntl(file.get(), F_OFD_SETLK, &lock));
+  remember_descriptor(file.get());
   return file;
 }
 
@@ -198,6 +201,7 @@ void Seat::open(int directory) {
   const sockaddr_un address = address_in(directory, file);
   check_errno(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
   check_errno(::listen(listener.get(), kBacklog));
+  remember_descriptor(listener.get());
   m_listener = std::move(listener);
   m_socket_file = std::move(file);
 }
