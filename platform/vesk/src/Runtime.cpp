@@ -90,11 +90,7 @@ void Runtime::join_device() {
 }
 
 void Runtime::serve_device() {
-  name_the_directory("cannot serve", [this] {
-    const UniqueFd directory = make_runtime_directory();
-    const std::lock_guard lock(m_mutex);
-    if (!m_device_lock) m_device_lock = hold_device_lock(directory.get());
-  });
+  name_the_directory("cannot serve", [this] { m_server.serve_device(); });
   m_loop.allow();
 }
 
@@ -105,7 +101,6 @@ void Runtime::shutdown() {
   {
     const std::lock_guard lock(m_mutex);
     for (const auto& [number, reference] : m_handles) connections.push_back(reference.connection);
-    m_device_lock.reset();
   }
   for (const auto& connection : connections) connection->abort_call();
   m_server.close();

@@ -72,7 +72,6 @@ class Runtime {
   PendingBinds m_binds;
 
   std::mutex m_mutex;
-  UniqueFd m_device_lock VESK_GUARDED_BY(m_mutex);
   std::unordered_map<std::uint64_t, Reference> m_handles VESK_GUARDED_BY(m_mutex);
   std::uint64_t m_last_handle VESK_GUARDED_BY(m_mutex) = 0;
 };

@@ -1,6 +1,7 @@
 // What the host runtime promises beyond the contract: peers that break every rule harm nobody else, and nothing is left
 // behind.
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +16,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -342,6 +345,58 @@ TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
   };
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
   EXPECT_EQ(call(m_before, kEcho, 7).words, Words{7}) << "the parent goes on";
+}
+
+// ---- Where processes meet ----
+
+TEST_F(HostRuntime, ThoseWhoComeAtOnceWaitInLine) {
+  EXPECT_EQ(publish("contract.own", new_inbox("own")), 0);
+  for (int n = 0; n < 200; ++n) lookup("contract.own");  // nobody is in the loop
+}
+
+TEST_F(HostRuntime, ANewProcessDisturbsNoneThatLives) {
+  const UniqueFd listener = socket_at(::bind, ".socket-1-living");
+  check_errno(::listen(listener.get(), 8));
+  const Peer other("other");
+  pollfd connected{listener.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&connected, 1, 0), 0);
+}
+
+TEST_F(HostRuntime, ALockedDirectoryHoldsUpNobodyButThoseWhoPublish) {
+  Inbox& inbox = new_inbox("message");
+  EXPECT_EQ(publish("contract.before", inbox), 0);
+  const RunLoop loop(m_runtime);
+  const UniqueFd directory(check_errno(::open(m_directory.c_str(), O_RDONLY | O_CLOEXEC)));
+  check_errno(::flock(directory.get(), LOCK_EX));
+  auto published = std::async(std::launch::async, [&] { return publish("contract.late", inbox); });
+  EXPECT_EQ(call(m_before, kAskName, 1, "contract.before").words, (Words{0, 101}));
+  auto stopped = std::async(std::launch::async, [&] { return vesk_shutdown(m_runtime); });
+  EXPECT_EQ(stopped.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+  EXPECT_EQ(published.get(), -EBUSY);
+}
+
+TEST_F(HostRuntime, AProcessThatRanOutOfDescriptorsAcceptsAgain) {
+  EXPECT_EQ(publish("contract.own", new_inbox("own")), 0);
+  const RunLoop loop(m_runtime);
+  keep(m_before, new_inbox("message"));
+  rlimit files{};
+  check_errno(::getrlimit(RLIMIT_NOFILE, &files));
+  const auto connect_with_the_last = [](int socket, const sockaddr* address, socklen_t size) {
+    const int next = ::dup(socket);
+    rlimit few{};
+    ::getrlimit(RLIMIT_NOFILE, &few);
+    few.rlim_cur = static_cast<rlim_t>(next);
+    ::close(next);
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    return ::connect(socket, address, size);
+  };
+  const UniqueFd client = socket_at(connect_with_the_last, fs::read_symlink(m_directory / "contract.own"));
+  for (const int n : {1, 2}) EXPECT_EQ(call(m_before, kAsk, n).words, (Words{0, n + 100})) << "the loop goes on";
+  check_errno(::setrlimit(RLIMIT_NOFILE, &files));
+  const std::string hello = "\0AUTH EXTERNAL\r\nDATA\r\n"s;
+  EXPECT_GT(::send(client.get(), hello.data(), hello.size(), MSG_NOSIGNAL), 0);
+  pollfd answered{client.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&answered, 1, 20'000), 1);
 }
 
 // ---- Who may sit here ----

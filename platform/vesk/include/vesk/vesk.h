@@ -126,7 +126,8 @@ VESK_API int vesk_binder_servicemanager_get(void* runtime, const char* name, ves
  * Publishes `endpoint` under `name` and keeps one reference to it until the name is replaced, withdrawn, or vesk_shutdown.
  * A name that this process already serves gets the new endpoint: later calls reach it, and the old one's reference is
  * dropped, after its callback if one is in progress. A name that another live process serves is an error (-EADDRINUSE), an
- * empty or over-long one too (-EINVAL, -ENAMETOOLONG). Any thread.
+ * empty or over-long one too (-EINVAL, -ENAMETOOLONG). The host runtime waits for other processes that publish for at most 2 s
+ * (-EBUSY, with a line on standard error: one of them is stopped). Any thread.
  */
 VESK_API int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint);
 
