@@ -349,6 +349,19 @@ TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
 
 // ---- Where processes meet ----
 
+TEST_F(HostRuntime, AServiceWithoutRoomRefusesTheBind) {
+  std::vector<vesk_handle> bound;
+  vesk_handle handle{};
+  int error = 0;
+  while (bound.size() < 300 && (error = vesk_binder_servicemanager_get(m_runtime, m_peer.name(), &handle)) == 0) {
+    bound.push_back(handle);
+    EXPECT_EQ(call(handle, kEcho, 1).words, Words{1}) << "bound and dead";
+  }
+  EXPECT_EQ(error, -EAGAIN) << bound.size();
+  for (const vesk_handle& each : bound) unbind(each);
+  expect_others_are_served("a full service");
+}
+
 TEST_F(HostRuntime, ThoseWhoComeAtOnceWaitInLine) {
   EXPECT_EQ(publish("contract.own", new_inbox("own")), 0);
   for (int n = 0; n < 200; ++n) lookup("contract.own");  // nobody is in the loop
