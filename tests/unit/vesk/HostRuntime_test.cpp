@@ -2,9 +2,11 @@
 // behind.
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <iterator>
@@ -375,6 +377,53 @@ TEST_F(HostRuntime, ANewProcessDisturbsNoneThatLives) {
   EXPECT_EQ(::poll(&connected, 1, 0), 0);
 }
 
+TEST_F(HostRuntime, BindsThatWaitForOneNameAreAnsweredWithOneHandle) {
+  Bind& first = new_bind("first");
+  Bind& again = new_bind("again");
+  EXPECT_EQ(bind("late", first), 0);
+  EXPECT_EQ(bind("late", again), 0);
+  const Peer late("late");
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound first", "bound again"}));
+  EXPECT_EQ(again.handle.words[0], first.handle.words[0]);
+  unbind(first.handle);
+  EXPECT_EQ(call(again.handle, kEcho, 1).words, Words{1}) << "each has a reference";
+  unbind(again.handle);
+  EXPECT_FALSE(valid(again.handle));
+}
+
+TEST_F(HostRuntime, WhatTheDirectoryLosesIsMadeAgain) {
+  const fs::path elsewhere = m_directory.string() + ".old";
+  const std::function<void()> rows[] = {
+      [&] { fs::rename(m_directory, elsewhere); },
+      [&] {
+        for (const auto& entry : fs::directory_iterator(m_directory)) fs::remove(entry);
+      },
+  };
+  const RunLoop loop(m_runtime);
+  std::size_t heard = 0;
+  for (const auto& lose : rows) {
+    const std::string late = "late" + std::to_string(heard);
+    EXPECT_EQ(publish("contract.kept", new_inbox("kept")), 0);
+    EXPECT_EQ(publish("contract.withdrawn", new_inbox("withdrawn")), 0);
+    link(lookup("contract.withdrawn"), new_mourner("withdrawn"));
+    EXPECT_EQ(bind(late.c_str(), new_bind("late")), 0);
+    lose();
+    EXPECT_EQ(vesk_service_withdraw(m_runtime, "contract.withdrawn"), 0);
+    EXPECT_EQ(m_log.wait_for(++heard).back(), "withdrawn died");
+
+    EXPECT_TRUE(eventually([&] { return vesk_get_runtime(&m_runtime) == 0; }));
+    expect_others_are_served("the loss");
+    const Peer late_peer(late);
+    EXPECT_EQ(m_log.wait_for(++heard).back(), "bound late");
+    EXPECT_TRUE(eventually([&] {
+      const Answer answer = call(m_before, kAskName, 1, "contract.kept");
+      return answer.words == Words{0, 101};
+    }));
+    m_log.wait_for(++heard);
+  }
+  fs::remove_all(elsewhere);
+}
+
 TEST_F(HostRuntime, ALockedDirectoryHoldsUpNobodyButThoseWhoPublish) {
   Inbox& inbox = new_inbox("message");
   EXPECT_EQ(publish("contract.before", inbox), 0);
@@ -488,6 +537,19 @@ TEST_F(HostRuntime, AProgramThatIsStartedInheritsNothing) {
   const RunLoop loop(m_runtime);
   keep(m_before, new_inbox("message"));
   EXPECT_EQ(call(m_before, kAsk, 1).words, (Words{0, 101}));
+  int watchers = 0;
+  const auto text_of = [](const fs::path& file) {
+    std::ifstream stream(file);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+  };
+  for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+    if (text_of(task.path() / "comm") != "vesk-watch\n") continue;
+    const std::string status = text_of(task.path() / "status");
+    const auto blocked = std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);
+    EXPECT_NE(blocked & (1U << (SIGTERM - 1)), 0U) << "a thread of the library takes the program's signals";
+    ++watchers;
+  }
+  EXPECT_EQ(watchers, 1);
   // What is inherited from whoever started this program is no socket, event loop or watch of the runtime's directory.
   const std::unique_ptr<FILE, int (*)(FILE*)> list(::popen("exec </dev/null 2>/dev/null; ls -l /proc/self/fd", "re"),
                                                    ::pclose);

@@ -111,7 +111,8 @@ VESK_API int vesk_shutdown(void* runtime);
  * this returns 0 and calls back when it appears. Never needs the run loop, and waits for no service: the host runtime gives one
  * that does not answer, because it is stopped for example, 50 ms (10 ms on the run-loop thread) and then binds it all the same. A
  * service that has no room for one more connection, or is just ending, is an error (-EAGAIN), one that is waited for is tried
- * again. `context` is passed on untouched; the name is copied. Any thread.
+ * again. Binds that wait for one name with one callback may get one handle, with a reference for each. `context` is passed on
+ * untouched; the name is copied. Any thread.
  */
 VESK_API int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callback callback, void* context);
 
