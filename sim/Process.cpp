@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +22,14 @@ namespace {
 
 constexpr int kPatienceMs = 3000;
 
+// How many files this process might have open before it served a device, which raises that. Programs that use select() are
+// not made for more.
+const rlimit kFilesAtStart = [] {
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  return files;
+}();
+
 // In the child, where nothing may be called that allocates or locks. Returns only when the program cannot be run.
 void become(const char* program, char* const* argv, Process::Streams streams, pid_t parent) {
   // It does not outlive this process, however that ends: not even when it ended before this line.
@@ -30,7 +39,8 @@ void become(const char* program, char* const* argv, Process::Streams streams, pi
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(null, STDOUT_FILENO) < 0) return;
   }
-  // The program starts as if from a shell, without the signal settings of this process.
+  // The program starts as if from a shell, without the signal settings and the limit of this process.
+  setrlimit(RLIMIT_NOFILE, &kFilesAtStart);
   signal(SIGPIPE, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);

@@ -15,7 +15,7 @@ enum PeerCode : unsigned {
   kEcho = 1,    // answers with the request
   kFail,        // answers with an error
   kHang,        // takes the call; answers it, late, when the next request comes
-  kDie,         // ends the process at once
+  kDie,         // ends the process at once, while what it has forked lives on
   kKeep,        // (endpoint) keeps one more reference; answers whether it equals the one kept before
   kLetGo,       // gives one reference to the kept endpoint back
   kSend,        // (n) sends kNews 0 to n-1 to the kept endpoint, one-way

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "support/Bytes.h"
@@ -15,6 +16,8 @@
 
 namespace orvel::test {
 namespace {
+
+constexpr rlim_t kPeerFiles = 1024;
 
 struct {
   void* runtime = nullptr;
@@ -71,6 +74,12 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       tell_parent();
       return 0;
     case kDie:
+      // What it forked lives on for longer than any call, and must not look like the peer.
+      if (::fork() == 0) {
+        ::close(STDERR_FILENO);
+        ::sleep(10);
+        ::_exit(0);
+      }
       return std::raise(SIGKILL);
     case kKeep: {
       vesk_remote* remote = vesk_read_endpoint(request);
@@ -123,7 +132,10 @@ const vesk_endpoint_fn kFunctions{
 
 int run(const char* name) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // of the test program, so that nothing stays behind when it crashes
+  // A process takes as many connections as it may have files open; few enough for a test to reach that.
+  const rlimit files{kPeerFiles, kPeerFiles};
   vesk_endpoint endpoint{&kFunctions, nullptr};
+  if (::setrlimit(RLIMIT_NOFILE, &files) != 0) return 1;
   if (vesk_serve_device(&peer.runtime) != 0 || vesk_service_register(peer.runtime, name, &endpoint) != 0) return 1;
   tell_parent();
   return vesk_run_loop(peer.runtime);

@@ -9,6 +9,7 @@
 #include <climits>
 #include <utility>
 
+#include "Descriptors.h"
 #include "Dispatch.h"
 #include "Runtime.h"
 #include "RuntimeDirectory.h"
@@ -18,8 +19,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A peer that lives has answered long before.
+// A peer that lives has answered long before. The loop's thread has others to serve meanwhile.
 constexpr std::chrono::milliseconds kHandshakePatience{50};
+constexpr std::chrono::milliseconds kHandshakePatienceOfLoop{10};
 
 // Marks a call as in progress before it asks whether the runtime is shut down, so that vesk_shutdown either sees the
 // mark or is seen.
@@ -34,18 +36,28 @@ class CallMark {
   std::atomic<int>& m_calls;
 };
 
+// A service that hangs up before it has let this process in has no room, or is just ending.
+int as_refusal(int result) {
+  return result == -ECONNRESET || result == -EPIPE ? -EAGAIN : result;
+}
+
 }  // namespace
 
 std::shared_ptr<OutgoingConnection> OutgoingConnection::open(Runtime& runtime, const char* name) {
   const std::string file = escaped_name(name);
   const UniqueFd directory = open_runtime_directory();
-  return std::shared_ptr<OutgoingConnection>(
-      new OutgoingConnection(runtime, name, connect_to_service(directory.get(), file)));
+  std::shared_ptr<OutgoingConnection> connection;
+  check(as_refusal(as_error_code([&] {
+    connection.reset(new OutgoingConnection(runtime, name, connect_to_service(directory.get(), file)));
+    return 0;
+  })));
+  return connection;
 }
 
 OutgoingConnection::OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket)
     : m_runtime(runtime), m_path(object_path(name)) {
   m_watched.reset(check_errno(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 3)));
+  remember_descriptor(m_watched.get());
   ucred peer{};
   socklen_t size = sizeof(peer);
   check_errno(::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size));
@@ -79,22 +91,24 @@ void OutgoingConnection::watch(vesk_handle handle) {
     }
     self->m_watch.reset(source);
     self->m_self = self;
+    self->pump();  // the handshake may have been begun
   });
 }
 
-void OutgoingConnection::try_handshake() {
-  as_error_code([&] {
+bool OutgoingConnection::try_handshake() {
+  const int result = as_error_code([&] {
     const std::lock_guard lock(m_mutex);
-    if (!m_bus) return 0;
-    const Deadline deadline = Clock::now() + kHandshakePatience;
+    const bool in_loop = m_runtime.loop().is_this_thread();
+    const Deadline deadline = Clock::now() + (in_loop ? kHandshakePatienceOfLoop : kHandshakePatience);
     finish_handshake(deadline);
     // The message that says which service is meant has waited for that.
     std::uint64_t queued = 0;
     while (check(sd_bus_get_n_queued_write(m_bus.get(), &queued)) >= 0 && queued != 0) make_progress(deadline);
     return 0;
   });
-  // Whatever is left is for the loop, which may have looked while this thread was at it.
-  m_runtime.loop().post([self = shared_from_this()] { self->pump(); });
+  if (result == -ETIMEDOUT) return false;
+  check(as_refusal(result));
+  return true;
 }
 
 int OutgoingConnection::call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints,

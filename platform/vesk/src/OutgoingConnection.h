@@ -44,9 +44,9 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // Called once, when the handle exists: from here on the loop watches.
   void watch(vesk_handle handle);
 
-  // Brings the handshake to its end if the peer answers at once. What is wrong with it is for the first call to say. Not for
-  // the loop's thread, which has others to serve.
-  void try_handshake();
+  // Before watch(): gives the service a moment to answer the handshake, and says whether it has. Throws -EAGAIN for one that
+  // has hung up instead, because it has no room for one more or is just ending.
+  [[nodiscard]] bool try_handshake();
 
   // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints.
   int call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints, Parcel& reply);

@@ -1,10 +1,12 @@
 #include "PendingBinds.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 
 #include <algorithm>
+#include <csignal>
 #include <utility>
 
 #include "Dispatch.h"
@@ -16,6 +18,11 @@ namespace {
 
 // How soon to look again where the directory cannot tell: it does not exist, or a service exists and accepts nothing.
 constexpr int kRetryMs = 200;
+// How soon to see whether another directory stands at the path: a watch stays with the one that it was made for.
+constexpr int kDirectoryCheckMs = 1000;
+// For a service that many have waited for.
+constexpr std::chrono::milliseconds kPatience{5000};
+constexpr char kThreadName[] = "vesk-watch";
 
 // Throws away what has arrived: any change is a reason to look, whatever it was.
 void discard_events(int descriptor) {
@@ -24,9 +31,13 @@ void discard_events(int descriptor) {
   }
 }
 
-// Watches the directory as it is now; false where there is none.
-bool watch_directory(int inotify) {
-  return ::inotify_add_watch(inotify, runtime_directory().c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) >= 0;
+UniqueFd watch_directory() {
+  UniqueFd inotify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (inotify &&
+      ::inotify_add_watch(inotify.get(), runtime_directory().c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
+    inotify.reset();
+  }
+  return inotify;
 }
 
 }  // namespace
@@ -46,6 +57,10 @@ class PendingBinds::Delivery {
 
   // How many cancel() had come by then. When there are more, what this thread was going to wait for is dropped.
   [[nodiscard]] std::uint64_t cancels_before() const { return m_cancels; }
+  [[nodiscard]] bool is_cancelled() const {
+    const std::lock_guard lock(m_binds.m_mutex);
+    return m_binds.m_cancels != m_cancels;
+  }
 
  private:
   static std::uint64_t enter(PendingBinds& binds) {
@@ -64,27 +79,41 @@ PendingBinds::PendingBinds(Runtime& runtime)
 void PendingBinds::bind(const char* name, vesk_service_bind_callback callback, void* context) {
   escaped_name(name);        // throws for a name that nobody can ever serve
   open_runtime_directory();  // throws where nobody can ever appear
-  Bind bind{name, callback, context};
+  Binds bind{{name, callback, context}};
   const Delivery delivery(*this);
-  const int result = try_bind(bind);
+  const int result = try_bind(bind, delivery, {});
   if (result != -ENOENT) {
     check(result);
     return;
   }
   const std::lock_guard lock(m_mutex);
   if (m_cancels != delivery.cancels_before()) return;
-  m_waiting.push_back(std::move(bind));
+  m_waiting.splice(m_waiting.end(), bind);
   if (m_watching) {
     ::eventfd_write(m_wakeup.get(), 1);
     return;
   }
   try {
-    std::thread([this] { watch(); }).detach();
-    m_watching = true;
+    start_watching();
   } catch (...) {
     m_waiting.pop_back();
     throw;
   }
+}
+
+// The program's signals are for its own threads.
+void PendingBinds::start_watching() {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  const int result = as_error_code([&] {
+    std::thread([this] { watch(); }).detach();
+    return 0;
+  });
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  check(result);
+  m_watching = true;
 }
 
 void PendingBinds::cancel() {
@@ -98,22 +127,34 @@ void PendingBinds::cancel() {
 }
 
 // Calls back when the service runs; else -ENOENT where nobody serves the name, or why that cannot be said.
-int PendingBinds::try_bind(const Bind& bind) {
+int PendingBinds::try_bind(Binds& binds, const Delivery& delivery, std::chrono::milliseconds patience) {
   vesk_handle handle{};
+  auto references = static_cast<unsigned int>(binds.size());
   const int result = as_error_code([&] {
-    handle = m_runtime.look_up(bind.name.c_str());
+    handle = m_runtime.look_up(binds.front().name.c_str(), references, patience);
     return 0;
   });
   if (result != 0) return result;
-  report_throw("bind callback", [&] { bind.callback(m_runtime.handle(), bind.context, bind.name.c_str(), handle); });
+  // The first is answered even when cancel() has come meanwhile, which waits for it.
+  do {
+    const Bind& bind = binds.front();
+    report_throw("bind callback", [&] { bind.callback(m_runtime.handle(), bind.context, bind.name.c_str(), handle); });
+    binds.pop_front();
+    --references;
+  } while (!binds.empty() && !delivery.is_cancelled());
+  if (references != 0) m_runtime.end_lookup_reference(handle, references);
   return 0;
 }
 
 void PendingBinds::watch() {
-  const UniqueFd inotify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ::pthread_setname_np(::pthread_self(), kThreadName);
+  UniqueFd inotify;
+  FileId watched;
   while (true) {
     // Watch first, look afterwards: what appears in between is seen.
-    const bool watched = inotify && watch_directory(inotify.get());
+    const FileId directory = directory_state().id;
+    if (!inotify || directory != watched) inotify = watch_directory();
+    watched = directory;
     const bool again_soon = try_all();
     {
       const std::lock_guard lock(m_mutex);
@@ -123,7 +164,10 @@ void PendingBinds::watch() {
       }
     }
     pollfd ready[] = {{inotify.get(), POLLIN, 0}, {m_wakeup.get(), POLLIN, 0}};
-    ::poll(ready, 2, watched && !again_soon ? -1 : kRetryMs);
+    const bool is_told = inotify && !again_soon;
+    while (::poll(ready, 2, is_told ? kDirectoryCheckMs : kRetryMs) == 0 && is_told &&
+           directory_state().id == watched) {
+    }
     discard_events(m_wakeup.get());
     if (inotify) discard_events(inotify.get());
   }
@@ -132,22 +176,25 @@ void PendingBinds::watch() {
 // Calls back for every service that runs by now. True when it is worth looking again soon.
 bool PendingBinds::try_all() {
   const Delivery delivery(*this);
-  std::list<Bind> untried;
+  Binds untried;
   {
     const std::lock_guard lock(m_mutex);
     untried.swap(m_waiting);
   }
   bool again_soon = false;
   while (!untried.empty()) {
-    const int result = try_bind(untried.front());
+    Binds binds;
+    const Bind first = untried.front();
+    for (auto at = untried.begin(); at != untried.end();) {
+      const auto bind = at++;
+      if (bind->callback == first.callback && bind->name == first.name) binds.splice(binds.end(), untried, bind);
+    }
+    const int result = try_bind(binds, delivery, kPatience);
     const std::lock_guard lock(m_mutex);
     if (m_cancels != delivery.cancels_before()) return false;
-    if (result == 0) {
-      untried.pop_front();
-      continue;
-    }
+    if (result == 0) continue;
     again_soon = again_soon || (result != -ENOENT && result != -EPERM);  // another user's: until the directory changes
-    m_waiting.splice(m_waiting.end(), untried, untried.begin());
+    m_waiting.splice(m_waiting.end(), binds);
   }
   return again_soon;
 }

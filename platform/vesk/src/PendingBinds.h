@@ -1,6 +1,7 @@
 // Binds: services that run are given out at once, the others when they appear.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -17,7 +18,9 @@ namespace vesk {
 
 class Runtime;
 
-// One watcher thread exists while at least one bind waits; it follows the directory by inotify. Any thread.
+// One watcher thread exists while at least one bind waits; it follows the directory by inotify. Binds of one name with one
+// callback are answered with one handle, so that a caller who asks again and again does not cost a connection each time. Any
+// thread.
 class PendingBinds {
  public:
   explicit PendingBinds(Runtime& runtime);
@@ -37,7 +40,11 @@ class PendingBinds {
   };
   class Delivery;
 
-  [[nodiscard]] int try_bind(const Bind& bind);
+  // Of one name and one callback.
+  using Binds = std::list<Bind>;
+
+  [[nodiscard]] int try_bind(Binds& binds, const Delivery& delivery, std::chrono::milliseconds patience);
+  void start_watching() VESK_REQUIRES(m_mutex);
   void watch();
   bool try_all();
 
@@ -46,7 +53,7 @@ class PendingBinds {
 
   std::mutex m_mutex;
   std::condition_variable_any m_delivered;
-  std::list<Bind> m_waiting VESK_GUARDED_BY(m_mutex);
+  Binds m_waiting VESK_GUARDED_BY(m_mutex);
   bool m_watching VESK_GUARDED_BY(m_mutex) = false;  // the watcher thread exists
   std::uint64_t m_cancels VESK_GUARDED_BY(m_mutex) = 0;
   std::vector<std::thread::id> m_deliverers VESK_GUARDED_BY(m_mutex);  // who may be inside a callback

@@ -1,13 +1,16 @@
 #include "Runtime.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "Descriptors.h"
 #include "RuntimeDirectory.h"
 
 namespace vesk {
@@ -52,6 +55,14 @@ const char* directory_problem(int error) {
   }
 }
 
+// Every client takes some. The soft limit protects programs that use select(), which nothing here does.
+void raise_descriptor_limit() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+}
+
 template <typename Body>
 void name_the_directory(const char* purpose, const Body& body) {
   try {
@@ -74,7 +85,10 @@ bool Runtime::is_forked_child() {
 }
 
 Runtime::Runtime() : m_call_limit(choose_call_limit()), m_server(m_loop), m_binds(*this) {
-  ::pthread_atfork(nullptr, nullptr, [] { g_forked = true; });
+  ::pthread_atfork(nullptr, nullptr, [] {
+    g_forked = true;
+    close_remembered_descriptors();
+  });
 }
 
 void Runtime::join_device() {
@@ -86,11 +100,8 @@ void Runtime::join_device() {
 }
 
 void Runtime::serve_device() {
-  name_the_directory("cannot serve", [this] {
-    const UniqueFd directory = make_runtime_directory();
-    const std::lock_guard lock(m_mutex);
-    if (!m_device_lock) m_device_lock = hold_device_lock(directory.get());
-  });
+  name_the_directory("cannot serve", [this] { m_server.serve_device(); });
+  raise_descriptor_limit();
   m_loop.allow();
 }
 
@@ -101,26 +112,28 @@ void Runtime::shutdown() {
   {
     const std::lock_guard lock(m_mutex);
     for (const auto& [number, reference] : m_handles) connections.push_back(reference.connection);
-    m_device_lock.reset();
   }
   for (const auto& connection : connections) connection->abort_call();
   m_server.close();
 }
 
-vesk_handle Runtime::look_up(const char* name) {
+vesk_handle Runtime::look_up(const char* name, unsigned int references, std::chrono::milliseconds patience) {
   auto connection = OutgoingConnection::open(*this, name);
+  // Before there is a handle, so that a service without room fails the lookup and does not die. A service of this process
+  // cannot answer yet.
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (connection->peer() != ::getpid() && !connection->try_handshake() &&
+         std::chrono::steady_clock::now() < deadline && !m_loop.is_stopped()) {
+  }
   vesk_handle handle{};
   {
     const std::lock_guard lock(m_mutex);
     const std::uint64_t number = ++m_last_handle;
-    m_handles[number].connection = connection;
+    m_handles[number] = {connection, 0, references, false};
     handle.words[0] = static_cast<std::uint32_t>(number);
     handle.words[1] = static_cast<std::uint32_t>(number >> 32U);
   }
   connection->watch(handle);
-  // sd-bus gives up a handshake after 90 s, and before the run loop is entered a client may wait for minutes for another
-  // service. A service of this process cannot answer yet.
-  if (!m_loop.is_this_thread() && connection->peer() != ::getpid()) connection->try_handshake();
   return handle;
 }
 
@@ -146,7 +159,7 @@ int Runtime::drop(const vesk_handle& handle, const Change& change) {
     const auto found = m_handles.find(key(handle));
     if (found == m_handles.end()) return -EINVAL;
     change(found->second);
-    if (found->second.acquired != 0 || found->second.lookup) return 0;
+    if (found->second.acquired != 0 || found->second.lookups != 0) return 0;
     last = std::move(found->second.connection);
     m_handles.erase(found);
   }
@@ -158,21 +171,21 @@ int Runtime::release(const vesk_handle& handle) {
   return drop(handle, [](Reference& reference) {
     if (reference.acquired != 0) {
       --reference.acquired;
-    } else {
-      reference.lookup = false;
+    } else if (reference.lookups != 0) {
+      --reference.lookups;
     }
-    if (reference.dead) reference.lookup = false;
+    if (reference.dead) reference.lookups = 0;
   });
 }
 
-void Runtime::end_lookup_reference(const vesk_handle& handle) {
-  drop(handle, [](Reference& reference) { reference.lookup = false; });
+void Runtime::end_lookup_reference(const vesk_handle& handle, unsigned int count) {
+  drop(handle, [count](Reference& reference) { reference.lookups -= std::min(count, reference.lookups); });
 }
 
 void Runtime::end_dead_lookup(const vesk_handle& handle, bool noticed) {
   drop(handle, [noticed](Reference& reference) {
     reference.dead = true;
-    if (noticed || reference.acquired != 0) reference.lookup = false;
+    if (noticed || reference.acquired != 0) reference.lookups = 0;
   });
 }
 

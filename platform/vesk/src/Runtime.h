@@ -39,14 +39,16 @@ class Runtime {
 
   void shutdown();
 
-  // Connects to the service called `name` and gives its handle, with one lookup reference. Throws std::system_error.
-  vesk_handle look_up(const char* name);
+  // Connects to the service called `name` and gives its handle, with `references` of a lookup. Waits for at most `patience` for
+  // a service that is slow to say whether it has room; vesk_shutdown ends that. Throws std::system_error, -EAGAIN for one that
+  // has none.
+  vesk_handle look_up(const char* name, unsigned int references = 1, std::chrono::milliseconds patience = {});
 
   // Null for a handle that names nothing.
   std::shared_ptr<OutgoingConnection> connection(const vesk_handle& handle);
   int acquire(const vesk_handle& handle);
   int release(const vesk_handle& handle);
-  void end_lookup_reference(const vesk_handle& handle);
+  void end_lookup_reference(const vesk_handle& handle, unsigned int count = 1);
 
   // The service died. Nobody unbinds a dead handle, so the lookup's reference ends by itself; but not before somebody
   // has acquired the handle or heard of the death (`noticed`), or the death would fall between a lookup and its link.
@@ -56,8 +58,8 @@ class Runtime {
   struct Reference {
     std::shared_ptr<OutgoingConnection> connection;
     unsigned int acquired = 0;
-    bool lookup = true;  // the lookup's own reference is still held
-    bool dead = false;   // and ends with the last acquired one
+    unsigned int lookups = 1;  // references of lookups that are still held
+    bool dead = false;         // they end with the last acquired one
   };
 
   Runtime();
@@ -72,7 +74,6 @@ class Runtime {
   PendingBinds m_binds;
 
   std::mutex m_mutex;
-  UniqueFd m_device_lock VESK_GUARDED_BY(m_mutex);
   std::unordered_map<std::uint64_t, Reference> m_handles VESK_GUARDED_BY(m_mutex);
   std::uint64_t m_last_handle VESK_GUARDED_BY(m_mutex) = 0;
 };

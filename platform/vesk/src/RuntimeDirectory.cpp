@@ -4,23 +4,24 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string_view>
+#include <thread>
 #include <vector>
+
+#include "Descriptors.h"
 
 namespace vesk {
 namespace {
 
-constexpr char kDeviceLock[] = ".device";
-constexpr std::string_view kSocketPrefix = ".socket-";
-constexpr int kBacklog = 128;
+constexpr std::chrono::milliseconds kLockPause{5};
 
 std::string choose_directory() {
   if (const char* chosen = std::getenv("ORVEL_RUNTIME_DIR"); chosen != nullptr && *chosen != '\0') {
@@ -55,24 +56,6 @@ int try_connect(int directory, const std::string& socket_file, UniqueFd* out) {
   return 0;
 }
 
-// Only a refusal says that nobody does. A process that accepts nothing at the moment is alive, and any other failure is this
-// process's own: taken for a death, it would cost a living device its socket.
-bool someone_listens(int directory, const std::string& socket_file) {
-  const int result = try_connect(directory, socket_file, nullptr);
-  return result != -ECONNREFUSED && result != -ENOENT;
-}
-
-// The socket that a name's link points to; empty where there is no such link. A link to anywhere else is nobody's
-// service.
-std::string link_target(int directory, const std::string& file) {
-  char target[NAME_MAX + 1];
-  const ssize_t size = ::readlinkat(directory, file.c_str(), target, sizeof(target));
-  if (size <= 0) return {};
-  const std::string_view text(target, static_cast<std::size_t>(size));
-  const bool ours = text.substr(0, kSocketPrefix.size()) == kSocketPrefix && text.find('/') == std::string_view::npos;
-  return ours ? std::string(text) : std::string();
-}
-
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
@@ -87,17 +70,19 @@ std::vector<std::string> files_in(int directory) {
   return files;
 }
 
-// A killed process leaves its socket and its links behind.
-void remove_leavings(int directory) {
-  const std::vector<std::string> files = files_in(directory);
-  for (const std::string& file : files) {
-    const bool is_socket = file.compare(0, kSocketPrefix.size(), kSocketPrefix) == 0;
-    if (is_socket && !someone_listens(directory, file)) ::unlinkat(directory, file.c_str(), 0);
-  }
-  for (const std::string& file : files) {
-    const std::string target = link_target(directory, file);
-    if (!target.empty() && ::faccessat(directory, target.c_str(), F_OK, 0) != 0) ::unlinkat(directory, file.c_str(), 0);
-  }
+bool is_socket_file(std::string_view file) {
+  return file.substr(0, kSocketPrefix.size()) == kSocketPrefix;
+}
+
+// Whether the process that is named by a socket's file may have ended. One of another PID namespace seems to have, so this is
+// only a reason to look closer.
+bool may_be_left(const std::string& socket_file) {
+  const int pid = std::atoi(socket_file.c_str() + kSocketPrefix.size());
+  return pid <= 0 || pid == ::getpid() || (::kill(pid, 0) != 0 && errno == ESRCH);
+}
+
+FileId id_in(const struct stat& status) {
+  return {status.st_dev, status.st_ino};
 }
 
 }  // namespace
@@ -122,6 +107,22 @@ UniqueFd make_runtime_directory() {
   return open_runtime_directory();
 }
 
+FileId id_of(int file) {
+  struct stat status {};
+  return ::fstat(file, &status) == 0 ? id_in(status) : FileId{};
+}
+
+FileId id_of(int directory, const std::string& file) {
+  struct stat status {};
+  return ::fstatat(directory, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 ? id_in(status) : FileId{};
+}
+
+DirectoryState directory_state() {
+  struct stat status {};
+  if (::lstat(runtime_directory().c_str(), &status) != 0) return {};
+  return {id_in(status), status.st_mtim};
+}
+
 bool device_is_alive(int directory) {
   const UniqueFd file(::openat(directory, kDeviceLock, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   if (!file) return false;
@@ -138,6 +139,7 @@ UniqueFd hold_device_lock(int directory) {
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
   check_errno(::fcntl(file.get(), F_OFD_SETLK, &lock));
+  remember_descriptor(file.get());
   return file;
 }
 
@@ -176,55 +178,63 @@ UniqueFd connect_to_service(int directory, const std::string& file) {
   return socket;
 }
 
-DirectoryLock::DirectoryLock(int directory) : m_directory(directory) {
-  int result = 0;
-  do {
-    result = ::flock(m_directory, LOCK_EX);
-  } while (result != 0 && errno == EINTR);
-  check_errno(result);
-}
-
-DirectoryLock::~DirectoryLock() {
-  ::flock(m_directory, LOCK_UN);
-}
-
-void Seat::open(int directory) {
-  if (m_listener) return;
-  remove_leavings(directory);
-  std::string file = std::string(kSocketPrefix) + std::to_string(::getpid());
-  // Whoever had this process number before is dead.
-  ::unlinkat(directory, file.c_str(), 0);
+UniqueFd listen_on(int directory, const std::string& file) {
   UniqueFd listener = new_socket();
   const sockaddr_un address = address_in(directory, file);
   check_errno(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
-  check_errno(::listen(listener.get(), kBacklog));
-  m_listener = std::move(listener);
-  m_socket_file = std::move(file);
+  check_errno(::listen(listener.get(), SOMAXCONN));
+  remember_descriptor(listener.get());
+  return listener;
 }
 
-void Seat::publish(int directory, const std::string& file) {
-  const std::string served_by = link_target(directory, file);
-  if (served_by == m_socket_file) return;
-  if (!served_by.empty() && someone_listens(directory, served_by)) {
-    throw std::system_error(EADDRINUSE, std::generic_category());
+std::string link_target(int directory, const std::string& file) {
+  char target[NAME_MAX + 1];
+  const ssize_t size = ::readlinkat(directory, file.c_str(), target, sizeof(target));
+  if (size <= 0) return {};
+  const std::string_view text(target, static_cast<std::size_t>(size));
+  return is_socket_file(text) && text.find('/') == std::string_view::npos ? std::string(text) : std::string();
+}
+
+// Only a refusal says that nobody does. A process that accepts nothing at the moment is alive, and any other failure is this
+// process's own: taken for a death, it would cost a living device its socket. That holds for a missing /proc too, so that
+// whether the file is there is asked without it.
+bool someone_listens(int directory, const std::string& socket_file) {
+  return id_of(directory, socket_file) != FileId{} && try_connect(directory, socket_file, nullptr) != -ECONNREFUSED;
+}
+
+// Connects to no living process's socket, which would have to deal with it.
+void remove_leavings(int directory) {
+  const std::vector<std::string> files = files_in(directory);
+  for (const std::string& file : files) {
+    if (is_socket_file(file) && may_be_left(file) && !someone_listens(directory, file)) {
+      ::unlinkat(directory, file.c_str(), 0);
+    }
   }
-  // Renamed into place, so that a reader sees the old link or the new one and never none.
-  const std::string temporary = ".link-" + std::to_string(::getpid());
-  ::unlinkat(directory, temporary.c_str(), 0);
-  check_errno(::symlinkat(m_socket_file.c_str(), directory, temporary.c_str()));
-  if (::renameat(directory, temporary.c_str(), directory, file.c_str()) != 0) {
-    const int error = errno;
-    ::unlinkat(directory, temporary.c_str(), 0);
-    check(-error);
+  for (const std::string& file : files) {
+    const std::string target = link_target(directory, file);
+    if (!target.empty() && ::faccessat(directory, target.c_str(), F_OK, 0) != 0) ::unlinkat(directory, file.c_str(), 0);
   }
 }
 
-void Seat::withdraw(int directory, const std::string& file) {
-  if (is_open() && link_target(directory, file) == m_socket_file) ::unlinkat(directory, file.c_str(), 0);
+// The lock is tried and not waited for: a wait for it has no limit. The directory is opened anew each time, because it may
+// be replaced meanwhile.
+DirectoryLock::DirectoryLock(std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (true) {
+    m_directory = open_runtime_directory();
+    if (::flock(m_directory.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK && errno != EINTR) check(-errno);
+    } else if (directory_state().id == id_of(m_directory.get())) {
+      return;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) check(-EBUSY);
+    std::this_thread::sleep_for(kLockPause);
+  }
 }
 
-void Seat::remove_socket(int directory) {
-  ::unlinkat(directory, m_socket_file.c_str(), 0);
+// For the open file, which a process that another thread forks meanwhile shares.
+DirectoryLock::~DirectoryLock() {
+  ::flock(m_directory.get(), LOCK_UN);
 }
 
 }  // namespace vesk

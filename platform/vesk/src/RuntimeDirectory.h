@@ -1,18 +1,26 @@
 // The directory in which the processes of one device meet. There is no hub: what is in the directory is all there is.
 //
-//   .device            a device lives here while some process holds a shared lock on it
-//   .socket-<pid>      where the process <pid> accepts connections; one for all the names that it serves
-//   <escaped name>     a symbolic link to the socket of the process that serves the name
+//   .device                   a device lives here while some process holds a shared lock on it
+//   .socket-<pid>-<random>    where a process accepts connections; one for all the names that it serves
+//   <escaped name>            a symbolic link to the socket of the process that serves the name
 //
 // Escaped names hold letters, digits, '_', '-' and inner '.', everything else as %XX, so no name can leave the
-// directory or meet one of its own files. Whoever changes the links holds flock on the directory.
+// directory or meet one of its own files. A process that publishes a name holds flock on the directory.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <chrono>
+#include <ctime>
 #include <string>
+#include <string_view>
 
 #include "Support.h"
 
 namespace vesk {
+
+constexpr char kDeviceLock[] = ".device";
+constexpr std::string_view kSocketPrefix = ".socket-";
 
 // ORVEL_RUNTIME_DIR, else $XDG_RUNTIME_DIR/orvel, else /tmp/orvel-<uid>, as an absolute path. Read once per process.
 const std::string& runtime_directory();
@@ -23,6 +31,28 @@ UniqueFd open_runtime_directory();
 
 // Opens it, made first where it is missing.
 UniqueFd make_runtime_directory();
+
+// Which file it is, whatever it is called. All zero for none.
+struct FileId {
+  dev_t device = 0;
+  ino_t number = 0;
+
+  bool operator==(const FileId& other) const { return device == other.device && number == other.number; }
+  bool operator!=(const FileId& other) const { return !(*this == other); }
+};
+FileId id_of(int file);
+FileId id_of(int directory, const std::string& file);  // follows no link
+
+// What stands at the directory's path, and when an entry last came or went. Costs one system call.
+struct DirectoryState {
+  FileId id;
+  timespec changed{};
+
+  bool operator==(const DirectoryState& other) const {
+    return id == other.id && changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+  }
+};
+DirectoryState directory_state();
 
 // Whether some process holds the device lock.
 bool device_is_alive(int directory);
@@ -38,40 +68,32 @@ std::string escaped_name(const char* name);
 // that process accepts nothing, -EPERM when it belongs to another user.
 UniqueFd connect_to_service(int directory, const std::string& file);
 
-// Holds flock on the directory.
+// A socket that listens on `file`, which must not exist.
+UniqueFd listen_on(int directory, const std::string& file);
+
+// The socket that a name's link points to; empty where there is no such link. A link to anywhere else is nobody's
+// service.
+std::string link_target(int directory, const std::string& file);
+
+// Whether the process that made this socket lives. What it has not accepted yet, this does not wait for.
+bool someone_listens(int directory, const std::string& socket_file);
+
+// Removes the sockets and links that killed processes left.
+void remove_leavings(int directory);
+
+// Holds flock on the directory that stands at the path.
 class DirectoryLock {
  public:
-  explicit DirectoryLock(int directory);
+  // Throws -EBUSY when another process holds it for longer than `patience`, and what open_runtime_directory() throws.
+  explicit DirectoryLock(std::chrono::milliseconds patience);
   ~DirectoryLock();
   DirectoryLock(const DirectoryLock&) = delete;
   DirectoryLock& operator=(const DirectoryLock&) = delete;
 
- private:
-  int m_directory;
-};
-
-// This process's place in the directory: its listening socket and the links to it. One thread at a time.
-class Seat {
- public:
-  // Makes the socket at the first use, after removing what dead processes left. The directory lock must be held.
-  void open(int directory);
-  [[nodiscard]] bool is_open() const { return static_cast<bool>(m_listener); }
-  [[nodiscard]] int listener() const { return m_listener.get(); }
-
-  // Points `file` at this process. Throws -EADDRINUSE when another live process serves it. The directory lock must be
-  // held.
-  void publish(int directory, const std::string& file);
-
-  // Removes the link unless it is another process's by now. The directory lock must be held.
-  void withdraw(int directory, const std::string& file);
-
-  // Removes the socket's file; connections that wait to be accepted hang up when the seat is destroyed. The directory
-  // lock must be held.
-  void remove_socket(int directory);
+  [[nodiscard]] int directory() const { return m_directory.get(); }
 
  private:
-  UniqueFd m_listener;
-  std::string m_socket_file;
+  UniqueFd m_directory;
 };
 
 }  // namespace vesk

@@ -8,25 +8,30 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "IncomingConnection.h"
 #include "Loop.h"
 #include "Message.h"
-#include "RuntimeDirectory.h"
+#include "Seat.h"
 #include "ThreadAnnotations.h"
 
 namespace vesk {
 
-// Names may be published and withdrawn on any thread; everything else runs on the loop's.
+// Names may be published and withdrawn on any thread; everything else runs on the loop's. m_seat_mutex is taken before
+// m_names_mutex, which every message that comes in takes; no thread waits for the directory's lock with either.
 class Server {
  public:
   explicit Server(Loop& loop) : m_loop(loop) {}
 
-  // Throw std::system_error as Seat does.
+  // Says that a device lives in the runtime directory, which is made where it is missing. Throws std::system_error.
+  void serve_device();
+
+  // Throws std::system_error as DirectoryLock and Seat do.
   void publish(const char* name, vesk_endpoint* endpoint);
   int withdraw(const char* name);
 
-  // Withdraws every name and closes every connection.
+  // Withdraws every name and closes every connection. Waits for no other process.
   void close();
 
   // The endpoint published under an object path, or null.
@@ -41,30 +46,47 @@ class Server {
   struct Name {
     std::string file;
     EndpointRef endpoint;
+    bool given_up = false;  // another process serves it since this one lost its link
   };
 
-  // Where this process accepts connections; made for the first name, gone with shutdown.
+  // Where this process accepts connections.
   struct Listener {
     Server& server;
-    Seat seat;
+    const std::string file;
+    UniqueFd socket;
     SourcePtr source;  // both on the loop's thread only
     SourcePtr resume;
   };
+  using ListenerPtr = std::shared_ptr<Listener>;
 
-  static void start_listening(const std::shared_ptr<Listener>& listener);
+  ListenerPtr take_seat(int directory) VESK_REQUIRES(m_seat_mutex);
+  void listen(const ListenerPtr& fresh);
+  bool is_current(const Listener& listener);
   void accept_some(Listener& listener);
   static void pause_accepting(Listener& listener);
   bool is_welcome(pid_t peer) const;
   void close_connections(const std::string* path, bool notify);
 
+  void look_after_seat();
+  void check_seat_after(std::uint64_t usec);
+  void check_seat();
+  bool mend_seat(ListenerPtr* fresh);
+  std::vector<std::string> files_to_keep();
+  bool give_way(int directory) VESK_REQUIRES(m_seat_mutex);
+
   Loop& m_loop;
 
-  std::mutex m_mutex;                                             // held while the directory is changed
-  std::shared_ptr<Listener> m_listener VESK_GUARDED_BY(m_mutex);  // null while nothing is published
-  std::map<std::string, Name> m_names VESK_GUARDED_BY(m_mutex);   // by object path
+  std::mutex m_seat_mutex;  // held while this process's files are changed
+  Seat m_seat VESK_GUARDED_BY(m_seat_mutex);
+
+  std::mutex m_names_mutex;
+  std::map<std::string, Name> m_names VESK_GUARDED_BY(m_names_mutex);  // by object path
 
   // The loop's thread only.
   std::map<IncomingConnection*, std::shared_ptr<IncomingConnection>> m_connections;
+  ListenerPtr m_listener;  // null while nothing is published
+  SourcePtr m_seat_timer;
+  int m_failed_checks = 0;  // one after the other
 };
 
 }  // namespace vesk

@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "Descriptors.h"
+
 namespace vesk {
 namespace {
 
@@ -24,7 +26,7 @@ BusPtr start_bus(UniqueFd socket, HandshakeRole role, sd_bus_message_handler_t h
   }
   check(sd_bus_negotiate_fds(raw, 1));
   check(sd_bus_set_fd(raw, socket.get(), socket.get()));
-  socket.release();  // the bus's now
+  remember_descriptor(socket.release());  // the bus's now
   if (handler != nullptr) check(sd_bus_add_filter(raw, nullptr, handler, userdata));
   check(sd_bus_start(raw));
   return bus;

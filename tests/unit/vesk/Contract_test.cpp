@@ -476,6 +476,14 @@ TEST_F(Contract, PublishingANameAgainReplacesItsEndpoint) {
   EXPECT_EQ(second.references.now(), 1);
 }
 
+TEST_F(Contract, ANameThatIsTakenDoesNotSpoilTheNext) {
+  Inbox& inbox = new_inbox("message");
+  EXPECT_NE(publish(m_peer.name(), inbox), 0);
+  EXPECT_EQ(publish("contract.name", inbox), 0);
+  const RunLoop loop(m_runtime);
+  EXPECT_EQ(call(lookup(), kAskName, 1, "contract.name").words, (Words{0, 101}));
+}
+
 // ---- Values ----
 
 TEST_F(Contract, ValuesHaveTheseBytesAndArriveWithThem) {

@@ -1,9 +1,12 @@
 // What the host runtime promises beyond the contract: peers that break every rule harm nobody else, and nothing is left
 // behind.
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <iterator>
@@ -15,6 +18,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -344,6 +349,118 @@ TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
   EXPECT_EQ(call(m_before, kEcho, 7).words, Words{7}) << "the parent goes on";
 }
 
+// ---- Where processes meet ----
+
+TEST_F(HostRuntime, AServiceWithoutRoomRefusesTheBind) {
+  std::vector<vesk_handle> bound;
+  vesk_handle handle{};
+  int error = 0;
+  while (bound.size() < 300 && (error = vesk_binder_servicemanager_get(m_runtime, m_peer.name(), &handle)) == 0) {
+    bound.push_back(handle);
+    EXPECT_EQ(call(handle, kEcho, 1).words, Words{1}) << "bound and dead";
+  }
+  EXPECT_EQ(error, -EAGAIN) << bound.size();
+  for (const vesk_handle& each : bound) unbind(each);
+  expect_others_are_served("a full service");
+}
+
+TEST_F(HostRuntime, ThoseWhoComeAtOnceWaitInLine) {
+  EXPECT_EQ(publish("contract.own", new_inbox("own")), 0);
+  for (int n = 0; n < 200; ++n) lookup("contract.own");  // nobody is in the loop
+}
+
+TEST_F(HostRuntime, ANewProcessDisturbsNoneThatLives) {
+  const UniqueFd listener = socket_at(::bind, ".socket-1-living");
+  check_errno(::listen(listener.get(), 8));
+  const Peer other("other");
+  pollfd connected{listener.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&connected, 1, 0), 0);
+}
+
+TEST_F(HostRuntime, BindsThatWaitForOneNameAreAnsweredWithOneHandle) {
+  Bind& first = new_bind("first");
+  Bind& again = new_bind("again");
+  EXPECT_EQ(bind("late", first), 0);
+  EXPECT_EQ(bind("late", again), 0);
+  const Peer late("late");
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound first", "bound again"}));
+  EXPECT_EQ(again.handle.words[0], first.handle.words[0]);
+  unbind(first.handle);
+  EXPECT_EQ(call(again.handle, kEcho, 1).words, Words{1}) << "each has a reference";
+  unbind(again.handle);
+  EXPECT_FALSE(valid(again.handle));
+}
+
+TEST_F(HostRuntime, WhatTheDirectoryLosesIsMadeAgain) {
+  const fs::path elsewhere = m_directory.string() + ".old";
+  const std::function<void()> rows[] = {
+      [&] { fs::rename(m_directory, elsewhere); },
+      [&] {
+        for (const auto& entry : fs::directory_iterator(m_directory)) fs::remove(entry);
+      },
+  };
+  const RunLoop loop(m_runtime);
+  std::size_t heard = 0;
+  for (const auto& lose : rows) {
+    const std::string late = "late" + std::to_string(heard);
+    EXPECT_EQ(publish("contract.kept", new_inbox("kept")), 0);
+    EXPECT_EQ(publish("contract.withdrawn", new_inbox("withdrawn")), 0);
+    link(lookup("contract.withdrawn"), new_mourner("withdrawn"));
+    EXPECT_EQ(bind(late.c_str(), new_bind("late")), 0);
+    lose();
+    EXPECT_EQ(vesk_service_withdraw(m_runtime, "contract.withdrawn"), 0);
+    EXPECT_EQ(m_log.wait_for(++heard).back(), "withdrawn died");
+
+    EXPECT_TRUE(eventually([&] { return vesk_get_runtime(&m_runtime) == 0; }));
+    expect_others_are_served("the loss");
+    const Peer late_peer(late);
+    EXPECT_EQ(m_log.wait_for(++heard).back(), "bound late");
+    EXPECT_TRUE(eventually([&] {
+      const Answer answer = call(m_before, kAskName, 1, "contract.kept");
+      return answer.words == Words{0, 101};
+    }));
+    m_log.wait_for(++heard);
+  }
+  fs::remove_all(elsewhere);
+}
+
+TEST_F(HostRuntime, ALockedDirectoryHoldsUpNobodyButThoseWhoPublish) {
+  Inbox& inbox = new_inbox("message");
+  EXPECT_EQ(publish("contract.before", inbox), 0);
+  const RunLoop loop(m_runtime);
+  const UniqueFd directory(check_errno(::open(m_directory.c_str(), O_RDONLY | O_CLOEXEC)));
+  check_errno(::flock(directory.get(), LOCK_EX));
+  auto published = std::async(std::launch::async, [&] { return publish("contract.late", inbox); });
+  EXPECT_EQ(call(m_before, kAskName, 1, "contract.before").words, (Words{0, 101}));
+  auto stopped = std::async(std::launch::async, [&] { return vesk_shutdown(m_runtime); });
+  EXPECT_EQ(stopped.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+  EXPECT_EQ(published.get(), -EBUSY);
+}
+
+TEST_F(HostRuntime, AProcessThatRanOutOfDescriptorsAcceptsAgain) {
+  EXPECT_EQ(publish("contract.own", new_inbox("own")), 0);
+  const RunLoop loop(m_runtime);
+  keep(m_before, new_inbox("message"));
+  rlimit files{};
+  check_errno(::getrlimit(RLIMIT_NOFILE, &files));
+  const auto connect_with_the_last = [](int socket, const sockaddr* address, socklen_t size) {
+    const int next = ::dup(socket);
+    rlimit few{};
+    ::getrlimit(RLIMIT_NOFILE, &few);
+    few.rlim_cur = static_cast<rlim_t>(next);
+    ::close(next);
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    return ::connect(socket, address, size);
+  };
+  const UniqueFd client = socket_at(connect_with_the_last, fs::read_symlink(m_directory / "contract.own"));
+  for (const int n : {1, 2}) EXPECT_EQ(call(m_before, kAsk, n).words, (Words{0, n + 100})) << "the loop goes on";
+  check_errno(::setrlimit(RLIMIT_NOFILE, &files));
+  const std::string hello = "\0AUTH EXTERNAL\r\nDATA\r\n"s;
+  EXPECT_GT(::send(client.get(), hello.data(), hello.size(), MSG_NOSIGNAL), 0);
+  pollfd answered{client.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&answered, 1, 20'000), 1);
+}
+
 // ---- Who may sit here ----
 
 TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt) {
@@ -420,6 +537,19 @@ TEST_F(HostRuntime, AProgramThatIsStartedInheritsNothing) {
   const RunLoop loop(m_runtime);
   keep(m_before, new_inbox("message"));
   EXPECT_EQ(call(m_before, kAsk, 1).words, (Words{0, 101}));
+  int watchers = 0;
+  const auto text_of = [](const fs::path& file) {
+    std::ifstream stream(file);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+  };
+  for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+    if (text_of(task.path() / "comm") != "vesk-watch\n") continue;
+    const std::string status = text_of(task.path() / "status");
+    const auto blocked = std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);
+    EXPECT_NE(blocked & (1U << (SIGTERM - 1)), 0U) << "a thread of the library takes the program's signals";
+    ++watchers;
+  }
+  EXPECT_EQ(watchers, 1);
   // What is inherited from whoever started this program is no socket, event loop or watch of the runtime's directory.
   const std::unique_ptr<FILE, int (*)(FILE*)> list(::popen("exec </dev/null 2>/dev/null; ls -l /proc/self/fd", "re"),
                                                    ::pclose);

@@ -5,8 +5,8 @@
  * is plain C, so that both sides of the interface agree on every layout.
  *
  * Results of type int are 0 for success. Anything else is an error code; the host runtime uses negated errno values
- * (-ENOENT: no such service, -EPIPE or -ECONNRESET: the service died, -ETIMEDOUT: the call limit passed, -ESHUTDOWN: after
- * vesk_shutdown, -EMSGSIZE: over 8 MiB, -EPERM: called after fork).
+ * (-ENOENT: no such service, -EAGAIN: a service that takes no connection at the moment, -EPIPE or -ECONNRESET: the service
+ * died, -ETIMEDOUT: the call limit passed, -ESHUTDOWN: after vesk_shutdown, -EMSGSIZE: over 8 MiB, -EPERM: called after fork).
  *
  * Runtime. There is one per process; its pointer is the same each time and stays valid to the end of the process, in exit
  * handlers and static destructors too; a static object that vesk_get_runtime makes would be gone before those of its callers.
@@ -109,8 +109,11 @@ VESK_API int vesk_shutdown(void* runtime);
 
 /*
  * Binds the service called `name`. One that runs is given to `callback` before this returns; for one that does not run yet
- * this returns 0 and calls back when it appears. Never blocks and never needs the run loop; connecting to a process that
- * accepts nothing is an error. `context` is passed on untouched; the name is copied. Any thread.
+ * this returns 0 and calls back when it appears. Never needs the run loop, and waits for no service: the host runtime gives one
+ * that does not answer, because it is stopped for example, 50 ms (10 ms on the run-loop thread) and then binds it all the same. A
+ * service that has no room for one more connection, or is just ending, is an error (-EAGAIN), one that is waited for is tried
+ * again. Binds that wait for one name with one callback may get one handle, with a reference for each. `context` is passed on
+ * untouched; the name is copied. Any thread.
  */
 VESK_API int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callback callback, void* context);
 
@@ -120,14 +123,18 @@ VESK_API int vesk_service_bind(void* runtime, const char* name, vesk_service_bin
  */
 VESK_API int vesk_service_unbind(void* runtime, vesk_handle* handle);
 
-/* Looks `name` up and answers at once: *out gets a handle with one lookup reference, or the result says why not. Any thread. */
+/*
+ * Looks `name` up and answers at once, like a bind of a service that runs: *out gets a handle with one lookup reference, or the
+ * result says why not. Any thread.
+ */
 VESK_API int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle* out);
 
 /*
  * Publishes `endpoint` under `name` and keeps one reference to it until the name is replaced, withdrawn, or vesk_shutdown.
  * A name that this process already serves gets the new endpoint: later calls reach it, and the old one's reference is
  * dropped, after its callback if one is in progress. A name that another live process serves is an error (-EADDRINUSE), an
- * empty or over-long one too (-EINVAL, -ENAMETOOLONG). Any thread.
+ * empty or over-long one too (-EINVAL, -ENAMETOOLONG). The host runtime waits for other processes that publish for at most 2 s
+ * (-EBUSY, with a line on standard error: one of them is stopped). Any thread.
  */
 VESK_API int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint);
 

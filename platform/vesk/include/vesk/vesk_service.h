@@ -26,6 +26,11 @@ extern "C" {
  * Like vesk_get_runtime, for a process that serves: makes the runtime directory (mode 0700) when it is missing, and holds the
  * lock that tells clients that a device lives here until vesk_shutdown or the end of the process. A line on standard error
  * says what was wrong. Any thread.
+ *
+ * Raises the process's soft limit of open files to the hard one, because each connection takes one or two: the process must not
+ * use select(), and gives programs that it starts the old limit if they may. What the runtime directory loses while this process
+ * is inside vesk_run_loop, or the whole directory, is made again within two seconds, with a line on standard error, unless
+ * another device has taken the place meanwhile.
  */
 VESK_API int vesk_serve_device(void** runtime);
 
