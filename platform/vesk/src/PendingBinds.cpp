@@ -101,12 +101,13 @@ void PendingBinds::bind(const char* name, vesk_service_bind_callback callback, v
   }
 }
 
-// The program's signals are for its own threads.
+// The program's signals are for its own threads; only what a fault of this one raises goes to the program's handler.
 void PendingBinds::start_watching() {
-  sigset_t all;
+  sigset_t blocked;
   sigset_t before;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  sigfillset(&blocked);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS, SIGABRT}) sigdelset(&blocked, fault);
+  ::pthread_sigmask(SIG_SETMASK, &blocked, &before);
   const int result = as_error_code([&] {
     std::thread([this] { watch(); }).detach();
     return 0;
