@@ -1,6 +1,6 @@
-# What a user of the project gets, in three parts that are packages too (Packages.cmake): lib, the client library and the host
-# runtime; dev, what it takes to build against them; tools, the simulated device and the command line. The whole folder can be
-# moved: programs and libraries find each other by $ORIGIN, the packages by their own place.
+# What a user of the project gets: the client library and the host runtime, what it takes to build against them, the simulated
+# device, the command line, documents and examples. The whole folder can be moved: programs and libraries find each other by
+# $ORIGIN, the files for CMake and pkg-config by their own place. debian/*.install says what is in which Debian package.
 include(CMakePackageConfigHelpers)
 
 set_target_properties(OrvelDelegateClient PROPERTIES EXPORT_NAME DelegateClient)
@@ -10,35 +10,42 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set_target_properties(vesk orvel-sim PROPERTIES INSTALL_RPATH "")  # these need nothing of Android's
 endif()
 install(TARGETS OrvelDelegateClient vesk vesk_headers EXPORT OrvelDelegateClient
-  LIBRARY COMPONENT lib NAMELINK_COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS orvel-sim orvelctl COMPONENT tools)
-install(DIRECTORY include/orvel platform/vesk/include/vesk DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
+install(TARGETS orvel-sim orvelctl)
+install(DIRECTORY include/orvel platform/vesk/include/vesk DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN *.h)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/OrvelDelegateClient)
-install(EXPORT OrvelDelegateClient NAMESPACE Orvel:: FILE OrvelDelegateClientTargets.cmake DESTINATION ${package_dir}
-  COMPONENT dev)
+install(EXPORT OrvelDelegateClient NAMESPACE Orvel:: FILE OrvelDelegateClientTargets.cmake DESTINATION ${package_dir})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/OrvelDelegateClientConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 configure_file(cmake/OrvelDelegateClientConfig.cmake.in OrvelDelegateClientConfig.cmake COPYONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/OrvelDelegateClientConfig.cmake
-  ${CMAKE_CURRENT_BINARY_DIR}/OrvelDelegateClientConfigVersion.cmake DESTINATION ${package_dir} COMPONENT dev)
+  ${CMAKE_CURRENT_BINARY_DIR}/OrvelDelegateClientConfigVersion.cmake DESTINATION ${package_dir})
 
 if(TARGET OrvelTestDevice)
-  install(TARGETS OrvelTestDevice EXPORT OrvelTestDevice ARCHIVE COMPONENT dev)
-  install(EXPORT OrvelTestDevice NAMESPACE Orvel:: FILE OrvelTestDeviceTargets.cmake DESTINATION ${package_dir}
-    COMPONENT dev)
-  install(FILES cmake/FindAndroidLibs.cmake DESTINATION ${package_dir} COMPONENT dev)
-  install(DIRECTORY testdevice/include/orvel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
+  install(TARGETS OrvelTestDevice EXPORT OrvelTestDevice)
+  install(EXPORT OrvelTestDevice NAMESPACE Orvel:: FILE OrvelTestDeviceTargets.cmake DESTINATION ${package_dir})
+  install(FILES cmake/FindAndroidLibs.cmake DESTINATION ${package_dir})
+  install(DIRECTORY testdevice/include/orvel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     FILES_MATCHING PATTERN *.h)
 endif()
 
-# The way from the .pc file up to the prefix, so that the file holds no absolute path.
+# The way from the .pc file up to the prefix, so that the file holds no absolute path. Debian's is the system's own folder, which
+# compilers must be told of by no other name.
 file(RELATIVE_PATH prefix_from_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-configure_file(cmake/libOrvelDelegateClient.pc.in libOrvelDelegateClient.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libOrvelDelegateClient.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT dev)
+set(pc_prefix \${pcfiledir}/${prefix_from_pc})
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(pc_prefix /usr)
+endif()
+set(pc_files libOrvelDelegateClient)
+if(TARGET OrvelTestDevice)
+  list(APPEND pc_files libOrvelTestDevice)
+endif()
+foreach(file ${pc_files})
+  configure_file(cmake/${file}.pc.in ${file}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${file}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
 # The programs write their own manual pages; not where they cannot run.
 if(NOT CMAKE_CROSSCOMPILING)
@@ -50,12 +57,17 @@ if(NOT CMAKE_CROSSCOMPILING)
     list(APPEND pages ${page}.gz)
   endforeach()
   add_custom_target(man ALL DEPENDS ${pages})
-  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 foreach(program orvelctl orvel-sim)
-  install(FILES tools/cli/completion.bash DESTINATION ${completions} RENAME ${program} COMPONENT tools)
+  install(FILES tools/cli/completion.bash DESTINATION ${completions} RENAME ${program})
 endforeach()
-install(FILES tools/cli/failure.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel COMPONENT tools)
-install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel COMPONENT tools FILES_MATCHING PATTERN *.json)
+install(FILES tools/cli/failure.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel)
+install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel FILES_MATCHING PATTERN *.json)
+
+# As they lie in the project, so that the documents' links lead somewhere.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN *.md PATTERN reference.md EXCLUDE)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})

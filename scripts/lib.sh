@@ -5,17 +5,20 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit 1
 jobs=$(nproc 2>/dev/null || echo 2)
 
-# Every Debian package that the project needs, and nowhere else.
+# Every Debian package that the project needs. debian/control repeats those that its own packages are built with.
 build_packages=(
   g++ cmake ninja-build pkgconf ccache
   android-liblog-dev android-libutils-dev libsystemd-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
+packaging_packages=(build-essential debhelper dpkg-dev)
+packaging_check_packages=(binutils file lintian debootstrap)
 check_packages=(
   clang-14 clang-format-14 clang-tidy-14 lld-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
   binutils shellcheck doxygen valgrind libc6-dbg python3
-  groff mandoc blueprint-tools dpkg-dev lintian debootstrap
+  groff mandoc blueprint-tools
+  "${packaging_packages[@]}" "${packaging_check_packages[@]}"
 )
 cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 
@@ -36,14 +39,28 @@ quietly() {
   die "$what failed; the whole log is $log"
 }
 
-# Installs those of the named Debian packages that are missing. Needs neither root nor the network when none is.
-install_missing() {
-  local package missing=() as_root=() log=$root/build/apt.log
+# Sets `missing` to those of the named Debian packages that are not installed.
+find_missing() {
+  local package
+  missing=()
   command -v dpkg-query >/dev/null || die "this is no Debian system; install what matches these Debian packages: $*"
   for package; do
     # Several versions or architectures of one package are several lines.
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
   done
+}
+
+# Ends with what to install, for what has no need to change the machine by itself.
+require_installed() {
+  local missing
+  find_missing "$@"
+  ((${#missing[@]} == 0)) || die "packages are missing; as root, run: apt-get install ${missing[*]}"
+}
+
+# Installs those of the named Debian packages that are missing. Needs neither root nor the network when none is.
+install_missing() {
+  local missing as_root=() log=$root/build/apt.log
+  find_missing "$@"
   ((${#missing[@]})) || return 0
   if (($(id -u))); then
     command -v sudo >/dev/null || die "neither root nor sudo; as root, run: apt-get install ${missing[*]}"

@@ -42,7 +42,7 @@ void Deliveries::send(const std::shared_ptr<const Notification>& notification,
   const Clock::time_point now = Clock::now();
   for (const RemotePtr& receiver : receivers) {
     Client& client = m_clients[vesk_remote_pid(receiver.get())];
-    const Delivery delivery = {notification, receiver, now};
+    const Delivery delivery = {notification, receiver, now, m_host.moment()};
     if (client.waiting.size() < kMostWaiting && client.waitingBytes + notification->size <= kMostWaitingBytes) {
       client.waiting.push_back(delivery);
       client.waitingBytes += notification->size;
@@ -118,8 +118,8 @@ void Deliveries::finish(Client& client, const Delivery& delivery, int error) {
   const Notification& notification = *delivery.notification;
   const CallbackMethod& method = notification.method;
   const pid_t pid = vesk_remote_pid(delivery.receiver.get());
-  Json entry =
-      trafficEntry(notification.service, "notification", method.name, method.code, pid, notification.arguments);
+  Json entry = trafficEntry(notification.service, "notification", method.name, method.code, pid, notification.arguments,
+                            delivery.moment);
   entry["endpoint"] = endpointNumber(delivery.receiver);
   if (error != 0) {
     entry["error"] = error;

@@ -58,6 +58,7 @@ class Deliveries {
     std::shared_ptr<const Notification> notification;
     RemotePtr receiver;
     Clock::time_point start;
+    Json moment;  // of its start, by the host
   };
   struct Unanswered {
     Deliveries* deliveries;

@@ -89,12 +89,13 @@ int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, 
   return 0;
 }
 
-Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const {
+Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request) {
   Call call;
   call.method = methodWith(m_type, code);
   call.code = code;
   call.caller = vesk_identity_pid(caller);
   call.arrival = Clock::now();
+  call.moment = m_host.moment();
   std::string where;
   try {
     RequestReader reader(request);
@@ -197,7 +198,7 @@ int Service::answer(const Call& call, vesk_payload* reply) {
 
 void Service::record(const Call& call, const Json& outcome) {
   const Json name = call.method == nullptr ? Json() : Json(call.method->name);
-  Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments);
+  Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments, call.moment);
   for (const RemotePtr& endpoint : call.endpoints) entry["endpoints"].push_back(endpointNumber(endpoint));
   entry.update(outcome);
   m_host.record(std::move(entry));

@@ -48,6 +48,9 @@ class Host {
   // Adds an entry to the traffic: before it returns, so that a client that has its reply finds it there, or soon.
   virtual void record(Json entry) = 0;
   virtual void recordSoon(Json entry) = 0;
+  // What the traffic says of the moment at which a call has come or a notification is sent, beside the wall clock's time of
+  // its end; null: nothing.
+  virtual Json moment() { return {}; }
   // How the call is to end, as faults say it and with the result as "reply"; null: as the service and its faults have it.
   virtual Json replayed(const ServiceType&, const Call&) { return {}; }
 
@@ -62,6 +65,7 @@ struct Call {
   unsigned code = 0;
   pid_t caller = 0;
   Clock::time_point arrival;
+  Json moment;  // of its arrival, by the host
   Json arguments = Json::object();
   std::vector<RemotePtr> endpoints;        // in the order of the arguments
   std::optional<RemoteException> refusal;  // what is wrong with the request
@@ -133,7 +137,7 @@ class Service : public Endpoint {
   };
 
   int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) override;
-  Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request) const;
+  Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request);
   Json faultOf(const Call& call) const;
   void answerLate(std::list<Late>::iterator late);
   void hangUp(const Late& late);

@@ -12,9 +12,9 @@
 namespace orvel::sim {
 
 Json trafficEntry(const std::string& service, const char* kind, const Json& name, unsigned code, pid_t client,
-                  const Json& arguments) {
+                  const Json& arguments, const Json& moment) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return {
+  Json entry = {
       {"timeMs", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()},
       {"timeUs", std::chrono::duration_cast<std::chrono::microseconds>(now).count()},
       {"service", service},
@@ -24,6 +24,8 @@ Json trafficEntry(const std::string& service, const char* kind, const Json& name
       {"servicePid", getpid()},
       {"arguments", arguments},
   };
+  if (!moment.is_null()) entry.update(moment);
+  return entry;
 }
 
 Json shortened(const Json& value) {

@@ -16,9 +16,9 @@ namespace orvel::sim {
 constexpr std::size_t kEntriesAtOnce = 50;
 
 // What every entry says, whole; how it ended is for the caller to add. `kind` is the key of the name: "method" for a call
-// by a client, "notification" for a call of a client.
+// by a client, "notification" for a call of a client. `moment` is what the host said of its beginning (Host::moment).
 Json trafficEntry(const std::string& service, const char* kind, const Json& name, unsigned code, pid_t client,
-                  const Json& arguments);
+                  const Json& arguments, const Json& moment);
 
 // The value, or the beginning of its text where that is long: one entry must not keep megabytes.
 Json shortened(const Json& value);

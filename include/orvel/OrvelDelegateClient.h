@@ -205,8 +205,10 @@ class ORVEL_API OrvelDelegateClient {
   /// receivers stands there twice. Empty on failure.
   std::vector<std::string> getBroadcastReceiverPackageNames(const std::string& action, long long flags);
 
-  /// Replaces the list by the names of the installed packages, at most 1,000. False, and an empty list, on failure; but
-  /// true when the service is there and only did not answer.
+  /// Replaces the list by the names of the installed packages, at most 1,000. False, and an empty list, only while the
+  /// client is not initialised or the service is not bound. True in every other case: with an empty list after a call that
+  /// failed, for whatever reason (an exception, a time limit, a service that died and whose death is not noticed yet), and
+  /// with the announced number of names, the missing ones empty, after a reply that was cut short.
   bool getInstalledPackageNames(std::vector<std::string>& packageNames);
 
   /// Replaces the list by the packages of all processes in the foreground, each once, in the order of their bytes. False,

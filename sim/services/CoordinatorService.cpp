@@ -75,7 +75,8 @@ class CoordinatorService : public Service {
       error = m_connections.front().call(request.get());
     }
     const pid_t pid = m_connections.front().pid();
-    Json entry = trafficEntry(type().id, "notification", kDirective.name, kDirective.code, pid, directive);
+    Json entry =
+        trafficEntry(type().id, "notification", kDirective.name, kDirective.code, pid, directive, host().moment());
     if (error != 0) entry["error"] = error;
     host().recordSoon(std::move(entry));
     if (error != 0) {

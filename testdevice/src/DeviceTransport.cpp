@@ -113,14 +113,26 @@ void DeviceTransport::release(vesk_remote* remote) {
 
 int DeviceTransport::send(const vesk_remote& remote, unsigned code, const vesk_payload& request) {
   if (remote.is_gone) return -EPIPE;
-  m_vesk.send(Target(remote.transfers.front()), code, bytes_in(request));
+  send_to(Target(remote.transfers.front()), code, request);
   return 0;
+}
+
+void DeviceTransport::send_to(const Target& target, unsigned code, const vesk_payload& request) {
+  const std::uint64_t number = m_current_message = ++m_last_message;
+  m_vesk.send(target, code, bytes_in(request), [this, number](const Reply& ended) {
+    if (ended.thrown) m_time.post([this, number, text = *ended.thrown] { m_thrown[number] = text; });
+  });
+}
+
+std::optional<std::string> DeviceTransport::thrown_at(std::uint64_t message) const {
+  const auto found = m_thrown.find(message);
+  return found == m_thrown.end() ? std::nullopt : std::optional(found->second);
 }
 
 int DeviceTransport::ask(const vesk_remote& remote, unsigned code, const vesk_payload& request,
                          vesk_completion completion, void* context) {
   if (remote.is_gone) return -EPIPE;
-  const std::uint64_t number = ++m_last_asked;
+  const std::uint64_t number = m_current_message = ++m_last_message;
   m_asked.push_back({number, remote.connection, completion, context});
   auto reply =
       std::make_shared<std::future<Reply>>(m_vesk.call(Target(remote.transfers.front()), code, bytes_in(request)));
@@ -135,6 +147,8 @@ void DeviceTransport::complete(std::uint64_t number, const Reply& answered) {
   if (found == m_asked.end()) return;
   const Asked asked = *found;
   m_asked.erase(found);
+  m_current_message = number;
+  if (answered.thrown) m_thrown[number] = *answered.thrown;
   vesk_buffer buffer;
   buffer.parcel.assign(answered.bytes.data(), answered.bytes.size());
   asked.completion(asked.context, answered.result, answered.result == 0 ? &buffer : nullptr);
@@ -189,7 +203,7 @@ int DeviceTransport::call_name(const vesk_handle& handle, unsigned code, const v
   if (found == m_found.end()) return -EINVAL;
   const std::vector<std::string> names = m_vesk.published();
   if (std::find(names.begin(), names.end(), found->second.name) == names.end()) return -EPIPE;
-  m_vesk.send(found->second.name, code, bytes_in(request));
+  send_to(found->second.name, code, request);
   return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,6 +75,13 @@ class DeviceTransport : public test::FakeDevice {
   void release(vesk_remote* remote);
   void tell_gone(vesk_remote* remote);
 
+  // ---- What became of the messages to the client ----
+
+  // The number of the one that was sent last or, while its sender is told of an answer, of the one that is answered.
+  [[nodiscard]] std::uint64_t current_message() const { return m_current_message; }
+  // The text of what the client's callback threw at it, as far as that has run.
+  [[nodiscard]] std::optional<std::string> thrown_at(std::uint64_t message) const;
+
   // ---- What the client does ----
 
   void loop_has_work(bool has) override;
@@ -98,6 +106,7 @@ class DeviceTransport : public test::FakeDevice {
     void* context;
   };
 
+  void send_to(const test::Target& target, unsigned code, const vesk_payload& request);
   test::Reply take_call(const test::Transaction& message, std::uint64_t life);
   void dispatch(const std::shared_ptr<ClientCall>& call);
   vesk_remote* remote_of(const test::Transaction& message, std::size_t index);
@@ -113,7 +122,9 @@ class DeviceTransport : public test::FakeDevice {
   std::map<std::uint32_t, Found> m_found;  // by the first word of the handle
   std::uint32_t m_last_found = 0;
   std::list<Asked> m_asked;
-  std::uint64_t m_last_asked = 0;
+  std::uint64_t m_last_message = 0;
+  std::uint64_t m_current_message = 0;
+  std::map<std::uint64_t, std::string> m_thrown;  // by the number of the message
 };
 
 }  // namespace orvel::testing

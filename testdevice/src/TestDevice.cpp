@@ -1,25 +1,17 @@
 #include "orvel/testing/TestDevice.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <exception>
-#include <functional>
-#include <future>
-#include <iostream>
-#include <map>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
-#include <thread>
 #include <utility>
 
-#include "DeviceTransport.h"
-#include "VirtualTime.h"
-#include "orvel/OrvelDelegateClient.h"
+#include "Device.h"
+#include "Records.h"
 #include "sim/Acts.h"
 #include "sim/EventResults.h"
 #include "sim/Scenario.h"
-#include "sim/Service.h"
 #include "sim/ShippedScenarios.h"
 
 namespace orvel::testing {
@@ -38,14 +30,15 @@ bool is_json(const std::string& text) {
   return text.find_first_not_of(" \t\r\n") == text.find('{') && text.find('{') != std::string::npos;
 }
 
+Json readScenario(const std::string& scenario) {
+  if (is_json(scenario)) return sim::readScenario(scenario, "the scenario");
+  return sim::scenarioCalled(scenario);
+}
+
 Json readObject(const std::string& text) {
   Json value = Json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!value.is_object()) throw std::invalid_argument("expected a JSON object, not '" + text + "'");
   return value;
-}
-
-std::string textIn(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 void expectOneOf(const std::string& act, std::initializer_list<const char*> acts) {
@@ -55,207 +48,17 @@ void expectOneOf(const std::string& act, std::initializer_list<const char*> acts
   throw std::invalid_argument("'" + act + "' is none of " + known);
 }
 
-// What came in place of a whole reply.
-std::string failureIn(const Json& entry) {
-  if (const auto thrown = entry.find("exception"); thrown != entry.end()) {
-    return "exception " + thrown->at("code").dump() + ": " + thrown->at("message").get<std::string>();
-  }
-  if (const auto error = entry.find("error"); error != entry.end()) return "error " + error->dump();
-  if (const auto size = entry.find("truncatedTo"); size != entry.end()) return "cut to " + size->dump() + " bytes";
-  if (entry.contains("hangs")) return "hangs";
-  return entry.contains("drops") ? "drops" : "";
-}
-
-// The name of a method, or of none that the service has.
-std::string nameIn(const Json& entry, const char* key) {
-  const Json& name = entry.at(key);
-  return name.is_null() ? "transaction " + entry.at("code").dump() : name.get<std::string>();
-}
-
-Call callIn(const Json& entry) {
-  const std::chrono::duration<double, std::milli> duration(entry.value("durationMs", 0.0));
-  return {entry.at("service"),
-          nameIn(entry, "method"),
-          textIn(entry.at("arguments")),
-          entry.contains("reply") ? textIn(entry.at("reply")) : "",
-          failureIn(entry),
-          std::chrono::duration_cast<std::chrono::nanoseconds>(duration)};
-}
-
-Json readScenario(const std::string& scenario) {
-  if (is_json(scenario)) return sim::readScenario(scenario, "the scenario");
-  return sim::scenarioCalled(scenario);
-}
-
-// Without a device there is nothing for a client to initialise, as on a workstation. Kept for good.
-bool takeDeviceAway() {
-  static auto& none = *new test::FakeVesk;
-  none.fail_always("vesk_get_runtime", 1, -ENOENT);
-  return true;
-}
-[[maybe_unused]] const bool g_no_device_yet = takeDeviceAway();
-
-// Comes before the host that has its runtime.
-struct Transport {
-  test::FakeVesk vesk;
-  DeviceTransport device{vesk};
-};
-
 }  // namespace
-
-// The host of the services. What is not said to run on the test's thread runs on the device's.
-class TestDevice::Device : private Transport, public sim::Host {
- public:
-  // Test's thread, like do_() and the destructor.
-  explicit Device(const std::string& scenario)
-      : Host(Transport::device.runtime()),
-        m_scenario(readScenario(scenario)),
-        m_thread([this] { m_time.run_device(); }) {
-    perform([this] {
-      for (const ServiceType* type : sim::allServices()) {
-        if (isAlive(*type)) start(*type);
-        armFlap(*type);
-      }
-    });
-  }
-
-  ~Device() override {
-    service_apis::OrvelDelegateClient::getClient().shutdown();
-    perform([this] {
-      for (const auto& [type, timer] : m_flaps) m_time.stop_timer(timer);
-      m_services.clear();
-      deliveries().stop();
-    });
-    m_time.stop_device();
-    m_thread.join();
-  }
-  Device(const Device&) = delete;
-  Device& operator=(const Device&) = delete;
-
-  // Runs `task` on the device's thread and gives what it gives. Any other thread.
-  template <typename Task>
-  auto perform(Task task) -> decltype(task()) {
-    // Shared: the one who waits may be gone before the one who answers has left it.
-    const auto done = std::make_shared<std::promise<decltype(task())>>();
-    m_time.post([&task, done] {
-      try {
-        if constexpr (std::is_void_v<decltype(task())>) {
-          task();
-          done->set_value();
-        } else {
-          done->set_value(task());
-        }
-      } catch (...) {
-        done->set_exception(std::current_exception());
-      }
-    });
-    try {
-      return done->get_future().get();
-    } catch (const std::exception& refused) {
-      throw std::invalid_argument(refused.what());
-    }
-  }
-
-  VirtualTime& time() { return m_time; }
-  [[nodiscard]] VirtualTime::Duration elapsed() const { return m_time.now() - m_start; }
-
-  const Json& scenario() const override { return m_scenario; }
-  void change(const Json& change) override { become(sim::changed(m_scenario, change)); }
-  void record(Json entry) override { m_traffic.push_back(std::move(entry)); }
-  void recordSoon(Json entry) override { record(std::move(entry)); }
-
-  const std::vector<Json>& traffic() const { return m_traffic; }
-  std::vector<std::string> publishedNames() const { return vesk.published(); }
-
-  Json tell(const char* id, const Json& event) {
-    const ServiceType& type = sim::serviceCalled(id);
-    const auto service = m_services.find(&type);
-    if (service == m_services.end()) throw std::runtime_error(type.id + " is dead");
-    return service->second->event(event);
-  }
-
-  void kill(const ServiceType& type) {
-    if (m_services.count(&type) == 0 && !m_scenario.at(type.id).contains(sim::kFlap)) {
-      throw std::runtime_error(type.id + " is dead already");
-    }
-    decree(type, false);
-  }
-
-  void restart(const ServiceType& type) {
-    if (isAlive(type)) decree(type, false);
-    decree(type, true);
-  }
-
- private:
-  bool isAlive(const ServiceType& type) const { return m_scenario.at(type.id).at(sim::kAlive); }
-
-  void decree(const ServiceType& type, bool alive) {
-    Json scenario = m_scenario;
-    sim::liveFromNowOn(scenario.at(type.id), alive);
-    become(std::move(scenario));
-  }
-
-  void become(Json scenario) {
-    const Json before = std::exchange(m_scenario, std::move(scenario));
-    for (const auto& [type, service] : m_services) service->changed(before);
-    for (const ServiceType* type : sim::allServices()) {
-      const Json& was = before.at(type->id);
-      const Json& is = m_scenario.at(type->id);
-      if (was.value(sim::kFlap, Json()) != is.value(sim::kFlap, Json())) armFlap(*type);
-      if (was.at(sim::kAlive) == is.at(sim::kAlive)) continue;
-      if (isAlive(*type)) {
-        start(*type);
-      } else {
-        m_services.erase(type);
-      }
-    }
-  }
-
-  void start(const ServiceType& type) {
-    auto service = type.make(type, *this);
-    service->publish();
-    m_services[&type] = std::move(service);
-  }
-
-  void armFlap(const ServiceType& type) {
-    if (const auto armed = m_flaps.extract(&type)) m_time.stop_timer(armed.mapped());
-    const Json& section = m_scenario.at(type.id);
-    const auto interval = sim::flapInterval(section);
-    if (!interval) return;
-    const bool endless = !section.at(sim::kFlap).contains("count");
-    m_flaps[&type] = m_time.start_timer(
-        *interval, [this, &type] { flap(type); }, endless);
-  }
-
-  void flap(const ServiceType& type) {
-    Json scenario = m_scenario;
-    sim::flapOnce(scenario.at(type.id));
-    become(std::move(scenario));
-    armFlap(type);
-  }
-
-  VirtualTime& m_time = VirtualTime::instance();
-  const VirtualTime::TimePoint m_start = m_time.now();
-  Json m_scenario;
-  std::vector<Json> m_traffic;
-  std::map<const ServiceType*, std::unique_ptr<sim::Service>> m_services;  // those that live
-  std::map<const ServiceType*, VirtualTime::TimerId> m_flaps;
-  std::thread m_thread;
-};
 
 TestDevice::TestDevice(const std::string& scenario) {
   try {
-    m_device = std::make_unique<Device>(scenario);
+    m_device = std::make_unique<Device>(readScenario(scenario));
   } catch (const sim::ScenarioError& refused) {
-    takeDeviceAway();
     throw std::invalid_argument(refused.what());
   }
 }
 
-TestDevice::~TestDevice() {
-  m_device.reset();
-  takeDeviceAway();
-}
+TestDevice::~TestDevice() = default;
 
 // ---- What the device knows ----
 
@@ -404,6 +207,7 @@ std::vector<Call> TestDevice::calls() const {
     for (const Json& entry : m_device->traffic()) {
       if (entry.contains("method")) calls.push_back(callIn(entry));
     }
+    sortByBeginning(calls);
     return calls;
   });
 }
@@ -421,9 +225,9 @@ std::vector<Notification> TestDevice::notifications() const {
     std::vector<Notification> told;
     for (const Json& entry : m_device->traffic()) {
       if (!entry.contains("notification")) continue;
-      told.push_back(
-          {entry.at("service"), nameIn(entry, "notification"), textIn(entry.at("arguments")), failureIn(entry)});
+      told.push_back(notificationIn(entry, m_device->thrownAt(entry)));
     }
+    sortByBeginning(told);
     return told;
   });
 }

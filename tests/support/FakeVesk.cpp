@@ -45,17 +45,20 @@ void require(bool kept, const char* operation, const char* rule) {
   std::abort();
 }
 
-// What a callback throws ends here and is an error, as with the host runtime.
+// What a callback throws ends here and is an error, as with the host runtime; `thrown` gets its text.
 template <typename Callback>
-int call_out(const char* what, Callback callback) {
+int call_out(const char* what, Callback callback, std::optional<std::string>* thrown = nullptr) {
   const Inside outside(false);
+  std::string text;
   try {
     return callback();
-  } catch (const std::exception& thrown) {
-    if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw: %s\n", what, thrown.what());
+  } catch (const std::exception& exception) {
+    text = exception.what();
   } catch (...) {
-    if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw\n", what);
+    text = "not a std::exception";
   }
+  if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw: %s\n", what, text.c_str());
+  if (thrown != nullptr) *thrown = text;
   return -EIO;
 }
 
@@ -371,11 +374,11 @@ struct FakeVesk::State {
     return reply;
   }
 
-  // A service's message to an endpoint of the client; `reply` is null for a one-way message.
+  // A service's message to an endpoint of the client; `reply` is null for a one-way message, `ended` may be empty.
   void deliver(const Target& target, unsigned code, const Bytes& message,
-               const std::shared_ptr<std::promise<Reply>>& reply) {
+               const std::shared_ptr<std::promise<Reply>>& reply, const std::function<void(const Reply&)>& ended) {
     const Lock lock(mutex);
-    queue_step([this, target, code, message, reply] {
+    queue_step([this, target, code, message, reply, ended] {
       const EndpointRef held = find_endpoint(target);
       Reply answer{{}, -EPIPE};
       if (held != nullptr) {
@@ -384,14 +387,16 @@ struct FakeVesk::State {
         vesk_buffer request;
         request.parcel.assign(message.data(), message.size());
         vesk_payload payload;
-        answer.result = call_out("an endpoint", [&] {
+        const auto call = [&] {
           const vesk_endpoint_fn& fn = *endpoint->fn;
           return reply == nullptr ? fn.endpoint_call_oneway(&g_runtime, endpoint, code, &caller, &request)
                                   : fn.endpoint_call(&g_runtime, endpoint, code, &caller, &request, &payload);
-        });
+        };
+        answer.result = call_out("an endpoint", call, &answer.thrown);
         if (answer.result == 0) answer.bytes = bytes_of(&payload);
       }
       if (reply != nullptr) reply->set_value(answer);
+      if (ended) ended(answer);
     });
   }
 
@@ -528,13 +533,14 @@ void FakeVesk::wait_for_held_calls(const std::string& name, int count) {
   });
 }
 
-void FakeVesk::send(const Target& target, unsigned code, const Bytes& message) {
-  m_state.deliver(target, code, message, nullptr);
+void FakeVesk::send(const Target& target, unsigned code, const Bytes& message,
+                    std::function<void(const Reply&)> ended) {
+  m_state.deliver(target, code, message, nullptr, ended);
 }
 
 std::future<Reply> FakeVesk::call(const Target& target, unsigned code, const Bytes& message) {
   const auto reply = std::make_shared<std::promise<Reply>>();
-  m_state.deliver(target, code, message, reply);
+  m_state.deliver(target, code, message, reply, {});
   return reply->get_future();
 }
 

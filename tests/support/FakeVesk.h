@@ -7,6 +7,7 @@
 #include <future>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -33,6 +34,7 @@ struct Transaction {
 struct Reply {
   Bytes bytes;
   int result = 0;
+  std::optional<std::string> thrown = {};  // the text of what an endpoint threw
 };
 
 // Answers the calls of one service (buffer_of(call.request) reads one), on the calling thread and with no lock held. It may use the fake: kill_service() of
@@ -131,7 +133,8 @@ class FakeVesk {
 
   // ---- What services send; runs on the run-loop thread, in the order sent ----
 
-  void send(const Target& target, unsigned code, const Bytes& message);
+  // `ended`, on that thread too: what became of it, a Reply without bytes.
+  void send(const Target& target, unsigned code, const Bytes& message, std::function<void(const Reply&)> ended = {});
   // The endpoint's answer; -EPIPE when nobody holds or publishes the target any more.
   std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
   // Gives back every reference to `endpoint` that services hold.

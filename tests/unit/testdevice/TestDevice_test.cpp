@@ -3,7 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@ namespace orvel::testing {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Texts = std::vector<std::string>;
@@ -213,14 +216,60 @@ TEST_F(TestDeviceTest, ARecordOfWhatBothSidesSaid) {
   EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, [](int) {}));
   device.set({"setting", "volume_alarm"}, "9");
   EXPECT_TRUE(device.settle());
+  device.advance(2s);
   EXPECT_EQ(m_client.getSecureSettingInt("volume_alarm", 0), 9);
   const Call asked = device.calls("delegate", "getSecureSetting").back();
+  EXPECT_EQ(asked.time, 2s);
   EXPECT_EQ(asked.arguments, R"({"key":"volume_alarm"})");
   EXPECT_EQ(asked.reply, R"("9")");
   ASSERT_EQ(device.notifications().size(), 1U);
   EXPECT_EQ(device.notifications()[0].name, "settingChanged");
   EXPECT_EQ(device.notifications()[0].arguments, R"({"key":"volume_alarm","value":"9"})");
+  EXPECT_EQ(device.notifications()[0].time, 0s);
   EXPECT_EQ(device.get({"settings", "volume_alarm"}), "9");
+}
+
+TEST_F(TestDeviceTest, WhatACallbackAsksStandsAfterWhatItWasTold) {
+  TestDevice device;
+  ASSERT_TRUE(m_client.initialize());
+  const auto ask = [this](auto&&...) { m_client.getDeviceName(); };
+  EXPECT_TRUE(m_client.registerForDeviceNameChange(ask));
+  EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, ask));
+  device.set("name", "Hall");
+  device.set({"setting", "volume_alarm"}, "9");  // answered, and so recorded, after its callback has asked
+  EXPECT_TRUE(device.settle());
+  std::map<std::uint64_t, std::string> events;
+  for (const Call& call : device.calls()) events[call.sequence] = call.method;
+  for (const Notification& told : device.notifications()) events[told.sequence] = told.name;
+  Texts order;
+  for (const auto& [sequence, name] : events) order.push_back(name);
+  order.erase(order.begin(), order.begin() + 2);  // the registrations
+  EXPECT_THAT(order, AnyOf(ElementsAre("broadcast", "settingChanged", "getDeviceName", "getDeviceName"),
+                           ElementsAre("broadcast", "getDeviceName", "settingChanged", "getDeviceName")));
+}
+
+TEST_F(TestDeviceTest, WhatACallbackThrowsIsInTheRecordOfWhatItWasTold) {
+  TestDevice device;
+  ASSERT_TRUE(m_client.initialize());
+  const auto refuse = [](const char* why) { return [why](auto&&...) { throw std::runtime_error(why); }; };
+  EXPECT_TRUE(m_client.registerForDeviceNameChange(refuse("bad name")));
+  EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, refuse("bad volume")));
+  EXPECT_TRUE(m_client.registerForNetworkConnectivityChange(refuse("bad network")));
+  EXPECT_TRUE(m_client.registerForDirective("Alerts", refuse("bad alert")));
+  EXPECT_TRUE(m_client.sendEvent("A", "b", "", "", "", "", "", false, "", refuse("bad result")));
+  EXPECT_TRUE(m_client.registerForScreenStateChange([](bool) {}));
+  EXPECT_TRUE(device.settle());
+  device.set("name", "Hall");
+  device.set({"setting", "volume_alarm"}, "9");
+  device.set("networkConnected", "false");
+  device.directive("Alerts", {"1"});
+  device.screen(false);
+  EXPECT_TRUE(device.settle());
+  Texts told;
+  for (const Notification& each : device.notifications()) told.push_back(each.name + ": " + each.failure);
+  EXPECT_THAT(told, ElementsAre("eventResult: exception: bad result", "broadcast: exception: bad name",
+                                "settingChanged: exception: bad volume", "networkLost: exception: bad network",
+                                "directive: exception: bad alert", "broadcast: "));
 }
 
 TEST_F(TestDeviceTest, CallbacksMayUseClientAndDeviceButNotWait) {
@@ -309,6 +358,19 @@ TEST_F(TestDeviceTest, AWrongScenarioMakesNoDevice) {
     EXPECT_THROW(TestDevice{scenario}, std::invalid_argument) << scenario;
     EXPECT_FALSE(m_client.initialize());
   }
+  const TestDevice device;  // its place was left free
+  EXPECT_TRUE(m_client.initialize());
+}
+
+TEST_F(TestDeviceTest, ASecondDeviceIsRefusedAndTheFirstGoesOn) {
+  const TestDevice device;
+  try {
+    const TestDevice second;
+    ADD_FAILURE() << "not refused";
+  } catch (const std::logic_error& refused) {
+    EXPECT_THAT(refused.what(), HasSubstr("another one in this process"));
+  }
+  EXPECT_TRUE(m_client.initialize());
 }
 
 }  // namespace

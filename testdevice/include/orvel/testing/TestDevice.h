@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -40,6 +41,8 @@ struct Call {
   std::string
       failure;  ///< what came in place of a whole reply, "exception -5: ...", "hangs"; empty when nothing went wrong
   std::chrono::nanoseconds duration;  ///< in virtual time
+  std::chrono::nanoseconds time{};    ///< when it came to the service, in virtual time since the device's start
+  std::uint64_t sequence = 0;  ///< its place among all calls and notifications, by their beginnings; the first has 1
 };
 
 /// What a service told a client.
@@ -47,7 +50,11 @@ struct Notification {
   std::string service;    ///< "delegate"
   std::string name;       ///< "settingChanged"
   std::string arguments;  ///< as JSON
-  std::string failure;    ///< empty when the client has taken it
+  /// Empty when the client has taken it; "exception: ..." with the text of what its callback threw. A notification that
+  /// needs no answer counts as taken until the callback has thrown: settle() before you look.
+  std::string failure;
+  std::chrono::nanoseconds time{};  ///< when the service sent it, in virtual time since the device's start
+  std::uint64_t sequence = 0;  ///< its place among all calls and notifications, by their beginnings; the first has 1
 };
 
 /// What a client registered for and still is.
@@ -69,7 +76,8 @@ constexpr char kEveryMethod[] = "*";
 ///     device.set("name", "Living room");
 ///     device.settle();   // the client has heard of it
 ///
-/// One at a time in a process. Destroying it shuts the client down, so that the next test finds it uninitialised; what
+/// One at a time in a process: the constructor of a second one throws std::logic_error while the first exists, and the place
+/// is free again when that is destroyed or could not be made. Destroying it shuts the client down, so that the next test finds it uninitialised; what
 /// isMaroConnected() said last is the one thing that the client keeps.
 ///
 /// Threads. The services run on a thread of the device's, callbacks on the client's run-loop thread, all else on the
