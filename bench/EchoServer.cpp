@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -22,6 +23,7 @@ namespace bench {
 namespace {
 
 constexpr const char* kServe = "--serve-echo=";
+constexpr const char* kCrowd = "--crowd=";
 constexpr int kServerSocket = 3;
 
 int serveSocket() {
@@ -191,11 +193,12 @@ int answerOnHostRuntime(void* runtime, vesk_endpoint* /*endpoint*/, unsigned int
   }
 }
 
+const vesk_endpoint_fn kFunctions = {
+    answerOnHostRuntime, [](void*, vesk_endpoint*, unsigned int, vesk_identity*, vesk_buffer*) { return -EINVAL; },
+    [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
+vesk_endpoint endpoint = {&kFunctions, nullptr};
+
 int serveHostRuntime() {
-  static const vesk_endpoint_fn functions = {
-      answerOnHostRuntime, [](void*, vesk_endpoint*, unsigned int, vesk_identity*, vesk_buffer*) { return -EINVAL; },
-      [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
-  static vesk_endpoint endpoint = {&functions, nullptr};
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;
   if (const int error = vesk_service_register(runtime, kEchoService, &endpoint)) {
@@ -205,9 +208,29 @@ int serveHostRuntime() {
   return vesk_run_loop(runtime) == 0 ? 0 : 1;
 }
 
+int standAround(int connections) {
+  void* runtime = nullptr;
+  if (vesk_get_runtime(&runtime) != 0) return 1;
+  vesk_buffer* reply = vesk_buffer_alloc();
+  for (int n = 0; n < connections; ++n) {
+    vesk_handle handle{};
+    vesk_payload* request = vesk_payload_alloc();
+    vesk_write_endpoint(request, &endpoint);
+    if (vesk_binder_servicemanager_get(runtime, kEchoService, &handle) != 0 ||
+        vesk_call(runtime, &handle, kKeepEndpoint, request, reply) != 0) {
+      std::fprintf(stderr, "orvel_bench: connection %d fails\n", n);
+      return 1;
+    }
+    vesk_payload_free(request);
+  }
+  char byte = '.';
+  if (::write(kServerSocket, &byte, 1) != 1) return 1;
+  return static_cast<int>(::read(kServerSocket, &byte, 1));  // until the benchmark is over
+}
+
 }  // namespace
 
-EchoServer::EchoServer(Transport transport) {
+Child::Child(std::string role) {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     throw std::system_error(errno, std::generic_category(), "socketpair");
@@ -217,7 +240,6 @@ EchoServer::EchoServer(Transport transport) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], kServerSocket);
   std::string program = "/proc/self/exe";
-  std::string role = kServe + std::to_string(static_cast<int>(transport));
   char* arguments[] = {program.data(), role.data(), nullptr};
   const int error = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, arguments, environ);
   posix_spawn_file_actions_destroy(&actions);
@@ -228,16 +250,25 @@ EchoServer::EchoServer(Transport transport) {
   }
 }
 
-EchoServer::~EchoServer() {
+Child::~Child() {
   ::close(m_socket);
   ::kill(m_pid, SIGTERM);
   ::waitpid(m_pid, nullptr, 0);
 }
 
+EchoServer::EchoServer(Transport transport) : Child(kServe + std::to_string(static_cast<int>(transport))) {}
+
+Crowd::Crowd(int connections) : Child(kCrowd + std::to_string(connections)) {
+  char ready = 0;
+  if (::read(socket(), &ready, 1) != 1) throw std::runtime_error("the other connections do not come about");
+}
+
 int serveIfAsked(int argc, char** argv) {
   const std::string role = argc == 2 ? argv[1] : "";
-  if (role.rfind(kServe, 0) != 0) return -1;
+  const bool is_crowd = role.rfind(kCrowd, 0) == 0;
+  if (!is_crowd && role.rfind(kServe, 0) != 0) return -1;
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a benchmark that is interrupted leaves no server behind
+  if (is_crowd) return standAround(std::atoi(role.c_str() + std::string(kCrowd).size()));
   switch (static_cast<Transport>(std::atoi(role.c_str() + std::string(kServe).size()))) {
     case Transport::kSocket:
       return serveSocket();

@@ -39,13 +39,13 @@ constexpr const char* kEchoPath = "/echo";
 constexpr const char* kEchoInterface = "orvel.bench";
 constexpr const char* kEchoMethod = "Echo";
 
-// Starts a server as a child process, by running this program anew, and ends it. Throws std::system_error.
-class EchoServer {
+// A child process that runs this program anew in another role, until the object ends. Throws std::system_error.
+class Child {
  public:
-  explicit EchoServer(Transport transport);
-  ~EchoServer();
-  EchoServer(const EchoServer&) = delete;
-  EchoServer& operator=(const EchoServer&) = delete;
+  explicit Child(std::string role);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
 
   [[nodiscard]] pid_t pid() const { return m_pid; }
 
@@ -57,7 +57,19 @@ class EchoServer {
   pid_t m_pid = 0;
 };
 
-// For main(): runs the server when the command line asks for one, and returns its exit status; -1 when it does not.
+class EchoServer : public Child {
+ public:
+  explicit EchoServer(Transport transport);
+};
+
+// Clients of the host runtime's server, which must be up: so many connections with a callback channel each, on which nothing
+// happens. Throws std::runtime_error when not all of them come about.
+class Crowd : public Child {
+ public:
+  explicit Crowd(int connections);
+};
+
+// For main(): runs the role that the command line asks for, and returns its exit status; -1 when it asks for none.
 int serveIfAsked(int argc, char** argv);
 
 }  // namespace bench

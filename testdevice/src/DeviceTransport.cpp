@@ -24,6 +24,7 @@ struct Request : vesk_buffer {
 
 // Who sent it, and whether the answer is left for later.
 struct Caller : vesk_identity {
+  DeviceTransport* transport = nullptr;
   std::shared_ptr<ClientCall> call;
   bool deferred = false;
 };
@@ -31,11 +32,6 @@ struct Caller : vesk_identity {
 test::Bytes bytes_in(const vesk_payload& payload) {
   const auto& bytes = payload.parcel.bytes();
   return {bytes.data(), bytes.size()};
-}
-
-void answer(ClientCall& call, int error, const vesk_payload* reply) {
-  call.reply = {error == 0 && reply != nullptr ? bytes_in(*reply) : test::Bytes(), error};
-  VirtualTime::instance().end(call.wait);
 }
 
 }  // namespace
@@ -61,11 +57,39 @@ Reply DeviceTransport::take_call(const Transaction& message, std::uint64_t life)
   const auto call = std::make_shared<ClientCall>(ClientCall{message, life});
   m_time.post([this, call] { dispatch(call); });
   if (!m_time.wait(call->wait, kCallLimit)) {
-    m_vesk.close_connection(message, -ETIMEDOUT);  // or a late answer would be taken for another
+    m_time.post([this, call] {
+      call->is_late = true;
+      if (call->is_good) take_back(*call);
+    });
     return {{}, -ETIMEDOUT};
   }
   if (call->hung_up) m_vesk.close_connection(message, -EPIPE);
   return call->reply;
+}
+
+void DeviceTransport::answer(ClientCall& call, int error, const vesk_payload* reply) {
+  call.is_good = error == 0;
+  if (call.is_late) {
+    if (call.is_good) take_back(call);
+    return;
+  }
+  call.reply = {error == 0 && reply != nullptr ? bytes_in(*reply) : test::Bytes(), error};
+  m_time.end(call.wait);
+}
+
+// The call has succeeded here and failed for the client, which has let go of the endpoints that went along.
+void DeviceTransport::take_back(const ClientCall& call) {
+  for (std::size_t index = 0; index < call.message.endpoints.size(); ++index) {
+    const auto found = m_remotes.find({call.message.connection, call.message.endpoints[index]});
+    if (found == m_remotes.end()) continue;
+    vesk_remote* remote = vesk_remote_acquire(found->second.get());
+    auto& transfers = remote->transfers;
+    const auto is_expired = [](const auto& transfer) { return transfer.expired(); };
+    transfers.erase(std::remove_if(transfers.begin(), transfers.end(), is_expired), transfers.end());
+    remote->is_gone = remote->is_gone || transfers.empty();
+    if (remote->is_gone) tell_gone(remote);
+    release(remote);
+  }
 }
 
 void DeviceTransport::dispatch(const std::shared_ptr<ClientCall>& call) {
@@ -78,6 +102,7 @@ void DeviceTransport::dispatch(const std::shared_ptr<ClientCall>& call) {
     request.remotes.push_back(remote_of(call->message, index));
   }
   Caller caller;
+  caller.transport = this;
   caller.call = call;
   vesk_payload reply;
   int error = -EIO;
@@ -280,12 +305,12 @@ pid_t vesk_identity_pid(const vesk_identity*) {
 vesk_deferred* vesk_request_defer(vesk_identity* caller) {
   auto& self = static_cast<Caller&>(*caller);
   if (std::exchange(self.deferred, true)) return nullptr;
-  return new vesk_deferred{self.call};
+  return new vesk_deferred{*self.transport, self.call};
 }
 
 int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply) {
   const std::unique_ptr<vesk_deferred> owner(deferred);
-  orvel::testing::answer(*deferred->call, error, reply);
+  deferred->transport.answer(*deferred->call, error, reply);
   return 0;
 }
 

@@ -30,6 +30,8 @@ struct ClientCall {
   VirtualTime::Wait wait{VirtualTime::Wait::Kind::kCall};
   test::Reply reply{{}, -EPIPE};
   bool hung_up = false;
+  bool is_late = false;  // the client has stopped waiting
+  bool is_good = false;  // the answer is a success
 };
 
 }  // namespace orvel::testing
@@ -47,6 +49,7 @@ struct vesk_remote {
 };
 
 struct vesk_deferred {
+  orvel::testing::DeviceTransport& transport;
   std::shared_ptr<orvel::testing::ClientCall> call;
 };
 
@@ -73,6 +76,7 @@ class DeviceTransport : public test::FakeDevice {
   int ask(const vesk_remote& remote, unsigned code, const vesk_payload& request, vesk_completion completion,
           void* context);
   void release(vesk_remote* remote);
+  void answer(ClientCall& call, int error, const vesk_payload* reply);
   void tell_gone(vesk_remote* remote);
 
   // ---- What became of the messages to the client ----
@@ -110,6 +114,7 @@ class DeviceTransport : public test::FakeDevice {
   test::Reply take_call(const test::Transaction& message, std::uint64_t life);
   void dispatch(const std::shared_ptr<ClientCall>& call);
   vesk_remote* remote_of(const test::Transaction& message, std::size_t index);
+  void take_back(const ClientCall& call);
   void complete(std::uint64_t number, const test::Reply& answer);
   void connection_closed(std::uint32_t connection);
   void names_withdrawn();

@@ -101,6 +101,7 @@ struct Service {
   bool binds_repeated = false;
   bool calls_held = false;
   unsigned held_code = kAnyCode;
+  int expiries = 0;  // how often the held calls ran into the call limit
 };
 
 struct PendingBind {
@@ -354,10 +355,13 @@ struct FakeVesk::State {
     const auto is_held = [&] {
       return service.calls_held && (service.held_code == kAnyCode || service.held_code == transaction.code);
     };
-    changed.wait(lock, [&] { return !is_held() || broken() != 0; });
+    const int expiries = service.expiries;
+    const auto is_late = [&] { return service.expiries != expiries; };
+    changed.wait(lock, [&] { return !is_held() || is_late() || broken() != 0; });
     if ((connection = find(handle)) != nullptr) --connection->calls_held;
 
     Reply reply{{}, broken()};
+    if (reply.result == 0 && is_late()) reply.result = -ETIMEDOUT;
     if (reply.result == 0 && service.handler) {
       const Handler handler = service.handler;
       lock.unlock();
@@ -511,9 +515,8 @@ void FakeVesk::let_calls_go(const std::string& name) {
 
 void FakeVesk::expire_calls(const std::string& name) {
   const State::Lock lock(m_state.mutex);
-  for (const auto& [id, connection] : m_state.connections) {
-    if (connection.service == name && connection.calls_held > 0 && connection.death == 0) m_state.die(id, -ETIMEDOUT);
-  }
+  ++m_state.services[name].expiries;
+  m_state.changed.notify_all();
 }
 
 void FakeVesk::close_connection(const Transaction& call, int error) {

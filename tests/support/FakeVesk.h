@@ -123,12 +123,12 @@ class FakeVesk {
   // service, or vesk_shutdown.
   void hold_calls(const std::string& name, unsigned code = kAnyCode);
   void let_calls_go(const std::string& name);
-  // Lets the held calls run into the call limit: they fail with -ETIMEDOUT, and their connections are closed.
+  // Lets the held calls run into the call limit: each fails with -ETIMEDOUT, and its connection goes on.
   void expire_calls(const std::string& name);
   // Waits until `count` calls of `name` are held.
   void wait_for_held_calls(const std::string& name, int count = 1);
 
-  // Closes the connection of a call in progress, which fails with `error`; for its handler. -ETIMEDOUT is the call limit's.
+  // Closes the connection of a call in progress, which fails with `error`; for its handler.
   void close_connection(const Transaction& call, int error);
 
   // ---- What services send; runs on the run-loop thread, in the order sent ----

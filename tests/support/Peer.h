@@ -14,7 +14,7 @@ namespace orvel::test {
 enum PeerCode : unsigned {
   kEcho = 1,    // answers with the request
   kFail,        // answers with an error
-  kHang,        // takes the call; answers it, late, when the next request comes
+  kHang,        // (endpoint or none) takes the call and keeps the endpoint; answers late, before any other request
   kDie,         // ends the process at once, while what it has forked lives on
   kKeep,        // (endpoint) keeps one more reference; answers whether it equals the one kept before
   kLetGo,       // gives one reference to the kept endpoint back

@@ -1,5 +1,6 @@
 // vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes a byte to standard output once it serves,
 // and one for each kHang that it has taken.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -57,6 +58,12 @@ void answer_ask(void* context, int error, vesk_buffer* answer) {
   vesk_deferred_answer(static_cast<vesk_deferred*>(context), 0, reply.get());
 }
 
+void forget(void*, vesk_remote* gone) {
+  const auto found = std::find(peer.kept.begin(), peer.kept.end(), gone);
+  peer.kept.erase(found);
+  vesk_remote_release(gone);
+}
+
 void answer_late() {
   const PayloadPtr reply = payload_of(-1);
   for (vesk_deferred* late : peer.unanswered) vesk_deferred_answer(late, 0, reply.get());
@@ -71,6 +78,10 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       return 0;
     case kHang:
       peer.unanswered.push_back(vesk_request_defer(caller));
+      if (vesk_remote* remote = vesk_read_endpoint(request)) {
+        peer.kept.push_back(remote);
+        vesk_remote_on_gone(remote, forget, nullptr);
+      }
       tell_parent();
       return 0;
     case kDie:

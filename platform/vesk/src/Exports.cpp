@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "Dispatch.h"
 
 namespace vesk {
@@ -37,18 +39,51 @@ ExportTable::Callback::~Callback() {
   m_exports.m_called.notify_all();
 }
 
+// Gives the endpoint when the change leaves nothing that the peer may use.
+template <typename Change>
+EndpointRef ExportTable::change(std::uint64_t number, const Change& change) {
+  const auto found = m_exports.find(number);
+  if (found == m_exports.end()) return nullptr;
+  change(found->second);
+  if (found->second.sent != found->second.given_up) return nullptr;
+  EndpointRef dropped = std::move(found->second.endpoint);
+  m_numbers.erase(dropped->get());
+  m_exports.erase(found);
+  return dropped;
+}
+
 bool ExportTable::give_back(std::uint64_t number, std::uint32_t count) {
   EndpointRef dropped;  // outlives the lock: releasing it calls out
   const std::lock_guard lock(m_mutex);
-  const auto found = m_exports.find(number);
-  if (found == m_exports.end() || found->second.sent < count) return false;
-  found->second.sent -= count;
-  if (found->second.sent == 0) {
-    dropped = std::move(found->second.endpoint);
-    m_numbers.erase(dropped->get());
-    m_exports.erase(found);
-  }
-  return true;
+  bool is_held = number != 0 && number <= m_last_number;
+  dropped = change(number, [&](Export& held) {
+    is_held = held.sent >= count;
+    if (!is_held) return;
+    held.sent -= count;
+    // Those first: while it is open which ones came back, the endpoint stays with a sending that may still count.
+    held.given_up -= std::min(held.given_up, count);
+  });
+  return is_held;
+}
+
+void ExportTable::take_back(std::uint64_t number) {
+  EndpointRef dropped;
+  const std::lock_guard lock(m_mutex);
+  dropped = change(number, [](Export& held) { --held.sent; });
+}
+
+EndpointRef ExportTable::give_up(std::uint64_t number) {
+  const std::lock_guard lock(m_mutex);
+  return change(number, [](Export& held) { ++held.given_up; });
+}
+
+void ExportTable::settle(std::uint64_t number) {
+  EndpointRef dropped;
+  const std::lock_guard lock(m_mutex);
+  dropped = change(number, [](Export& held) {
+    --held.sent;
+    if (held.given_up != 0) --held.given_up;
+  });
 }
 
 void ExportTable::close() {
@@ -72,31 +107,22 @@ std::shared_ptr<CallbackChannel> CallbackChannel::create(ExportTable& exports, p
   return channel;
 }
 
-void CallbackChannel::finish_handshake() {
+bool CallbackChannel::finish_handshake() {
   while (sd_bus_is_ready(m_bus.get()) <= 0) {
-    if (check(sd_bus_process(m_bus.get(), nullptr)) == 0) check(-EPROTO);
+    if (check(sd_bus_process(m_bus.get(), nullptr)) == 0) return false;
   }
+  return true;
 }
 
-void CallbackChannel::attach(Loop& loop) {
+void CallbackChannel::attach(const Loop& loop) {
   if (!m_bus) return;
-  // Callbacks that followed the receiver's half of the handshake may have been read with it; the descriptor will not
-  // say so. One at a time, so that a receiver which sends without end shares the loop with the others.
-  const auto first_look = [](sd_event_source*, void* self) {
-    auto* channel = static_cast<CallbackChannel*>(self);
-    const auto keep_alive = channel->shared_from_this();
-    if (!channel->m_bus || sd_bus_process(channel->m_bus.get(), nullptr) <= 0) channel->m_first_look.reset();
-    return 0;
-  };
-  sd_event_source* source = nullptr;
-  check(sd_event_add_defer(loop.event(), &source, first_look, this));
-  m_first_look.reset(source);
-  check(sd_event_source_set_enabled(source, SD_EVENT_ON));
-  check(sd_bus_attach_event(m_bus.get(), loop.event(), SD_EVENT_PRIORITY_NORMAL));
+  const auto on_end = [](void* self) { static_cast<CallbackChannel*>(self)->m_on_broken(); };
+  m_watch.start(loop, m_bus.get(), on_end, this);
 }
 
 bool CallbackChannel::drain(const Loop& loop) {
   const auto keep_alive = shared_from_this();
+  m_watch.stop();
   // What lies in the socket stays there to be read; without this, a peer that goes on sending would never be dead.
   if (m_bus) ::shutdown(sd_bus_get_fd(m_bus.get()), SHUT_RD);
   while (m_bus && !loop.is_winding_down()) {
@@ -106,7 +132,7 @@ bool CallbackChannel::drain(const Loop& loop) {
 }
 
 void CallbackChannel::close() {
-  m_first_look.reset();
+  m_watch.stop();
   m_bus.reset();
 }
 

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BusWatch.h"
 #include "Loop.h"
 #include "Message.h"
 #include "ThreadAnnotations.h"
@@ -40,8 +41,19 @@ class ExportTable {
     EndpointRef m_endpoint;
   };
 
-  // Takes back `count` sendings; false, and nothing changed, when the peer holds fewer.
+  // The peer gives back `count` sendings; false, and nothing changed, when it never held so many. What was taken back or
+  // given up meanwhile may cross its message, so that a number that is not known any more changes nothing.
   bool give_back(std::uint64_t number, std::uint32_t count);
+
+  // A call has failed, and its sending counts no more on either side.
+  void take_back(std::uint64_t number);
+
+  // A call has run out of time: for its caller it has failed, but the peer may count its sending all the same. Gives the
+  // endpoint where no other sending keeps it, for the caller to drop without a lock.
+  [[nodiscard]] EndpointRef give_up(std::uint64_t number);
+
+  // Such a call has failed at the peer too.
+  void settle(std::uint64_t number);
 
   // Lets go of everything, for good. Waits for a callback in progress, so that its endpoint is released too; from
   // inside that callback the release comes when it returns.
@@ -51,7 +63,11 @@ class ExportTable {
   struct Export {
     EndpointRef endpoint;
     std::uint32_t sent = 0;
+    std::uint32_t given_up = 0;  // among those sent, and always fewer
   };
+
+  template <typename Change>
+  EndpointRef change(std::uint64_t number, const Change& change) VESK_REQUIRES(m_mutex);
 
   std::mutex m_mutex;
   std::unordered_map<std::uint64_t, Export> m_exports VESK_GUARDED_BY(m_mutex);
@@ -64,7 +80,7 @@ class ExportTable {
 
 // The keeper's end of a callback channel.
 //
-//   create() --first endpoint's call answered--> finish_handshake() --> attach() on the loop --> close()
+//   create() --first endpoint's call ended--> finish_handshake() --> attach() on the loop --> close()
 //
 // The handshake never waits for a run loop: this half of it lies in the socket before the reference leaves, and the
 // receiver answers before it dispatches the request.
@@ -75,11 +91,12 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   static std::shared_ptr<CallbackChannel> create(ExportTable& exports, pid_t peer, std::function<void()> on_broken,
                                                  UniqueFd* peer_end);
 
-  // On the sending thread, once the answer is in. Throws -EPROTO when the receiver has not done its half.
-  void finish_handshake();
+  // On the sending thread, once the call is over. False when the receiver has not done its half yet, which it has before it
+  // answers; the loop then waits for it.
+  [[nodiscard]] bool finish_handshake();
 
   // From here on the loop's thread owns the channel.
-  void attach(Loop& loop);
+  void attach(const Loop& loop);
 
   // Delivers everything that has arrived, and takes no more from then on. False when the loop is winding down and some may
   // be left.
@@ -101,7 +118,7 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   std::function<void()> m_on_broken;
   Outbox m_answers;
   BusPtr m_bus;
-  SourcePtr m_first_look;
+  BusWatch m_watch;  // Last: it must stop before the bus closes its descriptor.
 };
 
 }  // namespace vesk

@@ -28,6 +28,22 @@ bool is_unix_stream(int descriptor) {
          ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
 }
 
+bool read_numbers(sd_bus_message* message, std::vector<std::uint64_t>* numbers) {
+  const void* data = nullptr;
+  std::size_t size = 0;
+  check(sd_bus_message_read_array(message, 't', &data, &size));
+  const auto* first = static_cast<const std::uint64_t*>(data);
+  const std::size_t count = size / sizeof(*first);
+  if (count > kMaxMessageEndpoints) return false;
+  numbers->assign(first, first + count);
+  return true;
+}
+
+void tell_gone(vesk_remote& remote) {
+  const auto gone = std::exchange(remote.gone, nullptr);
+  if (gone != nullptr) report_throw("a notice", [&] { gone(remote.gone_context, &remote); });
+}
+
 // sd-bus has a second word for a peer that is gone.
 int as_gone(int result) {
   return result == -ECONNRESET ? -EPIPE : result;
@@ -38,7 +54,11 @@ int as_gone(int result) {
 std::shared_ptr<IncomingConnection> IncomingConnection::accept(Server& server, UniqueFd socket, pid_t peer) {
   std::shared_ptr<IncomingConnection> connection(new IncomingConnection(server, peer));
   connection->m_bus = start_bus(std::move(socket), HandshakeRole::kAccepting, &on_message, connection.get());
-  check(sd_bus_attach_event(connection->m_bus.get(), server.loop().event(), SD_EVENT_PRIORITY_NORMAL));
+  const auto on_end = [](void* ended) {
+    auto* self = static_cast<IncomingConnection*>(ended);
+    self->m_server.remove(*self);
+  };
+  connection->m_watch.start(server.loop(), connection->m_bus.get(), on_end, connection.get());
   return connection;
 }
 
@@ -51,31 +71,32 @@ bool IncomingConnection::has_hung_up() const {
 
 void IncomingConnection::close(bool notify) {
   const auto keep_alive = shared_from_this();
+  m_watch.stop();
+  m_channel_watch.stop();
   m_bus.reset();
   m_channel.reset();
   const std::list<PendingCall> owed = std::exchange(m_pending, {});
-  std::vector<RemoteRef> remotes;
-  for (const auto& [number, remote] : m_remotes) remotes.emplace_back(vesk_remote_acquire(remote));
-  m_remotes.clear();
+  const auto remotes = std::exchange(m_remotes, {});
   if (!notify) return;
-  for (const PendingCall& call : owed) call.completion(call.context, -EPIPE, nullptr);
-  for (const RemoteRef& remote : remotes) {
-    if (const auto gone = std::exchange(remote->gone, nullptr)) gone(remote->gone_context, remote.get());
-  }
+  for (const auto& [number, remote] : remotes) vesk_remote_acquire(remote);  // all, before a notice lets go of one
+  for (const PendingCall& call : owed) complete(call, -EPIPE, nullptr);
+  for (const auto& [number, remote] : remotes) tell_gone(*remote);
+  for (const auto& [number, remote] : remotes) vesk_remote_release(remote);
 }
 
 int IncomingConnection::on_message(sd_bus_message* message, void* self, sd_bus_error*) {
   auto* connection = static_cast<IncomingConnection*>(self);
   const auto keep_alive = connection->shared_from_this();
-  if (as_error_code([&] { return connection->handle(message) ? 1 : 0; }) != 1) {
-    connection->m_server.retire(*connection);
-  }
+  if (as_error_code([&] { return connection->handle(message) ? 1 : 0; }) != 1) connection->retire();
   return 1;
 }
 
 bool IncomingConnection::handle(sd_bus_message* message) {
   if (m_path.empty()) return is_call(message, kMemberOpen, "") && open(message);
-  return is_call(message, kMemberCall, nullptr) && sd_bus_message_get_path(message) == m_path && serve(message);
+  const char* path = sd_bus_message_get_path(message);
+  if (path == nullptr || path != m_path) return false;
+  if (is_call(message, kMemberTakeBack, "at")) return take_back(message);
+  return is_call(message, kMemberCall, nullptr) && serve(message);
 }
 
 // A name that is not served any more ends the connection, so that its owner learns of it whatever came first.
@@ -107,18 +128,16 @@ bool IncomingConnection::serve(sd_bus_message* message) {
 
 bool IncomingConnection::receive_remotes(sd_bus_message* message, std::vector<RemoteRef>* remotes) {
   if (sd_bus_message_at_end(message, /*complete=*/1) > 0) return true;
-  const void* data = nullptr;
-  std::size_t size = 0;
-  check(sd_bus_message_read_array(message, 't', &data, &size));
-  if (size / sizeof(std::uint64_t) > kMaxMessageEndpoints) return false;
+  std::vector<std::uint64_t> numbers;
+  if (!read_numbers(message, &numbers)) return false;
   int descriptor = -1;
   if (sd_bus_message_at_end(message, 1) == 0) {
     check(sd_bus_message_read_basic(message, 'h', &descriptor));  // stays the message's
     if (!accept_channel(descriptor)) return false;
   }
   if (!m_channel) return false;
-  const auto* numbers = static_cast<const std::uint64_t*>(data);
-  std::for_each(numbers, numbers + size / sizeof(*numbers), [&](std::uint64_t n) { remotes->push_back(received(n)); });
+  remotes->reserve(numbers.size());
+  for (const std::uint64_t number : numbers) remotes->push_back(received(number));
   return true;
 }
 
@@ -132,21 +151,42 @@ bool IncomingConnection::accept_channel(int descriptor) {
     // A greeting that goes on for ever would keep the loop from everybody else.
     if (steps == kMaxHandshakeSteps || check(sd_bus_process(channel.get(), nullptr)) == 0) return false;
   }
-  check(sd_bus_attach_event(channel.get(), m_server.loop().event(), SD_EVENT_PRIORITY_NORMAL));
+  const auto on_end = [](void* self) { static_cast<IncomingConnection*>(self)->retire(); };
   m_channel = std::move(channel);
+  m_channel_watch.start(m_server.loop(), m_channel.get(), on_end, this);
   return true;
 }
 
 RemoteRef IncomingConnection::received(std::uint64_t number) {
-  vesk_remote*& remote = m_remotes[number];
-  if (remote == nullptr) {
-    remote = new vesk_remote;
-    remote->connection = weak_from_this();
-    remote->pid = m_peer;
-    remote->number = number;
+  auto known = m_remotes.find(number);
+  if (known == m_remotes.end()) {
+    auto fresh = std::make_unique<vesk_remote>();
+    fresh->connection = weak_from_this();
+    fresh->pid = m_peer;
+    fresh->number = number;
+    known = m_remotes.emplace(number, fresh.get()).first;
+    fresh.release();  // those who count it own it now
   }
-  ++remote->received;
-  return RemoteRef(vesk_remote_acquire(remote));
+  ++known->second->received;
+  return RemoteRef(vesk_remote_acquire(known->second));
+}
+
+// What calls brought that failed for their sender only, because their time was over when they were answered. It gets its
+// references back, and a remote of which none is left is gone for those who hold it.
+bool IncomingConnection::take_back(sd_bus_message* message) {
+  std::vector<std::uint64_t> numbers;
+  if (!read_numbers(message, &numbers)) return false;
+  for (const std::uint64_t number : numbers) {
+    const auto found = m_remotes.find(number);
+    if (found == m_remotes.end() || found->second->received == 0) continue;  // on its way back already
+    const RemoteRef remote(vesk_remote_acquire(found->second));
+    give_back(number, 1);
+    if (--remote->received != 0) continue;
+    m_remotes.erase(found);
+    remote->connection.reset();
+    tell_gone(*remote);
+  }
+  return true;
 }
 
 void IncomingConnection::answer(sd_bus_message* call, const std::vector<RemoteRef>& remotes, int status,
@@ -157,7 +197,8 @@ void IncomingConnection::answer(sd_bus_message* call, const std::vector<RemoteRe
   if (status != 0 || too_long) {
     for (const RemoteRef& remote : remotes) --remote->received;
   }
-  if (send_answer(call, status, reply, m_answers) != 0) m_server.retire(*this);
+  if (send_answer(call, status, reply, m_answers) != 0) retire();
+  m_watch.update();
 }
 
 vesk_deferred* IncomingConnection::defer(sd_bus_message* call, std::vector<RemoteRef>& remotes) {
@@ -173,10 +214,6 @@ vesk_deferred* IncomingConnection::defer(sd_bus_message* call, std::vector<Remot
 void IncomingConnection::finish_deferred(vesk_deferred& deferred, int status, const vesk_payload* reply) {
   --m_deferred;
   answer(deferred.call.get(), deferred.remotes, status, reply);
-}
-
-void IncomingConnection::hang_up() {
-  m_server.retire(*this);
 }
 
 vesk_deferred* IncomingRequest::defer() {
@@ -198,7 +235,7 @@ int IncomingConnection::on_channel_message(sd_bus_message* message, void* self, 
   if (is_answer && connection->m_late_answers > 0) {
     --connection->m_late_answers;
   } else {
-    connection->m_server.retire(*connection);
+    connection->retire();
   }
   return 1;
 }
@@ -214,7 +251,9 @@ MessagePtr IncomingConnection::new_remote_call(const vesk_remote& remote, unsign
 int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request) {
   if (!m_channel) return -EPIPE;
   const MessagePtr message = new_remote_call(remote, code, request, /*two_way=*/false);
-  return as_gone(m_callbacks.send(m_channel.get(), message.get(), request.bytes().size()));
+  const int result = m_callbacks.send(m_channel.get(), message.get(), request.bytes().size());
+  m_channel_watch.update();
+  return as_gone(result);
 }
 
 int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request,
@@ -232,6 +271,7 @@ int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code
   const std::uint64_t timeout_usec = std::max<std::uint64_t>(timeout_ms, 1) * 1000;  // sd-bus takes 0 for its default
   const int result =
       sd_bus_call_async(m_channel.get(), &slot, message.get(), &on_remote_answer, &*pending, timeout_usec);
+  m_channel_watch.update();
   if (result < 0) {
     m_pending.erase(pending);
     return as_gone(result);
@@ -239,6 +279,10 @@ int IncomingConnection::call_remote(const vesk_remote& remote, unsigned int code
   pending->slot.reset(slot);
   m_callbacks.sent(size);
   return 0;
+}
+
+void IncomingConnection::complete(const PendingCall& call, int error, vesk_buffer* reply) {
+  report_throw("a completion", [&] { call.completion(call.context, error, reply); });
 }
 
 int IncomingConnection::on_remote_answer(sd_bus_message* message, void* pending, sd_bus_error*) {
@@ -255,20 +299,26 @@ int IncomingConnection::on_remote_answer(sd_bus_message* message, void* pending,
     status = lives && sd_bus_message_get_errno(message) == ETIMEDOUT ? -ETIMEDOUT : -EPIPE;
     if (status == -ETIMEDOUT) ++connection.m_late_answers;
   } else if (!read_answer(message, &status, &reply.parcel)) {
-    connection.m_server.retire(connection);
+    connection.retire();
   }
-  call->completion(call->context, status, status == 0 ? &reply : nullptr);
+  complete(*call, status, status == 0 ? &reply : nullptr);
   return 1;
 }
 
 // The last reference is gone: the keeper gets back exactly what has come, so that this cannot overtake a new sending.
 void IncomingConnection::forget(vesk_remote& remote) {
   m_remotes.erase(remote.number);
-  if (!m_channel || remote.received == 0) return;
-  const MessagePtr message = new_call(m_channel.get(), kCallbackPath, kMemberRelease, /*expect_reply=*/false);
-  check(sd_bus_message_append(message.get(), "tu", remote.number, remote.received));
-  // A reference that cannot be given back would be held for ever.
-  if (m_callbacks.send(m_channel.get(), message.get(), 0) != 0) m_server.retire(*this);
+  if (m_channel && remote.received != 0) give_back(remote.number, remote.received);
+}
+
+void IncomingConnection::give_back(std::uint64_t number, std::uint32_t count) {
+  const int result = as_error_code([&] {
+    const MessagePtr message = new_call(m_channel.get(), kCallbackPath, kMemberRelease, /*expect_reply=*/false);
+    check(sd_bus_message_append(message.get(), "tu", number, count));
+    return m_callbacks.send(m_channel.get(), message.get(), 0);
+  });
+  m_channel_watch.update();
+  if (result != 0) retire();  // a reference that cannot be given back would be held for ever
 }
 
 }  // namespace vesk

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BusWatch.h"
 #include "Dispatch.h"
 #include "Message.h"
 #include "Wire.h"
@@ -62,7 +63,8 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   void answer(sd_bus_message* call, const std::vector<RemoteRef>& remotes, int status, const vesk_payload* reply);
   vesk_deferred* defer(sd_bus_message* call, std::vector<RemoteRef>& remotes);
   void finish_deferred(vesk_deferred& deferred, int status, const vesk_payload* reply);
-  void hang_up();  // in place of an answer that is owed
+  // Takes the connection out of service, at the end of whatever it is doing.
+  void retire() { m_watch.end_soon(); }
 
   int call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request);
   int call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request, unsigned int timeout_ms,
@@ -84,12 +86,15 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   static int on_message(sd_bus_message* message, void* self, sd_bus_error* error);
   static int on_channel_message(sd_bus_message* message, void* self, sd_bus_error* error);
   static int on_remote_answer(sd_bus_message* message, void* pending, sd_bus_error* error);
+  static void complete(const PendingCall& call, int error, vesk_buffer* reply);
   bool handle(sd_bus_message* message);
   bool open(sd_bus_message* message);
   bool serve(sd_bus_message* message);
+  bool take_back(sd_bus_message* message);
   bool receive_remotes(sd_bus_message* message, std::vector<RemoteRef>* remotes);
   bool accept_channel(int descriptor);
   RemoteRef received(std::uint64_t number);
+  void give_back(std::uint64_t number, std::uint32_t count);
   MessagePtr new_remote_call(const vesk_remote& remote, unsigned int code, const Parcel& request, bool two_way);
 
   Server& m_server;
@@ -103,6 +108,9 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   Outbox m_callbacks;
   BusPtr m_channel;  // to the keeper of the remotes; null before the first one came
   BusPtr m_bus;      // null once closed
+  // Last: they must stop before the buses close their descriptors.
+  BusWatch m_channel_watch;
+  BusWatch m_watch;
 };
 
 // The request that an endpoint is being called for.

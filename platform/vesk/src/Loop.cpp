@@ -10,6 +10,8 @@
 namespace vesk {
 namespace {
 
+constexpr int kTasksAtOnce = 64;
+
 // Holds the loop's ownership for a scope.
 class OwnerScope {
  public:
@@ -35,7 +37,7 @@ Loop::Loop() : m_wakeup(check_errno(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
   const auto on_wakeup = [](sd_event_source*, int fd, std::uint32_t, void* self) {
     eventfd_t ignored = 0;
     ::eventfd_read(fd, &ignored);
-    static_cast<Loop*>(self)->run_tasks(true);
+    static_cast<Loop*>(self)->run_some_tasks();
     return 0;
   };
   sd_event_source* source = nullptr;
@@ -51,12 +53,13 @@ int Loop::run() {
     // The count before the flag: a stop() in between is seen by one of the two.
     m_stops_at_entry = m_stops;
     if (!m_stopped) {
-      run_tasks(true);
+      run_some_tasks();
       while (result >= 0 && !is_winding_down() && sd_event_get_state(event()) != SD_EVENT_FINISHED) {
         result = sd_event_run(event(), UINT64_MAX);
       }
     }
-    run_tasks(false);
+    while (run_task(false)) {
+    }
   }
   m_running = false;
   run_tasks_left_by_others();
@@ -86,20 +89,28 @@ void Loop::run_tasks_left_by_others() {
     std::unique_lock lock(m_owner_mutex, std::try_to_lock);
     if (!lock) return;
     const OwnerScope owner(std::move(lock), m_owner);
-    run_tasks(false);
+    while (run_task(false)) {
+    }
   }
 }
 
-void Loop::run_tasks(bool callbacks_too) {
-  Task task;
-  while (next_task(callbacks_too && !is_winding_down(), &task)) {
-    const int result = as_error_code([&] {
-      task.run();
-      return 0;
-    });
-    if (result != 0) complain("the run loop could not do a task: %s", std::strerror(-result));
-    task.run = nullptr;  // what it kept alive goes now, not with the next one
+// Those who post without end share the loop with the sockets and timers.
+void Loop::run_some_tasks() {
+  for (int n = 0; n < kTasksAtOnce; ++n) {
+    if (!run_task(true)) return;
   }
+  ::eventfd_write(m_wakeup.get(), 1);
+}
+
+bool Loop::run_task(bool callbacks_too) {
+  Task task;
+  if (!next_task(callbacks_too && !is_winding_down(), &task)) return false;
+  const int result = as_error_code([&] {
+    task.run();
+    return 0;
+  });
+  if (result != 0) complain("the run loop could not do a task: %s", std::strerror(-result));
+  return true;
 }
 
 bool Loop::next_task(bool callbacks_too, Task* out) {

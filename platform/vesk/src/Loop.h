@@ -59,7 +59,8 @@ class Loop {
   };
 
   void enqueue(Task task);
-  void run_tasks(bool callbacks_too);
+  void run_some_tasks();
+  bool run_task(bool callbacks_too);
   void run_tasks_left_by_others();
   bool next_task(bool callbacks_too, Task* out);
   bool has_task(bool callbacks_too);

@@ -22,6 +22,8 @@ using Clock = std::chrono::steady_clock;
 // A peer that lives has answered long before. The loop's thread has others to serve meanwhile.
 constexpr std::chrono::milliseconds kHandshakePatience{50};
 constexpr std::chrono::milliseconds kHandshakePatienceOfLoop{10};
+// As many answers as a server may owe on one connection.
+constexpr std::size_t kMaxLateAnswers = 256;
 
 // Marks a call as in progress before it asks whether the runtime is shut down, so that vesk_shutdown either sees the
 // mark or is seen.
@@ -77,7 +79,8 @@ void OutgoingConnection::watch(vesk_handle handle) {
       if (self->m_closed) return;
     }
     const auto on_event = [](sd_event_source*, int, std::uint32_t events, void* connection) {
-      static_cast<OutgoingConnection*>(connection)->on_socket_event(events);
+      report_throw("the end of a connection",
+                   [&] { static_cast<OutgoingConnection*>(connection)->on_socket_event(events); });
       return 0;
     };
     sd_event_source* source = nullptr;
@@ -100,10 +103,12 @@ bool OutgoingConnection::try_handshake() {
     const std::lock_guard lock(m_mutex);
     const bool in_loop = m_runtime.loop().is_this_thread();
     const Deadline deadline = Clock::now() + (in_loop ? kHandshakePatienceOfLoop : kHandshakePatience);
-    finish_handshake(deadline);
+    if (!finish_handshake(deadline)) return -ETIMEDOUT;
     // The message that says which service is meant has waited for that.
     std::uint64_t queued = 0;
-    while (check(sd_bus_get_n_queued_write(m_bus.get(), &queued)) >= 0 && queued != 0) make_progress(deadline);
+    while (check(sd_bus_get_n_queued_write(m_bus.get(), &queued)) >= 0 && queued != 0) {
+      if (!make_progress(deadline)) return -ETIMEDOUT;
+    }
     return 0;
   });
   if (result == -ETIMEDOUT) return false;
@@ -120,43 +125,45 @@ int OutgoingConnection::call(unsigned int code, const Parcel& request, const std
   const CallMark mark(m_calls_in_progress);
   if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
 
-  std::vector<std::uint64_t> numbers;
-  std::shared_ptr<CallbackChannel> fresh_channel;
+  Attempt attempt;
+  Leftover leftover;
   const int status = as_error_code([&] {
-    if (!endpoints.empty()) numbers = m_exports.add(endpoints);
+    if (!endpoints.empty()) attempt.numbers = m_exports.add(endpoints);
+    attempt.given_up.reserve(endpoints.size());
     const std::lock_guard lock(m_mutex);
     if (!m_bus) return -EPIPE;
     try {
-      return transact(code, request, numbers, reply, &fresh_channel);
+      const int result = transact(code, request, attempt, reply);
+      leftover = take_leftover();
+      return result;
     } catch (...) {
       break_connection();
       throw;
     }
   });
-  if (fresh_channel) {
-    m_runtime.loop().post(
-        [self = shared_from_this(), fresh_channel] { fresh_channel->attach(self->m_runtime.loop()); });
+  if (const auto& channel = attempt.fresh_channel) {
+    m_runtime.loop().post([self = shared_from_this(), channel] { channel->attach(self->m_runtime.loop()); });
   }
+  finish(std::move(leftover));
   if (status != 0) {
-    for (const std::uint64_t number : numbers) m_exports.give_back(number, 1);
+    if (!attempt.is_late) {
+      for (const std::uint64_t number : attempt.numbers) m_exports.take_back(number);
+    }
     if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
   }
   return status;
 }
 
-int OutgoingConnection::transact(unsigned int code, const Parcel& request, const std::vector<std::uint64_t>& numbers,
-                                 Parcel& reply, std::shared_ptr<CallbackChannel>* fresh_channel) {
+int OutgoingConnection::transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) {
   const Deadline deadline = Clock::now() + m_runtime.call_limit();
-  finish_handshake(deadline);
+  if (!finish_handshake(deadline)) return -ETIMEDOUT;
 
   const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/true);
   check(sd_bus_message_append_basic(message.get(), 'u', &code));
   append_bytes(message.get(), request);
-  if (!numbers.empty()) {
-    check(sd_bus_message_append_array(message.get(), 't', numbers.data(), numbers.size() * sizeof(numbers[0])));
-  }
+  if (!attempt.numbers.empty()) append_numbers(message.get(), attempt.numbers);
   std::shared_ptr<CallbackChannel> channel;
-  if (!numbers.empty() && !m_channel) {
+  if (!attempt.numbers.empty() && !m_channel) {
     const auto on_broken = [weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->hang_up();
     };
@@ -165,72 +172,160 @@ int OutgoingConnection::transact(unsigned int code, const Parcel& request, const
     check(sd_bus_message_append(message.get(), "h", peer_end.get()));  // keeps a descriptor of its own
   }
 
-  const MessagePtr answer = exchange(message.get(), deadline);
+  const MessagePtr answer = exchange(message.get(), request.bytes().size(), deadline);
+  if (m_awaited == 0) return -ETIMEDOUT;  // not even sent
+  if (!answer) give_up_answer(attempt);
+  m_awaited = 0;
   if (channel) {
-    channel->finish_handshake();
+    // The receiver takes it before it takes any later call, so that this one stays also when the call's time is over.
+    if (!channel->finish_handshake() && answer) check(-EPROTO);
     m_channel = channel;
-    *fresh_channel = std::move(channel);
+    attempt.fresh_channel = std::move(channel);
   }
-  int status = 0;
-  if (m_unasked_message || !read_answer(answer.get(), &status, &reply)) check(-EPROTO);
+  int status = -ETIMEDOUT;
+  if (answer && !read_answer(answer.get(), &status, &reply)) check(-EPROTO);
   return status;
 }
 
-// What sd_bus_call does, except that a signal handler of the process does not end it.
-MessagePtr OutgoingConnection::exchange(sd_bus_message* call, Deadline deadline) {
+// What sd_bus_call does, except that a signal handler of the process does not end it. Null at the deadline; m_awaited then
+// says whether the call has left.
+MessagePtr OutgoingConnection::exchange(sd_bus_message* call, std::size_t size, Deadline deadline) {
   m_answer.reset();
+  // Calls to a peer that reads nothing fail one after the other, and what they leave in the queue is bounded as well.
+  while (!m_outbox.admits(m_bus.get(), size)) {
+    if (!make_progress(deadline)) return nullptr;
+  }
   check(sd_bus_send(m_bus.get(), call, &m_awaited));
-  while (!m_answer && !m_unasked_message) make_progress(deadline);
-  m_awaited = 0;
+  m_outbox.sent(size);
+  while (!m_answer && make_progress(deadline)) {
+  }
   return std::move(m_answer);
 }
 
-// The peer sends nothing but the answer that is waited for.
+// From here on the answer is one that comes late.
+void OutgoingConnection::give_up_answer(Attempt& attempt) {
+  m_late.emplace(m_awaited, attempt.numbers);
+  if (m_late.size() > kMaxLateAnswers) {
+    m_forgotten = m_late.begin()->first;
+    m_late.erase(m_late.begin());
+  }
+  attempt.is_late = true;
+  for (const std::uint64_t number : attempt.numbers) attempt.given_up.push_back(m_exports.give_up(number));
+}
+
+// The peer sends nothing but answers, one to each call.
 int OutgoingConnection::on_message(sd_bus_message* message, void* self, sd_bus_error*) {
   // sd-bus's own word for a hang-up, which is no fault of the peer's.
   if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) return -ECONNRESET;
-  static_cast<OutgoingConnection*>(self)->take_message(message);
+  auto* connection = static_cast<OutgoingConnection*>(self);
+  const int taken = as_error_code([&]() VESK_NO_ANALYSIS {
+    connection->take_message(message);
+    return 0;
+  });
+  if (taken != 0) connection->m_unasked_message = true;
   return 1;
 }
 
 void OutgoingConnection::take_message(sd_bus_message* message) {
   std::uint64_t cookie = 0;
-  if (m_awaited != 0 && sd_bus_message_get_reply_cookie(message, &cookie) >= 0 && cookie == m_awaited) {
+  const bool is_answer = sd_bus_message_get_reply_cookie(message, &cookie) >= 0;
+  if (is_answer && cookie == m_awaited && !m_answer) {
     m_answer.reset(sd_bus_message_ref(message));
-  } else {
+  } else if (const auto late = m_late.find(cookie); is_answer && late != m_late.end()) {
+    const std::vector<std::uint64_t> numbers = std::move(late->second);
+    m_late.erase(late);
+    take_late_answer(message, numbers);
+  } else if (!is_answer || cookie > m_forgotten) {
     m_unasked_message = true;
   }
 }
 
+// Its caller has been told that the call has failed, so the peer must not keep what it has taken.
+void OutgoingConnection::take_late_answer(sd_bus_message* message, const std::vector<std::uint64_t>& numbers) {
+  int status = 0;
+  Parcel ignored;
+  if (!read_answer(message, &status, &ignored)) check(-EPROTO);
+  if (numbers.empty()) return;
+  if (status != 0) {
+    m_settled.insert(m_settled.end(), numbers.begin(), numbers.end());
+    return;
+  }
+  const MessagePtr request = new_call(m_bus.get(), m_path.c_str(), kMemberTakeBack, /*expect_reply=*/false);
+  append_numbers(request.get(), numbers);
+  check(sd_bus_send(m_bus.get(), request.get(), nullptr));
+  m_outbox.sent(numbers.size() * sizeof(numbers[0]));
+}
+
 int OutgoingConnection::send(unsigned int code, const Parcel& request) {
   if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
+  Leftover leftover;
+  const std::size_t size = request.bytes().size();
   const int result = as_error_code([&] {
     const std::lock_guard lock(m_mutex);
     if (!m_bus) return -EPIPE;
-    const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/false);
-    check(sd_bus_message_append_basic(message.get(), 'u', &code));
-    append_bytes(message.get(), request);
-    return m_outbox.send(m_bus.get(), message.get(), request.bytes().size());
+    const int sent = as_error_code([&]() VESK_NO_ANALYSIS {
+      const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/false);
+      check(sd_bus_message_append_basic(message.get(), 'u', &code));
+      append_bytes(message.get(), request);
+      // Refused only when the socket takes no more.
+      if (!m_outbox.admits(m_bus.get(), size) && !advance()) return -EPIPE;
+      return m_outbox.send(m_bus.get(), message.get(), size);
+    });
+    if (sent == -EPIPE) break_connection();
+    leftover = take_leftover();
+    return sent;
   });
-  if (result == 0) m_runtime.loop().post([self = shared_from_this()] { self->pump(); });
+  finish(std::move(leftover));
   return result;
 }
 
-// sd-bus itself would wait 90 s for a process that accepts the connection and then says nothing.
-void OutgoingConnection::finish_handshake(Deadline deadline) {
-  while (sd_bus_is_ready(m_bus.get()) <= 0) make_progress(deadline);
+OutgoingConnection::Leftover OutgoingConnection::take_leftover() {
+  std::uint64_t queued = 0;
+  Leftover leftover{false, std::exchange(m_settled, {})};
+  leftover.wants_pump = m_bus && (sd_bus_is_ready(m_bus.get()) <= 0 || !m_late.empty() ||
+                                  sd_bus_get_n_queued_write(m_bus.get(), &queued) < 0 || queued != 0);
+  return leftover;
 }
 
-// Reads or writes once, or waits until that is possible. Throws -ETIMEDOUT at the deadline, also when bytes come in all the
-// time that never make an answer.
-void OutgoingConnection::make_progress(Deadline deadline) {
+void OutgoingConnection::finish(Leftover leftover) {
+  if (!leftover.settled.empty()) {
+    // Where endpoints may be released: that calls out.
+    m_runtime.loop().post_callback([self = shared_from_this(), settled = std::move(leftover.settled)] {
+      for (const std::uint64_t number : settled) self->m_exports.settle(number);
+    });
+  }
+  if (leftover.wants_pump) want_pump();
+}
+
+// sd-bus itself would wait 90 s for a process that accepts the connection and then says nothing.
+bool OutgoingConnection::finish_handshake(Deadline deadline) {
+  while (sd_bus_is_ready(m_bus.get()) <= 0) {
+    if (!make_progress(deadline)) return false;
+  }
+  return true;
+}
+
+// Reads or writes once, or waits until that is possible. The deadline also holds when bytes come in all the time that never
+// make an answer.
+bool OutgoingConnection::make_progress(Deadline deadline) {
   const bool progress = check(sd_bus_process(m_bus.get(), nullptr)) > 0;
-  if (m_answer) return;
+  if (m_unasked_message) check(-EPROTO);
+  if (m_answer) return true;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  if (left <= 0) check(-ETIMEDOUT);
-  if (progress) return;
+  if (left <= 0) return false;
+  if (progress) return true;
   pollfd socket{m_watched.get(), static_cast<short>(check(sd_bus_get_events(m_bus.get()))), 0};
   if (::poll(&socket, 1, static_cast<int>(std::min<std::int64_t>(left, INT_MAX))) < 0 && errno != EINTR) check(-errno);
+  return true;
+}
+
+// Does what can be done without waiting. False when the connection has to end.
+bool OutgoingConnection::advance() {
+  int result = 0;
+  do {
+    result = sd_bus_process(m_bus.get(), nullptr);
+  } while (result > 0 && !m_unasked_message);
+  return result >= 0 && !m_unasked_message;
 }
 
 void OutgoingConnection::break_connection() {
@@ -290,8 +385,21 @@ void OutgoingConnection::close() {
 void OutgoingConnection::on_socket_event(std::uint32_t events) {
   const auto keep_alive = shared_from_this();
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) == 0) return pump();
-  m_watch.reset();
   finish_death();
+  m_watch.reset();  // not before: where memory ran out meanwhile, the next event tries again
+}
+
+// A task for each message would be in the way of everything else on the loop.
+void OutgoingConnection::want_pump() {
+  if (m_pump_wanted.exchange(true)) return;
+  const int posted = as_error_code([&] {
+    m_runtime.loop().post([self = shared_from_this()] {
+      self->m_pump_wanted = false;  // before the look, so that what comes after it asks again
+      self->pump();
+    });
+    return 0;
+  });
+  if (posted != 0) m_pump_wanted = false;
 }
 
 // Brings the handshake and what was sent one-way forward without waiting. A caller that holds the connection does it
@@ -299,22 +407,26 @@ void OutgoingConnection::on_socket_event(std::uint32_t events) {
 void OutgoingConnection::pump() {
   if (!m_watch) return;
   if (!m_mutex.try_lock()) {
-    // Whoever holds it brings it forward, and each of its answers would wake this thread for nothing.
+    // Whoever holds it asks for another look when something is left, and each of its answers would wake this thread for
+    // nothing.
     sd_event_source_set_io_events(m_watch.get(), EPOLLRDHUP);
     return;
   }
-  const std::lock_guard lock(m_mutex, std::adopt_lock);
-  if (!m_bus) return;
-  int result = 0;
-  do {
-    result = sd_bus_process(m_bus.get(), nullptr);
-  } while (result > 0);
-  std::uint64_t queued = 0;
-  if (result < 0 || m_unasked_message || sd_bus_get_n_queued_write(m_bus.get(), &queued) < 0) return break_connection();
-  std::uint32_t events = EPOLLRDHUP;
-  if (sd_bus_is_ready(m_bus.get()) <= 0) events |= EPOLLIN | EPOLLET;
-  if (queued != 0) events |= EPOLLOUT;
-  sd_event_source_set_io_events(m_watch.get(), events);
+  Leftover leftover;
+  {
+    const std::lock_guard lock(m_mutex, std::adopt_lock);
+    if (!m_bus) return;
+    std::uint64_t queued = 0;
+    if (!advance() || sd_bus_get_n_queued_write(m_bus.get(), &queued) < 0) return break_connection();
+    std::uint32_t events = EPOLLRDHUP;
+    if (!m_late.empty()) events |= EPOLLIN;
+    if (sd_bus_is_ready(m_bus.get()) <= 0) events |= EPOLLIN | EPOLLET;
+    if (queued != 0) events |= EPOLLOUT;
+    sd_event_source_set_io_events(m_watch.get(), events);
+    leftover = take_leftover();
+  }
+  leftover.wants_pump = false;  // the events do that
+  finish(std::move(leftover));
 }
 
 // Everything the peer sent before it went is delivered before the word that it is gone. Each step may be the last one

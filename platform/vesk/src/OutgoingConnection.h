@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,7 +26,8 @@ namespace vesk {
 class Runtime;
 
 // Calls run on the calling thread, which does its own I/O; the loop only watches for hang-up and finishes what a caller
-// did not wait for.
+// did not wait for. Whoever lets go of m_mutex while something is left to be written or read asks for a pump(), and after
+// it has let go: a pump() that could not have the lock leaves everything to its holder.
 //
 //   open() --> in use --+--> hung up: callbacks drained, notices delivered, exports released --+--> closed
 //                       +--> close(), the last reference to the handle is gone ----------------+
@@ -48,7 +51,8 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // has hung up instead, because it has no room for one more or is just ending.
   [[nodiscard]] bool try_handshake();
 
-  // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints.
+  // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints. A call
+  // whose time is over fails alone: its answer is thrown away when it comes, and what the peer then holds is asked back.
   int call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints, Parcel& reply);
 
   // A one-way call; any thread, never waits. -ENOBUFS when the peer reads too slowly.
@@ -68,18 +72,38 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
 
   OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket);
 
-  int transact(unsigned int code, const Parcel& request, const std::vector<std::uint64_t>& numbers, Parcel& reply,
-               std::shared_ptr<CallbackChannel>* fresh_channel) VESK_REQUIRES(m_mutex);
-  MessagePtr exchange(sd_bus_message* call, Deadline deadline) VESK_REQUIRES(m_mutex);
-  void finish_handshake(Deadline deadline) VESK_REQUIRES(m_mutex);
-  void make_progress(Deadline deadline) VESK_REQUIRES(m_mutex);
+  // A transaction's share of what outlives it.
+  struct Attempt {
+    std::vector<std::uint64_t> numbers;              // of the endpoints that go along
+    std::vector<EndpointRef> given_up;               // of these, once the time is over; dropped without a lock
+    bool is_late = false;                            // the request has left, and its answer has not come
+    std::shared_ptr<CallbackChannel> fresh_channel;  // that went along, for the loop
+  };
+  // What whoever held m_mutex still has to do when it has let go.
+  struct Leftover {
+    bool wants_pump = false;
+    std::vector<std::uint64_t>
+        settled;  // endpoints of late answers that say that their call has failed at the peer too
+  };
+
+  int transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) VESK_REQUIRES(m_mutex);
+  MessagePtr exchange(sd_bus_message* call, std::size_t size, Deadline deadline) VESK_REQUIRES(m_mutex);
+  void give_up_answer(Attempt& attempt) VESK_REQUIRES(m_mutex);
+  // These two are false once the deadline has passed, and throw what ends the connection.
+  [[nodiscard]] bool finish_handshake(Deadline deadline) VESK_REQUIRES(m_mutex);
+  [[nodiscard]] bool make_progress(Deadline deadline) VESK_REQUIRES(m_mutex);
+  [[nodiscard]] bool advance() VESK_REQUIRES(m_mutex);
   void take_message(sd_bus_message* message) VESK_REQUIRES(m_mutex);
+  void take_late_answer(sd_bus_message* message, const std::vector<std::uint64_t>& numbers) VESK_REQUIRES(m_mutex);
+  Leftover take_leftover() VESK_REQUIRES(m_mutex);
+  void finish(Leftover leftover);
   // Called inside sd_bus_process, which only a holder of the lock calls.
   static int on_message(sd_bus_message* message, void* self, sd_bus_error* error) VESK_NO_ANALYSIS;
   void break_connection() VESK_REQUIRES(m_mutex);
   void hang_up();
 
   void on_socket_event(std::uint32_t events);
+  void want_pump();
   void pump();
   void finish_death();
   [[nodiscard]] bool deliver_notices();
@@ -95,12 +119,17 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   vesk_handle m_handle{};
   ExportTable m_exports;
   std::atomic<int> m_calls_in_progress{0};
+  std::atomic<bool> m_pump_wanted{false};  // a pump() is posted and has not looked yet
 
   std::mutex m_mutex;                                       // held across a transaction
   BusPtr m_bus VESK_GUARDED_BY(m_mutex);                    // null once the connection is closed or broken
   std::uint64_t m_awaited VESK_GUARDED_BY(m_mutex) = 0;     // the cookie of the call in progress
   MessagePtr m_answer VESK_GUARDED_BY(m_mutex);             // to that call
   bool m_unasked_message VESK_GUARDED_BY(m_mutex) = false;  // the peer sent what is no answer
+  // The calls whose time was over, by their cookies, and the endpoints that went with them; the newest ones.
+  std::map<std::uint64_t, std::vector<std::uint64_t>> m_late VESK_GUARDED_BY(m_mutex);
+  std::uint64_t m_forgotten VESK_GUARDED_BY(m_mutex) = 0;  // the highest cookie that fell out of there
+  std::vector<std::uint64_t> m_settled VESK_GUARDED_BY(m_mutex);
   std::shared_ptr<CallbackChannel> m_channel VESK_GUARDED_BY(m_mutex);
   Outbox m_outbox VESK_GUARDED_BY(m_mutex);
 

@@ -19,6 +19,8 @@ namespace {
 // A service that has not answered for so long does not answer any more; the same limit that platforms put on their own
 // watchdogs.
 constexpr std::chrono::milliseconds kCallLimit{30'000};
+// No call waits longer, whatever the variable says.
+constexpr std::chrono::milliseconds kLongestCallLimit = std::chrono::hours(24);
 constexpr char kCallLimitVariable[] = "ORVEL_CALL_TIMEOUT_MS";
 
 std::atomic<bool> g_forked{false};
@@ -27,10 +29,14 @@ std::chrono::milliseconds choose_call_limit() {
   const char* text = std::getenv(kCallLimitVariable);
   if (text == nullptr || *text == '\0') return kCallLimit;
   char* end = nullptr;
-  errno = 0;
   const long value = std::strtol(text, &end, 10);
-  if (errno == 0 && *end == '\0' && value > 0) return std::chrono::milliseconds(value);
-  complain("%s=%s is no positive number of milliseconds; using %lld", kCallLimitVariable, text,
+  if (*end == '\0' && value > 0) {
+    if (value <= kLongestCallLimit.count()) return std::chrono::milliseconds(value);
+    complain("%s=%s is more than a day; using %lld", kCallLimitVariable, text,
+             static_cast<long long>(kLongestCallLimit.count()));
+    return kLongestCallLimit;
+  }
+  complain("%s=%s is not a positive number of milliseconds; using %lld", kCallLimitVariable, text,
            static_cast<long long>(kCallLimit.count()));
   return kCallLimit;
 }

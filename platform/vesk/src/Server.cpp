@@ -111,12 +111,12 @@ EndpointRef Server::endpoint(const std::string& path) {
   return found == m_names.end() ? nullptr : found->second.endpoint;
 }
 
-void Server::retire(IncomingConnection& connection) {
-  m_loop.post_callback([this, weak = connection.weak_from_this()] {
-    const auto retired = weak.lock();
-    if (!retired || m_connections.erase(retired.get()) == 0) return;
-    retired->close(/*notify=*/true);
-  });
+void Server::remove(IncomingConnection& connection) {
+  const auto found = m_connections.find(&connection);
+  if (found == m_connections.end()) return;
+  const std::shared_ptr<IncomingConnection> removed = std::move(found->second);
+  m_connections.erase(found);
+  removed->close(/*notify=*/true);
 }
 
 // A listener where the socket had to be made, else null. It is for the caller to let it listen, without the lock.

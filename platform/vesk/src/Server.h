@@ -37,8 +37,8 @@ class Server {
   // The endpoint published under an object path, or null.
   EndpointRef endpoint(const std::string& path);
 
-  // Takes a connection out of service, at the end of whatever it is doing.
-  void retire(IncomingConnection& connection);
+  // Closes a connection that is out of service and tells those who wait for something from it.
+  void remove(IncomingConnection& connection);
 
   [[nodiscard]] Loop& loop() { return m_loop; }
 

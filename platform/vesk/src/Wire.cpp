@@ -51,6 +51,10 @@ void append_bytes(sd_bus_message* message, const Parcel& parcel) {
   check(sd_bus_message_append_array(message, 'y', parcel.bytes().data(), parcel.bytes().size()));
 }
 
+void append_numbers(sd_bus_message* message, const std::vector<std::uint64_t>& numbers) {
+  check(sd_bus_message_append_array(message, 't', numbers.data(), numbers.size() * sizeof(numbers[0])));
+}
+
 bool read_bytes(sd_bus_message* message, Parcel* parcel) {
   const void* data = nullptr;
   std::size_t size = 0;

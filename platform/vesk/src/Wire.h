@@ -5,6 +5,7 @@
 //     Call(u code, ay bytes)                           two-way, or one-way where no reply is expected
 //     Call(u code, ay bytes, at endpoints)             with endpoint references, in the order of their marks
 //     Call(u code, ay bytes, at endpoints, h channel)  the first of these brings the callback channel along
+//     TakeBack(at endpoints)                           asks for these back: their call was answered too late for its caller
 //   accepting process --> connecting process         over the callback channel
 //     Call(t endpoint, u code, ay bytes)               two-way or one-way
 //     Release(t endpoint, u count)                     gives back so many of the references that were sent
@@ -19,6 +20,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Parcel.h"
 #include "Support.h"
@@ -29,6 +31,7 @@ constexpr char kInterface[] = "vesk.Peer";
 constexpr char kMemberOpen[] = "Open";
 constexpr char kMemberCall[] = "Call";
 constexpr char kMemberRelease[] = "Release";
+constexpr char kMemberTakeBack[] = "TakeBack";
 constexpr char kCallbackPath[] = "/";
 
 struct BusDelete {
@@ -57,6 +60,7 @@ std::string object_path(const char* name);
 
 MessagePtr new_call(sd_bus* bus, const char* path, const char* member, bool expect_reply);
 void append_bytes(sd_bus_message* message, const Parcel& parcel);
+void append_numbers(sd_bus_message* message, const std::vector<std::uint64_t>& numbers);
 
 // Reads the next `ay` into `parcel`. False for anything but an array of at most kMaxMessageBytes.
 bool read_bytes(sd_bus_message* message, Parcel* parcel);

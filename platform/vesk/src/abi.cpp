@@ -347,7 +347,7 @@ int vesk_deferred_hang_up(vesk_deferred* deferred) {
   return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const std::unique_ptr<vesk_deferred> owner(deferred);
-    if (const auto connection = deferred->connection.lock()) connection->hang_up();
+    if (const auto connection = deferred->connection.lock()) connection->retire();
     return 0;
   });
 }

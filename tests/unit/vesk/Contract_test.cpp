@@ -354,13 +354,28 @@ TEST_F(Contract, CallsOfADeadOrDyingServiceFailAtOnce) {
   EXPECT_TRUE(died != 0 && died != -ETIMEDOUT) << died;
 }
 
-TEST_F(Contract, ALateReplyIsNotTakenForAnother) {
+TEST_F(Contract, ACallWhoseTimeIsOverFailsAloneAndItsLateAnswerIsDropped) {
   const vesk_handle peer = lookup();
-  std::future<int> hanging = hanging_call(peer);
-  m_peer.pass_call_limit();
-  EXPECT_EQ(hanging.get(), -ETIMEDOUT);
-  EXPECT_NE(call(peer, kEcho, 1).error, 0) << "its connection is closed";
-  EXPECT_EQ(call(lookup(), kEcho, 2).words, Words{2});  // the peer answers the first call before this one
+  link(peer, new_mourner("peer"));
+  Inbox& first = new_inbox("first");  // that the connection has ever carried
+  Inbox& inbox = new_inbox("message");
+  Inbox& last = new_inbox("last");
+  const RunLoop loop(m_runtime);
+  const auto run_late = [&](Inbox* along) {
+    std::future<int> hanging = hanging_call(peer, along == nullptr ? nullptr : &along->endpoint);
+    m_peer.pass_call_limit();
+    EXPECT_EQ(hanging.get(), -ETIMEDOUT);
+    EXPECT_EQ(along == nullptr ? 0 : along->references.now(), 0) << "what fails drops its endpoints";
+  };
+  run_late(&first);
+  run_late(nullptr);
+  EXPECT_FALSE(keep(peer, inbox)) << "the peer answers the other two before this one";
+  EXPECT_EQ(call(peer, kAsk, 1).words, (Words{0, 101}));
+  run_late(&last);
+  EXPECT_EQ(call(peer, kEcho, 2).words, Words{2});
+  EXPECT_EQ(call(peer, kAsk, 3).words, (Words{0, 103})) << "the endpoint that came late was taken back";
+  EXPECT_EQ(inbox.references.now(), 1);
+  EXPECT_EQ(m_log.wait_for(2), (Entries{"message 1", "message 3"}));
 }
 
 TEST_F(Contract, AnErrorAnswerLeavesTheConnectionGood) {

@@ -256,6 +256,39 @@ TEST_F(HostRuntime, AServiceThatAnswersWithNonsenseFailsOnlyItsOwnCalls) {
   }
 }
 
+TEST_F(HostRuntime, AOneWayQueueThatWasFullTakesMessagesAgainAndLosesNone) {
+  const UniqueFd listener = listen_as("reader", 8);
+  vesk_handle reader = lookup("reader");
+  const PayloadPtr request(vesk_payload_alloc());
+  for (int n = 0; n < 4096; ++n) vesk_write_i32(request.get(), n);
+  int sent = 0;
+  const auto send = [&] {
+    const int error = vesk_call_oneway(m_runtime, &reader, kNews, request.get());
+    if (error == 0) ++sent;
+    return error;
+  };
+  const BusPtr service = start_bus(UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)), true);
+  int received = 0;
+  const auto on_message = [](sd_bus_message* message, void* count, sd_bus_error*) {
+    if (sd_bus_message_is_method_call(message, nullptr, "Call") > 0) ++*static_cast<int*>(count);
+    return 1;
+  };
+  sd_bus_add_filter(service.get(), nullptr, on_message, &received);
+  const auto read_all = [&] {
+    while (sd_bus_process(service.get(), nullptr) > 0) {
+    }
+  };
+  EXPECT_TRUE(eventually([&] { return read_all(), send() == 0 && sd_bus_is_ready(service.get()) > 0; }));
+  while (send() == 0) {
+  }
+  const int before = received;
+  // Nobody is in the loop, so that only the sender itself can notice that the reader reads again.
+  EXPECT_TRUE(eventually([&] { return read_all(), send() == 0; }));
+  EXPECT_GT(received, before);
+  const RunLoop loop(m_runtime);
+  EXPECT_TRUE(eventually([&] { return read_all(), received == sent; })) << received << " of " << sent;
+}
+
 TEST_F(HostRuntime, AServiceThatSaysNothingBlocksOnlyItsOwnCallers) {
   const UniqueFd listener = listen_as("silent", 0);
   const vesk_handle silent = lookup("silent");  // fills the backlog
@@ -501,6 +534,20 @@ TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt
       std::exit((vesk_serve_device(&runtime) == 0) == row.may_serve ? 0 : 3);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/" + row.directory + ": .*" + row.problem);
+  }
+}
+
+TEST(HostRuntimeDeathTest, ACallLimitThatIsNoneIsSaidAndReplaced) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  for (const auto& [limit, problem] : {std::pair{"0", "is not a positive number of milliseconds; using 30000"},
+                                       {"13000000000000", "is more than a day; using 86400000"},
+                                       {"99999999999999999999", "is more than a day; using 86400000"}}) {
+    const auto child = [limit = limit] {
+      ::setenv("ORVEL_CALL_TIMEOUT_MS", limit, 1);
+      void* runtime = nullptr;
+      std::exit(vesk_serve_device(&runtime));
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), problem);
   }
 }
 

@@ -234,8 +234,9 @@ class VeskTest : public testing::Test {
   }
   int publish(const char* name, Inbox& inbox) { return vesk_service_register(m_runtime, name, &inbox.endpoint); }
   // A call that the peer has taken and does not answer.
-  std::future<int> hanging_call(vesk_handle handle) {
-    auto result = std::async(std::launch::async, [this, handle] { return call(handle, kHang).error; });
+  std::future<int> hanging_call(vesk_handle handle, vesk_endpoint* endpoint = nullptr) {
+    auto result = std::async(std::launch::async,
+                             [this, handle, endpoint] { return call(handle, kHang, 0, nullptr, endpoint).error; });
     m_peer.wait_for_hanging_call();
     return result;
   }

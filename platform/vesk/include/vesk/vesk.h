@@ -194,7 +194,9 @@ VESK_API int vesk_buffer_last_error(vesk_buffer* buffer);
  * Sends `request` as transaction `code` and waits for the answer, which replaces what `reply` held. Takes the endpoint
  * references out of the request: on success the receiving side holds them, on failure they are dropped. A service that has
  * died or dies meanwhile is an error at once; one that lives but does not answer is -ETIMEDOUT after the call limit (host
- * runtime: 30 s, or ORVEL_CALL_TIMEOUT_MS), and its connection is closed so that a late reply cannot be taken for another.
+ * runtime: 30 s, or ORVEL_CALL_TIMEOUT_MS, a day at most). That call fails alone: the service may carry it out all the same, its
+ * late answer is thrown away, endpoints that the service took with it are asked back, and the connection goes on. Calls on one
+ * handle follow one another; each limit runs from when it is the call's turn.
  */
 VESK_API int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request,
                        vesk_buffer* reply);

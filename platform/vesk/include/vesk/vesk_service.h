@@ -39,7 +39,9 @@ VESK_API const char* vesk_runtime_directory(void);
 
 /*
  * The run loop's own event loop, for timers, signals and child processes of the serving program. Borrowed. Use it only on
- * the run-loop thread, or on the thread that is about to enter vesk_run_loop.
+ * the run-loop thread, inside a callback; or, before vesk_run_loop, on the thread that will enter it, as long as no other thread
+ * uses the runtime and no bind is pending: until a thread is inside the loop, whoever calls libvesk adds sources to it, and sd_event
+ * takes no two threads at once.
  */
 struct sd_event;
 VESK_API struct sd_event* vesk_service_event(void* runtime);
@@ -97,8 +99,8 @@ VESK_API int vesk_remote_equal(const vesk_remote* a, const vesk_remote* b);
 VESK_API pid_t vesk_remote_pid(const vesk_remote* remote);
 
 /*
- * Asks for one call of `gone` when the process that keeps the endpoint has ended or has closed the connection; at once (from the loop)
- * when that has happened already. Releasing the last reference, or a null `gone`, takes the request back. One at a time;
+ * Asks for one call of `gone` when the process that keeps the endpoint has ended, has closed the connection, or has taken the
+ * endpoint back because the call that brought it was answered too late; at once (from the loop) when that has happened already. Releasing the last reference, or a null `gone`, takes the request back. One at a time;
  * vesk_shutdown drops it.
  */
 VESK_API int vesk_remote_on_gone(vesk_remote* remote, void (*gone)(void* context, vesk_remote* remote), void* context);
@@ -119,8 +121,8 @@ VESK_API int vesk_remote_call(vesk_remote* remote, unsigned int code, vesk_paylo
                               vesk_completion completion, void* context);
 
 /*
- * Calls a service that was looked up by name without an answer, on any thread; never blocks, and the errors are those of
- * vesk_remote_call_oneway. The receiver's endpoint_call_oneway gets it. A request that carries endpoints is refused (-EINVAL):
+ * Calls a service that was looked up by name without an answer, on any thread; never waits for the receiver, but for a vesk_call
+ * on the same handle that is in progress. The errors are those of vesk_remote_call_oneway. The receiver's endpoint_call_oneway gets it. A request that carries endpoints is refused (-EINVAL):
  * their channel is settled by an answer.
  */
 VESK_API int vesk_call_oneway(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request);
