@@ -142,6 +142,7 @@ TEST_F(Doctor, WhatIsOnlyOddIsAWarning) {
     const char* state;
   } rows[] = {
       {"export ORVEL_CALL_TIMEOUT_MS=soon", "call limit", "warning"},
+      {"export ORVEL_CALL_TIMEOUT_MS=86400001", "call limit", "warning"},
       {"cd $T; export ORVEL_RUNTIME_DIR=device", "directory", "warning"},
       {"orvel-sim delay power isInteractive 300", "power", "warning"},
   };

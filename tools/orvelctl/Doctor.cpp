@@ -29,7 +29,8 @@ using orvel::cli::Colour;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr int kCallLimitMs = 1000;  // what a service that hangs costs
+constexpr long long kCallLimitMs = 1000;                          // what a service that hangs costs
+constexpr long long kLongestCallLimitMs = 24LL * 60 * 60 * 1000;  // the runtime's
 constexpr char kCallLimitVariable[] = "ORVEL_CALL_TIMEOUT_MS";
 constexpr Milliseconds kSlow{250};
 constexpr std::size_t kCalls = 5;  // of which the median counts
@@ -126,13 +127,15 @@ class Examination {
   void lookAtCallLimit() {
     const char* const set = std::getenv(kCallLimitVariable);
     const std::string word = set == nullptr ? "" : set;
-    const std::optional<int> limit = readNumber<int>(word);
-    if (!word.empty() && (!limit || *limit <= 0)) {
-      add({"call limit", State::kWarning,
-           std::string(kCallLimitVariable) + "=" + word + " is no positive number of milliseconds; 30 s count",
+    const std::optional<long long> limit = readNumber<long long>(word);
+    const bool isLimit = limit && *limit > 0;
+    const auto warn = [&](const char* problem) {
+      add({"call limit", State::kWarning, std::string(kCallLimitVariable) + "=" + word + problem,
            std::string("unset ") + kCallLimitVariable});
-    }
-    const int chosen = limit && *limit > 0 ? std::min(*limit, kCallLimitMs) : kCallLimitMs;
+    };
+    if (!word.empty() && !isLimit) warn(" is not a positive number of milliseconds; 30 s count");
+    if (isLimit && *limit > kLongestCallLimitMs) warn(" is more than a day; a day counts");
+    const long long chosen = isLimit ? std::min(*limit, kCallLimitMs) : kCallLimitMs;
     setenv(kCallLimitVariable, std::to_string(chosen).c_str(), 1);
   }
 
