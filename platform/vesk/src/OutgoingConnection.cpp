@@ -112,8 +112,8 @@ bool OutgoingConnection::try_handshake() {
     return 0;
   });
   if (result == -ETIMEDOUT) return false;
-  check(as_refusal(result));
-  return true;
+  if (as_refusal(result) == -EAGAIN) check(-EAGAIN);
+  return true;  // a service that breaks the rules instead has let this process in; the first call fails with what is wrong
 }
 
 int OutgoingConnection::call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints,

@@ -47,8 +47,8 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // Called once, when the handle exists: from here on the loop watches.
   void watch(vesk_handle handle);
 
-  // Before watch(): gives the service a moment to answer the handshake, and says whether it has. Throws -EAGAIN for one that
-  // has hung up instead, because it has no room for one more or is just ending.
+  // Before watch(): gives the service a moment to answer the handshake, and says whether it has, be it with what breaks the
+  // rules. Throws -EAGAIN for one that has hung up instead, because it has no room for one more or is just ending.
   [[nodiscard]] bool try_handshake();
 
   // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints. A call

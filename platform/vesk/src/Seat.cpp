@@ -29,6 +29,10 @@ void Seat::serve_device(int directory) {
   m_device_lock = hold_device_lock(directory);
 }
 
+bool Seat::has_rival(int directory) const {
+  return m_device_lock && id_of(m_device_lock.get()) != id_of(directory, kDeviceLock) && device_is_alive(directory);
+}
+
 void Seat::give_up_device() {
   forget_descriptor(m_device_lock.get());
   m_device_lock.reset();

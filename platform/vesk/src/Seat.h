@@ -20,6 +20,9 @@ class Seat {
   // Says from now on, until leave(), that a device lives in the directory.
   void serve_device(int directory);
 
+  // Whether this is a device's seat, and another device lives in the directory in its place.
+  [[nodiscard]] bool has_rival(int directory) const;
+
   void give_up_device();
 
   // Makes a socket in the directory unless this seat has one there, after removing what dead processes left. Gives the

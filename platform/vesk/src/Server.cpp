@@ -300,17 +300,18 @@ std::vector<std::string> Server::files_to_keep() {
 }
 
 // Names that another process serves since this one lost its links are that one's, for good: two devices at one path would
-// take each other's place for ever. A device goes with all its names, so that no half of it stays.
+// take each other's place for ever. To another device a device gives all its names, so that no half of it stays.
 bool Server::give_way(int directory) {
+  const bool has_rival = m_seat.has_rival(directory);
   const std::lock_guard lock(m_names_mutex);
   bool gave_way = false;
   for (auto& [path, name] : m_names) {
     if (name.given_up || m_seat.may_publish(directory, name.file)) continue;
     name.given_up = gave_way = true;
     complain("another process serves %s in %s now", name.file.c_str(), runtime_directory().c_str());
-    if (m_seat.serves_device()) break;
+    if (has_rival) break;
   }
-  if (!gave_way || !m_seat.serves_device()) return gave_way;
+  if (!gave_way || !has_rival) return gave_way;
   for (auto& [path, name] : m_names) name.given_up = true;
   m_seat.give_up_device();
   complain("another device has taken the place of this one in %s: only what is connected reaches it",
