@@ -11,7 +11,7 @@ namespace {
 
 struct Gate {
   std::mutex mutex;
-  std::condition_variable_any left;
+  std::condition_variable left;
   int admitted ORVEL_GUARDED_BY(mutex) = 0;
   int closed ORVEL_GUARDED_BY(mutex) = 0;
 };
@@ -46,7 +46,9 @@ Admission::Closed::Closed() {
   Gate& state = gate();
   const std::lock_guard<std::mutex> lock(state.mutex);
   ++state.closed;
-  while (state.admitted > 0) state.left.wait(state.mutex);
+  std::unique_lock<std::mutex> waiting(state.mutex, std::adopt_lock);
+  while (state.admitted > 0) state.left.wait(waiting);
+  waiting.release();  // the guard's again
 }
 
 Admission::Closed::~Closed() {

@@ -1,15 +1,21 @@
 // Where the callbacks of the client's users, and what they captured, are destroyed: never under a lock of the library.
 #pragma once
 
+#include <utility>
+
+#include "binder/RefCount.h"
+
 namespace orvel::service_apis {
 
-// Holds objects of a user. Disposal alone destroys it.
+// Holds objects of a user, on the heap. The last DisposablePtr to it has it destroyed.
 class Disposable {
  public:
   virtual ~Disposable() = default;
 
  private:
   friend class Disposal;
+  friend class DisposablePtr;
+  vesk::RefCount m_ref_count;
   Disposable* m_next = nullptr;
 };
 
@@ -25,6 +31,28 @@ class Disposal {
 
   // Destroys `object` at the end of the thread's outermost Disposal, or at once where there is none.
   static void dispose(Disposable* object) noexcept;
+};
+
+// Owns one reference to a Disposable. Threads: any, one at a time.
+class DisposablePtr {
+ public:
+  explicit DisposablePtr(Disposable* object) : m_object(object) { m_object->m_ref_count.acquire(); }
+  DisposablePtr(const DisposablePtr& other) : m_object(other.m_object) {
+    if (m_object) m_object->m_ref_count.acquire();
+  }
+  DisposablePtr(DisposablePtr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
+  DisposablePtr& operator=(DisposablePtr other) noexcept {
+    std::swap(m_object, other.m_object);
+    return *this;
+  }
+  ~DisposablePtr() {
+    if (m_object && m_object->m_ref_count.release()) Disposal::dispose(m_object);
+  }
+
+  Disposable* get() const { return m_object; }
+
+ private:
+  Disposable* m_object;
 };
 
 }  // namespace orvel::service_apis

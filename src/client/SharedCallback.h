@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <utility>
 
 #include "binder/Disposal.h"
@@ -15,12 +14,11 @@ namespace orvel::service_apis {
 template <typename Function>
 class SharedCallback {
  public:
-  explicit SharedCallback(Function callback)
-      : m_held(new Held(std::move(callback)), [](Held* held) { Disposal::dispose(held); }) {}
+  explicit SharedCallback(Function callback) : m_held(new Held(std::move(callback))) {}
 
   template <typename... Values>
   void operator()(Values&&... values) const {
-    m_held->callback(std::forward<Values>(values)...);
+    static_cast<const Held*>(m_held.get())->callback(std::forward<Values>(values)...);
   }
 
  private:
@@ -29,7 +27,7 @@ class SharedCallback {
     const Function callback;
   };
 
-  std::shared_ptr<Held> m_held;
+  DisposablePtr m_held;  // a Held
 };
 
 using StateCallback = SharedCallback<std::function<void(bool)>>;

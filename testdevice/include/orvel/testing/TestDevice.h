@@ -77,8 +77,8 @@ constexpr char kEveryMethod[] = "*";
 ///     device.settle();   // the client has heard of it
 ///
 /// One at a time in a process: the constructor of a second one throws std::logic_error while the first exists, and the place
-/// is free again when that is destroyed or could not be made. Destroying it shuts the client down, so that the next test finds it uninitialised; what
-/// isMaroConnected() said last is the one thing that the client keeps.
+/// is free again when that is destroyed or could not be made. Destroying it shuts the client down, so that the next test finds
+/// it uninitialised; what isMaroConnected() said last is the one thing that the client keeps.
 ///
 /// Threads. The services run on a thread of the device's, callbacks on the client's run-loop thread, all else on the
 /// test's. Every method may be called from any thread, callbacks included, and has taken effect when it returns; settle()
