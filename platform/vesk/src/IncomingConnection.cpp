@@ -165,7 +165,7 @@ RemoteRef IncomingConnection::received(std::uint64_t number) {
     fresh->pid = m_peer;
     fresh->number = number;
     known = m_remotes.emplace(number, fresh.get()).first;
-    fresh.release();  // those who count it own it now
+    static_cast<void>(fresh.release());  // those who count it own it now
   }
   ++known->second->received;
   return RemoteRef(vesk_remote_acquire(known->second));

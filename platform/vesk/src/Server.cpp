@@ -123,7 +123,9 @@ void Server::remove(IncomingConnection& connection) {
 Server::ListenerPtr Server::take_seat(int directory) {
   UniqueFd socket = m_seat.take(directory);
   if (!socket) return nullptr;
-  return ListenerPtr(new Listener{*this, m_seat.socket_file(), std::move(socket), nullptr, nullptr});
+  ListenerPtr listener;
+  listener.reset(new Listener{*this, m_seat.socket_file(), std::move(socket), nullptr, nullptr});
+  return listener;
 }
 
 bool Server::is_current(const Listener& listener) {
