@@ -47,7 +47,7 @@ int ClientState::get_runtime(void** runtime) {
   const std::lock_guard<std::mutex> lock(m_runtime_mutex);
   const int error = vesk_get_runtime(&m_runtime);
   *runtime = m_runtime;
-  m_runtime_runs = error == 0 && m_runtime;
+  m_runtime_runs = error == 0 && m_runtime != nullptr;
   set_client_running(m_runtime_runs);
   return error;
 }
