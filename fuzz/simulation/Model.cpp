@@ -175,7 +175,7 @@ void Model::apply(const Event& event) {
     }
     case Kind::kStop:
       m_interrupted = true;
-      if (m_initialized) shut_runtime_down();
+      shut_runtime_down();
       return;
     case Kind::kStopped:
       return stopped();

@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "binder/Waiting.h"
 #include "orvel/OrvelDelegateClient.h"
 #include "orvel/OrvelIntent.h"
 #include "orvel/TarselMetricEvent.h"
@@ -227,8 +226,7 @@ void World::stop() {
     client().shutdown();
   });
   go->set_value();
-  if (m_running) return m_vesk.wait_for_shutdown();
-  while (!waiting::interrupted()) std::this_thread::yield();
+  m_vesk.wait_for_shutdown();
 }
 
 void World::finish_stop() {
