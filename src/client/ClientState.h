@@ -45,8 +45,8 @@ class ClientState {
   bool isMaroConnected() ORVEL_EXCLUDES(m_facade);
   bool isNetworkConnected() ORVEL_EXCLUDES(m_facade);
 
-  // Runs `query` on the proxy, one at a time; `failure`, with an error line, while the client is not initialised and
-  // inside the connectivity callback. `method` is the public method that asks.
+  // Runs `query` on the proxy, one at a time; `failure`, with an error line, while the client is not initialised, inside
+  // the connectivity callback and in the child of a fork. `method` is the public method that asks.
   template <typename Proxy, typename Query, typename Result = std::invoke_result_t<Query, Proxy&>>
   Result ask(const char* method, Query query, Result failure = {}) ORVEL_EXCLUDES(m_facade) {
     if (refused(method)) return failure;

@@ -15,8 +15,8 @@ namespace {
 // What is behind each descriptor, by number; 0 where it is not this library's. In blocks that are made when they are
 // needed and kept for ever, so that a forked child can read them, whatever other threads were doing when it was made.
 constexpr std::size_t kBlockSize = 1024;
-constexpr std::size_t kBlocks =
-    1024;  // beyond them, which takes a limit of over a million, a child keeps what it inherits
+// Beyond them, which takes a limit of over a million descriptors, a child keeps what it inherits.
+constexpr std::size_t kBlocks = 1024;
 using Block = std::array<std::atomic<std::uint64_t>, kBlockSize>;
 std::array<std::atomic<Block*>, kBlocks> g_blocks;
 

@@ -82,8 +82,8 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // What whoever held m_mutex still has to do when it has let go.
   struct Leftover {
     bool wants_pump = false;
-    std::vector<std::uint64_t>
-        settled;  // endpoints of late answers that say that their call has failed at the peer too
+    // Endpoints of late answers that say that their call has failed at the peer too.
+    std::vector<std::uint64_t> settled;
   };
 
   int transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) VESK_REQUIRES(m_mutex);
