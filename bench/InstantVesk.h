@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "Parcel.h"
+#include "vesk/message/Parcel.h"
 
 namespace bench {
 

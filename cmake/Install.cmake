@@ -65,7 +65,7 @@ foreach(program orvelctl orvel-sim)
   install(FILES tools/cli/completion.bash DESTINATION ${completions} RENAME ${program})
 endforeach()
 install(FILES tools/cli/failure.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel)
-install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel FILES_MATCHING PATTERN *.json)
+install(DIRECTORY device/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel FILES_MATCHING PATTERN *.json)
 
 # As they lie in the project, so that the documents' links lead somewhere.
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "Records.h"
+#include "device/Acts.h"
+#include "device/Scenario.h"
 #include "orvel/OrvelDelegateClient.h"
-#include "sim/Acts.h"
-#include "sim/Scenario.h"
 
 namespace orvel::testing {
 namespace {

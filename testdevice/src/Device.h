@@ -15,9 +15,9 @@
 
 #include "DeviceTransport.h"
 #include "VirtualTime.h"
+#include "device/Service.h"
 #include "orvel/testing/TestDevice.h"
-#include "sim/Service.h"
-#include "support/FakeVesk.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::testing {
 

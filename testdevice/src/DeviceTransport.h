@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "VirtualTime.h"
-#include "support/FakeMessages.h"
-#include "support/FakeVesk.h"
+#include "vesk/inprocess/FakeMessages.h"
+#include "vesk/inprocess/FakeVesk.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::testing {

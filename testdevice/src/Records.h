@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "device/Wire.h"
 #include "orvel/testing/TestDevice.h"
-#include "sim/Wire.h"
 
 namespace orvel::testing {
 

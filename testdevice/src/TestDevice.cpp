@@ -9,10 +9,10 @@
 
 #include "Device.h"
 #include "Records.h"
-#include "sim/Acts.h"
-#include "sim/EventResults.h"
-#include "sim/Scenario.h"
-#include "sim/ShippedScenarios.h"
+#include "device/Acts.h"
+#include "device/EventResults.h"
+#include "device/Scenario.h"
+#include "device/ShippedScenarios.h"
 
 namespace orvel::testing {
 namespace {

@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "binder/Waiting.h"
-#include "sim/Timer.h"
-#include "support/FakeVesk.h"
+#include "device/Timer.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::testing {
 

@@ -4,9 +4,9 @@
 #include <stdexcept>
 
 #include "orvel/OrvelDelegateClient.h"
-#include "support/Bytes.h"
-#include "support/FakeVesk.h"
 #include "support/Services.h"
+#include "vesk/inprocess/Bytes.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 

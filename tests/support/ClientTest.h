@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "support/Bytes.h"
-#include "support/FakeVesk.h"
 #include "support/LogRecorder.h"
 #include "support/Services.h"
 #include "support/VirtualClock.h"
+#include "vesk/inprocess/Bytes.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/Bytes.h"
-#include "support/FakeVesk.h"
+#include "vesk/inprocess/Bytes.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 

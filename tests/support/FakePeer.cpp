@@ -1,8 +1,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/FakeVesk.h"
 #include "support/Peer.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "support/Bytes.h"
+#include "vesk/inprocess/Bytes.h"
 
 namespace orvel::test {
 

@@ -11,8 +11,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "support/Bytes.h"
 #include "support/Peer.h"
+#include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::test {

@@ -15,9 +15,9 @@
 #include <gtest/gtest.h>
 
 #include "VeskTest.h"
-#include "support/Bytes.h"
 #include "support/Peer.h"
 #include "support/RunLoop.h"
+#include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk.h"
 
 namespace orvel::test {

@@ -29,11 +29,11 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-id128.h>
 
-#include "Support.h"
 #include "VeskTest.h"
-#include "support/Bytes.h"
 #include "support/Peer.h"
 #include "support/RunLoop.h"
+#include "vesk/host/Support.h"
+#include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::test {

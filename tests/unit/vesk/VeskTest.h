@@ -16,8 +16,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Bytes.h"
 #include "support/Peer.h"
+#include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk.h"
 
 namespace orvel::test {

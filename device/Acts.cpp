@@ -1,0 +1,190 @@
+#include "device/Acts.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <vector>
+
+#include "device/Service.h"
+
+namespace orvel::sim {
+namespace {
+
+// Below are the uids of the system, and the processes that came with it.
+constexpr std::int64_t kFirstUid = 10'000;
+constexpr std::int64_t kFirstPid = 4'000;
+
+Json& packagesOf(Json& scenario) {
+  return scenario.at("packages").at("packages");
+}
+Json& processesOf(Json& scenario) {
+  return scenario.at("activity").at("processes");
+}
+
+void expect(const Json& things, const std::string& name, const char* kind, bool wanted) {
+  if (things.contains(name) == wanted) return;
+  throw std::runtime_error(std::string(kind) + " " + name + (wanted ? " does not exist" : " exists already"));
+}
+
+// The lowest number from `first` on that none of the entries has.
+std::int64_t nextFree(const Json& entries, const char* key, std::int64_t first) {
+  std::set<std::int64_t> taken;
+  for (const Json& entry : entries) taken.insert(entry.at(key).get<std::int64_t>());
+  while (taken.count(first) != 0) ++first;
+  return first;
+}
+
+std::int64_t now() {
+  const auto time = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+bool lists(const Json& process, const std::string& package) {
+  const Json& packages = process.at("packages");
+  return std::find(packages.begin(), packages.end(), package) != packages.end();
+}
+
+void install(Json& scenario, const std::string& name, const Json& values) {
+  Json& packages = packagesOf(scenario);
+  expect(packages, name, "package", false);
+  Json package = {{"uid", nextFree(packages, "uid", kFirstUid)}, {"firstInstallMs", now()}, {"lastUpdateMs", now()}};
+  package.update(values);
+  packages[name] = package;
+}
+
+void replace(Json& scenario, const std::string& name, const Json& values) {
+  Json& packages = packagesOf(scenario);
+  expect(packages, name, "package", true);
+  Json& package = packages[name];
+  package["versionCode"] = package["versionCode"].get<std::int64_t>() + 1;
+  package["lastUpdateMs"] = now();
+  package.update(values);
+}
+
+void remove(Json& scenario, const std::string& name, const Json&) {
+  Json& packages = packagesOf(scenario);
+  expect(packages, name, "package", true);
+  packages.erase(name);
+  std::vector<std::string> ended;
+  for (const auto& [process, record] : processesOf(scenario).items()) {
+    if (lists(record, name)) ended.push_back(process);
+  }
+  for (const std::string& process : ended) processesOf(scenario).erase(process);
+}
+
+void start(Json& scenario, const std::string& name, const Json& values) {
+  Json& processes = processesOf(scenario);
+  expect(processes, name, "process", false);
+  // A package's further processes are named after it too: "com.example.app:remote".
+  Json process = {{"pid", nextFree(processes, "pid", kFirstPid)},
+                  {"packages", Json::array({name.substr(0, name.find(':'))})}};
+  process.update(values);
+  if (!process.contains("uid")) {
+    const Json& packages = packagesOf(scenario);
+    const auto package = packages.find(process["packages"].at(0));
+    process["uid"] = package == packages.end() ? Json(nextFree(packages, "uid", kFirstUid)) : package->at("uid");
+  }
+  processes[name] = process;
+}
+
+void stop(Json& scenario, const std::string& name, const Json&) {
+  expect(processesOf(scenario), name, "process", true);
+  processesOf(scenario).erase(name);
+}
+
+void foreground(Json& scenario, const std::string& name, const Json&) {
+  Json& processes = processesOf(scenario);
+  expect(processes, name, "process", true);
+  for (Json& process : processes) {
+    if (process.value("focused", false)) process.update({{"focused", false}, {"importance", kCached}});
+  }
+  processes[name].update({{"focused", true}, {"importance", kForeground}});
+}
+
+// The name of the package's process: of the one that is named after it, else the first that lists it. It is started if
+// there is none, with that importance.
+std::string processOf(Json& scenario, const std::string& package, const Json& importance) {
+  const Json& processes = processesOf(scenario);
+  if (processes.contains(package)) return package;
+  for (const auto& [name, process] : processes.items()) {
+    if (lists(process, package)) return name;
+  }
+  start(scenario, package, {{"importance", importance}});
+  return package;
+}
+
+void openPackage(Json& scenario, const std::string& package, const Json&) {
+  if (!packagesOf(scenario).contains(package)) return;
+  foreground(scenario, processOf(scenario, package, kForeground), {});
+}
+
+void servePackage(Json& scenario, const std::string& package, const Json& values) {
+  if (!packagesOf(scenario).contains(package)) return;
+  const Json& wanted = values.at("importance");
+  Json& importance = processesOf(scenario)[processOf(scenario, package, wanted)]["importance"];
+  importance = std::min(importance, wanted);
+}
+
+void set(Json& scenario, const std::string& section, const Json& values) {
+  scenario.at(section).update(values);
+}
+
+void flap(Json& scenario, const std::string& section, const Json& values) {
+  Json& service = scenario.at(section);
+  const bool flapped = service.erase(kFlap) != 0;
+  if (!values.empty()) {
+    service[kFlap] = values;
+  } else if (flapped) {
+    service[kAlive] = true;
+  }
+}
+
+}  // namespace
+
+Json makeAct(const char* verb, const std::string& name, const Json& values) {
+  return {{"act", verb}, {"name", name}, {"values", values}};
+}
+
+void perform(Json& scenario, const Json& act) {
+  static const std::map<std::string, void (*)(Json&, const std::string&, const Json&)> acts = {
+      {"install", install},
+      {"replace", replace},
+      {"remove", remove},
+      {"start", start},
+      {"stop", stop},
+      {"foreground", foreground},
+      {"openPackage", openPackage},
+      {"servePackage", servePackage},
+      {"set", set},
+      {"flap", flap},
+  };
+  const auto found = acts.find(act.at("act"));
+  if (found == acts.end()) throw std::runtime_error("no such act: " + act.dump());
+  found->second(scenario, act.at("name"), act.at("values"));
+}
+
+void liveFromNowOn(Json& section, bool alive) {
+  section.erase(kFlap);
+  section[kAlive] = alive;
+}
+
+void flapOnce(Json& section) {
+  const bool alive = !section.at(kAlive).get<bool>();
+  section[kAlive] = alive;
+  Json& flapping = section.at(kFlap);
+  if (!alive || !flapping.contains("count")) return;
+  const auto left = flapping["count"].get<std::int64_t>() - 1;
+  flapping["count"] = left;
+  if (left == 0) section.erase(kFlap);
+}
+
+std::optional<std::chrono::milliseconds> flapInterval(const Json& section) {
+  const auto flapping = section.find(kFlap);
+  if (flapping == section.end()) return std::nullopt;
+  return std::chrono::milliseconds(flapping->at("periodMs").get<std::int64_t>() / 2);
+}
+
+}  // namespace orvel::sim

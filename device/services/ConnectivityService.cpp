@@ -1,0 +1,66 @@
+// The connectivity manager: whether the default network is there.
+#include "device/Receivers.h"
+#include "device/services/Services.h"
+
+namespace orvel::sim {
+namespace {
+
+constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.INetworkCallback";
+const CallbackMethod kAvailable = {1, "networkAvailable", kCallbackDescriptor, /*answered=*/false, writeNothing};
+const CallbackMethod kLost = {6, "networkLost", kCallbackDescriptor, /*answered=*/false, writeNothing};
+
+class ConnectivityService : public Service {
+ public:
+  using Service::Service;
+
+  Json registerCallback(const Call& call) {
+    m_callbacks.add(call);
+    return {};
+  }
+
+  Json unregisterCallback(const Call& call) {
+    m_callbacks.remove(call.endpoints.front().get());
+    return {};
+  }
+
+ private:
+  void changed(const Json& before) override {
+    const bool connected = section().at("networkConnected");
+    if (before.at(type().id).at("networkConnected") == connected) return;
+    m_callbacks.notify(connected ? kAvailable : kLost, Json::object(), [](const Call&) { return true; });
+  }
+
+  Receivers m_callbacks{type(), host()};
+};
+
+}  // namespace
+
+const ServiceType& connectivityService() {
+  using Self = ConnectivityService;
+  static const ServiceType type = {
+      "connectivity",
+      "com.quarlo.orvel.androidconnectivitymanager",
+      "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager",
+      "the default network",
+      {
+          {"networkConnected", Shape::flag(), true, "whether the default network is there"},
+      },
+      {
+          {4,
+           "registerDefaultNetworkCallback",
+           {{"callback", readEndpoint}},
+           handledBy<Self, &Self::registerCallback>,
+           writeNothing},
+          {5,
+           "unregisterNetworkCallback",
+           {{"callback", readEndpoint}},
+           handledBy<Self, &Self::unregisterCallback>,
+           writeNothing},
+      },
+      makeService<Self>,
+      {&kAvailable, &kLost},
+  };
+  return type;
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,158 @@
+#include "device/Acts.h"
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "device/Scenario.h"
+
+namespace orvel::sim {
+namespace {
+
+// A device with three packages, of which one has a process and another is hosted by it.
+class Acts : public ::testing::Test {
+ protected:
+  Acts()
+      : m_scenario(
+            readScenario(R"({"packages": {"packages": {"a": {"uid": 10000, "versionCode": 7}, "b": {"uid": 10002},
+            "quiet": {"uid": 10003}}},
+          "activity": {"processes": {"a": {"pid": 4000, "uid": 10000, "packages": ["a", "b"], "importance": 300},
+            "home": {"pid": 4002, "uid": 1000, "packages": ["home"], "importance": 100, "focused": true}}}})",
+                         "here")) {}
+
+  void act(const char* verb, const std::string& name, const Json& values = Json::object()) {
+    m_scenario = changed(m_scenario, makeAct(verb, name, values));
+  }
+  void expectRefusal(const char* verb, const std::string& name, const std::string& why) {
+    const Json before = m_scenario;
+    try {
+      act(verb, name);
+      ADD_FAILURE() << verb << " " << name << " was not refused";
+    } catch (const std::runtime_error& refused) {
+      EXPECT_EQ(refused.what(), why);
+    }
+    EXPECT_EQ(m_scenario, before);
+  }
+
+  Json& package(const std::string& name) { return m_scenario.at("packages").at("packages").at(name); }
+  Json& process(const std::string& name) { return m_scenario.at("activity").at("processes").at(name); }
+  std::vector<std::string> processes() const {
+    std::vector<std::string> names;
+    for (const auto& [name, process] : m_scenario.at("activity").at("processes").items()) names.push_back(name);
+    return names;
+  }
+  std::vector<std::string> focused() const {
+    std::vector<std::string> names;
+    for (const auto& [name, process] : m_scenario.at("activity").at("processes").items()) {
+      if (process.at("focused")) names.push_back(name);
+    }
+    return names;
+  }
+
+  Json m_scenario;
+};
+using Names = std::vector<std::string>;
+
+TEST_F(Acts, APackageIsInstalledUnderAUidOfItsOwnOnce) {
+  act("install", "new");
+  EXPECT_EQ(package("new").at("uid"), 10001) << "the first that nobody has";
+  act("install", "shared", {{"uid", 10000}, {"versionName", "2.0"}});
+  EXPECT_EQ(package("shared").at("uid"), 10000) << "what is given goes first";
+  EXPECT_EQ(package("shared").at("versionName"), "2.0");
+  expectRefusal("install", "new", "package new exists already");
+}
+
+TEST_F(Acts, AReplacedPackageIsTheNextVersionUnlessOneIsGiven) {
+  act("replace", "a");
+  EXPECT_EQ(package("a").at("versionCode"), 8);
+  EXPECT_EQ(package("a").at("uid"), 10000);
+  act("replace", "a", {{"versionCode", 20}});
+  EXPECT_EQ(package("a").at("versionCode"), 20);
+  expectRefusal("replace", "none", "package none does not exist");
+}
+
+TEST_F(Acts, ARemovedPackageTakesEveryProcessThatListsItAlong) {
+  act("remove", "b");
+  EXPECT_EQ(processes(), Names{"home"});
+  EXPECT_NO_THROW(package("a")) << "the package that the process is named after stays";
+  expectRefusal("remove", "b", "package b does not exist");
+}
+
+TEST_F(Acts, AProcessBelongsToThePackageThatItIsNamedAfter) {
+  act("start", "quiet:remote");
+  EXPECT_EQ(process("quiet:remote").at("pid"), 4001) << "between two that are taken";
+  EXPECT_EQ(process("quiet:remote").at("uid"), 10003);
+  EXPECT_EQ(process("quiet:remote").at("packages"), Json({"quiet"}));
+  act("start", "stranger");
+  EXPECT_EQ(process("stranger").at("uid"), 10001) << "of a package that nobody installed";
+  expectRefusal("start", "a", "process a exists already");
+  act("stop", "a");
+  expectRefusal("stop", "a", "process a does not exist");
+}
+
+TEST_F(Acts, OneProcessHasTheFocusAndTheOneBeforeIsCached) {
+  act("foreground", "a");
+  EXPECT_EQ(focused(), Names{"a"});
+  EXPECT_EQ(process("a").at("importance"), kForeground);
+  EXPECT_EQ(process("home").at("importance"), kCached);
+  act("foreground", "a");
+  EXPECT_EQ(focused(), Names{"a"});
+  EXPECT_EQ(process("a").at("importance"), kForeground) << "it did not lose what it has";
+  expectRefusal("foreground", "none", "process none does not exist");
+}
+
+TEST_F(Acts, OpeningAPackageStartsWhatIsMissingAndNothingForAStranger) {
+  act("openPackage", "b");
+  EXPECT_EQ(focused(), Names{"a"}) << "the process that lists it";
+  act("openPackage", "quiet");
+  EXPECT_EQ(focused(), Names{"quiet"});
+  EXPECT_EQ(processes(), (Names{"a", "home", "quiet"}));
+  const Json before = m_scenario;
+  act("openPackage", "none");
+  EXPECT_EQ(m_scenario, before);
+}
+
+TEST_F(Acts, ServingMakesAProcessMoreImportantAndNeverLess) {
+  act("servePackage", "b", {{"importance", kForegroundService}});
+  EXPECT_EQ(process("a").at("importance"), kForegroundService);
+  act("servePackage", "a", {{"importance", kService}});
+  EXPECT_EQ(process("a").at("importance"), kForegroundService);
+  act("servePackage", "quiet", {{"importance", kService}});
+  EXPECT_EQ(process("quiet").at("importance"), kService);
+}
+
+TEST_F(Acts, AServiceFlapsAsOftenAsItIsToldAndThenLives) {
+  const auto power = [this]() -> Json& { return m_scenario.at("power"); };
+  EXPECT_FALSE(flapInterval(power()));
+  act("flap", "power", {{"periodMs", 30}, {"count", 2}});
+  EXPECT_EQ(flapInterval(power())->count(), 15);
+  std::string life;
+  for (; flapInterval(power()); life += power().at("alive") ? "+" : "-") flapOnce(power());
+  EXPECT_EQ(life, "-+-+");
+
+  act("flap", "power", {{"periodMs", 30}});
+  for (int n = 0; n < 101; ++n) flapOnce(power());
+  EXPECT_EQ(power().at("alive"), false);
+  act("flap", "power");
+  EXPECT_EQ(power().at("alive"), true) << "who ends it leaves the service alive";
+  EXPECT_FALSE(flapInterval(power()));
+
+  act("flap", "power", {{"periodMs", 30}});
+  liveFromNowOn(power(), false);
+  EXPECT_FALSE(flapInterval(power()));
+  act("flap", "power");
+  EXPECT_EQ(power().at("alive"), false) << "one that does not flap is not revived";
+}
+
+TEST_F(Acts, WhatNoActDoesIsRefusedByTheShapeOfTheScenario) {
+  EXPECT_THROW(act("dance", "a"), std::runtime_error);
+  EXPECT_THROW(act("install", "new", {{"colour", "red"}}), ScenarioError);
+  EXPECT_THROW(act("set", "events", {{"reply", "yes"}}), ScenarioError);
+  EXPECT_EQ(m_scenario.at("events"), defaultScenario().at("events"));
+}
+
+}  // namespace
+}  // namespace orvel::sim

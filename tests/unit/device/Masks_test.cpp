@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "device/Recording.h"
+#include "device/Scenario.h"
+
+namespace orvel::sim {
+namespace {
+
+// Of a device whose owner has told nothing.
+class Masking : public ::testing::Test {
+ protected:
+  std::string masked(const std::string& entry) {
+    Json json = Json::parse(entry);
+    m_masks.apply(json);
+    return json.dump();
+  }
+  // Of a request's reply, as JSON.
+  std::string reply(const std::string& service, const std::string& method, const std::string& value) {
+    const Json entry = {{"service", service}, {"method", method}, {"arguments", Json::object()}, {"reply", 0}};
+    Json json = entry;
+    json["reply"] = Json::parse(value);
+    m_masks.apply(json);
+    return json.at("reply").dump();
+  }
+
+  Masks m_masks{readScenario(R"({"delegate": {"name": "", "serialNumber": "", "customerId": "<unknown>"}})", "here")};
+};
+
+TEST_F(Masking, WhatTellsOfTheOwnerIsMaskedAndWhatClientsComputeWithIsNot) {
+  const struct {
+    const char* service;
+    const char* method;
+    const char* value;
+    const char* masked;
+  } rows[] = {
+      {"delegate", "getDeviceName", R"("Anna")", R"("masked-1")"},
+      {"delegate", "getDeviceName", R"("")", R"("")"},
+      {"delegate", "getDeviceName", "null", "null"},
+      {"delegate", "getDirectedId", R"("<unknown>")", R"("<unknown>")"},
+      {"delegate", "getDirectedId", R"("account")", R"("masked-2")"},
+      {"delegate", "getDeviceInfo", R"(["a", "b", "c", "kept", "d", null])",
+       R"(["masked-3","masked-4","masked-5","kept","masked-6",null])"},
+      {"delegate", "getSecureSetting", R"("128")", R"("128")"},
+      {"delegate", "getSecureSetting", R"("-1")", R"("-1")"},
+      {"delegate", "getSecureSetting", R"("-")", R"("masked-7")"},
+      {"delegate", "getSecureSetting", R"("1.5")", R"("masked-8")"},
+      {"delegate", "getCOR", R"("DE")", R"("DE")"},
+      {"power", "getDeviceName", R"("Bert")", R"("Bert")"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(reply(row.service, row.method, row.value), row.masked) << row.method << " " << row.value;
+  }
+}
+
+TEST_F(Masking, AnIdentityIsMaskedInsideOtherTextsFromFourCharactersOn) {
+  reply("delegate", "getDeviceName", R"("long")");
+  reply("delegate", "getDSNV2", R"("abc")");
+  EXPECT_EQ(masked(R"({"service":"delegate","method":"queryBroadcastReceivers","arguments":{"action":"so long, abc"},)"
+                   R"("exception":{"code":-3,"message":"longlong","trace":"at long"}})"),
+            R"({"service":"delegate","method":"queryBroadcastReceivers","arguments":{"action":"so masked-1, abc"},)"
+            R"("exception":{"code":-3,"message":"masked-1masked-1","trace":"at masked-1"}})");
+  EXPECT_EQ(masked(R"({"service":"delegate","notification":"broadcast","arguments":{"action":"a","type":"long",)"
+                   R"("extras":[{"key":"long","type":"long","value":7}]}})"),
+            R"({"service":"delegate","notification":"broadcast","arguments":{"action":"a","type":"masked-1",)"
+            R"("extras":[{"key":"masked-1","type":"long","value":7}]}})")
+      << "the word for the type of an extra is no value";
+}
+
+TEST_F(Masking, DataKeepsItsSchemeAndThePackageThatItNames) {
+  const auto data = [&](const std::string& uri) {
+    const std::string entry = masked(
+        R"({"service":"delegate","notification":"broadcast","arguments":{"action":"a","data":")" + uri + R"("}})");
+    return Json::parse(entry).at("arguments").at("data").get<std::string>();
+  };
+  EXPECT_EQ(data("package:com.example.app"), "package:com.example.app");
+  EXPECT_EQ(data("content:secret"), "content:masked-1");
+  EXPECT_EQ(data("other:secret"), "other:masked-1") << "the same value has the same mask";
+  EXPECT_EQ(data("secret"), "masked-1");
+  EXPECT_EQ(data("content:"), "content:");
+}
+
+TEST(MayStandFor, AMaskStandsForOneTextAndNoOtherMaskForThat) {
+  MetTexts met;
+  const auto fits = [&](const char* recorded, const char* given) {
+    return mayStandFor(Json::parse(recorded), Json::parse(given), met);
+  };
+  EXPECT_TRUE(fits(R"("masked-1")", R"("Anna")"));
+  EXPECT_TRUE(fits(R"("of masked-1!")", R"("of Anna!")"));
+  EXPECT_FALSE(fits(R"("of masked-1!")", R"("of Anna")"));
+  EXPECT_FALSE(fits(R"("of masked-9!")", R"("of !")")) << "a mask stands for no empty text";
+  EXPECT_FALSE(fits(R"("of masked-9!")", R"("o")"));
+  EXPECT_FALSE(fits(R"("masked-1")", R"("Bert")"));
+  EXPECT_FALSE(fits(R"("masked-2")", R"("Anna")"));
+  EXPECT_TRUE(fits(R"("masked-2")", R"("Bert")"));
+  EXPECT_TRUE(fits(R"("masked-")", R"("masked-")"));
+  EXPECT_FALSE(fits(R"("masked-")", R"("x")")) << "that is no mask";
+  EXPECT_TRUE(fits(R"({"a": ["masked-1", 1, null]})", R"({"a": ["Anna", 1, null]})"));
+  EXPECT_FALSE(fits(R"({"a": ["masked-1", 1]})", R"({"a": ["Anna", 2]})"));
+  EXPECT_FALSE(fits(R"({"a": "masked-1"})", R"({"b": "Anna"})"));
+  EXPECT_FALSE(fits(R"(["masked-1"])", R"(["Anna", "Anna"])"));
+  EXPECT_FALSE(fits("7", R"("7")"));
+}
+
+}  // namespace
+}  // namespace orvel::sim

@@ -1,0 +1,165 @@
+#include "device/Scenario.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace orvel::sim {
+namespace {
+
+using Words = std::vector<std::string>;
+
+std::string errorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const ScenarioError& error) {
+    return error.what();
+  }
+  return "(none)";
+}
+
+TEST(Scenario, WordsLeadToAValueThroughSectionsFieldsAndKeys) {
+  const struct {
+    Words words;
+    const char* path;
+  } rows[] = {
+      {{"delegate", "name"}, "/delegate/name"},
+      {{"name"}, "/delegate/name"},
+      {{"settings", "volume"}, "/delegate/settings/volume"},
+      {{"setting", "volume"}, "/delegate/settings/volume"},
+      {{"setting", "a/b~c"}, "/delegate/settings/a~1b~0c"},
+      {{"setting", "name"}, "/delegate/settings/name"},
+      {{"process", "p", "pid"}, "/activity/processes/p/pid"},
+      {{"packages", "package", "p", "resources", "17"}, "/packages/packages/p/resources/17"},
+      {{"power", "faults", "*", "exception", "code"}, "/power/faults/*/exception/code"},
+      {{"power"}, "/power"},
+      {{"about"}, "/about"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(pathOf(row.words), row.path);
+}
+
+TEST(Scenario, WordsThatLeadNowhereAreToldWhatThereIs) {
+  const struct {
+    Words words;
+    const char* value;
+    const char* error;
+  } rows[] = {
+      {{"interfaceVersion"}, "1", "interfaceVersion is a field of several services, say of which: power, metrics"},
+      {{"power", "screen"},
+       "1",
+       "/power/screen: unknown key; there are screenOn, interfaceVersion, faults, alive, flap"},
+      {{"name", "first"}, "x", "/delegate/name/first: only an object has keys"},
+      {{"screenOn"}, "maybe", "/power/screenOn: expected true or false"},
+      {{"screenOn"}, "1", "/power/screenOn: expected true or false"},
+      {{"package", "p", "resources", "017"}, "x", "/packages/packages/p/resources/017: expected a key that is a whole"},
+      {{"package", "p", "resources", "x"}, "x", "/packages/packages/p/resources/x: expected a key that is a whole"},
+      {{"package", "p", "uid"}, "1.5", "/packages/packages/p/uid: expected a whole number from "},
+      {{"power", "faults", "isInteractive", "drop"}, "0", "/power/faults/isInteractive/drop: expected true, false or "},
+      {{"power", "faults", "getName", "hang"},
+       "true",
+       "/power/faults/getName: unknown key; there are *, isInteractive"},
+      {{"power", "faults", "*", "error"}, "5", "/power/faults/*/error: expected a whole number from -4095 to -1"},
+      {{"metrics", "flap", "periodMs"}, "9", "/metrics/flap/periodMs: expected a whole number from 10 to "},
+      {{"resultMode"}, "later", "/events/resultMode: expected one of "},
+      {{"info"}, R"(["a", 1])", "/delegate/info/1: expected a string"},
+      {{"info"}, "[", "/delegate/info: expected a list"},
+  };
+  for (const auto& row : rows) {
+    const std::string error = errorOf([&] { changeOf(row.words, row.value); });
+    EXPECT_EQ(error.substr(0, std::string(row.error).size()), row.error) << row.words.back() << " " << row.value;
+  }
+  EXPECT_EQ(errorOf([] { changeOf({"colour"}, "red"); }).rfind("no value is called colour; there are\n", 0), 0U);
+  EXPECT_EQ(errorOf([] { changeOf({"setting", std::string("a\0b", 3)}, "1"); }).substr(0, 20), "/delegate/settings/a");
+}
+
+TEST(Scenario, AWordIsReadAsItsFieldWantsIt) {
+  const auto valueFor = [](const Words& words, const char* word) { return changeOf(words, word).at("value"); };
+  EXPECT_EQ(valueFor({"name"}, "true"), "true");
+  EXPECT_EQ(valueFor({"setting", "k"}, "7"), "7");
+  EXPECT_EQ(valueFor({"screenOn"}, "true"), true);
+  EXPECT_EQ(valueFor({"events", "reply"}, "-3"), -3);
+  EXPECT_EQ(valueFor({"resultMode"}, "twice"), "twice");
+  // A package's own data may be either.
+  const Words data = {"package", "p", "metaData", "k"};
+  EXPECT_EQ(valueFor(data, "7"), 7);
+  EXPECT_EQ(valueFor(data, "\"7\""), "7");
+  EXPECT_EQ(valueFor(data, "7.5"), "7.5");
+  EXPECT_EQ(valueFor(data, "true"), "true");
+}
+
+TEST(Scenario, AChangeLeavesACompleteScenario) {
+  const Json initial = defaultScenario();
+  const auto with = [](const Json& scenario, const Words& words, const std::optional<std::string>& value) {
+    return changed(scenario, changeOf(words, value));
+  };
+  const Json named = with(initial, {"name"}, "Hall");
+  EXPECT_EQ(valueIn(named, {"name"}), Json("Hall"));
+  EXPECT_EQ(with(named, {"name"}, std::nullopt), initial) << "what must be there is as at first";
+
+  const Json set = with(initial, {"setting", "a/b"}, "1");
+  EXPECT_EQ(set.at("delegate").at("settings").at("a/b"), "1");
+  EXPECT_EQ(with(set, {"setting", "a/b"}, std::nullopt), initial);
+  EXPECT_EQ(with(initial, {"setting", "never set"}, std::nullopt), initial);
+  EXPECT_FALSE(valueIn(initial, {"setting", "never set"}));
+
+  // A number as a key makes no list.
+  const Json resource = with(initial, {"package", "new", "resources", "0"}, "text");
+  EXPECT_EQ(valueIn(resource, {"package", "new", "resources"}), Json({{"0", "text"}}));
+
+  const Json hanging = with(initial, {"power", "faults", "isInteractive", "hang"}, "true");
+  const Json failing = with(hanging, {"power", "faults", "isInteractive", "error"}, "-5");
+  EXPECT_EQ(with(with(failing, {"power", "faults", "isInteractive", "hang"}, std::nullopt),
+                 {"power", "faults", "isInteractive", "error"}, std::nullopt),
+            initial)
+      << "a method of which the last fault has ended has none";
+  EXPECT_EQ(with(with(initial, {"power", "faults"}, R"({"*": {"exception": {}}})"), {"power", "faults"}, std::nullopt),
+            initial);
+
+  EXPECT_EQ(errorOf([&] {
+              changed(initial, {{"path", ""}, {"value", Json::object()}});
+            }),
+            "a change of the whole scenario");
+  EXPECT_EQ(
+      errorOf([&] { with(initial, {"name"}, std::string(5'000'000, 'x')); }).rfind("the scenario is too large", 0), 0U);
+}
+
+TEST(Scenario, DifferencesComeInTheOrderOfWhatIsAndThenWhatIsGone) {
+  std::string told;
+  forEachDifference(Json::parse(R"({"a": 1, "b": 2, "c": 3, "d": 4})"), Json::parse(R"({"d": 4, "e": 5, "a": 7})"),
+                    [&](const std::string& key, const Json& was, const Json& is) {
+                      told += key + was.dump() + ">" + is.dump() + " ";
+                    });
+  EXPECT_EQ(told, "enull>5 a1>7 b2>null c3>null ");
+}
+
+TEST(Scenario, TextIsReadUpToAnEndAndNotWithoutOne) {
+  std::istringstream stream(std::string("one\n\ntwo\0!\nthree", 16));
+  std::string text;
+  for (const std::string& expected :
+       {std::string("one"), std::string(), std::string("two\0!", 5), std::string("three")}) {
+    ASSERT_TRUE(readUpTo(stream, '\n', text));
+    EXPECT_EQ(text, expected);
+  }
+  EXPECT_FALSE(readUpTo(stream, '\n', text));
+
+  std::istringstream whole("a\nb\n");
+  EXPECT_TRUE(readUpTo(whole, EOF, text));
+  EXPECT_EQ(text, "a\nb\n");
+
+  class Endless : public std::streambuf {
+    int underflow() override {
+      setg(m_zeros, m_zeros, m_zeros + sizeof(m_zeros));
+      return 0;
+    }
+    char m_zeros[4096] = {};
+  } endless;
+  std::istream zeros(&endless);
+  EXPECT_EQ(errorOf([&] { readUpTo(zeros, '\n', text); }), "longer than 64 MiB");
+}
+
+}  // namespace
+}  // namespace orvel::sim

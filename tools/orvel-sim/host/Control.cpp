@@ -1,0 +1,92 @@
+#include "tools/orvel-sim/host/Control.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "tools/orvel-sim/host/Supervisor.h"
+
+namespace orvel::sim {
+namespace {
+
+std::atomic<bool> g_time_is_over{false};
+std::atomic<void*> g_runtime{nullptr};  // in which orders are given, once there is one
+
+std::string noAnswer() {
+  return std::string("the device in ") + vesk_runtime_directory() + " did not answer: ";
+}
+
+void checkTime() {
+  if (g_time_is_over) throw TimedOut(noAnswer() + "the time given by --timeout is over");
+}
+
+}  // namespace
+
+TimeLimit::TimeLimit(std::chrono::duration<double> limit) {
+  const auto end =
+      std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(limit);
+  m_thread = std::thread([this, end] {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_ended.wait_until(lock, end, [this] { return m_over; })) return;
+    // In this order: whoever gets a runtime too late to be interrupted sees that the time is over.
+    g_time_is_over = true;
+    if (void* const runtime = g_runtime) vesk_shutdown(runtime);
+  });
+}
+
+TimeLimit::~TimeLimit() {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_over = true;
+  }
+  m_ended.notify_one();
+  m_thread.join();
+}
+
+Control Control::connect() {
+  // That limit is for the clients under test; an order may take longer than they are allowed to wait.
+  unsetenv("ORVEL_CALL_TIMEOUT_MS");
+  void* runtime = nullptr;
+  if (vesk_get_runtime(&runtime) != 0) throw NoDevice(std::string());
+  g_runtime = runtime;
+  checkTime();
+  return Control(runtime);
+}
+
+Control::Control(void* runtime) : m_runtime(runtime) {
+  if (vesk_binder_servicemanager_get(m_runtime, kControlName, &m_handle) != 0) {
+    throw NoDevice(std::string("no orvel-sim runs in ") + vesk_runtime_directory());
+  }
+}
+
+Control::Control(Control&& other) noexcept
+    : m_runtime(other.m_runtime), m_handle(std::exchange(other.m_handle, vesk_invalid_handle())) {}
+
+Control::~Control() {
+  vesk_service_unbind(m_runtime, &m_handle);
+}
+
+Json Control::send(const Json& order, vesk_endpoint* endpoint) {
+  const PayloadPtr request(vesk_payload_alloc());
+  const BufferPtr reply(vesk_buffer_alloc());
+  if (!request || !reply) throw std::bad_alloc();
+  writeMessage(request.get(), order);
+  if (endpoint != nullptr) vesk_write_endpoint(request.get(), endpoint);
+  if (const int error = vesk_call(m_runtime, &m_handle, 0, request.get(), reply.get()); error != 0) {
+    checkTime();
+    if (error == -EPIPE || error == -ECONNRESET || error == -ECANCELED) throw NoDevice(noAnswer() + "it has ended");
+    if (error == -ETIMEDOUT) throw TimedOut(noAnswer() + std::strerror(-error));
+    throw std::runtime_error(noAnswer() + std::strerror(-error));
+  }
+  Json answer = readMessage(reply.get());
+  vesk_reply_done(m_runtime, reply.get());
+  if (const auto refusal = answer.find("error"); refusal != answer.end()) {
+    throw std::runtime_error(refusal->get<std::string>());
+  }
+  return answer;
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,59 @@
+// Giving orders to the device that lives in the runtime directory.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "device/Wire.h"
+
+namespace orvel::sim {
+
+// No device lives in the runtime directory, or it ended. The text is empty where vesk has said so already.
+struct NoDevice : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The device did not answer in time.
+struct TimedOut : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// While there is one, the orders of this process end when its time is over: those in progress and all later ones. One in
+// a process.
+class TimeLimit {
+ public:
+  explicit TimeLimit(std::chrono::duration<double> limit);
+  ~TimeLimit();
+  TimeLimit(const TimeLimit&) = delete;
+  TimeLimit& operator=(const TimeLimit&) = delete;
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_ended;
+  bool m_over = false;  // guarded by m_mutex
+  std::thread m_thread;
+};
+
+// A connection to the supervisor. Any thread, one at a time.
+class Control {
+ public:
+  // Of a process that is no device itself. Throws NoDevice and TimedOut.
+  static Control connect();
+  // Of a process that has a runtime. Throws NoDevice.
+  explicit Control(void* runtime);
+  Control(Control&& other) noexcept;
+  ~Control();
+
+  // Sends one order and gives its answer; `endpoint` goes along unless it is null. Throws NoDevice when the device dies,
+  // TimedOut when it does not answer, and std::runtime_error when it refuses the order.
+  Json send(const Json& order, vesk_endpoint* endpoint = nullptr);
+
+ private:
+  void* m_runtime;
+  vesk_handle m_handle{};
+};
+
+}  // namespace orvel::sim

@@ -1,0 +1,89 @@
+#include "tools/orvel-sim/host/Recorders.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "device/Traffic.h"
+
+namespace orvel::sim {
+namespace {
+
+// Of one recorder. One that lets this much lie is not going to catch up, and the device must not grow for ever.
+constexpr std::size_t kMostBytes = 64 << 20;
+constexpr std::size_t kBytesAtOnce = 512 << 10;
+// How long a recorder gets no answer while nothing happens; in between it looks whether it is to end.
+constexpr std::chrono::milliseconds kPatience(200);
+
+}  // namespace
+
+void Recorders::add(RemotePtr endpoint) {
+  vesk_remote* remote = endpoint.get();
+  const pid_t pid = vesk_remote_pid(remote);
+  if (m_recorders.count(pid) != 0) throw std::runtime_error("process " + std::to_string(pid) + " records already");
+  m_recorders[pid].endpoint = std::move(endpoint);
+  const auto gone = [](void* self, vesk_remote* which) { static_cast<Recorders*>(self)->remove(which); };
+  check(vesk_remote_on_gone(remote, gone, this), "watching a recorder");
+}
+
+void Recorders::remove(const vesk_remote* endpoint) {
+  const auto isIt = [&](const auto& recorder) { return recorder.second.endpoint.get() == endpoint; };
+  const auto found = std::find_if(m_recorders.begin(), m_recorders.end(), isIt);
+  if (found == m_recorders.end()) return;
+  m_recorders.erase(found);
+  if (empty()) m_idle();
+}
+
+void Recorders::stop() {
+  for (const auto& [pid, recorder] : m_recorders) vesk_remote_on_gone(recorder.endpoint.get(), nullptr, nullptr);
+  m_recorders.clear();
+}
+
+void Recorders::record(const Json& entry) {
+  if (empty()) return;
+  const std::string line = entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  for (auto& [pid, recorder] : m_recorders) record(recorder, line);
+}
+
+void Recorders::recordFor(pid_t recorder, const Json& entry) {
+  record(m_recorders.at(recorder), entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+}
+
+void Recorders::record(Recorder& recorder, const std::string& line) {
+  if (recorder.bytes + line.size() > kMostBytes) return;
+  recorder.lines.push_back(line);
+  recorder.bytes += line.size();
+  recorder.patience.reset();
+  if (const Answer waiting = std::exchange(recorder.waiting, nullptr)) giveTo(recorder, waiting);
+}
+
+void Recorders::giveTo(Recorder& recorder, const Answer& answer) {
+  std::string text;
+  while (!recorder.lines.empty() && (text.empty() || text.size() + recorder.lines.front().size() <= kBytesAtOnce)) {
+    const std::string& line = recorder.lines.front();
+    const std::size_t end = pieceEnd(line, recorder.begin);
+    text.append(line, recorder.begin, end - recorder.begin);
+    recorder.bytes -= end - recorder.begin;
+    recorder.begin = end;
+    if (end != line.size()) break;
+    recorder.lines.pop_front();
+    recorder.begin = 0;
+  }
+  answer({{"text", text}});
+}
+
+void Recorders::fetch(pid_t recorder, bool wait, const Answer& answer) {
+  const auto found = m_recorders.find(recorder);
+  if (found == m_recorders.end()) throw std::runtime_error("process " + std::to_string(recorder) + " records nothing");
+  Recorder& fetching = found->second;
+  if (!wait || !fetching.lines.empty()) return giveTo(fetching, answer);
+  fetching.waiting = answer;
+  const auto giveUp = [&fetching] {
+    fetching.patience.reset();
+    giveTo(fetching, std::exchange(fetching.waiting, nullptr));
+  };
+  fetching.patience = std::make_unique<Timer>(vesk_service_event(m_runtime), kPatience, giveUp);
+}
+
+}  // namespace orvel::sim

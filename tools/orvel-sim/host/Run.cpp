@@ -1,0 +1,281 @@
+#include "tools/orvel-sim/host/Run.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "tools/cli/Streams.h"
+#include "tools/orvel-sim/host/Control.h"
+#include "tools/orvel-sim/host/EventSource.h"
+#include "tools/orvel-sim/host/PrivateDirectory.h"
+#include "tools/orvel-sim/host/Process.h"
+#include "tools/orvel-sim/host/Supervisor.h"
+
+namespace orvel::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+// How long entries of the traffic may wait for others to go with.
+constexpr std::chrono::milliseconds kSoon(5);
+
+// Removes a directory at the end, with all that is in it.
+class RemovedDirectory {
+ public:
+  explicit RemovedDirectory(fs::path path) : m_path(std::move(path)) {}
+  ~RemovedDirectory() {
+    std::error_code ignored;
+    if (!m_path.empty()) fs::remove_all(m_path, ignored);
+  }
+  RemovedDirectory(const RemovedDirectory&) = delete;
+  RemovedDirectory& operator=(const RemovedDirectory&) = delete;
+
+ private:
+  fs::path m_path;
+};
+
+// Calls `taken` on the run-loop thread for each of the signals that blockSignals blocked.
+class Signals {
+ public:
+  using Taken = std::function<void(const signalfd_siginfo&)>;
+
+  Signals(sd_event* event, const std::vector<int>& signals, Taken taken) : m_taken(std::move(taken)) {
+    for (const int signal : signals) {
+      sd_event_source* source = nullptr;
+      const auto notice = [](sd_event_source*, const signalfd_siginfo* caught, void* self) noexcept {
+        static_cast<Signals*>(self)->m_taken(*caught);
+        return 0;
+      };
+      check(sd_event_add_signal(event, &source, signal, notice, this), "watching signals");
+      m_sources.emplace_back(source);
+    }
+  }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+ private:
+  Taken m_taken;
+  std::vector<SourcePtr> m_sources;
+};
+
+// The life of a device: its services, perhaps a command, and how both end.
+class Device {
+ public:
+  Device(void* runtime, const RunOptions& options)
+      : m_runtime(runtime),
+        m_event(vesk_service_event(runtime)),
+        m_command(options.command),
+        m_supervisor(runtime, options.scenario, options.isolate),
+        m_signals(m_event, {SIGINT, SIGTERM, SIGHUP}, [this](const signalfd_siginfo& signal) { interrupted(signal); }) {
+    m_supervisor.setReplay(options.replay);
+  }
+
+  int run() {
+    try {
+      m_supervisor.start([this](const std::string& error) { started(error); });
+    } catch (const std::system_error& error) {
+      if (error.code().value() != EADDRINUSE) throw;
+      throw std::runtime_error(std::string("another device lives in ") + vesk_runtime_directory());
+    }
+    vesk_run_loop(m_runtime);
+    return m_status;
+  }
+
+ private:
+  void started(const std::string& error) {
+    if (m_ending) return;
+    if (!error.empty()) {
+      std::cerr << "orvel-sim: " << error << std::endl;
+      return end(1);
+    }
+    if (m_command.empty()) return announce();
+    try {
+      m_process = std::make_unique<Process>(m_event, m_command.front(), m_command, Process::Streams::kInherited,
+                                            [this](const siginfo_t& how) { end(statusOf(how)); });
+    } catch (const std::system_error& failed) {
+      std::cerr << "orvel-sim: " << failed.what() << std::endl;
+      end(failed.code().value() == ENOENT ? 127 : 126);
+    }
+  }
+
+  void announce() {
+    std::cout << "orvel-sim: serving in " << vesk_runtime_directory() << ":";
+    const char* separator = " ";
+    for (const auto& runner : m_supervisor.runners()) {
+      const pid_t pid = runner->pid();
+      std::cout << std::exchange(separator, ", ") << runner->type().id
+                << (pid == 0 ? " (dead)" : " (process " + std::to_string(pid) + ")");
+    }
+    std::cout << '\n';
+    try {
+      cli::flushOutput();
+    } catch (const std::runtime_error& failed) {
+      std::cerr << "orvel-sim: " << failed.what() << std::endl;
+      end(1);
+    }
+  }
+
+  void interrupted(const signalfd_siginfo& signal) {
+    if (!m_process) return end(m_command.empty() ? 0 : 128 + static_cast<int>(signal.ssi_signo));
+    // What a terminal sends, it sends to the command too.
+    if (signal.ssi_code != SI_KERNEL) kill(m_process->pid(), static_cast<int>(signal.ssi_signo));
+  }
+
+  void end(int status) {
+    m_ending = true;
+    m_status = status;
+    m_supervisor.stop();
+    vesk_shutdown(m_runtime);
+  }
+
+  void* m_runtime;
+  sd_event* m_event;
+  const std::vector<std::string>& m_command;
+  int m_status = 0;
+  bool m_ending = false;
+  Supervisor m_supervisor;
+  std::unique_ptr<Process> m_process;  // null until the services run
+  Signals m_signals;
+};
+
+// An isolated service and its host: a copy of the scenario, kept up to date by the supervisor.
+class LoneHost : public Host, private Endpoint {
+ public:
+  LoneHost(void* runtime, const ServiceType& type) : Host(runtime), m_control(runtime) {
+    learn(m_control.send({{"order", "attach"}}, Endpoint::get()));
+    m_service = type.make(type, *this);
+  }
+
+  void serve() {
+    m_service->publish();
+    m_control.send({{"order", "ready"}});
+    vesk_run_loop(runtime());
+  }
+
+  // In the run loop, which ends.
+  void stop() {
+    m_service.reset();
+    deliveries().stop();
+    vesk_shutdown(runtime());
+  }
+
+  const Json& scenario() const override { return m_scenario; }
+  void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
+  void record(Json entry) override {
+    keep(std::move(entry));
+    handInEntries();
+  }
+  // A round trip for each of thousands of deliveries would take seconds.
+  void recordSoon(Json entry) override {
+    keep(std::move(entry));
+    if (m_entries.size() == kEntriesAtOnce) return handInEntries();
+    if (m_soon) return;
+    m_soon = std::make_unique<Timer>(vesk_service_event(runtime()), kSoon, [this] { handInEntries(); });
+  }
+
+ private:
+  int onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) override {
+    const Json message = readMessage(request);
+    Json answer;
+    if (const auto event = message.find("event"); event != message.end()) {
+      answer = answerTo(*event);
+    } else {
+      learn(message);
+    }
+    if (!m_entries.empty()) handInEntries();  // whoever gave the order finds what it did in the traffic
+    writeMessage(reply, answer);
+    return 0;
+  }
+
+  Json answerTo(const Json& event) {
+    try {
+      return m_service->event(event);
+    } catch (const std::exception& error) {
+      return failure(error.what());
+    }
+  }
+
+  void keep(Json entry) {
+    if (!m_recording) shortenEntry(entry);
+    m_entries.push_back(std::move(entry));
+  }
+
+  void handInEntries() {
+    m_soon.reset();
+    const std::string text =
+        std::exchange(m_entries, Json::array()).dump(-1, ' ', false, Json::error_handler_t::replace);
+    try {
+      for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end) {
+        end = pieceEnd(text, begin);
+        const bool last = end == text.size();
+        m_control.send({{"order", "record"}, {"piece", text.substr(begin, end - begin)}, {"last", last}});
+      }
+    } catch (const NoDevice&) {
+      // The device is ending; its answers may still arrive.
+    }
+  }
+
+  // An update may have been under way while a change of this process's own was answered.
+  void learn(const Json& news) {
+    if (!m_scenario.is_null() && news.at("revision") <= m_revision) return;
+    m_revision = news.at("revision");
+    m_recording = news.at("recording");
+    const Json before = std::exchange(m_scenario, news.at("scenario"));
+    if (m_service) m_service->changed(before);
+  }
+
+  Control m_control;
+  std::uint64_t m_revision = 0;
+  bool m_recording = false;
+  Json m_scenario;
+  Json m_entries = Json::array();  // that the supervisor has not got yet
+  std::unique_ptr<Timer> m_soon;   // set while they wait
+  std::unique_ptr<Service> m_service;
+};
+
+}  // namespace
+
+int runDevice(const RunOptions& options) {
+  blockSignals();
+  // Declared before what must have ended when the directory goes.
+  std::optional<PrivateDirectory> temporary;
+  if (!options.command.empty()) {
+    temporary.emplace();
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+  }
+  const fs::path directory = vesk_runtime_directory();
+  const bool found = fs::exists(directory);
+  void* runtime = nullptr;
+  if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
+  const RemovedDirectory made(found ? fs::path() : directory);
+  const int status = Device(runtime, options).run();
+  // What the command has started may hold on to the streams of whoever waits for this process, and has no device any more.
+  if (temporary) endOrphans();
+  return status;
+}
+
+int serveAlone(const std::string& name, pid_t parent) {
+  if (getppid() != parent) return 1;  // it has ended already
+  blockSignals();
+  void* runtime = nullptr;
+  if (vesk_serve_device(&runtime) != 0) return 1;
+  LoneHost host(runtime, serviceCalled(name));
+  // A terminal's Ctrl-C reaches this process too, but when to end is for the device to say.
+  const Signals signals(vesk_service_event(runtime), {SIGTERM}, [&](const signalfd_siginfo&) { host.stop(); });
+  host.serve();
+  return 0;
+}
+
+}  // namespace orvel::sim

@@ -1,0 +1,130 @@
+#include "tools/orvel-sim/host/Runner.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <system_error>
+#include <utility>
+
+namespace orvel::sim {
+namespace {
+
+constexpr unsigned kMessageTimeoutMs = 5000;
+
+}  // namespace
+
+Json failure(const std::string& what) {
+  return {{"error", what}};
+}
+
+pid_t InProcessRunner::pid() const {
+  return m_service ? getpid() : 0;
+}
+
+void InProcessRunner::start(Done done) {
+  try {
+    auto service = type().make(type(), m_host);
+    service->publish();
+    m_service = std::move(service);
+  } catch (const std::system_error& error) {
+    return done(error.what());
+  }
+  done({});
+}
+
+void InProcessRunner::kill(Done done) {
+  m_service.reset();
+  done({});
+}
+
+// The service reads the scenario of this process.
+void InProcessRunner::update(const Json& before, const Json&, Done done) {
+  if (m_service) m_service->changed(before);
+  done({});
+}
+
+void InProcessRunner::event(const Json& event, Answer answer) {
+  answer(m_service->event(event));
+}
+
+void ChildRunner::start(Done done) {
+  const std::vector<std::string> arguments = {"orvel-sim", "serve-alone", type().id, std::to_string(getpid())};
+  try {
+    m_process = std::make_unique<Process>(m_event, "/proc/self/exe", arguments, Process::Streams::kErrorsOnly,
+                                          [this](const siginfo_t& end) { ended(end); });
+    m_started = std::move(done);
+  } catch (const std::system_error& error) {
+    done(error.what());
+  }
+}
+
+void ChildRunner::ready() {
+  if (const Done started = std::exchange(m_started, nullptr)) started({});
+}
+
+void ChildRunner::kill(Done done) {
+  const Done earlier = std::exchange(m_killed, nullptr);
+  m_killed = [earlier, done = std::move(done)](const std::string& error) {
+    if (earlier) earlier(error);
+    done(error);
+  };
+  ::kill(pid(), SIGKILL);
+}
+
+void ChildRunner::stop() {
+  m_started = nullptr;
+  m_killed = nullptr;
+  m_messages.clear();
+  m_remote.reset();
+  if (pid() != 0) ::kill(pid(), SIGTERM);
+}
+
+void ChildRunner::ended(const siginfo_t& end) {
+  const std::string how = "service " + type().id + " (process " + std::to_string(end.si_pid) + ") " + describeEnd(end);
+  m_process.reset();
+  m_remote.reset();
+  const Done started = std::exchange(m_started, nullptr);
+  const Done killed = std::exchange(m_killed, nullptr);
+  if (started) started(how + " before it served");
+  if (killed) killed({});
+  if (started || killed) return;
+  std::cerr << "orvel-sim: " << how << "; starting it again" << std::endl;
+  start([](const std::string& error) {
+    if (!error.empty()) std::cerr << "orvel-sim: " << error << "; it stays dead until it is restarted" << std::endl;
+  });
+}
+
+// Whoever is dead, or dies meanwhile, is told when it starts.
+void ChildRunner::update(const Json&, const Json& news, Done done) {
+  tell(news, [this, done = std::move(done)](int error, const Json&) {
+    done(error == 0 || error == -EPIPE ? "" : type().id + " did not take the change: " + std::strerror(-error));
+  });
+}
+
+void ChildRunner::event(const Json& event, Answer answer) {
+  tell({{"event", event}}, [this, answer = std::move(answer)](int error, const Json& heard) {
+    answer(error == 0 ? heard : failure(type().id + " did not take the event: " + std::strerror(-error)));
+  });
+}
+
+void ChildRunner::tell(const Json& message, Heard heard) {
+  const PayloadPtr payload(vesk_payload_alloc());
+  if (!payload) return heard(-ENOMEM, {});
+  if (!m_remote) return heard(-EPIPE, {});
+  writeMessage(payload.get(), message);
+  const auto sent = m_messages.insert(m_messages.end(), {this, std::move(heard), {}});
+  sent->self = sent;
+  const auto completed = [](void* context, int error, vesk_buffer* reply) {
+    const Message& done = *static_cast<Message*>(context);
+    const Heard tellHeard = done.heard;
+    done.runner->m_messages.erase(done.self);
+    tellHeard(error, error == 0 ? readMessage(reply) : Json());
+  };
+  if (const int error = vesk_remote_call(m_remote.get(), 0, payload.get(), kMessageTimeoutMs, completed, &*sent)) {
+    completed(&*sent, error, nullptr);
+  }
+}
+
+}  // namespace orvel::sim
