@@ -142,43 +142,61 @@ void flap(Json& scenario, const std::string& section, const Json& values) {
   }
 }
 
+void live(Json& scenario, const std::string& section, const Json& values) {
+  Json& service = scenario.at(section);
+  service.erase(kFlap);
+  service[kAlive] = values.at(kAlive);
+}
+
+void flapOnce(Json& scenario, const std::string& section, const Json&) {
+  Json& service = scenario.at(section);
+  const bool alive = !service.at(kAlive).get<bool>();
+  service[kAlive] = alive;
+  Json& flapping = service.at(kFlap);
+  if (!alive || !flapping.contains("count")) return;
+  const auto left = flapping["count"].get<std::int64_t>() - 1;
+  flapping["count"] = left;
+  if (left == 0) service.erase(kFlap);
+}
+
+struct Act {
+  void (*perform)(Json& scenario, const std::string& name, const Json& values);
+  bool isOfSection;  // else of packages and processes
+};
+
+const Act& actCalled(const Json& act) {
+  static const std::map<std::string, Act> acts = {
+      {"install", {install, false}},
+      {"replace", {replace, false}},
+      {"remove", {remove, false}},
+      {"start", {start, false}},
+      {"stop", {stop, false}},
+      {"foreground", {foreground, false}},
+      {"openPackage", {openPackage, false}},
+      {"servePackage", {servePackage, false}},
+      {"set", {set, true}},
+      {"flap", {flap, true}},
+      {"flapOnce", {flapOnce, true}},
+      {"live", {live, true}},
+  };
+  const auto found = acts.find(act.at("act"));
+  if (found == acts.end()) throw std::runtime_error("no such act: " + act.dump());
+  return found->second;
+}
+
 }  // namespace
 
 Json makeAct(const char* verb, const std::string& name, const Json& values) {
   return {{"act", verb}, {"name", name}, {"values", values}};
 }
 
+std::vector<std::string> sectionsOf(const Json& act) {
+  if (actCalled(act).isOfSection) return {act.at("name")};
+  return {"packages", "activity"};
+}
+
 void perform(Json& scenario, const Json& act) {
-  static const std::map<std::string, void (*)(Json&, const std::string&, const Json&)> acts = {
-      {"install", install},
-      {"replace", replace},
-      {"remove", remove},
-      {"start", start},
-      {"stop", stop},
-      {"foreground", foreground},
-      {"openPackage", openPackage},
-      {"servePackage", servePackage},
-      {"set", set},
-      {"flap", flap},
-  };
-  const auto found = acts.find(act.at("act"));
-  if (found == acts.end()) throw std::runtime_error("no such act: " + act.dump());
-  found->second(scenario, act.at("name"), act.at("values"));
-}
-
-void liveFromNowOn(Json& section, bool alive) {
-  section.erase(kFlap);
-  section[kAlive] = alive;
-}
-
-void flapOnce(Json& section) {
-  const bool alive = !section.at(kAlive).get<bool>();
-  section[kAlive] = alive;
-  Json& flapping = section.at(kFlap);
-  if (!alive || !flapping.contains("count")) return;
-  const auto left = flapping["count"].get<std::int64_t>() - 1;
-  flapping["count"] = left;
-  if (left == 0) section.erase(kFlap);
+  actCalled(act).perform(scenario, act.at("name"), act.at("values"));
 }
 
 std::optional<std::chrono::milliseconds> flapInterval(const Json& section) {

@@ -1,11 +1,12 @@
 // What people and clients do to packages and processes, or to a whole section. An act changes several values at once, by
-// what the others are at that moment; so it is worked out where the scenario is kept, and two at once do not undo each
-// other, nor does anybody see half of one.
+// what the others are at that moment; so it is worked out where the scenario is kept, where two at once do not undo each
+// other and clients never see half of one.
 #pragma once
 
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "device/Wire.h"
 
@@ -21,26 +22,26 @@ enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 
 //   remove       a package; the processes that list it end too
 //   start        a process; its package is the one that it is named after, and its uid that of its package
 //   stop         a process
-//   foreground   a process becomes the focused one; who was loses focus and is cached
+//   foreground   a process becomes the focused one; the one that was loses the focus and is cached
 //   openPackage  the package's process becomes the focused one
 //   servePackage the package's process has the "importance" given, or a greater one
 //   set          a section of the scenario; several of its fields at once
 //   flap         a section: its service dies and comes back by itself; without values that ends, and it runs
+//   flapOnce     a section: the death or the return of its service; after the last return it flaps no more
+//   live         a section: its service is "alive" from now on, or dead, and flaps no more
 //
 // Values that are given go before what an act finds itself. openPackage and servePackage start the process if there is
 // none, and do nothing for a package that is not installed.
 Json makeAct(const char* verb, const std::string& name, const Json& values = Json::object());
 
-// Throws std::runtime_error when something exists that must not, or does not exist that must.
+// The sections of the scenario that an act looks at and changes. Throws std::runtime_error for one that does not exist.
+std::vector<std::string> sectionsOf(const Json& act);
+
+// Changes those sections of the scenario. Throws std::runtime_error when something exists that must not, or does not exist
+// that must.
 void perform(Json& scenario, const Json& act);
 
-// For good: a service that flapped does so no more.
-void liveFromNowOn(Json& section, bool alive);
-
-// The death or the return of a service that flaps; after the last return it flaps no more.
-void flapOnce(Json& section);
-
-// From one of these to the next; nothing for a service that does not flap.
+// From one death or return of a service to the next; nothing for one that does not flap.
 std::optional<std::chrono::milliseconds> flapInterval(const Json& section);
 
 }  // namespace orvel::sim

@@ -83,7 +83,7 @@ void learnPackage(Json& scenario, const Json& arguments, const Json& shown) {
   learnApplication(scenario, arguments, shown.at("application"));
 }
 
-// A uid that was asked for belongs to those listed alone; whoever else would have it gets one of his own.
+// A uid that was asked for belongs to the listed packages alone; another package that has it gets one of its own.
 void learnUid(Json& scenario, const Json& arguments, const Json& shown) {
   const Json& uid = arguments.at("uid");
   Json& packages = scenario["packages"]["packages"];
@@ -151,15 +151,10 @@ void learnBroadcast(Json& scenario, const Json& intent, const Json&) {
   }
 }
 
-// What replies show and notifications tell: by service and name of the method or notification.
+// What notifications tell, and replies that are not a field of the scenario: by service and name of the method or
+// notification.
 const std::map<std::pair<std::string, std::string>, Learn>& lessons() {
   static const std::map<std::pair<std::string, std::string>, Learn> lessons = {
-      {{"delegate", "getDeviceName"}, [](Json& all, const Json&, const Json& is) { all["delegate"]["name"] = is; }},
-      {{"delegate", "getDSNV2"}, [](Json& all, const Json&, const Json& is) { all["delegate"]["serialNumber"] = is; }},
-      {{"delegate", "getDirectedId"},
-       [](Json& all, const Json&, const Json& is) { all["delegate"]["customerId"] = is; }},
-      {{"delegate", "getCOR"}, [](Json& all, const Json&, const Json& is) { all["delegate"]["country"] = is; }},
-      {{"delegate", "getPFM"}, [](Json& all, const Json&, const Json& is) { all["delegate"]["marketplace"] = is; }},
       {{"delegate", "getDeviceInfo"}, learnInfo},
       {{"delegate", "getSecureSetting"}, learnSetting},
       {{"delegate", "checkSystemFeature"}, learnFeature},
@@ -170,12 +165,6 @@ const std::map<std::pair<std::string, std::string>, Learn>& lessons() {
       {{"delegate", "getLaunchIntentForPackage"}, learnLaunch},
       {{"delegate", "getRawResourceAsString"}, learnResource},
       {{"packages", "getPackages"}, learnPackages},
-      {{"activity", "getRunningAppProcessesInfo"},
-       [](Json& all, const Json&, const Json& is) { all["activity"]["processes"] = is; }},
-      {{"power", "isInteractive"}, [](Json& all, const Json&, const Json& is) { all["power"]["screenOn"] = is; }},
-      {{"power", "getVersion"}, [](Json& all, const Json&, const Json& is) { all["power"]["interfaceVersion"] = is; }},
-      {{"metrics", "getVersion"},
-       [](Json& all, const Json&, const Json& is) { all["metrics"]["interfaceVersion"] = is; }},
       {{"events", "sendEvent"}, [](Json& all, const Json&, const Json& is) { all["events"]["reply"] = is; }},
       {{"events", "eventResult"},
        [](Json& all, const Json& told, const Json&) {
@@ -301,6 +290,10 @@ Json scenarioOf(const Recording& recording) {
     const Json& entry = recorded.entry;
     const bool told = recorded.callback != nullptr;
     if (!told && (!entry.contains("reply") || entry.contains("truncatedTo"))) continue;
+    if (!told && !recorded.method->field.empty()) {
+      scenario[recorded.type->id][recorded.method->field] = entry.at("reply");
+      continue;
+    }
     const auto lesson = lessons().find({recorded.type->id, told ? recorded.callback->name : recorded.method->name});
     if (lesson == lessons().end()) continue;
     try {

@@ -17,7 +17,7 @@ constexpr std::chrono::seconds kPatience(8);
 // How long a full queue is left alone, and how much is sent before others have their turn.
 constexpr std::chrono::milliseconds kPause(5);
 constexpr int kBurst = 256;
-// Of one client. One that keeps this much waiting or unanswered is not going to catch up.
+// Of one client. One that keeps this much waiting or unanswered does not catch up.
 constexpr std::size_t kMostWaiting = 100'000;
 constexpr std::size_t kMostWaitingBytes = 64 << 20;  // clients broadcast too, and their intents may be large
 constexpr std::size_t kMostUnanswered = 1024;
@@ -60,8 +60,7 @@ void Deliveries::transmit(pid_t pid) {
   Client& client = m_clients.at(pid);
   client.pause.reset();
   const auto resumeAfter = [&](std::chrono::milliseconds pause) {
-    sd_event* event = vesk_service_event(m_host.runtime());
-    client.pause = std::make_unique<Timer>(event, pause, [this, pid] { transmit(pid); });
+    client.pause = std::make_unique<Timer>(m_host.runtime(), pause, [this, pid] { transmit(pid); });
   };
   for (int left = kBurst; left > 0 && !client.waiting.empty(); --left) {
     const Delivery delivery = client.waiting.front();
@@ -94,8 +93,7 @@ int Deliveries::call(pid_t pid, const Delivery& delivery) {
   if (error != 0) {
     unanswered.erase(sent);
   } else {
-    sd_event* event = vesk_service_event(m_host.runtime());
-    sent->patience = std::make_unique<Timer>(event, kPatience, [this, sent] { giveUp(sent); });
+    sent->patience = std::make_unique<Timer>(m_host.runtime(), kPatience, [this, sent] { giveUp(sent); });
   }
   return error;
 }

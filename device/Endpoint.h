@@ -5,7 +5,7 @@
 
 namespace orvel::sim {
 
-// Something that other processes call. It must outlive the run loop or be withdrawn first; nobody else keeps it alive.
+// Something that other processes call. It must outlive the run loop or be withdrawn first: vesk does not keep it alive.
 class Endpoint {
  public:
   Endpoint();

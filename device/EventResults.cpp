@@ -14,7 +14,7 @@ int eventResultCalled(const std::string& word) {
   } catch (const ScenarioError&) {
     std::string names;
     for (const char* name : kEventResults) names += std::string(", ") + name;
-    throw ScenarioError("'" + word + "' is no result; a whole number of 32 bits is expected, or one of" +
+    throw ScenarioError("'" + word + "' is not a result; a whole number of 32 bits is expected, or one of" +
                         names.substr(1));
   }
 }

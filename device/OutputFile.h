@@ -1,4 +1,4 @@
-// A file that somebody will read, and that may have been precious before.
+// An output file that replaces an existing one only if told to.
 #pragma once
 
 #include <sys/types.h>

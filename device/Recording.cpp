@@ -23,7 +23,7 @@ enum class Kind {
   kText,      // every text but the empty one
   kIdentity,  // likewise, and wherever else it stands
   kAccount,   // likewise, but for the spelling of none
-  kSetting,   // a text that is no whole number: clients read settings as numbers
+  kSetting,   // a text that is not a whole number: clients read settings as numbers
   kUri,       // what follows the scheme, unless that is "package"
 };
 
@@ -43,8 +43,8 @@ constexpr MaskedValue kMaskedValues[] = {
     {"delegate", "getDirectedId", "/reply", Kind::kAccount,
      "the account's identifier, unless it says that there is none"},
     {"delegate", "getDeviceInfo", "/reply/!3", Kind::kText, "the device information but the type"},
-    {"delegate", "getSecureSetting", "/reply", Kind::kSetting, "a setting that is no whole number"},
-    {"delegate", "settingChanged", "/arguments/value", Kind::kSetting, "a setting that is no whole number"},
+    {"delegate", "getSecureSetting", "/reply", Kind::kSetting, "a setting that is not a whole number"},
+    {"delegate", "settingChanged", "/arguments/value", Kind::kSetting, "a setting that is not a whole number"},
     {"delegate", "broadcast", "/arguments/data", Kind::kUri,
      "the data of a broadcast, behind the scheme; not of package:"},
     {"delegate", "broadcast", "/arguments/extras/*/value", Kind::kText, "the text extras of a broadcast"},
@@ -85,7 +85,7 @@ void forEachText(Json& value, const Found& found) {
   if (value.is_string()) return found(value.get_ref<std::string&>());
   if (!value.is_structured()) return;
   for (const auto& [key, element] : value.items()) {
-    // Of an extra or a field; the words for it are no values.
+    // `type` of an extra names its type; it is not user text.
     if (key == "type" && value.contains("key")) continue;
     forEachText(element, found);
   }
@@ -165,7 +165,8 @@ void checkOutcome(const RecordedEntry& checked) {
   }
   if (present("error")) complete(errorShape(), entry.at("error"), "/error");
   if (present("truncatedTo")) numberAt(entry, "truncatedTo", 0, std::numeric_limits<std::int32_t>::max());
-  if (present("durationMs") && !entry.at("durationMs").is_number()) throw std::runtime_error("/durationMs: no number");
+  if (present("durationMs") && !entry.at("durationMs").is_number())
+    throw std::runtime_error("/durationMs: not a number");
 }
 
 RecordedEntry checkEntry(Json entry, std::size_t line) {
@@ -185,11 +186,11 @@ RecordedEntry checkEntry(Json entry, std::size_t line) {
     const auto isIt = [&](const CallbackMethod* callback) { return callback->name == name && callback->code == code; };
     const auto found = std::find_if(callbacks.begin(), callbacks.end(), isIt);
     if (found == callbacks.end()) {
-      throw std::runtime_error(checked.type->id + " tells nothing that is called " + name + ", code " +
+      throw std::runtime_error(checked.type->id + " has no notification called " + name + ", code " +
                                std::to_string(code));
     }
     checked.callback = *found;
-    // A directive goes to whoever holds its namespace, everything else to an endpoint that a request has brought.
+    // A directive goes to the client that holds its namespace, everything else to an endpoint that a request has brought.
     if (checked.type != &coordinatorService()) {
       numberAt(given, "endpoint", 0, std::numeric_limits<std::int64_t>::max());
     } else if (given.contains("endpoint")) {
@@ -214,7 +215,7 @@ RecordedEntry checkEntry(Json entry, std::size_t line) {
 
 void checkHeader(const Json& header) {
   if (!header.is_object() || header.value("format", Json()) != kFormat) {
-    throw std::runtime_error(std::string("no recording: expected a header with the format \"") + kFormat + "\"");
+    throw std::runtime_error(std::string("not a recording: expected a header with the format \"") + kFormat + "\"");
   }
   if (header.value("version", Json()) != kVersion) {
     throw std::runtime_error("a recording of version " + header.value("version", Json()).dump() +
@@ -249,22 +250,22 @@ std::string describeMaskedValues() {
   return text;
 }
 
-Masks::Masks(const Json& scenario) {
+Redactions::Redactions(const Json& scenario) {
   for (const char* key : {"name", "serialNumber", "customerId"}) learn(scenario.at("delegate").at(key));
 }
 
-std::string Masks::maskOf(const std::string& value) {
+std::string Redactions::maskOf(const std::string& value) {
   return m_masks.try_emplace(value, kMask + std::to_string(m_masks.size() + 1)).first->second;
 }
 
-void Masks::learn(const std::string& identity) {
+void Redactions::learn(const std::string& identity) {
   if (identity.size() < kShortestIdentity || identity == "<unknown>") return;
   const auto isIt = [&](const auto& known) { return known.first == identity; };
   if (std::any_of(m_identities.begin(), m_identities.end(), isIt)) return;
   m_identities.emplace_back(identity, maskOf(identity));
 }
 
-void Masks::apply(Json& entry) {
+void Redactions::apply(Json& entry) {
   const Json name = entry.contains("notification") ? entry.at("notification") : entry.at("method");
   for (const MaskedValue& row : kMaskedValues) {
     if (entry.at("service") != row.service || (*row.name != '\0' && name != row.name)) continue;
@@ -288,7 +289,7 @@ void Masks::apply(Json& entry) {
   }
 }
 
-void Masks::maskIdentities(Json& value) const {
+void Redactions::maskIdentities(Json& value) const {
   forEachText(value, [&](std::string& text) {
     if (findMask(text).second == text.size()) return;
     for (const auto& [identity, mask] : m_identities) {
@@ -349,7 +350,7 @@ Recording readRecording(const std::string& file) {
       throw RecordingError(where + plainText(error));
     }
   }
-  if (number == 1) throw RecordingError(file + ":1: no recording: the file is empty");
+  if (number == 1) throw RecordingError(file + ":1: not a recording: the file is empty");
   return recording;
 }
 

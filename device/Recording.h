@@ -25,16 +25,16 @@ Json recordingHeader(const Json& device, bool masked);
 // The line that stands for entries that are missing: so many after the one with that number.
 Json recordingGap(std::uint64_t after, std::uint64_t entries);
 
-// What a recording does not tell of the owner unless it is asked to: the name and the serial number, as the library itself
-// writes them at debug level only, the account, and whatever people, applications and the assistant say.
+// The values that a recording hides unless it is asked not to: the name and the serial number, which the library itself
+// writes at debug level only, the account, and the texts of people, applications and the assistant.
 std::string describeMaskedValues();
 
 // Puts "masked-1", "masked-2" ... in the place of those values; the same for the same value, wherever it stands.
-class Masks {
+class Redactions {
  public:
   // What identifies the owner is masked inside other texts too, from four characters on, once it is known. `scenario` is
-  // the device's, which knows it before anybody has asked.
-  explicit Masks(const Json& scenario);
+  // the device's: it has these texts before a client has asked for them.
+  explicit Redactions(const Json& scenario);
 
   void apply(Json& entry);
 
@@ -47,7 +47,7 @@ class Masks {
   std::vector<std::pair<std::string, std::string>> m_identities;  // and their masks
 };
 
-// Whether a text of a masked recording may stand for the one given. A mask stands for the first text that it met, and for
+// True if a text of a masked recording may stand for the one given. A mask stands for the first text that it met, and for
 // no other; `met` has those, by mask.
 using MetTexts = std::map<std::string, std::string>;
 bool mayStandFor(const Json& recorded, const Json& given, MetTexts& met);

@@ -10,7 +10,7 @@
 namespace orvel::sim {
 namespace {
 
-// How often it is tried whether somebody holds a namespace by now.
+// From one attempt to the next to find a client that holds a namespace.
 constexpr std::chrono::milliseconds kRetry(50);
 // A file may say anything; a call limit ends the call long before.
 constexpr double kLongestMs = 3'600'000;
@@ -60,31 +60,32 @@ std::int64_t startOf(const Json& entry) {
   return timeOf(entry) - static_cast<std::int64_t>(1000 * lasted);
 }
 
+// The notifications that came while their client waited for a reply, each with the line of that request, which has its line
+// later.
+std::map<std::size_t, std::size_t> notificationsDuringCalls(const Recording& recording) {
+  std::map<std::size_t, std::size_t> lines;
+  std::map<std::int64_t, const RecordedEntry*> nextOf;  // by client
+  for (auto recorded = recording.entries.rbegin(); recorded != recording.entries.rend(); ++recorded) {
+    const Json& entry = recorded->entry;
+    const RecordedEntry*& next = nextOf[entry.at("pid")];
+    if (recorded->callback == nullptr) {
+      next = &*recorded;
+    } else if (next != nullptr && startOf(next->entry) < timeOf(entry)) {
+      lines[recorded->line] = next->line;
+    }
+  }
+  return lines;
+}
+
 }  // namespace
 
 Replay::Replay(const Recording& recording, Options options) : m_options(options), m_masked(recording.masked) {
-  arrange(recording);
+  const Places places = arrangeRequests(recording);
+  arrangeNotifications(recording, places);
 }
 
-void Replay::arrange(const Recording& recording) {
-  struct Place {
-    Requests* requests = nullptr;  // null: before every request
-    std::size_t same = 0;
-    std::size_t answer = 0;
-    std::int64_t timeMs = 0;
-
-    Answer* find() const { return requests == nullptr ? nullptr : &requests->all[same].answers[answer]; }
-  };
-  std::map<std::int64_t, Place> lastOf;  // by client
-  std::set<EndpointName> brought;        // by requests
-  std::map<std::size_t, Place> places;   // of requests, by line
-  const auto endpointsOf = [](const Json& entry) {
-    std::vector<EndpointName> names;
-    for (const Json& number : entry.value("endpoints", Json::array()))
-      names.emplace_back(entry.at("servicePid"), number);
-    return names;
-  };
-
+Replay::Places Replay::arrangeRequests(const Recording& recording) {
+  Places places;
   for (const RecordedEntry& recorded : recording.entries) {
     if (recorded.callback != nullptr) continue;
     const Json& entry = recorded.entry;
@@ -92,25 +93,25 @@ void Replay::arrange(const Recording& recording) {
     Requests& requests = m_requests[{recorded.type->id, entry.at("code").get<unsigned>()}];
     const auto [known, isNew] = requests.byArguments.try_emplace(keyOf(arguments), requests.all.size());
     if (isNew) requests.all.push_back({std::move(arguments), {}, 0});
-    std::vector<Answer>& answers = requests.all[known->second].answers;
-    answers.push_back({outcomeOf(entry, m_options.timing), endpointsOf(entry), {}, {}});
-    places[recorded.line] = {&requests, known->second, answers.size() - 1, entry.at("timeMs")};
-    brought.insert(answers.back().endpoints.begin(), answers.back().endpoints.end());
-  }
-
-  // A notification that came while its client waited for a reply has its line before that of the request.
-  std::map<std::size_t, std::size_t> duringLine;  // of such a notification: the request's
-  std::map<std::int64_t, const RecordedEntry*> nextOf;
-  for (auto recorded = recording.entries.rbegin(); recorded != recording.entries.rend(); ++recorded) {
-    const Json& entry = recorded->entry;
-    const RecordedEntry*& next = nextOf[entry.at("pid")];
-    if (recorded->callback == nullptr) {
-      next = &*recorded;
-    } else if (next != nullptr && startOf(next->entry) < timeOf(entry)) {
-      duringLine[recorded->line] = next->line;
+    std::vector<EndpointName> endpoints;
+    for (const Json& number : entry.value("endpoints", Json::array())) {
+      endpoints.emplace_back(entry.at("servicePid"), number);
     }
+    std::vector<Answer>& answers = requests.all[known->second].answers;
+    answers.push_back({outcomeOf(entry, m_options.timing), std::move(endpoints), {}, {}});
+    places[recorded.line] = {&requests, known->second, answers.size() - 1, entry.at("timeMs")};
   }
+  return places;
+}
 
+void Replay::arrangeNotifications(const Recording& recording, const Places& places) {
+  std::set<EndpointName> brought;  // by requests
+  for (const auto& [line, place] : places) {
+    const std::vector<EndpointName>& endpoints = place.find()->endpoints;
+    brought.insert(endpoints.begin(), endpoints.end());
+  }
+  const std::map<std::size_t, std::size_t> duringCalls = notificationsDuringCalls(recording);
+  std::map<std::int64_t, Place> lastOf;  // by client
   for (const RecordedEntry& recorded : recording.entries) {
     const Json& entry = recorded.entry;
     const std::int64_t client = entry.at("pid");
@@ -119,22 +120,23 @@ void Replay::arrange(const Recording& recording) {
       continue;
     }
     Place& last = lastOf[client];
-    Told told = {recorded.type, recorded.callback, entry.at("arguments"), {}, !entry.contains("endpoint"), {}};
-    if (!told.isDirective) {
-      told.endpoint = {entry.at("servicePid"), entry.at("endpoint")};
-      if (brought.count(told.endpoint) == 0) continue;  // registered before the recording began: nobody will be there
+    Notified notified = {recorded.type, recorded.callback, entry.at("arguments"), {}, !entry.contains("endpoint"), {}};
+    if (!notified.isDirective) {
+      notified.endpoint = {entry.at("servicePid"), entry.at("endpoint")};
+      if (brought.count(notified.endpoint) == 0)
+        continue;  // registered before the recording began: it will not be there
     }
-    if (const auto during = duringLine.find(recorded.line); during != duringLine.end()) {
-      places.at(during->second).find()->before.push_back(std::move(told));
+    if (const auto during = duringCalls.find(recorded.line); during != duringCalls.end()) {
+      places.at(during->second).find()->before.push_back(std::move(notified));
       continue;
     }
     if (m_options.timing && last.timeMs != 0) {
       const auto since = static_cast<double>(entry.at("timeMs").get<std::int64_t>() - last.timeMs);
-      told.wait = std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(since, 0.0, kLongestMs)));
+      notified.wait = std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(since, 0.0, kLongestMs)));
     }
     last.timeMs = entry.at("timeMs");
     Answer* const answer = last.find();
-    (answer == nullptr ? m_first : answer->after).push_back(std::move(told));
+    (answer == nullptr ? m_first : answer->after).push_back(std::move(notified));
   }
 }
 
@@ -168,12 +170,11 @@ Json Replay::answerTo(const ServiceType& type, const Call& call) {
     same->next = 0;
   }
   takeEndpoints(answer, call);
-  for (const Told& told : answer.before) tell(told);
+  for (const Notified& notified : answer.before) notify(notified);
   if (!answer.after.empty()) {
     const auto due = m_due.insert(m_due.end(), {&answer.after, 0, nullptr});
     const std::chrono::milliseconds late(answer.outcome.value("delayMs", std::int64_t{0}));
-    sd_event* event = vesk_service_event(m_host->runtime());
-    due->timer = std::make_unique<Timer>(event, late, [this, due] {
+    due->timer = std::make_unique<Timer>(m_host->runtime(), late, [this, due] {
       due->timer.reset();
       schedule(due);
     });
@@ -207,9 +208,9 @@ void Replay::takeEndpoints(const Answer& answer, const Call& call) {
     m_endpoints[answer.endpoints[i]] = endpoint;
     const auto owed = m_owed.find(answer.endpoints[i]);
     if (owed == m_owed.end()) continue;
-    const std::vector<const Told*> late = std::move(owed->second);
+    const std::vector<const Notified*> late = std::move(owed->second);
     m_owed.erase(owed);
-    for (const Told* told : late) tell(*told);
+    for (const Notified* notified : late) notify(*notified);
   }
 }
 
@@ -221,32 +222,32 @@ void Replay::forget(const vesk_remote* endpoint) {
 
 // Sends what is due at once, and comes back for the rest. A reply goes out before the run loop comes to its timers.
 void Replay::schedule(std::list<Due>::iterator due) {
-  while (due->next < due->told->size()) {
-    const Told& told = (*due->told)[due->next];
-    if (told.wait.count() != 0 && !due->timer) {
-      sd_event* event = vesk_service_event(m_host->runtime());
-      due->timer = std::make_unique<Timer>(event, told.wait, [this, due] { schedule(due); });
+  while (due->next < due->notified->size()) {
+    const Notified& notified = (*due->notified)[due->next];
+    if (notified.wait.count() != 0 && !due->timer) {
+      due->timer = std::make_unique<Timer>(m_host->runtime(), notified.wait, [this, due] { schedule(due); });
       return;
     }
     due->timer.reset();
     ++due->next;
-    tell(told);
+    notify(notified);
   }
   m_due.erase(due);
 }
 
-void Replay::tell(const Told& told) {
-  if (told.isDirective) {
-    m_directives[told.arguments.at("namespace")].push_back(told.arguments);
+void Replay::notify(const Notified& notified) {
+  if (notified.isDirective) {
+    m_directives[notified.arguments.at("namespace")].push_back(notified.arguments);
     if (!m_retry) direct();
     return;
   }
-  const auto endpoint = m_endpoints.find(told.endpoint);
+  const auto endpoint = m_endpoints.find(notified.endpoint);
   if (endpoint == m_endpoints.end()) {
-    m_owed[told.endpoint].push_back(&told);
+    m_owed[notified.endpoint].push_back(&notified);
     return;
   }
-  const auto notification = std::make_shared<const Notification>(told.type->id, *told.method, told.arguments);
+  const auto notification =
+      std::make_shared<const Notification>(notified.type->id, *notified.method, notified.arguments);
   m_host->deliveries().send(notification, {endpoint->second});
 }
 
@@ -258,11 +259,11 @@ void Replay::direct() {
       for (; !waiting.empty(); waiting.pop_front()) m_direct(waiting.front());
       next = m_directives.erase(next);
     } catch (const std::runtime_error&) {
-      ++next;  // nobody holds the namespace yet
+      ++next;  // no client holds the namespace yet
     }
   }
   if (m_directives.empty()) return;
-  m_retry = std::make_unique<Timer>(vesk_service_event(m_host->runtime()), kRetry, [this] { direct(); });
+  m_retry = std::make_unique<Timer>(m_host->runtime(), kRetry, [this] { direct(); });
 }
 
 }  // namespace orvel::sim

@@ -21,9 +21,9 @@
 
 namespace orvel::sim {
 
-// Equal requests get the recorded answers in the order recorded and then the last one again, whoever asks and whatever
-// endpoints they send. What was recorded for a client is sent when somebody has made the request that it followed, the last
-// one of that client, and to the endpoint that took the place of the recorded one. Run-loop thread.
+// Equal requests get the recorded answers in the order recorded and then the last one again, from any client and with any
+// endpoints. A recorded notification is sent after a client repeats the request that preceded it in the recording, to the
+// endpoint registered in place of the recorded one. Run-loop thread.
 class Replay {
  public:
   struct Options {
@@ -35,7 +35,7 @@ class Replay {
   Replay(const Replay&) = delete;  // its address is what vesk knows it by
   Replay& operator=(const Replay&) = delete;
 
-  // `direct` takes a directive to whoever holds its namespace, and throws std::runtime_error while nobody does.
+  // `direct` takes a directive to the client that holds its namespace, and throws std::runtime_error while none does.
   void start(Host& host, std::function<void(const Json& directive)> direct);
   void stop();
 
@@ -45,7 +45,7 @@ class Replay {
  private:
   // An endpoint in the recording: the process that served, and the number that it had there.
   using EndpointName = std::pair<std::int64_t, std::int64_t>;
-  struct Told {
+  struct Notified {
     const ServiceType* type;
     const CallbackMethod* method;
     Json arguments;
@@ -56,8 +56,8 @@ class Replay {
   struct Answer {
     Json outcome;
     std::vector<EndpointName> endpoints;
-    std::vector<Told> before;  // the reply
-    std::vector<Told> after;
+    std::vector<Notified> before;  // the reply
+    std::vector<Notified> after;
   };
   // Requests that are equal.
   struct Same {
@@ -70,16 +70,28 @@ class Replay {
     std::unordered_map<std::string, std::size_t> byArguments;
   };
   struct Due {
-    const std::vector<Told>* told;
+    const std::vector<Notified>* notified;
     std::size_t next;
     std::unique_ptr<Timer> timer;
   };
 
-  void arrange(const Recording& recording);
+  // The answer to a recorded request.
+  struct Place {
+    Requests* requests = nullptr;  // null: before every request
+    std::size_t same = 0;
+    std::size_t answer = 0;
+    std::int64_t timeMs = 0;
+
+    Answer* find() const { return requests == nullptr ? nullptr : &requests->all[same].answers[answer]; }
+  };
+  using Places = std::map<std::size_t, Place>;  // by the line of the request
+
+  Places arrangeRequests(const Recording& recording);
+  void arrangeNotifications(const Recording& recording, const Places& places);
   Same* find(const ServiceType& type, const Call& call);
   void takeEndpoints(const Answer& answer, const Call& call);
   void schedule(std::list<Due>::iterator due);
-  void tell(const Told& told);
+  void notify(const Notified& notified);
   void direct();
   void forget(const vesk_remote* endpoint);
 
@@ -87,13 +99,13 @@ class Replay {
   bool m_masked;
   MetTexts m_met;
   std::map<std::pair<std::string, unsigned>, Requests> m_requests;  // by service and code
-  std::vector<Told> m_first;                                        // that followed no request
+  std::vector<Notified> m_first;                                    // that followed no request
   Host* m_host = nullptr;
   std::function<void(const Json&)> m_direct;
-  std::map<EndpointName, RemotePtr> m_endpoints;            // that took the place of those
-  std::map<EndpointName, std::vector<const Told*>> m_owed;  // until something does
+  std::map<EndpointName, RemotePtr> m_endpoints;                // that took the place of those
+  std::map<EndpointName, std::vector<const Notified*>> m_owed;  // until something does
   std::list<Due> m_due;
-  std::map<std::string, std::deque<Json>> m_directives;  // by namespace, until somebody holds it
+  std::map<std::string, std::deque<Json>> m_directives;  // by namespace, until a client holds it
   std::unique_ptr<Timer> m_retry;
 };
 

@@ -21,22 +21,27 @@ const Method* methodWith(const ServiceType& type, unsigned code) {
 }
 
 const ServiceType& serviceCalled(const std::string& id) {
-  std::string known;
+  std::vector<std::string> known;
   for (const ServiceType* type : allServices()) {
     if (type->id == id) return *type;
-    known += (known.empty() ? "" : ", ") + type->id;
+    known.push_back(type->id);
   }
-  throw ScenarioError("no service is called " + id + "; there are " + known);
+  throw ScenarioError("no service is called " + id + "; there are " + joined(known));
 }
 
 const Method& methodCalled(const ServiceType& type, const std::string& name) {
-  std::string known;
+  std::vector<std::string> known;
   for (const Method& method : type.methods) {
     if (method.name == name) return method;
-    known += (known.empty() ? "" : ", ") + method.name;
+    known.push_back(method.name);
   }
   if (known.empty()) throw ScenarioError(type.id + " has no methods");
-  throw ScenarioError("no method of " + type.id + " is called " + name + "; there are " + known);
+  throw ScenarioError("no method of " + type.id + " is called " + name + "; there are " + joined(known));
+}
+
+Method getter(unsigned code, const char* name, const char* field, void (*write)(vesk_payload*, const Json&)) {
+  const auto handle = [field](const Service& service, const Call&) { return service.section().at(field); };
+  return {code, name, {}, handle, write, field};
 }
 
 std::string describeMethods(const ServiceType& type) {
@@ -62,7 +67,11 @@ void Service::publish() {
   m_published = true;
 }
 
-void Service::changed(const Json&) {}
+void Service::changed(const std::vector<Difference>& differences) {
+  for (const Difference& difference : differences) changed(difference);
+}
+
+void Service::changed(const Difference&) {}
 
 Json Service::event(const Json&) {
   throw std::runtime_error(m_type.id + " knows no events");
@@ -83,8 +92,7 @@ int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, 
   } else if (delay.count() == 0) {
     answerLate(late);
   } else {
-    sd_event* event = vesk_service_event(m_host.runtime());
-    late->timer = std::make_unique<Timer>(event, delay, [this, late] { answerLate(late); });
+    late->timer = std::make_unique<Timer>(m_host.runtime(), delay, [this, late] { answerLate(late); });
   }
   return 0;
 }
@@ -140,7 +148,7 @@ void Service::answerLate(std::list<Late>::iterator late) {
   m_late.erase(late);
 }
 
-// Nobody but the caller sees a death.
+// To the caller it looks as if the service had died; other clients see nothing.
 void Service::hangUp(const Late& late) {
   countDrop(late.call);
   record(late.call, {{"drops", true}, {"durationMs", millisecondsSince(late.call.arrival)}});

@@ -4,15 +4,17 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "device/CurrentScenario.h"
 #include "device/Deliveries.h"
 #include "device/Endpoint.h"
-#include "device/Scenario.h"
+#include "device/Shape.h"
 #include "device/Timer.h"
 #include "device/Traffic.h"
 #include "device/Wire.h"
@@ -45,13 +47,13 @@ class Host {
   virtual const Json& scenario() const = 0;
   // Takes effect before it returns, for the whole device.
   virtual void change(const Json& change) = 0;
-  // Adds an entry to the traffic: before it returns, so that a client that has its reply finds it there, or soon.
+  // Adds an entry to the traffic. record has added it when it returns, so that a client that has its reply finds it there.
   virtual void record(Json entry) = 0;
   virtual void recordSoon(Json entry) = 0;
-  // What the traffic says of the moment at which a call has come or a notification is sent, beside the wall clock's time of
-  // its end; null: nothing.
+  // What the traffic says of the moment at which a call has come or a notification is sent, beside the time of its end by
+  // the wall clock; null: nothing.
   virtual Json moment() { return {}; }
-  // How the call is to end, as faults say it and with the result as "reply"; null: as the service and its faults have it.
+  // How the call is to end, in the words of faults and with the result as "reply"; null: as the service and its faults say.
   virtual Json replayed(const ServiceType&, const Call&) { return {}; }
 
  private:
@@ -80,9 +82,10 @@ struct Argument {
 struct Method {
   unsigned code;
   std::string name;
-  std::vector<Argument> arguments;                     // in wire order
-  Json (*handle)(Service& service, const Call& call);  // the result; may throw RemoteException
+  std::vector<Argument> arguments;                                 // in wire order
+  std::function<Json(Service& service, const Call& call)> handle;  // the result; may throw RemoteException
   void (*write)(vesk_payload* reply, const Json& result);
+  std::string field = {};  // of the service's section, which is the result; empty where `handle` works it out
 };
 
 struct ServiceType {
@@ -119,14 +122,18 @@ class Service : public Endpoint {
 
   void publish();  // throws std::system_error
 
-  // The scenario has changed. Told to every service, whoever changed it; `before` is the whole scenario as it was.
-  virtual void changed(const Json& before);
+  // These values of the scenario have become others; every service hears of all. The scenario has the new ones.
+  void changed(const std::vector<Difference>& differences);
 
-  // Something happened, or is asked, that changes no state. Gives the order's answer; what it throws is told instead.
+  // Something happened, or is asked, that changes no state. Gives the answer; what it throws is the answer otherwise.
   virtual Json event(const Json& event);
 
- protected:
+  // Of the scenario in force.
   const Json& section() const { return m_host.scenario().at(m_type.id); }
+
+ protected:
+  virtual void changed(const Difference& difference);
+
   Host& host() { return m_host; }
 
  private:
@@ -156,9 +163,16 @@ template <typename Type>
 std::unique_ptr<Service> makeService(const ServiceType& type, Host& host) {
   return std::make_unique<Type>(type, host);
 }
-template <typename Type, Json (Type::*Handler)(const Call&)>
-Json handledBy(Service& service, const Call& call) {
-  return (static_cast<Type&>(service).*Handler)(call);
+template <typename Type>
+Json callHandler(Json (Type::*handler)(const Call&), Service& service, const Call& call) {
+  return (static_cast<Type&>(service).*handler)(call);
 }
+template <auto Handler>
+Json handledBy(Service& service, const Call& call) {
+  return callHandler(Handler, service, call);
+}
+
+// A method without arguments that gives a field of the service's section.
+Method getter(unsigned code, const char* name, const char* field, void (*write)(vesk_payload*, const Json&));
 
 }  // namespace orvel::sim

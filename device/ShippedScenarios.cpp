@@ -24,7 +24,7 @@ std::string numbered(const char* name, int number) {
   return name + std::string(3 - digits.size(), '0') + digits;
 }
 
-// What would be thousands of lines in a file. No chance is in it: everybody has the same device.
+// What would be thousands of lines in a file. Nothing in it is random: it is the same device everywhere.
 void addMuch(Json& scenario) {
   constexpr int kPackages = 400;
   constexpr int kProcesses = 250;
@@ -56,7 +56,7 @@ void addMuch(Json& scenario) {
   scenario["activity"]["processes"] = processes;
 }
 
-// What nobody wants to scroll past in a file.
+// What would fill many screens in a file.
 void addLong(Json& scenario) {
   constexpr std::size_t kLong = 65'536;
   constexpr std::size_t kLongKey = 1000;

@@ -1,12 +1,10 @@
-// The time of the simulated device. Two implementations: Timer.cpp goes by the machine's clock and the run loop, that of
-// the test kit by a virtual clock. One of them is linked.
+// The time of the simulated device. Two implementations: the program's goes by the machine's clock and the run loop, the
+// test kit's by a virtual clock. One of them is linked.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <memory>
-
-struct sd_event;
 
 namespace orvel::sim {
 
@@ -21,8 +19,10 @@ struct Clock {
 // Runs `action` once, on the run-loop thread, unless it is destroyed before. The action may destroy its timer.
 class Timer {
  public:
-  // `event` is the run loop's; the test kit has none.
-  Timer(sd_event* event, std::chrono::milliseconds delay, std::function<void()> action);
+  // kEndless: one of a series of timers that never ends, so that a test does not wait for the last of them.
+  enum class Series { kEnds, kEndless };
+
+  Timer(void* runtime, std::chrono::milliseconds delay, std::function<void()> action, Series series = Series::kEnds);
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 

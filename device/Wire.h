@@ -59,7 +59,7 @@ struct RemoteException : std::runtime_error {
 // Unpaired surrogates become U+FFFD.
 std::string toUtf8(const std::uint16_t* units, std::size_t count);
 
-// Reads one request from its first byte on. Whatever does not fit throws a RemoteException that says what and where.
+// Reads one request from its first byte on. Anything that does not fit throws a RemoteException that says what and where.
 class RequestReader {
  public:
   explicit RequestReader(vesk_buffer* request) : m_buffer(request) {}  // borrowed for the reader's life

@@ -1,5 +1,6 @@
 // The activity manager: the processes of applications.
 #include "device/Acts.h"
+#include "device/ServiceNames.h"
 #include "device/services/DefaultContent.h"
 #include "device/services/Services.h"
 
@@ -34,13 +35,6 @@ void writeProcesses(vesk_payload* reply, const Json& processes) {
   for (const auto& [name, process] : processes.items()) writeProcess(reply, name, process);
 }
 
-class ActivityService : public Service {
- public:
-  using Service::Service;
-
-  Json getProcesses(const Call&) { return section().at("processes"); }
-};
-
 Shape processShape() {
   return Shape::object({
       {"pid", Shape::number(0), 0, "the process id"},
@@ -60,19 +54,18 @@ Shape processShape() {
 }  // namespace
 
 const ServiceType& activityService() {
-  using Self = ActivityService;
   static const ServiceType type = {
       "activity",
-      "com.quarlo.orvel.activitymanager",
+      kActivityManagerName,
       "com.quarlo.orveldelegate.activitymanager.IActivityManager",
       "running processes",
       {
           {"processes", Shape::map(processShape()), defaultProcesses(), "the running processes"},
       },
       {
-          {2, "getRunningAppProcessesInfo", {}, handledBy<Self, &Self::getProcesses>, writeProcesses},
+          getter(2, "getRunningAppProcessesInfo", "processes", writeProcesses),
       },
-      makeService<Self>,
+      makeService<Service>,
   };
   return type;
 }

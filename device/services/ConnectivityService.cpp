@@ -1,5 +1,6 @@
 // The connectivity manager: whether the default network is there.
 #include "device/Receivers.h"
+#include "device/ServiceNames.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {
@@ -24,10 +25,9 @@ class ConnectivityService : public Service {
   }
 
  private:
-  void changed(const Json& before) override {
-    const bool connected = section().at("networkConnected");
-    if (before.at(type().id).at("networkConnected") == connected) return;
-    m_callbacks.notify(connected ? kAvailable : kLost, Json::object(), [](const Call&) { return true; });
+  void changed(const Difference& difference) override {
+    if (!difference.isOf("connectivity", "networkConnected")) return;
+    m_callbacks.notify(difference.is ? kAvailable : kLost, Json::object(), [](const Call&) { return true; });
   }
 
   Receivers m_callbacks{type(), host()};
@@ -39,7 +39,7 @@ const ServiceType& connectivityService() {
   using Self = ConnectivityService;
   static const ServiceType type = {
       "connectivity",
-      "com.quarlo.orvel.androidconnectivitymanager",
+      kConnectivityName,
       "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager",
       "the default network",
       {
@@ -49,12 +49,12 @@ const ServiceType& connectivityService() {
           {4,
            "registerDefaultNetworkCallback",
            {{"callback", readEndpoint}},
-           handledBy<Self, &Self::registerCallback>,
+           handledBy<&Self::registerCallback>,
            writeNothing},
           {5,
            "unregisterNetworkCallback",
            {{"callback", readEndpoint}},
-           handledBy<Self, &Self::unregisterCallback>,
+           handledBy<&Self::unregisterCallback>,
            writeNothing},
       },
       makeService<Self>,

@@ -8,6 +8,7 @@
 #include <string>
 #include <system_error>
 
+#include "device/ServiceNames.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {
@@ -23,12 +24,12 @@ void writeDirective(vesk_payload* payload, const Json& directive) {
 }
 const CallbackMethod kDirective = {1, "directive", "", /*answered=*/false, writeDirective};
 
-// A connection to whoever held a namespace when it was made.
+// A connection to the client that held a namespace when it was made.
 class Connection {
  public:
   Connection(void* runtime, const std::string& nspace, vesk_death_callback* death)
       : m_runtime(runtime), m_namespace(nspace), m_death(death) {
-    const std::string name = "sim_broker_service_" + nspace + "_vesk_endpoint";
+    const std::string name = holderName(nspace);
     check(vesk_binder_servicemanager_get(runtime, name.c_str(), &m_handle), name.c_str());
     vesk_handle_link_to_death(runtime, &m_handle, m_death);
   }
@@ -125,13 +126,7 @@ class CoordinatorService : public Service {
 
 const ServiceType& coordinatorService() {
   static const ServiceType type = {
-      "coordinator",
-      "orvel-service-coordinator-public",
-      "",
-      "directives of the assistant",
-      {},
-      {},
-      makeService<CoordinatorService>,
+      "coordinator", kCoordinatorName, "", "directives of the assistant", {}, {}, makeService<CoordinatorService>,
       {&kDirective},
   };
   return type;

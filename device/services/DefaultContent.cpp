@@ -12,8 +12,9 @@ Json defaultFeatures() {
   ])");
 }
 
-Json defaultPackages() {
-  return Json::parse(R"({
+namespace {
+
+constexpr char kPackages[] = R"({
     "android": {"versionCode": 28, "versionName": "9", "uid": 1000},
     "com.android.bluetooth": {"versionCode": 28, "versionName": "9", "uid": 1002, "receivers": [
       {"class": "com.android.bluetooth.TransferReceiver", "actions": ["android.intent.action.BOOT_COMPLETED"]}]},
@@ -124,7 +125,12 @@ Json defaultPackages() {
     "com.quarlo.video": {"versionCode": 2903117, "versionName": "2.90.3", "uid": 10038,
       "launchActivity": "com.quarlo.video.BrowseActivity",
       "firstInstallMs": 1678284000000, "lastUpdateMs": 1693051200000}
-  })");
+  })";
+
+}  // namespace
+
+Json defaultPackages() {
+  return Json::parse(kPackages);
 }
 
 Json defaultProcesses() {

@@ -2,10 +2,12 @@
 // packages.
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "device/Acts.h"
 #include "device/Intent.h"
 #include "device/Receivers.h"
+#include "device/ServiceNames.h"
 #include "device/services/DefaultContent.h"
 #include "device/services/PackageInfo.h"
 #include "device/services/Services.h"
@@ -159,41 +161,30 @@ class DelegateService : public Service {
             {"component", {{"package", name}, {"class", package.at("launchActivity")}}}};
   }
 
-  Json getMarketplace(const Call&) { return section().at("marketplace"); }
-  Json getCountry(const Call&) { return section().at("country"); }
-  Json getCustomerId(const Call&) { return section().at("customerId"); }
-  Json getName(const Call&) { return section().at("name"); }
-  Json getSerialNumber(const Call&) { return section().at("serialNumber"); }
-
  private:
-  // What the device tells of a change, whoever made it.
-  void changed(const Json& before) override {
-    const Json& was = before.at(type().id);
-    const Json& is = section();
-    settingsChanged(was.at("settings"), is.at("settings"));
-    if (was.at("name") != is.at("name")) {
+  // What clients are told of a change.
+  void changed(const Difference& difference) override {
+    const Json& is = difference.is;
+    if (difference.isOf("delegate", "settings")) {
+      announceSetting(difference.key, is.is_null() ? Json("") : is);
+    } else if (difference.isOf("delegate", "name")) {
       broadcast("com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed",
-                {{"key", "com.quarlo.hux.sso.property.devicename"}, {"type", "string"}, {"value", is.at("name")}});
-    }
-    if (const std::string account = accountOf(is.at("customerId")); account != accountOf(was.at("customerId"))) {
+                {{"key", "com.quarlo.hux.sso.property.devicename"}, {"type", "string"}, {"value", is}});
+    } else if (difference.isOf("delegate", "customerId")) {
+      const std::string account = accountOf(is);
+      if (account == accountOf(difference.was)) return;
       broadcast(std::string("com.quarlo.hux.sso.action.account.") + (account.empty() ? "removed" : "added"));
-    }
-    if (const Json& connected = is.at("maroConnected"); connected != was.at("maroConnected")) {
+    } else if (difference.isOf("delegate", "maroConnected")) {
       broadcast("com.quarlo.speech.CONNECTIVITY_ACTION",
-                {{"key", "com.quarlo.speech.EXTRA_CONNECTIVITY"}, {"type", "int"}, {"value", connected ? 1 : 0}});
-    }
-    const auto tellPackage = [&](const std::string& name, const Json& then, const Json& now) {
-      for (const Json& intent : packageBroadcasts(name, then, now)) event(intent);
-    };
-    const Json::json_pointer packages("/packages/packages");
-    forEachDifference(before.at(packages), host().scenario().at(packages), tellPackage);
-    const Json::json_pointer screen("/power/screenOn");
-    if (const Json& on = host().scenario().at(screen); on != before.at(screen)) {
-      broadcast(std::string("android.intent.action.SCREEN_") + (on ? "ON" : "OFF"));
+                {{"key", "com.quarlo.speech.EXTRA_CONNECTIVITY"}, {"type", "int"}, {"value", is ? 1 : 0}});
+    } else if (difference.isOf("packages", "packages")) {
+      for (const Json& intent : packageBroadcasts(difference.key, difference.was, is)) event(intent);
+    } else if (difference.isOf("power", "screenOn")) {
+      broadcast(std::string("android.intent.action.SCREEN_") + (is ? "ON" : "OFF"));
     }
   }
 
-  // An intent for whoever registered for it.
+  // An intent for the clients that registered for it.
   Json event(const Json& intent) override {
     const auto matches = [&](const Call& registration) {
       const Json& filter = registration.arguments;
@@ -209,12 +200,9 @@ class DelegateService : public Service {
     event(intent);
   }
 
-  void settingsChanged(const Json& was, const Json& is) {
-    forEachDifference(was, is, [&](const std::string& key, const Json&, const Json& now) {
-      const Json value = now.is_null() ? Json("") : now;
-      m_receivers.notify(kSettingChanged, {{"key", key}, {"value", value}}, [&](const Call& registration) {
-        return registration.code == kRegisterForSettings && registration.arguments.at("key") == key;
-      });
+  void announceSetting(const std::string& key, const Json& value) {
+    m_receivers.notify(kSettingChanged, {{"key", key}, {"value", value}}, [&](const Call& registration) {
+      return registration.code == kRegisterForSettings && registration.arguments.at("key") == key;
     });
   }
 
@@ -246,6 +234,81 @@ class DelegateService : public Service {
   Receivers m_receivers{type(), host()};
 };
 
+std::vector<Field> delegateFields() {
+  return {
+      {"name", Shape::text(), "Kitchen Display", "the name that the owner gave to the device"},
+      {"serialNumber", Shape::text(), "OQ24-0713-5521", "the serial number"},
+      {"type", Shape::text(), "QDT-DISPLAY-8", "the device type identifier"},
+      {"customerId", Shape::text(), "quarlo.account.7Q2M4X",
+       "the account's directed identifier; empty when unregistered"},
+      {"country", Shape::text(), "DE", "the owner's country of residence"},
+      {"marketplace", Shape::text(), "QMP-DE-01", "the owner's preferred marketplace"},
+      {"info", Shape::list(Shape::text(), kInfoStrings), Json::array({"orvel", "alder", "6.2.4"}),
+       "the strings of the device information beside the type"},
+      {"settings", Shape::map(Shape::text()),
+       Json::object(
+           {{"device_provisioned", "1"}, {"location_mode", "0"}, {"screen_brightness", "128"}, {"volume_alarm", "5"}}),
+       "the secure settings"},
+      {"maroConnected", Shape::flag(), true, "whether the assistant is connected"},
+      {"features", Shape::list(Shape::text(), kMostFeatures), defaultFeatures(), "the features of the system"},
+  };
+}
+
+std::vector<Method> delegateMethods() {
+  using Self = DelegateService;
+  return {
+      {14, "getDeviceInfo", {}, handledBy<&Self::getDeviceInfo>, writeDeviceInfo},
+      {15, "getSecureSetting", {{"key", readText}}, handledBy<&Self::getSecureSetting>, writeText},
+      getter(17, "getPFM", "marketplace", writeText),
+      getter(18, "getCOR", "country", writeText),
+      {21, "getPackageNamesForUid", {{"uid", readInt32}}, handledBy<&Self::getPackagesOfUid>, writeTexts},
+      {26, "checkSystemFeature", {{"feature", readText}}, handledBy<&Self::hasFeature>, writeFlag},
+      {27, "sendBroadcast", {{"intent", readIntent}}, handledBy<&Self::sendBroadcast>, writeNothing},
+      {kRegisterForBroadcast,
+       "registerForBroadcastWithDataTypeOrScheme",
+       {{"action", readText}, {"types", readTexts}, {"schemes", readTexts}, {"receiver", readEndpoint}},
+       handledBy<&Self::registerForBroadcast>,
+       writeNothing},
+      {29, "startService", {{"intent", readIntent}}, handledBy<&Self::startService>, writeNothing},
+      {30, "startForegroundService", {{"intent", readIntent}}, handledBy<&Self::startForegroundService>, writeNothing},
+      getter(32, "getDirectedId", "customerId", writeText),
+      getter(33, "getDeviceName", "name", writeText),
+      {kRegisterForSettings,
+       "registerForSecureSettings",
+       {{"key", readText}, {"receiver", readEndpoint}},
+       handledBy<&Self::registerForSettings>,
+       writeNothing},
+      {37, "startActivity", {{"intent", readIntent}}, handledBy<&Self::startActivity>, writeNothing},
+      {38,
+       "sendBroadcastWithPermission",
+       {{"intent", readIntent}, {"permission", readText}},
+       handledBy<&Self::sendBroadcast>,
+       writeNothing},
+      getter(42, "getDSNV2", "serialNumber", writeText),
+      {53,
+       "getApplicationInfo",
+       {{"package", readText}, {"flags", readInt64}},
+       handledBy<&Self::getApplicationInfo>,
+       writeApplicationInfo},
+      {54,
+       "getPackageInfo",
+       {{"package", readText}, {"flags", readInt64}},
+       handledBy<&Self::getPackageInfo>,
+       writePackageInfo},
+      {55,
+       "getRawResourceAsString",
+       {{"package", readText}, {"id", readInt32}},
+       handledBy<&Self::getRawResource>,
+       writeText},
+      {59,
+       "queryBroadcastReceivers",
+       {{"action", readText}, {"flags", readInt64}},
+       handledBy<&Self::queryReceivers>,
+       writeResolveInfos},
+      {60, "getLaunchIntentForPackage", {{"package", readText}}, handledBy<&Self::getLaunchIntent>, writeIntent},
+  };
+}
+
 }  // namespace
 
 std::string accountOf(const Json& customerId) {
@@ -253,91 +316,14 @@ std::string accountOf(const Json& customerId) {
 }
 
 const ServiceType& delegateService() {
-  using Self = DelegateService;
   static const ServiceType type = {
       "delegate",
-      "orvel_delegate",
+      kDelegateName,
       "com.quarlo.orveldelegate.IDelegateService",
       "device identity, settings and broadcasts",
-      {
-          {"name", Shape::text(), "Kitchen Display", "the name that the owner gave to the device"},
-          {"serialNumber", Shape::text(), "OQ24-0713-5521", "the serial number"},
-          {"type", Shape::text(), "QDT-DISPLAY-8", "the device type identifier"},
-          {"customerId", Shape::text(), "quarlo.account.7Q2M4X",
-           "the account's directed identifier; empty when unregistered"},
-          {"country", Shape::text(), "DE", "the owner's country of residence"},
-          {"marketplace", Shape::text(), "QMP-DE-01", "the owner's preferred marketplace"},
-          {"info", Shape::list(Shape::text(), kInfoStrings), Json::array({"orvel", "alder", "6.2.4"}),
-           "the strings of the device information beside the type"},
-          {"settings", Shape::map(Shape::text()),
-           Json::object({{"device_provisioned", "1"},
-                         {"location_mode", "0"},
-                         {"screen_brightness", "128"},
-                         {"volume_alarm", "5"}}),
-           "the secure settings"},
-          {"maroConnected", Shape::flag(), true, "whether the assistant is connected"},
-          {"features", Shape::list(Shape::text(), kMostFeatures), defaultFeatures(), "the features of the system"},
-      },
-      {
-          {14, "getDeviceInfo", {}, handledBy<Self, &Self::getDeviceInfo>, writeDeviceInfo},
-          {15, "getSecureSetting", {{"key", readText}}, handledBy<Self, &Self::getSecureSetting>, writeText},
-          {17, "getPFM", {}, handledBy<Self, &Self::getMarketplace>, writeText},
-          {18, "getCOR", {}, handledBy<Self, &Self::getCountry>, writeText},
-          {21, "getPackageNamesForUid", {{"uid", readInt32}}, handledBy<Self, &Self::getPackagesOfUid>, writeTexts},
-          {26, "checkSystemFeature", {{"feature", readText}}, handledBy<Self, &Self::hasFeature>, writeFlag},
-          {27, "sendBroadcast", {{"intent", readIntent}}, handledBy<Self, &Self::sendBroadcast>, writeNothing},
-          {kRegisterForBroadcast,
-           "registerForBroadcastWithDataTypeOrScheme",
-           {{"action", readText}, {"types", readTexts}, {"schemes", readTexts}, {"receiver", readEndpoint}},
-           handledBy<Self, &Self::registerForBroadcast>,
-           writeNothing},
-          {29, "startService", {{"intent", readIntent}}, handledBy<Self, &Self::startService>, writeNothing},
-          {30,
-           "startForegroundService",
-           {{"intent", readIntent}},
-           handledBy<Self, &Self::startForegroundService>,
-           writeNothing},
-          {32, "getDirectedId", {}, handledBy<Self, &Self::getCustomerId>, writeText},
-          {33, "getDeviceName", {}, handledBy<Self, &Self::getName>, writeText},
-          {kRegisterForSettings,
-           "registerForSecureSettings",
-           {{"key", readText}, {"receiver", readEndpoint}},
-           handledBy<Self, &Self::registerForSettings>,
-           writeNothing},
-          {37, "startActivity", {{"intent", readIntent}}, handledBy<Self, &Self::startActivity>, writeNothing},
-          {38,
-           "sendBroadcastWithPermission",
-           {{"intent", readIntent}, {"permission", readText}},
-           handledBy<Self, &Self::sendBroadcast>,
-           writeNothing},
-          {42, "getDSNV2", {}, handledBy<Self, &Self::getSerialNumber>, writeText},
-          {53,
-           "getApplicationInfo",
-           {{"package", readText}, {"flags", readInt64}},
-           handledBy<Self, &Self::getApplicationInfo>,
-           writeApplicationInfo},
-          {54,
-           "getPackageInfo",
-           {{"package", readText}, {"flags", readInt64}},
-           handledBy<Self, &Self::getPackageInfo>,
-           writePackageInfo},
-          {55,
-           "getRawResourceAsString",
-           {{"package", readText}, {"id", readInt32}},
-           handledBy<Self, &Self::getRawResource>,
-           writeText},
-          {59,
-           "queryBroadcastReceivers",
-           {{"action", readText}, {"flags", readInt64}},
-           handledBy<Self, &Self::queryReceivers>,
-           writeResolveInfos},
-          {60,
-           "getLaunchIntentForPackage",
-           {{"package", readText}},
-           handledBy<Self, &Self::getLaunchIntent>,
-           writeIntent},
-      },
-      makeService<Self>,
+      delegateFields(),
+      delegateMethods(),
+      makeService<DelegateService>,
       {&kSettingChanged, &kBroadcast},
   };
   return type;

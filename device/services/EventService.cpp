@@ -1,5 +1,6 @@
 // The assistant's event service: takes events, and tells how each came out.
 #include "device/Intent.h"
+#include "device/ServiceNames.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {
@@ -35,7 +36,7 @@ class EventService : public Service {
  public:
   using Service::Service;
 
-  // How the result goes out is what the scenario says at this moment, whatever it says when the result is due.
+  // How the result goes out is what the scenario says at this moment, not what it says when the result is due.
   Json sendEvent(const Call& call) {
     expectNamed(call);
     const bool accepted = section().at("reply") == kAccepted;
@@ -50,7 +51,7 @@ class EventService : public Service {
       // Even without a delay the reply goes first: it is sent before the run loop comes to its timers.
       const auto owed = m_owed.insert(m_owed.end(), nullptr);
       const std::chrono::milliseconds delay(section().at("resultDelayMs").get<std::int64_t>());
-      *owed = std::make_unique<Timer>(vesk_service_event(host().runtime()), delay, [=] {
+      *owed = std::make_unique<Timer>(host().runtime(), delay, [=] {
         host().deliveries().send(told, receivers);
         m_owed.erase(owed);
       });
@@ -77,7 +78,7 @@ const ServiceType& eventService() {
   using Self = EventService;
   static const ServiceType type = {
       "events",
-      "com.quarlo.orvel.orvelsim.orvelsimeventclient",
+      kEventClientName,
       "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient",
       "events for the assistant",
       {
@@ -92,7 +93,7 @@ const ServiceType& eventService() {
           {2,
            "sendEvent",
            {{"metadata", readMetadata}, {"payload", readText}, {"callback", readEndpoint}},
-           handledBy<Self, &Self::sendEvent>,
+           handledBy<&Self::sendEvent>,
            writeInt32},
       },
       makeService<Self>,

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <deque>
 
+#include "device/ServiceNames.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {
@@ -95,8 +96,6 @@ class MetricsService : public Service {
     return {};
   }
 
-  Json getVersion(const Call&) { return section().at("interfaceVersion"); }
-
  private:
   // A question for what was recorded: {"after": number}. The answer has as many of what follows that as fit into it.
   Json event(const Json& question) override {
@@ -119,15 +118,15 @@ const ServiceType& metricsService() {
   using Self = MetricsService;
   static const ServiceType type = {
       "metrics",
-      "com.quarlo.client.metrics.tarsel",
+      kMetricsName,
       "com.quarlo.orveldelegate.services.ITarselMetric",
       "metric events",
       {
           {"interfaceVersion", Shape::number(), 2, "the version of the interface"},
       },
       {
-          {2, "recordTarselMetricEvent", {{"event", readEvent}}, handledBy<Self, &Self::recordEvent>, writeNothing},
-          {3, "getVersion", {}, handledBy<Self, &Self::getVersion>, writeInt32},
+          {2, "recordTarselMetricEvent", {{"event", readEvent}}, handledBy<&Self::recordEvent>, writeNothing},
+          getter(3, "getVersion", "interfaceVersion", writeInt32),
       },
       makeService<Self>,
   };

@@ -1,4 +1,5 @@
 // The package manager: what is installed.
+#include "device/ServiceNames.h"
 #include "device/services/DefaultContent.h"
 #include "device/services/Services.h"
 
@@ -23,7 +24,7 @@ class PackageService : public Service {
 Shape packageShape() {
   const Shape uid = Shape::number(0);
   const Shape time = Shape::number(0, std::numeric_limits<std::int64_t>::max());
-  // When a device's image is made, nobody has set its clock.
+  // The clock of a device is not set yet when its image is made.
   constexpr std::int64_t kImageMs = 1'230'768'000'000;
   return Shape::object({
       {"versionCode", Shape::number(), 1, "the version's number"},
@@ -50,14 +51,14 @@ const ServiceType& packageService() {
   using Self = PackageService;
   static const ServiceType type = {
       "packages",
-      "com.quarlo.orvel.packagemanager",
+      kPackageManagerName,
       "com.quarlo.orveldelegate.packagemanager.IOrvelPackageManager",
       "what is installed",
       {
           {"packages", Shape::map(packageShape()), defaultPackages(), "the installed packages"},
       },
       {
-          {2, "getPackages", {}, handledBy<Self, &Self::getPackages>, writeTexts},
+          {2, "getPackages", {}, handledBy<&Self::getPackages>, writeTexts},
       },
       makeService<Self>,
   };

@@ -1,4 +1,5 @@
 // The power manager: the screen and what keeps the device awake.
+#include "device/ServiceNames.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {
@@ -11,14 +12,10 @@ class PowerManagerService : public Service {
  public:
   using Service::Service;
 
-  Json isInteractive(const Call&) { return section().at("screenOn"); }
-
   Json wakeUpDevice(const Call&) {
     host().change({{"path", "/power/screenOn"}, {"value", true}});
     return {};
   }
-
-  Json getVersion(const Call&) { return section().at("interfaceVersion"); }
 
   Json wakeUpDeviceCustom(const Call&) {
     if (section().at("interfaceVersion") < kFirstVersionWithCustomWakeUp) {
@@ -34,7 +31,7 @@ const ServiceType& powerManagerService() {
   using Self = PowerManagerService;
   static const ServiceType type = {
       "power",
-      "com.quarlo.orvel.powermanager",
+      kPowerManagerName,
       "com.quarlo.orveldelegate.powermanager.IPowerManagerService",
       "screen and wake locks",
       {
@@ -43,13 +40,13 @@ const ServiceType& powerManagerService() {
            "the version of the interface; below 2 there are no partial wake locks"},
       },
       {
-          {1, "isInteractive", {}, handledBy<Self, &Self::isInteractive>, writeFlag},
-          {2, "wakeUpDevice", {}, handledBy<Self, &Self::wakeUpDevice>, writeNothing},
-          {3, "getVersion", {}, handledBy<Self, &Self::getVersion>, writeInt32},
+          getter(1, "isInteractive", "screenOn", writeFlag),
+          {2, "wakeUpDevice", {}, handledBy<&Self::wakeUpDevice>, writeNothing},
+          getter(3, "getVersion", "interfaceVersion", writeInt32),
           {4,
            "wakeUpDeviceCustom",
            {{"kind", readInt32}, {"milliseconds", readInt64}},
-           handledBy<Self, &Self::wakeUpDeviceCustom>,
+           handledBy<&Self::wakeUpDeviceCustom>,
            writeNothing},
       },
       makeService<Self>,

@@ -289,11 +289,6 @@ DeviceTransport& transport_of(void* runtime) {
 
 }  // namespace
 
-// Timers go by the virtual time, and there is nothing else to watch.
-sd_event* vesk_service_event(void*) {
-  return nullptr;
-}
-
 int vesk_service_withdraw(void* runtime, const char* name) {
   return transport_of(runtime).withdraw(name);
 }

@@ -4,14 +4,15 @@
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
+#include <vector>
 
-#include "Device.h"
+#include "LocalDevice.h"
 #include "Records.h"
 #include "device/Acts.h"
 #include "device/EventResults.h"
 #include "device/Scenario.h"
+#include "device/ServiceNames.h"
 #include "device/ShippedScenarios.h"
 
 namespace orvel::testing {
@@ -22,9 +23,6 @@ using sim::ServiceType;
 
 // Longer than any rebind, and than any series of them that a test makes.
 constexpr std::chrono::hours kNoEnd(1);
-
-constexpr std::string_view kDirectivePrefix = "sim_broker_service_";
-constexpr std::string_view kDirectiveSuffix = "_vesk_endpoint";
 
 bool is_json(const std::string& text) {
   return text.find_first_not_of(" \t\r\n") == text.find('{') && text.find('{') != std::string::npos;
@@ -41,18 +39,46 @@ Json readObject(const std::string& text) {
   return value;
 }
 
-void expectOneOf(const std::string& act, std::initializer_list<const char*> acts) {
-  if (std::find(acts.begin(), acts.end(), act) != acts.end()) return;
-  std::string known;
-  for (const char* each : acts) known += (known.empty() ? "" : ", ") + std::string(each);
-  throw std::invalid_argument("'" + act + "' is none of " + known);
+// The changes of the device, made of the arguments of its methods.
+
+using Acts = std::vector<std::string>;
+
+Json readAct(const std::string& act, const Acts& acts, const std::string& name, const std::string& values) {
+  if (std::find(acts.begin(), acts.end(), act) == acts.end()) {
+    throw std::invalid_argument("'" + act + "' is none of " + sim::joined(acts));
+  }
+  return sim::makeAct(act.c_str(), name, readObject(values));
+}
+
+Json resultChange(const std::string& result, std::chrono::milliseconds delay) {
+  const Json values = {{"reply", 1},
+                       {"result", sim::eventResultCalled(result)},
+                       {"resultDelayMs", delay.count()},
+                       {"resultMode", "after"}};
+  return sim::makeAct("set", "events", values);
+}
+
+Json faultChange(const std::string& service, const std::string& method, const char* kind, const Json& value) {
+  const ServiceType& type = sim::serviceCalled(service);
+  const std::string where = method == kEveryMethod ? method : sim::methodCalled(type, method).name;
+  Json change = sim::changeOf({type.id, sim::kFaults, where, kind}, std::nullopt);
+  change["value"] = value;
+  return change;
+}
+
+Json noFaults(const std::string& service) {
+  return {{"path", "/" + sim::serviceCalled(service).id + "/" + sim::kFaults}, {"value", Json::object()}};
+}
+
+Json flapChange(const std::string& service, const Json& values) {
+  return sim::makeAct("flap", sim::serviceCalled(service).id, values);
 }
 
 }  // namespace
 
 TestDevice::TestDevice(const std::string& scenario) {
   try {
-    m_device = std::make_unique<Device>(readScenario(scenario));
+    m_device = std::make_unique<LocalDevice>(readScenario(scenario));
   } catch (const sim::ScenarioError& refused) {
     throw std::invalid_argument(refused.what());
   }
@@ -63,11 +89,11 @@ TestDevice::~TestDevice() = default;
 // ---- What the device knows ----
 
 void TestDevice::set(const Words& words, const std::string& value) {
-  m_device->perform([&] { m_device->change(sim::changeOf(words.list(), value)); });
+  m_device->change_to(sim::changeOf, words.list(), value);
 }
 
 void TestDevice::unset(const Words& words) {
-  m_device->perform([&] { m_device->change(sim::changeOf(words.list(), std::nullopt)); });
+  m_device->change_to(sim::changeOf, words.list(), std::nullopt);
 }
 
 std::string TestDevice::get(const Words& words) const {
@@ -83,20 +109,18 @@ void TestDevice::screen(bool on) {
 }
 
 void TestDevice::package(const std::string& act, const std::string& name, const std::string& values) {
-  expectOneOf(act, {"install", "replace", "remove"});
-  m_device->perform([&] { m_device->change(sim::makeAct(act.c_str(), name, readObject(values))); });
+  m_device->change_to(readAct, act, Acts{"install", "replace", "remove"}, name, values);
 }
 
 void TestDevice::process(const std::string& act, const std::string& name, const std::string& values) {
-  expectOneOf(act, {"start", "stop", "foreground"});
-  m_device->perform([&] { m_device->change(sim::makeAct(act.c_str(), name, readObject(values))); });
+  m_device->change_to(readAct, act, Acts{"start", "stop", "foreground"}, name, values);
 }
 
 // ---- What happens ----
 
 int TestDevice::broadcast(const std::string& intent) {
   const Json sent = is_json(intent) ? readObject(intent) : Json{{"action", intent}};
-  return m_device->perform([&] { return m_device->tell("delegate", sent).at("receivers").get<int>(); });
+  return m_device->on_device(&LocalDevice::notify, "delegate", sent).at("receivers").get<int>();
 }
 
 void TestDevice::directive(const std::string& nspace, std::vector<std::string> texts) {
@@ -105,80 +129,56 @@ void TestDevice::directive(const std::string& nspace, std::vector<std::string> t
     throw std::invalid_argument("a directive has seven texts; '" + texts[kTexts] + "' is one too many");
   }
   texts.resize(kTexts);
-  m_device->perform([&] { m_device->tell("coordinator", {{"namespace", nspace}, {"texts", texts}}); });
+  m_device->on_device(&LocalDevice::notify, "coordinator", Json{{"namespace", nspace}, {"texts", texts}});
 }
 
 void TestDevice::eventResult(const std::string& result, std::chrono::milliseconds delay) {
-  m_device->perform([&] {
-    const Json values = {{"reply", 1},
-                         {"result", sim::eventResultCalled(result)},
-                         {"resultDelayMs", delay.count()},
-                         {"resultMode", "after"}};
-    m_device->change(sim::makeAct("set", "events", values));
-  });
+  m_device->change_to(resultChange, result, delay);
 }
 
 // ---- What goes wrong ----
 
-namespace {
-
-// A fault as a change of the scenario.
-Json fault(const std::string& service, const std::string& method, const char* kind, const Json& value) {
-  const ServiceType& type = sim::serviceCalled(service);
-  const std::string where = method == kEveryMethod ? method : sim::methodCalled(type, method).name;
-  Json change = sim::changeOf({type.id, sim::kFaults, where, kind}, std::nullopt);
-  change["value"] = value;
-  return change;
-}
-
-}  // namespace
-
 void TestDevice::kill(const std::string& service) {
-  m_device->perform([&] { m_device->kill(sim::serviceCalled(service)); });
+  m_device->on_device(&LocalDevice::apply, &sim::Device::kill, service);
 }
 
 void TestDevice::restart(const std::string& service) {
-  m_device->perform([&] { m_device->restart(sim::serviceCalled(service)); });
+  m_device->on_device(&LocalDevice::apply, &sim::Device::restart, service);
 }
 
 void TestDevice::hang(const std::string& service, const std::string& method) {
-  m_device->perform([&] { m_device->change(fault(service, method, "hang", true)); });
+  m_device->change_to(faultChange, service, method, "hang", true);
 }
 
 void TestDevice::delay(const std::string& service, std::chrono::milliseconds by, const std::string& method) {
-  m_device->perform([&] { m_device->change(fault(service, method, "delayMs", by.count())); });
+  m_device->change_to(faultChange, service, method, "delayMs", by.count());
 }
 
 void TestDevice::exception(const std::string& service, const std::string& method) {
-  m_device->perform([&] { m_device->change(fault(service, method, "exception", Json::object())); });
+  m_device->change_to(faultChange, service, method, "exception", Json::object());
 }
 
 void TestDevice::error(const std::string& service, int code, const std::string& method) {
-  m_device->perform([&] { m_device->change(fault(service, method, "error", code)); });
+  m_device->change_to(faultChange, service, method, "error", code);
 }
 
 void TestDevice::truncate(const std::string& service, unsigned bytes, const std::string& method) {
-  m_device->perform([&] { m_device->change(fault(service, method, "truncateTo", bytes)); });
+  m_device->change_to(faultChange, service, method, "truncateTo", bytes);
 }
 
 void TestDevice::drop(const std::string& service, const std::string& method, int calls) {
-  m_device->perform([&] { m_device->change(fault(service, method, "drop", calls == 0 ? Json(true) : Json(calls))); });
+  m_device->change_to(faultChange, service, method, "drop", calls == 0 ? Json(true) : Json(calls));
 }
 
 void TestDevice::flap(const std::string& service, std::chrono::milliseconds period, int times) {
-  m_device->perform([&] {
-    Json values = {{"periodMs", period.count()}};
-    if (times != 0) values["count"] = times;
-    m_device->change(sim::makeAct("flap", sim::serviceCalled(service).id, values));
-  });
+  Json values = {{"periodMs", period.count()}};
+  if (times != 0) values["count"] = times;
+  m_device->change_to(flapChange, service, values);
 }
 
 void TestDevice::repair(const std::string& service) {
-  m_device->perform([&] {
-    const ServiceType& type = sim::serviceCalled(service);
-    m_device->change({{"path", "/" + type.id + "/" + sim::kFaults}, {"value", Json::object()}});
-    m_device->change(sim::makeAct("flap", type.id));
-  });
+  m_device->change_to(noFaults, service);
+  m_device->change_to(flapChange, service, Json::object());
 }
 
 // ---- Time ----
@@ -243,10 +243,8 @@ std::vector<Registration> TestDevice::registrations() const {
       held.push_back({entry.at("service"), nameIn(entry, "method"), textIn(entry.at("arguments"))});
     }
     for (const std::string& name : m_device->publishedNames()) {
-      if (name.rfind(kDirectivePrefix, 0) != 0) continue;
-      const std::size_t length = name.size() - kDirectivePrefix.size() - kDirectiveSuffix.size();
-      const Json arguments = {{"namespace", name.substr(kDirectivePrefix.size(), length)}};
-      held.push_back({"coordinator", "directive", textIn(arguments)});
+      const std::string nspace = sim::namespaceIn(name);
+      if (!nspace.empty()) held.push_back({"coordinator", "directive", textIn({{"namespace", nspace}})});
     }
     return held;
   });

@@ -103,7 +103,7 @@ void VirtualTime::end(Wait& wait) {
   finish(wait, false);
 }
 
-// The one who waits counts as running from here on, and not only once its thread does.
+// The thread that waits counts as running from here on, and not only once it does.
 void VirtualTime::finish(Wait& wait, bool expired) {
   if (wait.over) return;
   wait.over = true;
@@ -161,12 +161,13 @@ bool VirtualTime::timer_is_due() const {
   return !m_timers.empty() && m_timers.begin()->first.first <= m_now;
 }
 
-// Who sleeps outside the run loop is initialising the client: there is no loop before that ends.
+// A thread that sleeps outside the run loop is initialising the client: there is no loop before that ends.
 bool VirtualTime::quiet() const {
   return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0);
 }
 
-// Waits for a change where somebody is busy, else goes on to the next deadline; false, at once, when that is beyond the limit.
+// Waits for a change where a thread is busy, else goes on to the next deadline; false, at once, when that is beyond the
+// limit.
 bool VirtualTime::pass(Lock& lock, TimePoint limit) {
   if (!quiet()) {
     m_changed.wait(lock);
@@ -249,12 +250,14 @@ Clock::time_point Clock::now() {
   return VirtualTime::instance().now();
 }
 
-Timer::Timer(sd_event*, std::chrono::milliseconds delay, std::function<void()> action) : m_action(std::move(action)) {
+Timer::Timer(void*, std::chrono::milliseconds delay, std::function<void()> action, Series series)
+    : m_action(std::move(action)) {
   const auto fire = [this] {
     const auto due = std::move(m_action);  // which may destroy this
     due();
   };
-  m_running.reset(new VirtualTime::TimerId(VirtualTime::instance().start_timer(delay, fire)));
+  m_running.reset(
+      new VirtualTime::TimerId(VirtualTime::instance().start_timer(delay, fire, series == Series::kEndless)));
 }
 
 void Timer::Stop::operator()(void* running) const {

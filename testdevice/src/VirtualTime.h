@@ -15,12 +15,12 @@ namespace orvel::testing {
 
 // One for the process; it outlives everything. Any thread may use it.
 //
-// Time passes only while somebody waits for it: inside settle() and advance(), and inside a wait that passes time itself. It
-// then goes from one deadline to the next, and to each only when the device's thread and the client's run loop have nothing
-// left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
+// Time passes only while a thread waits for it: inside settle() and advance(), and inside a wait that passes time itself.
+// It then goes from one deadline to the next, and to each only when the device's thread and the client's run loop have
+// nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
 //
-// The client's run loop, when it sleeps, waits for somebody else to let time pass: a test that kills a service and starts it
-// again must not find that the client has given up meanwhile.
+// The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and starts
+// it again must not find that the client has given up meanwhile.
 class VirtualTime {
  public:
   using Duration = std::chrono::nanoseconds;
@@ -63,7 +63,7 @@ class VirtualTime {
   // Ends the calls that wait: their connections are going.
   void end_calls();
 
-  // Nobody sleeps, and nobody falls asleep, as long as there are interrupts.
+  // No thread sleeps, and none falls asleep, as long as there are interrupts.
   void interrupt();
   void end_interrupt();
   [[nodiscard]] bool interrupted();

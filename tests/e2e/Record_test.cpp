@@ -383,9 +383,9 @@ TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
     std::string lines;
     const char* expected;
   } rows[] = {
-      {"", "hand.jsonl:1: no recording: the file is empty"},
+      {"", "hand.jsonl:1: not a recording: the file is empty"},
       {"hello\n", "hand.jsonl:1: parse error at line 1"},
-      {"{}\n", "hand.jsonl:1: no recording: expected a header"},
+      {"{}\n", "hand.jsonl:1: not a recording: expected a header"},
       {R"({"format":"orvel-recording","version":2,"masked":false})",
        ":1: a recording of version 2; this program knows"},
       {kHeader + whole + whole.substr(0, 40), "hand.jsonl:3: parse error"},

@@ -24,10 +24,10 @@ void requirePlace(const std::string& what, const std::string& file) {
 
 std::string masked(const Recording& recording) {
   std::string lines = recordingHeader(Json::object(), true).dump() + "\n";
-  Masks masks(defaultScenario());
+  Redactions redactions(defaultScenario());
   for (const RecordedEntry& recorded : recording.entries) {
     Json entry = recorded.entry;
-    masks.apply(entry);
+    redactions.apply(entry);
     lines += entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
   return lines;

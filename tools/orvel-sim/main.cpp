@@ -1,24 +1,15 @@
-// orvel-sim: a simulated device, and the orders that change and break it.
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
+// orvel-sim: a simulated device, and the verbs that change and break it.
 #include <chrono>
 #include <functional>
-#include <iomanip>
-#include <iostream>
-#include <map>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include "device/Intent.h"
 #include "device/Scenario.h"
 #include "device/ShippedScenarios.h"
-#include "device/Traffic.h"
 #include "tools/cli/Failure.h"
 #include "tools/cli/Integration.h"
 #include "tools/cli/Options.h"
@@ -26,11 +17,12 @@
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Run.h"
 #include "tools/orvel-sim/verbs/AssistantVerbs.h"
+#include "tools/orvel-sim/verbs/BroadcastVerbs.h"
 #include "tools/orvel-sim/verbs/CompletionValues.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/FaultVerbs.h"
-#include "tools/orvel-sim/verbs/Orders.h"
 #include "tools/orvel-sim/verbs/PackageVerbs.h"
-#include "tools/orvel-sim/verbs/RecordVerbs.h"
+#include "tools/orvel-sim/verbs/RecordingVerbs.h"
 #include "tools/orvel-sim/verbs/StateVerbs.h"
 
 namespace orvel::sim {
@@ -75,30 +67,6 @@ run with a command gives the command's own, 128 + N when signal N killed it. Wit
 standard output, {"error": {"status": ..., "exitStatus": ..., "message": ...}}, which share/orvel/failure.schema.json
 describes.)";
 
-void showTraffic(std::uint64_t last, bool follow, bool json) {
-  Control control = Control::connect();
-  constexpr std::uint64_t kNone = UINT64_MAX;
-  const auto newest =
-      control.send({{"order", "traffic"}, {"after", kNone}, {"wait", false}}).at("newest").get<std::uint64_t>();
-  std::uint64_t seen = newest - std::min(newest, last);
-  while (follow || seen < newest) {
-    const Json answer = control.send({{"order", "traffic"}, {"after", seen}, {"wait", follow}});
-    for (const Json& entry : answer.at("entries")) {
-      print(json ? entry.dump() : describeEntry(entry));
-      seen = entry.at("number");
-    }
-    if (answer.at("entries").empty()) seen = std::max(seen, answer.at("newest").get<std::uint64_t>());
-  }
-}
-
-Json readComponent(const std::string& word) {
-  const std::size_t slash = word.find('/');
-  if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) {
-    throw ScenarioError("--component: expected PACKAGE/CLASS, not '" + word + "'");
-  }
-  return {{"package", word.substr(0, slash)}, {"class", word.substr(slash + 1)}};
-}
-
 // The verbs, each with what its options are read into.
 class CommandLine {
  public:
@@ -112,13 +80,14 @@ class CommandLine {
         "before the subcommand: give up when the device has not answered after so many seconds; not for run"));
     addRun();
     addStateVerbs(m_app);
-    addEvents();
+    addBroadcastVerbs(m_app);
     addPackageVerb(m_app);
     addProcessVerb(m_app);
     addDirectiveVerb(m_app);
     addEventResultVerb(m_app);
     addFaultVerbs(m_app);
     addViews();
+    addTrafficVerb(m_app);
     addMetricsVerb(m_app);
     addReplayVerb(m_app, m_status);
     addConvertVerb(m_app);
@@ -163,53 +132,6 @@ class CommandLine {
     alone->add_option("parent", m_parent)->required();
   }
 
-  // What happens without changing any state.
-  void addEvents() {
-    CLI::App* broadcast = addVerb("broadcast", "Send a broadcast to the clients that registered for it", {});
-    broadcast->add_option("action", m_word)->required()->type_name("");
-    const auto addPart = [&](const std::string& key, const char* value, const char* about) {
-      broadcast->add_option("--" + key, m_parts[key], about)->type_name(value);
-    };
-    addPart("data", "URI", "the data, such as package:NAME");
-    addPart("type", "MIME", "the MIME type of the data");
-    addPart("package", "NAME", "the package that is meant");
-    addPart("component", "PACKAGE/CLASS", "the component that is meant");
-    std::map<const CLI::Option*, const ExtraType*> extras;
-    for (const ExtraType& type : extraTypes()) {
-      CLI::Option* option = broadcast->add_option("--" + type.name)->take_all()->type_name(type.help);
-      extras[option->description("an extra; any number of them, sent in this order")] = &type;
-    }
-    broadcast->callback([this, broadcast, extras] { orderBroadcast(readBroadcast(*broadcast, extras)); });
-
-    CLI::App* sync = addVerb("time-sync", "Broadcast that the clock was set", [this] {
-      const auto now = std::chrono::system_clock::now().time_since_epoch();
-      const auto set = m_newTime.value_or(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
-      const std::string service = "com.quarlo.velmos.service.timeservice.clock.";
-      const auto extra = [&](const char* key, std::int64_t time) {
-        return Json{{"key", service + key}, {"type", "long"}, {"value", time}};
-      };
-      orderBroadcast({{"action", service + "TIME_SYNC"},
-                      {"extras", {extra("OLD_TIME_MILLIS", m_oldTime.value_or(set)), extra("NEW_TIME_MILLIS", set)}}});
-    });
-    sync->add_option("old", m_oldTime, "milliseconds since 1970 before; without it, as after")->type_name("");
-    sync->add_option("new", m_newTime, "and after; without it, now")->type_name("");
-  }
-
-  Json readBroadcast(const CLI::App& verb, const std::map<const CLI::Option*, const ExtraType*>& types) const {
-    if (m_word.empty()) throw ScenarioError("broadcast: the action is empty");
-    Json intent = {{"action", m_word}};
-    for (const auto& [key, text] : m_parts) {
-      if (!text.empty()) intent[key] = key == "component" ? readComponent(text) : Json(text);
-    }
-    std::map<const CLI::Option*, std::size_t> taken;
-    for (const CLI::Option* option : verb.parse_order()) {
-      const auto type = types.find(option);
-      if (type == types.end()) continue;
-      intent["extras"].push_back(readExtra(*type->second, option->results().at(taken[option]++)));
-    }
-    return intent;
-  }
-
   void addViews() {
     const auto addView = [&](const char* verb, const char* about, std::function<void()> show) {
       CLI::App* view = addVerb(verb, about, std::move(show));
@@ -217,17 +139,8 @@ class CommandLine {
       return view;
     };
     addView("state", "Show the scenario as it is now, ready for --scenario",
-            [this] { print(order("scenario").at("scenario").dump(m_json ? -1 : 2)); });
+            [this] { print(ask("scenario").at("scenario").dump(m_json ? -1 : 2)); });
     addView("services", "List the services and their processes", [this] { show(servicesReading(), m_json); });
-    CLI::App* traffic = addView("traffic", "Show the transactions as they happen, decoded, until interrupted", {});
-    CLI::Option* last = traffic->add_option("--last", m_last, "begin with so many of the newest that are over");
-    last->description(last->get_description() + "; by default " + std::to_string(m_last) + ", with --record none");
-    traffic->add_flag("--past", m_past, "show all that are kept, at most 1000, and end");
-    addRecordOptions(*traffic, m_record);
-    traffic->callback([this, last] {
-      if (m_record.file.empty()) return showTraffic(m_past ? UINT64_MAX : m_last, !m_past, m_json);
-      recordTraffic(m_record, m_past ? UINT64_MAX : last->count() == 0 ? 0 : m_last, m_past);
-    });
   }
 
   static std::string whatIsWrong(const CLI::App* app, const CLI::Error& error) {
@@ -252,15 +165,8 @@ class CommandLine {
   RunOptions m_run;
   std::string m_file;
   std::string m_service;
-  std::string m_word;
   pid_t m_parent = 0;
-  std::optional<std::int64_t> m_oldTime;
-  std::optional<std::int64_t> m_newTime;
-  std::map<std::string, std::string> m_parts;  // of a broadcast
   bool m_json = false;
-  std::uint64_t m_last = 10;
-  bool m_past = false;
-  RecordOptions m_record;
 };
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "Keys.h"
-#include "tools/orvel-sim/host/Supervisor.h"
 
 namespace orvel::kills {
 namespace {

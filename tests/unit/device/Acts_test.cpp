@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "device/CurrentScenario.h"
 #include "device/Scenario.h"
 
 namespace orvel::sim {
@@ -24,7 +25,9 @@ class Acts : public ::testing::Test {
                          "here")) {}
 
   void act(const char* verb, const std::string& name, const Json& values = Json::object()) {
-    m_scenario = changed(m_scenario, makeAct(verb, name, values));
+    CurrentScenario scenario(m_scenario);
+    scenario.apply(scenario.resolve(makeAct(verb, name, values)));
+    m_scenario = scenario.json();
   }
   void expectRefusal(const char* verb, const std::string& name, const std::string& why) {
     const Json before = m_scenario;
@@ -130,18 +133,18 @@ TEST_F(Acts, AServiceFlapsAsOftenAsItIsToldAndThenLives) {
   act("flap", "power", {{"periodMs", 30}, {"count", 2}});
   EXPECT_EQ(flapInterval(power())->count(), 15);
   std::string life;
-  for (; flapInterval(power()); life += power().at("alive") ? "+" : "-") flapOnce(power());
+  for (; flapInterval(power()); life += power().at("alive") ? "+" : "-") act("flapOnce", "power");
   EXPECT_EQ(life, "-+-+");
 
   act("flap", "power", {{"periodMs", 30}});
-  for (int n = 0; n < 101; ++n) flapOnce(power());
+  for (int n = 0; n < 101; ++n) act("flapOnce", "power");
   EXPECT_EQ(power().at("alive"), false);
   act("flap", "power");
   EXPECT_EQ(power().at("alive"), true) << "who ends it leaves the service alive";
   EXPECT_FALSE(flapInterval(power()));
 
   act("flap", "power", {{"periodMs", 30}});
-  liveFromNowOn(power(), false);
+  act("live", "power", {{"alive", false}});
   EXPECT_FALSE(flapInterval(power()));
   act("flap", "power");
   EXPECT_EQ(power().at("alive"), false) << "one that does not flap is not revived";

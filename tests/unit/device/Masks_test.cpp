@@ -13,7 +13,7 @@ class Masking : public ::testing::Test {
  protected:
   std::string masked(const std::string& entry) {
     Json json = Json::parse(entry);
-    m_masks.apply(json);
+    m_redactions.apply(json);
     return json.dump();
   }
   // Of a request's reply, as JSON.
@@ -21,11 +21,12 @@ class Masking : public ::testing::Test {
     const Json entry = {{"service", service}, {"method", method}, {"arguments", Json::object()}, {"reply", 0}};
     Json json = entry;
     json["reply"] = Json::parse(value);
-    m_masks.apply(json);
+    m_redactions.apply(json);
     return json.at("reply").dump();
   }
 
-  Masks m_masks{readScenario(R"({"delegate": {"name": "", "serialNumber": "", "customerId": "<unknown>"}})", "here")};
+  Redactions m_redactions{
+      readScenario(R"({"delegate": {"name": "", "serialNumber": "", "customerId": "<unknown>"}})", "here")};
 };
 
 TEST_F(Masking, WhatTellsOfTheOwnerIsMaskedAndWhatClientsComputeWithIsNot) {

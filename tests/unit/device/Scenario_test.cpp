@@ -1,4 +1,4 @@
-#include "device/Scenario.h"
+#include "device/CurrentScenario.h"
 
 #include <gtest/gtest.h>
 
@@ -7,6 +7,9 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "device/Acts.h"
+#include "device/Scenario.h"
 
 namespace orvel::sim {
 namespace {
@@ -93,7 +96,14 @@ TEST(Scenario, AWordIsReadAsItsFieldWantsIt) {
 
 TEST(Scenario, AChangeLeavesACompleteScenario) {
   const Json initial = defaultScenario();
-  const auto with = [](const Json& scenario, const Words& words, const std::optional<std::string>& value) {
+  const auto changed = [](const Json& scenario, const Json& change) {
+    CurrentScenario current(scenario);
+    current.apply(current.resolve(change));
+    EXPECT_EQ(current.json().dump(), readScenario(current.json().dump(), "complete").dump())
+        << "complete, and in order";
+    return current.json();
+  };
+  const auto with = [&](const Json& scenario, const Words& words, const std::optional<std::string>& value) {
     return changed(scenario, changeOf(words, value));
   };
   const Json named = with(initial, {"name"}, "Hall");
@@ -127,13 +137,40 @@ TEST(Scenario, AChangeLeavesACompleteScenario) {
       errorOf([&] { with(initial, {"name"}, std::string(5'000'000, 'x')); }).rfind("the scenario is too large", 0), 0U);
 }
 
-TEST(Scenario, DifferencesComeInTheOrderOfWhatIsAndThenWhatIsGone) {
-  std::string told;
-  forEachDifference(Json::parse(R"({"a": 1, "b": 2, "c": 3, "d": 4})"), Json::parse(R"({"d": 4, "e": 5, "a": 7})"),
-                    [&](const std::string& key, const Json& was, const Json& is) {
-                      told += key + was.dump() + ">" + is.dump() + " ";
-                    });
-  EXPECT_EQ(told, "enull>5 a1>7 b2>null c3>null ");
+TEST(Scenario, AChangeIsTheValuesThatItMakesOthers) {
+  const Json initial = readScenario(R"({"delegate": {"settings": {"a": "1", "b": "2", "c": "3", "d": "4"}}})", "here");
+  const struct {
+    Json change;
+    std::string differences;
+  } rows[] = {
+      {changeOf({"setting", "a"}, "7"), R"(delegate settings a "1">"7" )"},
+      {changeOf({"setting", "a"}, "1"), ""},
+      {changeOf({"setting", "e"}, std::nullopt), ""},
+      {changeOf({"settings"}, R"({"d": "4", "e": "5", "a": "7"})"),
+       R"(delegate settings e null>"5" delegate settings a "1">"7" delegate settings b "2">null )"
+       R"(delegate settings c "3">null )"},
+      {changeOf({"power"}, R"({"screenOn": false})"), "power screenOn  true>false "},
+      {changeOf({"power", "faults", "*", "hang"}, "true"), R"(power faults  {}>{"*":{"hang":true}} )"},
+      {changeOf({"about"}, "a test"), ""},
+      {makeAct("set", "events", {{"reply", 0}, {"result", 0}}), "events reply  1>0 "},
+      {makeAct("flap", "power", {{"periodMs", 20}}), R"(power flap  null>{"periodMs":20} )"},
+  };
+  for (const auto& row : rows) {
+    CurrentScenario scenario(initial);
+    const Json edits = scenario.resolve(row.change);
+    std::string differences;
+    for (const Difference& each : scenario.apply(edits)) {
+      differences +=
+          each.section + " " + each.field + " " + each.key + " " + each.was.dump() + ">" + each.is.dump() + " ";
+    }
+    EXPECT_EQ(differences, row.differences) << row.change;
+    CurrentScenario copy(initial);  // as a process with a copy of the scenario has it
+    copy.apply(edits);
+    EXPECT_EQ(copy.json(), scenario.json()) << row.change;
+    CurrentScenario late(initial);
+    late.apply(editsTo(scenario.json()));
+    EXPECT_EQ(late.json().at("delegate"), scenario.json().at("delegate")) << row.change;
+  }
 }
 
 TEST(Scenario, TextIsReadUpToAnEndAndNotWithoutOne) {

@@ -356,7 +356,7 @@ TEST_F(TestDeviceTest, WhatCannotBeIsRefusedInTheWordsOfTheCommandLine) {
       {[&] { device.package("install", "a", "7"); }, "expected a JSON object, not '7'"},
       {[&] { device.package("remove", "a"); }, "package a does not exist"},
       {[&] { device.directive("Alerts", {}); }, "no client holds the namespace Alerts"},
-      {[&] { device.eventResult("NEVER"); }, "'NEVER' is no result"},
+      {[&] { device.eventResult("NEVER"); }, "'NEVER' is not a result"},
       {[&] { device.error("power", 7); }, "/power/faults/*/error: expected a whole number"},
   };
   for (const auto& row : rows) {

@@ -7,13 +7,13 @@
 #include <new>
 #include <utility>
 
-#include "tools/orvel-sim/host/Supervisor.h"
+#include "vesk/vesk.h"
 
 namespace orvel::sim {
 namespace {
 
 std::atomic<bool> g_time_is_over{false};
-std::atomic<void*> g_runtime{nullptr};  // in which orders are given, once there is one
+std::atomic<void*> g_runtime{nullptr};  // of the messages, once there is one
 
 std::string noAnswer() {
   return std::string("the device in ") + vesk_runtime_directory() + " did not answer: ";
@@ -31,7 +31,7 @@ TimeLimit::TimeLimit(std::chrono::duration<double> limit) {
   m_thread = std::thread([this, end] {
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_ended.wait_until(lock, end, [this] { return m_over; })) return;
-    // In this order: whoever gets a runtime too late to be interrupted sees that the time is over.
+    // In this order: a thread that gets a runtime too late to be interrupted sees that the time is over.
     g_time_is_over = true;
     if (void* const runtime = g_runtime) vesk_shutdown(runtime);
   });
@@ -47,7 +47,7 @@ TimeLimit::~TimeLimit() {
 }
 
 Control Control::connect() {
-  // That limit is for the clients under test; an order may take longer than they are allowed to wait.
+  // That limit is for the clients under test; a message may take longer than they are allowed to wait.
   unsetenv("ORVEL_CALL_TIMEOUT_MS");
   void* runtime = nullptr;
   if (vesk_get_runtime(&runtime) != 0) throw NoDevice(std::string());
@@ -69,11 +69,11 @@ Control::~Control() {
   vesk_service_unbind(m_runtime, &m_handle);
 }
 
-Json Control::send(const Json& order, vesk_endpoint* endpoint) {
+Json Control::send(const Json& message, vesk_endpoint* endpoint) {
   const PayloadPtr request(vesk_payload_alloc());
   const BufferPtr reply(vesk_buffer_alloc());
   if (!request || !reply) throw std::bad_alloc();
-  writeMessage(request.get(), order);
+  writeMessage(request.get(), message);
   if (endpoint != nullptr) vesk_write_endpoint(request.get(), endpoint);
   if (const int error = vesk_call(m_runtime, &m_handle, 0, request.get(), reply.get()); error != 0) {
     checkTime();

@@ -1,4 +1,4 @@
-// Giving orders to the device that lives in the runtime directory.
+// The connection of orvel-sim's verbs to the device that lives in the runtime directory.
 #pragma once
 
 #include <chrono>
@@ -11,6 +11,9 @@
 
 namespace orvel::sim {
 
+// The name under which the supervisor takes messages. A device is a runtime directory in which a process serves it.
+constexpr char kControlName[] = "orvel-sim-control";
+
 // No device lives in the runtime directory, or it ended. The text is empty where vesk has said so already.
 struct NoDevice : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -21,8 +24,8 @@ struct TimedOut : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// While there is one, the orders of this process end when its time is over: those in progress and all later ones. One in
-// a process.
+// While there is one, the messages of this process fail once its time is over: those in progress and all later ones. One
+// in a process.
 class TimeLimit {
  public:
   explicit TimeLimit(std::chrono::duration<double> limit);
@@ -40,16 +43,16 @@ class TimeLimit {
 // A connection to the supervisor. Any thread, one at a time.
 class Control {
  public:
-  // Of a process that is no device itself. Throws NoDevice and TimedOut.
+  // Of a process that is not a device itself. Throws NoDevice and TimedOut.
   static Control connect();
   // Of a process that has a runtime. Throws NoDevice.
   explicit Control(void* runtime);
   Control(Control&& other) noexcept;
   ~Control();
 
-  // Sends one order and gives its answer; `endpoint` goes along unless it is null. Throws NoDevice when the device dies,
-  // TimedOut when it does not answer, and std::runtime_error when it refuses the order.
-  Json send(const Json& order, vesk_endpoint* endpoint = nullptr);
+  // The answer to one message, which has the key "order"; `endpoint` goes along unless it is null. Throws NoDevice when the
+  // device dies, TimedOut when it does not answer, and std::runtime_error when it refuses.
+  Json send(const Json& message, vesk_endpoint* endpoint = nullptr);
 
  private:
   void* m_runtime;

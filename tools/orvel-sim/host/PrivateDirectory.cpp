@@ -19,13 +19,13 @@ namespace fs = std::filesystem;
 constexpr char kPrefix[] = "orvel-sim-";
 constexpr char kSuffix[] = "XXXXXX";
 
-// A descriptor that holds the lock of the directory, or -1 where another process has it or the directory is somebody else's.
+// A descriptor that holds the lock of the directory, or -1 where another process has it or another user owns the directory.
 int lock(const fs::path& directory) {
   const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (descriptor < 0) return -1;
   struct stat opened {};
   struct stat found {};
-  // It may have been removed between the two, by who had the lock before.
+  // It may have been removed between the two, by the process that had the lock before.
   if (fstat(descriptor, &opened) == 0 && opened.st_uid == geteuid() && flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
       stat(directory.c_str(), &found) == 0 && found.st_ino == opened.st_ino) {
     return descriptor;
@@ -52,7 +52,7 @@ void removeAbandoned(const fs::path& temporary) {
 PrivateDirectory::PrivateDirectory() {
   const fs::path temporary = fs::temp_directory_path();
   removeAbandoned(temporary);
-  // One that somebody was faster to lock is being removed as abandoned; it is rare once, let alone so often.
+  // Another process may lock it first and remove it as abandoned; that is rare once, let alone so often.
   constexpr int kAttempts = 100;
   for (int attempt = 0; m_lock < 0; ++attempt) {
     std::string path = temporary / (std::string(kPrefix) + kSuffix);

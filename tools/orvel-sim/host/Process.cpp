@@ -142,7 +142,7 @@ void endOrphans() {
     bool any = false;
     for (pid_t pid = 0; children >> pid; any = true) kill(pid, left > 0 ? SIGTERM : SIGKILL);
     if (!any) return;  // the kernel does not tell them
-    // Those that are still to come are the children of who ends now.
+    // Those that are still to come are the children of the processes that end now.
     const timespec pause = left > 0 ? timespec{left / 1000, left % 1000 * 1'000'000} : timespec{1, 0};
     sigtimedwait(&child, nullptr, &pause);
   }

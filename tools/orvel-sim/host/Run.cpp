@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -17,8 +16,8 @@
 #include <utility>
 
 #include "tools/cli/Streams.h"
-#include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/EventSource.h"
+#include "tools/orvel-sim/host/IsolatedService.h"
 #include "tools/orvel-sim/host/PrivateDirectory.h"
 #include "tools/orvel-sim/host/Process.h"
 #include "tools/orvel-sim/host/Supervisor.h"
@@ -27,9 +26,6 @@ namespace orvel::sim {
 namespace {
 
 namespace fs = std::filesystem;
-
-// How long entries of the traffic may wait for others to go with.
-constexpr std::chrono::milliseconds kSoon(5);
 
 // Removes a directory at the end, with all that is in it.
 class RemovedDirectory {
@@ -71,9 +67,9 @@ class Signals {
 };
 
 // The life of a device: its services, perhaps a command, and how both end.
-class Device {
+class ServedDevice {
  public:
-  Device(void* runtime, const RunOptions& options)
+  ServedDevice(void* runtime, const RunOptions& options)
       : m_runtime(runtime),
         m_event(vesk_service_event(runtime)),
         m_command(options.command),
@@ -150,101 +146,6 @@ class Device {
   Signals m_signals;
 };
 
-// An isolated service and its host: a copy of the scenario, kept up to date by the supervisor.
-class LoneHost : public Host, private Endpoint {
- public:
-  LoneHost(void* runtime, const ServiceType& type) : Host(runtime), m_control(runtime) {
-    learn(m_control.send({{"order", "attach"}}, Endpoint::get()));
-    m_service = type.make(type, *this);
-  }
-
-  void serve() {
-    m_service->publish();
-    m_control.send({{"order", "ready"}});
-    vesk_run_loop(runtime());
-  }
-
-  // In the run loop, which ends.
-  void stop() {
-    m_service.reset();
-    deliveries().stop();
-    vesk_shutdown(runtime());
-  }
-
-  const Json& scenario() const override { return m_scenario; }
-  void change(const Json& change) override { learn(m_control.send({{"order", "change"}, {"change", change}})); }
-  void record(Json entry) override {
-    keep(std::move(entry));
-    handInEntries();
-  }
-  // A round trip for each of thousands of deliveries would take seconds.
-  void recordSoon(Json entry) override {
-    keep(std::move(entry));
-    if (m_entries.size() == kEntriesAtOnce) return handInEntries();
-    if (m_soon) return;
-    m_soon = std::make_unique<Timer>(vesk_service_event(runtime()), kSoon, [this] { handInEntries(); });
-  }
-
- private:
-  int onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) override {
-    const Json message = readMessage(request);
-    Json answer;
-    if (const auto event = message.find("event"); event != message.end()) {
-      answer = answerTo(*event);
-    } else {
-      learn(message);
-    }
-    if (!m_entries.empty()) handInEntries();  // whoever gave the order finds what it did in the traffic
-    writeMessage(reply, answer);
-    return 0;
-  }
-
-  Json answerTo(const Json& event) {
-    try {
-      return m_service->event(event);
-    } catch (const std::exception& error) {
-      return failure(error.what());
-    }
-  }
-
-  void keep(Json entry) {
-    if (!m_recording) shortenEntry(entry);
-    m_entries.push_back(std::move(entry));
-  }
-
-  void handInEntries() {
-    m_soon.reset();
-    const std::string text =
-        std::exchange(m_entries, Json::array()).dump(-1, ' ', false, Json::error_handler_t::replace);
-    try {
-      for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end) {
-        end = pieceEnd(text, begin);
-        const bool last = end == text.size();
-        m_control.send({{"order", "record"}, {"piece", text.substr(begin, end - begin)}, {"last", last}});
-      }
-    } catch (const NoDevice&) {
-      // The device is ending; its answers may still arrive.
-    }
-  }
-
-  // An update may have been under way while a change of this process's own was answered.
-  void learn(const Json& news) {
-    if (!m_scenario.is_null() && news.at("revision") <= m_revision) return;
-    m_revision = news.at("revision");
-    m_recording = news.at("recording");
-    const Json before = std::exchange(m_scenario, news.at("scenario"));
-    if (m_service) m_service->changed(before);
-  }
-
-  Control m_control;
-  std::uint64_t m_revision = 0;
-  bool m_recording = false;
-  Json m_scenario;
-  Json m_entries = Json::array();  // that the supervisor has not got yet
-  std::unique_ptr<Timer> m_soon;   // set while they wait
-  std::unique_ptr<Service> m_service;
-};
-
 }  // namespace
 
 int runDevice(const RunOptions& options) {
@@ -260,8 +161,9 @@ int runDevice(const RunOptions& options) {
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
   const RemovedDirectory made(found ? fs::path() : directory);
-  const int status = Device(runtime, options).run();
-  // What the command has started may hold on to the streams of whoever waits for this process, and has no device any more.
+  const int status = ServedDevice(runtime, options).run();
+  // What the command has started may keep open the streams that the parent of this process reads, and has no device any
+  // more.
   if (temporary) endOrphans();
   return status;
 }
@@ -271,7 +173,7 @@ int serveAlone(const std::string& name, pid_t parent) {
   blockSignals();
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;
-  LoneHost host(runtime, serviceCalled(name));
+  IsolatedService host(runtime, serviceCalled(name));
   // A terminal's Ctrl-C reaches this process too, but when to end is for the device to say.
   const Signals signals(vesk_service_event(runtime), {SIGTERM}, [&](const signalfd_siginfo&) { host.stop(); });
   host.serve();

@@ -16,7 +16,8 @@ class Replay;
 struct RunOptions {
   Json scenario;
   bool isolate = false;
-  std::shared_ptr<Replay> replay;  // that answers in place of the services, which are not isolated then; null: they do
+  // Answers in place of the services, which are not isolated then; null: the services answer.
+  std::shared_ptr<Replay> replay;
   std::vector<std::string> command;  // empty: serve until interrupted
 };
 

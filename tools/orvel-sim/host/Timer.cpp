@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "device/Endpoint.h"
+#include "vesk/vesk_service.h"
 
 namespace orvel::sim {
 
@@ -14,7 +15,8 @@ Clock::time_point Clock::now() {
   return std::chrono::steady_clock::now();
 }
 
-Timer::Timer(sd_event* event, std::chrono::milliseconds delay, std::function<void()> action)
+// The program waits for no series of timers.
+Timer::Timer(void* runtime, std::chrono::milliseconds delay, std::function<void()> action, Series)
     : m_action(std::move(action)) {
   const auto fire = [](sd_event_source*, std::uint64_t, void* self) noexcept {
     const auto due = std::move(static_cast<Timer*>(self)->m_action);
@@ -26,8 +28,8 @@ Timer::Timer(sd_event* event, std::chrono::milliseconds delay, std::function<voi
   const std::chrono::microseconds due =
       std::chrono::ceil<std::chrono::microseconds>(Clock::now().time_since_epoch()) + delay;
   constexpr std::uint64_t kAccuracy = 1;  // microseconds; 0 would stand for a quarter of a second
-  check(sd_event_add_time(event, &source, CLOCK_MONOTONIC, static_cast<std::uint64_t>(due.count()), kAccuracy, fire,
-                          this),
+  check(sd_event_add_time(vesk_service_event(runtime), &source, CLOCK_MONOTONIC,
+                          static_cast<std::uint64_t>(due.count()), kAccuracy, fire, this),
         "adding a timer");
   m_running.reset(source);
 }

@@ -13,7 +13,7 @@
 #include "device/Scenario.h"
 #include "device/Service.h"
 #include "device/Traffic.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
 namespace orvel::sim {
@@ -46,7 +46,7 @@ void sendDirective(std::vector<std::string> words) {
     throw ScenarioError("a directive has seven texts; '" + words[kDirectiveTexts] + "' is one too many");
   }
   words.resize(kDirectiveTexts);
-  const Json answer = orderEvent("coordinator", {{"namespace", nspace}, {"texts", words}});
+  const Json answer = sendEvent("coordinator", {{"namespace", nspace}, {"texts", words}});
   print("sent to process " + answer.at("pid").dump());
 }
 
@@ -72,7 +72,7 @@ std::string describeMetric(const Json& event) {
 }
 
 void showMetrics(std::uint64_t last, bool json) {
-  const auto ask = [](std::uint64_t after) { return orderEvent("metrics", {{"after", after}}); };
+  const auto ask = [](std::uint64_t after) { return sendEvent("metrics", {{"after", after}}); };
   const auto newest = ask(UINT64_MAX).at("newest").get<std::uint64_t>();
   for (std::uint64_t seen = newest - std::min(newest, last); seen < newest;) {
     const Json answer = ask(seen);
@@ -126,7 +126,7 @@ void addEventResultVerb(CLI::App& app) {
       values[field] = words->values.value(field, initial.at(field));
     }
     values["result"] = eventResultCalled(words->code);
-    orderChange(makeAct("set", "events", values));
+    sendChange(makeAct("set", "events", values));
   });
 }
 

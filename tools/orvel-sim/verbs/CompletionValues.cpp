@@ -10,19 +10,16 @@
 #include "device/EventResults.h"
 #include "device/Scenario.h"
 #include "device/Service.h"
+#include "device/ServiceNames.h"
 #include "device/ShippedScenarios.h"
 #include "tools/cli/TypedWord.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "vesk/vesk.h"
 
 namespace orvel::sim {
 namespace {
 
 using Names = std::vector<std::string>;
-
-// How a client is found that holds a namespace.
-constexpr char kHolderPrefix[] = "sim_broker_service_";
-constexpr char kHolderSuffix[] = "_vesk_endpoint";
 
 Names keysOf(const Json& object) {
   Names names;
@@ -72,15 +69,11 @@ std::string serviceNameOf(const std::string& file) {
 
 // Of the clients that published an endpoint for one; nothing needs to answer for that.
 Names heldNamespaces() {
-  const std::string prefix = kHolderPrefix;
-  const std::string suffix = kHolderSuffix;
   Names names;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(vesk_runtime_directory(), error)) {
-    const std::string name = serviceNameOf(entry.path().filename());
-    const bool is_holder = name.size() > prefix.size() + suffix.size() && name.rfind(prefix, 0) == 0 &&
-                           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
-    if (is_holder) names.push_back(name.substr(prefix.size(), name.size() - prefix.size() - suffix.size()));
+    const std::string nspace = namespaceIn(serviceNameOf(entry.path().filename()));
+    if (!nspace.empty()) names.push_back(nspace);
   }
   return names;
 }
@@ -164,14 +157,14 @@ int completeValues(const Names& words) {
   } else if (kind == "namespaces") {
     offer(heldNamespaces());
   } else if (kind == "features") {
-    offer(order("scenario").at("scenario").at("delegate").at("features").get<Names>());
+    offer(ask("scenario").at("scenario").at("delegate").at("features").get<Names>());
   } else if (kind == "fields") {
     // Sections and fields are the same in every device; what is below them is not.
     const Json initial = defaultScenario();
     if (before.empty() || initial.contains(before.front())) offer(nextWords(initial, before));
-    offer(nextWords(order("scenario").at("scenario"), before));
+    offer(nextWords(ask("scenario").at("scenario"), before));
   } else if (const auto place = live.find(kind); place != live.end()) {
-    offer(keysOf(order("scenario").at("scenario").at(place->second)));
+    offer(keysOf(ask("scenario").at("scenario").at(place->second)));
   }
   return 0;
 }

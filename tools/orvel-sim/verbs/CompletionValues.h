@@ -1,5 +1,5 @@
-// What may stand in a command line in a shell and no description of arguments lists: what the services are called, and what
-// the device in the runtime directory holds at the moment.
+// Completion values that the argument declarations do not list: the names of the services, and what the device in the
+// runtime directory holds at the moment.
 #pragma once
 
 #include <string>

@@ -18,7 +18,7 @@
 #include "device/Scenario.h"
 #include "device/Service.h"
 #include "tools/orvel-sim/host/Control.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 
 namespace orvel::sim {
 namespace {
@@ -104,7 +104,7 @@ CLI::App* addFault(CLI::App& app, const Fault& fault) {
     }
     Json change = changeOf({*target.service, kFaults, target.method.value_or(kEveryMethod), fault.key}, std::nullopt);
     if (target.value != "off") change["value"] = fault.read(target.value);
-    orderChange(change);
+    sendChange(change);
   });
   return verb;
 }
@@ -203,7 +203,7 @@ void addFlap(CLI::App& app) {
       number("periodMs", words->at(1));
       if (words->size() > 2) number("count", words->at(2));
     }
-    orderChange(makeAct("flap", words->front(), values));
+    sendChange(makeAct("flap", words->front(), values));
   });
 }
 
@@ -217,7 +217,7 @@ Reading servicesReading() {
          << service.at("name").get<std::string>() << (pid == 0 ? "dead" : "process " + std::to_string(pid));
     return line.str();
   };
-  return {[] { return order("services").at("services"); }, inWords};
+  return {[] { return ask("services").at("services"); }, inWords};
 }
 
 void addFaultVerbs(CLI::App& app) {

@@ -12,7 +12,7 @@
 
 #include "device/Acts.h"
 #include "device/Scenario.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
 namespace orvel::sim {
@@ -39,7 +39,7 @@ CLI::App* addPart(CLI::App& verb, const char* word, const char* about, std::func
 // One that performs the act of its name.
 CLI::App* addAct(CLI::App& verb, const char* act, const char* about,
                  const std::shared_ptr<Words>& words = std::make_shared<Words>()) {
-  const auto run = [act](const Words& given) { orderChange(makeAct(act, given.name, given.values)); };
+  const auto run = [act](const Words& given) { sendChange(makeAct(act, given.name, given.values)); };
   return addPart(verb, act, about, run, words);
 }
 
@@ -99,7 +99,7 @@ void addPackageVerb(CLI::App& app) {
   };
   for (const auto& [word, action] : events) {
     const auto run = [name = std::string("android.intent.action.") + action](const Words& words) {
-      orderBroadcast({{"action", name}, {"data", "package:" + words.name}});
+      sendBroadcast({{"action", name}, {"data", "package:" + words.name}});
     };
     addPart(*package, word, (std::string("Only broadcast ") + action).c_str(), run);
   }

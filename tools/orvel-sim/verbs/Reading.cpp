@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "device/Scenario.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 
 namespace orvel::sim {
 
@@ -29,7 +29,7 @@ void addReading(CLI::App& verb, Reading reading, std::function<void()> set) {
 }
 
 Json inForce(const std::vector<std::string>& words) {
-  std::optional<Json> value = valueIn(order("scenario").at("scenario"), words);
+  std::optional<Json> value = valueIn(ask("scenario").at("scenario"), words);
   if (!value) throw std::runtime_error(pathOf(words) + " is not set");
   return *std::move(value);
 }

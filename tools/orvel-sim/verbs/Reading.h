@@ -10,11 +10,11 @@
 
 namespace orvel::sim {
 
-// What a verb shows of the running device. Of a list each element has a line of its own.
+// The part of the device's state that a verb prints, one list element per line.
 struct Reading {
   std::function<Json()> read;
-  std::function<std::string(const Json&)>
-      inWords;  // where possible those that would set it; with --json it is the JSON
+  // Where possible the words that would set it. With --json the JSON is printed.
+  std::function<std::string(const Json&)> inWords;
 };
 void show(const Reading& reading, bool json);
 

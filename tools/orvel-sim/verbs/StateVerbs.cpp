@@ -11,7 +11,7 @@
 #include "device/Scenario.h"
 #include "device/ShippedScenarios.h"
 #include "device/services/Services.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
 namespace orvel::sim {
@@ -19,7 +19,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// Below the help of a verb: the values, described only when somebody reads it, for that takes long.
+// Below the help of a verb: the values, described only when the help is shown, because that takes long.
 void addValues(CLI::App& verb, const std::string& more = "") {
   verb.footer([] { return "Values:\n" + describeScenario(); });
   verb.footer("The service may be left out where only one has the field." + more);
@@ -47,7 +47,7 @@ void addSet(CLI::App& app) {
     if (words.size() < 2) throw ScenarioError("a FIELD and a VALUE are expected; there are\n" + describeScenario());
     const std::string value = words.back();
     words.pop_back();
-    orderChange(changeOf(words, value));
+    sendChange(changeOf(words, value));
   });
 }
 
@@ -56,7 +56,7 @@ void addUnset(CLI::App& app) {
   CLI::App* unset = app.add_subcommand("unset", "Remove a key, such as a setting");
   unset->add_option("field", *words, "[SERVICE] FIELD KEY...")->required()->type_name("");
   addValues(*unset);
-  unset->callback([words] { orderChange(changeOf(*words, {})); });
+  unset->callback([words] { sendChange(changeOf(*words, {})); });
 }
 
 // A verb that switches a flag by one word or another.
@@ -67,7 +67,7 @@ void addSwitch(CLI::App& app, const char* name, const char* about, const Words& 
   verb->add_option("state", *word, on + " or " + off)->check(CLI::IsMember({on, off}))->type_name("");
   const auto inWords = [on, off](const Json& value) { return value.get<bool>() ? on : off; };
   addReading(*verb, {[flag] { return inForce(flag); }, inWords},
-             [flag, word, on] { orderChange(changeOf(flag, *word == on ? "true" : "false")); });
+             [flag, word, on] { sendChange(changeOf(flag, *word == on ? "true" : "false")); });
 }
 
 void addAccount(CLI::App& app) {
@@ -92,7 +92,7 @@ void addAccount(CLI::App& app) {
     if (id && !added) throw ScenarioError("account removed: no ID is expected, not '" + *id + "'");
     if (id && id->empty()) throw ScenarioError("account added: the ID is empty");
     const Json initial = defaultScenario().at(Json::json_pointer("/delegate/customerId"));
-    orderChange(changeOf(path, added ? id.value_or(initial.get<std::string>()) : ""));
+    sendChange(changeOf(path, added ? id.value_or(initial.get<std::string>()) : ""));
   });
 }
 

@@ -38,8 +38,8 @@ struct Call {
   std::string method;     ///< "getSecureSetting"
   std::string arguments;  ///< as JSON: {"key":"volume"}
   std::string reply;      ///< as JSON; empty where there is none
-  std::string
-      failure;  ///< what came in place of a whole reply, "exception -5: ...", "hangs"; empty when nothing went wrong
+  /// What came in place of a whole reply, "exception -5: ...", "hangs"; empty when nothing went wrong.
+  std::string failure;
   std::chrono::nanoseconds duration;  ///< in virtual time
   std::chrono::nanoseconds time{};    ///< when it came to the service, in virtual time since the device's start
   std::uint64_t sequence = 0;  ///< its place among all calls and notifications, by their beginnings; the first has 1
@@ -121,7 +121,7 @@ class TestDevice {
   /// An action, or an intent as JSON: {"action": "...", "data": "package:com.example", "extras": [{"key": "...", "type":
   /// "int", "value": 1}]}. How many registrations it was for.
   int broadcast(const std::string& intent);
-  /// Up to seven texts for who holds the namespace.
+  /// Up to seven texts for the client that holds the namespace.
   void directive(const std::string& nspace, std::vector<std::string> texts);
   /// What the events that the client sends from now on result in, "TIMEOUT" or a number, and when.
   void eventResult(const std::string& result, std::chrono::milliseconds delay = {});
@@ -142,7 +142,7 @@ class TestDevice {
   void error(const std::string& service, int code, const std::string& method = kEveryMethod);
   /// Ends its replies after so many bytes.
   void truncate(const std::string& service, unsigned bytes, const std::string& method = kEveryMethod);
-  /// Closes the connection of who calls in place of an answer; `calls` times, or always.
+  /// Closes the connection of the caller in place of an answer; `calls` times, or always.
   void drop(const std::string& service, const std::string& method = kEveryMethod, int calls = 0);
   /// Dies in the middle of each period and is back at its end; `times`, or until repair().
   void flap(const std::string& service, std::chrono::milliseconds period, int times = 0);
@@ -177,9 +177,9 @@ class TestDevice {
   /// @}
 
  private:
-  class Device;
+  class LocalDevice;
 
-  std::unique_ptr<Device> m_device;
+  std::unique_ptr<LocalDevice> m_device;
 };
 
 }  // namespace orvel::testing

@@ -1,4 +1,4 @@
-#include "tools/orvel-sim/host/Runner.h"
+#include "tools/orvel-sim/host/ChildRunner.h"
 
 #include <unistd.h>
 
@@ -13,41 +13,11 @@ namespace {
 
 constexpr unsigned kMessageTimeoutMs = 5000;
 
+Json messageOf(const Update& update) {
+  return {{"revision", update.revision}, {"edits", update.edits}};
+}
+
 }  // namespace
-
-Json failure(const std::string& what) {
-  return {{"error", what}};
-}
-
-pid_t InProcessRunner::pid() const {
-  return m_service ? getpid() : 0;
-}
-
-void InProcessRunner::start(Done done) {
-  try {
-    auto service = type().make(type(), m_host);
-    service->publish();
-    m_service = std::move(service);
-  } catch (const std::system_error& error) {
-    return done(error.what());
-  }
-  done({});
-}
-
-void InProcessRunner::kill(Done done) {
-  m_service.reset();
-  done({});
-}
-
-// The service reads the scenario of this process.
-void InProcessRunner::update(const Json& before, const Json&, Done done) {
-  if (m_service) m_service->changed(before);
-  done({});
-}
-
-void InProcessRunner::event(const Json& event, Answer answer) {
-  answer(m_service->event(event));
-}
 
 void ChildRunner::start(Done done) {
   const std::vector<std::string> arguments = {"orvel-sim", "serve-alone", type().id, std::to_string(getpid())};
@@ -96,31 +66,47 @@ void ChildRunner::ended(const siginfo_t& end) {
   });
 }
 
-// Whoever is dead, or dies meanwhile, is told when it starts.
-void ChildRunner::update(const Json&, const Json& news, Done done) {
-  tell(news, [this, done = std::move(done)](int error, const Json&) {
+// A process that is dead, or dies meanwhile, learns the whole scenario when it starts.
+void ChildRunner::update(const Update& update, Done done) {
+  send({{"updates", Json::array({messageOf(update)})}}, true, [this, done = std::move(done)](int error, const Json&) {
+    done(error == 0 || error == -EPIPE ? "" : type().id + " did not take the change: " + std::strerror(-error));
+  });
+}
+
+void ChildRunner::recording(bool recorded, Done done) {
+  send({{"recording", recorded}}, false, [this, done = std::move(done)](int error, const Json&) {
     done(error == 0 || error == -EPIPE ? "" : type().id + " did not take the change: " + std::strerror(-error));
   });
 }
 
 void ChildRunner::event(const Json& event, Answer answer) {
-  tell({{"event", event}}, [this, answer = std::move(answer)](int error, const Json& heard) {
+  send({{"event", event}}, false, [this, answer = std::move(answer)](int error, const Json& heard) {
     answer(error == 0 ? heard : failure(type().id + " did not take the event: " + std::strerror(-error)));
   });
 }
 
-void ChildRunner::tell(const Json& message, Heard heard) {
+Json ChildRunner::learntFrom(const Update& own) const {
+  Json updates = Json::array();
+  for (const Message& message : m_messages) {
+    if (!message.update.is_null()) updates.push_back(message.update);
+  }
+  updates.push_back(messageOf(own));
+  return {{"updates", updates}};
+}
+
+void ChildRunner::send(const Json& message, bool isUpdate, Heard heard) {
   const PayloadPtr payload(vesk_payload_alloc());
   if (!payload) return heard(-ENOMEM, {});
   if (!m_remote) return heard(-EPIPE, {});
   writeMessage(payload.get(), message);
-  const auto sent = m_messages.insert(m_messages.end(), {this, std::move(heard), {}});
+  const Json update = isUpdate ? message.at("updates").front() : Json();
+  const auto sent = m_messages.insert(m_messages.end(), {this, update, std::move(heard), {}});
   sent->self = sent;
   const auto completed = [](void* context, int error, vesk_buffer* reply) {
     const Message& done = *static_cast<Message*>(context);
-    const Heard tellHeard = done.heard;
+    const Heard callHeard = done.heard;
     done.runner->m_messages.erase(done.self);
-    tellHeard(error, error == 0 ? readMessage(reply) : Json());
+    callHeard(error, error == 0 ? readMessage(reply) : Json());
   };
   if (const int error = vesk_remote_call(m_remote.get(), 0, payload.get(), kMessageTimeoutMs, completed, &*sent)) {
     completed(&*sent, error, nullptr);

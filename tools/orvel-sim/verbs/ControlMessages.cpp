@@ -1,4 +1,4 @@
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 
 #include <iostream>
 
@@ -12,20 +12,20 @@ void print(const std::string& line) {
   cli::flushOutput();
 }
 
-Json order(const char* name) {
-  return Control::connect().send({{"order", name}});
+Json ask(const char* question) {
+  return Control::connect().send({{"order", question}});
 }
 
-void orderChange(const Json& change) {
+void sendChange(const Json& change) {
   Control::connect().send({{"order", "change"}, {"change", change}});
 }
 
-Json orderEvent(const char* service, const Json& event) {
+Json sendEvent(const char* service, const Json& event) {
   return Control::connect().send({{"order", "event"}, {"service", service}, {"event", event}});
 }
 
-void orderBroadcast(const Json& intent) {
-  const Json answer = orderEvent("delegate", intent);
+void sendBroadcast(const Json& intent) {
+  const Json answer = sendEvent("delegate", intent);
   const auto receivers = answer.at("receivers").get<std::size_t>();
   print("sent to " + std::to_string(receivers) + (receivers == 1 ? " receiver" : " receivers"));
 }

@@ -11,22 +11,22 @@
 #include <string>
 #include <utility>
 
+#include "device/Runner.h"
 #include "device/Timer.h"
 #include "device/Wire.h"
-#include "tools/orvel-sim/host/Runner.h"
 
 namespace orvel::sim {
 
 // Keeps for each recorder what it has not fetched yet, as JSON lines. A process records once at a time. Run-loop thread.
-class Recorders {
+class RecordingClients {
  public:
   // `idle` is told whenever the last one goes.
-  Recorders(void* runtime, std::function<void()> idle) : m_runtime(runtime), m_idle(std::move(idle)) {}
-  ~Recorders() { stop(); }
-  Recorders(const Recorders&) = delete;  // its address is what vesk knows it by
-  Recorders& operator=(const Recorders&) = delete;
+  RecordingClients(void* runtime, std::function<void()> idle) : m_runtime(runtime), m_idle(std::move(idle)) {}
+  ~RecordingClients() { stop(); }
+  RecordingClients(const RecordingClients&) = delete;  // its address is what vesk knows it by
+  RecordingClients& operator=(const RecordingClients&) = delete;
 
-  bool empty() const { return m_recorders.empty(); }
+  bool empty() const { return m_recordingClients.empty(); }
 
   // Until the process that `endpoint` belongs to is gone.
   void add(RemotePtr endpoint);
@@ -48,7 +48,7 @@ class Recorders {
     std::deque<std::string> lines;
     std::size_t begin = 0;  // of what was not fetched of the first
     std::size_t bytes = 0;
-    Answer waiting;  // null while nobody does
+    Answer waiting;  // null while the recorder does not wait
     std::unique_ptr<Timer> patience;
   };
 
@@ -58,7 +58,7 @@ class Recorders {
 
   void* m_runtime;
   std::function<void()> m_idle;
-  std::map<pid_t, Recorder> m_recorders;
+  std::map<pid_t, Recorder> m_recordingClients;
 };
 
 }  // namespace orvel::sim

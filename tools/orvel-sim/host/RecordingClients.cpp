@@ -1,4 +1,4 @@
-#include "tools/orvel-sim/host/Recorders.h"
+#include "tools/orvel-sim/host/RecordingClients.h"
 
 #include <algorithm>
 #include <chrono>
@@ -18,39 +18,40 @@ constexpr std::chrono::milliseconds kPatience(200);
 
 }  // namespace
 
-void Recorders::add(RemotePtr endpoint) {
+void RecordingClients::add(RemotePtr endpoint) {
   vesk_remote* remote = endpoint.get();
   const pid_t pid = vesk_remote_pid(remote);
-  if (m_recorders.count(pid) != 0) throw std::runtime_error("process " + std::to_string(pid) + " records already");
-  m_recorders[pid].endpoint = std::move(endpoint);
-  const auto gone = [](void* self, vesk_remote* which) { static_cast<Recorders*>(self)->remove(which); };
+  if (m_recordingClients.count(pid) != 0)
+    throw std::runtime_error("process " + std::to_string(pid) + " records already");
+  m_recordingClients[pid].endpoint = std::move(endpoint);
+  const auto gone = [](void* self, vesk_remote* which) { static_cast<RecordingClients*>(self)->remove(which); };
   check(vesk_remote_on_gone(remote, gone, this), "watching a recorder");
 }
 
-void Recorders::remove(const vesk_remote* endpoint) {
+void RecordingClients::remove(const vesk_remote* endpoint) {
   const auto isIt = [&](const auto& recorder) { return recorder.second.endpoint.get() == endpoint; };
-  const auto found = std::find_if(m_recorders.begin(), m_recorders.end(), isIt);
-  if (found == m_recorders.end()) return;
-  m_recorders.erase(found);
+  const auto found = std::find_if(m_recordingClients.begin(), m_recordingClients.end(), isIt);
+  if (found == m_recordingClients.end()) return;
+  m_recordingClients.erase(found);
   if (empty()) m_idle();
 }
 
-void Recorders::stop() {
-  for (const auto& [pid, recorder] : m_recorders) vesk_remote_on_gone(recorder.endpoint.get(), nullptr, nullptr);
-  m_recorders.clear();
+void RecordingClients::stop() {
+  for (const auto& [pid, recorder] : m_recordingClients) vesk_remote_on_gone(recorder.endpoint.get(), nullptr, nullptr);
+  m_recordingClients.clear();
 }
 
-void Recorders::record(const Json& entry) {
+void RecordingClients::record(const Json& entry) {
   if (empty()) return;
   const std::string line = entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-  for (auto& [pid, recorder] : m_recorders) record(recorder, line);
+  for (auto& [pid, recorder] : m_recordingClients) record(recorder, line);
 }
 
-void Recorders::recordFor(pid_t recorder, const Json& entry) {
-  record(m_recorders.at(recorder), entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+void RecordingClients::recordFor(pid_t recorder, const Json& entry) {
+  record(m_recordingClients.at(recorder), entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
-void Recorders::record(Recorder& recorder, const std::string& line) {
+void RecordingClients::record(Recorder& recorder, const std::string& line) {
   if (recorder.bytes + line.size() > kMostBytes) return;
   recorder.lines.push_back(line);
   recorder.bytes += line.size();
@@ -58,7 +59,7 @@ void Recorders::record(Recorder& recorder, const std::string& line) {
   if (const Answer waiting = std::exchange(recorder.waiting, nullptr)) giveTo(recorder, waiting);
 }
 
-void Recorders::giveTo(Recorder& recorder, const Answer& answer) {
+void RecordingClients::giveTo(Recorder& recorder, const Answer& answer) {
   std::string text;
   while (!recorder.lines.empty() && (text.empty() || text.size() + recorder.lines.front().size() <= kBytesAtOnce)) {
     const std::string& line = recorder.lines.front();
@@ -73,9 +74,10 @@ void Recorders::giveTo(Recorder& recorder, const Answer& answer) {
   answer({{"text", text}});
 }
 
-void Recorders::fetch(pid_t recorder, bool wait, const Answer& answer) {
-  const auto found = m_recorders.find(recorder);
-  if (found == m_recorders.end()) throw std::runtime_error("process " + std::to_string(recorder) + " records nothing");
+void RecordingClients::fetch(pid_t recorder, bool wait, const Answer& answer) {
+  const auto found = m_recordingClients.find(recorder);
+  if (found == m_recordingClients.end())
+    throw std::runtime_error("process " + std::to_string(recorder) + " records nothing");
   Recorder& fetching = found->second;
   if (!wait || !fetching.lines.empty()) return giveTo(fetching, answer);
   fetching.waiting = answer;
@@ -83,7 +85,7 @@ void Recorders::fetch(pid_t recorder, bool wait, const Answer& answer) {
     fetching.patience.reset();
     giveTo(fetching, std::exchange(fetching.waiting, nullptr));
   };
-  fetching.patience = std::make_unique<Timer>(vesk_service_event(m_runtime), kPatience, giveUp);
+  fetching.patience = std::make_unique<Timer>(m_runtime, kPatience, giveUp);
 }
 
 }  // namespace orvel::sim

@@ -1,12 +1,15 @@
-#include "tools/orvel-sim/verbs/RecordVerbs.h"
+#include "tools/orvel-sim/verbs/RecordingVerbs.h"
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "device/Convert.h"
@@ -14,12 +17,19 @@
 #include "device/OutputFile.h"
 #include "device/Recording.h"
 #include "device/Replay.h"
+#include "device/Traffic.h"
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Run.h"
-#include "tools/orvel-sim/verbs/Orders.h"
+#include "tools/orvel-sim/verbs/ControlMessages.h"
 
 namespace orvel::sim {
 namespace {
+
+struct RecordOptions {
+  std::string file;  // empty: nothing is recorded
+  bool replace = false;
+  bool unmasked = false;
+};
 
 // Signals that end a recording, from now on taken only when it is asked for them.
 class StopSignals {
@@ -47,7 +57,7 @@ class Presence : public Endpoint {
 class Recorder {
  public:
   Recorder(const RecordOptions& options, const Json& scenario)
-      : m_file(options.file, options.replace), m_masks(scenario), m_masked(!options.unmasked) {
+      : m_file(options.file, options.replace), m_redactions(scenario), m_masked(!options.unmasked) {
     m_file.write(recordingHeader({{"type", scenario.at("delegate").at("type")}}, m_masked).dump() + "\n");
   }
 
@@ -83,12 +93,12 @@ class Recorder {
     m_newest = number;
     ++m_entries;
     if (entry.contains("shortened")) ++m_shortened;
-    if (m_masked) m_masks.apply(entry);
+    if (m_masked) m_redactions.apply(entry);
     lines += entry.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
 
   OutputFile m_file;
-  Masks m_masks;
+  Redactions m_redactions;
   bool m_masked;
   std::string m_text;  // a line that has not ended
   std::uint64_t m_newest = 0;
@@ -107,8 +117,6 @@ Recording readAndWarn(const std::string& file) {
   return recording;
 }
 
-}  // namespace
-
 void addRecordOptions(CLI::App& traffic, RecordOptions& options) {
   CLI::Option* record =
       traffic.add_option("--record", options.file, "write it to a file until interrupted, for replay and convert");
@@ -122,6 +130,7 @@ Examples:
   orvel-sim traffic --past --record crash.jsonl  what the device still knows)");
 }
 
+// Records from so many of the newest entries on, until interrupted or, if `past`, until there are no more.
 void recordTraffic(const RecordOptions& options, std::uint64_t last, bool past) {
   const StopSignals signals;
   ::signal(SIGXFSZ, SIG_IGN);  // a file that must not grow is an error like others
@@ -145,6 +154,45 @@ void recordTraffic(const RecordOptions& options, std::uint64_t last, bool past) 
     throw;
   }
   recorder.summarize();
+}
+
+void showTraffic(std::uint64_t last, bool follow, bool json) {
+  Control control = Control::connect();
+  constexpr std::uint64_t kNone = UINT64_MAX;
+  const auto newest =
+      control.send({{"order", "traffic"}, {"after", kNone}, {"wait", false}}).at("newest").get<std::uint64_t>();
+  std::uint64_t seen = newest - std::min(newest, last);
+  while (follow || seen < newest) {
+    const Json answer = control.send({{"order", "traffic"}, {"after", seen}, {"wait", follow}});
+    for (const Json& entry : answer.at("entries")) {
+      print(json ? entry.dump() : describeEntry(entry));
+      seen = entry.at("number");
+    }
+    if (answer.at("entries").empty()) seen = std::max(seen, answer.at("newest").get<std::uint64_t>());
+  }
+}
+
+}  // namespace
+
+void addTrafficVerb(CLI::App& app) {
+  struct Given {
+    bool json = false;
+    bool past = false;
+    std::uint64_t last = 10;
+    RecordOptions record;
+  };
+  const auto given = std::make_shared<Given>();
+  CLI::App* verb = app.add_subcommand("traffic", "Show the transactions as they happen, decoded, until interrupted");
+  verb->add_flag("--json", given->json, "one JSON object per line");
+  CLI::Option* last = verb->add_option("--last", given->last, "begin with so many of the newest that are over");
+  last->description(last->get_description() + "; by default " + std::to_string(given->last) + ", with --record none");
+  verb->add_flag("--past", given->past, "show all that are kept, at most 1000, and end");
+  addRecordOptions(*verb, given->record);
+  verb->callback([given, last] {
+    const std::uint64_t shown = given->past ? UINT64_MAX : given->last;
+    if (given->record.file.empty()) return showTraffic(shown, !given->past, given->json);
+    recordTraffic(given->record, last->count() == 0 && !given->past ? 0 : shown, given->past);
+  });
 }
 
 void addReplayVerb(CLI::App& app, int& status) {

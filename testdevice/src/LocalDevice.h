@@ -1,10 +1,10 @@
-// The host of the services in the test's process.
+// The device that lives in the test's process.
 #pragma once
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <future>
-#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -15,7 +15,7 @@
 
 #include "DeviceTransport.h"
 #include "VirtualTime.h"
-#include "device/Service.h"
+#include "device/Device.h"
 #include "orvel/testing/TestDevice.h"
 #include "vesk/inprocess/FakeVesk.h"
 
@@ -38,18 +38,18 @@ struct DeviceParts {
 };
 
 // What is not said to run on the test's thread runs on the device's.
-class TestDevice::Device : private DeviceParts, public sim::Host {
+class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
  public:
   // Test's thread, like perform() and the destructor. Throws std::logic_error while there is another one.
-  explicit Device(sim::Json scenario);
-  ~Device() override;
-  Device(const Device&) = delete;
-  Device& operator=(const Device&) = delete;
+  explicit LocalDevice(sim::Json scenario);
+  ~LocalDevice() override;
+  LocalDevice(const LocalDevice&) = delete;
+  LocalDevice& operator=(const LocalDevice&) = delete;
 
-  // Runs `task` on the device's thread and gives what it gives. Any other thread.
+  // What `task` returns on the device's thread; throws std::invalid_argument for what it throws. Any other thread.
   template <typename Task>
   auto perform(Task task) -> decltype(task()) {
-    // Shared: the one who waits may be gone before the one who answers has left it.
+    // Shared: the thread that waits may be gone before the device's thread has left it.
     const auto done = std::make_shared<std::promise<decltype(task())>>();
     m_time.post([&task, done] {
       try {
@@ -70,11 +70,20 @@ class TestDevice::Device : private DeviceParts, public sim::Host {
     }
   }
 
+  // The result of a method of the device's, on the device's thread.
+  template <typename Method, typename... Arguments>
+  auto on_device(Method method, const Arguments&... arguments) {
+    return perform([&] { return std::invoke(method, *this, arguments...); });
+  }
+  // Makes the change that `make` works out, on the device's thread.
+  template <typename Make, typename... Arguments>
+  void change_to(Make make, const Arguments&... arguments) {
+    perform([&] { change(make(arguments...)); });
+  }
+
   VirtualTime& time() { return m_time; }
   [[nodiscard]] VirtualTime::Duration elapsed() const { return m_time.now() - m_start; }
 
-  const sim::Json& scenario() const override { return m_scenario; }
-  void change(const sim::Json& change) override;
   void record(sim::Json entry) override;
   void recordSoon(sim::Json entry) override { record(std::move(entry)); }
   sim::Json moment() override;
@@ -84,25 +93,16 @@ class TestDevice::Device : private DeviceParts, public sim::Host {
   std::optional<std::string> thrownAt(const sim::Json& notification) const;
   std::vector<std::string> publishedNames() const { return vesk.published(); }
 
-  sim::Json tell(const char* id, const sim::Json& event);
-  void kill(const sim::ServiceType& type);
-  void restart(const sim::ServiceType& type);
+  // The answer of the service called so.
+  sim::Json notify(const char* service, const sim::Json& event);
+  // Kills or restarts the service called so.
+  void apply(void (sim::Device::*act)(const sim::ServiceType&, const sim::Done&), const std::string& service);
 
  private:
-  bool isAlive(const sim::ServiceType& type) const { return m_scenario.at(type.id).at(sim::kAlive); }
-  void decree(const sim::ServiceType& type, bool alive);
-  void become(sim::Json scenario);
-  void start(const sim::ServiceType& type);
-  void armFlap(const sim::ServiceType& type);
-  void flap(const sim::ServiceType& type);
-
   VirtualTime& m_time = VirtualTime::instance();
   const VirtualTime::TimePoint m_start = m_time.now();
-  sim::Json m_scenario;
   std::vector<sim::Json> m_traffic;
-  std::uint64_t m_sequence = 0;                                                 // of the last call or notification
-  std::map<const sim::ServiceType*, std::unique_ptr<sim::Service>> m_services;  // those that live
-  std::map<const sim::ServiceType*, VirtualTime::TimerId> m_flaps;
+  std::uint64_t m_sequence = 0;  // of the last call or notification
   std::thread m_thread;
 };
 

@@ -1,0 +1,78 @@
+#include "LocalDevice.h"
+
+#include <atomic>
+#include <cerrno>
+#include <utility>
+
+#include "Records.h"
+#include "orvel/OrvelDelegateClient.h"
+
+namespace orvel::testing {
+namespace {
+
+using sim::Json;
+
+std::atomic<bool> g_place_taken{false};
+
+// Without a device there is nothing for a client to initialise, as on a workstation. Kept for good.
+bool takeDeviceAway() {
+  static auto& none = *new test::FakeVesk;
+  none.fail_always("vesk_get_runtime", 1, -ENOENT);
+  return true;
+}
+[[maybe_unused]] const bool g_no_device_yet = takeDeviceAway();
+
+}  // namespace
+
+DevicePlace::DevicePlace() {
+  if (g_place_taken.exchange(true)) {
+    throw std::logic_error(
+        "TestDevice: there is another one in this process, and there can be one at a time; destroy it first");
+  }
+}
+
+DevicePlace::~DevicePlace() {
+  takeDeviceAway();
+  g_place_taken = false;
+}
+
+TestDevice::LocalDevice::LocalDevice(Json scenario)
+    : Device(DeviceParts::device.runtime(), std::move(scenario)), m_thread([this] { m_time.run_device(); }) {
+  perform([this] { start([](const std::string&) {}); });
+}
+
+TestDevice::LocalDevice::~LocalDevice() {
+  service_apis::OrvelDelegateClient::getClient().shutdown();
+  perform([this] { stop(); });
+  m_time.stop_device();
+  m_thread.join();
+}
+
+void TestDevice::LocalDevice::record(Json entry) {
+  // Of what was delivered, what the client's callback threw shows later, or as this error.
+  const bool delivered = !entry.contains("error") || entry.at("error") == -EIO;
+  if (entry.contains("notification") && delivered) entry[kMessage] = device.current_message();
+  m_traffic.push_back(std::move(entry));
+}
+
+Json TestDevice::LocalDevice::moment() {
+  return {{kTime, elapsed().count()}, {kSequence, ++m_sequence}};
+}
+
+std::optional<std::string> TestDevice::LocalDevice::thrownAt(const Json& notification) const {
+  const auto message = notification.find(kMessage);
+  return message == notification.end() ? std::nullopt : device.thrown_at(message->get<std::uint64_t>());
+}
+
+Json TestDevice::LocalDevice::notify(const char* service, const Json& event) {
+  Json answered;
+  Device::event(sim::serviceCalled(service), event, [&](const Json& answer) { answered = answer; });
+  return answered;
+}
+
+void TestDevice::LocalDevice::apply(void (Device::*act)(const sim::ServiceType&, const sim::Done&),
+                                    const std::string& service) {
+  (this->*act)(sim::serviceCalled(service), [](const std::string&) {});
+}
+
+}  // namespace orvel::testing
