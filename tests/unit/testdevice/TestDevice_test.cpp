@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -20,114 +21,123 @@ using namespace std::chrono_literals;
 using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 using Texts = std::vector<std::string>;
 
-class TestDeviceTest : public ::testing::Test {
- protected:
-  service_apis::OrvelDelegateClient& m_client = service_apis::OrvelDelegateClient::getClient();
+constexpr char kRegisterForNames[] = "registerForBroadcastWithDataTypeOrScheme";
 
+service_apis::OrvelDelegateClient& client() {
+  return service_apis::OrvelDelegateClient::getClient();
+}
+
+// A device and its client, which hears of the device's names.
+struct Session {
+  explicit Session(const std::string& scenario = "{}") : device(scenario) { EXPECT_TRUE(client().initialize()); }
+
+  bool hear_names() {
+    return client().registerForDeviceNameChange([this](std::string name) { names.push_back(std::move(name)); });
+  }
+  // The subscription is there, once.
+  void expect_name_heard() {
+    device.set("name", "Hall");
+    EXPECT_TRUE(device.settle());
+    EXPECT_THAT(names, ElementsAre("Hall"));
+  }
+  // Does something to a service, and waits for what comes of it.
+  void settle_after(void (TestDevice::*act)(const std::string&), const char* service) {
+    (device.*act)(service);
+    EXPECT_TRUE(device.settle());
+  }
+  void kill(const char* service) { settle_after(&TestDevice::kill, service); }
+  void restart(const char* service) { settle_after(&TestDevice::restart, service); }
+  void repair(const char* service) { settle_after(&TestDevice::repair, service); }
   // What the client registered, one line each.
-  static Texts registered(const TestDevice& device) {
+  Texts registered() const {
     Texts lines;
     for (const Registration& each : device.registrations()) lines.push_back(each.service + "." + each.method);
     return lines;
   }
-  // Subscribes to the device's name; the names that come.
-  void hear_names(Texts& names) {
-    EXPECT_TRUE(m_client.registerForDeviceNameChange([&names](std::string name) { names.push_back(std::move(name)); }));
-  }
+
+  Texts names;
+  TestDevice device;  // last: what ends with it may still hear of a name
 };
 
-TEST_F(TestDeviceTest, WithoutADeviceThereIsNothingToInitialise) {
-  EXPECT_FALSE(m_client.initialize());
+TEST(TestDeviceTest, WithoutADeviceThereIsNothingToInitialise) {
+  EXPECT_FALSE(client().initialize());
   { const TestDevice device; }
-  EXPECT_FALSE(m_client.initialize());
+  EXPECT_FALSE(client().initialize());
 }
 
-TEST_F(TestDeviceTest, ADeviceKnowsNothingOfTheOneBefore) {
-  Texts names;
+TEST(TestDeviceTest, ADeviceKnowsNothingOfTheOneBefore) {
   {
-    TestDevice device(R"({"delegate": {"name": "First"}})");
-    ASSERT_TRUE(m_client.initialize());
-    hear_names(names);
-    device.hang("power");
-    device.kill("metrics");
+    Session before(R"({"delegate": {"name": "First"}})");
+    EXPECT_TRUE(before.hear_names());
+    before.device.hang("power");
+    before.device.kill("metrics");
   }
   TestDevice device;
-  EXPECT_EQ(m_client.getDeviceName(), "") << "the client was shut down";
-  ASSERT_TRUE(m_client.initialize());
-  EXPECT_EQ(m_client.getDeviceName(), "Kitchen Display");
-  EXPECT_TRUE(m_client.isScreenOn());
+  EXPECT_EQ(client().getDeviceName(), "") << "the client was shut down";
+  ASSERT_TRUE(client().initialize());
+  EXPECT_EQ(client().getDeviceName(), "Kitchen Display");
+  EXPECT_TRUE(client().isScreenOn());
   device.set("name", "Second");
   EXPECT_TRUE(device.settle());
-  EXPECT_THAT(names, ElementsAre());
-  EXPECT_THAT(registered(device), ElementsAre());
+  EXPECT_EQ(device.registrations().size(), 0U);
+  EXPECT_EQ(device.notifications().size(), 0U);
   EXPECT_EQ(device.elapsed(), 0s);
 }
 
-TEST_F(TestDeviceTest, TimeStandsStillUntilSomebodyWaitsForIt) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  Texts names;
-  hear_names(names);
+TEST(TestDeviceTest, TimeStandsStillUntilAThreadWaitsForIt) {
+  Session s;
+  EXPECT_TRUE(s.hear_names());
   for (int round = 1; round <= 20; ++round) {
-    device.kill("delegate");
-    EXPECT_EQ(m_client.getDeviceName(), "");
-    device.restart("delegate");
-    EXPECT_TRUE(device.settle());
-    EXPECT_EQ(device.elapsed(), round * 6s) << "the pause after a death, and nothing else";
-    EXPECT_THAT(registered(device), ElementsAre("delegate.registerForBroadcastWithDataTypeOrScheme")) << "exactly once";
+    s.device.kill("delegate");
+    EXPECT_EQ(client().getDeviceName(), "");
+    s.restart("delegate");
+    EXPECT_EQ(s.device.elapsed(), round * 6s) << "the pause after a death, and nothing else";
+    EXPECT_THAT(s.registered(), ElementsAre(std::string("delegate.") + kRegisterForNames)) << "exactly once";
   }
 }
 
-TEST_F(TestDeviceTest, WhoWaitsForADeadServiceIsLeftWaiting) {
+TEST(TestDeviceTest, AClientThatWaitsForADeadServiceIsLeftWaiting) {
   for (const char* service : {"delegate", "connectivity"}) {  // looked up in the two ways that there are
-    TestDevice device;
-    ASSERT_TRUE(m_client.initialize());
-    device.kill(service);
-    EXPECT_TRUE(device.settle());
-    EXPECT_LT(device.elapsed(), 10s) << service;
-    EXPECT_TRUE(device.settle()) << "twice is no different";
-    device.advance(100s);
-    device.restart(service);
-    EXPECT_TRUE(device.settle());
-    EXPECT_EQ(device.calls().size(), 0U);
-    EXPECT_TRUE(m_client.getDeviceName() == "Kitchen Display" &&
-                m_client.registerForNetworkConnectivityChange([](bool) {}))
-        << service;
+    Session s;
+    s.kill(service);
+    EXPECT_LT(s.device.elapsed(), 10s) << service;
+    EXPECT_TRUE(s.device.settle()) << "twice is no different";
+    s.device.advance(100s);
+    s.restart(service);
+    EXPECT_EQ(s.device.calls().size(), 0U);
+    EXPECT_EQ(client().getDeviceName(), "Kitchen Display") << service;
+    EXPECT_TRUE(client().registerForNetworkConnectivityChange([](bool) {})) << service;
   }
 }
 
-TEST_F(TestDeviceTest, AClientGivesUpWhenItsTimeIsOver) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  device.kill("delegate");
-  device.advance(400s);
-  device.restart("delegate");
-  EXPECT_TRUE(device.settle());
-  EXPECT_EQ(device.elapsed(), 400s);
-  EXPECT_EQ(m_client.getDeviceName(), "");
-  EXPECT_TRUE(m_client.isScreenOn()) << "the other services are none the worse";
+TEST(TestDeviceTest, AClientGivesUpWhenItsTimeIsOver) {
+  Session s;
+  s.device.kill("delegate");
+  s.device.advance(400s);
+  s.restart("delegate");
+  EXPECT_EQ(s.device.elapsed(), 400s);
+  EXPECT_EQ(client().getDeviceName(), "");
+  EXPECT_TRUE(client().isScreenOn()) << "the other services are none the worse";
 }
 
-TEST_F(TestDeviceTest, AServiceThatIsDeadFromTheBeginningIsGivenUp) {
-  TestDevice device(R"({"power": {"alive": false}})");
-  EXPECT_TRUE(m_client.initialize());
-  EXPECT_GT(device.elapsed(), 300s);
-  EXPECT_FALSE(m_client.isScreenOn());
-  EXPECT_EQ(m_client.getDeviceName(), "Kitchen Display");
+TEST(TestDeviceTest, AServiceThatIsDeadFromTheBeginningIsGivenUp) {
+  const Session s(R"({"power": {"alive": false}})");
+  EXPECT_GT(s.device.elapsed(), 300s);
+  EXPECT_FALSE(client().isScreenOn());
+  EXPECT_EQ(client().getDeviceName(), "Kitchen Display");
 }
 
-struct Fault {
-  const char* name;
-  void (*strike)(TestDevice& device);
-  std::chrono::nanoseconds duration;  // of the call that it strikes
-  std::string failure;
-  bool breaks;  // the connection
-};
-
-TEST_F(TestDeviceTest, FaultsAreWhatTheyAreOnADeviceAndEnd) {
-  const Fault faults[] = {
+TEST(TestDeviceTest, FaultsAreWhatTheyAreOnADeviceAndEnd) {
+  const struct {
+    const char* name;
+    void (*strike)(TestDevice& device);
+    std::chrono::nanoseconds duration;  // of the call that it strikes
+    std::string failure;
+    bool breaks;  // the connection
+  } rows[] = {
       {"hang", [](auto& device) { device.hang("delegate", "getDeviceName"); }, 30s, "hangs", false},
       {"delay", [](auto& device) { device.delay("delegate", 500ms); }, 500ms, "", false},
       {"longer than a call may take", [](auto& device) { device.delay("delegate", 40s); }, 30s, "", false},
@@ -137,133 +147,107 @@ TEST_F(TestDeviceTest, FaultsAreWhatTheyAreOnADeviceAndEnd) {
       {"truncated", [](auto& device) { device.truncate("delegate", 8); }, 0s, "cut to 8 bytes", false},
       {"drop", [](auto& device) { device.drop("delegate", "getDeviceName", 1); }, 0s, "drops", true},
   };
-  for (const Fault& fault : faults) {
+  for (const auto& fault : rows) {
     SCOPED_TRACE(fault.name);
-    TestDevice device;
-    ASSERT_TRUE(m_client.initialize());
-    Texts names;
-    hear_names(names);
-    fault.strike(device);
-    const std::string name = m_client.getDeviceName();
-    EXPECT_EQ(name, fault.duration == 500ms ? "Kitchen Display" : "");
-    EXPECT_EQ(device.elapsed(), fault.duration);
-    device.repair("delegate");
-    EXPECT_TRUE(device.settle());
-    EXPECT_EQ(device.calls("delegate", "registerForBroadcastWithDataTypeOrScheme").size(), fault.breaks ? 2U : 1U)
-        << "bound again";
-    EXPECT_EQ(m_client.getDeviceName(), "Kitchen Display");
-    EXPECT_EQ(registered(device).size(), 1U);
-    const std::vector<Call> calls = device.calls("delegate", "getDeviceName");
+    Session s;
+    EXPECT_TRUE(s.hear_names());
+    fault.strike(s.device);
+    EXPECT_EQ(client().getDeviceName(), fault.duration == 500ms ? "Kitchen Display" : "");
+    EXPECT_EQ(s.device.elapsed(), fault.duration);
+    s.repair("delegate");
+    EXPECT_EQ(s.device.calls("delegate", kRegisterForNames).size(), fault.breaks ? 2U : 1U) << "bound again";
+    EXPECT_EQ(client().getDeviceName(), "Kitchen Display");
+    EXPECT_EQ(s.registered().size(), 1U);
+    const std::vector<Call> calls = s.device.calls("delegate", "getDeviceName");
     ASSERT_GE(calls.size(), 2U);
     EXPECT_EQ(calls[0].failure, fault.failure);
     EXPECT_EQ(calls.back().reply, R"("Kitchen Display")");
-    device.set("name", "Hall");
-    EXPECT_TRUE(device.settle());
-    EXPECT_THAT(names, ElementsAre("Hall"));
+    s.expect_name_heard();
   }
 }
 
 // The slow call is a registration here: the client has been told that it failed, so it must not hear of anything.
-TEST_F(TestDeviceTest, ARegistrationThatIsTakenTooLateIsTakenBack) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  Texts names;
-  device.delay("delegate", 40s);
-  EXPECT_FALSE(m_client.registerForDeviceNameChange([&names](const std::string& name) { names.push_back(name); }));
-  device.repair("delegate");
-  device.advance(20s);
-  EXPECT_THAT(registered(device), ElementsAre());
-  hear_names(names);
-  device.set("name", "Hall");
-  EXPECT_TRUE(device.settle());
-  EXPECT_THAT(names, ElementsAre("Hall"));
+TEST(TestDeviceTest, ARegistrationThatIsTakenTooLateIsTakenBack) {
+  Session s;
+  s.device.delay("delegate", 40s);
+  EXPECT_FALSE(s.hear_names());
+  s.device.repair("delegate");
+  s.device.advance(20s);
+  EXPECT_THAT(s.registered(), ElementsAre());
+  EXPECT_TRUE(s.hear_names());
+  s.expect_name_heard();
 }
 
-TEST_F(TestDeviceTest, AReplayThatHangsEndsAndTheNextOneIsMade) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  Texts names;
-  hear_names(names);
-  device.kill("delegate");
-  device.hang("delegate", "registerForBroadcastWithDataTypeOrScheme");
-  device.restart("delegate");
-  device.advance(20s);
-  EXPECT_THAT(device.calls("delegate", "registerForBroadcastWithDataTypeOrScheme").back().failure, "hangs");
-  device.repair("delegate");
-  EXPECT_TRUE(device.settle());
-  device.kill("delegate");
-  device.restart("delegate");
-  EXPECT_TRUE(device.settle());
-  device.set("name", "Hall");
-  EXPECT_TRUE(device.settle());
-  EXPECT_THAT(names, ElementsAre("Hall"));
+TEST(TestDeviceTest, AReplayThatHangsEndsAndTheNextOneIsMade) {
+  Session s;
+  EXPECT_TRUE(s.hear_names());
+  s.device.kill("delegate");
+  s.device.hang("delegate", kRegisterForNames);
+  s.device.restart("delegate");
+  s.device.advance(20s);
+  EXPECT_THAT(s.device.calls("delegate", kRegisterForNames).back().failure, "hangs");
+  s.repair("delegate");
+  s.restart("delegate");
+  s.expect_name_heard();
 }
 
-TEST_F(TestDeviceTest, AServiceThatFlapsIsRegisteredWithOnceWhenItStays) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  Texts names;
-  hear_names(names);
-  device.flap("delegate", 20s, 5);
-  EXPECT_TRUE(device.settle());
-  EXPECT_GE(device.elapsed(), 100s);
-  EXPECT_EQ(registered(device).size(), 1U);
-  device.flap("delegate", 2s);
-  device.advance(60s);
-  device.repair("delegate");
-  EXPECT_TRUE(device.settle());
-  device.set("name", "Hall");
-  EXPECT_TRUE(device.settle());
-  EXPECT_THAT(names, ElementsAre("Hall"));
+TEST(TestDeviceTest, AServiceThatFlapsIsRegisteredWithOnceWhenItStays) {
+  Session s;
+  EXPECT_TRUE(s.hear_names());
+  s.device.flap("delegate", 20s, 5);
+  EXPECT_TRUE(s.device.settle());
+  EXPECT_GE(s.device.elapsed(), 100s);
+  EXPECT_EQ(s.registered().size(), 1U);
+  s.device.flap("delegate", 2s);
+  EXPECT_TRUE(s.device.settle()) << "does not wait for a series without an end";
+  s.device.advance(60s);
+  s.repair("delegate");
+  s.expect_name_heard();
 }
 
-TEST_F(TestDeviceTest, WhatTheClientEndsIsNoRegistrationAnyMore) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  EXPECT_TRUE(m_client.registerForNetworkConnectivityChange([](bool) {}));
-  EXPECT_TRUE(m_client.registerForDirective("Alerts", [](const auto&...) {}));
-  EXPECT_THAT(registered(device), ElementsAre("connectivity.registerDefaultNetworkCallback", "coordinator.directive"));
-  EXPECT_TRUE(m_client.unregisterForNetworkConnectivityChange());
-  EXPECT_THAT(registered(device), ElementsAre("coordinator.directive"));
-  device.directive("Alerts", {"1"});
-  EXPECT_TRUE(device.settle());
-  m_client.shutdown();
-  EXPECT_THAT(registered(device), ElementsAre());
-  EXPECT_THROW(device.directive("Alerts", {"2"}), std::invalid_argument);
-  EXPECT_EQ(device.broadcast("android.intent.action.SCREEN_ON"), 0);
+TEST(TestDeviceTest, WhatTheClientEndsIsNotARegistrationAnyMore) {
+  Session s;
+  EXPECT_TRUE(client().registerForNetworkConnectivityChange([](bool) {}));
+  EXPECT_TRUE(client().registerForDirective("Alerts", [](const auto&...) {}));
+  EXPECT_THAT(s.registered(), ElementsAre("connectivity.registerDefaultNetworkCallback", "coordinator.directive"));
+  EXPECT_TRUE(client().unregisterForNetworkConnectivityChange());
+  EXPECT_THAT(s.registered(), ElementsAre("coordinator.directive"));
+  s.device.directive("Alerts", {"1"});
+  EXPECT_TRUE(s.device.settle());
+  client().shutdown();
+  EXPECT_THAT(s.registered(), ElementsAre());
+  EXPECT_THROW(s.device.directive("Alerts", {"2"}), std::invalid_argument);
+  EXPECT_EQ(s.device.broadcast("android.intent.action.SCREEN_ON"), 0);
 }
 
-TEST_F(TestDeviceTest, ARecordOfWhatBothSidesSaid) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, [](int) {}));
-  device.set({"setting", "volume_alarm"}, "9");
-  EXPECT_TRUE(device.settle());
-  device.advance(2s);
-  EXPECT_EQ(m_client.getSecureSettingInt("volume_alarm", 0), 9);
-  const Call asked = device.calls("delegate", "getSecureSetting").back();
-  EXPECT_EQ(asked.time, 2s);
-  EXPECT_EQ(asked.arguments, R"({"key":"volume_alarm"})");
-  EXPECT_EQ(asked.reply, R"("9")");
-  ASSERT_EQ(device.notifications().size(), 1U);
-  EXPECT_EQ(device.notifications()[0].name, "settingChanged");
-  EXPECT_EQ(device.notifications()[0].arguments, R"({"key":"volume_alarm","value":"9"})");
-  EXPECT_EQ(device.notifications()[0].time, 0s);
-  EXPECT_EQ(device.get({"settings", "volume_alarm"}), "9");
+TEST(TestDeviceTest, ARecordOfWhatBothSidesSaid) {
+  Session s;
+  EXPECT_TRUE(client().registerForSecureSettingIntChange("volume_alarm", 0, [](int) {}));
+  s.device.set({"setting", "volume_alarm"}, "9");
+  EXPECT_TRUE(s.device.settle());
+  s.device.advance(2s);
+  EXPECT_EQ(client().getSecureSettingInt("volume_alarm", 0), 9);
+  const Call asked = s.device.calls("delegate", "getSecureSetting").back();
+  const Notification told = s.device.notifications().back();
+  EXPECT_EQ(asked.arguments + " " + asked.reply, R"({"key":"volume_alarm"} "9")");
+  EXPECT_EQ(told.name + " " + told.arguments, R"(settingChanged {"key":"volume_alarm","value":"9"})");
+  EXPECT_EQ(asked.time - told.time, 2s);
+  EXPECT_EQ(told.time, 0s);
+  EXPECT_EQ(s.device.notifications().size(), 1U);
+  EXPECT_EQ(s.device.get({"settings", "volume_alarm"}), "9");
 }
 
-TEST_F(TestDeviceTest, WhatACallbackAsksStandsAfterWhatItWasTold) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  const auto ask = [this](auto&&...) { m_client.getDeviceName(); };
-  EXPECT_TRUE(m_client.registerForDeviceNameChange(ask));
-  EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, ask));
-  device.set("name", "Hall");
-  device.set({"setting", "volume_alarm"}, "9");  // answered, and so recorded, after its callback has asked
-  EXPECT_TRUE(device.settle());
+TEST(TestDeviceTest, WhatACallbackAsksStandsAfterWhatItWasTold) {
+  Session s;
+  const auto ask = [](auto&&...) { client().getDeviceName(); };
+  EXPECT_TRUE(client().registerForDeviceNameChange(ask));
+  EXPECT_TRUE(client().registerForSecureSettingIntChange("volume_alarm", 0, ask));
+  s.device.set("name", "Hall");
+  s.device.set({"setting", "volume_alarm"}, "9");  // answered, and so recorded, after its callback has asked
+  EXPECT_TRUE(s.device.settle());
   std::map<std::uint64_t, std::string> events;
-  for (const Call& call : device.calls()) events[call.sequence] = call.method;
-  for (const Notification& told : device.notifications()) events[told.sequence] = told.name;
+  for (const Call& call : s.device.calls()) events[call.sequence] = call.method;
+  for (const Notification& told : s.device.notifications()) events[told.sequence] = told.name;
   Texts order;
   for (const auto& [sequence, name] : events) order.push_back(name);
   order.erase(order.begin(), order.begin() + 2);  // the registrations
@@ -271,74 +255,71 @@ TEST_F(TestDeviceTest, WhatACallbackAsksStandsAfterWhatItWasTold) {
                            ElementsAre("broadcast", "getDeviceName", "settingChanged", "getDeviceName")));
 }
 
-TEST_F(TestDeviceTest, WhatACallbackThrowsIsInTheRecordOfWhatItWasTold) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
+TEST(TestDeviceTest, WhatACallbackThrowsIsInTheRecordOfWhatItWasTold) {
+  Session s;
   const auto refuse = [](const char* why) { return [why](auto&&...) { throw std::runtime_error(why); }; };
-  EXPECT_TRUE(m_client.registerForDeviceNameChange(refuse("bad name")));
-  EXPECT_TRUE(m_client.registerForSecureSettingIntChange("volume_alarm", 0, refuse("bad volume")));
-  EXPECT_TRUE(m_client.registerForNetworkConnectivityChange(refuse("bad network")));
-  EXPECT_TRUE(m_client.registerForDirective("Alerts", refuse("bad alert")));
-  EXPECT_TRUE(m_client.sendEvent("A", "b", "", "", "", "", "", false, "", refuse("bad result")));
-  EXPECT_TRUE(m_client.registerForScreenStateChange([](bool) {}));
-  EXPECT_TRUE(device.settle());
-  device.set("name", "Hall");
-  device.set({"setting", "volume_alarm"}, "9");
-  device.set("networkConnected", "false");
-  device.directive("Alerts", {"1"});
-  device.screen(false);
-  EXPECT_TRUE(device.settle());
+  EXPECT_TRUE(client().registerForDeviceNameChange(refuse("bad name")));
+  EXPECT_TRUE(client().registerForSecureSettingIntChange("volume_alarm", 0, refuse("bad volume")));
+  EXPECT_TRUE(client().registerForNetworkConnectivityChange(refuse("bad network")));
+  EXPECT_TRUE(client().registerForDirective("Alerts", refuse("bad alert")));
+  EXPECT_TRUE(client().sendEvent("A", "b", "", "", "", "", "", false, "", refuse("bad result")));
+  EXPECT_TRUE(client().registerForScreenStateChange([](bool) {}));
+  EXPECT_TRUE(s.device.settle());
+  s.device.set("name", "Hall");
+  s.device.set({"setting", "volume_alarm"}, "9");
+  s.device.set("networkConnected", "false");
+  s.device.directive("Alerts", {"1"});
+  s.device.screen(false);
+  EXPECT_TRUE(s.device.settle());
   Texts told;
-  for (const Notification& each : device.notifications()) told.push_back(each.name + ": " + each.failure);
+  for (const Notification& each : s.device.notifications()) told.push_back(each.name + ": " + each.failure);
   EXPECT_THAT(told, ElementsAre("eventResult: exception: bad result", "broadcast: exception: bad name",
                                 "settingChanged: exception: bad volume", "networkLost: exception: bad network",
                                 "directive: exception: bad alert", "broadcast: "));
 }
 
-TEST_F(TestDeviceTest, CallbacksMayUseClientAndDeviceButNotWait) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
+TEST(TestDeviceTest, CallbacksMayUseClientAndDeviceButNotWait) {
+  Session s;
   Texts heard;
-  EXPECT_TRUE(m_client.registerForPackageAction("android.intent.action.PACKAGE_ADDED", {}, {"package"},
-                                                [&](const std::string&, const std::string& package) {
-                                                  heard.push_back(package + " " + m_client.getDeviceName());
-                                                  if (heard.size() == 1)
-                                                    device.package("install", "com.example.second");
-                                                  EXPECT_THROW(device.settle(), std::logic_error);
-                                                }));
-  device.package("install", "com.example.first", R"({"versionCode": 7})");
-  EXPECT_TRUE(device.settle());
+  const auto hear = [&](const std::string&, const std::string& package) {
+    heard.push_back(package + " " + client().getDeviceName());
+    if (heard.size() == 1) s.device.package("install", "com.example.second");
+    EXPECT_THROW(s.device.settle(), std::logic_error);
+  };
+  EXPECT_TRUE(client().registerForPackageAction("android.intent.action.PACKAGE_ADDED", {}, {"package"}, hear));
+  s.device.package("install", "com.example.first", R"({"versionCode": 7})");
+  EXPECT_TRUE(s.device.settle());
   EXPECT_THAT(heard, ElementsAre("com.example.first Kitchen Display", "com.example.second Kitchen Display"));
-  EXPECT_EQ(m_client.getPackageVersionCode("com.example.first", 0), "7");
+  EXPECT_EQ(client().getPackageVersionCode("com.example.first", 0), "7");
 }
 
-TEST_F(TestDeviceTest, WhatACallbackHoldsEndsWithoutADeadlock) {
+TEST(TestDeviceTest, WhatACallbackHoldsEndsWithoutADeadlock) {
   // As it ends, it calls the client, whose lock a registration in progress may hold.
   struct Asks {
-    ~Asks() { service_apis::OrvelDelegateClient::getClient().getDeviceName(); }
+    ~Asks() { client().getDeviceName(); }
   };
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  device.exception("events", "sendEvent");
-  m_client.sendEvent("A", "b", "", "", "", "", "", false, "", [held = std::make_shared<Asks>()](const auto&...) {});
-  device.repair("events");
-  EXPECT_TRUE(m_client.sendEvent("A", "b", "", "", "", "", "", false, "",
-                                 [held = std::make_shared<Asks>()](const auto&...) {}));
-  EXPECT_TRUE(device.settle());
-  m_client.shutdown();
+  const auto send = [] {
+    return client().sendEvent("A", "b", "", "", "", "", "", false, "",
+                              [held = std::make_shared<Asks>()](const auto&...) {});
+  };
+  Session s;
+  s.device.exception("events", "sendEvent");
+  EXPECT_FALSE(send());
+  s.device.repair("events");
+  EXPECT_TRUE(send());
+  EXPECT_TRUE(s.device.settle());
+  client().shutdown();
 }
 
-TEST_F(TestDeviceTest, ShutdownEndsAWaitOfAnotherThread) {
-  TestDevice device;
-  ASSERT_TRUE(m_client.initialize());
-  device.kill("delegate");
-  EXPECT_TRUE(device.settle());  // the run loop sleeps
-  std::thread stopper([&] { m_client.shutdown(); });
+TEST(TestDeviceTest, ShutdownEndsAWaitOfAnotherThread) {
+  Session s;
+  s.kill("delegate");  // the run loop sleeps
+  std::thread stopper([] { client().shutdown(); });
   stopper.join();
-  EXPECT_LT(device.elapsed(), 10s);
+  EXPECT_LT(s.device.elapsed(), 10s);
 }
 
-TEST_F(TestDeviceTest, WhatCannotBeIsRefusedInTheWordsOfTheCommandLine) {
+TEST(TestDeviceTest, WhatCannotBeIsRefusedInTheWordsOfTheCommandLine) {
   TestDevice device;
   const struct {
     std::function<void()> ask;
@@ -360,40 +341,20 @@ TEST_F(TestDeviceTest, WhatCannotBeIsRefusedInTheWordsOfTheCommandLine) {
       {[&] { device.error("power", 7); }, "/power/faults/*/error: expected a whole number"},
   };
   for (const auto& row : rows) {
-    try {
-      row.ask();
-      ADD_FAILURE() << "not refused: " << row.text;
-    } catch (const std::invalid_argument& refused) {
-      EXPECT_THAT(refused.what(), HasSubstr(row.text));
-    }
+    EXPECT_THAT(row.ask, ThrowsMessage<std::invalid_argument>(HasSubstr(row.text)));
   }
   EXPECT_EQ(device.get("name"), "Kitchen Display");
 }
 
-TEST_F(TestDeviceTest, AScenarioThatShipsIsKnownByItsName) {
-  TestDevice device("asleep");
-  ASSERT_TRUE(m_client.initialize());
-  EXPECT_FALSE(m_client.isScreenOn());
-}
-
-TEST_F(TestDeviceTest, AWrongScenarioMakesNoDevice) {
+TEST(TestDeviceTest, OnlyARightScenarioMakesADeviceAndOnlyOneAtATime) {
   for (const char* scenario : {R"({"delegate": {"nmae": "x"}})", "{", "no-such-file.json", "no-such-name"}) {
     EXPECT_THROW(TestDevice{scenario}, std::invalid_argument) << scenario;
-    EXPECT_FALSE(m_client.initialize());
+    EXPECT_FALSE(client().initialize());
   }
-  const TestDevice device;  // its place was left free
-  EXPECT_TRUE(m_client.initialize());
-}
-
-TEST_F(TestDeviceTest, ASecondDeviceIsRefusedAndTheFirstGoesOn) {
-  const TestDevice device;
-  try {
-    const TestDevice second;
-    ADD_FAILURE() << "not refused";
-  } catch (const std::logic_error& refused) {
-    EXPECT_THAT(refused.what(), HasSubstr("another one in this process"));
-  }
-  EXPECT_TRUE(m_client.initialize());
+  const TestDevice device("asleep");  // the place was left free
+  EXPECT_THAT([] { TestDevice{}; }, ThrowsMessage<std::logic_error>(HasSubstr("another one in this process")));
+  EXPECT_TRUE(client().initialize()) << "the first goes on";
+  EXPECT_FALSE(client().isScreenOn());
 }
 
 }  // namespace
