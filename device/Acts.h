@@ -1,6 +1,6 @@
-// What people and clients do to packages and processes, or to a whole section. An act changes several values at once, by
-// what the others are at that moment; so it is worked out where the scenario is kept, where two at once do not undo each
-// other and clients never see half of one.
+// What people and clients do to packages and processes, or to a whole section. An act changes several values at once,
+// by what the others are at that moment; so it is worked out where the scenario is kept, where two at once do not undo
+// each other and clients never see half of one.
 #pragma once
 
 #include <chrono>
@@ -37,8 +37,8 @@ Json makeAct(const char* verb, const std::string& name, const Json& values = Jso
 // The sections of the scenario that an act looks at and changes. Throws std::runtime_error for one that does not exist.
 std::vector<std::string> sectionsOf(const Json& act);
 
-// Changes those sections of the scenario. Throws std::runtime_error when something exists that must not, or does not exist
-// that must.
+// Changes those sections of the scenario. Throws std::runtime_error when something exists that must not, or does not
+// exist that must.
 void perform(Json& scenario, const Json& act);
 
 // From one death or return of a service to the next; nothing for one that does not flap.

@@ -110,8 +110,8 @@ Json editsAt(const Json& scenario, const std::vector<std::string>& names, const 
   return Json::array({editOf(unit, found(scenario, unit.path), below, value)});
 }
 
-// Calls `found` for each entry of a map that is not as it was, with null for what it was or is where it is missing: in the
-// map's order, and then for those that are gone.
+// Calls `found` for each entry of a map that is not as it was, with null for what it was or is where it is missing: in
+// the map's order, and then for those that are gone.
 template <typename Found>
 void forEachDifference(const Json& was, const Json& is, const Found& found) {
   for (const auto& [key, value] : is.items()) {

@@ -1,5 +1,5 @@
-// The scenario in force, and how it changes. A change is worked out once, where the scenario is kept, into edits of whole
-// values; processes with a copy apply the same edits, and services hear of each value that has become another.
+// The scenario in force, and how it changes. A change is worked out once, where the scenario is kept, into edits of
+// whole values; processes with a copy apply the same edits, and services hear of each value that has become another.
 #pragma once
 
 #include <cstddef>
@@ -28,8 +28,8 @@ class CurrentScenario {
   const Json& json() const { return m_scenario; }
 
   // The edits that make the change: a list of {"path": JSON pointer to a field of a section or to an entry of a map,
-  // "value": what it becomes, complete}; without "value" it is removed. `change` is {"path", "value"} for any value, or an
-  // act (Acts.h). Throws ScenarioError for what makes no scenario, or what the act throws.
+  // "value": what it becomes, complete}; without "value" it is removed. `change` is {"path", "value"} for any value, or
+  // an act (Acts.h). Throws ScenarioError for what makes no scenario, or what the act throws.
   Json resolve(const Json& change) const;
 
   // Makes edits that resolve has given, here or in another process with the same scenario. Gives what they changed.

@@ -21,7 +21,8 @@ constexpr int kBurst = 256;
 constexpr std::size_t kMostWaiting = 100'000;
 constexpr std::size_t kMostWaitingBytes = 64 << 20;  // clients broadcast too, and their intents may be large
 constexpr std::size_t kMostUnanswered = 1024;
-// vesk is to report the answer however late it comes: only then has the client caught up. What is waited for is kPatience.
+// vesk is to report the answer however late it comes: only then has the client caught up. What is waited for is
+// kPatience.
 constexpr unsigned kNoLimit = UINT_MAX;
 
 }  // namespace

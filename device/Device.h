@@ -1,6 +1,6 @@
-// The core of the simulated device, the same in the program and in the test kit: the scenario in force, the services, and
-// which of them live. What differs is where a service runs (Runner), how time passes (Timer) and what becomes of the
-// traffic (Host::record).
+// The core of the simulated device, the same in the program and in the test kit: the scenario in force, the services,
+// and which of them live. What differs is where a service runs (Runner), how time passes (Timer) and what becomes of
+// the traffic (Host::record).
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,8 @@ class Device : public Host {
   std::uint64_t revision() const { return m_revision; }
 
   void change(const Json& change) override;
-  // The same for a change from outside; done when every service knows of it but `informed`, which learns of it otherwise.
-  // Throws before anything has changed.
+  // The same for a change from outside; done when every service knows of it but `informed`, which learns of it
+  // otherwise. Throws before anything has changed.
   Update change(const Json& change, const Done& done, const Runner* informed);
 
   // For good: a service that flapped does so no more. Throws std::runtime_error for one that is dead for good already.

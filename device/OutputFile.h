@@ -15,8 +15,8 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  // Appends whole lines. Throws std::runtime_error, for a full disk for example; the file then ends with the last line for
-  // which there was room.
+  // Appends whole lines. Throws std::runtime_error, for a full disk for example; the file then ends with the last line
+  // for which there was room.
   void write(const std::string& lines);
 
  private:

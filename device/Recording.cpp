@@ -190,7 +190,8 @@ RecordedEntry checkEntry(Json entry, std::size_t line) {
                                std::to_string(code));
     }
     checked.callback = *found;
-    // A directive goes to the client that holds its namespace, everything else to an endpoint that a request has brought.
+    // A directive goes to the client that holds its namespace, everything else to an endpoint that a request has
+    // brought.
     if (checked.type != &coordinatorService()) {
       numberAt(given, "endpoint", 0, std::numeric_limits<std::int64_t>::max());
     } else if (given.contains("endpoint")) {

@@ -32,8 +32,8 @@ std::string describeMaskedValues();
 // Puts "masked-1", "masked-2" ... in the place of those values; the same for the same value, wherever it stands.
 class Redactions {
  public:
-  // What identifies the owner is masked inside other texts too, from four characters on, once it is known. `scenario` is
-  // the device's: it has these texts before a client has asked for them.
+  // What identifies the owner is masked inside other texts too, from four characters on, once it is known. `scenario`
+  // is the device's: it has these texts before a client has asked for them.
   explicit Redactions(const Json& scenario);
 
   void apply(Json& entry);
@@ -47,8 +47,8 @@ class Redactions {
   std::vector<std::pair<std::string, std::string>> m_identities;  // and their masks
 };
 
-// True if a text of a masked recording may stand for the one given. A mask stands for the first text that it met, and for
-// no other; `met` has those, by mask.
+// True if a text of a masked recording may stand for the one given. A mask stands for the first text that it met, and
+// for no other; `met` has those, by mask.
 using MetTexts = std::map<std::string, std::string>;
 bool mayStandFor(const Json& recorded, const Json& given, MetTexts& met);
 

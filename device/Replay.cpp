@@ -60,8 +60,8 @@ std::int64_t startOf(const Json& entry) {
   return timeOf(entry) - static_cast<std::int64_t>(1000 * lasted);
 }
 
-// The notifications that came while their client waited for a reply, each with the line of that request, which has its line
-// later.
+// The notifications that came while their client waited for a reply, each with the line of that request, which has its
+// line later.
 std::map<std::size_t, std::size_t> notificationsDuringCalls(const Recording& recording) {
   std::map<std::size_t, std::size_t> lines;
   std::map<std::int64_t, const RecordedEntry*> nextOf;  // by client

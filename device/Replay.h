@@ -21,9 +21,9 @@
 
 namespace orvel::sim {
 
-// Equal requests get the recorded answers in the order recorded and then the last one again, from any client and with any
-// endpoints. A recorded notification is sent after a client repeats the request that preceded it in the recording, to the
-// endpoint registered in place of the recorded one. Run-loop thread.
+// Equal requests get the recorded answers in the order recorded and then the last one again, from any client and with
+// any endpoints. A recorded notification is sent after a client repeats the request that preceded it in the recording,
+// to the endpoint registered in place of the recorded one. Run-loop thread.
 class Replay {
  public:
   struct Options {

@@ -1,4 +1,5 @@
-// Where a service of the device runs: the interface, and the way to run one in this process. All for the run-loop thread.
+// Where a service of the device runs: the interface, and the way to run one in this process. All for the run-loop
+// thread.
 #pragma once
 
 #include <sys/types.h>

@@ -47,13 +47,15 @@ class Host {
   virtual const Json& scenario() const = 0;
   // Takes effect before it returns, for the whole device.
   virtual void change(const Json& change) = 0;
-  // Adds an entry to the traffic. record has added it when it returns, so that a client that has its reply finds it there.
+  // Adds an entry to the traffic. record has added it when it returns, so that a client that has its reply finds it
+  // there.
   virtual void record(Json entry) = 0;
   virtual void recordSoon(Json entry) = 0;
-  // What the traffic says of the moment at which a call has come or a notification is sent, beside the time of its end by
-  // the wall clock; null: nothing.
+  // What the traffic says of the moment at which a call has come or a notification is sent, beside the time of its end
+  // by the wall clock; null: nothing.
   virtual Json moment() { return {}; }
-  // How the call is to end, in the words of faults and with the result as "reply"; null: as the service and its faults say.
+  // How the call is to end, in the words of faults and with the result as "reply"; null: as the service and its faults
+  // say.
   virtual Json replayed(const ServiceType&, const Call&) { return {}; }
 
  private:

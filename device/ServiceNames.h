@@ -1,5 +1,5 @@
-// The names under which the device's services and its clients find each other. The client library has a list of its own:
-// one for both would hide a mistake in it.
+// The names under which the device's services and its clients find each other. The client library has a list of its
+// own: one for both would hide a mistake in it.
 #pragma once
 
 #include <cstddef>

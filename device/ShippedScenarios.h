@@ -19,8 +19,8 @@ std::vector<ShippedScenario> shippedScenarios();
 // One as a file would have it. Throws ScenarioError, which lists what there is.
 Json shippedScenario(const std::string& name);
 
-// The complete scenario that a word after --scenario means: a file where it has a slash or ends in ".json", else one that
-// comes with the program. Throws ScenarioError.
+// The complete scenario that a word after --scenario means: a file where it has a slash or ends in ".json", else one
+// that comes with the program. Throws ScenarioError.
 Json scenarioCalled(const std::string& word);
 
 }  // namespace orvel::sim

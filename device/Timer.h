@@ -1,5 +1,5 @@
-// The time of the simulated device. Two implementations: the program's goes by the machine's clock and the run loop, the
-// test kit's by a virtual clock. One of them is linked.
+// The time of the simulated device. Two implementations: the program's goes by the machine's clock and the run loop,
+// the test kit's by a virtual clock. One of them is linked.
 #pragma once
 
 #include <chrono>

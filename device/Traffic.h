@@ -15,8 +15,9 @@ namespace orvel::sim {
 // How many go into one message; each has tens of kilobytes at most, once it is shortened.
 constexpr std::size_t kEntriesAtOnce = 50;
 
-// What every entry says, whole; how it ended is for the caller to add. `kind` is the key of the name: "method" for a call
-// by a client, "notification" for a call of a client. `moment` is what the host said of its beginning (Host::moment).
+// What every entry says, whole; how it ended is for the caller to add. `kind` is the key of the name: "method" for a
+// call by a client, "notification" for a call of a client. `moment` is what the host said of its beginning
+// (Host::moment).
 Json trafficEntry(const std::string& service, const char* kind, const Json& name, unsigned code, pid_t client,
                   const Json& arguments, const Json& moment);
 
@@ -26,8 +27,8 @@ Json shortened(const Json& value);
 // Shortens what an entry may hold of any length, unless that was done before; its "shortened" then lists what.
 void shortenEntry(Json& entry);
 
-// Texts that are too long for one message travel in pieces: where the one ends that begins at `begin`. However a piece is
-// written into a message, there is room for it.
+// Texts that are too long for one message travel in pieces: where the one ends that begins at `begin`. However a piece
+// is written into a message, there is room for it.
 std::size_t pieceEnd(const std::string& text, std::size_t begin);
 
 // "(key: "volume", value: "7")"

@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::int32_t kHeaderWords[] = {0, -1, 0x53595354};
 constexpr char32_t kReplacement = 0xFFFD;
-// Of a message's values in each other. The device's own have a tenth of that; a stranger's million would keep it busy for seconds.
+// Of a message's values in each other. The device's own have a tenth of that; a stranger's million would keep it busy
+// for seconds.
 constexpr std::size_t kMaxDepth = 100;
 
 // Builds a message, whose keys are known to differ: the library's own way would look for each among all before it, and

@@ -59,7 +59,8 @@ struct RemoteException : std::runtime_error {
 // Unpaired surrogates become U+FFFD.
 std::string toUtf8(const std::uint16_t* units, std::size_t count);
 
-// Reads one request from its first byte on. Anything that does not fit throws a RemoteException that says what and where.
+// Reads one request from its first byte on. Anything that does not fit throws a RemoteException that says what and
+// where.
 class RequestReader {
  public:
   explicit RequestReader(vesk_buffer* request) : m_buffer(request) {}  // borrowed for the reader's life
@@ -105,8 +106,8 @@ Json readPresentText(RequestReader& reader);  // refuses a null string
 Json readTexts(RequestReader& reader);
 Json readEndpoint(RequestReader& reader);
 
-// Writers of the method tables, for results and for what clients are told. They throw for a value of another kind, which
-// only a file can hold.
+// Writers of the method tables, for results and for what clients are told. They throw for a value of another kind,
+// which only a file can hold.
 void writeNothing(vesk_payload* payload, const Json& value);
 void writeFlag(vesk_payload* payload, const Json& value);  // 1 or 0
 void writeInt32(vesk_payload* payload, const Json& value);

@@ -1,5 +1,5 @@
-// libvesk as a device serves over it, in the process of its client: vesk_service.h on top of the transport that the client
-// has.
+// libvesk as a device serves over it, in the process of its client: vesk_service.h on top of the transport that the
+// client has.
 #pragma once
 
 #include <sys/types.h>
@@ -55,9 +55,9 @@ struct vesk_deferred {
 
 namespace orvel::testing {
 
-// Serves what registers with its runtime() to the client of this process. Everything that is not told by the client runs on
-// the device's thread, which is the run-loop thread that vesk_service.h speaks of; so the client's threads wait for it in
-// their calls, and it never waits for them.
+// Serves what registers with its runtime() to the client of this process. Everything that is not told by the client
+// runs on the device's thread, which is the run-loop thread that vesk_service.h speaks of; so the client's threads wait
+// for it in their calls, and it never waits for them.
 class DeviceTransport : public test::FakeDevice {
  public:
   explicit DeviceTransport(test::FakeVesk& vesk) : m_vesk(vesk) { m_vesk.attach(this); }

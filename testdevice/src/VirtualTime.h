@@ -15,12 +15,12 @@ namespace orvel::testing {
 
 // One for the process; it outlives everything. Any thread may use it.
 //
-// Time passes only while a thread waits for it: inside settle() and advance(), and inside a wait that passes time itself.
-// It then goes from one deadline to the next, and to each only when the device's thread and the client's run loop have
-// nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
+// Time passes only while a thread waits for it: inside settle() and advance(), and inside a wait that passes time
+// itself. It then goes from one deadline to the next, and to each only when the device's thread and the client's run
+// loop have nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
 //
-// The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and starts
-// it again must not find that the client has given up meanwhile.
+// The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and
+// starts it again must not find that the client has given up meanwhile.
 class VirtualTime {
  public:
   using Duration = std::chrono::nanoseconds;
@@ -48,16 +48,16 @@ class VirtualTime {
   void stop_device();
   void post(Task task);
 
-  // Runs `task` on the device's thread once the delay has passed. settle() does not wait for a timer that is endless, one of
-  // a series without an end.
+  // Runs `task` on the device's thread once the delay has passed. settle() does not wait for a timer that is endless,
+  // one of a series without an end.
   TimerId start_timer(Duration delay, Task task, bool endless = false);
   // On the device's thread: after this the task is not started any more.
   void stop_timer(const TimerId& timer);
 
   // ---- Waits ----
 
-  // Waits for end(); false when the limit passed before. A sleep of the run loop's does not let time pass itself, everything
-  // else does.
+  // Waits for end(); false when the limit passed before. A sleep of the run loop's does not let time pass itself,
+  // everything else does.
   bool wait(Wait& wait, Duration limit);
   void end(Wait& wait);
   // Ends the calls that wait: their connections are going.
@@ -77,8 +77,8 @@ class VirtualTime {
 
   // ---- The test ----
 
-  // Waits until nothing is under way any more; time passes as far as that needs, but no further than `limit` from now. False
-  // when there is no end to it.
+  // Waits until nothing is under way any more; time passes as far as that needs, but no further than `limit` from now.
+  // False when there is no end to it.
   bool settle(Duration limit);
   void advance(Duration duration);
 

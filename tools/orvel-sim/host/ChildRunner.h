@@ -32,8 +32,8 @@ class ChildRunner : public Runner {
   // Says whether the traffic is being recorded, so that the process hands in whole entries.
   void recording(bool recorded, Done done);
 
-  // What the process learns from the answer to a change of its own: that, behind the updates that are on their way to it
-  // and that it has not read.
+  // What the process learns from the answer to a change of its own: that, behind the updates that are on their way to
+  // it and that it has not read.
   Json learntFrom(const Update& own) const;
 
  private:

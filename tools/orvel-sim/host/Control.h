@@ -24,8 +24,8 @@ struct TimedOut : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// While there is one, the messages of this process fail once its time is over: those in progress and all later ones. One
-// in a process.
+// While there is one, the messages of this process fail once its time is over: those in progress and all later ones.
+// One in a process.
 class TimeLimit {
  public:
   explicit TimeLimit(std::chrono::duration<double> limit);
@@ -50,8 +50,8 @@ class Control {
   Control(Control&& other) noexcept;
   ~Control();
 
-  // The answer to one message, which has the key "order"; `endpoint` goes along unless it is null. Throws NoDevice when the
-  // device dies, TimedOut when it does not answer, and std::runtime_error when it refuses.
+  // The answer to one message, which has the key "order"; `endpoint` goes along unless it is null. Throws NoDevice when
+  // the device dies, TimedOut when it does not answer, and std::runtime_error when it refuses.
   Json send(const Json& message, vesk_endpoint* endpoint = nullptr);
 
  private:

@@ -74,8 +74,8 @@ Json IsolatedService::answerTo(const Json& event) {
   }
 }
 
-// Updates that were on their way came with the answer to a change of this process's own already. One is missing only where
-// the supervisor could not send it.
+// Updates that were on their way came with the answer to a change of this process's own already. One is missing only
+// where the supervisor could not send it.
 void IsolatedService::learn(const Json& updates) {
   for (const Json& update : updates) {
     const auto revision = update.at("revision").get<std::uint64_t>();

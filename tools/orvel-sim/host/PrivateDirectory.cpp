@@ -19,7 +19,8 @@ namespace fs = std::filesystem;
 constexpr char kPrefix[] = "orvel-sim-";
 constexpr char kSuffix[] = "XXXXXX";
 
-// A descriptor that holds the lock of the directory, or -1 where another process has it or another user owns the directory.
+// A descriptor that holds the lock of the directory, or -1 where another process has it or another user owns the
+// directory.
 int lock(const fs::path& directory) {
   const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (descriptor < 0) return -1;

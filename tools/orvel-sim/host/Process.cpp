@@ -22,8 +22,8 @@ namespace {
 
 constexpr int kPatienceMs = 3000;
 
-// How many files this process might have open before it served a device, which raises that. Programs that use select() are
-// not made for more.
+// How many files this process might have open before it served a device, which raises that. Programs that use select()
+// are not made for more.
 const rlimit kFilesAtStart = [] {
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);

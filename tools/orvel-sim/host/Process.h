@@ -42,9 +42,9 @@ std::string describeEnd(const siginfo_t& end);
 // The exit status that a shell would give for it.
 int statusOf(const siginfo_t& end);
 
-// Ends what the programs that this process started have left behind, with SIGTERM and after a while with SIGKILL: what became
-// this process's child when its own parent ended, which takes a process that is a child subreaper. Only when every Process is
-// gone, with the signals blocked.
+// Ends what the programs that this process started have left behind, with SIGTERM and after a while with SIGKILL: what
+// became this process's child when its own parent ended, which takes a process that is a child subreaper. Only when
+// every Process is gone, with the signals blocked.
 void endOrphans();
 
 // The signals that are taken from the run loop or by waiting for a process; every other thread must not get them.

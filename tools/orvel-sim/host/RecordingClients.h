@@ -17,7 +17,8 @@
 
 namespace orvel::sim {
 
-// Keeps for each recorder what it has not fetched yet, as JSON lines. A process records once at a time. Run-loop thread.
+// Keeps for each recorder what it has not fetched yet, as JSON lines. A process records once at a time. Run-loop
+// thread.
 class RecordingClients {
  public:
   // `idle` is told whenever the last one goes.

@@ -18,11 +18,12 @@ struct Reading {
 };
 void show(const Reading& reading, bool json);
 
-// Gives the verb its callback and --json: it shows what is in force when it is given nothing else, and sets otherwise. A verb
-// with verbs of its own, which set by themselves, needs no `set`.
+// Gives the verb its callback and --json: it shows what is in force when it is given nothing else, and sets otherwise.
+// A verb with verbs of its own, which set by themselves, needs no `set`.
 void addReading(CLI::App& verb, Reading reading, std::function<void()> set = {});
 
-// The value in the scenario of the running device to which the words of `get` lead. Throws std::runtime_error where it is unset.
+// The value in the scenario of the running device to which the words of `get` lead. Throws std::runtime_error where it
+// is unset.
 Json inForce(const std::vector<std::string>& words);
 
 // The entries of such a map as a list of objects, each with its key as `name` first.

@@ -68,21 +68,21 @@ struct Registration {
 constexpr char kEveryMethod[] = "*";
 
 /// A device that lives as long as this object does. A test program that links Orvel::TestDevice in place of
-/// Orvel::DelegateClient runs the client library's own code against the simulated device's own services, without sockets,
-/// files or further processes.
+/// Orvel::DelegateClient runs the client library's own code against the simulated device's own services, without
+/// sockets, files or further processes.
 ///
 ///     orvel::testing::TestDevice device(R"({"delegate": {"name": "Kitchen"}})");
 ///     client.initialize();
 ///     device.set("name", "Living room");
 ///     device.settle();   // the client has heard of it
 ///
-/// One at a time in a process: the constructor of a second one throws std::logic_error while the first exists, and the place
-/// is free again when that is destroyed or could not be made. Destroying it shuts the client down, so that the next test finds
-/// it uninitialised; what isMaroConnected() said last is the one thing that the client keeps.
+/// One at a time in a process: the constructor of a second one throws std::logic_error while the first exists, and the
+/// place is free again when that is destroyed or could not be made. Destroying it shuts the client down, so that the
+/// next test finds it uninitialised; what isMaroConnected() said last is the one thing that the client keeps.
 ///
 /// Threads. The services run on a thread of the device's, callbacks on the client's run-loop thread, all else on the
-/// test's. Every method may be called from any thread, callbacks included, and has taken effect when it returns; settle()
-/// and advance() are not for callbacks, and they do not know of threads that the test makes itself.
+/// test's. Every method may be called from any thread, callbacks included, and has taken effect when it returns;
+/// settle() and advance() are not for callbacks, and they do not know of threads that the test makes itself.
 ///
 /// Time is virtual. It passes only inside settle(), advance() and calls of the client that have to wait: a call of a
 /// service that hangs ends at once with the call limit, 30 s later. A rebind waits for settle() or advance().
@@ -90,8 +90,8 @@ constexpr char kEveryMethod[] = "*";
 /// Errors: std::invalid_argument for what orvel-sim would refuse, with the same text.
 class TestDevice {
  public:
-  /// `scenario` is the text of a scenario, "{...}", or what `orvel-sim run --scenario` takes: the name of one that ships
-  /// with it, or a file.
+  /// `scenario` is the text of a scenario, "{...}", or what `orvel-sim run --scenario` takes: the name of one that
+  /// ships with it, or a file.
   explicit TestDevice(const std::string& scenario = "{}");
   ~TestDevice();
   TestDevice(const TestDevice&) = delete;
@@ -118,8 +118,8 @@ class TestDevice {
   /// @name What happens
   /// @{
 
-  /// An action, or an intent as JSON: {"action": "...", "data": "package:com.example", "extras": [{"key": "...", "type":
-  /// "int", "value": 1}]}. How many registrations it was for.
+  /// An action, or an intent as JSON: {"action": "...", "data": "package:com.example", "extras": [{"key": "...",
+  /// "type": "int", "value": 1}]}. How many registrations it was for.
   int broadcast(const std::string& intent);
   /// Up to seven texts for the client that holds the namespace.
   void directive(const std::string& nspace, std::vector<std::string> texts);
@@ -153,8 +153,8 @@ class TestDevice {
   /// @name Time
   /// @{
 
-  /// Returns once everything sent has been delivered, every callback has returned and every rebind that can succeed has;
-  /// one that waits for a dead service stays where it is. False after an hour of virtual time without such an end.
+  /// Returns once everything sent has been delivered, every callback has returned and every rebind that can succeed
+  /// has; one that waits for a dead service stays where it is. False after an hour of virtual time without such an end.
   bool settle();
   /// Lets time pass, with all that is due in it.
   void advance(std::chrono::nanoseconds duration);
