@@ -43,7 +43,7 @@ quietly() {
 find_missing() {
   local package
   missing=()
-  command -v dpkg-query >/dev/null || die "this is no Debian system; install what matches these Debian packages: $*"
+  command -v dpkg-query >/dev/null || die "this is not a Debian system; install what matches these Debian packages: $*"
   for package; do
     # Several versions or architectures of one package are several lines.
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
