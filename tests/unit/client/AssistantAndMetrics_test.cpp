@@ -76,6 +76,7 @@ TEST_F(AssistantAndMetrics, EveryMessageGivesOneResultByNameEvenBeforeTheAnswer)
 
 TEST_F(AssistantAndMetrics, ADirectiveIsSplitIntoItsTextsAndAnEmptyCallbackThrowsIntoLibvesk) {
   ASSERT_TRUE(m_client.initialize());
+  answer(kServices[kEvents], wire("0 0"));
   m_log.take();
   EXPECT_TRUE(hear("N") && !hear("") && !send({}));
   const std::string line = "I registerForDirective:registerForDirective, status=";

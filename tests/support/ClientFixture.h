@@ -1,0 +1,98 @@
+// A device for the client inside one process: the eight services on a fake libvesk, which die and come back on a virtual
+// clock.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/Methods.h"
+#include "support/VirtualClock.h"
+#include "vesk/inprocess/FakeVesk.h"
+
+namespace orvel::test {
+
+class ClientFixture {
+ public:
+  ClientFixture() {
+    vesk_get_runtime(&m_runtime);
+    m_vesk.be_strict();
+  }
+  virtual ~ClientFixture() = default;
+  ClientFixture(const ClientFixture&) = delete;
+  ClientFixture& operator=(const ClientFixture&) = delete;
+
+  // Makes a service run that gives the good answers of the table of methods, or all eight.
+  virtual void serve(const std::string& service) {
+    m_vesk.add_service(service, [](const Transaction& call) { return Reply{good_reply(call.service, call.code), 0}; });
+  }
+  void start_services() {
+    for (const char* service : kServices) serve(service);
+  }
+  // Makes `service` answer every call with `bytes`.
+  void answer(const std::string& service, const Bytes& bytes, int result = 0) {
+    m_vesk.add_service(service, [=](const Transaction&) { return Reply{bytes, result}; });
+  }
+
+  // Makes every subscription that the client renews after a death. What they bring goes to `hear`.
+  static void subscribe_to_everything(Client& client, const Hear& hear = {}) {
+    for (const Method& each : kMethods) {
+      if (each.renewed) each.call(client, hear);
+    }
+  }
+
+  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done by
+  // m_vesk.drain(), or run_pending() where no thread is in the run loop.
+  void die(
+      const std::string& service, const std::function<void()>& meanwhile = [] {}) {
+    m_clock.at_sleep(1, [this, service, meanwhile] {
+      meanwhile();
+      serve(service);
+    });
+    m_vesk.kill_service(service);
+  }
+
+  // The registrations, calls with an endpoint, that the service has taken over the client's newest connection to it.
+  std::vector<Transaction> registrations(const std::string& service = kServices[kDelegate]) const {
+    std::vector<Transaction> calls = m_vesk.transactions(service);
+    const std::uint32_t newest = calls.empty() ? 0 : calls.back().connection;
+    const auto is_other = [newest](const Transaction& call) {
+      return call.connection != newest || call.endpoints.empty() || call.result != 0;
+    };
+    calls.erase(std::remove_if(calls.begin(), calls.end(), is_other), calls.end());
+    return calls;
+  }
+  // The setting key or the action that a registration with the delegate service is for.
+  static std::string subject(const Transaction& registration) {
+    const BufferPtr request = buffer_of(registration.request);
+    for (int word = 0; word < 3; ++word) vesk_read_i32(request.get());
+    read_ascii(request.get());  // the interface
+    return read_ascii(request.get());
+  }
+  std::vector<std::string> subjects() const {
+    std::vector<std::string> all;
+    for (const Transaction& each : registrations()) all.push_back(subject(each));
+    return all;
+  }
+  // Sends a broadcast, or the value of a setting, to all who are registered for it. How many those are.
+  int send(const std::string& to, const Bytes& message) {
+    int receivers = 0;
+    for (const Transaction& each : registrations()) {
+      if (subject(each) != to) continue;
+      m_vesk.send(each.endpoints.front(), 1, message);
+      ++receivers;
+    }
+    return receivers;
+  }
+
+  // Requests and replies that are allocated.
+  int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
+
+  FakeVesk m_vesk;
+  VirtualClock m_clock;
+  void* m_runtime = nullptr;
+};
+
+}  // namespace orvel::test
