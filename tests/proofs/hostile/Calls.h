@@ -23,9 +23,7 @@ inline int call(void* runtime, vesk_handle handle, unsigned code, const test::By
     vesk_write_i32(request.get(), word);
   }
   if (endpoint != nullptr) vesk_write_endpoint(request.get(), endpoint);
-  const int error = vesk_call(runtime, &handle, code, request.get(), reply);
-  vesk_reply_done(runtime, reply);
-  return error;
+  return vesk_call(runtime, &handle, code, request.get(), reply);
 }
 
 }  // namespace orvel::hostile

@@ -226,11 +226,11 @@ class Hostilities {
       m_slowest = std::max(m_slowest, {took, name});
       victim->expect_nothing_kept(1000 + 2 * m_limit_ms);
       if (!victim->process().hasEnded()) return;
-      test::require(false, "the process has ended with status " + std::to_string(victim->process().wait()));
-    } catch (const std::exception& error) {
-      test::require(false, error.what());
+      throw Broken("the process has ended with status " + std::to_string(victim->process().wait()));
+    } catch (...) {
+      victim.reset();  // the next input gets another
+      throw;
     }
-    victim.reset();  // the next input gets another
   }
 
   // This process's socket under the name of a service.
@@ -331,6 +331,16 @@ int flood(const std::string& kind) {
   return 0;
 }
 
+// Reports what `attack` throws.
+template <typename Attack>
+void report(const Attack& attack) {
+  try {
+    attack();
+  } catch (const std::exception& error) {
+    test::require(false, error.what());
+  }
+}
+
 int run(int argc, char** argv) {
   Options options;
   test::Runner runner("orvel-hostile",
@@ -348,10 +358,11 @@ int run(int argc, char** argv) {
 
   Hostilities hostilities(options, runner.seed());
   for (const auto& inputs : {service_request_inputs(), client_inputs(runner.count())}) {
-    for (const ClientInput& input : inputs) runner.add(input.name, [&, input] { hostilities.attack_device(input); });
+    for (const ClientInput& input : inputs)
+      runner.add(input.name, [&, input] { report([&] { hostilities.attack_device(input); }); });
   }
   for (const ServiceInput& input : service_inputs(runner.count())) {
-    runner.add(input.name, [&, input] { hostilities.attack_client(input); });
+    runner.add(input.name, [&, input] { report([&] { hostilities.attack_client(input); }); });
   }
   return runner.run([&] {
     const std::string report = hostilities.report();

@@ -252,6 +252,7 @@ class Sequence {
     const test::BufferPtr reply(vesk_buffer_alloc());
     const int error = call(runtime, handle, code, bytes, endpoint, reply.get());
     expect("call", error != 0 || vesk_read_i32(reply.get()) == 0 ? error : -EBADMSG);
+    vesk_reply_done(runtime, reply.get());
   }
 
   static void bound(void* runtime, void* self, const char*, vesk_handle handle) {
