@@ -1,11 +1,9 @@
 // What clients do to the device that breaks the rules of the connection. What is not even a message is in the corpus of the
 // fuzz target of the host runtime's socket.
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <chrono>
-#include <cstring>
 #include <thread>
 
 #include "Inputs.h"
@@ -56,28 +54,6 @@ void broadcast(Target& target) {
 // The setting of the registrations above gets a value that it never had.
 void change_setting(Target& target) {
   target.change_setting("hostile", std::to_string(target.random()));
-}
-
-void add_greetings(Inputs& inputs) {
-  const auto add = [&inputs](const char* what, std::function<void(Target&)> run) {
-    inputs.push_back({"client/greeting/"s + what, std::move(run)});
-  };
-  add("silent", [](Target& target) { target.connect().send("\0AUTH EXT"s); });
-  add("a-byte-at-a-time", [](Target& target) {
-    BusLine& line = target.connect();
-    line.send(test::kBusHello + open_power().bytes() + good_call().bytes(), {}, 1);
-    expect_served(target, line);
-  });
-  add("with-descriptors", [](Target& target) {
-    BusLine& line = target.connect();
-    line.send(test::kBusHello, std::vector<int>(16, STDIN_FILENO));
-    target.expect_dropped(line);
-  });
-  add("rejected-for-ever", [](Target& target) {
-    BusLine& line = target.connect();
-    line.send("\0"s);
-    for (int n = 0; n < 2000; ++n) line.send("AUTH NOTHING\r\n");
-  });
 }
 
 // Whole messages that are not for here.
@@ -133,37 +109,13 @@ void add_rules(Inputs& inputs) {
   }
 }
 
-// The device answers each line of the greeting, for as long as lines come.
-void greet_for_ever(Target& target) {
-  BusLine& line = target.open(kDelegate);
-  auto [mine, theirs] = socket_pair(SOCK_STREAM);
-  BusLine channel(std::move(mine));
-  std::string lines = "\0"s;
-  while (lines.size() < 60'000) lines += "AUTH NO\r\n";
-  channel.send(lines);
-  line.send(registration().bytes(), {theirs.get()});
-  theirs.reset();
-  const auto end = Clock::now() + std::chrono::milliseconds(3 * target.limit_ms());
-  char bytes[65536];
-  bool open = true;
-  while (open && Clock::now() < end) {
-    open = ::send(channel.descriptor(), lines.data() + 1, 9000, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
-    while (::recv(channel.descriptor(), bytes, sizeof(bytes), MSG_DONTWAIT) > 0) {
-    }
-  }
-  if (open) throw Broken("the device listens to the greetings of one client without end");
-}
-
 // What comes in place of the callback channel.
 void add_channels(Inputs& inputs) {
   const std::pair<const char*, UniqueFd (*)()> kinds[] = {
       {"dev-null", [] { return UniqueFd(::open("/dev/null", O_RDWR | O_CLOEXEC)); }},
-      {"a-directory", [] { return UniqueFd(::open("/", O_RDONLY | O_CLOEXEC)); }},
-      {"an-eventfd", [] { return UniqueFd(::eventfd(0, EFD_CLOEXEC)); }},
       {"a-datagram-socket", [] { return socket_pair(SOCK_DGRAM).first; }},
       {"a-packet-socket", [] { return socket_pair(SOCK_SEQPACKET).first; }},
       {"an-unconnected-socket", [] { return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)); }},
-      {"an-internet-socket", [] { return UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); }},
       {"half-closed", [] { return socket_pair(SOCK_STREAM).first; }},
   };
   for (const auto& [what, make] : kinds) {
@@ -174,11 +126,6 @@ void add_channels(Inputs& inputs) {
                         target.expect_dropped(line);
                       }});
   }
-  inputs.push_back({"client/channel/is-this-very-connection", [](Target& target) {
-                      BusLine& line = target.open(kDelegate);
-                      line.send(registration().bytes(), {line.descriptor()});
-                      target.expect_dropped(line);
-                    }});
   inputs.push_back({"client/channel/silent", [](Target& target) {
                       BusLine& line = target.open(kDelegate);
                       target.keep(send_with_channel(line, registration(), false));
@@ -190,7 +137,6 @@ void add_channels(Inputs& inputs) {
                       const BusLine second = send_with_channel(line, registration(3));
                       target.expect_dropped(line);
                     }});
-  inputs.push_back({"client/channel/greets-for-ever", greet_for_ever});
 }
 
 void add_descriptors(Inputs& inputs) {
@@ -225,17 +171,6 @@ void add_descriptors(Inputs& inputs) {
     line.send(call.bytes(), {socket_pair(SOCK_STREAM).second.get()});
     target.expect_dropped(line);
   });
-  // The first holds fewer than the device may have open, so that the others get their connections.
-  for (const auto& [what, count] : {std::pair{"hoarded-in-half-a-message", 2}, {"until-none-are-left", 12}}) {
-    add(what, [count = count](Target& target) {
-      BusLine& line = target.open();
-      const std::string call = good_call().bytes();
-      for (std::size_t n = 0; n < static_cast<std::size_t>(count); ++n) {
-        line.send({call.data() + n, 1}, std::vector<int>(kMostDescriptors, STDIN_FILENO));
-      }
-      if (count == 12) line.close();
-    });
-  }
 }
 
 // ---- References and callbacks ----
@@ -388,10 +323,6 @@ void add_amounts(Inputs& inputs) {
       target.expect_dropped(line);
     });
   }
-  add("127-mib-announced-1-sent", [](Target& target) {
-    const BusMessage call = with(good_call(), &BusMessage::body, std::string(1U << 20U, '\0'));
-    target.open().send(with(call, &BusMessage::body_length, 127U << 20U).bytes());
-  });
   add("127-mib-a-byte-at-a-time", dribble);
   add("never-reads-answers", [](Target& target) {
     BusLine& line = target.open();
@@ -401,26 +332,17 @@ void add_amounts(Inputs& inputs) {
     for (int n = 0; open && n < 4000; ++n) open = line.send(calls);
     if (open) throw Broken("answers are kept for it without end");
   });
-  add("500-calls-at-once", [](Target& target) {
-    BusLine& line = target.open();
-    std::string calls;
-    for (std::uint32_t n = 0; n < 500; ++n) calls += good_call(n + 2).bytes();
-    line.send(calls);
-    for (std::uint32_t n = 0; n < 500; ++n) expect_served(target, line, n + 2);
+  add("conversations-that-come-and-go", [](Target& target) {
+    for (int n = 0; n < 400; ++n) {
+      BusLine& line = target.connect();
+      line.send(test::kBusHello + open_power().bytes() + good_call().bytes());
+      line.close();
+    }
+    BusLine& line = target.open();  // of the same process
+    line.send(good_call().bytes());
+    expect_served(target, line);
   });
-  for (const bool speaks : {false, true}) {
-    add(speaks ? "conversations-that-come-and-go" : "connections-that-come-and-go", [speaks](Target& target) {
-      for (int n = 0; n < 400; ++n) {
-        BusLine& line = target.connect();
-        if (speaks) line.send(test::kBusHello + open_power().bytes() + good_call().bytes());
-        line.close();
-      }
-      BusLine& line = target.open();  // of the same process
-      line.send(good_call().bytes());
-      expect_served(target, line);
-    });
-  }
-  for (const char* kind : {"silent", "greeted", "open", "calling"}) {
+  for (const char* kind : {"silent", "calling"}) {
     add("300-connections-of-another-process-"s + kind, [kind](Target& target) { target.run_flood(kind); });
   }
 }
@@ -446,7 +368,6 @@ void add_mutations(Inputs& inputs, long count) {
 
 std::vector<ClientInput> client_inputs(long count) {
   Inputs inputs;
-  add_greetings(inputs);
   add_rules(inputs);
   add_channels(inputs);
   add_descriptors(inputs);

@@ -62,10 +62,6 @@ void add_answers(std::vector<ServiceInput>& inputs) {
       return with(bus_answer(to, 0, good_result()), &BusMessage::signature, signature).bytes();
     });
   }
-  for (const std::int32_t status : {1, -1, -110, INT32_MAX, INT32_MIN}) {
-    add("status-" + std::to_string(status),
-        [status](std::uint32_t to) { return bus_answer(to, status, good_result()).bytes(); });
-  }
   for (const char* result : {"", "0", "0 2147483647", "0 -2 7", "0 1 -1", "-3", "-3 'no' 0", "-3 'no' 1 'trace'",
                              "-3 2147483647", "-3 'no' 2147483647", "-3 '%s%n%s%n%d' 1 '%n%n%s'", "0 1447383888 0"}) {
     add_result("of-"s + result, text_of(test::wire(result)));
@@ -179,15 +175,7 @@ void add_callbacks(std::vector<ServiceInput>& inputs) {
   for (const auto& [what, bytes] : rows) {
     add(what, [bytes = bytes](Visit&, BusLine& channel) { channel.send(bytes); });
   }
-  add("with-descriptors", [](Visit&, BusLine& channel) {
-    channel.send(with(news(), &BusMessage::descriptors, 50).bytes(), std::vector<int>(50, STDIN_FILENO));
-  });
   add("channel-closed", [](Visit&, BusLine& channel) { channel.close(); });
-  add("ten-thousand-at-once", [](Visit&, BusLine& channel) {
-    std::string calls;
-    for (std::uint32_t n = 0; n < 10'000; ++n) calls += bus_callback(n + 1, 99, kDeliver, "", false).bytes();
-    channel.send(calls);
-  });
   add("endless-after-the-hang-up", [](Visit& visit, BusLine& channel) {
     std::string calls;
     for (std::uint32_t n = 0; n < 100; ++n) calls += bus_callback(n + 1, 1, kDeliver, setting_news(), false).bytes();
@@ -197,17 +185,6 @@ void add_callbacks(std::vector<ServiceInput>& inputs) {
       if (std::chrono::steady_clock::now() > end) throw Broken("callbacks are taken after the service hung up");
     }
   });
-  inputs.push_back({"service/callback/no-greeting", [](Visit& visit) {
-                      visit.line.send(kBusAnswer);
-                      visit.serve_well();
-                    }});
-  inputs.push_back({"service/callback/closed-before-the-answer", [](Visit& visit) {
-                      visit.line.send(kBusAnswer);
-                      while (const auto call = visit.next_call()) {
-                        visit.line.received_descriptors().clear();
-                        visit.line.send(bus_answer(call->serial, 0, good_result()).bytes());
-                      }
-                    }});
 }
 
 void add_mutations(std::vector<ServiceInput>& inputs, long count) {

@@ -37,7 +37,6 @@ constexpr std::size_t kMostLeftOpen = 2;
 struct Options {
   bool valgrind = false;
   std::string role;  // of another process that this program starts
-  std::string keep_log;
 };
 
 // A client that keeps the rules, over a connection from before the attack and one made after it.
@@ -190,7 +189,6 @@ class Hostilities {
       // A client without orders ends by the signal itself.
       test::require(status == 0 || status == 128 + SIGTERM, "a process ended with status " + std::to_string(status));
     }
-    if (!m_options.keep_log.empty()) fs::copy_file(log(), m_options.keep_log, fs::copy_options::overwrite_existing);
   }
 
   [[nodiscard]] std::string report() const {
@@ -346,8 +344,6 @@ int run(int argc, char** argv) {
   test::Runner runner("orvel-hostile",
                       "Hostile clients against the simulated device, and a hostile service against a client", 60);
   runner.options().add_flag("--valgrind", options.valgrind, "run the attacked processes under valgrind");
-  runner.options().add_option("--log", options.keep_log,
-                              "where to leave what the attacked processes wrote to standard error");
   runner.options().add_option("--role", options.role)->group("");
   if (const auto status = runner.parse(argc, argv)) return *status;
   std::signal(SIGPIPE, SIG_IGN);
