@@ -79,7 +79,6 @@ class Target {
 struct ClientInput {
   std::string name;
   std::function<void(Target&)> run;
-  std::size_t lost_descriptors = 0;  // that sd-bus is known to forget
 };
 
 // A hostile service with one client.
@@ -106,7 +105,6 @@ class Visit {
 struct ServiceInput {
   std::string name;
   std::function<void(Visit&)> run;
-  std::size_t lost_descriptors = 0;  // that sd-bus is known to forget
 };
 
 // `count` is how many inputs are made by chance.

@@ -27,11 +27,9 @@ const std::string& good_result() {
   return result;
 }
 
-using Answers = std::function<std::string(std::uint32_t serial)>;
-
 // Each answers every call of the client in its way.
 void add_answers(std::vector<ServiceInput>& inputs) {
-  const auto add = [&inputs](const std::string& what, const Answers& make) {
+  const auto add = [&inputs](const std::string& what, const std::function<std::string(std::uint32_t serial)>& make) {
     inputs.push_back({"service/answer/" + what, [make](Visit& visit) {
                         visit.line.send(kBusAnswer);
                         while (const auto call = visit.next_call()) {
@@ -47,16 +45,8 @@ void add_answers(std::vector<ServiceInput>& inputs) {
   add("twice", [good](std::uint32_t to) { return good(to) + good(to); });
   add("of-another-call-first", [good](std::uint32_t to) { return good(to + 1) + good(to); });
   add("to-the-opening", [good](std::uint32_t) { return good(1); });
-  add("with-the-next-ones-too", [good](std::uint32_t to) {
-    std::string answers;
-    for (std::uint32_t n = 0; n < 50; ++n) answers += good(to + n);
-    return answers;
-  });
   add("an-error-message", [](std::uint32_t to) { return error_to(to).bytes(); });
   add("a-call", [](std::uint32_t) { return call_to(test::kDelegate, 9, 33).bytes(); });
-  add("of-no-length", [](std::uint32_t to) {
-    return with(bus_answer(to, 0, ""), &BusMessage::body, BusBody().u32(0).u32(UINT32_MAX).bytes()).bytes();
-  });
   for (const char* signature : {"i", "ay", "iayi", "s", "v", "uay"}) {
     add("signature-"s + signature, [signature](std::uint32_t to) {
       return with(bus_answer(to, 0, good_result()), &BusMessage::signature, signature).bytes();
@@ -85,19 +75,10 @@ void add_conversations(std::vector<ServiceInput>& inputs) {
                         if (size % 2 == 1) visit.serve_nothing();  // else it hangs up
                       }});
   }
-  const std::pair<const char*, std::string> greetings[] = {
-      {"none", ""},
-      {"half", kBusAnswer.substr(0, 20)},
-      {"rejected", "REJECTED EXTERNAL\r\n"},
-      {"a-short-identity", "DATA\r\nOK 0123\r\nAGREE_UNIX_FD\r\n"},
-      {"no-descriptors", "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nERROR\r\n"},
-      {"twice", kBusAnswer + kBusAnswer},
-      {"an-answer-at-once", kBusAnswer + bus_answer(2, 0, "").bytes()},
-      {"nonsense", std::string(256, '\xFF') + "\r\n"},
-  };
-  for (const auto& [what, text] : greetings) {
-    inputs.push_back({"service/greeting/"s + what, [text = text](Visit& visit) {
-                        visit.line.send(text);
+  for (const std::string& greeting : {""s, kBusAnswer.substr(0, 20), "REJECTED EXTERNAL\r\n"s, kBusAnswer + kBusAnswer,
+                                      kBusAnswer + bus_answer(2, 0, "").bytes(), std::string(256, '\xFF') + "\r\n"}) {
+    inputs.push_back({"service/greeting/of-" + std::to_string(greeting.size()), [greeting](Visit& visit) {
+                        visit.line.send(greeting);
                         visit.serve_well();
                       }});
   }
@@ -111,16 +92,6 @@ void add_conversations(std::vector<ServiceInput>& inputs) {
                       while (visit.line.send("x")) {
                       }
                     }});
-  // sd-bus 252 passes over a message that is not what it says, and forgets what came with it. The client's four calls run
-  // into their limit one after the other.
-  inputs.push_back({"service/answer/descriptors-unannounced",
-                    [](Visit& visit) {
-                      visit.line.send(kBusAnswer);
-                      while (const auto call = visit.next_call()) {
-                        visit.line.send(bus_answer(call->serial, 0, good_result()).bytes(), std::vector<int>(100, 0));
-                      }
-                    },
-                    400});
 }
 
 std::string setting_news() {
@@ -151,19 +122,14 @@ void add_callbacks(std::vector<ServiceInput>& inputs) {
   std::vector<std::pair<std::string, std::string>> rows = {
       {"gives-back", bus_release(1, 1).bytes()},
       {"gives-back-twice", bus_release(1, 1).bytes() + bus_release(1, 1).bytes()},
-      {"gives-back-none", bus_release(1, 0).bytes()},
       {"gives-back-all-there-are", bus_release(1, UINT32_MAX).bytes()},
-      {"gives-back-the-unknown", bus_release(99, 1).bytes()},
       {"calls-what-it-gave-back", bus_release(1, 1).bytes() + news().bytes()},
       {"calls-the-unknown", bus_callback(1, 99, kDeliver, setting_news(), true).bytes()},
-      {"another-code", bus_callback(1, 1, UINT32_MAX, setting_news(), true).bytes()},
       {"one-way-where-it-is-answered", bus_callback(1, 1, kDeliver, setting_news(), false).bytes()},
       {"of-8-mib", bus_callback(1, 1, kDeliver, std::string(kMostBytes, '\0'), true).bytes()},
       {"of-more-than-8-mib", bus_callback(1, 1, kDeliver, std::string(kMostBytes + 1, '\0'), true).bytes()},
       {"another-member", with(news(), &BusMessage::member, "Open").bytes()},
-      {"another-path", with(news(), &BusMessage::path, "/else").bytes()},
       {"another-signature", with(news(), &BusMessage::signature, "tus").bytes()},
-      {"a-signal", with(news(), &BusMessage::type, test::kBusSignal).bytes()},
       {"an-endless-array", with(news(), &BusMessage::body, BusBody().u64(1).u32(1).u32(UINT32_MAX).bytes()).bytes()},
       {"an-answer-to-nothing", bus_answer(7, 0, "").bytes()},
       {"half-a-callback", news().bytes().substr(0, 40)},

@@ -110,7 +110,6 @@ class Victim {
     m_descriptors = usage().descriptors;
     m_kept_kb = usage().resident_kb;
   }
-  void allow(std::size_t descriptors) { m_descriptors += descriptors; }
   void reset_peak() const { std::ofstream("/proc/" + std::to_string(m_process->pid()) + "/clear_refs") << "5"; }
   [[nodiscard]] long grown_kb() const { return usage().resident_kb - m_kept_kb; }
 
@@ -148,7 +147,7 @@ class Hostilities {
 
   void attack_device(const ClientInput& input) {
     start_device();
-    attempt(m_device, input.name, input.lost_descriptors, [&] {
+    attempt(m_device, input.name, [&] {
       Target target(directory(), 2 * m_limit_ms, seed_of(input.name));
       target.run_flood = [this](const std::string& kind) {
         test::Process other({"/proc/self/exe", "--role", kind});
@@ -176,7 +175,7 @@ class Hostilities {
                  }});
       m_client->settle();
     }
-    attempt(m_client, input.name, input.lost_descriptors, [&] { live_once(input); });
+    attempt(m_client, input.name, [&] { live_once(input); });
   }
 
   // Both must end in peace. To be called when no input is left.
@@ -214,9 +213,8 @@ class Hostilities {
   [[nodiscard]] std::uint64_t seed_of(const std::string& name) const { return std::hash<std::string>()(name) ^ m_seed; }
 
   template <typename Attack>
-  void attempt(std::unique_ptr<Victim>& victim, const std::string& name, std::size_t lost, const Attack& attack) {
+  void attempt(std::unique_ptr<Victim>& victim, const std::string& name, const Attack& attack) {
     victim->reset_peak();
-    victim->allow(lost);
     const auto start = Clock::now();
     try {
       attack();
