@@ -31,7 +31,7 @@ BusBody& BusBody::align(std::size_t boundary) {
 
 BusBody& BusBody::number(std::uint64_t value, int size) {
   align(static_cast<std::size_t>(size));
-  for (int n = 0; n < size; ++n) m_bytes += static_cast<char>(value >> (8 * (m_big ? size - 1 - n : n)));
+  for (int n = 0; n < size; ++n) m_bytes += static_cast<char>(value >> (8 * n));
   return *this;
 }
 
@@ -55,7 +55,7 @@ BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
 }
 
 std::string BusMessage::bytes() const {
-  BusBody fields(endian == 'B');  // in a message they begin at a multiple of 8
+  BusBody fields;  // in a message they begin at a multiple of 8
   if (path) fields.align(8).raw("\1\1o\0"sv).text(*path);
   if (interface) fields.align(8).raw("\2\1s\0"sv).text(*interface);
   if (member) fields.align(8).raw("\3\1s\0"sv).text(*member);
@@ -64,8 +64,8 @@ std::string BusMessage::bytes() const {
   if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
   if (!extra_fields.empty()) fields.align(8).raw(extra_fields);
 
-  BusBody whole(endian == 'B');
-  const char start[] = {endian, static_cast<char>(type), static_cast<char>(flags), static_cast<char>(version)};
+  BusBody whole;
+  const char start[] = {'l', static_cast<char>(type), static_cast<char>(flags), static_cast<char>(version)};
   whole.raw({start, sizeof(start)});
   whole.u32(body_length.value_or(static_cast<std::uint32_t>(body.size()))).u32(serial);
   whole.u32(fields_length.value_or(static_cast<std::uint32_t>(fields.bytes().size())));

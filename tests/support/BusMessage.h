@@ -21,8 +21,6 @@ extern const std::string kBusAnswer;
 // Values one after the other, each at a multiple of its own size.
 class BusBody {
  public:
-  explicit BusBody(bool big_endian = false) : m_big(big_endian) {}
-
   BusBody& u32(std::uint32_t value) { return number(value, 4); }
   BusBody& u64(std::uint64_t value) { return number(value, 8); }
   BusBody& text(std::string_view value);  // string or object path
@@ -37,7 +35,6 @@ class BusBody {
  private:
   BusBody& number(std::uint64_t value, int size);
 
-  bool m_big;
   std::string m_bytes;
 };
 
@@ -46,7 +43,6 @@ constexpr std::uint8_t kNoReplyExpected = 1;
 
 // One message. What is not set is left out; lengths are by default what they ought to be.
 struct BusMessage {
-  char endian = 'l';
   std::uint8_t type = kBusCall;
   std::uint8_t flags = 0;
   std::uint8_t version = 1;

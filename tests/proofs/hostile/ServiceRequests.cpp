@@ -62,7 +62,7 @@ void damage_header(Attacked method, const std::string& header, const std::string
   for (std::size_t size = 0; size < header.size(); size += 12) {
     method.expect(kRefused, "header cut to " + std::to_string(size), whole.substr(0, size));
   }
-  for (const std::size_t at : {2, 6, 10}) {
+  for (const std::size_t at : {2U, 6U, 10U}) {
     std::string bytes = whole;
     bytes[at] ^= 1;
     method.expect(kRefused, "a wrong word of the header", bytes);
