@@ -1,7 +1,5 @@
-// What else a recording is good for.
+// Turns a recording into a scenario.
 #pragma once
-
-#include <filesystem>
 
 #include "device/Recording.h"
 #include "device/Wire.h"
@@ -12,9 +10,5 @@ namespace orvel::sim {
 // as by default. Exceptions and other failures are not taken over. Throws ScenarioError where no scenario can say it, and
 // RecordingError where a reply does not fit its request.
 Json scenarioOf(const Recording& recording);
-
-// Writes what the services sent as inputs of the fuzz targets that read it, into a folder for each target; gives their
-// number. The same bytes are written once. Throws std::runtime_error.
-std::size_t writeSeeds(const Recording& recording, const std::filesystem::path& folder);
 
 }  // namespace orvel::sim

@@ -426,7 +426,7 @@ TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
   EXPECT_EQ(run({"orvel-sim", "replay", temporary() / "none"}).status, 2);
 }
 
-TEST_F(Replaying, SeedsAreTheBytesThatWereSentBehindWhatTheirTargetDraws) {
+TEST_F(Replaying, SeedsAreTheWholeMessagesThatWereSentEachOnce) {
   const std::string lines =
       kHeader + setting("k", R"("reply":"hi")") + setting("cut", R"("reply":"hi","truncatedTo":8)") +
       setting("again", R"("reply":"hi")") +
@@ -435,14 +435,12 @@ TEST_F(Replaying, SeedsAreTheBytesThatWereSentBehindWhatTheirTargetDraws) {
           0,
           R"("service":"coordinator","notification":"directive","code":1,"arguments":{"namespace":"N","texts":["a",null]})");
   const std::filesystem::path seeds = temporary() / "seeds";
-  EXPECT_EQ(run({"orvel-sim", "convert", write(lines), "--seeds", seeds}).output, "7 seeds\n");
+  EXPECT_EQ(run({"orvel-sim", "convert", write(lines), "--seeds", seeds}).output, "4 seeds\n");
   const auto bytes = [](const char* begin, std::size_t size) { return std::string(begin, size); };
-  EXPECT_EQ(contentOf(seeds / "Primitives/recorded-0"), bytes("\1\3\2\0\0\0h\0i\0\0\0\0\0", 14));
-  EXPECT_EQ(contentOf(seeds / "Primitives/recorded-1"), bytes("\1\3\2\0\0\0", 6));
-  EXPECT_EQ(contentOf(seeds / "ReplyFrame/recorded-0"), bytes("\0\0\0\0\2\0\0\0h\0i\0\0\0\0\0", 16));
-  EXPECT_EQ(contentOf(seeds / "Endpoints/recorded-0").substr(0, 8), bytes("\2\0\6\0\0\0\0\0", 8));
-  EXPECT_EQ(contentOf(seeds / "Endpoints/recorded-1"), bytes("\3\0\1\0\1\0\0\0a\0\0\0\xff\xff\xff\xff", 16));
-  EXPECT_EQ(contentOf(seeds / "Assistant/recorded-0"), bytes("\1\0\0\0a\0\0\0\xff\xff\xff\xff", 12));
+  EXPECT_EQ(contentOf(seeds / "delegate.getSecureSetting.0"), bytes("\0\0\0\0\2\0\0\0h\0i\0\0\0\0\0", 16));
+  EXPECT_EQ(contentOf(seeds / "delegate.getSecureSetting.1"), bytes("\0\0\0\0\2\0\0\0", 8));
+  EXPECT_EQ(contentOf(seeds / "connectivity.networkLost.0").substr(0, 12), bytes("\0\0\0\0\xff\xff\xff\xffTSYS", 12));
+  EXPECT_EQ(contentOf(seeds / "coordinator.directive.0").substr(0, 12), bytes("\1\0\0\0a\0\0\0\xff\xff\xff\xff", 12));
 }
 
 TEST_F(Replaying, TheDocumentListsWhatIsMasked) {
