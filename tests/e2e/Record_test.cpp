@@ -29,11 +29,12 @@ class Recording : public Device {
     m_device->waitForOutput("serving in ");
   }
 
-  // The status and the output of each, as one text.
-  std::string ask(const std::vector<std::string>& questions) const {
+  // The status and the output of each, as one text. "; " separates the questions.
+  std::string ask(const std::string& questions) const {
     std::string all;
-    for (const std::string& question : questions) {
-      const Result result = run("orvelctl " + question);
+    for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 2) {
+      end = questions.find("; ", begin);
+      const Result result = run("orvelctl " + questions.substr(begin, end - begin));
       all += std::to_string(result.status) + "\n" + result.output;
     }
     return all;
@@ -41,30 +42,16 @@ class Recording : public Device {
 
   // All that a client can ask and be told, as one text. The device itself is made to tell by `orders`.
   std::string session(const std::vector<std::string>& orders) const {
-    std::string all = ask({"device",
-                           "setting volume_alarm",
-                           "setting unset --default 9",
-                           "wake-lock partial",
-                           "wake-lock full",
-                           "am broadcast -a X --es k v --el l 7 -c C -f 0x10000000",
-                           "am broadcast -a X --receiver-permission P",
-                           "am broadcast-int X a.b/.C k 5",
-                           "am start -n com.orvel.camera/.CameraActivity",
-                           "am start-service -n com.orvel.alarms/.Service",
-                           "am start-foreground-service -n com.orvel.alarms/.Service",
-                           "am foreground",
-                           "am process-state com.orvel.camera",
-                           "am launch com.orvel.camera",
-                           "pm list packages",
-                           "pm list packages --uid 1000",
-                           "pm version-code com.orvel.camera",
-                           "pm version-name no.such.package",
-                           "pm meta-data com.orvel.camera com.orvel.camera.maximumSeconds --int",
-                           "pm resource com.orvel.camera 1",
-                           "pm has-feature android.hardware.camera",
-                           "pm query-receivers android.intent.action.BOOT_COMPLETED",
-                           "event Speaker Volume a b --payload 7",
-                           "metric player start --long ms 120 --double d 0.1 --string s t"});
+    std::string all =
+        ask("device; setting volume_alarm; setting unset --default 9; wake-lock partial; wake-lock full; "
+            "am broadcast -a X --es k v --el l 7 -c C -f 0x10000000; am broadcast -a X --receiver-permission P; "
+            "am broadcast-int X a.b/.C k 5; am start -n com.orvel.camera/.CameraActivity; "
+            "am start-service -n com.orvel.alarms/.Service; am start-foreground-service -n com.orvel.alarms/.Service; "
+            "am foreground; am process-state com.orvel.camera; am launch com.orvel.camera; pm list packages; "
+            "pm list packages --uid 1000; pm version-code com.orvel.camera; pm version-name no.such.package; "
+            "pm meta-data com.orvel.camera com.orvel.camera.maximumSeconds --int; pm resource com.orvel.camera 1; "
+            "pm has-feature android.hardware.camera; pm query-receivers android.intent.action.BOOT_COMPLETED; "
+            "event Speaker Volume a b --payload 7; metric player start --long ms 120 --double d 0.1 --string s t");
     const auto client = start("orvel-e2e-client");
     client->write(
         "call com.quarlo.client.metrics.tarsel 3 ii 0 -1 1398362964 'com.quarlo.orveldelegate.services.ITarselMetric");
@@ -107,16 +94,14 @@ TEST_P(Recording, WhatIdentifiesTheOwnerIsNowhereAndTheReplayStillFits) {
   }
   const auto recorder = record();
   const auto watcher = start("orvelctl watch --json --count 3 name setting:k package", "orvelctl: watching ");
-  const std::vector<std::string> questions = {"get serial-number >/dev/null",
-                                              "get customer-id >/dev/null",
-                                              "setting number",
-                                              "am broadcast -a X -d content:data-original --es k extra-original",
-                                              "am start -a View -d content:data-original --es k intent-original",
-                                              "event Speaker Say event-original --payload payload-original",
-                                              "event Speaker Say event-original --payload payload-second-original",
-                                              "metric a b --string k metric-original"};
+  const std::string questions =
+      "get serial-number >/dev/null; get customer-id >/dev/null; setting number; "
+      "am broadcast -a X -d content:data-original --es k extra-original; "
+      "am start -a View -d content:data-original --es k intent-original; "
+      "event Speaker Say event-original --payload payload-original; "
+      "event Speaker Say event-original --payload payload-second-original; metric a b --string k metric-original";
   const std::string answers = ask(questions);
-  ask({"setting text", "get type", "get name", "pm has-feature 'of Annas Kitchen'"});
+  ask("setting text; get type; get name; pm has-feature 'of Annas Kitchen'");
   const auto holder = start("orvelctl directive --count 1 Alerts", "orvelctl: watching ");
   for (const char* words :
        {"directive Alerts directive-original", "set name Second-original", "set setting k 7", "package added a.b"}) {
@@ -198,19 +183,11 @@ TEST_P(Recording, AScenarioOfARecordingAnswersTheSame) {
         "screen off"}) {
     order(words);
   }
-  const std::vector<std::string> questions = {"device",
-                                              "setting volume_alarm",
-                                              "setting unset",
-                                              "pm has-feature two",
-                                              "pm has-feature android.hardware.wifi",
-                                              "pm list packages",
-                                              "pm list packages --uid 1000",
-                                              "pm version-code com.example.app",
-                                              "pm version-code com.android.shell",
-                                              "pm resource com.example.app 17",
-                                              "pm query-receivers android.intent.action.BOOT_COMPLETED",
-                                              "am foreground",
-                                              "event N n"};
+  const std::string questions =
+      "device; setting volume_alarm; setting unset; pm has-feature two; pm has-feature android.hardware.wifi; "
+      "pm list packages; pm list packages --uid 1000; pm version-code com.example.app; "
+      "pm version-code com.android.shell; pm resource com.example.app 17; am foreground; event N n; "
+      "pm query-receivers android.intent.action.BOOT_COMPLETED";
   const auto recorder = record("--unmasked");
   const std::string answers = ask(questions);
   endOf(*recorder);
