@@ -32,7 +32,7 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvel-sim set screenOn maybe", "/power/screenOn: expected true or false"},
       {"orvel-sim run --scenario buzzy -- true", "no scenario is called buzzy; there are asleep, busy, "},
       {"orvel-sim run --scenario busy.json", "busy.json: cannot be read"},
-      {"orvel-sim replay $T/none", "none"},
+      {"orvel-sim replay $T/none", "none: cannot be read"},
       {"directive-handler", "usage: directive-handler NAMESPACE"},
       {"directive-handler ''", "usage: directive-handler NAMESPACE"},
       {"status-line 0", "usage: status-line [SECONDS]"},
