@@ -21,8 +21,8 @@ using test::Process;
 using test::Result;
 using test::Words;
 
-// A command line, and what comes of it. An expected output is the whole; one that begins with "..." stands anywhere in it,
-// as an expected error does; null: any.
+// A command line, and what comes of it. An expected output is the whole; one that begins with "..." stands anywhere
+// in it, as an expected error does; null: any.
 struct Row {
   std::string command;
   const char* output = nullptr;
@@ -54,8 +54,8 @@ inline bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-// A directory for a device, and command lines for the shell that look for a device there. They find the programs of this
-// build by name, and the directory above that of the device as T.
+// A directory for a device, and command lines for the shell that look for a device there. They find the programs of
+// this build by name, and the directory above that of the device as T.
 class NoDevice : public ::testing::Test {
  protected:
   std::filesystem::path temporary() const { return m_temporary.path(); }

@@ -1,5 +1,5 @@
-// `orvel-sim run -- COMMAND`: a device that no other program sees, of which nothing is left; and the scenarios that come with
-// the program, each run so and asked.
+// `orvel-sim run -- COMMAND`: a device that no other program sees, of which nothing is left; and the scenarios that
+// come with the program, each run so and asked.
 #include <signal.h>
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
-// A client that lives as long as its standard input: each line there is a call ("ask METHOD", as in the table of methods), each
-// line of output its result. The library's log goes to standard error. The clock of its library runs faster, so that its
-// pauses pass quickly.
+// A client that lives as long as its standard input: each line there is a call ("ask METHOD", as in the table of
+// methods), each line of output its result. The library's log goes to standard error. The clock of its library runs
+// faster, so that its pauses pass quickly.
 #include <android/log.h>
 
 #include <cstdio>

@@ -51,7 +51,8 @@ TEST(Convert, EachReplyAndNotificationBecomesWhatTheDeviceMustHaveHad) {
   } rows[] = {
       {kInfo, {"info"}, R"(["a", "", "c"])"},
       {R"(["delegate", "getSecureSetting", {"key": "location_mode"}, null])", {"setting", "location_mode"}, nullptr},
-      {R"(["delegate", "getSecureSetting", {"key": "k"}, "1"], ["delegate", "settingChanged", {"key": "k", "value": "2"}])",
+      {R"(["delegate", "getSecureSetting", {"key": "k"}, "1"],
+           ["delegate", "settingChanged", {"key": "k", "value": "2"}])",
        {"setting", "k"},
        R"("2")"},
       {R"(["delegate", "settingChanged", {"key": "location_mode", "value": ""}])",
