@@ -1,5 +1,5 @@
-// Programs under test as processes of their own. Every wait has a limit and throws std::runtime_error when it passes, with
-// what the program has written until then.
+// Programs under test as processes of their own. Every wait has a limit and throws std::runtime_error when it passes,
+// with what the program has written until then.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +22,8 @@ using Limit = std::chrono::milliseconds;
 // Far beyond what a program takes to answer, under a sanitizer on a busy machine too.
 constexpr Limit kPatience{20'000};
 
-// A directory of this process's own, removed at the end with all that is in it. "device" in it serves as ORVEL_RUNTIME_DIR.
+// A directory of this process's own, removed at the end with all that is in it. "device" in it serves as
+// ORVEL_RUNTIME_DIR.
 class TemporaryDirectory {
  public:
   TemporaryDirectory() { vesk::check_errno(mkdtemp(m_path.data()) == nullptr ? -1 : 0); }
@@ -44,8 +45,8 @@ struct ProcessOptions {
   int death_signal = SIGKILL;  // what the process gets when the thread that starts it ends, as with this process
 };
 
-// One running program with pipes as its standard streams. Killed and waited for at the end if it still runs. One thread at
-// a time may read and wait; another may write, close the input and send signals meanwhile.
+// One running program with pipes as its standard streams. Killed and waited for at the end if it still runs. One
+// thread at a time may read and wait; another may write, close the input and send signals meanwhile.
 class Process {
  public:
   // The first word is a program of this build, or one with a slash; one that cannot be run ends with status 127.
