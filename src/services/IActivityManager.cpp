@@ -1,6 +1,7 @@
 #include "services/IActivityManager.h"
 
 #include "binder/OrvelLogger.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -8,14 +9,14 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IActivityManager");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.activitymanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.activitymanager.IActivityManager";
 
 constexpr unsigned int kGetRunningAppProcesses = 2;
 
 }  // namespace
 
-IActivityManager::IActivityManager(void* runtime) : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+IActivityManager::IActivityManager(void* runtime)
+    : m_binder(runtime, service_names::kActivityManager, /*is_android_service=*/false) {}
 
 bool IActivityManager::getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes) {
   processes.clear();

@@ -2,6 +2,7 @@
 
 #include "binder/LeakCheck.h"
 #include "binder/OrvelLogger.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -9,7 +10,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IAndroidConnectivityManager");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager";
 
 enum Transaction : unsigned int {
@@ -24,7 +24,7 @@ RequestWriter only(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
 }  // namespace
 
 IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime)
-    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false) {}
 
 bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback) {
   if (!m_binder.good()) return false;

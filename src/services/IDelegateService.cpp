@@ -8,6 +8,7 @@
 #include "parcel/Int64.h"
 #include "parcel/String.h"
 #include "parcel/StringArray.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -15,7 +16,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IDelegateService");
 
-constexpr char kServiceName[] = "orvel_delegate";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.IDelegateService";
 
 // The gaps are the remote interface's.
@@ -97,7 +97,8 @@ std::optional<Connection> publish(Binder& binder, Transaction code, const Reques
 }  // namespace
 
 IDelegateService::IDelegateService(void* context)
-    : m_binder(context, kServiceName, /*is_android_service=*/false, [this] { onBinderReconnectedCallback(); }) {}
+    : m_binder(context, service_names::kDelegate, /*is_android_service=*/false,
+               [this] { onBinderReconnectedCallback(); }) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
   std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);

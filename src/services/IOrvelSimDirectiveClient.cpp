@@ -4,14 +4,13 @@
 
 #include "binder/Admission.h"
 #include "binder/OrvelLogger.h"
+#include "services/ServiceNames.h"
 #include "vesk/vesk.h"
 
 namespace orvel::service_apis {
 namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimDirectiveClient");
-
-constexpr char kServiceName[] = "orvel-service-coordinator-public";
 
 // Where the broker looks for whoever has the namespace.
 std::string endpoint_name(const std::string& nspace) {
@@ -28,8 +27,9 @@ bool are_valid(const char* method, const std::string& nspace, const DirectiveCal
 }  // namespace
 
 IOrvelSimDirectiveClient::IOrvelSimDirectiveClient(void* context)
-    : m_context(context),
-      m_binder(context, kServiceName, /*is_android_service=*/true, [this] { onOscReconnectedCallback(); }) {}
+    : m_context(context), m_binder(context, service_names::kCoordinator, /*is_android_service=*/true, [this] {
+        onOscReconnectedCallback();
+      }) {}
 
 bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, DirectiveCallback callback) {
   if (!are_valid(__func__, nspace, callback)) return false;

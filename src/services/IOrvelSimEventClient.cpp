@@ -5,6 +5,7 @@
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/String.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -12,7 +13,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimEventClient");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient";
 constexpr unsigned int kSendEvent = 2;
 
@@ -22,7 +22,7 @@ constexpr int kAccepted = 1;
 }  // namespace
 
 IOrvelSimEventClient::IOrvelSimEventClient(void* context)
-    : m_binder(context, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(context, service_names::kEvents, /*is_android_service=*/false) {}
 
 bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload,
                                      EventStatusCallback callback) {

@@ -5,6 +5,7 @@
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/Int64.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -12,7 +13,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IPowerManagerService");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.powermanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.powermanager.IPowerManagerService";
 
 enum Transaction : unsigned int {
@@ -36,7 +36,7 @@ Result value_or_unbound(const std::optional<Result>& result, Result failure, con
 }  // namespace
 
 IPowerManagerService::IPowerManagerService(void* runtime)
-    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(runtime, service_names::kPowerManager, /*is_android_service=*/false) {}
 
 bool IPowerManagerService::isInteractive() {
   return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, no_arguments, Int32::read), 0, __func__) != 0;
