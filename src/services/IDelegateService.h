@@ -26,8 +26,8 @@ namespace orvel::service_apis {
 // the service refused is not kept, and nothing is ever removed. Threads: any.
 class IDelegateService {
  public:
-  // Blocks until the service is bound or given up. `context` is the libvesk runtime, borrowed.
-  explicit IDelegateService(void* context);
+  // Blocks until the service is bound or given up. `runtime` is borrowed.
+  explicit IDelegateService(void* runtime);
 
   DeviceInfo getDeviceInfo();
 
@@ -98,18 +98,15 @@ class IDelegateService {
  private:
   using SettingRegistration = std::pair<std::string, SettingCallback>;
 
-  // Register without keeping. They return the connection that has taken the registration, kNoConnection for none.
-  // With `only`, on that connection or not at all.
+  // Register without keeping. They return the connection that has taken the registration, kNoConnection for none. With
+  // `required_connection`, on that connection or not at all.
   Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
-                                               Connection only = kNoConnection);
+                                               Connection required_connection = kNoConnection);
   Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
                                                               const std::vector<std::string>& dataTypes,
                                                               const std::vector<std::string>& dataSchemes,
                                                               BroadcastCallback callback,
-                                                              Connection only = kNoConnection);
-
-  void renew(const SettingRegistration& setting, Connection connection);
-  void renew(const OrvelIntentFilter& filter, Connection connection);
+                                                              Connection required_connection = kNoConnection);
 
   ReplayList<SettingRegistration> m_settings;
   ReplayList<OrvelIntentFilter> m_broadcasts;

@@ -6,7 +6,6 @@
 #include "parcel/Int32.h"
 #include "parcel/String.h"
 #include "services/ServiceNames.h"
-#include "services/Transact.h"
 
 namespace orvel::service_apis {
 namespace {
@@ -21,8 +20,8 @@ constexpr int kAccepted = 1;
 
 }  // namespace
 
-IOrvelSimEventClient::IOrvelSimEventClient(void* context)
-    : m_binder(context, service_names::kEvents, /*is_android_service=*/false) {}
+IOrvelSimEventClient::IOrvelSimEventClient(void* runtime)
+    : m_binder(runtime, service_names::kEvents, /*is_android_service=*/false) {}
 
 bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload,
                                      EventStatusCallback callback) {
@@ -37,7 +36,7 @@ bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, cons
     String::write_optional(request, payload);
     vesk_write_endpoint(request, endpoint->get_endpoint());
   };
-  return transact(m_binder, kDescriptor, kSendEvent, write, Int32::read) == kAccepted;
+  return Int32::read(m_binder.call(kDescriptor, kSendEvent, write).get()) == kAccepted;
 }
 
 }  // namespace orvel::service_apis

@@ -13,8 +13,8 @@ namespace orvel::service_apis {
 // it, and whose result is lost when the service dies first. Threads: any, one at a time.
 class IOrvelSimEventClient {
  public:
-  // Blocks until the service is bound or given up. `context` is the libvesk runtime, borrowed.
-  explicit IOrvelSimEventClient(void* context);
+  // Blocks until the service is bound or given up. `runtime` is borrowed.
+  explicit IOrvelSimEventClient(void* runtime);
 
   // True when the service has accepted the event; only then, `callback` gets its result, on the run-loop thread and
   // possibly before this returns. An empty payload goes as a null one.

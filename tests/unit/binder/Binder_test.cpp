@@ -119,7 +119,7 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
       EXPECT_EQ(answered, std::future_status::ready) << "released under a lock";
     });
     m_clock.at_sleep(1, [&] {
-      EXPECT_EQ(binder->call("i", 1), nullptr) << "calls fail at once during a rebind";
+      EXPECT_EQ(binder->call("i", 1).get(), nullptr) << "calls fail at once during a rebind";
       m_vesk.add_service("clock");
     });
     m_vesk.run_pending();
@@ -162,7 +162,7 @@ TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
 
   EXPECT_EQ(transact(*binder, "i", 1, no_arguments, replied), std::nullopt);
   EXPECT_THAT(m_log.take(), IsEmpty());
-  EXPECT_EQ(binder->call("i", 1), nullptr);
+  EXPECT_EQ(binder->call("i", 1).get(), nullptr);
   EXPECT_THAT(m_log.take(), ElementsAre("E call:Binder is not initialized"));
   EXPECT_EQ(m_vesk.uses("vesk_payload_alloc"), 0);
 }
@@ -216,21 +216,26 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
   }
   m_log.take();
   const auto not_whole = [](vesk_payload*) { return false; };
-  EXPECT_EQ(binder->call("i", 1, not_whole), nullptr);
+  EXPECT_EQ(binder->call("i", 1, not_whole).get(), nullptr);
   EXPECT_THAT(m_log.take(), ElementsAre("E call:Serialize payload failed with error -22"));
   binder->done();
   EXPECT_THROW((void)binder->call("i", 1, RequestWriter()), std::bad_function_call);
   binder->done();
   binder->done();
-  EXPECT_NE(binder->call("i", 1), nullptr) << "what was thrown must leave no lock behind";
+  EXPECT_NE(binder->call("i", 1).get(), nullptr) << "what was thrown must leave no lock behind";
 }
 
 TEST_F(BinderTest, ACallThatFollowsAnUnfinishedOneLeavesItsPairAlone) {
   m_vesk.add_service("clock");
   auto binder = bind();
   vesk_payload* unfinished = nullptr;
-  vesk_buffer* reply = binder->call("i", 1, [&](vesk_payload* payload) { unfinished = payload; });
-  EXPECT_NE(binder->call("i", 2), reply);
+  vesk_buffer* reply = nullptr;
+  {
+    Binder::Reply kept = binder->call("i", 1, [&](vesk_payload* payload) { unfinished = payload; });
+    reply = kept.get();
+    kept.keep();
+  }
+  EXPECT_NE(binder->call("i", 2).get(), reply);
   binder.reset();
   EXPECT_EQ(messages(), 2);
   vesk_payload_free(unfinished);
