@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kFirstRetryDelay{2};
 constexpr std::chrono::seconds kMaxRetryDelay{60};
 constexpr std::chrono::seconds kPauseAfterDeath{6};
 
-// The three words in front of every request; only the services give them a meaning.
+// The three words in front of every request, which have a meaning to the services only.
 constexpr std::int32_t kRequestHeader[] = {0, -1, 0x53595354 /* "SYST" */};
 
 constexpr char kCall[] = "call";  // what the log lines of a transaction begin with
@@ -46,7 +46,7 @@ Binder::Binder(void* runtime, const char* service_name, bool is_android_service,
 Binder::~Binder() {
   free_messages();
   if (m_handle) vesk_service_unbind(m_runtime, m_handle->get());
-  m_handle.reset();  // Unlinks the death listener, which uses the rest.
+  m_handle.reset();  // Here and not by its own destructor: the death listener that it unlinks uses the other members.
 }
 
 std::unique_ptr<vesk::IpcHandle> Binder::look_up() const {
@@ -76,7 +76,7 @@ bool Binder::bind_to_service() {
     return false;
   }
 
-  // No notice comes before m_handle is there: this is the run-loop thread, or that has not been started yet.
+  // No death notice comes before m_handle is set: this is the run-loop thread, or that thread has not been started yet.
   if (!handle->set_death_listener([this] { on_binder_died(); })) {
     s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
     return false;
@@ -91,7 +91,7 @@ bool Binder::bind_to_service() {
 void Binder::on_binder_died() {
   const char* const name = m_service_name.c_str();
   {
-    std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: releasing calls out.
+    std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: its destructor calls libvesk.
     const std::lock_guard<std::mutex> lock(m_mutex);
     dead = std::move(m_handle);
     s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);

@@ -43,7 +43,7 @@ enum Transaction : unsigned int {
   kGetLaunchIntentForPackage = 60,
 };
 
-// Asks for one string.
+// The string that the service answers; empty without a connection.
 std::optional<std::string> query(Binder& binder, Transaction code) {
   return transact(binder, kDescriptor, code, no_arguments, String::read);
 }
@@ -55,8 +55,8 @@ bool is_missing(const char* method, const char* argument, const char* what) {
   return true;
 }
 
-// True when an argument of `method` is empty; with an error line, unless the service is not bound, which comes first and
-// is silent.
+// True when an argument of `method` is empty; with an error line, unless the service is not bound, which comes first
+// and is silent.
 bool is_empty(Binder& binder, const char* method, const std::string& argument, const char* what) {
   if (!argument.empty()) return false;
   if (binder.good()) s_logger.e("%s:%s is empty", method, what);
@@ -69,7 +69,7 @@ bool send(Binder& binder, Transaction code, const OrvelIntent& intent) {
   return transact(binder, kDescriptor, code, write, replied).value_or(false);
 }
 
-// Asks for a record about a package; null when there is none.
+// The service's record about a package; null when there is none.
 template <typename Record>
 std::unique_ptr<Record> query(Binder& binder, Transaction code, const char* method, const char* package,
                               long long flags) {
@@ -151,7 +151,7 @@ std::string IDelegateService::getDirectedId() {
   return *std::move(id);
 }
 
-// The name and the serial number identify the owner: their values stay at debug level.
+// The name and the serial number identify the owner, so their values are logged at debug level only.
 
 std::string IDelegateService::getDeviceName() {
   std::optional<std::string> name = query(m_binder, kGetDeviceName);
@@ -228,7 +228,7 @@ Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
   return *taken_by;
 }
 
-// A broadcast takes a copy of its intent, as the remote interface's own clients have it.
+// The two broadcasts take their intent by value, as the remote interface declares it.
 
 bool IDelegateService::sendBroadcast(OrvelIntent intent) {  // NOLINT(performance-unnecessary-value-param)
   return send(m_binder, kSendBroadcast, intent);

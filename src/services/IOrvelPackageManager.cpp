@@ -1,5 +1,7 @@
 #include "services/IOrvelPackageManager.h"
 
+#include <utility>
+
 #include "binder/OrvelLogger.h"
 #include "parcel/StringArray.h"
 #include "services/ServiceNames.h"

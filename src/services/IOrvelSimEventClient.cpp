@@ -15,7 +15,7 @@ const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimEventClient");
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient";
 constexpr unsigned int kSendEvent = 2;
 
-// Deliberately this number alone, where other services take anything but 0 for yes.
+// Deliberately only this number: in the replies of other services every number but 0 means yes.
 constexpr int kAccepted = 1;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The event service: tells the voice assistant of events.
+// The event service, through which the voice assistant gets events.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 
 namespace orvel::service_apis {
 
-// Keeps nothing of what was sent: each event has an endpoint of its own, which lives for as long as the service holds
-// it, and whose result is lost when the service dies first. Threads: any, one at a time.
+// Keeps nothing of an event: each has an endpoint of its own for its result, which lives for as long as the service
+// holds it. The result is lost when the service dies first. Threads: any, one at a time.
 class IOrvelSimEventClient {
  public:
   // Blocks until the service is bound or given up. `runtime` is borrowed.

@@ -26,7 +26,7 @@ constexpr int kFirstVersionWithCustomWakeUp = 2;
 constexpr int kPartialWakeUp = 1;
 constexpr long long kPartialWakeUpMs = 500;
 
-// What `result` holds, or `failure`, with the error line that `method` owes, when the service is not bound.
+// The result; `failure`, with an error line, when the service is not bound.
 template <typename Result>
 Result value_or_unbound(const std::optional<Result>& result, Result failure, const char* method) {
   if (!result) s_logger.e("%s:Invalid binder handle", method);

@@ -8,7 +8,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// Silent so far: the Binder says what went wrong with a call, and the caller learns whether the event could be written.
+// Unused so far: the Binder logs the failure of a call, and an event that cannot be written shows in the result.
 [[maybe_unused]] const OrvelLogger s_logger("ITarselMetric");
 
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.services.ITarselMetric";

@@ -14,9 +14,9 @@ namespace orvel::service_apis {
 //   a thread that registers     call on connection C, append, look at the newest connection N; N > C: claim N
 //   the replay of connection N  N becomes the newest, walk the list; claim N for each entry
 //
-// The thread that claims an entry for connection N makes that registration on N only. An entry that the replay of N came
-// too early to see was appended after N had become the newest connection, so the registering thread sees N and claims
-// it. That is why the list and the number of the connection are sequentially consistent.
+// The thread that claims an entry for connection N makes that registration on N only. An entry that the replay of N
+// came too early to see was appended after N had become the newest connection, so the registering thread sees N and
+// claims it. That is why the list and the number of the connection are sequentially consistent.
 //
 // The list only grows, and takes no lock. Threads: any number that add, and the run loop's that replays.
 template <typename Registration>
