@@ -59,6 +59,16 @@ class IDelegateService {
                                                 const std::vector<std::string>& dataSchemes,
                                                 BroadcastCallback callback);
 
+  // The connection that has taken the registration, which is not kept; kNoConnection when none has, and for a null or
+  // empty key or action. With `required_connection`, it is made on that connection or not at all.
+  Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
+                                               Connection required_connection = kNoConnection);
+  Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
+                                                              const std::vector<std::string>& dataTypes,
+                                                              const std::vector<std::string>& dataSchemes,
+                                                              BroadcastCallback callback,
+                                                              Connection required_connection = kNoConnection);
+
   // True when the service answered. It does not say what became of the intent: an activity may not have been started.
   bool sendBroadcast(OrvelIntent intent);
   bool sendBroadcastWithPermission(OrvelIntent intent, const std::string& permission);
@@ -96,16 +106,6 @@ class IDelegateService {
 
  private:
   using SettingRegistration = std::pair<std::string, SettingCallback>;
-
-  // Register without keeping. They return the connection that has taken the registration, kNoConnection for none. With
-  // `required_connection`, on that connection or not at all.
-  Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
-                                               Connection required_connection = kNoConnection);
-  Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
-                                                              const std::vector<std::string>& dataTypes,
-                                                              const std::vector<std::string>& dataSchemes,
-                                                              BroadcastCallback callback,
-                                                              Connection required_connection = kNoConnection);
 
   ReplayList<SettingRegistration> m_settings;
   ReplayList<OrvelIntentFilter> m_broadcasts;

@@ -81,8 +81,13 @@ TEST_F(Registrations, WhatWasNotTakenIsNotMadeAgain) {
   m_log.take();
   for (const char* nothing : {static_cast<const char*>(nullptr), ""}) {
     EXPECT_FALSE(hear_setting(service, nothing) || hear_broadcast(service, nothing));
-    EXPECT_THAT(m_log.take(), ElementsAre("E registerForSecureSettings:Setting key is null or empty",
-                                          "E registerForBroadcastWithDataTypeOrScheme:Intent is null or empty"));
+    EXPECT_EQ(service.registerForSecureSettingsInternal(nothing, {}), kNoConnection);
+    EXPECT_EQ(service.registerForBroadcastWithDataTypeOrSchemeInternal(nothing, {}, {}, {}), kNoConnection);
+    EXPECT_THAT(m_log.take(),
+                ElementsAre("E registerForSecureSettings:Setting key is null or empty",
+                            "E registerForBroadcastWithDataTypeOrScheme:Intent is null or empty",
+                            "E registerForSecureSettingsInternal:Setting key is null or empty",
+                            "E registerForBroadcastWithDataTypeOrSchemeInternal:Intent is null or empty"));
   }
   m_clock.at_sleep(1, [&] {
     m_log.take();
