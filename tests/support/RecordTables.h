@@ -9,8 +9,13 @@
 #include <vector>
 
 #include "vesk/inprocess/Bytes.h"
+#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
+
+struct RecordTest : ::testing::Test {
+  FakeVesk m_vesk;
+};
 
 // Gives what it has read as text.
 using Reader = std::string (*)(vesk_buffer*);

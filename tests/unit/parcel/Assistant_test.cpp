@@ -14,11 +14,7 @@ namespace {
 using namespace service_apis;  // NOLINT(google-build-using-namespace)
 using Value = TarselMetricEventFieldValue;
 
-struct AssistantRecords : ::testing::Test {
-  FakeVesk m_vesk;
-};
-
-TEST_F(AssistantRecords, AnEventResultIsUnknownUnlessItsMarkIsNotZeroAndItsCodeBelowSix) {
+TEST_F(RecordTest, AnEventResultIsUnknownUnlessItsMarkIsNotZeroAndItsCodeBelowSix) {
   const auto read = [](const Bytes& bytes) { return OrvelSimEventResult::read(buffer_of(bytes).get()); };
   for (const int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, -1, -2, INT_MIN, INT_MAX}) {
     for (const int mark : {1, -1, INT_MIN, 0}) {
@@ -32,7 +28,7 @@ TEST_F(AssistantRecords, AnEventResultIsUnknownUnlessItsMarkIsNotZeroAndItsCodeB
   }
 }
 
-TEST_F(AssistantRecords, MetadataGoBehindTheirLengthWithNoTextForAnEmptyOne) {
+TEST_F(RecordTest, MetadataGoBehindTheirLengthWithNoTextForAnEmptyOne) {
   const OrvelSimEventMetadata full{"n", "e", "3", "4", "5", "6", "7", true};
   EXPECT_EQ(written(full), wire("9 1 64 'n' 'e' '3' '4' '5' '6' '7' 1 8"));
   EXPECT_EQ(written(OrvelSimEventMetadata{}), wire("9 1 36 ~ ~ ~ ~ ~ ~ ~ 0 8"));
@@ -58,7 +54,7 @@ TarselMetricEvent event_of_all_kinds() {
   return event;
 }
 
-TEST_F(AssistantRecords, AMetricEventHasTheNewestValueOfEachKeyInTheOrderOfTheKeysBytes) {
+TEST_F(RecordTest, AMetricEventHasTheNewestValueOfEachKeyInTheOrderOfTheKeysBytes) {
   EXPECT_EQ(written(TarselMetricEvent{}), wire("9 1 24 '' '' -1 8"));
   TarselMetricEvent event = event_of_all_kinds();
   EXPECT_EQ(written(event), wire("9 1 148 'h' 'i' 6 '_Model' 5 5 'b' 4 1 'd' 2")
@@ -74,7 +70,7 @@ TEST_F(AssistantRecords, AMetricEventHasTheNewestValueOfEachKeyInTheOrderOfTheKe
                                 .append(wire("4 0 8")));
 }
 
-TEST_F(AssistantRecords, OnlyTheFifteenPredefinedFactsAreTaken) {
+TEST_F(RecordTest, OnlyTheFifteenPredefinedFactsAreTaken) {
   std::istringstream keys(
       "_SoftwareVersion _SoftwareVersionFingerprint _OsFileTag _BuildType _Platform _Model _Hardware _DeviceType "
       "_DeviceId _CustomerId _MarketplaceId _CountryOfResidence _DeviceLanguage _OtaGroupName _TimeZone");
@@ -88,7 +84,7 @@ TEST_F(AssistantRecords, OnlyTheFifteenPredefinedFactsAreTaken) {
   EXPECT_EQ(event.fields.size(), 15U);
 }
 
-TEST_F(AssistantRecords, AMetricEventThatBreaksOffKeepsALengthOfZero) {
+TEST_F(RecordTest, AMetricEventThatBreaksOffKeepsALengthOfZero) {
   for (int kind = 6; kind <= 256; ++kind) {
     TarselMetricEvent event;
     event.fields["k"] = kind == 256 ? nullptr : std::make_unique<Value>();

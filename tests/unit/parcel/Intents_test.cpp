@@ -12,10 +12,6 @@ namespace {
 
 using namespace service_apis;  // NOLINT(google-build-using-namespace)
 
-struct Intents : ::testing::Test {
-  FakeVesk m_vesk;
-};
-
 // What the maps hold under the keys of these tests: "a=1 a=2L a='x' ".
 template <typename AnyBundle>
 std::string contents(const AnyBundle& bundle) {
@@ -49,7 +45,7 @@ std::string read_intent(vesk_buffer* buffer) {
   return action + data + text3 + package + component.package_name + component.class_name + contents(extras);
 }
 
-TEST_F(Intents, ComponentsEndAtAnEmptyPackage) {
+TEST_F(RecordTest, ComponentsEndAtAnEmptyPackage) {
   expect_reads(read_component, {{"both parts", wire("'p' 'c' 7"), "pc good", 4},
                                 {"nothing follows a null package", wire("~ 'c'"), "", 8},
                                 {"nothing follows an empty package", wire("'' 'c'"), "", 8},
@@ -57,7 +53,7 @@ TEST_F(Intents, ComponentsEndAtAnEmptyPackage) {
   EXPECT_EQ(written(ComponentName{"", "c"}), wire("9 '' 'c' 8")) << "an empty package is not a null one";
 }
 
-TEST_F(Intents, BundlesKeepWhatTheyKnowAndStopAtWhatTheyDoNot) {
+TEST_F(RecordTest, BundlesKeepWhatTheyKnowAndStopAtWhatTheyDoNot) {
   const std::string two = "'a' 1 5 'b' 0 'x' ";  // 36 bytes
   std::vector<Row> rows = {
       {"the first value of a key wins, in each map", wire("5 " + two + "'a' 1 6 'b' 0 'y' 'a' 0 ''"), "a=5 a='' b='x' ",
@@ -99,7 +95,7 @@ OrvelIntent whole_intent() {
   return {"a", "d", "t", "p", {"q", "c"}, filled<Bundle>(), {"", "y"}, 0x10000000};
 }
 
-TEST_F(Intents, WhatIsWrittenAnnouncesItsLengthAndMarksWhatIsNotThere) {
+TEST_F(RecordTest, WhatIsWrittenAnnouncesItsLengthAndMarksWhatIsNotThere) {
   EXPECT_EQ(written(OrvelBundle()), wire("9 4 0 8"));
   EXPECT_EQ(written(filled<OrvelBundle>()), wire("9 40 2 'a' 1 -2 'b' 0 'x' 8"));
   auto bundle = filled<Bundle>();
@@ -120,7 +116,7 @@ TEST_F(Intents, WhatIsWrittenAnnouncesItsLengthAndMarksWhatIsNotThere) {
             wire("9 1 128 'a' 'd' 't' 'p' 1 'q' 'c' 1 40 2 'a' 1 -2 'b' 0 'x' 2 '' 'y' 268435456 8"));
 }
 
-TEST_F(Intents, EveryFailedWriteFailsTheIntentAndLeaksNothing) {
+TEST_F(RecordTest, EveryFailedWriteFailsTheIntentAndLeaksNothing) {
   OrvelIntent intent = whole_intent();
   intent.extras.put("c", 6LL);
   for (const char* operation : {"vesk_payload_alloc", "vesk_write_i32", "vesk_write_i64", "vesk_write_utf16_cstring",
@@ -140,7 +136,7 @@ TEST_F(Intents, EveryFailedWriteFailsTheIntentAndLeaksNothing) {
   EXPECT_FALSE(intent.write(nullptr) || intent.extras.write(nullptr) || OrvelBundle().write(nullptr));
 }
 
-TEST_F(Intents, ReceivedIntentsAreAbsentBelowAMarkOfOneAndKeepWhatPrecedesADamage) {
+TEST_F(RecordTest, ReceivedIntentsAreAbsentBelowAMarkOfOneAndKeepWhatPrecedesADamage) {
   const std::string head = "1 1 'a' ~ ~ ~ ";
   expect_reads(read_intent, {{"no intent", wire("0 40 " + head), "", 28},
                              {"negative mark", wire("-1 40 " + head), "", 28},
