@@ -20,13 +20,10 @@ TEST(OrvelLogger, EachLevelHasItsPriorityAndTheTagBeginsWithTheLibrary) {
   logger.w("%s:%d", "f", 4);
   OrvelLogger("").e("%s:%d", "f", 5);
   EXPECT_THAT(log.take(), ElementsAre("V f:1", "D f:2", "I f:3", "W f:4", "E OrvelDelegateClient: f:5"));
-  const std::string no = "no%s";
   const std::runtime_error error("because");
-  logger.v(no, error);
-  logger.d(no, error);
-  logger.i(no, error);
-  logger.w(no, error);
-  logger.e(no, error);
+  using Log = void (OrvelLogger::*)(const std::string&, const std::exception&) const;
+  const Log levels[] = {&OrvelLogger::v, &OrvelLogger::d, &OrvelLogger::i, &OrvelLogger::w, &OrvelLogger::e};
+  for (const Log level : levels) (logger.*level)("no%s", error);
   EXPECT_THAT(log.take(), ElementsAre("V no%s: because", "D no%s: because", "I no%s: because", "W no%s: because",
                                       "E no%s: because"));
 }
