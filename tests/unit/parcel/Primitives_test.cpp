@@ -51,9 +51,7 @@ TEST(Primitives, ArraysHaveTheirAnnouncedLengthUpToAThousand) {
   Bytes many = Bytes().i32(1500);
   for (int n = 1; n <= 1500; ++n) many.utf16(std::to_string(n));
   const BufferPtr buffer = buffer_of(many);
-  const Lines values = StringArray::read(buffer.get());
-  ASSERT_EQ(values.size(), 1000U);
-  EXPECT_EQ(values.back(), "1000");
+  EXPECT_EQ(StringArray::read(buffer.get()).back(), "1000");
   EXPECT_EQ(String::read(buffer.get()), "1001");
 
   EXPECT_EQ(StringArray::read(buffer_of(wire("2147483647")).get()), Lines(1000));
