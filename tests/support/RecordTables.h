@@ -37,8 +37,8 @@ inline void expect_reads(Reader read, const std::vector<Row>& rows, const std::s
   EXPECT_EQ(read(nullptr), without_buffer);
 }
 
-// Reads a record that consists of these pieces, each with its text, cut after every byte: the pieces before the cut must
-// be there, and no other.
+// Reads a record that consists of these pieces, each with its text, cut after every byte: the pieces before the cut
+// must be there, and no other.
 inline void expect_cuts(Reader read, const std::vector<std::pair<Bytes, std::string>>& pieces) {
   Bytes whole;
   for (const auto& [bytes, value] : pieces) whole.append(bytes);
