@@ -177,19 +177,22 @@ TEST_F(ChangeNotifications, ASettingThatIsNoNumberIsThrownOnTheRunLoopAndTheClie
   }
 }
 
-TEST_F(ChangeNotifications, BothHalvesOfAStateAreTriedWhicheverFails) {
+TEST_F(ChangeNotifications, BothHalvesOfAStateAreTriedWhicheverFailsAndTheCallbackKeepsItsOwn) {
   int registrations = 0;
   m_delegate.before_answer = [&] {
     if (++registrations == 1) m_delegate.refuse(28, Bytes().i32(-3).null().i32(0));
     if (registrations == 2) m_delegate.accept(28);
   };
-  EXPECT_FALSE(m_client.registerForScreenStateChange(hear_flag("screen")));
+  const auto count = [this, calls = 0](bool) mutable { m_heard.push_back(std::to_string(++calls)); };
+  EXPECT_FALSE(m_client.registerForScreenStateChange(count));
   EXPECT_EQ(registrations, 2);
+  EXPECT_THAT(after(kOff, broadcast(kOff, "")), ElementsAre("1"));
   m_delegate.before_answer = nullptr;
   m_clock.at_sleep(1, [this] { m_delegate.start(); });
   m_vesk.kill_service(FakeDelegate::kName);
   m_vesk.drain();
   EXPECT_THAT(m_delegate.subjects(), ElementsAre(kOff)) << "the one that was taken survives";
+  EXPECT_THAT(after(kOff, broadcast(kOff, "")), ElementsAre("2"));
 }
 
 TEST_F(ChangeNotifications, ACallbackMayCallTheClientAndSubscribeOnAndThrow) {
