@@ -70,15 +70,6 @@ class Bench final : public ClientFixture {
     m_vesk.drain();
   }
 
-  // Subscriptions that make kSubscriptions registrations with the delegate service, and publish one name.
-  void subscribe() {
-    for (const char* name : {"registerForSecureSettingIntChange", "registerForTimeSync", "registerForScreenStateChange",
-                             "registerForDirective"}) {
-      method(name).call(m_client, {});
-    }
-  }
-  static constexpr std::size_t kSubscriptions = 4;
-
   std::ptrdiff_t published() const {
     const std::vector<std::string> all = m_vesk.bindings();
     return std::count_if(all.begin(), all.end(), [](const std::string& each) { return each[0] == '='; });
@@ -111,7 +102,7 @@ class Bench final : public ClientFixture {
     m_vesk.repair();
     const std::ptrdiff_t before = published();
     die(kServices[kDelegate]);
-    require(registrations().size() == kSubscriptions, "the next death renews every registration");
+    require(registrations().size() == kRegistrations, "the next death renews every registration");
     die(kServices[kDirectives]);
     require(published() == before + 1, "the next death publishes the namespace again");
   }
@@ -236,7 +227,7 @@ bool fail_rebind(Service service, const std::string& what, Die die) {
   Bench bench;
   begin(std::string("rebind of ") + kServices.at(service) + ", " + what);
   bench.m_client.initialize();
-  bench.subscribe();
+  Bench::subscribe(bench.m_client);
   if (!die(bench)) return false;
   ++g_injected;
   bench.expect_unlocked();
@@ -246,7 +237,7 @@ bool fail_rebind(Service service, const std::string& what, Die die) {
     bench.expect_starts_again();
     bench.m_client.shutdown();
     bench.m_client.initialize();
-    bench.subscribe();
+    Bench::subscribe(bench.m_client);
   }
   bench.expect_rebinds();
   bench.expect_nothing_left(true);

@@ -1,21 +1,15 @@
 #include "races/Exits.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <future>
-#include <string>
 #include <thread>
 
-#include "races/FakeDevice.h"
 #include "races/Operations.h"
-#include "races/Watchdog.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it to the user
+#include "races/RandomDevice.h"
 
 // A process may end between the end of a run-loop thread and its join, which ThreadSanitizer takes for a leak.
 extern "C" __attribute__((visibility("default"))) const char* tsanDefaultOptions() __asm__("__tsan_default_options");
@@ -24,20 +18,13 @@ extern "C" const char* tsanDefaultOptions() {
 }
 
 namespace orvel::races {
+
+const std::array<const char*, 8> kExits = {
+    "exit-while-a-callback-runs", "exit-in-a-callback",           "exit-in-a-callback-while-main-shuts-down",
+    "_exit-in-a-callback",        "quick_exit-in-a-callback",     "exit-while-threads-use-the-client",
+    "exit-while-a-start-waits",   "static-objects-use-the-client"};
+
 namespace {
-
-constexpr int kStatus = 3;
-
-constexpr const char* kNames[kExitCases] = {
-    "exit() in main while a callback runs",
-    "exit() in a callback",
-    "exit() in a callback while main shuts down",
-    "_exit() in a callback",
-    "quick_exit() in a callback",
-    "exit() while threads use the client",
-    "exit() while a start waits for a service",
-    "static objects, older and younger, use the client while they end",
-};
 
 // Uses the client when it is destroyed.
 struct LateUser {
@@ -50,9 +37,9 @@ struct LateUser {
 };
 
 // Runs `step` in a callback and waits until it has begun.
-void in_callback(FakeDevice& device, const std::function<void()>& step) {
+void in_callback(RandomDevice& device, const std::function<void()>& step) {
   static auto& entered = *new std::promise<void>;
-  device.vesk().post([step] {
+  device.m_vesk.post([step] {
     entered.set_value();
     step();
   });
@@ -65,75 +52,55 @@ void in_callback(FakeDevice& device, const std::function<void()>& step) {
 
 }  // namespace
 
-void end_process(int exit_case, std::uint64_t seed) {
-  static auto& device = *new FakeDevice(seed);  // as long as the process: so are the threads
-  device.serve();
-  if (exit_case == 7) static const LateUser older;
+void end_process(std::size_t exit, std::uint64_t seed) {
+  static auto& device = *new RandomDevice(seed);  // as long as the process: so are the threads
+  if (exit == 7) static const LateUser older;
   Client& client = Client::getClient();
-  if (exit_case == 6) {
-    device.vesk().hold_binds("com.quarlo.client.metrics.tarsel");
+  if (exit == 6) {
+    device.m_vesk.hold_binds(test::kServices[test::kMetrics]);
     std::thread([&client] { client.initialize(); }).detach();
-    while (device.vesk().bindings().size() < 5) std::this_thread::yield();
-    std::exit(kStatus);
+    while (device.m_vesk.bindings().size() < test::kMetrics) std::this_thread::yield();
+    std::exit(kExitStatus);
   }
   if (!client.initialize()) std::abort();
   const auto ask = [&client] {
     for (int n = 0; n < 200; ++n) client.getDeviceName();
   };
-  switch (exit_case) {
+  switch (exit) {
     case 0:
       in_callback(device, ask);
-      std::exit(kStatus);
+      std::exit(kExitStatus);
     case 1:
-      in_callback(device, [] { std::exit(kStatus); });
+      in_callback(device, [] { std::exit(kExitStatus); });
       wait_for_the_end();
     case 2:
       in_callback(device, [] {
-        while (device.vesk().uses("vesk_shutdown") == 0) std::this_thread::yield();
-        std::exit(kStatus);
+        while (device.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
+        std::exit(kExitStatus);
       });
       client.shutdown();
       wait_for_the_end();
     case 3:
-      in_callback(device, [] { _exit(kStatus); });
+      in_callback(device, [] { _exit(kExitStatus); });
       wait_for_the_end();
     case 4:
-      in_callback(device, [] { std::quick_exit(kStatus); });
+      in_callback(device, [] { std::quick_exit(kExitStatus); });
       wait_for_the_end();
     case 5: {
       static std::atomic<int> begun{0};
-      for (int thread = 0; thread < 4; ++thread) {
-        std::thread([&client, own_seed = seed + static_cast<std::uint64_t>(thread)] {
-          Random random(own_seed);
-          for (;; ++begun) run_one(client, random);
+      for (std::uint64_t thread = 0; thread < 4; ++thread) {
+        std::thread([&client, random = Random(seed + thread)]() mutable {
+          for (;; ++begun) make_call(client, random, Answers::kOfTable);
         }).detach();
       }
       while (begun < 100) std::this_thread::yield();
-      std::exit(kStatus);
+      std::exit(kExitStatus);
     }
     default:
       static const LateUser younger;
       ask();
-      std::exit(kStatus);
+      std::exit(kExitStatus);
   }
-}
-
-bool child_ends_well(int exit_case, std::uint64_t seed) {
-  const Watchdog::Step step(kNames[exit_case]);
-  std::string program = "/proc/self/exe";
-  std::string which = "--exit-case=" + std::to_string(exit_case);
-  std::string seed_option = "--seed=" + std::to_string(seed);
-  char* const words[] = {program.data(), which.data(), seed_option.data(), nullptr};
-  pid_t child = 0;
-  int status = 0;
-  if (posix_spawn(&child, program.c_str(), nullptr, nullptr, words, environ) != 0) std::abort();
-  while (waitpid(child, &status, 0) != child) {
-  }
-  const bool well = WIFEXITED(status) && WEXITSTATUS(status) == kStatus;
-  if (!well)
-    std::printf("broken: %s: status %#x; --exit-case %d\n", kNames[exit_case], static_cast<unsigned>(status),
-                exit_case);
-  return well;
 }
 
 }  // namespace orvel::races

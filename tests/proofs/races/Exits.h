@@ -1,16 +1,16 @@
 // Every way in which a process may end under a running client.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 namespace orvel::races {
 
-constexpr int kExitCases = 8;
+// Their names.
+extern const std::array<const char*, 8> kExits;
 
-// Starts a client and ends this process in the way of that number. Does not return.
-[[noreturn]] void end_process(int exit_case, std::uint64_t seed);
-
-// Ends a child process in that way; true when it ended as it should, else a line says how it did.
-bool child_ends_well(int exit_case, std::uint64_t seed);
+// Starts a client and ends this process in the way of that number, with kExitStatus. Does not return.
+constexpr int kExitStatus = 3;
+[[noreturn]] void end_process(std::size_t exit, std::uint64_t seed);
 
 }  // namespace orvel::races
