@@ -2,15 +2,18 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
+
+#include "races/RandomDevice.h"
 
 namespace orvel::races {
 
-// Their names.
-extern const std::array<const char*, 8> kExits;
-
-// Starts a client and ends this process in the way of that number, with kExitStatus. Does not return.
+struct Exit {
+  const char* name;
+  // Ends the process with kExitStatus. The device lives as long as the process; the client was not created yet.
+  void (*end)(RandomDevice& device);
+};
 constexpr int kExitStatus = 3;
-[[noreturn]] void end_process(std::size_t exit, std::uint64_t seed);
+
+extern const std::array<Exit, 8> kExits;
 
 }  // namespace orvel::races

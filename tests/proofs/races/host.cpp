@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "races/Operations.h"
 #include "support/Process.h"
@@ -14,34 +15,30 @@ namespace {
 
 using namespace orvel::races;  // NOLINT(google-build-using-namespace)
 using orvel::test::require;
-using orvel::test::Runner;
+using orvel::test::Words;
 
 // Gives the device an order and waits until it has obeyed.
-void order(orvel::test::Words words) {
+void order(Words words) {
   words.insert(words.begin(), "orvel-sim");
   orvel::test::run(words);
 }
 
 // What happens to the device until `stop`; every service runs when it returns. How many it killed.
-long act(std::uint64_t seed, const std::atomic<bool>& stop) {
-  static const char* const kNames[] = {"delegate", "power", "events", "coordinator", "packages", "connectivity"};
-  Random random(seed);
+long act(Random random, const std::atomic<bool>& stop) {
+  const char* const services[] = {"delegate", "power", "events", "coordinator", "packages", "connectivity"};
+  const std::vector<Words> orders = {
+      {"set", "name", "a name"}, {"set", "name", ""}, {"maro", "connected"},    {"maro", "disconnected"},
+      {"screen", "on"},          {"screen", "off"},   {"network", "connected"}, {"network", "disconnected"},
+      {"directive", "N", "text"}};
   long kills = 0;
-  const auto either = [&random](const char* one, const char* other) { return random() % 2 == 0 ? one : other; };
   while (!stop) {
-    const char* const service = kNames[random() % std::size(kNames)];
-    const auto choice = random() % 6;
-    if (choice == 0) {
-      order({"kill", service});
-      order({"screen", "off"});
-      order({"restart", service});
-      ++kills;
-    }
-    if (choice == 1) order({"set", "name", either("a name", "")});
-    if (choice == 2) order({"maro", either("connected", "disconnected")});
-    if (choice == 3) order({"screen", either("on", "off")});
-    if (choice == 4) order({"network", either("connected", "disconnected")});
-    if (choice == 5) order({"directive", "N1", "text"});
+    order(orders[random() % orders.size()]);
+    if (random() % 4 != 0) continue;
+    const char* const service = services[random() % std::size(services)];
+    order({"kill", service});
+    order({"screen", "off"});
+    order({"restart", service});
+    ++kills;
   }
   return kills;
 }
@@ -49,12 +46,11 @@ long act(std::uint64_t seed, const std::atomic<bool>& stop) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Runner runner("orvel-races-host", "Races of the client library against a device of other processes; --count calls",
-                3000);
+  orvel::test::Runner runner("orvel-races-host", "Races against a device of other processes; --count calls", 3000);
   long kills = 0;
   runner.add("calls", [&] {
     std::atomic<bool> stop{false};
-    std::thread device([&] { kills = act(runner.seed(), stop); });
+    std::thread device([&] { kills = act(Random(runner.seed()), stop); });
     Client& client = Client::getClient();
     require(client.initialize(), "the client starts");
     make_calls(client, runner.seed(), 8, runner.count(), Answers::kAny);
