@@ -112,16 +112,19 @@ TEST_F(ChangeNotifications, ASettingThatIsNotANumberIsThrownOnTheRunLoopAndTheCl
   }
 }
 
-TEST_F(ChangeNotifications, BothHalvesOfAStateAreTriedAndTheOneThatIsTakenStays) {
+TEST_F(ChangeNotifications, BothHalvesOfAStateAreTriedAndTheOneThatIsTakenStaysWithTheStateOfItsCallback) {
   int tried = 0;
   m_vesk.add_service(kServices[kDelegate], [&](const Transaction&) {
     return Reply{wire("0"), ++tried == 1 ? -EIO : 0};
   });
-  EXPECT_FALSE(m_client.registerForScreenStateChange([](bool) {}));
+  const auto count = [this, calls = 0](bool) mutable { m_heard.push_back(std::to_string(++calls)); };
+  EXPECT_FALSE(m_client.registerForScreenStateChange(count));
   EXPECT_EQ(tried, 2);
+  EXPECT_THAT(after(kOff, broadcast(kOff, "")), ElementsAre("1"));
   die(kServices[kDelegate]);
   m_vesk.drain();
   EXPECT_THAT(subjects(), ElementsAre(kOff));
+  EXPECT_THAT(after(kOff, broadcast(kOff, "")), ElementsAre("2"));
 }
 
 TEST_F(ChangeNotifications, ACallbackMayCallTheClientAndSubscribeOnAndThrow) {

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "services/IDelegateService.h"
-#include "services/Transact.h"
 #include "support/ClientTest.h"
 #include "support/FakeDelegate.h"
 #include "support/RunLoop.h"
@@ -176,42 +175,44 @@ struct Moved {
 
 TEST_F(Registrations, AListRenewsWhateverADeathOverlapsWithExactlyOnce) {
   Binder binder(m_runtime, FakeDelegate::kName, false);
-  ReplayList<std::string> list;
   Lines renewed;
-  const auto renew = [&](const std::string& entry, Connection on) { renewed.push_back(entry + std::to_string(on)); };
+  std::function<void()> while_replaying = [] {};
+  ReplayList<std::string> list(binder, [&](const std::string& entry, Connection on) {
+    if (entry == "early") std::exchange(while_replaying, [] {})();
+    renewed.push_back(entry + std::to_string(on));
+  });
   const auto rebind = [&] {
     die();
     m_vesk.run_pending();
   };
 
-  list.add("early", binder.connection(), binder, renew);
+  list.add("early", binder.connection());
   EXPECT_THAT(renewed, IsEmpty());
   rebind();
-  list.add("late", 1, binder, renew);  // its connection died before it was in the list
+  list.add("late", 1);  // its connection died before it was in the list
   EXPECT_THAT(renewed, ElementsAre("late2"));
-  list.replay(binder, renew);
-  list.replay(binder, renew);
+  list.replay();
+  list.replay();
   EXPECT_THAT(renewed, ElementsAre("late2", "early2"));
   rebind();
-  list.replay(binder, [&](const std::string& entry, Connection on) {
-    if (entry == "early") list.add("while replaying", 2, binder, renew);
-    renew(entry, on);
-  });
+  while_replaying = [&] { list.add("while replaying", 2); };
+  list.replay();
   EXPECT_THAT(renewed, ElementsAre("late2", "early2", "while replaying3", "early3", "late3"));
   // A claim that a further death overtook must not be made on the connection after it.
-  EXPECT_EQ(transact(binder, "i", 1, no_arguments, replied, 2), std::nullopt) << "which is no failure to log";
-  EXPECT_EQ(transact(binder, "i", 1, no_arguments, replied, 3), true);
+  m_log.take();
+  EXPECT_EQ(binder.call_if_bound("i", 1, no_arguments, 2), std::nullopt);
+  EXPECT_THAT(m_log.take(), IsEmpty()) << "a connection that is gone is not a failure";
+  EXPECT_EQ(binder.call_if_bound("i", 1, no_arguments, 3)->connection(), 3U);
   EXPECT_EQ(m_vesk.transactions().size(), 1U);
 
   // A whole rebind, its replay included, between the answer to a registration and its place in the list.
-  ReplayList<Moved> overtaken;
   std::vector<Connection> made_on;
-  const auto make = [&](const Moved&, Connection on) { made_on.push_back(on); };
+  ReplayList<Moved> overtaken(binder, [&](const Moved&, Connection on) { made_on.push_back(on); });
   const auto rebind_and_replay = [&] {
     rebind();
-    overtaken.replay(binder, make);
+    overtaken.replay();
   };
-  overtaken.add(Moved(rebind_and_replay), binder.connection(), binder, make);
+  overtaken.add(Moved(rebind_and_replay), binder.connection());
   EXPECT_THAT(made_on, ElementsAre(4U));
 }
 
