@@ -22,11 +22,8 @@ void arm(long failing) {
   t_armed = true;
 }
 
-void disarm() {
+long disarm() {
   t_armed = false;
-}
-
-long allocations() {
   return t_allocations;
 }
 

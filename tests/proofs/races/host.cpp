@@ -7,9 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "races/Operations.h"
+#include "races/Caller.h"
 #include "support/Process.h"
-#include "support/Runner.h"
 
 namespace {
 
@@ -47,13 +46,14 @@ long act(Random random, const std::atomic<bool>& stop) {
 
 int main(int argc, char** argv) {
   orvel::test::Runner runner("orvel-races-host", "Races against a device of other processes; --count calls", 3000);
+  Client& client = Client::getClient();
+  Caller caller(client, /*by_table=*/false);  // those are of its scenario
   long kills = 0;
   runner.add("calls", [&] {
     std::atomic<bool> stop{false};
     std::thread device([&] { kills = act(Random(runner.seed()), stop); });
-    Client& client = Client::getClient();
     require(client.initialize(), "the client starts");
-    make_calls(client, runner.seed(), 8, runner.count(), Answers::kAny);
+    caller.make_calls(runner.seed(), 8, runner.count());
     stop = true;
     device.join();
     order({"set", "name", runner.canary() ? "another name" : "a name"});
@@ -67,6 +67,6 @@ int main(int argc, char** argv) {
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
   return runner.run([&] {
     return std::to_string(runner.count()) + " calls on 8 threads, " + std::to_string(kills) + " kills, " +
-           std::to_string(heard()) + " notifications";
+           std::to_string(caller.notifications()) + " notifications";
   });
 }

@@ -1,64 +1,166 @@
 // All public methods on eight threads while services die and come back; every way in which a process may end. Run under
 // ThreadSanitizer, whose reports make it fail too.
 #include <android/log.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstddef>
+#include <atomic>
 #include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <iterator>
 #include <string>
+#include <thread>
 
-#include "races/Exits.h"
-#include "races/Operations.h"
+#include "races/Caller.h"
+#include "races/RandomDevice.h"
 #include "support/Process.h"
-#include "support/Runner.h"
+
+// A process may end between the end of a run-loop thread and its join, which ThreadSanitizer takes for a leak.
+extern "C" __attribute__((visibility("default"))) const char* tsanDefaultOptions() __asm__("__tsan_default_options");
+extern "C" const char* tsanDefaultOptions() {
+  return "report_thread_leaks=0";
+}
 
 namespace {
 
 using namespace orvel::races;  // NOLINT(google-build-using-namespace)
-using orvel::test::Live;
-using orvel::test::require;
-using orvel::test::Runner;
+using namespace orvel::test;   // NOLINT(google-build-using-namespace)
 
 // Registrations are for ever, and each death renews them all.
 constexpr long kCallsPerRound = 5000;
 
-// How many services died.
-long call_and_kill(const Runner& runner, int threads) {
-  Client& client = Client::getClient();
+struct Counts {
   long kills = 0;
+  long notifications = 0;
+};
+
+Counts call_and_kill(const Runner& runner) {
+  Client& client = Client::getClient();
+  Counts counts;
   for (long made = 0; made < runner.count(); made += kCallsPerRound) {
     const std::uint64_t seed = runner.seed() + static_cast<std::uint64_t>(made / kCallsPerRound);
-    orvel::test::begin("a round of calls, seed " + std::to_string(seed));
+    begin("a round of calls, seed " + std::to_string(seed));
+    Caller caller(client, /*by_table=*/true);
     RandomDevice device(seed);
     if (runner.canary()) device.plant_fault();
     client.initialize();
     device.start_acting();
-    make_calls(client, seed, threads, std::min(kCallsPerRound, runner.count() - made), Answers::kOfTable);
+    caller.make_calls(seed, 8, std::min(kCallsPerRound, runner.count() - made));
     device.stop();
     client.shutdown();
     // What is left on purpose: the messages of one method, and the lookup of a handle that could not be linked to its death.
     Live left = device.m_vesk.live();
     left.payloads = left.buffers = left.lookups = 0;
     require(left == Live{}, "a stopped client holds no reference");
-    kills += device.kills();
+    counts.kills += device.kills();
+    counts.notifications += caller.notifications();
   }
-  return kills;
+  return counts;
 }
+
+constexpr int kExitStatus = 3;
+
+// Uses the client when it is destroyed.
+struct LateUser {
+  ~LateUser() {
+    Client& client = Client::getClient();
+    client.getDeviceName();
+    client.shutdown();
+    client.registerForTimeSync([](long long, long long) {});
+  }
+};
+
+// Starts the client, runs `step` in a callback, and returns when it has begun.
+void in_callback(RandomDevice& device, const std::function<void()>& step) {
+  static auto& entered = *new std::promise<void>;
+  if (!Client::getClient().initialize()) std::abort();
+  device.m_vesk.post([step] {
+    entered.set_value();
+    step();
+  });
+  entered.get_future().wait();
+}
+
+template <void (*kExit)(int)>
+void exit_in_callback(RandomDevice& device) {
+  in_callback(device, [] { kExit(kExitStatus); });
+  for (;;) pause();
+}
+
+void exit_during_callback(RandomDevice& device) {
+  in_callback(device, [] {
+    for (int n = 0; n < 200; ++n) Client::getClient().getDeviceName();
+  });
+  std::exit(kExitStatus);
+}
+
+void exit_in_callback_during_shutdown(RandomDevice& device) {
+  in_callback(device, [&device] {
+    while (device.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
+    std::exit(kExitStatus);
+  });
+  Client::getClient().shutdown();
+  for (;;) pause();
+}
+
+void exit_during_calls(RandomDevice&) {
+  static std::atomic<int> begun{0};
+  Client& client = Client::getClient();
+  if (!client.initialize()) std::abort();
+  static Caller caller(client, /*by_table=*/true);
+  for (std::uint64_t seed = 0; seed < 4; ++seed) {
+    std::thread([random = Random(seed)]() mutable {
+      for (;; ++begun) caller.make_call(random);
+    }).detach();
+  }
+  while (begun < 100) std::this_thread::yield();
+  std::exit(kExitStatus);
+}
+
+void exit_during_start(RandomDevice& device) {
+  device.m_vesk.hold_binds(kServices[kMetrics]);
+  std::thread([] { Client::getClient().initialize(); }).detach();
+  while (device.m_vesk.bindings().size() < kMetrics) std::this_thread::yield();
+  std::exit(kExitStatus);
+}
+
+void exit_with_static_objects(RandomDevice&) {
+  static const LateUser ends_after_the_client;
+  Client& client = Client::getClient();
+  static const LateUser ends_before_the_client;
+  if (!client.initialize()) std::abort();
+  std::exit(kExitStatus);
+}
+
+// How a process ends under a running client. The device lives as long as the process; the client was not created yet.
+constexpr struct Exit {
+  const char* name;
+  void (*end)(RandomDevice& device);
+} kExits[] = {
+    {"exit-in-a-callback", exit_in_callback<std::exit>},
+    {"_exit-in-a-callback", exit_in_callback<_exit>},
+    {"quick_exit-in-a-callback", exit_in_callback<std::quick_exit>},
+    {"exit-while-a-callback-runs", exit_during_callback},
+    {"exit-in-a-callback-while-main-shuts-down", exit_in_callback_during_shutdown},
+    {"exit-while-threads-use-the-client", exit_during_calls},
+    {"exit-while-a-start-waits", exit_during_start},
+    {"exit-with-static-objects-that-use-the-client", exit_with_static_objects},
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Runner runner("orvel-races", "Races of the client library; --count calls", 20'000);
-  int threads = 8;
-  std::size_t exit = kExits.size();
-  long kills = 0;
-  runner.options().add_option("--threads", threads, "that make the calls")->check(CLI::Range(1, 64));
+  Runner runner("orvel-races", "Races of the client library; --count calls on eight threads", 20'000);
+  std::size_t exit = std::size(kExits);
+  Counts counts;
   runner.options().add_option("--exit", exit, "be the process that ends in this way")->group("");
-  runner.add("calls", [&] { kills = call_and_kill(runner, threads); });
-  for (std::size_t n = 0; n < kExits.size(); ++n) {
-    runner.add(std::string("ends/") + kExits.at(n).name, [n] {
-      const auto ended = orvel::test::run({"/proc/self/exe", "--exit", std::to_string(n)});
+  runner.add("calls", [&] { counts = call_and_kill(runner); });
+  for (const Exit& each : kExits) {
+    runner.add(std::string("ends/") + each.name, [&each] {
+      const Result ended = run({"/proc/self/exe", "--exit", std::to_string(&each - kExits)});
       require(ended.status == kExitStatus, "it ends with status " + std::to_string(ended.status) + ": " + ended.error);
     });
   }
@@ -66,9 +168,9 @@ int main(int argc, char** argv) {
   // The library formats every line; where it goes is of no interest here.
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
-  if (exit < kExits.size()) kExits.at(exit).end(*new RandomDevice(runner.seed()));
+  if (exit < std::size(kExits)) kExits[exit].end(*new RandomDevice(runner.seed()));
   return runner.run([&] {
-    return std::to_string(runner.count()) + " calls on " + std::to_string(threads) + " threads, " +
-           std::to_string(kills) + " kills, " + std::to_string(heard()) + " notifications";
+    return std::to_string(runner.count()) + " calls, " + std::to_string(counts.kills) + " kills, " +
+           std::to_string(counts.notifications) + " notifications";
   });
 }

@@ -210,28 +210,6 @@ TEST_F(Lifecycle, AStopWaitsForACallbackThatNeedsTheLocks) {
   EXPECT_EQ(m_log.take().back(), kHasShutDown);
 }
 
-TEST_F(Lifecycle, ACallbackCannotStopTheThreadThatRunsIt) {
-  start();
-  m_log.take();
-  m_vesk.post([this] { m_client.shutdown(); });
-  m_vesk.drain();
-  EXPECT_THAT(m_log.take(), ElementsAre("E shutdown:Called from a callback"));
-  EXPECT_EQ(m_client.getDeviceName(), "Hall");
-}
-
-TEST_F(Lifecycle, StartsAndStopsAtOnceAllReturn) {
-  start();
-  for (int n = 0; n < 20; ++n) {
-    std::thread starter([this] { m_client.initialize(); });
-    std::thread stopper([this] { m_client.shutdown(); });
-    m_client.shutdown();
-    starter.join();
-    stopper.join();
-    m_client.shutdown();
-    EXPECT_EQ(m_vesk.live(), Live{});
-  }
-}
-
 TEST_F(Lifecycle, TwoCallersOutliveAServiceThatComesAndGoes) {
   start();
   std::atomic<bool> stop{false};
