@@ -185,7 +185,7 @@ TEST_F(Registrations, AListRenewsExactlyOnceInWhateverADeathOverlapsWith) {
 // answered, and after.
 TEST_F(Registrations, NoneIsLostOrDoubledWhileThreadsRegisterAndTheServiceDies) {
   constexpr int kThreads = 3;
-  constexpr int kEach = 16;
+  constexpr int kEach = 28;
   IDelegateService service(m_runtime);
   std::atomic<int> calls{0};
   std::atomic<bool> deadly{true};
