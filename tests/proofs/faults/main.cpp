@@ -93,7 +93,7 @@ class Bench final : public ClientFixture {
     require(result == tried.result, std::string(tried.name) + " gives " + result + " afterwards");
   }
 
-  // Whatever became of the faults, the client can be started again, and everything works.
+  // After any fault the client can be started again, and everything works.
   void expect_starts_again() {
     m_vesk.repair();
     expect_unlocked();

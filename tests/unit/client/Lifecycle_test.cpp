@@ -255,7 +255,7 @@ TEST_F(Lifecycle, TheChildOfAForkFailsInEveryMethodAndEndsAtOnce) {
 
 using LifecycleDeathTest = Lifecycle;
 
-TEST_F(LifecycleDeathTest, ExitStopsAClientThatNobodyStopped) {
+TEST_F(LifecycleDeathTest, ExitStopsAClientThatWasNotStopped) {
   ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
   static const auto last_words = [] { std::fputs("all handlers ran\n", stderr); };
   const auto leave = [this](bool from_callback) {

@@ -138,7 +138,7 @@ struct Moved {
   std::function<void()> step;
 };
 
-TEST_F(Registrations, AListRenewsExactlyOnceInWhateverADeathOverlapsWith) {
+TEST_F(Registrations, AListRenewsExactlyOnceWhenADeathOverlapsIt) {
   Binder binder(m_runtime, kService.c_str(), false);
   Lines renewed;
   std::function<void()> while_replaying = [] {};
