@@ -10,9 +10,8 @@
 
 #include "support/LogRecorder.h"
 #include "support/Services.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/Bytes.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 
@@ -36,7 +35,7 @@ class ClientTest : public ::testing::Test {
   }
   int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
 
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
   VirtualClock m_clock;
   LogRecorder m_log;
   void* m_runtime = nullptr;

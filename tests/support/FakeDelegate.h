@@ -8,8 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "vesk/inprocess/Bytes.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 
@@ -41,7 +40,7 @@ class FakeDelegate {
  public:
   static constexpr char kName[] = "orvel_delegate";
 
-  explicit FakeDelegate(FakeVesk& vesk) : m_vesk(vesk) {}
+  explicit FakeDelegate(InprocessVesk& vesk) : m_vesk(vesk) {}
 
   void start() {
     std::size_t life = 0;
@@ -106,7 +105,7 @@ class FakeDelegate {
     return {Bytes().i32(0), 0};
   }
 
-  FakeVesk& m_vesk;
+  InprocessVesk& m_vesk;
   mutable std::mutex m_mutex;
   std::vector<std::vector<Registration>> m_lives;
   std::map<unsigned, Bytes> m_refusals;

@@ -2,14 +2,14 @@
 #include <vector>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 namespace {
 
 // One for all peers: constructed with the first, gone with the program.
-FakeVesk& the_vesk() {
-  static auto* const vesk = new FakeVesk;
+InprocessVesk& the_vesk() {
+  static auto* const vesk = new InprocessVesk;
   return *vesk;
 }
 
@@ -25,7 +25,7 @@ struct Peer::Form {
   std::vector<vesk_endpoint*> kept;
 
   Reply answer(const Transaction& call) {
-    FakeVesk& vesk = the_vesk();
+    InprocessVesk& vesk = the_vesk();
     const BufferPtr request = buffer_of(call.request);
     switch (call.code) {
       case kEcho:

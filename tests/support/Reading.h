@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::test {

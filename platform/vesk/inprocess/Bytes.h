@@ -14,7 +14,7 @@
 
 #include "vesk/vesk_service.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 
 // A message, value after value: Bytes().i32(0).utf16("abc"). Little-endian whatever the host is.
 class Bytes {
@@ -125,4 +125,4 @@ inline std::string read_ascii(vesk_buffer* buffer) {
   return {units, units + length};
 }
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess

@@ -22,8 +22,8 @@
 #include "Allocations.h"
 #include "Rows.h"
 #include "support/Services.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace {
 
@@ -121,7 +121,7 @@ class Bench {
   }
 
   OrvelDelegateClient& client() { return m_client; }
-  FakeVesk& vesk() { return m_vesk; }
+  InprocessVesk& vesk() { return m_vesk; }
 
   // Nobody holds a lock.
   void expect_unlocked() {
@@ -162,7 +162,7 @@ class Bench {
   }
 
  private:
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
   VirtualClock m_clock;
   OrvelDelegateClient& m_client = OrvelDelegateClient::getClient();
   int m_registrations = 0;  // those that the delegate service took since its last death

@@ -1,4 +1,4 @@
-// A device on FakeVesk that works, breaks and comes back at random.
+// A device on InprocessVesk that works, breaks and comes back at random.
 #pragma once
 
 #include <array>
@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::races {
 
@@ -34,13 +34,13 @@ class FakeDevice {
 
   long kills() const { return m_kills; }
 
-  test::FakeVesk& vesk() { return m_vesk; }
+  test::InprocessVesk& vesk() { return m_vesk; }
 
  private:
   struct Sent {
     std::string service;
     unsigned code = 0;
-    vesk_endpoint* endpoint = nullptr;  // known to be alive by FakeVesk alone
+    vesk_endpoint* endpoint = nullptr;  // known to be alive by InprocessVesk alone
   };
 
   std::uint64_t draw();
@@ -49,7 +49,7 @@ class FakeDevice {
   void act();
   void notify();
 
-  test::FakeVesk m_vesk;
+  test::InprocessVesk m_vesk;
   std::mutex m_mutex;  // guards the rest down to the thread
   std::mt19937_64 m_random;
   std::array<Sent, 64> m_sent{};  // the last ones

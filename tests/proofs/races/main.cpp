@@ -58,7 +58,7 @@ void operate(Client& client, std::uint64_t seed, int threads, long count, Totals
 void start_and_stop(Client& client, std::uint64_t seed, Totals& totals) {
   Random random(seed);
   FakeDevice device(seed);
-  orvel::test::FakeVesk& vesk = device.vesk();
+  orvel::test::InprocessVesk& vesk = device.vesk();
   const char* const services[] = {"orvel_delegate", "com.quarlo.orvel.powermanager",
                                   "orvel-service-coordinator-public"};
   const char* const ill = services[random() % std::size(services)];

@@ -61,7 +61,7 @@ class Rebind {
   }
 
   OrvelDelegateClient& client() { return m_client; }
-  FakeVesk& vesk() { return m_vesk; }
+  InprocessVesk& vesk() { return m_vesk; }
 
   // `step` runs at the sleep of that number, if any, and before the service comes back when that is the same.
   Points run(
@@ -95,7 +95,7 @@ class Rebind {
 
  private:
   const Case m_case;
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
   VirtualClock m_clock;
   FakeDelegate m_delegate{m_vesk};
   OrvelDelegateClient& m_client = OrvelDelegateClient::getClient();

@@ -16,7 +16,7 @@ using namespace service_apis;  // NOLINT(google-build-using-namespace)
 using Value = TarselMetricEventFieldValue;
 
 struct AssistantRecords : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 // What a record writes between two words, because its length is its own and what follows must stand behind it.

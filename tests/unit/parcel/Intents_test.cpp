@@ -13,7 +13,7 @@ namespace {
 using namespace service_apis;  // NOLINT(google-build-using-namespace)
 
 struct Intents : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 constexpr int kHuge = 0x7fffffff;

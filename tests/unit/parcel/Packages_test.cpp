@@ -15,7 +15,7 @@ namespace {
 using namespace service_apis;  // NOLINT(google-build-using-namespace)
 
 struct Packages : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 const std::string kApplication =

@@ -1,4 +1,4 @@
-// What callers of libvesk rely on. One source, two programs: linked with FakeVesk and with the host runtime, so that
+// What callers of libvesk rely on. One source, two programs: linked with InprocessVesk and with the host runtime, so that
 // what the unit tests stand on cannot drift from the real thing.
 #include <atomic>
 #include <cerrno>
@@ -17,7 +17,7 @@
 #include "VeskTest.h"
 #include "support/Peer.h"
 #include "support/RunLoop.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 #include "vesk/vesk.h"
 
 namespace orvel::test {

@@ -32,8 +32,8 @@
 #include "VeskTest.h"
 #include "support/Peer.h"
 #include "support/RunLoop.h"
+#include "support/Vesk.h"
 #include "vesk/host/Support.h"
-#include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::test {

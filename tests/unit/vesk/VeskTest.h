@@ -17,7 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 #include "vesk/vesk.h"
 
 namespace orvel::test {

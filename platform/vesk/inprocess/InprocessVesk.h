@@ -16,7 +16,7 @@
 #include "vesk/inprocess/Bytes.h"
 #include "vesk/vesk.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 
 // One call as it crossed the wire. `endpoints` are those that travelled in it; the service holds them when `result` is
 // 0.
@@ -57,9 +57,9 @@ struct Target {
 // A device in the same process, in place of scripts. Its address, as a void*, is its own runtime: what it asks of vesk.h with
 // that comes to the first group of methods. The second is told what happens, in order and on any thread, under the fake's
 // lock: those may not use the fake.
-class FakeDevice {
+class Device {
  public:
-  virtual ~FakeDevice() = default;
+  virtual ~Device() = default;
 
   virtual int serve(const char* name, vesk_endpoint* endpoint) = 0;             // vesk_service_register
   virtual int find(const char* name, vesk_handle* out) = 0;                     // vesk_binder_servicemanager_get
@@ -92,12 +92,12 @@ struct Live {
 // every reference that libvesk held dropped; no thread may be inside vesk_run_loop or a call by then. What the client
 // calls is in vesk.h. All verbs may be used on any thread, in callbacks and handlers too; none of them waits unless it
 // says so.
-class FakeVesk {
+class InprocessVesk {
  public:
-  FakeVesk();
-  ~FakeVesk();
-  FakeVesk(const FakeVesk&) = delete;
-  FakeVesk& operator=(const FakeVesk&) = delete;
+  InprocessVesk();
+  ~InprocessVesk();
+  InprocessVesk(const InprocessVesk&) = delete;
+  InprocessVesk& operator=(const InprocessVesk&) = delete;
 
   // ---- Services ----
 
@@ -147,7 +147,7 @@ class FakeVesk {
   // Whether this thread runs a step of the run loop.
   static bool on_run_loop();
   // Tells the device, until it is told another or null.
-  void attach(FakeDevice* device);
+  void attach(Device* device);
 
   // Runs `step` on the run-loop thread after everything sent so far.
   void post(std::function<void()> step);
@@ -206,4 +206,4 @@ class FakeVesk {
   const int m_buffers_before;
 };
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess

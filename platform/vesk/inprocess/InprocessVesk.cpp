@@ -1,4 +1,4 @@
-#include "vesk/inprocess/FakeVesk.h"
+#include "vesk/inprocess/InprocessVesk.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,9 +17,9 @@
 #include <tuple>
 #include <utility>
 
-#include "vesk/inprocess/FakeMessages.h"
+#include "vesk/inprocess/Messages.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 namespace {
 
 std::atomic<int> g_payloads{0};
@@ -41,7 +41,7 @@ struct Inside {
 
 void require(bool kept, const char* operation, const char* rule) {
   if (kept || !g_strict) return;
-  std::fprintf(stderr, "FakeVesk: %s: %s\n", operation, rule);
+  std::fprintf(stderr, "InprocessVesk: %s: %s\n", operation, rule);
   std::abort();
 }
 
@@ -57,7 +57,7 @@ int call_out(const char* what, Callback callback, std::optional<std::string>* th
   } catch (...) {
     text = "not a std::exception";
   }
-  if (!g_quiet) std::fprintf(stderr, "FakeVesk: %s threw: %s\n", what, text.c_str());
+  if (!g_quiet) std::fprintf(stderr, "InprocessVesk: %s threw: %s\n", what, text.c_str());
   if (thrown != nullptr) *thrown = text;
   return -EIO;
 }
@@ -141,12 +141,12 @@ HeldEndpoint::~HeldEndpoint() {
   --g_endpoint_references;
 }
 
-struct FakeVesk::State {
+struct InprocessVesk::State {
   using Lock = std::unique_lock<std::mutex>;
 
   std::mutex mutex;  // guards everything below; never held while anything outside this file runs
   std::condition_variable changed;
-  std::atomic<FakeDevice*> device{nullptr};  // told of what changes under the lock
+  std::atomic<Device*> device{nullptr};  // told of what changes under the lock
 
   std::map<std::string, Service> services;
   std::map<std::string, EndpointRef> published;
@@ -425,8 +425,8 @@ struct FakeVesk::State {
 namespace {
 
 // Never destroyed: exit handlers and static objects of the code under test still use libvesk.
-FakeVesk::State& state() {
-  static auto* const the_state = new FakeVesk::State;
+InprocessVesk::State& state() {
+  static auto* const the_state = new InprocessVesk::State;
   return *the_state;
 }
 
@@ -434,15 +434,15 @@ FakeVesk::State& state() {
 
 // ---- What tests script and see ----
 
-FakeVesk::FakeVesk() : m_state(state()), m_payloads_before(g_payloads), m_buffers_before(g_buffers) {
+InprocessVesk::InprocessVesk() : m_state(state()), m_payloads_before(g_payloads), m_buffers_before(g_buffers) {
   reset();
 }
-FakeVesk::~FakeVesk() {
+InprocessVesk::~InprocessVesk() {
   reset();
 }
 
 // Everything that holds a reference or a script leaves under the lock and is destroyed after it.
-void FakeVesk::reset() {
+void InprocessVesk::reset() {
   decltype(m_state.services) services;
   decltype(m_state.published) published;
   decltype(m_state.connections) connections;
@@ -463,7 +463,7 @@ void FakeVesk::reset() {
   m_state.device = nullptr;
 }
 
-void FakeVesk::add_service(const std::string& name, Handler handler) {
+void InprocessVesk::add_service(const std::string& name, Handler handler) {
   State::Lock lock(m_state.mutex);
   Service& service = m_state.services[name];
   service.running = true;
@@ -471,7 +471,7 @@ void FakeVesk::add_service(const std::string& name, Handler handler) {
   m_state.answer_binds(lock, name);
 }
 
-void FakeVesk::kill_service(const std::string& name) {
+void InprocessVesk::kill_service(const std::string& name) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].running = false;
   for (const auto& [id, connection] : m_state.connections) {
@@ -479,53 +479,53 @@ void FakeVesk::kill_service(const std::string& name) {
   }
 }
 
-void FakeVesk::refuse_binds(const std::string& name, int count, int error) {
+void InprocessVesk::refuse_binds(const std::string& name, int count, int error) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].refusals = count;
   m_state.services[name].refusal_error = error;
 }
 
-void FakeVesk::hold_binds(const std::string& name) {
+void InprocessVesk::hold_binds(const std::string& name) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].binds_held = true;
 }
 
-void FakeVesk::complete_binds(const std::string& name) {
+void InprocessVesk::complete_binds(const std::string& name) {
   State::Lock lock(m_state.mutex);
   m_state.services[name].binds_held = false;
   m_state.answer_binds(lock, name);
 }
 
-void FakeVesk::repeat_binds(const std::string& name) {
+void InprocessVesk::repeat_binds(const std::string& name) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].binds_repeated = true;
 }
 
-void FakeVesk::hold_calls(const std::string& name, unsigned code) {
+void InprocessVesk::hold_calls(const std::string& name, unsigned code) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].calls_held = true;
   m_state.services[name].held_code = code;
 }
 
-void FakeVesk::let_calls_go(const std::string& name) {
+void InprocessVesk::let_calls_go(const std::string& name) {
   const State::Lock lock(m_state.mutex);
   m_state.services[name].calls_held = false;
   m_state.changed.notify_all();
 }
 
-void FakeVesk::expire_calls(const std::string& name) {
+void InprocessVesk::expire_calls(const std::string& name) {
   const State::Lock lock(m_state.mutex);
   ++m_state.services[name].expiries;
   m_state.changed.notify_all();
 }
 
-void FakeVesk::close_connection(const Transaction& call, int error) {
+void InprocessVesk::close_connection(const Transaction& call, int error) {
   const State::Lock lock(m_state.mutex);
   const auto found = m_state.connections.find(call.connection);
   if (found != m_state.connections.end() && found->second.death == 0) m_state.die(call.connection, error);
 }
 
-void FakeVesk::wait_for_held_calls(const std::string& name, int count) {
+void InprocessVesk::wait_for_held_calls(const std::string& name, int count) {
   State::Lock lock(m_state.mutex);
   m_state.changed.wait(lock, [&] {
     int held = 0;
@@ -536,18 +536,18 @@ void FakeVesk::wait_for_held_calls(const std::string& name, int count) {
   });
 }
 
-void FakeVesk::send(const Target& target, unsigned code, const Bytes& message,
-                    std::function<void(const Reply&)> ended) {
+void InprocessVesk::send(const Target& target, unsigned code, const Bytes& message,
+                         std::function<void(const Reply&)> ended) {
   m_state.deliver(target, code, message, nullptr, ended);
 }
 
-std::future<Reply> FakeVesk::call(const Target& target, unsigned code, const Bytes& message) {
+std::future<Reply> InprocessVesk::call(const Target& target, unsigned code, const Bytes& message) {
   const auto reply = std::make_shared<std::promise<Reply>>();
   m_state.deliver(target, code, message, reply, {});
   return reply->get_future();
 }
 
-void FakeVesk::release_endpoint(const vesk_endpoint* endpoint) {
+void InprocessVesk::release_endpoint(const vesk_endpoint* endpoint) {
   EndpointRefs released;
   const State::Lock lock(m_state.mutex);
   for (auto& [id, connection] : m_state.connections) {
@@ -556,7 +556,7 @@ void FakeVesk::release_endpoint(const vesk_endpoint* endpoint) {
   }
 }
 
-void FakeVesk::release_transfer(const std::weak_ptr<const void>& transfer) {
+void InprocessVesk::release_transfer(const std::weak_ptr<const void>& transfer) {
   EndpointRefs released;
   const auto held = transfer.lock();
   const State::Lock lock(m_state.mutex);
@@ -567,28 +567,28 @@ void FakeVesk::release_transfer(const std::weak_ptr<const void>& transfer) {
   }
 }
 
-std::vector<std::string> FakeVesk::published() const {
+std::vector<std::string> InprocessVesk::published() const {
   std::vector<std::string> names;
   const State::Lock lock(m_state.mutex);
   for (const auto& [name, held] : m_state.published) names.push_back(name);
   return names;
 }
 
-bool FakeVesk::on_run_loop() {
+bool InprocessVesk::on_run_loop() {
   return t_on_run_loop;
 }
 
-void FakeVesk::attach(FakeDevice* device) {
+void InprocessVesk::attach(Device* device) {
   const State::Lock lock(m_state.mutex);
   m_state.device = device;
 }
 
-void FakeVesk::post(std::function<void()> step) {
+void InprocessVesk::post(std::function<void()> step) {
   const State::Lock lock(m_state.mutex);
   m_state.queue_step(std::move(step));
 }
 
-void FakeVesk::drain() {
+void InprocessVesk::drain() {
   State::Lock lock(m_state.mutex);
   do {
     const long target = m_state.steps_allowed = m_state.steps_queued;
@@ -598,84 +598,84 @@ void FakeVesk::drain() {
   m_state.steps_allowed = 0;
 }
 
-void FakeVesk::hold_run_loop() {
+void InprocessVesk::hold_run_loop() {
   const State::Lock lock(m_state.mutex);
   m_state.loop_held = true;
 }
 
-void FakeVesk::wait_for_shutdown() {
+void InprocessVesk::wait_for_shutdown() {
   State::Lock lock(m_state.mutex);
   m_state.changed.wait(lock, [&] { return m_state.shut_down; });
 }
 
-void FakeVesk::repair() {
+void InprocessVesk::repair() {
   const State::Lock lock(m_state.mutex);
   m_state.failures.clear();
 }
 
-bool FakeVesk::inside() {
+bool InprocessVesk::inside() {
   return t_inside;
 }
 
-void FakeVesk::keep_quiet() {
+void InprocessVesk::keep_quiet() {
   g_quiet = true;
 }
 
-void FakeVesk::be_strict() {
+void InprocessVesk::be_strict() {
   g_strict = true;
 }
 
-void FakeVesk::run_pending() {
+void InprocessVesk::run_pending() {
   State::Lock lock(m_state.mutex);
   while (!m_state.steps.empty() && !m_state.shut_down) m_state.run_step(lock);
 }
 
-void FakeVesk::fail_once(std::string_view operation, int nth, int error) {
+void InprocessVesk::fail_once(std::string_view operation, int nth, int error) {
   m_state.plan_failure(operation, nth, false, error);
 }
 
-void FakeVesk::fail_always(std::string_view operation, int nth, int error) {
+void InprocessVesk::fail_always(std::string_view operation, int nth, int error) {
   m_state.plan_failure(operation, nth, true, error);
 }
 
-void FakeVesk::at_use(int nth, std::function<void(std::string_view)> step) {
+void InprocessVesk::at_use(int nth, std::function<void(std::string_view)> step) {
   const State::Lock lock(m_state.mutex);
   m_state.step_at_use = m_state.all_uses + nth;
   m_state.use_step = std::move(step);
 }
 
-void FakeVesk::give_null_runtime() {
+void InprocessVesk::give_null_runtime() {
   const State::Lock lock(m_state.mutex);
   m_state.null_runtime = true;
 }
 
-std::vector<Transaction> FakeVesk::transactions() const {
+std::vector<Transaction> InprocessVesk::transactions() const {
   const State::Lock lock(m_state.mutex);
   return m_state.transactions;
 }
 
-std::vector<Transaction> FakeVesk::transactions(const std::string& service) const {
+std::vector<Transaction> InprocessVesk::transactions(const std::string& service) const {
   std::vector<Transaction> calls = transactions();
   return take_if(calls, [&service](const Transaction& call) { return call.service == service; });
 }
 
-std::vector<std::string> FakeVesk::bindings() const {
+std::vector<std::string> InprocessVesk::bindings() const {
   const State::Lock lock(m_state.mutex);
   return m_state.bindings;
 }
 
-int FakeVesk::uses(std::string_view operation) const {
+int InprocessVesk::uses(std::string_view operation) const {
   const State::Lock lock(m_state.mutex);
   const auto found = m_state.uses.find(operation);
   return found == m_state.uses.end() ? 0 : found->second;
 }
 
-int FakeVesk::uses() const {
+int InprocessVesk::uses() const {
   const State::Lock lock(m_state.mutex);
   return m_state.all_uses;
 }
 
-Live FakeVesk::live() const {
+Live InprocessVesk::live() const {
   Live live{
       g_payloads - m_payloads_before, g_buffers - m_buffers_before, 0, 0, g_endpoint_references, g_death_references};
   const State::Lock lock(m_state.mutex);
@@ -700,18 +700,18 @@ bool operator==(const Live& a, const Live& b) {
   return counts(a) == counts(b);
 }
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess
 
 // ---- vesk.h ----
 
-using namespace orvel::test;
-using State = FakeVesk::State;
+using namespace vesk::inprocess;
+using State = InprocessVesk::State;
 
 namespace {
 
 // The device whose runtime that is, and which then is who asks; else null.
-FakeDevice* device_of(void* runtime) {
-  FakeDevice* device = state().device;
+Device* device_of(void* runtime) {
+  Device* device = state().device;
   return device != nullptr && runtime == device ? device : nullptr;
 }
 
@@ -830,7 +830,7 @@ int vesk_service_bind(void*, const char* name, vesk_service_bind_callback callba
 }
 
 int vesk_service_unbind(void* runtime, vesk_handle* handle) {
-  if (FakeDevice* device = device_of(runtime)) return device->forget(*handle);
+  if (Device* device = device_of(runtime)) return device->forget(*handle);
   return use_handle(__func__, handle, [&](State& self, Connection& connection, State::Lock& lock) {
     require(connection.linked, "vesk_service_unbind", "of what was not linked to its death");
     connection.lookups = 0;
@@ -840,7 +840,7 @@ int vesk_service_unbind(void* runtime, vesk_handle* handle) {
 }
 
 int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle* out) {
-  if (FakeDevice* device = device_of(runtime)) return device->find(name, out);
+  if (Device* device = device_of(runtime)) return device->find(name, out);
   return use(__func__, [&](State& self) {
     const State::Lock lock(self.mutex);
     require_running(self, "vesk_binder_servicemanager_get");
@@ -855,7 +855,7 @@ int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle*
 }
 
 int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint) {
-  if (FakeDevice* device = device_of(runtime)) return device->serve(name, endpoint);
+  if (Device* device = device_of(runtime)) return device->serve(name, endpoint);
   return use(__func__, [&](State& self) {
     require(name != nullptr && endpoint != nullptr, "vesk_service_register", "a null name or endpoint");
     auto held = std::make_shared<HeldEndpoint>(endpoint);  // before the lock; what it replaces is dropped after it
@@ -889,7 +889,7 @@ vesk_handle vesk_invalid_handle() {
 }
 
 int vesk_handle_link_to_death(void* runtime, vesk_handle* handle, vesk_death_callback* callback) {
-  if (FakeDevice* device = device_of(runtime)) return device->watch(*handle, callback);
+  if (Device* device = device_of(runtime)) return device->watch(*handle, callback);
   require(callback != nullptr, __func__, "a null callback");
   const Inside inside(true);
   const auto made = std::make_shared<Link>(callback);  // dropped after the lock where the handle is not valid
@@ -903,7 +903,7 @@ int vesk_handle_link_to_death(void* runtime, vesk_handle* handle, vesk_death_cal
 }
 
 int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, vesk_death_callback* callback) {
-  if (FakeDevice* device = device_of(runtime)) return device->watch(*handle, nullptr);
+  if (Device* device = device_of(runtime)) return device->watch(*handle, nullptr);
   Links unlinked;  // dropped after the lock
   return use_handle(__func__, handle, [&](State&, Connection& connection, State::Lock&) {
     unlinked = take_if(connection.links, [callback](const auto& link) { return link->callback == callback; });

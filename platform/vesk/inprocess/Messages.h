@@ -1,4 +1,4 @@
-// What messages are in FakeVesk, for what serves them inside the same process.
+// What messages are in InprocessVesk, for what serves them inside the same process.
 #pragma once
 
 #include <memory>
@@ -7,7 +7,7 @@
 #include "vesk/message/Parcel.h"
 #include "vesk/vesk.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 
 // One reference to an endpoint, from endpoint_acquire to endpoint_release. Copies of the shared pointer are no
 // references of their own: a callback in progress keeps one so that the release waits for its end. Never destroyed
@@ -23,13 +23,13 @@ struct HeldEndpoint {
 using EndpointRef = std::shared_ptr<HeldEndpoint>;
 using EndpointRefs = std::vector<EndpointRef>;
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess
 
 struct vesk_identity {};
 
 struct vesk_payload {
   vesk::Parcel parcel;
-  orvel::test::EndpointRefs endpoints;
+  vesk::inprocess::EndpointRefs endpoints;
 };
 
 struct vesk_buffer {
