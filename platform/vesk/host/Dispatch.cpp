@@ -4,12 +4,19 @@
 
 namespace vesk {
 
-EndpointHold::EndpointHold(vesk_endpoint* endpoint) : m_endpoint(endpoint) {
-  report_throw("endpoint_acquire", [&] { m_endpoint->fn->endpoint_acquire(Runtime::instance().handle(), m_endpoint); });
+EndpointRef hold_endpoint(vesk_endpoint* endpoint) {
+  report_throw("endpoint_acquire", [&] { endpoint->fn->endpoint_acquire(Runtime::instance().handle(), endpoint); });
+  return {endpoint, [](vesk_endpoint* held) {
+            report_throw("endpoint_release", [&] { held->fn->endpoint_release(Runtime::instance().handle(), held); });
+          }};
 }
 
-EndpointHold::~EndpointHold() {
-  report_throw("endpoint_release", [&] { m_endpoint->fn->endpoint_release(Runtime::instance().handle(), m_endpoint); });
+MessageHooks& message_hooks() {
+  struct HostHooks : MessageHooks {
+    EndpointRef hold(vesk_endpoint* endpoint) override { return hold_endpoint(endpoint); }
+  };
+  static auto* const hooks = new HostHooks;
+  return *hooks;
 }
 
 DeathLink::DeathLink(vesk_death_callback* callback) : m_callback(callback) {

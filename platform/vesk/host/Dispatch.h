@@ -5,8 +5,8 @@
 
 #include <exception>
 
-#include "Message.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 class IncomingRequest;
@@ -19,6 +19,9 @@ struct vesk_identity {
 };
 
 namespace vesk {
+
+// A new reference to an endpoint of this process. What its functions throw is reported.
+EndpointRef hold_endpoint(vesk_endpoint* endpoint);
 
 // One link to a death: a reference to the callback, from death_acquire to death_release. Never destroyed while a lock
 // of this library is held.

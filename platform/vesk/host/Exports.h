@@ -12,9 +12,9 @@
 
 #include "BusWatch.h"
 #include "Loop.h"
-#include "Message.h"
 #include "ThreadAnnotations.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 
@@ -34,7 +34,7 @@ class ExportTable {
     Callback& operator=(const Callback&) = delete;
 
     // Null for a number that the peer does not hold.
-    [[nodiscard]] vesk_endpoint* endpoint() const { return m_endpoint ? m_endpoint->get() : nullptr; }
+    [[nodiscard]] vesk_endpoint* endpoint() const { return m_endpoint.get(); }
 
    private:
     ExportTable& m_exports;

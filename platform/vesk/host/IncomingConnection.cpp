@@ -39,6 +39,10 @@ bool read_numbers(sd_bus_message* message, std::vector<std::uint64_t>* numbers) 
   return true;
 }
 
+RemoteRef counted(vesk_remote* remote) {
+  return {vesk_remote_acquire(remote), vesk_remote_release};
+}
+
 void tell_gone(vesk_remote& remote) {
   const auto gone = std::exchange(remote.gone, nullptr);
   if (gone != nullptr) report_throw("a notice", [&] { gone(remote.gone_context, &remote); });
@@ -121,7 +125,7 @@ bool IncomingConnection::serve(sd_bus_message* message) {
   const bool two_way = expects_reply(message);
   vesk_payload reply;
   vesk_identity caller{m_peer, two_way ? &request : nullptr};
-  const int status = call_endpoint(endpoint->get(), code, &caller, &request.buffer, two_way ? &reply : nullptr);
+  const int status = call_endpoint(endpoint.get(), code, &caller, &request.buffer, two_way ? &reply : nullptr);
   if (two_way && !request.is_deferred()) answer(message, request.buffer.remotes, status, &reply);
   return true;
 }
@@ -168,7 +172,7 @@ RemoteRef IncomingConnection::received(std::uint64_t number) {
     static_cast<void>(fresh.release());  // those who count it own it now
   }
   ++known->second->received;
-  return RemoteRef(vesk_remote_acquire(known->second));
+  return counted(known->second);
 }
 
 // What calls brought that failed for their sender only, because their time was over when they were answered. It gets its
@@ -179,7 +183,7 @@ bool IncomingConnection::take_back(sd_bus_message* message) {
   for (const std::uint64_t number : numbers) {
     const auto found = m_remotes.find(number);
     if (found == m_remotes.end() || found->second->received == 0) continue;  // on its way back already
-    const RemoteRef remote(vesk_remote_acquire(found->second));
+    const RemoteRef remote = counted(found->second);
     give_back(number, 1);
     if (--remote->received != 0) continue;
     m_remotes.erase(found);
@@ -201,12 +205,12 @@ void IncomingConnection::answer(sd_bus_message* call, const std::vector<RemoteRe
   m_watch.update();
 }
 
-vesk_deferred* IncomingConnection::defer(sd_bus_message* call, std::vector<RemoteRef>& remotes) {
+vesk_deferred* IncomingConnection::defer(sd_bus_message* call, const std::vector<RemoteRef>& remotes) {
   if (m_deferred == kMaxDeferred) return nullptr;
   auto deferred = std::make_unique<vesk_deferred>();
   deferred->connection = weak_from_this();
   deferred->call.reset(sd_bus_message_ref(call));
-  for (const RemoteRef& remote : remotes) deferred->remotes.emplace_back(vesk_remote_acquire(remote.get()));
+  deferred->remotes = remotes;
   ++m_deferred;
   return deferred.release();
 }

@@ -12,8 +12,8 @@
 
 #include "BusWatch.h"
 #include "Dispatch.h"
-#include "Message.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 class IncomingConnection;
@@ -61,7 +61,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   void close(bool notify);
 
   void answer(sd_bus_message* call, const std::vector<RemoteRef>& remotes, int status, const vesk_payload* reply);
-  vesk_deferred* defer(sd_bus_message* call, std::vector<RemoteRef>& remotes);
+  vesk_deferred* defer(sd_bus_message* call, const std::vector<RemoteRef>& remotes);
   void finish_deferred(vesk_deferred& deferred, int status, const vesk_payload* reply);
   // Takes the connection out of service, at the end of whatever it is doing.
   void retire() { m_watch.end_soon(); }

@@ -17,9 +17,9 @@
 #include "Dispatch.h"
 #include "Exports.h"
 #include "Loop.h"
-#include "Message.h"
 #include "ThreadAnnotations.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 

@@ -40,7 +40,7 @@ void Server::serve_device() {
 }
 
 void Server::publish(const char* name, vesk_endpoint* endpoint) {
-  Name entry{escaped_name(name), std::make_shared<const EndpointHold>(endpoint)};
+  Name entry{escaped_name(name), hold_endpoint(endpoint)};
   const std::string path = object_path(name);
   EndpointRef replaced;  // outlives the locks: releasing it calls out
   ListenerPtr fresh;

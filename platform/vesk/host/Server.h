@@ -12,9 +12,9 @@
 
 #include "IncomingConnection.h"
 #include "Loop.h"
-#include "Message.h"
 #include "Seat.h"
 #include "ThreadAnnotations.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 

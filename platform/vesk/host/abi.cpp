@@ -3,10 +3,10 @@
 #include <memory>
 
 #include "Dispatch.h"
-#include "Message.h"
 #include "Runtime.h"
 #include "RuntimeDirectory.h"
 #include "Support.h"
+#include "vesk/message/Message.h"
 #include "vesk/vesk.h"
 #include "vesk/vesk_service.h"
 
@@ -35,19 +35,6 @@ int with_connection(void* runtime, const vesk_handle* handle, const Body& body) 
 template <typename Body>
 int with_handle(void* runtime, const vesk_handle* handle, const Body& body) noexcept {
   return with_runtime(runtime, [&](Runtime& self) { return handle == nullptr ? -EINVAL : body(self, *handle); });
-}
-
-// A write: what cannot be written sticks in the payload.
-template <typename Body>
-int write(vesk_payload* payload, const Body& body) noexcept {
-  if (payload == nullptr) return -EINVAL;
-  const int result = as_error_code([&] { return body(payload->parcel); });
-  return result == 0 ? 0 : payload->parcel.fail(result);
-}
-
-template <typename Message>
-Message* allocate() noexcept {
-  return new (std::nothrow) Message;
 }
 
 // The shared shape of the functions on remotes: on the loop's thread, with the connection that the endpoint came over.
@@ -186,57 +173,6 @@ int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, vesk_death_c
   });
 }
 
-// ---- Messages ----
-
-vesk_payload* vesk_payload_alloc(void) {
-  return allocate<vesk_payload>();
-}
-void vesk_payload_free(vesk_payload* payload) {
-  delete payload;
-}
-int vesk_payload_last_error(vesk_payload* payload) {
-  return payload == nullptr ? -EINVAL : payload->parcel.error();
-}
-
-unsigned int vesk_payload_get_position(vesk_payload* payload) {
-  return payload == nullptr ? 0 : static_cast<unsigned int>(payload->parcel.position());
-}
-
-int vesk_payload_set_position(vesk_payload* payload, unsigned int position) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.set_position(position); });
-}
-
-vesk_buffer* vesk_buffer_alloc(void) {
-  return allocate<vesk_buffer>();
-}
-void vesk_buffer_free(vesk_buffer* buffer) {
-  delete buffer;
-}
-int vesk_buffer_last_error(vesk_buffer* buffer) {
-  return buffer == nullptr ? -EINVAL : buffer->parcel.error();
-}
-
-const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
-  if (size != nullptr) *size = payload == nullptr ? 0 : payload->parcel.bytes().size();
-  return payload == nullptr ? nullptr : payload->parcel.bytes().data();
-}
-
-int vesk_payload_truncate(vesk_payload* payload, size_t size) {
-  return payload == nullptr ? -EINVAL : payload->parcel.truncate(size);
-}
-
-int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {
-  if (buffer == nullptr || (data == nullptr && size != 0)) return -EINVAL;
-  return as_error_code([&] {
-    buffer->parcel.assign(data, size);
-    return 0;
-  });
-}
-
-size_t vesk_buffer_remaining(const vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.remaining();
-}
-
 // ---- Transactions ----
 
 int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply) {
@@ -258,60 +194,6 @@ int vesk_reply_done(void* runtime, vesk_buffer* reply) {
 int vesk_call_oneway(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request) {
   if (const int refused = check_request(request); refused != 0) return refused;
   return with_connection(runtime, handle, [&](auto& connection) { return connection.send(code, request->parcel); });
-}
-
-// ---- Writing ----
-
-int vesk_write_i32(vesk_payload* payload, int32_t value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_i32(value); });
-}
-
-int vesk_write_i64(vesk_payload* payload, int64_t value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_i64(value); });
-}
-
-int vesk_write_f64(vesk_payload* payload, double value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_f64(value); });
-}
-
-int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8) {
-  return write(payload, [&](vesk::Parcel& parcel) { return utf8 == nullptr ? -EINVAL : parcel.write_utf16(utf8); });
-}
-
-int vesk_write_array_length(vesk_payload* payload, int32_t length) {
-  return vesk_write_i32(payload, length);
-}
-
-int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
-  return write(payload, [&](vesk::Parcel& parcel) {
-    if (endpoint == nullptr) return -EINVAL;
-    if (parcel.error() != 0) return parcel.error();
-    payload->endpoints.push_back(std::make_shared<const vesk::EndpointHold>(endpoint));
-    return parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.size() - 1));
-  });
-}
-
-// ---- Reading ----
-
-int32_t vesk_read_i32(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_i32();
-}
-int64_t vesk_read_i64(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_i64();
-}
-double vesk_read_f64(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_f64();
-}
-
-const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length) {
-  unsigned int ignored = 0;
-  unsigned int* units = length == nullptr ? &ignored : length;
-  *units = 0;
-  return buffer == nullptr ? nullptr : buffer->parcel.read_utf16(units);
-}
-
-int32_t vesk_read_array_length(vesk_buffer* buffer) {
-  return vesk_read_i32(buffer);
 }
 
 // ---- Requests ----

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "vesk/message/Owners.h"
 #include "vesk/vesk_service.h"
 
 namespace vesk::inprocess {
@@ -99,12 +99,8 @@ inline Bytes wire(const std::string& text) {
 }
 
 // Messages of libvesk and the bytes in them.
-struct FreeMessage {
-  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
-  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
-};
-using PayloadPtr = std::unique_ptr<vesk_payload, FreeMessage>;
-using BufferPtr = std::unique_ptr<vesk_buffer, FreeMessage>;
+using vesk::BufferPtr;
+using vesk::PayloadPtr;
 
 inline BufferPtr buffer_of(const Bytes& bytes) {
   BufferPtr buffer(vesk_buffer_alloc());
