@@ -20,6 +20,9 @@ struct vesk_identity {
 
 namespace vesk {
 
+// What vesk_get_runtime gives and every callback gets. It says nothing but that it is not null: there is one runtime.
+void* runtime_address();
+
 // A new reference to an endpoint of this process. What its functions throw is reported.
 EndpointRef hold_endpoint(vesk_endpoint* endpoint);
 
@@ -48,7 +51,7 @@ void report_throw(const char* what, const Body& body) {
   } catch (const std::exception& error) {
     complain("%s threw: %s", what, error.what());
   } catch (...) {
-    complain("%s threw something that is no exception", what);
+    complain("%s threw something that is not an exception", what);
   }
 }
 

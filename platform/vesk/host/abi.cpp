@@ -15,19 +15,19 @@ using vesk::Runtime;
 
 namespace {
 
-// Runs `body` with the runtime that `runtime` points to.
+// Runs `body` with the runtime, which the caller has to have.
 template <typename Body>
 int with_runtime(void* runtime, const Body& body) noexcept {
   if (Runtime::is_forked_child()) return -EPERM;
   if (runtime == nullptr) return -EINVAL;
-  return as_error_code([&] { return body(*static_cast<Runtime*>(runtime)); });
+  return as_error_code([&] { return body(Runtime::instance()); });
 }
 
 // The same for what asks for a connection.
 template <typename Body>
 int with_connection(void* runtime, const vesk_handle* handle, const Body& body) noexcept {
   return with_runtime(runtime, [&](Runtime& self) {
-    const auto connection = handle == nullptr ? nullptr : self.connection(*handle);
+    const auto connection = handle == nullptr ? nullptr : self.handles().connection(*handle);
     return connection ? body(*connection) : -EINVAL;
   });
 }
@@ -41,7 +41,7 @@ int with_handle(void* runtime, const vesk_handle* handle, const Body& body) noex
 template <typename Body>
 int with_remote(vesk_remote* remote, const Body& body) noexcept {
   if (remote == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const auto connection = remote->connection.lock();
     return connection && connection->is_open() ? body(*connection) : -EPIPE;
@@ -66,7 +66,7 @@ int vesk_get_runtime(void** runtime) {
   if (Runtime::is_forked_child()) return -EPERM;
   return as_error_code([&] {
     Runtime::instance().join_device();
-    *runtime = Runtime::instance().handle();
+    *runtime = vesk::runtime_address();
     return 0;
   });
 }
@@ -76,7 +76,7 @@ int vesk_serve_device(void** runtime) {
   if (Runtime::is_forked_child()) return -EPERM;
   return as_error_code([&] {
     Runtime::instance().serve_device();
-    *runtime = Runtime::instance().handle();
+    *runtime = vesk::runtime_address();
     return 0;
   });
 }
@@ -97,7 +97,7 @@ const char* vesk_runtime_directory(void) {
 }
 
 sd_event* vesk_service_event(void* runtime) {
-  return runtime == nullptr ? nullptr : static_cast<Runtime*>(runtime)->loop().event();
+  return runtime == nullptr ? nullptr : Runtime::instance().loop().event();
 }
 
 // ---- Services ----
@@ -112,14 +112,14 @@ int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callbac
 
 int vesk_service_unbind(void* runtime, vesk_handle* handle) {
   return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) {
-    self.end_lookup_reference(value);
+    self.handles().end_lookup_reference(value);
     return 0;
   });
 }
 
 int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle* out) {
   return with_handle(runtime, out, [&](Runtime& self, const vesk_handle&) {
-    *out = self.look_up(name);
+    *out = self.handles().look_up(name);
     return 0;
   });
 }
@@ -149,11 +149,13 @@ pid_t vesk_handle_pid(void* runtime, const vesk_handle* handle) {
 }
 
 int vesk_handle_acquire(void* runtime, vesk_handle* handle) {
-  return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) { return self.acquire(value); });
+  return with_handle(runtime, handle,
+                     [](Runtime& self, const vesk_handle& value) { return self.handles().acquire(value); });
 }
 
 int vesk_handle_release(void* runtime, vesk_handle* handle) {
-  return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) { return self.release(value); });
+  return with_handle(runtime, handle,
+                     [](Runtime& self, const vesk_handle& value) { return self.handles().release(value); });
 }
 
 vesk_handle vesk_invalid_handle(void) {
@@ -177,7 +179,7 @@ int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, vesk_death_c
 
 int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply) {
   if (request == nullptr || reply == nullptr) return -EINVAL;
-  // Taken out of the request in any case: on failure they are dropped, also where there is nobody to call.
+  // Taken out of the request in any case: on failure they are dropped, also where the handle names nothing.
   const std::vector<vesk::EndpointRef> endpoints = std::exchange(request->endpoints, {});
   return with_connection(runtime, handle, [&](auto& connection) {
     return connection.call(code, request->parcel, endpoints, reply->parcel);
@@ -214,7 +216,7 @@ vesk_deferred* vesk_request_defer(vesk_identity* caller) {
 
 int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply) {
   if (deferred == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const std::unique_ptr<vesk_deferred> owner(deferred);
     const auto connection = deferred->connection.lock();
@@ -226,7 +228,7 @@ int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply
 
 int vesk_deferred_hang_up(vesk_deferred* deferred) {
   if (deferred == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const std::unique_ptr<vesk_deferred> owner(deferred);
     if (const auto connection = deferred->connection.lock()) connection->retire();

@@ -80,7 +80,8 @@ class Bytes {
   std::vector<std::uint8_t> m_bytes;
 };
 
-// A message as a text: `7` is a 32-bit number and `7L` a 64-bit one, `'abc'` a string, which has no blanks, `~` a null one.
+// A message as a text: `7` is a 32-bit number and `7L` a 64-bit one, `'abc'` a string, which has no blanks, `~` a null
+// one.
 inline Bytes wire(const std::string& text) {
   std::istringstream words(text);
   Bytes bytes;

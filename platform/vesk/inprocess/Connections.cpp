@@ -94,8 +94,8 @@ void Runtime::queue_notice(std::uint32_t id, const std::weak_ptr<DeathLink>& lin
   });
 }
 
-// A dead handle is not unbound, so the lookup's reference ends by itself, but not while a thread may still be between the
-// lookup and its link.
+// A dead handle is not unbound, so the lookup's reference ends by itself, but not while a thread may still be between
+// the lookup and its link.
 void Runtime::end(std::uint32_t id) {
   EndpointRefs released;
   Lock lock(mutex);

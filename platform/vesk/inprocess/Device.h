@@ -8,9 +8,9 @@
 
 namespace vesk::inprocess {
 
-// Serves the client of this process, in place of scripts; InprocessVesk::attach() makes it known. Its address, as a void*, is
-// its own runtime: what it asks of vesk.h with that comes to the first group of methods. The second group hears what happens,
-// in order and on any thread, under the runtime's lock: those methods may not use the runtime.
+// Serves the client of this process, in place of scripts; InprocessVesk::attach() makes it known. Its address, as a
+// void*, is its own runtime: what it asks of vesk.h with that comes to the first group of methods. The second group
+// hears what happens, in order and on any thread, under the runtime's lock: those methods may not use the runtime.
 class Device {
  public:
   virtual ~Device() = default;

@@ -67,7 +67,7 @@ class InprocessVesk {
 
   // `ended`, on that thread too: what became of it, a Reply without bytes.
   void send(const Target& target, unsigned code, const Bytes& message, std::function<void(const Reply&)> ended = {});
-  // The endpoint's answer; -EPIPE when nobody holds or publishes the target any more.
+  // The endpoint's answer; -EPIPE when the target is neither held nor published any more.
   std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
   // Gives back every reference to `endpoint` that services hold.
   void release_endpoint(const vesk_endpoint* endpoint);
@@ -85,7 +85,7 @@ class InprocessVesk {
   void post(std::function<void()> step);
   // Waits until the thread in vesk_run_loop is through with everything sent so far, or the runtime is shut down.
   void drain();
-  // From now on the run loop runs its steps only while somebody is in drain(), which then waits for those that they
+  // From now on the run loop runs its steps only while a thread is in drain(), which then waits for those that they
   // queue too: one thread at a time decides what happens next.
   void hold_run_loop();
   // Waits until vesk_shutdown has been called.
@@ -100,7 +100,8 @@ class InprocessVesk {
   // when it fails.
   void fail_once(std::string_view operation, int nth = 1, int error = -EIO);
   void fail_always(std::string_view operation, int nth = 1, int error = -EIO);
-  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it, with what it uses.
+  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it, with what it
+  // uses.
   void at_use(int nth, std::function<void(std::string_view operation)> step);
   // vesk_get_runtime succeeds, but gives null.
   void give_null_runtime();
@@ -108,9 +109,9 @@ class InprocessVesk {
   void repair();
   // What callbacks throw is no longer printed.
   void keep_quiet();
-  // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message, text,
-  // handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a shutdown
-  // after a shutdown, a bind or a name after one.
+  // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message,
+  // text, handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a
+  // shutdown after a shutdown, a bind or a name after one.
   void be_strict();
   // Whether this thread is inside libvesk, and not in what libvesk calls.
   static bool inside();

@@ -65,8 +65,8 @@ std::vector<Item> take_if(std::vector<Item>& all, Choice chosen) {
   return taken;
 }
 
-// One for the process, never destroyed: exit handlers and static objects of the client still use libvesk. The caller of a
-// method holds the lock, unless the method takes it itself: call(), deliver() and end().
+// One for the process, never destroyed: exit handlers and static objects of the client still use libvesk. The caller of
+// a method holds the lock, unless the method takes it itself: call(), deliver() and end().
 struct Runtime {
   using Lock = std::unique_lock<std::mutex>;
 
@@ -75,8 +75,8 @@ struct Runtime {
   // ---- Run loop ----
 
   void queue_step(std::function<void()> step);
-  // Tells the device whether there is work. Work that waits for a loop counts too: the thread that will enter it may be on
-  // its way.
+  // Tells the device whether there is work. Work that waits for a loop counts too: the thread that will enter it may be
+  // on its way.
   void tell_work();
   [[nodiscard]] bool may_step() const { return !steps.empty() && (!loop_held || steps_done < steps_allowed); }
   // Unlocks while the step runs.

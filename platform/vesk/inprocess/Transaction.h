@@ -16,7 +16,8 @@ namespace vesk::inprocess {
 
 constexpr unsigned kAnyCode = ~0U;
 
-// One call as it crossed the wire. `endpoints` are those that travelled in it; the service holds them when `result` is 0.
+// One call as it crossed the wire. `endpoints` are those that travelled in it; the service holds them when `result` is
+// 0.
 struct Transaction {
   std::string service;
   unsigned code = 0;
@@ -34,8 +35,8 @@ struct Reply {
   std::optional<std::string> thrown = {};  // the text of what an endpoint threw
 };
 
-// Answers the calls of one service (buffer_of(call.request) reads one), on the calling thread and with no lock held. It may
-// use the runtime: kill_service() of itself makes the call in progress fail.
+// Answers the calls of one service (buffer_of(call.request) reads one), on the calling thread and with no lock held. It
+// may use the runtime: kill_service() of itself makes the call in progress fail.
 using Handler = std::function<Reply(const Transaction& call)>;
 
 // The receiver of a message from a service: an endpoint that the client sent, or a name under which it published one.

@@ -10,8 +10,9 @@
 
 namespace vesk {
 
-// One reference to an endpoint of this process, from endpoint_acquire to endpoint_release. All copies together are that one
-// reference; the thread that drops the last copy releases it. Never dropped while a runtime holds a lock: that calls out.
+// One reference to an endpoint of this process, from endpoint_acquire to endpoint_release. All copies together are that
+// one reference; the thread that drops the last copy releases it. Never dropped while a runtime holds a lock: that
+// calls out.
 using EndpointRef = std::shared_ptr<vesk_endpoint>;
 
 // One counted reference to an endpoint of another process. On the thread that serves.
