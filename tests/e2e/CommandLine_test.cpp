@@ -273,7 +273,7 @@ TEST_F(NoDevice, ColoursAreForTerminalsThatShowThemAndPeopleWhoWantThem) {
       EXPECT_EQ(text.find("\x1b[1;31m") != std::string::npos, row.coloured) << row.variables.front() << ": " << text;
       EXPECT_EQ(text.find('\x1b') != std::string::npos, row.coloured) << text;
     }
-    const Result piped = e2e::run(words, environment() + Words{"TERM=xterm", "NO_COLOR="});
+    const Result piped = test::run(words, environment() + Words{"TERM=xterm", "NO_COLOR="});
     EXPECT_EQ((piped.output + piped.error).find('\x1b'), std::string::npos) << piped.error;
   }
 }

@@ -12,22 +12,19 @@
 #include <string>
 #include <vector>
 
-#include "Process.h"
+#include "support/Process.h"
 
 namespace orvel::e2e {
+
+using test::Process;
+using test::Result;
+using test::Words;
 
 // A directory for a device, and programs that look for one there.
 class NoDevice : public ::testing::Test {
  protected:
-  NoDevice() {
-    std::string path = std::filesystem::temp_directory_path() / "orvel-e2e-XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    m_temporary = path;
-  }
-  ~NoDevice() override { std::filesystem::remove_all(m_temporary); }
-
-  const std::filesystem::path& temporary() const { return m_temporary; }
-  std::filesystem::path directory() const { return m_temporary / "device"; }
+  std::filesystem::path temporary() const { return m_temporary.path(); }
+  std::filesystem::path directory() const { return temporary() / "device"; }
 
   // TMPDIR, so that what is left behind is seen.
   Words environment() const {
@@ -42,12 +39,12 @@ class NoDevice : public ::testing::Test {
 
   // Starts a program without waiting, or runs it to its end.
   std::unique_ptr<Process> start(const Words& words) const { return std::make_unique<Process>(words, environment()); }
-  Result run(const Words& words) const { return e2e::run(words, environment()); }
+  Result run(const Words& words) const { return test::run(words, environment()); }
 
  private:
   static constexpr int kCallLimitMs = 20'000;
 
-  std::filesystem::path m_temporary;
+  test::TemporaryDirectory m_temporary;
   int m_callLimitMs = kCallLimitMs;
 };
 

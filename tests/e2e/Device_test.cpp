@@ -175,7 +175,7 @@ TEST_P(IsolatedChanges, AServiceWhoseProcessIsKilledComesBackWithItsState) {
 TEST_P(IsolatedChanges, ServicesEndWithTheDeviceHoweverThatEnds) {
   const pid_t services[] = {pidOf("delegate"), pidOf("power")};
   m_device->signal(SIGKILL);
-  for (const pid_t service : services) waitForEndOf(service);
+  for (const pid_t service : services) test::waitForEndOf(service);
   EXPECT_EQ(run({"orvelctl", "get", "name"}).status, 3);
 }
 

@@ -18,7 +18,7 @@ class Doctor : public NoDevice {
     return NoDevice::environment() +
            Words{std::string("PATH=") + ORVEL_BIN ":/usr/bin:/bin", "T=" + temporary().string()};
   }
-  Result shell(const std::string& script) const { return e2e::run({"/bin/sh", "-c", script}, environment()); }
+  Result shell(const std::string& script) const { return test::run({"/bin/sh", "-c", script}, environment()); }
 
   // Examines what `set_up` leaves, a script that may change the environment too.
   struct Findings {

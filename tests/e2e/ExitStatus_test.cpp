@@ -81,7 +81,7 @@ class ExitStatus : public NoDevice {
   Words environmentIn(const std::string& name) const {
     return {"ORVEL_RUNTIME_DIR=" + (temporary() / name).string(), "ORVEL_CALL_TIMEOUT_MS=" + m_limit};
   }
-  Result runThere(const Words& words) const { return e2e::run(words, m_environment); }
+  Result runThere(const Words& words) const { return test::run(words, m_environment); }
 
   // Runs all of them at once, `more` behind, and expects of each that status; leaves out those with kNotHere.
   void expectOfAll(const std::string& program, const Words& more, bool good,
@@ -135,7 +135,7 @@ class ExitStatus : public NoDevice {
 
 // As --help lists them: those without subcommands of their own.
 void collectLeaves(const std::string& path, std::set<std::string>& leaves) {
-  const Result help = run(Words{"orvelctl"} + wordsOf(path) + Words{"--help"}, {});
+  const Result help = test::run(Words{"orvelctl"} + wordsOf(path) + Words{"--help"}, {});
   const std::string heading = "\nSubcommands:\n";
   const std::size_t begin = help.output.find(heading);
   if (begin == std::string::npos) {

@@ -127,7 +127,7 @@ TEST_F(Hermetic, AKilledRunTakesItsCommandAlongAndTheNextOneCleansUp) {
     const auto living = start(command("echo ready; read line; [ -d $ORVEL_RUNTIME_DIR ]"));
     living->waitForOutput("ready");
     killed->signal(SIGKILL);
-    waitForEndOf(pid);
+    test::waitForEndOf(pid);
     EXPECT_EQ(filesLeft().size(), 2U);
     EXPECT_EQ(run(command("exit 0")).status, 0);
     EXPECT_EQ(filesLeft().size(), 1U) << "that of the one that lives";
