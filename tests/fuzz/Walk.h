@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Fuzz.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::service_apis {
 class Bundle;

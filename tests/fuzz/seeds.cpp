@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "BusBytes.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace {
 

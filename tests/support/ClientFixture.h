@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "support/Methods.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 
@@ -72,7 +72,7 @@ class FakeServices {
   // Requests and replies that are allocated.
   int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
 
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
   void* m_runtime = nullptr;
 };
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "support/Services.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::fuzz {
 

@@ -17,7 +17,7 @@ using namespace test;  // NOLINT(google-build-using-namespace)
 // The client is the process's one, and remembers whether the assistant is connected. Tells it that it is.
 void connect_assistant() {
   auto& client = service_apis::OrvelDelegateClient::getClient();
-  FakeVesk vesk;
+  InprocessVesk vesk;
   const VirtualClock clock;
   std::weak_ptr<const void> receiver;
   for (const char* name : kServices) vesk.add_service(name);

@@ -8,8 +8,8 @@
 
 #include "Choices.h"
 #include "Program.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::fuzz {
 
@@ -71,7 +71,7 @@ class World {
 
   Choices& m_choices;
   Trace& m_trace;
-  test::FakeVesk m_vesk;
+  test::InprocessVesk m_vesk;
   test::VirtualClock m_clock;
   std::vector<Sent> m_sent;
   const std::shared_ptr<int> m_callbacks = std::make_shared<int>();  // each callback holds it too

@@ -15,7 +15,7 @@ using namespace service_apis;  // NOLINT(google-build-using-namespace)
 using Value = TarselMetricEventFieldValue;
 
 struct AssistantRecords : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 TEST_F(AssistantRecords, AnEventResultIsUnknownUnlessItsMarkIsNotZeroAndItsCodeBelowSix) {

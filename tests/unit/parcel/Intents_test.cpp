@@ -13,7 +13,7 @@ namespace {
 using namespace service_apis;  // NOLINT(google-build-using-namespace)
 
 struct Intents : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 // What the maps hold under the keys of these tests: "a=1 a=2L a='x' ".
