@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/Vesk.h"
 #include "vesk/host/Support.h"
-#include "vesk/inprocess/Bytes.h"
 
 namespace orvel::test {
 

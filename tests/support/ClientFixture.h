@@ -1,5 +1,4 @@
-// A device for the client inside one process: the eight services on a fake libvesk, which die and come back on a virtual
-// clock.
+// A device for the client inside one process.
 #pragma once
 
 #include <algorithm>
@@ -9,20 +8,21 @@
 #include <vector>
 
 #include "support/Methods.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 
-class ClientFixture {
+// The eight services on a fake libvesk.
+class FakeServices {
  public:
-  ClientFixture() {
+  FakeServices() {
     vesk_get_runtime(&m_runtime);
     m_vesk.be_strict();
   }
-  virtual ~ClientFixture() = default;
-  ClientFixture(const ClientFixture&) = delete;
-  ClientFixture& operator=(const ClientFixture&) = delete;
+  virtual ~FakeServices() = default;
+  FakeServices(const FakeServices&) = delete;
+  FakeServices& operator=(const FakeServices&) = delete;
 
   // Makes a service run that gives the good answers of the table of methods, or all eight.
   virtual void serve(const std::string& service) {
@@ -34,24 +34,6 @@ class ClientFixture {
   // Makes `service` answer every call with `bytes`.
   void answer(const std::string& service, const Bytes& bytes, int result = 0) {
     m_vesk.add_service(service, [=](const Transaction&) { return Reply{bytes, result}; });
-  }
-
-  // Makes every subscription that the client renews after a death. What they bring goes to `hear`.
-  static void subscribe_to_everything(Client& client, const Hear& hear = {}) {
-    for (const Method& each : kMethods) {
-      if (each.renewed) each.call(client, hear);
-    }
-  }
-
-  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done by
-  // m_vesk.drain(), or run_pending() where no thread is in the run loop.
-  void die(
-      const std::string& service, const std::function<void()>& meanwhile = [] {}) {
-    m_clock.at_sleep(1, [this, service, meanwhile] {
-      meanwhile();
-      serve(service);
-    });
-    m_vesk.kill_service(service);
   }
 
   // The registrations, calls with an endpoint, that the service has taken over the client's newest connection to it.
@@ -90,9 +72,34 @@ class ClientFixture {
   // Requests and replies that are allocated.
   int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
 
-  FakeVesk m_vesk;
-  VirtualClock m_clock;
+  InprocessVesk m_vesk;
   void* m_runtime = nullptr;
+};
+
+// The same on a virtual clock, and what happens to every client: it subscribes, and its services die and come back.
+class ClientFixture : public FakeServices {
+ public:
+  // Makes subscriptions of each kind: kRegistrations with the delegate service, and one published name.
+  static void subscribe(Client& client) {
+    for (const char* name : {"registerForSecureSettingIntChange", "registerForTimeSync", "registerForScreenStateChange",
+                             "registerForDirective"}) {
+      method(name).call(client, {});
+    }
+  }
+  static constexpr std::size_t kRegistrations = 4;
+
+  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done by
+  // m_vesk.drain(), or run_pending() where no thread is in the run loop.
+  void die(
+      const std::string& service, const std::function<void()>& meanwhile = [] {}) {
+    m_clock.at_sleep(1, [this, service, meanwhile] {
+      meanwhile();
+      serve(service);
+    });
+    m_vesk.kill_service(service);
+  }
+
+  VirtualClock m_clock;
 };
 
 }  // namespace orvel::test

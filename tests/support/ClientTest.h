@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/ClientFixture.h"
@@ -17,7 +16,7 @@ using Lines = std::vector<std::string>;
 class ClientTest : public ::testing::Test, protected ClientFixture {
  protected:
   // `module` as for LogRecorder.
-  explicit ClientTest(std::string module) : m_log(std::move(module)) {}
+  explicit ClientTest(const std::string& module) : m_log(module) {}
 
   LogRecorder m_log;
 };

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 

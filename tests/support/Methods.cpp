@@ -142,7 +142,7 @@ const std::array<Method, 43> kMethods = {{
      kDelegate, {{{28, kAccountAdded, ""}, {28, kAccountRemoved, ""}}}, "true", "false", "false", true},
     {"registerForMaroConnectivityChange", subscribe<&Client::registerForMaroConnectivityChange>,
      kDelegate, {{{28, kMaroConnectivity, ""}}}, "true", "false", "false", true},
-    // Both say true whatever becomes of the request.
+    // Both say true when the request fails, too.
     {"registerForNetworkConnectivityChange", subscribe<&Client::registerForNetworkConnectivityChange>,
      kConnectivity, {{{4, "", ""}}}, "true", "true", "false"},
     {"unregisterForNetworkConnectivityChange", unsubscribe_network,

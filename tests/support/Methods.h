@@ -8,7 +8,7 @@
 
 #include "orvel/OrvelDelegateClient.h"
 #include "support/Services.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 

@@ -1,7 +1,7 @@
 // What services send to the endpoints of subscriptions.
 #pragma once
 
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 

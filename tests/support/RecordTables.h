@@ -8,13 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "vesk/inprocess/Bytes.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 
 struct RecordTest : ::testing::Test {
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
 };
 
 // Gives what it has read as text.

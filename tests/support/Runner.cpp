@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <mutex>
 #include <set>
@@ -80,7 +81,6 @@ std::optional<int> Runner::parse(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return m_options->exit(error);
   }
-  state().again = "--seed " + std::to_string(m_seed) + " --count " + std::to_string(m_count);
   return std::nullopt;
 }
 
@@ -101,8 +101,14 @@ int Runner::run(const std::function<std::string()>& summary) {
       continue;
     }
     if (isatty(STDERR_FILENO) != 0) std::cerr << part.name << std::endl;
+    state().again =
+        "--only '" + part.name + "' --seed " + std::to_string(m_seed) + " --count " + std::to_string(m_count);
     begin(part.name);
-    part.run();
+    try {
+      part.run();
+    } catch (const std::exception& error) {
+      require(false, error.what());
+    }
   }
   alarm(0);
   if (parts == 0) std::cerr << m_program << ": no part has such a name; --list shows them" << std::endl;

@@ -29,7 +29,7 @@ class Runner {
   CLI::App& options() { return *m_options; }
 
   // A part of what is proven, which --only chooses by its whole name, or by a beginning that ends in a slash. `run` is called
-  // once, on the main thread.
+  // once, on the main thread; what it throws is a failure.
   void add(std::string name, std::function<void()> run);
 
   // Reads the command line. The status to exit with when that was all: after --help, or a mistake.
@@ -56,7 +56,7 @@ class Runner {
   std::vector<std::string> m_only;
   std::uint64_t m_seed = 1;
   long m_count;
-  unsigned m_limit = 20;
+  unsigned m_limit = 30;
   bool m_list = false;
   bool m_canary = false;
 };

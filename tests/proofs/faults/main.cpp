@@ -2,13 +2,13 @@
 #include <android/log.h>
 
 #include <algorithm>
-#include <future>
-#include <iterator>
+#include <initializer_list>
 #include <new>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "Allocations.h"
 #include "support/ClientFixture.h"
@@ -19,27 +19,29 @@ namespace {
 using namespace orvel::fuzz;  // NOLINT(google-build-using-namespace)
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 
-// Their failure is that of the call, or of the registration.
-constexpr const char* kRequestOperations[] = {"vesk_payload_alloc",
-                                              "vesk_buffer_alloc",
-                                              "vesk_write_i32",
-                                              "vesk_write_i64",
-                                              "vesk_write_f64",
-                                              "vesk_write_utf16_cstring",
-                                              "vesk_write_array_length",
-                                              "vesk_write_endpoint",
-                                              "vesk_payload_set_position",
-                                              "vesk_call",
-                                              "vesk_service_register"};
-// A read that fails leaves what a reply that was cut there would.
-constexpr const char* kReplyOperations[] = {"vesk_reply_done", "vesk_read_i32", "vesk_read_i64",
-                                            "vesk_read_array_length", "vesk_read_utf16_string"};
-constexpr const char* kStartOperations[] = {"vesk_get_runtime", "vesk_run_loop"};
-constexpr const char* kBindOperations[] = {"vesk_service_bind", "vesk_binder_servicemanager_get", "vesk_handle_acquire",
-                                           "vesk_handle_link_to_death"};
-// What cannot be let go of stays: there is nothing that a client could do, but go on.
-constexpr const char* kReleaseOperations[] = {"vesk_handle_is_valid", "vesk_handle_unlink_to_death",
-                                              "vesk_handle_release", "vesk_service_unbind"};
+// When operations of libvesk are used.
+enum When { kInStarts, kInBinds, kInReleases, kInRequests, kInReplies };
+const std::vector<const char*> kOperations[] = {
+    {"vesk_get_runtime", "vesk_run_loop"},
+    {"vesk_service_bind", "vesk_binder_servicemanager_get", "vesk_handle_acquire", "vesk_handle_link_to_death"},
+    // What cannot be let go of stays: there is nothing that a client could do, but go on.
+    {"vesk_handle_is_valid", "vesk_handle_unlink_to_death", "vesk_handle_release", "vesk_service_unbind"},
+    // Their failure is that of the call, or of the registration.
+    {"vesk_payload_alloc", "vesk_buffer_alloc", "vesk_write_i32", "vesk_write_i64", "vesk_write_f64",
+     "vesk_write_utf16_cstring", "vesk_write_array_length", "vesk_write_endpoint", "vesk_payload_set_position",
+     "vesk_call", "vesk_service_register"},
+    // A read that fails leaves what a reply that was cut there would.
+    {"vesk_reply_done", "vesk_read_i32", "vesk_read_i64", "vesk_read_array_length", "vesk_read_utf16_string"}};
+
+// Has `fail(operation, nth)` let each use of these operations fail, until it returns that there are no more.
+template <typename Fail>
+void fail_each(std::initializer_list<When> when, Fail fail) {
+  for (const When moment : when) {
+    for (const char* operation : kOperations[moment]) {
+      for (int nth = 1; fail(operation, nth);) ++nth;
+    }
+  }
+}
 
 long g_injected = 0;
 bool g_canary = false;
@@ -62,22 +64,16 @@ class Bench final : public ClientFixture {
     if (m_failing != 0) arm(std::exchange(m_failing, 0));
   }
 
-  // The service dies and comes back; the run loop's allocation of that number after the pause, if any, fails.
-  void die(const char* service, long failing_allocation = 0) {
+  // The service dies and comes back; the run loop's allocation of that number after the pause, if any, fails. How many
+  // allocations there were then.
+  long die(const char* service, long failing_allocation = 0) {
+    long count = 0;
     m_failing = failing_allocation;
     ClientFixture::die(service);
-    m_vesk.post([] { disarm(); });
+    m_vesk.post([&count] { count = disarm(); });
     m_vesk.drain();
+    return count;
   }
-
-  // Subscriptions that make kSubscriptions registrations with the delegate service, and publish one name.
-  void subscribe() {
-    for (const char* name : {"registerForSecureSettingIntChange", "registerForTimeSync", "registerForScreenStateChange",
-                             "registerForDirective"}) {
-      method(name).call(m_client, {});
-    }
-  }
-  static constexpr std::size_t kSubscriptions = 4;
 
   std::ptrdiff_t published() const {
     const std::vector<std::string> all = m_vesk.bindings();
@@ -97,7 +93,7 @@ class Bench final : public ClientFixture {
     require(result == tried.result, std::string(tried.name) + " gives " + result + " afterwards");
   }
 
-  // Whatever became of the faults, the client can be started again, and everything works.
+  // After any fault the client can be started again, and everything works.
   void expect_starts_again() {
     m_vesk.repair();
     expect_unlocked();
@@ -111,7 +107,7 @@ class Bench final : public ClientFixture {
     m_vesk.repair();
     const std::ptrdiff_t before = published();
     die(kServices[kDelegate]);
-    require(registrations().size() == kSubscriptions, "the next death renews every registration");
+    require(registrations().size() == kRegistrations, "the next death renews every registration");
     die(kServices[kDirectives]);
     require(published() == before + 1, "the next death publishes the namespace again");
   }
@@ -140,7 +136,7 @@ bool forgets(const Method& tried) {
 }
 
 // A use of libvesk fails, that one or it and all that follow. False when the method makes fewer uses.
-bool fail_use(const Method& tried, const char* operation, bool of_request, int nth, bool always) {
+bool fail_use(const Method& tried, When when, const char* operation, int nth, bool always) {
   Bench bench;
   begin(std::string(tried.name) + ", " + operation + (always ? " always from " : " at ") + std::to_string(nth));
   bench.m_client.initialize();
@@ -151,7 +147,7 @@ bool fail_use(const Method& tried, const char* operation, bool of_request, int n
   ++g_injected;
   // A launch whose question failed has an empty intent, which is then sent.
   const bool goes_on = tried.name == std::string("launchApplicationWithPackageName") && result == tried.result;
-  require(!of_request || goes_on || result == tried.failure, "it gives " + result + ", not " + tried.failure);
+  require(when == kInReplies || goes_on || result == tried.failure, "it gives " + result + ", not " + tried.failure);
   bench.m_vesk.repair();
   bench.expect_works(tried);
   bench.expect_nothing_left(forgets(tried));
@@ -167,8 +163,7 @@ bool fail_allocation(Bench& bench, const Method& tried, long nth) {
     result = tried.call(bench.m_client, {});
   } catch (const std::bad_alloc&) {
   }
-  disarm();
-  if (allocations() < nth) return false;
+  if (disarm() < nth) return false;
   ++g_injected;
   require(result == "bad_alloc" || result == tried.failure || result == tried.result, "it gives " + result);
   bench.expect_works(tried);
@@ -176,13 +171,11 @@ bool fail_allocation(Bench& bench, const Method& tried, long nth) {
 }
 
 void fail_method(const Method& tried) {
-  const auto fail_uses = [&](const char* operation, bool of_request) {
+  for (const When when : {kInRequests, kInReplies}) {
     for (const bool always : {false, true}) {
-      for (int nth = 1; fail_use(tried, operation, of_request, nth, always);) ++nth;
+      fail_each({when}, [&](const char* operation, int nth) { return fail_use(tried, when, operation, nth, always); });
     }
-  };
-  for (const char* operation : kRequestOperations) fail_uses(operation, true);
-  for (const char* operation : kReplyOperations) fail_uses(operation, false);
+  }
   Bench bench;
   bench.m_client.initialize();
   tried.call(bench.m_client, {});
@@ -191,7 +184,7 @@ void fail_method(const Method& tried) {
 }
 
 void fail_starts() {
-  const auto fail_at = [](const char* operation, int nth) {
+  fail_each({kInStarts, kInBinds, kInReleases}, [](const char* operation, int nth) {
     Bench bench;
     begin(std::string("initialize, ") + operation + " at " + std::to_string(nth));
     bench.m_vesk.fail_once(operation, nth);
@@ -201,29 +194,20 @@ void fail_starts() {
     ++g_injected;
     bench.expect_starts_again();
     return true;
-  };
-  const auto fail_each = [&](const auto& operations) {
-    for (const char* operation : operations) {
-      for (int nth = 1; fail_at(operation, nth);) ++nth;
-    }
-  };
-  fail_each(kStartOperations);
-  fail_each(kBindOperations);
-  fail_each(kReleaseOperations);
+  });
   for (long nth = 1;; ++nth) {
     Bench bench;
     begin("initialize, allocation " + std::to_string(nth));
     arm(nth);
     try {
       bench.m_client.initialize();
-      disarm();
     } catch (const std::bad_alloc&) {
-      disarm();
+      const Unarmed mine;
       Live left = bench.m_vesk.live();
       left.lookups = 0;  // as in expect_nothing_left()
       require(left == Live{}, "nothing is left of the start");
     }
-    if (allocations() < nth) return;
+    if (disarm() < nth) return;
     ++g_injected;
     bench.expect_starts_again();
     bench.expect_nothing_left(true);
@@ -236,7 +220,7 @@ bool fail_rebind(Service service, const std::string& what, Die die) {
   Bench bench;
   begin(std::string("rebind of ") + kServices.at(service) + ", " + what);
   bench.m_client.initialize();
-  bench.subscribe();
+  Bench::subscribe(bench.m_client);
   if (!die(bench)) return false;
   ++g_injected;
   bench.expect_unlocked();
@@ -246,7 +230,7 @@ bool fail_rebind(Service service, const std::string& what, Die die) {
     bench.expect_starts_again();
     bench.m_client.shutdown();
     bench.m_client.initialize();
-    bench.subscribe();
+    Bench::subscribe(bench.m_client);
   }
   bench.expect_rebinds();
   bench.expect_nothing_left(true);
@@ -254,28 +238,16 @@ bool fail_rebind(Service service, const std::string& what, Die die) {
 }
 
 void fail_rebinds(Service service) {
-  const auto fail_each = [&](const auto& operations) {
-    for (const char* operation : operations) {
-      int nth = 1;
-      const auto die = [&](Bench& bench) {
-        const int before = bench.m_vesk.uses(operation);
-        bench.m_vesk.fail_once(operation, nth);
-        bench.die(kServices.at(service));
-        return bench.m_vesk.uses(operation) - before >= nth;
-      };
-      while (fail_rebind(service, std::string(operation) + " at " + std::to_string(nth), die)) ++nth;
-    }
-  };
-  fail_each(kBindOperations);
-  fail_each(kRequestOperations);
-  fail_each(kReplyOperations);
+  fail_each({kInBinds, kInRequests, kInReplies}, [&](const char* operation, int nth) {
+    return fail_rebind(service, std::string(operation) + " at " + std::to_string(nth), [&](Bench& bench) {
+      const int before = bench.m_vesk.uses(operation);
+      bench.m_vesk.fail_once(operation, nth);
+      bench.die(kServices.at(service));
+      return bench.m_vesk.uses(operation) - before >= nth;
+    });
+  });
   long nth = 1;
-  const auto die = [&](Bench& bench) {
-    bench.die(kServices.at(service), nth);
-    std::promise<long> used;
-    bench.m_vesk.post([&] { used.set_value(allocations()); });
-    return used.get_future().get() >= nth;
-  };
+  const auto die = [&](Bench& bench) { return bench.die(kServices.at(service), nth) >= nth; };
   while (fail_rebind(service, "allocation " + std::to_string(nth), die)) ++nth;
 }
 

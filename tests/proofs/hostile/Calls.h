@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "support/Services.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::hostile {
 

@@ -31,7 +31,7 @@ class Model {
   // Throws Mismatch.
   void check();
 
-  // What the client has done with names by the end: as FakeVesk::bindings().
+  // What the client has done with names by the end: as InprocessVesk::bindings().
   [[nodiscard]] const std::vector<std::string>& bindings() const { return m_bindings; }
   // How many requests, and replies, were left allocated on purpose.
   [[nodiscard]] int forgotten() const { return m_forgotten; }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "support/Methods.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 
 namespace orvel::test::simulation {
 

@@ -9,8 +9,8 @@
 
 #include "Choices.h"
 #include "Trace.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test::simulation {
 
@@ -66,7 +66,7 @@ class World {
 
   Choices& m_choices;
   Trace& m_trace;
-  FakeVesk m_vesk;
+  InprocessVesk m_vesk;
   VirtualClock m_clock;
   std::vector<Sent> m_sent;
   const std::shared_ptr<int> m_callbacks = std::make_shared<int>();  // each callback holds it too

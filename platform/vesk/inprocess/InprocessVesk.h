@@ -1,103 +1,35 @@
-// libvesk inside the test's own process: scripted services instead of other processes, nothing that depends on time.
+// libvesk inside one process: services are scripts or a device in the same process, and nothing depends on time.
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <future>
-#include <iosfwd>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "vesk/inprocess/Bytes.h"
+#include "vesk/inprocess/Device.h"
+#include "vesk/inprocess/Live.h"
+#include "vesk/inprocess/Transaction.h"
 #include "vesk/vesk.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 
-// One call as it crossed the wire. `endpoints` are those that travelled in it; the service holds them when `result` is
-// 0.
-struct Transaction {
-  std::string service;
-  unsigned code = 0;
-  Bytes request;
-  std::vector<vesk_endpoint*> endpoints;
-  int result = 0;
-  std::vector<std::weak_ptr<const void>> transfers;  // what each endpoint travelled as: no later one is equal to it
-  std::uint32_t connection = 0;                      // over which it went; no later one has its number
-};
-
-// What a service, or an endpoint of the client, answers.
-struct Reply {
-  Bytes bytes;
-  int result = 0;
-  std::optional<std::string> thrown = {};  // the text of what an endpoint threw
-};
-
-// Answers the calls of one service (buffer_of(call.request) reads one), on the calling thread and with no lock held. It may use the fake: kill_service() of
-// itself makes the call in progress fail.
-using Handler = std::function<Reply(const Transaction& call)>;
-
-// Whom a message from a service reaches: an endpoint that the client sent, or a name under which it published one.
-struct Target {
-  Target(vesk_endpoint* sent) : endpoint(sent) {}                    // NOLINT(google-explicit-constructor)
-  Target(std::string published) : name(std::move(published)) {}      // NOLINT(google-explicit-constructor)
-  Target(const char* published) : Target(std::string(published)) {}  // NOLINT(google-explicit-constructor)
-  explicit Target(std::weak_ptr<const void> sent) : transfer(std::move(sent)), by_transfer(true) {}
-
-  vesk_endpoint* endpoint = nullptr;
-  std::weak_ptr<const void> transfer;
-  bool by_transfer = false;
-  std::string name;
-};
-
-// A device in the same process, in place of scripts. Its address, as a void*, is its own runtime: what it asks of vesk.h with
-// that comes to the first group of methods. The second is told what happens, in order and on any thread, under the fake's
-// lock: those may not use the fake.
-class FakeDevice {
- public:
-  virtual ~FakeDevice() = default;
-
-  virtual int serve(const char* name, vesk_endpoint* endpoint) = 0;             // vesk_service_register
-  virtual int find(const char* name, vesk_handle* out) = 0;                     // vesk_binder_servicemanager_get
-  virtual int forget(const vesk_handle& handle) = 0;                            // vesk_service_unbind
-  virtual int watch(const vesk_handle& handle, vesk_death_callback* told) = 0;  // link; null: unlink
-
-  virtual void loop_has_work(bool has) = 0;  // whether there is something for the client's run loop to do
-  virtual void step_begins() = 0;            // on the run loop
-  virtual void looked_up(const std::string& service, bool found) = 0;
-  virtual void closed(std::uint32_t connection) = 0;  // by the client, or after the service's death
-  virtual void shut_down() = 0;
-};
-
-constexpr unsigned kAnyCode = ~0U;
-
-// What the code under test still owes, or makes libvesk keep: EXPECT_EQ(m_vesk.live(), Live{}).
-struct Live {
-  int payloads = 0;
-  int buffers = 0;
-  int lookups = 0;              // that nobody unbound and no death ended
-  int handle_references = 0;    // by vesk_handle_acquire
-  int endpoint_references = 0;  // taken with endpoint_acquire, not yet released
-  int death_references = 0;     // taken with death_acquire, not yet released
-
-  friend bool operator==(const Live& a, const Live& b);
-  friend std::ostream& operator<<(std::ostream& out, const Live& live);
-};
+struct Runtime;
 
 // The process's one runtime, as a test sees it. Construction and destruction start over: no service, nothing recorded,
 // every reference that libvesk held dropped; no thread may be inside vesk_run_loop or a call by then. What the client
 // calls is in vesk.h. All verbs may be used on any thread, in callbacks and handlers too; none of them waits unless it
 // says so.
-class FakeVesk {
+class InprocessVesk {
  public:
-  FakeVesk();
-  ~FakeVesk();
-  FakeVesk(const FakeVesk&) = delete;
-  FakeVesk& operator=(const FakeVesk&) = delete;
+  InprocessVesk();
+  ~InprocessVesk();
+  InprocessVesk(const InprocessVesk&) = delete;
+  InprocessVesk& operator=(const InprocessVesk&) = delete;
 
   // ---- Services ----
 
@@ -135,7 +67,7 @@ class FakeVesk {
 
   // `ended`, on that thread too: what became of it, a Reply without bytes.
   void send(const Target& target, unsigned code, const Bytes& message, std::function<void(const Reply&)> ended = {});
-  // The endpoint's answer; -EPIPE when nobody holds or publishes the target any more.
+  // The endpoint's answer; -EPIPE when the target is neither held nor published any more.
   std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
   // Gives back every reference to `endpoint` that services hold.
   void release_endpoint(const vesk_endpoint* endpoint);
@@ -147,13 +79,13 @@ class FakeVesk {
   // Whether this thread runs a step of the run loop.
   static bool on_run_loop();
   // Tells the device, until it is told another or null.
-  void attach(FakeDevice* device);
+  void attach(Device* device);
 
   // Runs `step` on the run-loop thread after everything sent so far.
   void post(std::function<void()> step);
   // Waits until the thread in vesk_run_loop is through with everything sent so far, or the runtime is shut down.
   void drain();
-  // From now on the run loop runs its steps only while somebody is in drain(), which then waits for those that they
+  // From now on the run loop runs its steps only while a thread is in drain(), which then waits for those that they
   // queue too: one thread at a time decides what happens next.
   void hold_run_loop();
   // Waits until vesk_shutdown has been called.
@@ -168,7 +100,8 @@ class FakeVesk {
   // when it fails.
   void fail_once(std::string_view operation, int nth = 1, int error = -EIO);
   void fail_always(std::string_view operation, int nth = 1, int error = -EIO);
-  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it, with what it uses.
+  // Runs `step` when the client begins its `nth` use of libvesk from now, on the thread that uses it, with what it
+  // uses.
   void at_use(int nth, std::function<void(std::string_view operation)> step);
   // vesk_get_runtime succeeds, but gives null.
   void give_null_runtime();
@@ -176,9 +109,9 @@ class FakeVesk {
   void repair();
   // What callbacks throw is no longer printed.
   void keep_quiet();
-  // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message, text,
-  // handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a shutdown
-  // after a shutdown, a bind or a name after one.
+  // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message,
+  // text, handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a
+  // shutdown after a shutdown, a bind or a name after one.
   void be_strict();
   // Whether this thread is inside libvesk, and not in what libvesk calls.
   static bool inside();
@@ -196,14 +129,12 @@ class FakeVesk {
   [[nodiscard]] int uses() const;
   [[nodiscard]] Live live() const;
 
-  struct State;
-
  private:
   void reset();
 
-  State& m_state;               // lives as long as the process: exit handlers of the code under test use it
-  const int m_payloads_before;  // what earlier tests of the program left, on purpose
+  Runtime& m_runtime;           // lives as long as the process: exit handlers of the client use it
+  const int m_payloads_before;  // what the client left before, on purpose
   const int m_buffers_before;
 };
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess
