@@ -79,7 +79,7 @@ TEST_F(Records, EveryMemberHasItsPlaceAndWidthAndWhatIsAbsentHasNone) {
     std::size_t marks;  // it is absent as long as one of them is missing
     Bytes bytes;
     std::string value;
-    std::string absent = "";
+    std::string absent = {};
   } rows[] = {
       {read<ApplicationInfo>, 2, wire(kApplication + "1 -5 2 'k' 1 5 'k' 0 'v' 7"), kApplicationText + R"(5 "v" )"},
       {read<ApplicationInfo>, 2, wire(kApplication + "0 7"), kApplicationText + R"(-1 "-" )"},
