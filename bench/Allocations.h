@@ -1,4 +1,4 @@
-// Counts heap allocations, whoever makes them: C, C++ and the libraries of the process.
+// Counts the heap allocations of the whole process: in C, in C++ and in its libraries.
 #pragma once
 
 #include <cstddef>

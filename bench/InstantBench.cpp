@@ -25,6 +25,7 @@
 #include "parcel/StringArray.h"
 #include "services/IDelegateService.h"
 #include "services/Incoming.h"
+#include "vesk/message/Owners.h"
 
 namespace bench {
 namespace {
@@ -40,6 +41,8 @@ using orvel::service_apis::RunningAppProcessInfo;
 using orvel::service_apis::skip_header;
 using orvel::service_apis::StringArray;
 using orvel::service_apis::TarselMetricEvent;
+using vesk::BufferPtr;
+using vesk::PayloadPtr;
 
 // The codes of the calls that are made here.
 enum Code : unsigned int {
@@ -53,13 +56,6 @@ enum Code : unsigned int {
 
 // Longer than a string keeps without an allocation.
 constexpr const char* kDeviceName = "Robin's kitchen display";
-
-struct FreeMessage {
-  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
-  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
-};
-using PayloadPtr = std::unique_ptr<vesk_payload, FreeMessage>;
-using BufferPtr = std::unique_ptr<vesk_buffer, FreeMessage>;
 
 void countAllocations(benchmark::State& state, std::uint64_t before) {
   state.counters[kAllocationsCounter] =

@@ -7,45 +7,13 @@
 #include <mutex>
 #include <utility>
 
-#include "vesk/vesk_service.h"
-
-namespace {
-
-// Holds one reference to each.
-struct Endpoints {
-  std::vector<vesk_endpoint*> list;
-
-  Endpoints() = default;
-  Endpoints(const Endpoints&) = delete;
-  Endpoints& operator=(const Endpoints&) = delete;
-  ~Endpoints() { drop(); }
-
-  void add(vesk_endpoint* endpoint) {
-    endpoint->fn->endpoint_acquire(nullptr, endpoint);
-    list.push_back(endpoint);
-  }
-  void drop() {
-    for (vesk_endpoint* endpoint : list) endpoint->fn->endpoint_release(nullptr, endpoint);
-    list.clear();
-  }
-};
-
-}  // namespace
-
-struct vesk_payload {
-  vesk::Parcel parcel;
-  Endpoints endpoints;
-};
-
-struct vesk_buffer {
-  vesk::Parcel parcel;
-};
+#include "vesk/message/Message.h"
 
 namespace {
 
 struct Runtime {
   std::map<unsigned int, vesk::Parcel> answers;  // by the code of the call
-  Endpoints endpoints;
+  std::vector<vesk_endpoint*> endpoints;         // a reference to each
   std::vector<vesk_death_callback*> links;
   std::chrono::steady_clock::time_point bound_at;
   std::mutex mutex;
@@ -61,7 +29,19 @@ Runtime& runtime() {
 
 constexpr vesk_handle kTheHandle = {{1, 1}};
 
+struct Hooks : vesk::MessageHooks {
+  vesk::EndpointRef hold(vesk_endpoint* endpoint) override {
+    endpoint->fn->endpoint_acquire(nullptr, endpoint);
+    return {endpoint, [](vesk_endpoint* held) { held->fn->endpoint_release(nullptr, held); }};
+  }
+};
+
 }  // namespace
+
+vesk::MessageHooks& vesk::message_hooks() {
+  static auto& hooks = *new Hooks;
+  return hooks;
+}
 
 namespace bench {
 
@@ -76,7 +56,7 @@ void answerWith(unsigned int code, const void* data, std::size_t size) {
 }
 
 vesk_buffer* bufferOf(const vesk::Parcel& parcel) {
-  return new vesk_buffer{vesk::Parcel(parcel.bytes())};
+  return new vesk_buffer{vesk::Parcel(parcel.bytes()), {}};
 }
 
 void rewind(vesk_buffer* buffer) {
@@ -92,11 +72,12 @@ const std::vector<std::byte>& bytesOf(const vesk_payload* payload) {
 }
 
 const std::vector<vesk_endpoint*>& endpoints() {
-  return runtime().endpoints.list;
+  return runtime().endpoints;
 }
 
 void dropEndpoints() {
-  runtime().endpoints.drop();
+  for (vesk_endpoint* endpoint : runtime().endpoints) endpoint->fn->endpoint_release(nullptr, endpoint);
+  runtime().endpoints.clear();
 }
 
 void restartService() {
@@ -141,7 +122,7 @@ int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callbac
 }
 
 int vesk_service_unbind(void* /*runtime*/, vesk_handle* /*handle*/) {
-  runtime().endpoints.drop();
+  bench::dropEndpoints();
   return 0;
 }
 
@@ -182,92 +163,18 @@ int vesk_handle_unlink_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk
   return 0;
 }
 
-vesk_payload* vesk_payload_alloc() {
-  return new vesk_payload;
-}
-void vesk_payload_free(vesk_payload* payload) {
-  delete payload;
-}
-int vesk_payload_last_error(vesk_payload* payload) {
-  return payload->parcel.error();
-}
-
-unsigned int vesk_payload_get_position(vesk_payload* payload) {
-  return static_cast<unsigned int>(payload->parcel.position());
-}
-
-int vesk_payload_set_position(vesk_payload* payload, unsigned int position) {
-  return payload->parcel.set_position(position);
-}
-
-vesk_buffer* vesk_buffer_alloc() {
-  return new vesk_buffer;
-}
-void vesk_buffer_free(vesk_buffer* buffer) {
-  delete buffer;
-}
-int vesk_buffer_last_error(vesk_buffer* buffer) {
-  return buffer->parcel.error();
-}
-
 int vesk_call(void* /*runtime*/, vesk_handle* /*handle*/, unsigned int code, vesk_payload* request,
               vesk_buffer* reply) {
   const auto answer = runtime().answers.find(code);
   if (answer == runtime().answers.end()) return -ENOTSUP;
-  for (vesk_endpoint* endpoint : request->endpoints.list) runtime().endpoints.add(endpoint);
+  for (const vesk::EndpointRef& sent : request->endpoints) {
+    sent->fn->endpoint_acquire(nullptr, sent.get());
+    runtime().endpoints.push_back(sent.get());
+  }
   reply->parcel.assign(answer->second.bytes().data(), answer->second.bytes().size());
   return 0;
 }
 
 int vesk_reply_done(void* /*runtime*/, vesk_buffer* /*reply*/) {
   return 0;
-}
-
-int vesk_write_i32(vesk_payload* payload, int32_t value) {
-  return payload->parcel.write_i32(value);
-}
-int vesk_write_i64(vesk_payload* payload, int64_t value) {
-  return payload->parcel.write_i64(value);
-}
-int vesk_write_f64(vesk_payload* payload, double value) {
-  return payload->parcel.write_f64(value);
-}
-int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8) {
-  return payload->parcel.write_utf16(utf8);
-}
-int vesk_write_array_length(vesk_payload* payload, int32_t length) {
-  return payload->parcel.write_i32(length);
-}
-int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
-  payload->endpoints.add(endpoint);
-  return payload->parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.list.size() - 1));
-}
-
-int32_t vesk_read_i32(vesk_buffer* buffer) {
-  return buffer->parcel.read_i32();
-}
-int64_t vesk_read_i64(vesk_buffer* buffer) {
-  return buffer->parcel.read_i64();
-}
-double vesk_read_f64(vesk_buffer* buffer) {
-  return buffer->parcel.read_f64();
-}
-const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length) {
-  return buffer->parcel.read_utf16(length);
-}
-int32_t vesk_read_array_length(vesk_buffer* buffer) {
-  return buffer->parcel.read_i32();
-}
-
-// What vesk_service.h has for looking into messages.
-const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
-  *size = payload->parcel.bytes().size();
-  return payload->parcel.bytes().data();
-}
-int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {
-  buffer->parcel.assign(data, size);
-  return 0;
-}
-size_t vesk_buffer_remaining(const vesk_buffer* buffer) {
-  return buffer->parcel.remaining();
 }

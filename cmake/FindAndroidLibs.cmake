@@ -1,5 +1,5 @@
-# Android's liblog and libutils as Debian packages them: headers under include/android, libraries in a multiarch "android"
-# folder that is on no search path. Gives the targets Android::log and Android::utils.
+# Android's liblog and libutils as Debian packages them: headers under include/android, libraries in a multiarch
+# "android" folder that is on no search path. Gives the targets Android::log and Android::utils.
 find_path(AndroidLibs_INCLUDE_DIR NAMES utils/String8.h PATH_SUFFIXES android)
 find_library(AndroidLibs_log_LIBRARY NAMES log PATH_SUFFIXES ${CMAKE_LIBRARY_ARCHITECTURE}/android android)
 find_library(AndroidLibs_utils_LIBRARY NAMES utils PATH_SUFFIXES ${CMAKE_LIBRARY_ARCHITECTURE}/android android)

@@ -1,12 +1,13 @@
-# What a user of the project gets: the client library and the host runtime, what it takes to build against them, the simulated
-# device, the command line, documents and examples. The whole folder can be moved: programs and libraries find each other by
-# $ORIGIN, the files for CMake and pkg-config by their own place. debian/*.install says what is in which Debian package.
+# What a user of the project gets: the client library and the host runtime, what it takes to build against them, the
+# simulated device, the command line, documents and examples. The whole folder can be moved: programs and libraries find
+# each other by $ORIGIN, the files for CMake and pkg-config by their own place. debian/*.install says what is in which
+# Debian package.
 include(CMakePackageConfigHelpers)
 
 set_target_properties(OrvelDelegateClient PROPERTIES EXPORT_NAME DelegateClient)
 # The loader finds what is in the system's own folders; a search path of its own could only lead it elsewhere.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-  set_target_properties(OrvelDelegateClient vesk orvelctl orvel-sim PROPERTIES INSTALL_RPATH "${AndroidLibs_LIBRARY_DIR}")
+  set_target_properties(OrvelDelegateClient orvelctl PROPERTIES INSTALL_RPATH "${AndroidLibs_LIBRARY_DIR}")
   set_target_properties(vesk orvel-sim PROPERTIES INSTALL_RPATH "")  # these need nothing of Android's
 endif()
 install(TARGETS OrvelDelegateClient vesk vesk_headers EXPORT OrvelDelegateClient
@@ -31,8 +32,8 @@ if(TARGET OrvelTestDevice)
     FILES_MATCHING PATTERN *.h)
 endif()
 
-# The way from the .pc file up to the prefix, so that the file holds no absolute path. Debian's is the system's own folder, which
-# compilers must be told of by no other name.
+# The way from the .pc file up to the prefix, so that the file holds no absolute path. Debian's is the system's own
+# folder, which compilers must be told of by no other name.
 file(RELATIVE_PATH prefix_from_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 set(pc_prefix \${pcfiledir}/${prefix_from_pc})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")

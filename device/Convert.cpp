@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
-#include <set>
-#include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "device/Intent.h"
-#include "device/OutputFile.h"
 
 namespace orvel::sim {
 namespace {
@@ -184,104 +180,6 @@ const std::map<std::pair<std::string, std::string>, Learn>& lessons() {
   return lessons;
 }
 
-// Seeds, each once.
-class Seeds {
- public:
-  explicit Seeds(std::filesystem::path folder) : m_folder(std::move(folder)) {}
-
-  // `drawn` are the values that the target draws before it takes the bytes.
-  void add(const std::string& target, const std::string& bytes, std::initializer_list<unsigned char> drawn = {}) {
-    const std::string input = std::string(drawn.begin(), drawn.end()) + bytes;
-    if (!m_written[target].insert(input).second) return;
-    std::error_code error;
-    std::filesystem::create_directories(m_folder / target, error);
-    if (error) throw std::runtime_error((m_folder / target).string() + ": cannot be made: " + error.message());
-    const std::string name = "recorded-" + std::to_string(m_written[target].size() - 1);
-    OutputFile(m_folder / target / name, /*replace=*/true).write(input);
-    ++m_count;
-  }
-
-  std::size_t count() const { return m_count; }
-
- private:
-  std::filesystem::path m_folder;
-  std::map<std::string, std::set<std::string>> m_written;
-  std::size_t m_count = 0;
-};
-
-template <typename Write>
-std::string bytesOf(const Write& write) {
-  const PayloadPtr payload(vesk_payload_alloc());
-  if (!payload) throw std::bad_alloc();
-  write(payload.get());
-  std::size_t size = 0;
-  const auto* bytes = static_cast<const char*>(vesk_payload_data(payload.get(), &size));
-  return {bytes, size};
-}
-
-void addReply(Seeds& seeds, const RecordedEntry& recorded) {
-  const Json& entry = recorded.entry;
-  std::string whole;
-  if (const auto exception = entry.find("exception"); exception != entry.end()) {
-    const RemoteException thrown(exception->at("code"), exception->at("message"), exception->value("trace", ""));
-    whole = bytesOf([&](vesk_payload* reply) { writeException(reply, thrown); });
-  } else if (const auto reply = entry.find("reply"); reply != entry.end()) {
-    whole = bytesOf([&](vesk_payload* payload) {
-      vesk_write_i32(payload, 0);
-      recorded.method->write(payload, *reply);
-    });
-  }
-  if (entry.contains("truncatedTo")) whole.resize(std::min(whole.size(), entry.at("truncatedTo").get<std::size_t>()));
-  if (whole.empty()) return;
-
-  // Target and what it draws, by what the reply holds.
-  constexpr unsigned char kTexts = 4;
-  constexpr unsigned char kText = 3;
-  constexpr unsigned char kNumber = 0;
-  static const std::map<std::string, const char*> kRecords = {{"getDeviceInfo", "Device"},
-                                                              {"getApplicationInfo", "Packages"},
-                                                              {"getPackageInfo", "Packages"},
-                                                              {"queryBroadcastReceivers", "Components"},
-                                                              {"getRunningAppProcessesInfo", "Processes"},
-                                                              {"getLaunchIntentForPackage", "Intent"}};
-  constexpr std::size_t kExceptionBytes = 4;
-  const std::string result = whole.size() > kExceptionBytes ? whole.substr(kExceptionBytes) : "";
-  if (entry.contains("exception") || recorded.method->write == writeText) seeds.add("ReplyFrame", whole);
-  if (entry.contains("exception") || result.empty()) return;
-  const auto write = recorded.method->write;
-  if (const auto record = kRecords.find(recorded.method->name); record != kRecords.end()) {
-    seeds.add(record->second, result);
-  } else if (write == writeText) {
-    seeds.add("Primitives", result, {1, kText});
-  } else if (write == writeTexts) {
-    seeds.add("Primitives", result, {1, kTexts});
-  } else if (write == writeFlag || write == writeInt32) {
-    seeds.add("Primitives", result, {1, kNumber});
-  }
-}
-
-void addNotification(Seeds& seeds, const RecordedEntry& recorded) {
-  const CallbackMethod& method = *recorded.callback;
-  const Json& arguments = recorded.entry.at("arguments");
-  const std::string bytes = bytesOf([&](vesk_payload* payload) { method.write(payload, arguments); });
-  const std::string message = bytesOf([&](vesk_payload* payload) {
-    if (!method.descriptor.empty()) writeHeader(payload, method.descriptor);
-    method.write(payload, arguments);
-  });
-  // In the order in which the target knows the endpoints.
-  static const std::map<std::string, unsigned char> kEndpoints = {{"settingChanged", 0},   {"broadcast", 1},
-                                                                  {"networkAvailable", 2}, {"networkLost", 2},
-                                                                  {"directive", 3},        {"eventResult", 4}};
-  seeds.add("Endpoints", message,
-            {kEndpoints.at(method.name), static_cast<unsigned char>(method.answered ? 1 : 0),
-             static_cast<unsigned char>(method.code), 0});
-  if (method.name == "broadcast") seeds.add("Intent", bytes);
-  if (method.name == "directive" || method.name == "eventResult") seeds.add("Assistant", bytes);
-  if (method.name == "broadcast" && arguments.contains("extras")) {
-    seeds.add("Bundles", bytesOf([&](vesk_payload* payload) { writeExtras(payload, arguments.at("extras")); }));
-  }
-}
-
 }  // namespace
 
 Json scenarioOf(const Recording& recording) {
@@ -303,18 +201,6 @@ Json scenarioOf(const Recording& recording) {
     }
   }
   return complete(scenarioShape(), scenario);
-}
-
-std::size_t writeSeeds(const Recording& recording, const std::filesystem::path& folder) {
-  Seeds seeds(folder);
-  for (const RecordedEntry& recorded : recording.entries) {
-    if (recorded.callback == nullptr) {
-      addReply(seeds, recorded);
-    } else {
-      addNotification(seeds, recorded);
-    }
-  }
-  return seeds.count();
 }
 
 }  // namespace orvel::sim

@@ -1,7 +1,5 @@
-// Turns a recording into a scenario or into fuzz seeds.
+// Turns a recording into a scenario.
 #pragma once
-
-#include <filesystem>
 
 #include "device/Recording.h"
 #include "device/Wire.h"
@@ -12,9 +10,5 @@ namespace orvel::sim {
 // default. Exceptions and other failures are left out. Throws ScenarioError for what no scenario can say, and
 // RecordingError for a reply that does not fit its request.
 Json scenarioOf(const Recording& recording);
-
-// Writes what the services sent as inputs of the fuzz targets that read it, into a folder for each target; gives their
-// number. The same bytes are written once. Throws std::runtime_error.
-std::size_t writeSeeds(const Recording& recording, const std::filesystem::path& folder);
 
 }  // namespace orvel::sim

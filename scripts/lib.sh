@@ -43,7 +43,7 @@ quietly() {
 find_missing() {
   local package
   missing=()
-  command -v dpkg-query >/dev/null || die "this is no Debian system; install what matches these Debian packages: $*"
+  command -v dpkg-query >/dev/null || die "this is not a Debian system; install what matches these Debian packages: $*"
   for package; do
     # Several versions or architectures of one package are several lines.
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
@@ -78,9 +78,9 @@ install_missing() {
 
 # Configures one preset of CMakePresets.json in build/<preset>.
 configure_preset() {
-  local log=$root/build/$1/build.log cache=()
+  local log=$root/build/$1/build.log cache=("-DORVEL_UNITY=${ORVEL_UNITY-OFF}")
   rm -f "$log"
-  command -v ccache >/dev/null && cache=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  command -v ccache >/dev/null && cache+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   quietly "configuring ($1)" "$log" cmake --preset "$1" "${cache[@]}"
 }
 
@@ -90,7 +90,8 @@ build_preset() {
   shift
   say "building ($preset) in build/$preset"
   configure_preset "$preset"
-  quietly "the build ($preset)" "$root/build/$preset/build.log" cmake --build "build/$preset" -j "$jobs" ${1:+--target "$@"}
+  quietly "the build ($preset)" "$root/build/$preset/build.log" \
+    cmake --build "build/$preset" -j "$jobs" ${1:+--target "$@"}
 }
 
 # Runs the tests of a built preset; further arguments go to ctest.
@@ -98,6 +99,7 @@ run_tests() {
   local preset=$1
   shift
   say "running the tests ($preset)"
-  ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$jobs" "$@" </dev/null | sed '/^ *Start /d' ||
+  ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$jobs" "$@" </dev/null |
+    sed '/^ *Start /d' ||
     die "tests failed; one alone runs with: ctest --test-dir build/$preset --output-on-failure -R NAME"
 }

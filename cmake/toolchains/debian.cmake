@@ -1,5 +1,5 @@
-# A cross build with Debian's compilers, run under an emulator. Foreign libraries come from build/sysroot-<architecture>, which
-# scripts/cross fills; the C and C++ libraries are the cross compiler's own.
+# A cross build with Debian's compilers, run under an emulator. Foreign libraries come from
+# build/sysroot-<architecture>, which scripts/cross fills; the C and C++ libraries are the cross compiler's own.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${orvel_triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${orvel_triplet}-g++)
@@ -12,8 +12,10 @@ foreach(kind LIBRARY INCLUDE PACKAGE)
   set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ONLY)
 endforeach()
 
-# Android's libraries need others of the same architecture, in folders that neither the linker nor the loader searches by itself.
-set(orvel_folders ${orvel_sysroot}/usr/lib/${orvel_triplet}/android ${orvel_sysroot}/usr/lib/${orvel_triplet} ${orvel_sysroot}/usr/lib/p7zip)
+# Android's libraries need others of the same architecture, in folders that neither the linker nor the loader searches
+# by itself.
+set(orvel_libraries ${orvel_sysroot}/usr/lib/${orvel_triplet})
+set(orvel_folders ${orvel_libraries}/android ${orvel_libraries} ${orvel_sysroot}/usr/lib/p7zip)
 list(JOIN orvel_folders : orvel_folders)
 foreach(kind EXE SHARED)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT -Wl,-rpath-link,${orvel_folders})

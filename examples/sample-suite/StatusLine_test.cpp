@@ -37,7 +37,7 @@ TEST_F(StatusLineTest, SubscribesOnceAgainWhenTheServiceIsBack) {
   ASSERT_TRUE(m_line.start());
   const auto before = m_device.registrations().size();
   m_device.kill("delegate");
-  m_device.set("name", "Living room");  // nobody hears of it
+  m_device.set("name", "Living room");  // while the service is dead, the program is not told
   m_device.restart("delegate");
   m_device.settle();
   EXPECT_GE(m_device.elapsed(), 6s) << "the client lets a service come to itself";

@@ -16,12 +16,12 @@ struct ORVEL_API ComponentName {
   std::string package_name;  ///< the application's package
   std::string class_name;    ///< the class, with its own package
 
-  /// Whether it names a component: both parts are there.
+  /// True when it names a component: both parts are there.
   bool good() const;
 
-  /// The wire format, for the library's own use. An empty package ends what is read, since no class follows it there.
+  /// The wire format, for the library's own use. read() stops at an empty package, which no class follows on the wire.
   static ComponentName read(vesk_buffer* buffer);
-  /// False when something could not be written.
+  /// True when everything was written.
   bool write(vesk_payload* payload) const;
 };
 

@@ -5,5 +5,5 @@
 /// Marks what the shared library exports.
 #define ORVEL_API __attribute__((visibility("default")))
 
-/// Marks what it keeps to itself of a class that it exports.
+/// Marks the private parts of an exported class, which the library does not export.
 #define ORVEL_LOCAL __attribute__((visibility("hidden")))

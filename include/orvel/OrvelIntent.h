@@ -1,5 +1,5 @@
 /// @file
-/// Messages that say what is to be done or what has happened.
+/// Messages that say what a receiver is to do or what has happened.
 #pragma once
 
 #include <string>
@@ -14,10 +14,10 @@ struct vesk_payload;
 
 namespace orvel::service_apis {
 
-/// An intent: sent to start a component or to tell everybody who listens, received with a broadcast. A plain value; the
-/// members stand in wire order. Text ends at its first NUL on the wire. Threads: any, one at a time.
+/// An intent: sent to start a component or to be broadcast to all receivers, received with a broadcast. A plain value;
+/// the members stand in wire order. Text ends at its first NUL on the wire. Threads: any, one at a time.
 struct ORVEL_API OrvelIntent {
-  std::string action;                   ///< what is to be done or has happened: "android.intent.action.SCREEN_ON"
+  std::string action;                   ///< what to do, or what has happened: "android.intent.action.SCREEN_ON"
   std::string data;                     ///< what it is about, a URI as a rule: "package:com.example.app"
   std::string text3;                    ///< passed through; only the receiving service gives it a meaning
   std::string package;                  ///< the package that it is limited to; empty for none
@@ -26,10 +26,10 @@ struct ORVEL_API OrvelIntent {
   std::vector<std::string> categories;  ///< what kind of component may take it
   int flags = 0;                        ///< the platform's, passed on as they are
 
-  /// The wire format, for the library's own use. Intents arrive without categories and flags, so read() leaves those
-  /// empty and 0; it keeps what came before the end of the buffer.
+  /// The wire format, for the library's own use. read() returns what came before the end of the buffer; intents arrive
+  /// without categories and flags, which are empty and 0.
   static OrvelIntent read(vesk_buffer* buffer);
-  /// False when something could not be written.
+  /// True when everything was written.
   bool write(vesk_payload* payload) const;
 };
 

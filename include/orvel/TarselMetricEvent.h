@@ -36,7 +36,7 @@ struct ORVEL_API TarselPredefined {
     kTimeZone = 14,                   ///< "_TimeZone"
   };
 
-  /// The key under which an event holds the fact, "_SoftwareVersion" for the first; empty for any other number.
+  /// The key under which an event holds the fact, "_SoftwareVersion" for the first; empty for an unknown number.
   static std::string fromInteger(Type type);
 };
 
@@ -53,24 +53,24 @@ struct ORVEL_API TarselMetricEventFieldValue {
     kUnset = 255,     ///< no value; an event with one cannot be sent
   };
 
-  std::uint8_t kind = kString;  ///< a Kind; the member that it goes with counts
+  std::uint8_t kind = kString;  ///< a Kind, which says which of the other members counts
   std::string stringValue;      ///< of kString
   long long longValue = 0;      ///< of kLong, and of kTimestamp
   double doubleValue = 0;       ///< of kDouble
   int intValue = 0;             ///< of kBoolean, 0 or 1, and of kPredefined, a TarselPredefined::Type
 
-  /// The wire format, for the library's own use. Values are only ever sent: read() gives false and leaves its target.
+  /// The wire format, for the library's own use. Values are only ever sent: read() returns false and leaves its target.
   static bool read(vesk_buffer* buffer, TarselMetricEventFieldValue& value);
-  /// False when something could not be written, for an unset value, and for a kind that there is not.
+  /// True when the value was written; false on failure, for an unset value and for an undefined kind.
   bool write(vesk_payload* payload) const;
 };
 
 /// An event for the device's metrics: two texts that say what it is about, and named values. Adding a value under a key
-/// that is there already replaces the old one, whatever its kind. Text ends at its first NUL on the wire. Threads: any,
-/// one at a time.
+/// that is there already replaces the old one, even one of another kind. Text ends at its first NUL on the wire.
+/// Threads: any, one at a time.
 struct ORVEL_API TarselMetricEvent {
-  std::string header1;  ///< what the two name is between caller and metrics service
-  std::string header2;  ///< the second of them
+  std::string header1;  ///< caller and metrics service agree on its meaning
+  std::string header2;  ///< likewise
   std::map<std::string, std::unique_ptr<TarselMetricEventFieldValue>> fields;  ///< sent in the order of the keys' bytes
 
   /// Always true. The text is moved out of `value`, which is empty afterwards.
@@ -82,18 +82,19 @@ struct ORVEL_API TarselMetricEvent {
   /// Always true.
   bool addDoubleEvent(const std::string& key, double value);
 
-  /// Always true. The unit is between caller and metrics service; milliseconds since 1970 as a rule.
+  /// Always true. Caller and metrics service agree on the unit; milliseconds since 1970 as a rule.
   bool addTimestampEvent(const std::string& key, long long value);
 
   /// Always true.
   bool addBooleanEvent(const std::string& key, bool value);
 
-  /// Names a fact about the device, under its own key. False, and nothing changed, for a number that there is not.
+  /// True when the event names the fact about the device, under the fact's own key; false, and nothing changed, for an
+  /// unknown number.
   bool addPredefinedEvent(TarselPredefined::Type type);
 
-  /// The wire format, for the library's own use. Events are only ever sent: read() gives false and leaves its target.
+  /// The wire format, for the library's own use. Events are only ever sent: read() returns false and leaves its target.
   static bool read(vesk_buffer* buffer, TarselMetricEvent& event);
-  /// False when something could not be written; the payload then holds a part of the event.
+  /// True when everything was written; otherwise the payload holds a part of the event.
   bool write(vesk_payload* payload) const;
 };
 

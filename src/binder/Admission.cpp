@@ -16,7 +16,7 @@ struct Gate {
   int closed ORVEL_GUARDED_BY(mutex) = 0;
 };
 
-// Never destroyed: the client's destructor, an exit handler, closes it.
+// Never destroyed: the client's destructor, which runs as an exit handler, closes it.
 Gate& gate() {
   static Gate& instance = *new Gate;
   return instance;
@@ -32,7 +32,8 @@ bool enter() {
 
 }  // namespace
 
-// Refused from the Interrupt on, which a shutdown makes before it closes the gate, so that a waiter is told one thing only.
+// A shutdown makes its Interrupt before it closes the gate. Operations are refused from the Interrupt on, so that a
+// thread whose sleep was interrupted is never admitted afterwards.
 Admission::Admission() : m_granted(!waiting::interrupted() && enter()) {}
 
 Admission::~Admission() {
@@ -48,7 +49,7 @@ Admission::Closed::Closed() {
   ++state.closed;
   std::unique_lock<std::mutex> waiting(state.mutex, std::adopt_lock);
   while (state.admitted > 0) state.left.wait(waiting);
-  waiting.release();  // the guard's again
+  waiting.release();  // `lock` owns the mutex again
 }
 
 Admission::Closed::~Closed() {

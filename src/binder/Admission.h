@@ -1,4 +1,4 @@
-// Keeps the library from asking libvesk for what a shutdown has just ended: binds, and published names.
+// Keeps the library from binding a service or publishing a name once a shutdown has begun.
 #pragma once
 
 #include <optional>
@@ -7,8 +7,8 @@
 
 namespace orvel::service_apis {
 
-// The right to one such operation of libvesk, for as long as it takes. The state is the process's and lives as long as it
-// does. Threads: any.
+// The right to one such operation of libvesk, for as long as it takes. The state belongs to the process and lives as
+// long as it does. Threads: any.
 class Admission {
  public:
   Admission();
@@ -16,10 +16,10 @@ class Admission {
   Admission(const Admission&) = delete;
   Admission& operator=(const Admission&) = delete;
 
-  // False once a shutdown has begun: the operation must not.
+  // True when the operation may run; false once a shutdown has begun.
   explicit operator bool() const { return m_granted; }
 
-  // From its construction on, which waits for the operations in progress, none is admitted as long as it exists.
+  // As long as one exists, no operation is admitted. Its construction waits for the operations in progress.
   class Closed {
    public:
     Closed();
@@ -29,11 +29,11 @@ class Admission {
   };
 
  private:
-  const Disposal m_disposal;  // of the endpoint that libvesk drops for one published in its place
+  const Disposal m_disposal;  // of the endpoint that libvesk drops when another one is published under its name
   const bool m_granted;
 };
 
-// What such an operation gives; empty, and not run, once a shutdown has begun.
+// Runs such an operation and returns its result; empty, without running it, once a shutdown has begun.
 template <typename Operation>
 std::optional<int> run_unless_shut_down(const Operation& operation) {
   const Admission admission;

@@ -23,10 +23,10 @@ constexpr std::chrono::seconds kFirstRetryDelay{2};
 constexpr std::chrono::seconds kMaxRetryDelay{60};
 constexpr std::chrono::seconds kPauseAfterDeath{6};
 
-// The three words in front of every request; only the services give them a meaning.
+// The three words in front of every request, which have a meaning to the services only.
 constexpr std::int32_t kRequestHeader[] = {0, -1, 0x53595354 /* "SYST" */};
 
-constexpr char kCall[] = "call";  // what log lines name, whichever form of it runs
+constexpr char kCall[] = "call";  // what the log lines of a transaction begin with
 
 long long seconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
@@ -46,7 +46,7 @@ Binder::Binder(void* runtime, const char* service_name, bool is_android_service,
 Binder::~Binder() {
   free_messages();
   if (m_handle) vesk_service_unbind(m_runtime, m_handle->get());
-  m_handle.reset();  // Unlinks the death listener, which uses the rest.
+  m_handle.reset();  // Here and not by its own destructor: the death listener that it unlinks uses the other members.
 }
 
 std::unique_ptr<vesk::IpcHandle> Binder::look_up() const {
@@ -76,7 +76,7 @@ bool Binder::bind_to_service() {
     return false;
   }
 
-  // No notice comes before m_handle is there: this is the run-loop thread, or that has not been started yet.
+  // No death notice comes before m_handle is set: this is the run-loop thread, or that thread has not been started yet.
   if (!handle->set_death_listener([this] { on_binder_died(); })) {
     s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
     return false;
@@ -91,7 +91,7 @@ bool Binder::bind_to_service() {
 void Binder::on_binder_died() {
   const char* const name = m_service_name.c_str();
   {
-    std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: releasing calls out.
+    std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: its destructor calls libvesk.
     const std::lock_guard<std::mutex> lock(m_mutex);
     dead = std::move(m_handle);
     s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);
@@ -104,23 +104,25 @@ void Binder::on_binder_died() {
   s_binder_logger.i("%s:Death callback completed", __func__);
 }
 
-vesk_buffer* Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  return call_locked(descriptor, code, writer);
+Binder::Reply Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
+  if (std::optional<Reply> reply = call_if_bound(descriptor, code, writer)) return *std::move(reply);
+  s_binder_logger.e("%s:Binder is not initialized", __func__);
+  return {};
 }
 
-std::optional<vesk_buffer*> Binder::call_on(Connection only, const char* descriptor, unsigned int code,
-                                            const RequestWriter& writer) {
+std::optional<Binder::Reply> Binder::call_if_bound(const char* descriptor, unsigned int code,
+                                                   const RequestWriter& writer, Connection required_connection) {
+  Reply reply(m_transaction);
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (only != m_connection) return std::nullopt;
-  return call_locked(descriptor, code, writer);
+  if (!m_handle) return std::nullopt;
+  if (required_connection != kNoConnection && required_connection != m_connection) return std::nullopt;
+  reply.m_binder = this;  // Before the call: what a writer throws leaves a request behind.
+  reply.m_buffer = send(descriptor, code, writer);
+  if (reply.m_buffer) reply.m_connection = m_connection;
+  return reply;
 }
 
-vesk_buffer* Binder::call_locked(const char* descriptor, unsigned int code, const RequestWriter& writer) {
-  if (!m_handle) {
-    s_binder_logger.e("%s:Binder is not initialized", kCall);
-    return nullptr;
-  }
+vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const RequestWriter& writer) {
   m_payload = vesk_payload_alloc();
   if (!m_payload) {
     s_binder_logger.e("%s:Failed to alloc payload", kCall);
@@ -136,9 +138,9 @@ vesk_buffer* Binder::call_locked(const char* descriptor, unsigned int code, cons
     return nullptr;
   }
   String::write(m_payload, descriptor);
-  const bool whole = writer(m_payload);
+  const bool complete = writer(m_payload);
   const int write_error = vesk_payload_last_error(m_payload);
-  if (!whole || write_error != 0) {
+  if (!complete || write_error != 0) {
     s_binder_logger.e("%s:Serialize payload failed with error %d", kCall, write_error != 0 ? write_error : -EINVAL);
     return nullptr;
   }

@@ -19,8 +19,8 @@
 
 namespace orvel::service_apis {
 
-// Writes the arguments of a transaction behind the header and the descriptor. Made of any callable that takes the payload; one
-// that returns a bool says with false that the request is not whole and must not be sent.
+// Writes the arguments of a transaction behind the header and the descriptor. Made of any callable that takes the
+// payload; one that returns a bool says with false that the request is incomplete and must not be sent.
 class RequestWriter {
  public:
   RequestWriter() = default;  // empty: throws std::bad_function_call when it is called
@@ -59,10 +59,12 @@ constexpr Connection kNoConnection = 0;
 //   idle --call()--> reply held --done()--> idle
 //
 // Threads: construction and destruction on the caller's, the rebind on the run-loop thread, everything else on any.
-// Locks, in order: m_transaction, from before a call until its reply has been read (ReplyScope); m_mutex, across call()
+// Locks, in order: m_transaction, from before a call until its reply has been read (Reply); m_mutex, across the call
 // and briefly elsewhere. No lock is held while waiting, so that calls made during a rebind fail at once.
 class Binder {
  public:
+  class Reply;
+
   // Blocks until the service is bound or given up. `runtime` is borrowed. With `is_android_service` the service is
   // looked up in the Android service manager. `reconnect_callback` runs on the run-loop thread after each successful
   // rebind.
@@ -74,21 +76,24 @@ class Binder {
   Binder(const Binder&) = delete;
   Binder& operator=(const Binder&) = delete;
 
-  // Tries until the service is bound with a death listener (true), 300 s have passed or a shutdown interrupts (false).
+  // True when the service is bound with a death listener; false when it cannot be watched, when 300 s have passed, and
+  // when a shutdown interrupts.
   bool bind_to_service() ORVEL_EXCLUDES(m_mutex);
 
   // Binds the service again, after a pause. Run-loop thread.
   void on_binder_died() ORVEL_EXCLUDES(m_mutex);
 
-  // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`. The reply, behind its
-  // exception code, belongs to the Binder until done(); null on any failure, which is logged, and for a remote
-  // exception. Deliberately, a call that follows one without done() leaves the earlier request and reply allocated.
-  [[nodiscard]] vesk_buffer* call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
+  // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`, and returns the reply, which
+  // is null on any failure and for a remote exception. Each of these is logged, an unbound service too.
+  [[nodiscard]] Reply call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
       ORVEL_EXCLUDES(m_mutex);
 
-  // The same on one connection only: empty, with nothing sent and nothing logged, when it is not the newest one any more.
-  [[nodiscard]] std::optional<vesk_buffer*> call_on(Connection only, const char* descriptor, unsigned int code,
-                                                    const RequestWriter& writer) ORVEL_EXCLUDES(m_mutex);
+  // The same for callers that say themselves what an unbound service means: empty, with nothing sent and nothing
+  // logged, when the service is not bound, or not by `required_connection` (kNoConnection: any will do).
+  [[nodiscard]] std::optional<Reply> call_if_bound(const char* descriptor, unsigned int code,
+                                                   const RequestWriter& writer,
+                                                   Connection required_connection = kNoConnection)
+      ORVEL_EXCLUDES(m_mutex);
 
   // Frees the request and the reply, those of a failed call too. May be called again.
   void done() ORVEL_EXCLUDES(m_mutex);
@@ -96,8 +101,7 @@ class Binder {
   // Whether the service is bound.
   [[nodiscard]] bool good() ORVEL_EXCLUDES(m_mutex);
 
-  // The newest connection, dead ones included. Inside a RequestWriter it is the one that carries the request. Takes no
-  // lock.
+  // The newest connection, dead ones included. Takes no lock.
   [[nodiscard]] Connection connection() const { return m_connection; }
 
   // Begins a request; false only for a null payload, other failures stick to the payload.
@@ -107,11 +111,8 @@ class Binder {
   static bool exceptionOccurred(vesk_buffer* buffer);
 
  private:
-  friend class ReplyScope;
-
   std::unique_ptr<vesk::IpcHandle> look_up() const;
-  vesk_buffer* call_locked(const char* descriptor, unsigned int code, const RequestWriter& writer)
-      ORVEL_REQUIRES(m_mutex);
+  vesk_buffer* send(const char* descriptor, unsigned int code, const RequestWriter& writer) ORVEL_REQUIRES(m_mutex);
   void free_messages() ORVEL_REQUIRES(m_mutex);
 
   std::mutex m_transaction;
@@ -120,33 +121,47 @@ class Binder {
   const std::string m_service_name;
   const bool m_is_android_service;
   std::unique_ptr<vesk::IpcHandle> m_handle ORVEL_GUARDED_BY(m_mutex);  // null while unbound
-  // Plain pointers, not owners: a call overwrites what nobody finished.
+  // Plain pointers, not owners: deliberately, a call overwrites a pair that was kept and leaves it allocated.
   vesk_payload* m_payload ORVEL_GUARDED_BY(m_mutex) = nullptr;
   vesk_buffer* m_buffer ORVEL_GUARDED_BY(m_mutex) = nullptr;
   std::atomic<Connection> m_connection{kNoConnection};  // changes under m_mutex
   const std::function<void()> m_reconnect_callback;
 };
 
-// Makes this thread the only one with a transaction on the Binder, from before its call() until the end of the scope,
-// which ends the transaction. Without it another thread's done() would free the reply that this one reads.
-class ReplyScope {
+// The reply of one transaction, which ends with it. Until then its thread is the only one with a transaction on the
+// Binder, because the done() of another thread would free the reply. A thread holds one of each Binder at a time.
+class Binder::Reply {
  public:
-  explicit ReplyScope(Binder& binder) : m_binder(binder), m_lock(binder.m_transaction) {}
-  ~ReplyScope() {
-    if (!m_kept) m_binder.done();
+  Reply(Reply&& other) noexcept
+      : m_disposal(other.m_disposal),
+        m_lock(std::move(other.m_lock)),
+        m_binder(std::exchange(other.m_binder, nullptr)),
+        m_buffer(other.m_buffer),
+        m_connection(other.m_connection) {}
+  Reply& operator=(Reply&&) = delete;
+  ~Reply() {
+    if (m_binder) m_binder->done();
   }
 
-  ReplyScope(const ReplyScope&) = delete;
-  ReplyScope& operator=(const ReplyScope&) = delete;
+  // The reply, behind its exception code; null when the call failed. Borrowed.
+  [[nodiscard]] vesk_buffer* get() const { return m_buffer; }
 
-  // Leaves the request and the reply to the Binder, whose next call() forgets them.
-  void keep() { m_kept = true; }
+  // The connection over which the service has answered; kNoConnection when the call failed.
+  [[nodiscard]] Connection connection() const { return m_connection; }
+
+  // Leaves the request and the reply to the Binder, whose next call forgets them.
+  void keep() { m_binder = nullptr; }
 
  private:
-  const Disposal m_disposal;  // of the endpoints that end with the request
-  Binder& m_binder;
-  bool m_kept = false;
-  const std::lock_guard<std::mutex> m_lock;
+  friend class Binder;
+  Reply() = default;
+  explicit Reply(std::mutex& transaction) : m_lock(transaction) {}
+
+  Disposal m_disposal;  // First: the endpoints that end with the request are disposed of when the lock is free.
+  std::unique_lock<std::mutex> m_lock;
+  Binder* m_binder = nullptr;  // whose done() is due
+  vesk_buffer* m_buffer = nullptr;
+  Connection m_connection = kNoConnection;
 };
 
 }  // namespace orvel::service_apis

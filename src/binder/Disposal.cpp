@@ -18,7 +18,7 @@ Disposal::Disposal() {
 
 Disposal::~Disposal() {
   if (--t_disposals > 0) return;
-  // What a destructor disposes of in turn goes at once: there is no Disposal any more.
+  // What a destructor disposes of in turn is destroyed at once, because no Disposal exists any more.
   Disposable* object = std::exchange(t_first, nullptr);
   while (object) delete std::exchange(object, object->m_next);
 }

@@ -1,4 +1,4 @@
-// Where the callbacks of the client's users, and what they captured, are destroyed: never under a lock of the library.
+// Destroys the callbacks of the client's users, and what they captured, under no lock of the library.
 #pragma once
 
 #include <utility>
@@ -7,7 +7,7 @@
 
 namespace orvel::service_apis {
 
-// Holds objects of a user, on the heap. The last DisposablePtr to it has it destroyed.
+// Holds objects of a user, on the heap. The last DisposablePtr to it disposes of it.
 class Disposable {
  public:
   virtual ~Disposable() = default;
@@ -19,15 +19,15 @@ class Disposable {
   Disposable* m_next = nullptr;
 };
 
-// While one exists, what its thread disposes of lives on; the outermost one destroys it when it ends. It stands in front of the
-// locks of its scope, so that they are free by then: a destructor of a user's may call every method of the client,
-// shutdown() included.
+// While one exists, what its thread disposes of lives on; the outermost one destroys it when it ends. It stands in
+// front of the locks of its scope, so that they are free by then: a destructor of a user's object may call every method
+// of the client, shutdown() included. Made, copied and destroyed on one thread; a copy is one more.
 class Disposal {
  public:
   Disposal();
-  ~Disposal();
-  Disposal(const Disposal&) = delete;
+  Disposal(const Disposal&) : Disposal() {}
   Disposal& operator=(const Disposal&) = delete;
+  ~Disposal();
 
   // Destroys `object` at the end of the thread's outermost Disposal, or at once where there is none.
   static void dispose(Disposable* object) noexcept;

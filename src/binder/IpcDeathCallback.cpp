@@ -20,7 +20,7 @@ void IpcDeathCallback::release() {
 
 void IpcDeathCallback::on_death(void*, vesk_death_callback* record, vesk_handle*) {
   IpcDeathCallback& callback = self(record);
-  // The listener drops the handle that owns this object, and with the link libvesk's reference goes too.
+  // The listener destroys the handle that owns this object, which also ends the link, and with it libvesk's reference.
   callback.acquire();
   const struct Release {
     IpcDeathCallback& callback;

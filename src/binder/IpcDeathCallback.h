@@ -1,7 +1,6 @@
 // The listener that libvesk runs when the process behind a handle dies.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 
 #include "binder/RefCount.h"
@@ -9,7 +8,7 @@
 
 namespace vesk {
 
-// On the heap, shared between the IpcHandle that made it and libvesk: the reference that brings the count back to 0
+// On the heap, shared between the IpcHandle that made it and libvesk: the release that brings the count back to 0
 // destroys it. References change on any thread; the listener runs on the run-loop thread.
 class IpcDeathCallback {
  public:
@@ -21,7 +20,7 @@ class IpcDeathCallback {
   void acquire() { m_ref_count.acquire(); }
   void release();
 
-  // For libvesk. Valid as long as a reference is held; its address is the object's.
+  // The record that libvesk knows it by, at the same address. Valid as long as a reference is held.
   vesk_death_callback* record() { return &m_record; }
 
   static void on_death(void* runtime, vesk_death_callback* record, vesk_handle* handle);

@@ -9,8 +9,8 @@
 
 namespace vesk {
 
-// What an endpoint does with the calls that it does not serve: nothing, and 1 for "not handled". An endpoint class
-// derives from this and hides the member that it serves; the container knows the class, so nothing is virtual.
+// Answers each call with 1, "not handled". An endpoint class derives from this and hides the member for the calls that
+// it serves; the container knows the class, so nothing is virtual.
 class IpcEndpoint {
  public:
   int call(void*, unsigned int, vesk_identity*, vesk_buffer*, vesk_payload*) { return 1; }
@@ -38,7 +38,7 @@ class IpcEndpointContainer {
 
   T& get_impl() { return m_impl; }
 
-  // What vesk_write_endpoint and vesk_service_register take; its address is the container's.
+  // The record that vesk_write_endpoint and vesk_service_register take, at the container's address.
   vesk_endpoint* get_endpoint() { return &m_endpoint; }
 
   static IpcEndpointContainer* offset_to_self(vesk_endpoint* endpoint) {
@@ -99,7 +99,7 @@ class EndpointPtr {
   IpcEndpointContainer<T>* m_container = nullptr;
 };
 
-// Makes a container whose one reference is the result.
+// Returns the one reference to a new container.
 template <typename T, typename... Args>
 EndpointPtr<T> make_endpoint(Args&&... args) {
   return EndpointPtr<T>(new IpcEndpointContainer<T>(std::forward<Args>(args)...));

@@ -17,7 +17,7 @@ bool IpcHandle::set_death_listener(std::function<void()> listener) {
   if (!vesk_handle_is_valid(m_runtime, &m_handle)) return false;
 
   auto* callback = new IpcDeathCallback(std::move(listener));
-  callback->acquire();  // m_death_callback's
+  callback->acquire();  // the reference of m_death_callback
   if (m_death_callback) m_death_callback->release();
   m_death_callback = callback;
 

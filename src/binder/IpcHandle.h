@@ -8,21 +8,21 @@
 
 namespace vesk {
 
-// Holds one reference of its own on the handle, besides the one that the lookup gave. One thread at a time.
+// Holds one reference to the handle, besides the lookup's. Threads: any, one at a time.
 class IpcHandle {
  public:
-  // An invalid handle is kept as it is and never referenced.
+  // Takes the reference, unless the handle is invalid. `runtime` is borrowed.
   IpcHandle(void* runtime, vesk_handle handle);
   ~IpcHandle();
 
   IpcHandle(const IpcHandle&) = delete;
   IpcHandle& operator=(const IpcHandle&) = delete;
 
-  // Has `listener` run once on the run-loop thread when the service dies. False when the handle is invalid or cannot be
-  // linked.
+  // True when `listener` will run, once, on the run-loop thread, when the service dies; false when the handle is
+  // invalid or libvesk refuses the link.
   [[nodiscard]] bool set_death_listener(std::function<void()> listener);
 
-  // Ends the death link and the reference; the handle is invalid from then on.
+  // Ends the death link and the reference, after which the handle is invalid.
   void release();
 
   void* runtime() const { return m_runtime; }

@@ -15,7 +15,7 @@
 
 namespace orvel::service_apis {
 
-// What this thread allocates during its life is no leak to the sanitizer. Nothing at all in other builds.
+// While one exists, the leak checker ignores what its thread allocates. Does nothing in builds without the checker.
 class LeakCheckPause {
  public:
 #ifdef ORVEL_LEAK_CHECK

@@ -1,7 +1,7 @@
-// The front of the Android log: what the library says, under the tag of the module that says it.
+// Writes the library's messages to the Android log, under the tag of the module that logs.
 //
-// Every message begins with "%s:" and the name of the function that writes it, which the caller supplies. Formatting is
-// left to liblog. Threads: any; the tag does not change.
+// Every message begins with "%s:" and the name of the function that writes it, which the caller supplies; liblog
+// formats it. Threads: any; the tag does not change.
 #pragma once
 
 #include <cstdarg>
@@ -14,8 +14,8 @@ namespace orvel::service_apis {
 // 0 for a va_list.
 #define ORVEL_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
 
-// A logger of one module. Each module has one, which is never destroyed: a thread may still be inside the library while the
-// process ends. Levels: verbose, debug, info, warning, error.
+// The logger of one module, which is never destroyed: a thread may still be inside the library while the process ends.
+// Levels: verbose, debug, info, warning, error.
 class OrvelLogger {
  public:
   // The Android tag is "OrvelDelegateClient:" and `tag`.
@@ -39,7 +39,7 @@ class OrvelLogger {
   void w_va(const char* format, va_list arguments) const ORVEL_PRINTF(2, 0);
   void e_va(const char* format, va_list arguments) const ORVEL_PRINTF(2, 0);
 
-  // "message: what()".
+  // Write "message: what()".
   void v(const std::string& message, const std::exception& error) const;
   void d(const std::string& message, const std::exception& error) const;
   void i(const std::string& message, const std::exception& error) const;

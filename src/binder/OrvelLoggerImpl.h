@@ -1,4 +1,4 @@
-// The back end of OrvelLogger: each level with its Android log priority.
+// Hands the messages of OrvelLogger to liblog, each level with its Android priority.
 #pragma once
 
 #include <cstdarg>

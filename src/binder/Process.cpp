@@ -9,7 +9,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// A new thread has the mask of the one that makes it.
+// A new thread has the signal mask of the thread that makes it.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -26,7 +26,7 @@ class SignalsBlocked {
   sigset_t m_before{};
 };
 
-// Atomic and under no lock, because nobody could unlock it in the child.
+// Atomic and under no lock: no thread of the child could unlock it.
 std::atomic<bool> g_client_running{false};
 std::atomic<bool> g_forked{false};
 
@@ -46,7 +46,7 @@ std::thread start_library_thread(const char* name, std::function<void()> body) {
 
 void set_client_running(bool running) {
   static const int registered = pthread_atfork(nullptr, nullptr, note_fork);
-  static_cast<void>(registered);  // without memory for it, a child is as it would be without the handler
+  static_cast<void>(registered);  // Without memory for the handler, a child goes undetected.
   g_client_running = running;
 }
 

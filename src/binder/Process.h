@@ -1,4 +1,4 @@
-// What the library asks of its process: threads that take no signals, and word of forks.
+// Threads that take no signals, and the detection of forks.
 #pragma once
 
 #include <functional>
@@ -6,16 +6,16 @@
 
 namespace orvel::service_apis {
 
-// Runs `body` on a new thread called `name` (a literal of at most 15 characters), to which the process's signals are not
-// delivered: a program that waits for SIGTERM by signalfd would die of one, and a handler would run beside callbacks. What a
-// fault of the thread itself raises, such as SIGSEGV, is not blocked, because the kernel would then end the process without the
-// crash reporter's handler. Throws std::system_error.
+// Returns a new thread called `name` (a literal of at most 15 characters) that runs `body`. The process's signals are
+// not delivered to it: a program that waits for SIGTERM by signalfd would die of one, and a handler would run beside
+// callbacks. Signals that a fault of the thread itself raises, such as SIGSEGV, are not blocked, because the kernel
+// would then end the process without the crash reporter's handler. Throws std::system_error.
 std::thread start_library_thread(const char* name, std::function<void()> body);
 
-// Says whether a client is initialised: a fork meanwhile leaves its threads, and the locks that they hold, behind.
+// Tells whether a client is initialised. The child of a fork has its locks, but not the threads that hold them.
 void set_client_running(bool running);
 
-// Whether this process was forked from one in which a client was initialised.
+// True when this process was forked from one in which a client was initialised.
 bool in_forked_child();
 
 }  // namespace orvel::service_apis

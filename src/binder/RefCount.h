@@ -6,13 +6,13 @@
 
 namespace vesk {
 
-// Starts at 0: whoever makes the object takes the first reference. Threads: any.
+// Starts at 0: the maker of the object takes the first reference. Threads: any.
 class RefCount {
  public:
   void acquire() { m_count.fetch_add(1, std::memory_order_relaxed); }
 
-  // True for the one caller that dropped the last reference, who then destroys the object and sees all that the others
-  // did to it.
+  // True for the caller that dropped the last reference: it destroys the object, and sees all that other threads did to
+  // it before they dropped theirs.
   [[nodiscard]] bool release() { return m_count.fetch_sub(1, std::memory_order_acq_rel) == 1; }
 
   std::int32_t get() const { return m_count.load(std::memory_order_relaxed); }

@@ -16,19 +16,19 @@ namespace {
 constexpr int kReadinessPolls = 10;
 constexpr std::chrono::seconds kReadinessPollInterval{2};
 
-// What a bind that has not ended yet knows.
+// What a wait for a bind has learnt so far.
 struct ServiceBindContext {
   vesk_handle handle{};
   bool ready = false;
 };
 
-// The binds in progress, by number. libvesk may call back long after the waiter gave up, so what it gets as its context
-// is a number to look up here and not the address of something that ends with the wait.
-class PendingBinds {
+// The binds for whose handle a thread waits, by number. libvesk may call back long after that thread gave up, so its
+// context is a number to look up here and not the address of something that ends with the wait.
+class AwaitedBinds {
  public:
   // Never destroyed: a late callback may come as long as the process lives.
-  static PendingBinds& instance() {
-    static PendingBinds& binds = *new PendingBinds;
+  static AwaitedBinds& instance() {
+    static AwaitedBinds& binds = *new AwaitedBinds;
     return binds;
   }
 
@@ -39,8 +39,8 @@ class PendingBinds {
     return reinterpret_cast<void*>(number);  // NOLINT(performance-no-int-to-ptr): never dereferenced
   }
 
-  // Does nothing when the wait is over, or another callback was first. The handle stays bound then: unbinding may be per
-  // service, and would cut the connection that a later attempt made.
+  // Does nothing when the wait is over, or another callback was first. The handle then stays bound: libvesk may unbind
+  // the service instead of the handle, and cut the connection that a later attempt made.
   void deliver(void* context, vesk_handle handle) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto bind = m_binds.find(reinterpret_cast<std::uintptr_t>(context));
@@ -53,7 +53,7 @@ class PendingBinds {
     return m_binds.at(reinterpret_cast<std::uintptr_t>(context)).ready;
   }
 
-  // Ends the wait. The handle, if it has come.
+  // Ends the wait. Returns the handle if it has come.
   std::optional<vesk_handle> close(void* context) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto bind = m_binds.extract(reinterpret_cast<std::uintptr_t>(context));
@@ -62,7 +62,7 @@ class PendingBinds {
   }
 
  private:
-  PendingBinds() = default;
+  AwaitedBinds() = default;
 
   mutable std::mutex m_mutex;
   std::uintptr_t m_last_number ORVEL_GUARDED_BY(m_mutex) = 0;
@@ -73,11 +73,11 @@ class PendingBinds {
 
 void service_bind_callback(void* /*runtime*/, void* context, const char* name, vesk_handle handle) {
   s_binder_logger.i("%s:Received service_bind_callback from: %s", __func__, name);
-  PendingBinds::instance().deliver(context, handle);
+  AwaitedBinds::instance().deliver(context, handle);
 }
 
 std::unique_ptr<vesk::IpcHandle> bind_to_orvel_service(void* runtime, const char* name) {
-  PendingBinds& binds = PendingBinds::instance();
+  AwaitedBinds& binds = AwaitedBinds::instance();
   void* const context = binds.open();
   const std::optional<int> error =
       run_unless_shut_down([&] { return vesk_service_bind(runtime, name, &service_bind_callback, context); });

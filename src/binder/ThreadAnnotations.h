@@ -1,5 +1,5 @@
-// What Clang's thread-safety analysis is told about locks. The analysis knows std::mutex only in libc++, whose switch
-// turns these on; everywhere else they are nothing.
+// The locks, described for Clang's thread-safety analysis. The analysis knows std::mutex only in libc++, whose switch
+// turns these macros on; everywhere else they expand to nothing.
 #pragma once
 
 #if defined(__clang__) && defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)

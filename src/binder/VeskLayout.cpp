@@ -1,5 +1,5 @@
-// What the library assumes of libvesk, from which it is built apart. The vesk/vesk.h that speaks here is the one that all of
-// the library is compiled against, on a device the device's own: where that says otherwise, the build ends here.
+// What the library assumes of libvesk, which is built apart from it. All of the library is compiled against the
+// vesk/vesk.h that is checked here, on a device against the device's own: where that differs, the build ends here.
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -11,9 +11,9 @@ namespace {
 
 constexpr std::size_t kPointer = sizeof(void*);
 
-// Passed by value to the bind callback, and returned by vesk_invalid_handle. Where it travels is up to the processor: in one
-// register of 64 bits; on 32-bit ARM to the callback half in a register and half on the stack, and back through memory.
-// Both sides agree on that when they agree on these.
+// Passed by value to the bind callback, and returned by vesk_invalid_handle. The processor's calling convention decides
+// where it travels: in one register of 64 bits; on 32-bit ARM to the callback half in a register and half on the stack,
+// and back through memory. Both sides agree on that when they agree on these.
 static_assert(std::is_same_v<decltype(vesk_handle::words), std::uint32_t[2]>);
 static_assert(std::is_trivially_copyable_v<vesk_handle> && std::is_standard_layout_v<vesk_handle>);
 static_assert(sizeof(vesk_handle) == 8 && alignof(vesk_handle) == 4);
@@ -51,7 +51,7 @@ static_assert(kDeclared<decltype(vesk_write_array_length), int(vesk_payload*, st
 static_assert(kDeclared<decltype(vesk_payload_get_position), unsigned(vesk_payload*)>);
 static_assert(kDeclared<decltype(vesk_payload_set_position), int(vesk_payload*, unsigned)>);
 
-// What the records and the public headers call these values.
+// The types of these values in the records and the public headers.
 static_assert(sizeof(int) == 4 && sizeof(long long) == 8 && sizeof(char16_t) == 2);
 static_assert(sizeof(double) == 8 && std::numeric_limits<double>::is_iec559);
 

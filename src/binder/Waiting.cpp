@@ -10,17 +10,17 @@
 namespace orvel::service_apis::waiting {
 namespace {
 
-// How many times faster than the machine's the library's clock runs. Soak builds raise it: a rebind that takes 306 s
-// then takes one or two.
+// How many times faster than the machine's clock the library's runs. Soak builds raise it: a rebind that takes 306 s
+// then takes a few.
 #ifndef ORVEL_CLOCK_SPEED
 #define ORVEL_CLOCK_SPEED 1
 #endif
 constexpr int kSpeed = ORVEL_CLOCK_SPEED;
 static_assert(kSpeed >= 1);
 
-// A condition variable whose deadlines are the steady clock's on every platform. The standard one needs pthread_cond_clockwait
-// for that, which bionic has from API level 30 on; below, it waits on the wall clock, and a wall clock that is set back
-// by an hour would make a wait an hour longer.
+// A condition variable whose deadlines are the steady clock's on every platform. The standard one needs
+// pthread_cond_clockwait for that, which bionic has from API level 30 on; below, it waits on the wall clock, and a wall
+// clock that is set back by an hour would make a wait an hour longer.
 class SteadyCondition {
  public:
   SteadyCondition() {
@@ -37,7 +37,7 @@ class SteadyCondition {
 
   void notify_all() { pthread_cond_broadcast(&m_condition); }
 
-  // Lets go of `mutex` until it is notified, or by accident; false when `deadline` has passed.
+  // True when it was notified, or woke up by accident; false when `deadline` has passed. Unlocks `mutex` meanwhile.
   [[nodiscard]] bool wait_until(std::mutex& mutex, TimePoint deadline) ORVEL_REQUIRES(mutex) {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(deadline);
     timespec until = {};
@@ -56,7 +56,7 @@ struct Interrupts {
   int count ORVEL_GUARDED_BY(mutex) = 0;
 };
 
-// Never destroyed: the client's destructor, an exit handler, interrupts waits.
+// Never destroyed: the client's destructor, which runs as an exit handler, interrupts sleeps.
 Interrupts& interrupts() {
   static Interrupts& instance = *new Interrupts;
   return instance;

@@ -1,6 +1,6 @@
 // The only place of the library that reads a clock or sleeps. Unit tests link a virtual clock in place of Waiting.cpp.
 //
-// The state is the process's and lives as long as it does, so that an exit handler may use it. Threads: any.
+// The state belongs to the process and lives as long as it does, so that an exit handler may use it. Threads: any.
 #pragma once
 
 #include <chrono>
@@ -11,14 +11,14 @@ using TimePoint = std::chrono::steady_clock::time_point;
 
 TimePoint now();
 
-// Sleeps for `duration`. False, at once, while an Interrupt exists or as soon as one is made.
+// True after a sleep of `duration`; false, at once, while an Interrupt exists or as soon as one is made.
 [[nodiscard]] bool sleep_for(std::chrono::nanoseconds duration);
 
-// Whether an Interrupt exists.
+// True while an Interrupt exists.
 [[nodiscard]] bool interrupted();
 
-// Ends every sleep, present and future, as long as it exists. Counted and not a flag: of two threads that shut the
-// client down, the one that is done first must not let the waits of the other go on.
+// Ends every sleep, present and future, as long as it exists. Counted, not a flag: of two threads that shut the client
+// down, the one that is done first must not let the sleeps go on that the other has interrupted.
 class Interrupt {
  public:
   Interrupt();

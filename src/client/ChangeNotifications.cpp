@@ -24,7 +24,7 @@ bool register_for(IDelegateService& delegate, const char* action, BroadcastCallb
   return delegate.registerForBroadcastWithDataTypeOrScheme(action, {}, {}, std::move(listener));
 }
 
-// A state that two broadcasts tell. Both registrations are attempted, whatever becomes of the first.
+// Registers for the two broadcasts that tell a state. The second is attempted even when the first fails.
 bool register_for_state(IDelegateService& delegate, const char* action_true, const char* action_false,
                         std::function<void(bool)> callback) {
   const StateCallback shared(std::move(callback));

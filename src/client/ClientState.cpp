@@ -15,9 +15,9 @@ namespace {
 
 thread_local bool t_is_run_loop = false;
 
-// As long as one exists, no wait of the library goes on, and it asks libvesk for nothing that would outlive a shutdown.
+// As long as one exists, no sleep of the library goes on, and the library binds and publishes nothing.
 struct Stopping {
-  const waiting::Interrupt interrupt;  // First: a thread that is refused must see it.
+  const waiting::Interrupt interrupt;  // First: a thread that is not admitted must find itself interrupted.
   const Admission::Closed closed;
 };
 
@@ -28,7 +28,7 @@ bool ClientState::on_run_loop_thread() {
 }
 
 void ClientState::stop_for_good() {
-  static const Stopping& for_good = *new Stopping;  // the process ends: nobody starts anything again
+  static const Stopping& for_good = *new Stopping;  // never destroyed: the process ends
   static_cast<void>(for_good);
   stop_runtime();
 }
@@ -61,7 +61,7 @@ void ClientState::stop_runtime() {
 bool ClientState::initialize() {
   if (refused(__func__)) return false;
   if (on_run_loop_thread()) {
-    // Callbacks run only while the client is initialised, at most a moment before initialize() lets go of this lock.
+    // Callbacks run only while the client is initialised or initialize() is about to let go of this lock.
     const std::lock_guard<OwnedMutex> facade(m_facade);
     s_client_logger.i("%s:Already initialized", __func__);
     return m_initialized;
@@ -98,12 +98,12 @@ bool ClientState::create(void* runtime) {
 }
 
 bool ClientState::start(void* runtime) {
-  // On an interruption and on an exception alike.
+  // Runs on an interruption and on an exception.
   struct Undo {
     ClientState* state;
     ~Undo() {
       if (!state) return;
-      state->stop_runtime();  // drops the binds that are still pending
+      state->stop_runtime();  // libvesk drops the binds that are still pending
       state->destroy_proxies();
       set_client_running(false);
     }
@@ -140,11 +140,11 @@ void ClientState::shutdown() {
   s_client_logger.i("%s:OrvelDelegateClient shutting down", __func__);
   const Disposal disposal;
   std::optional<Stopping> stopping(std::in_place);
-  stop_runtime();  // Before any lock: a call that hangs may keep initialize() waiting with m_lifecycle held.
+  stop_runtime();  // Before m_lifecycle: initialize() may hold that lock in a call that hangs.
   const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   const bool running = m_run_loop.joinable();
   if (running) {
-    stop_runtime();  // of a start that has succeeded meanwhile
+    stop_runtime();  // for an initialize() that has succeeded since the first
     m_run_loop.join();
   }
   const std::lock_guard<OwnedMutex> facade(m_facade);
@@ -154,7 +154,7 @@ void ClientState::shutdown() {
     set_client_running(false);
   }
   s_client_logger.i("%s:OrvelDelegateClient has shut down", __func__);
-  stopping.reset();  // Before m_lifecycle is free: a start that has waited for this must not be interrupted by it.
+  stopping.reset();  // Before m_lifecycle is free: this shutdown must not interrupt an initialize() that waits for it.
 }
 
 bool ClientState::isMaroConnected() {

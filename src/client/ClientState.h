@@ -1,4 +1,4 @@
-// What stands behind OrvelDelegateClient: the proxies, the run-loop thread, and the locks.
+// The proxies, the run-loop thread and the locks of OrvelDelegateClient.
 #pragma once
 
 #include <functional>
@@ -24,20 +24,21 @@
 
 namespace orvel::service_apis {
 
-// The facade's logger, for all of its sources.
+// The logger of all sources of the public class.
 extern const OrvelLogger& s_client_logger;
 
-// Methods are named after the public ones that they implement, because log lines carry the name.
+// The four methods in lowerCamel implement the public methods of their name, because log lines carry the name.
 //
-// Locks, in order: m_lifecycle, m_facade, m_runtime_mutex, then the Binder's. m_lifecycle keeps initialize() and shutdown()
-// from overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that thread. m_facade
-// makes all public methods run one at a time, remote calls included; shutdown() takes it only after the join, because a
-// callback may be waiting for it. m_runtime_mutex is held for libvesk's start and stop alone, which wait for nobody.
+// Locks, in order: m_lifecycle, m_facade, m_runtime_mutex, then the Binder's. m_lifecycle keeps initialize() and
+// shutdown() from overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that
+// thread. m_facade makes all public methods run one at a time, remote calls included; shutdown() takes it only after
+// the join, because a callback may be waiting for it. m_runtime_mutex is held for libvesk's start and stop alone,
+// neither of which waits.
 //
-// What may keep shutdown() waiting, for a lock or for the thread, ends by itself: its Interrupt ends every sleep, and
-// its vesk_shutdown, which comes before its first lock of the others, fails every call in progress.
+// Nothing blocks shutdown() for long: its Interrupt ends every sleep, and its vesk_shutdown, which it calls before it
+// takes m_lifecycle and m_facade, fails every call in progress.
 //
-// A Disposal stands in front of the locks of each method: what users captured is destroyed behind them.
+// Each method has a Disposal in front of its locks, so that what users captured is destroyed when they are free.
 class ClientState {
  public:
   bool initialize() ORVEL_EXCLUDES(m_lifecycle, m_facade);
@@ -45,8 +46,8 @@ class ClientState {
   bool isMaroConnected() ORVEL_EXCLUDES(m_facade);
   bool isNetworkConnected() ORVEL_EXCLUDES(m_facade);
 
-  // Runs `query` on the proxy, one at a time; `failure`, with an error line, while the client is not initialised, inside
-  // the connectivity callback and in the child of a fork. `method` is the public method that asks.
+  // Returns what `query` makes of the proxy; `failure`, with an error line, while the client is not initialised, inside
+  // the connectivity callback and in the child of a fork. Queries run one at a time. `method` is the public method.
   template <typename Proxy, typename Query, typename Result = std::invoke_result_t<Query, Proxy&>>
   Result ask(const char* method, Query query, Result failure = {}) ORVEL_EXCLUDES(m_facade) {
     if (refused(method)) return failure;
@@ -65,27 +66,28 @@ class ClientState {
     return ask<Proxy>(method, [&](Proxy& proxy) { return (proxy.*query)(arguments...); });
   }
 
-  // Notes whether the assistant is connected and tells `callback`, all under the facade lock. Run-loop thread.
+  // Notes whether the assistant is connected and calls `callback`, both under the facade lock. Run-loop thread.
   void maro_connectivity_changed(bool connected, const StateCallback& callback) ORVEL_EXCLUDES(m_facade);
 
-  // Whether the caller is inside a callback.
+  // True inside a callback.
   static bool on_run_loop_thread();
 
-  // Makes the run loop return after the callback that calls this, for the end of the process: nothing is bound or published
-  // any more. Run-loop thread.
+  // Makes the run loop return after the callback that calls this, because the process ends: nothing is bound or
+  // published any more. Run-loop thread.
   void stop_for_good() ORVEL_EXCLUDES(m_runtime_mutex);
 
  private:
-  // True, with an error line, inside the connectivity callback, which holds the facade lock, and in the child of a fork.
+  // True, with an error line, inside the connectivity callback, which holds the facade lock, and in the child of a
+  // fork.
   bool refused(const char* method) const;
 
-  // libvesk's runtime, from now on to be stopped once; the error that says why there is none.
+  // Returns libvesk's error, 0 on success: `runtime` is then libvesk's runtime, and stop_runtime() is due.
   int get_runtime(void** runtime) ORVEL_EXCLUDES(m_runtime_mutex);
 
   // Calls vesk_shutdown, unless another thread or an earlier call has done so.
   void stop_runtime() ORVEL_EXCLUDES(m_runtime_mutex);
 
-  // Makes the proxies and the thread; false, with nothing left of it, when a shutdown() interrupts.
+  // True when the proxies and the thread are made; false, with all of it undone, when a shutdown() interrupts.
   bool start(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
 
   template <typename Proxy>
@@ -93,8 +95,8 @@ class ClientState {
     return std::get<std::unique_ptr<Proxy>>(m_proxies);
   }
 
-  // Makes proxies in the order given, each blocking until its service is bound or given up. False as soon as
-  // interrupted.
+  // True when all proxies are made, in the order given; false as soon as a shutdown() interrupts. Each proxy blocks
+  // until its service is bound or given up.
   template <typename... Proxies>
   bool create(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
 
@@ -107,7 +109,7 @@ class ClientState {
 
   std::mutex m_runtime_mutex;
   void* m_runtime ORVEL_GUARDED_BY(m_runtime_mutex) = nullptr;
-  bool m_runtime_runs ORVEL_GUARDED_BY(m_runtime_mutex) = false;  // and has to be stopped
+  bool m_runtime_runs ORVEL_GUARDED_BY(m_runtime_mutex) = false;  // stop_runtime() is due
 
   OwnedMutex m_facade;
   bool m_initialized ORVEL_GUARDED_BY(m_facade) = false;

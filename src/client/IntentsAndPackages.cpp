@@ -1,7 +1,6 @@
 // Sending intents, and asking about packages and processes.
 #include <algorithm>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,10 +15,10 @@ namespace {
 
 using Processes = std::vector<std::unique_ptr<RunningAppProcessInfo>>;
 
-// The platform's, of what the user is looking at.
+// The platform's importance of a process that the user is looking at.
 constexpr int kForegroundImportance = 100;
 
-// Gives the delegate service the intent with `send`. False, with an error line, when there is none.
+// Returns what `send` makes of the delegate service and the intent; false, with an error line, for a null intent.
 template <typename Send>
 bool send_intent(ClientState& state, const char* method, const OrvelIntent* intent, Send send) {
   if (!intent) {
@@ -30,7 +29,7 @@ bool send_intent(ClientState& state, const char* method, const OrvelIntent* inte
                                      [&](IDelegateService& delegate) { return std::invoke(send, delegate, *intent); });
 }
 
-// `kind` says in the log what is started.
+// The same with the log line of what was started, which `kind` names.
 bool start_service(ClientState& state, const char* method, const OrvelIntent* intent, const char* kind,
                    bool (IDelegateService::*start)(const OrvelIntent&)) {
   return send_intent(state, method, intent, [=](IDelegateService& delegate, const OrvelIntent& service) {
@@ -42,7 +41,7 @@ bool start_service(ClientState& state, const char* method, const OrvelIntent* in
   });
 }
 
-// What the application's metadata hold under the key, as a value of the default's type.
+// The value under the key, of the default's type, in the application's metadata; else the default.
 template <typename Value>
 Value meta_data(ClientState& state, const char* method, const std::string& package, long long flags,
                 const std::string& key, const Value& default_value) {
@@ -56,7 +55,7 @@ Value meta_data(ClientState& state, const char* method, const std::string& packa
   return state.ask<IDelegateService>(method, query, default_value);
 }
 
-// What `version` takes from the package's record; empty without one.
+// What `version` takes from the package's record; empty without a record.
 std::string version_of(ClientState& state, const char* method, const std::string& package, long long flags,
                        std::string (*version)(PackageInfo& info)) {
   return state.ask<IDelegateService>(method, [&](IDelegateService& delegate) -> std::string {

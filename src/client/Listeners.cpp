@@ -21,8 +21,8 @@ struct EventResult {
   bool retryable;
 };
 
-// By the event service's codes; the last one stands for every code beyond it too. What nobody knows may be tried again,
-// what was refused as invalid may not.
+// By the event service's codes; the last one stands for every code beyond it too. Unknown results are retryable;
+// invalid events are not.
 constexpr std::array<EventResult, 7> kEventResults = {{
     {"SUCCESS", false},
     {"SUCCESS_NO_CONTENT", false},

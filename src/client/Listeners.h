@@ -1,5 +1,6 @@
-// What turns a raw notification into the one value that a caller of the client asked for. The copies of a listener share the
-// caller's callback and call it on the run-loop thread; an empty one throws std::bad_function_call there.
+// Function objects that turn a raw notification into the one value that a caller of the client asked for. The copies of
+// a listener share the caller's callback and call it on the run-loop thread; an empty one throws std::bad_function_call
+// there.
 #pragma once
 
 #include <functional>
@@ -28,7 +29,7 @@ class DeviceNameListener {
   SharedCallback<std::function<void(std::string)>> m_callback;
 };
 
-// For a broadcast whose action alone says what has become of a state.
+// For a broadcast whose action alone tells the new state.
 class StateListener {
  public:
   StateListener(bool state, StateCallback callback) : m_state(state), m_callback(std::move(callback)) {}
@@ -51,7 +52,7 @@ class MaroConnectivityListener {
   StateCallback m_callback;
 };
 
-// Calls back once for every broadcast, whatever it carries.
+// Calls back once for every broadcast, even for one that names no package.
 class PackageListener {
  public:
   explicit PackageListener(std::function<void(std::string, std::string)> callback) : m_callback(std::move(callback)) {}
@@ -86,7 +87,7 @@ class SettingIntListener {
 
 // ---- The voice assistant ----
 
-// Names the result of an event, and says whether the event may be sent again.
+// Tells the name of an event's result, and whether the event may be sent again.
 class EventResultListener {
  public:
   explicit EventResultListener(OrvelDelegateClient::EventResultCallback callback) : m_callback(std::move(callback)) {}
@@ -107,8 +108,9 @@ class DirectiveListener {
 
 // ---- Data of a broadcast ----
 
-// What the regular expression "package:(.*)" finds: the text behind the first "package:", up to a line break. By hand,
-// because the standard library's matching recurses for every character and would run out of stack on a long text.
+// Returns what the regular expression "package:(.*)" finds, the text behind the first "package:" up to a line break;
+// empty when it finds nothing. Written by hand, because the standard library's matching recurses for every character
+// and would run out of stack on a long text.
 std::optional<std::string> find_package(const std::string& data);
 
 }  // namespace orvel::service_apis

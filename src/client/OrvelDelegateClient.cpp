@@ -14,7 +14,7 @@ OrvelDelegateClient& OrvelDelegateClient::getClient() {
 OrvelDelegateClient::OrvelDelegateClient() : m_state(*new ClientState) {}
 
 OrvelDelegateClient::~OrvelDelegateClient() {
-  if (in_forked_child()) return;  // The client is the parent's.
+  if (in_forked_child()) return;  // the client belongs to the parent
   if (ClientState::on_run_loop_thread()) {
     // A callback called exit(). This thread cannot wait for itself, so thread and proxies stay as they are.
     m_state.stop_for_good();

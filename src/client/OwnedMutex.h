@@ -9,7 +9,7 @@
 
 namespace orvel::service_apis {
 
-// Not recursive. A thread that may already hold it asks first. Threads: any.
+// Not recursive: a thread that may hold it already asks held_by_this_thread() first. Threads: any.
 class ORVEL_CAPABILITY("mutex") OwnedMutex {
  public:
   void lock() ORVEL_ACQUIRE() {

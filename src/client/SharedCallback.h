@@ -1,4 +1,4 @@
-// The callback that a user of the client handed over.
+// The callback of a user of the client.
 #pragma once
 
 #include <functional>
@@ -8,8 +8,8 @@
 
 namespace orvel::service_apis {
 
-// Copies share one callback, which so exists once, however often its registration is made again; the last of them destroys
-// it, outside the library's locks. An empty one throws std::bad_function_call when it is called. Called on the run-loop
+// The copies share one callback, so that it exists once and keeps its state when its registration is made again. The
+// last copy disposes of it. An empty one throws std::bad_function_call when it is called. Called on the run-loop
 // thread; copied and destroyed on any.
 template <typename Function>
 class SharedCallback {

@@ -1,4 +1,4 @@
-// What the package manager knows of an application.
+// An application, as the package manager describes it.
 #pragma once
 
 #include <string>
@@ -38,7 +38,7 @@ struct ApplicationInfo {
   int appInt10 = 0;
   OrvelBundle metaData;
 
-  // False, with nothing changed, for a null buffer and an absent record.
+  // True when a record was there; false, with nothing changed, for a null buffer and an absent record.
   static bool read(vesk_buffer* buffer, ApplicationInfo& info);
 
   // The library never sends this record: writes nothing, returns false.

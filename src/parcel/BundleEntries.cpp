@@ -9,7 +9,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// Keeps the first value of a key, and nothing that the end of the buffer cut.
+// Keeps the first value of a key, unless the end of the buffer has cut it.
 template <typename Value>
 void keep(vesk_buffer* buffer, BundleMap<Value>& map, std::string key, Value value) {
   if (vesk_buffer_last_error(buffer) == 0) map.emplace(std::move(key), std::move(value));
@@ -40,7 +40,7 @@ void read_entries(vesk_buffer* buffer, int count, BundleMap<std::int32_t>& integ
       Int64::read(buffer, &value);
       keep(buffer, *longs, std::move(key), std::int64_t{value});
     } else if (tag != kNullTag) {
-      return;  // How long its value is, nobody knows.
+      return;  // The length of an unknown type's value is not on the wire, so reading stops here.
     }
   }
 }

@@ -1,4 +1,4 @@
-// What the two kinds of bundle have in common.
+// Reads and writes the entries of both kinds of bundle.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +22,9 @@ enum ValueTag : int {
 template <typename Value>
 using BundleMap = std::unordered_map<std::string, Value>;
 
-// Reads up to `count` entries, of which each map keeps those of its type; a bundle without long integers has no map for
-// them. An unknown type ends it, and so does the end of the buffer: the entry that it cuts is dropped.
+// Reads up to `count` entries into the map of their type; `longs` is null for a bundle without long integers, to which
+// they are of an unknown type. Reading ends at an unknown type, and at the end of the buffer: an entry that it cuts is
+// dropped.
 void read_entries(vesk_buffer* buffer, int count, BundleMap<std::int32_t>& integers, BundleMap<std::int64_t>* longs,
                   BundleMap<std::string>& strings);
 

@@ -1,4 +1,4 @@
-// What the delegate service tells of the device.
+// The device, as the delegate service describes it.
 #pragma once
 
 #include <string>
@@ -20,7 +20,7 @@ struct DeviceInfo {
   std::string info9;
   std::string info10;
 
-  // All empty for a null buffer and an absent record; what the buffer ends before is empty too.
+  // The record; all empty for a null buffer and an absent record. Members behind the end of the buffer are empty.
   static DeviceInfo read(vesk_buffer* buffer);
 
   // The library never sends this record: writes nothing, returns false.

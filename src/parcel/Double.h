@@ -9,8 +9,8 @@ class Double {
  public:
   Double() = delete;
 
-  // False, with nothing consumed and `out` untouched, when either pointer is null. A failed read stores what libvesk
-  // gives.
+  // True when `out` was set, by a failed read to what libvesk gives; false, with nothing consumed and `out` untouched,
+  // when either pointer is null.
   static bool read(vesk_buffer* buffer, double* out);
 
   // True while the payload has no error.

@@ -9,7 +9,7 @@ class Int32 {
  public:
   Int32() = delete;
 
-  // 0 for a null buffer; for a failed read, what libvesk gives.
+  // The integer; 0 for a null buffer, and for a failed read what libvesk gives.
   static int read(vesk_buffer* buffer);
 
   // True while the payload has no error.

@@ -8,9 +8,9 @@
 
 namespace orvel::service_apis {
 
-// Writes such a record: once into a scratch payload to learn its length, then in earnest, so that the length word is
-// never patched afterwards. `write` takes a payload and the length to announce, and returns the length that it wrote, 0
-// when a write failed. True when the two agree.
+// Writes such a record: once into a scratch payload to learn its length, then into `payload`, so that the length word
+// is never patched. True when both lengths agree; false on failure and for a null payload. `write` takes a payload and
+// the length to announce, and returns the length that it wrote, 0 when a write failed.
 template <typename Write>
 bool write_measured(vesk_payload* payload, const Write& write) {
   if (!payload) return false;
@@ -24,13 +24,13 @@ bool write_measured(vesk_payload* payload, const Write& write) {
   return written != 0 && written == length;
 }
 
-// The bytes between `start` and the position of the payload; 0 once a write has failed.
+// The number of bytes between `start` and the position of the payload; 0 once a write has failed.
 inline int written_since(vesk_payload* payload, unsigned int start) {
   return vesk_payload_last_error(payload) == 0 ? static_cast<int>(vesk_payload_get_position(payload) - start) : 0;
 }
 
-// Writes a record behind the mark that it is there and its length in bytes, the length word's own included, which is
-// filled in at the end. `write_members` gives false to break off: the length then stays 0. False for a null payload too.
+// Writes a record behind the mark that it is there and its length in bytes, which counts its own word and is filled in
+// at the end. False when `write_members` returned false, which leaves the length 0, and for a null payload.
 template <typename Write>
 bool write_patched(vesk_payload* payload, const Write& write_members) {
   if (!payload) return false;

@@ -25,7 +25,7 @@ NetworkInfo NetworkInfo::read(vesk_buffer* buffer) {
 
   s_logger.i("%s:Read network state [%s]", __func__, info.state.c_str());
   if (info.state.empty() || info.state == "<unknown>") {
-    // Nothing is emptied, whatever the text says; log readers look for it.
+    // Unlike the text says, nothing is emptied; log readers look for the text.
     s_logger.w("%s:Network state is [%s], returning empty string", __func__, info.state.c_str());
   }
   return info;

@@ -22,13 +22,13 @@ struct NetworkInfo {
   std::string name5;
   std::string name6;
 
-  // All empty for a null buffer and an absent record; what the buffer ends before is empty or 0.
+  // The record; all empty for a null buffer and an absent record. Members behind the end of the buffer are empty or 0.
   static NetworkInfo read(vesk_buffer* buffer);
 
   // The library never sends this record: writes nothing, returns false.
   static bool write(vesk_payload* payload);
 
-  // Whether the state is exactly "CONNECTED".
+  // True when the state is exactly "CONNECTED".
   bool isConnected() const;
 };
 

@@ -9,10 +9,10 @@ namespace orvel::service_apis {
 
 // The members stand in wire order.
 struct OrvelActivityInfo {
-  std::string packageName;   // that owns the component; empty: no usable package
-  std::string activityName;  // carried, not used by the library
+  std::string packageName;   // that owns the component; may be empty
+  std::string activityName;  // not used by the library
 
-  // False, with both strings empty, for a null buffer and an absent record.
+  // True when a record was there; false, with both strings empty, for a null buffer and an absent record.
   static bool read(vesk_buffer* buffer, OrvelActivityInfo& info);
 
   // The library never sends this record: writes nothing, returns false.

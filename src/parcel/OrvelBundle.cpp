@@ -10,7 +10,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// What lies behind stays unread, deliberately.
+// Deliberately, later entries stay unread.
 constexpr int kMaxEntriesRead = 30;
 
 }  // namespace
@@ -18,7 +18,7 @@ constexpr int kMaxEntriesRead = 30;
 bool OrvelBundle::read(vesk_buffer* buffer, OrvelBundle& bundle) {
   bundle = {};
   if (!buffer) return false;
-  Int32::read(buffer);  // the length, which nothing needs
+  Int32::read(buffer);  // the length, which is not used
   read_entries(buffer, std::min(Int32::read(buffer), kMaxEntriesRead), bundle.m_integers, /*longs=*/nullptr,
                bundle.m_strings);
   return true;

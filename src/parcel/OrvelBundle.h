@@ -13,10 +13,10 @@ namespace orvel::service_apis {
 // Like Bundle, without long integers, and with the same wire format in both directions.
 class OrvelBundle {
  public:
-  // False only for a null buffer. Reads at most 30 entries, whatever number is announced; an unknown type ends them.
+  // True except for a null buffer. Reads at most 30 entries, even when more are announced; an unknown type ends them.
   static bool read(vesk_buffer* buffer, OrvelBundle& bundle);
 
-  // False when something could not be written.
+  // True when everything was written.
   bool write(vesk_payload* payload) const;
 
   // As in Bundle.

@@ -12,14 +12,14 @@ OrvelIntent OrvelIntent::read(vesk_buffer* buffer) {
   OrvelIntent intent;
   const bool follows = record_follows(buffer);
   const int length = Int32::read(buffer);
-  if (!follows || length < 1) return intent;  // The length has no other use.
+  if (!follows || length < 1) return intent;  // the length has no other use
   read_members(buffer, intent.action, intent.data, intent.text3, intent.package, optional(intent.component),
                optional(intent.extras));
   return intent;
 }
 
 bool OrvelIntent::write(vesk_payload* payload) const {
-  int extras_length = 0;  // learnt while the intent is measured, so that they are not measured within each writing
+  int extras_length = 0;  // learnt in the first writing, so that the extras are not measured within each
   return write_measured(payload, [&](vesk_payload* into, int length) {
     Int32::write(into, 1);
     const unsigned int start = vesk_payload_get_position(into);  // Unlike a bundle's, the length counts itself.

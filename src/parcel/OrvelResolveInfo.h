@@ -1,4 +1,4 @@
-// What an intent resolves to.
+// The result of resolving an intent.
 #pragma once
 
 #include "parcel/OrvelActivityInfo.h"
@@ -14,8 +14,8 @@ struct OrvelResolveInfo {
   int resolveInt3 = 0;
   int resolveInt4 = 0;
 
-  // False for a null buffer and an absent record, with nothing changed, and for one without a component, whose strings
-  // are empty then; its integers stay unread.
+  // True when a record with a component was there. False for a null buffer and an absent record, with nothing changed,
+  // and for a record without a component, whose strings are then empty and whose integers stay unread.
   static bool read(vesk_buffer* buffer, OrvelResolveInfo& info);
 
   // The library never sends this record: writes nothing, returns false.

@@ -1,4 +1,4 @@
-// What the voice assistant tells a client to do.
+// An instruction of the voice assistant to a client.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace orvel::service_apis {
 
-// Seven texts, which only the assistant and the caller give a meaning.
+// Seven texts, which have a meaning to the assistant and the caller only.
 struct OrvelSimDirective {
   std::string directive1;
   std::string directive2;
@@ -17,7 +17,8 @@ struct OrvelSimDirective {
   std::string directive6;
   std::string directive7;
 
-  // No mark stands in front of the record. What the buffer ends before, all of it for a null one, is empty.
+  // The record, which has no mark in front of it. Members behind the end of the buffer are empty, all for a null
+  // buffer.
   static OrvelSimDirective read(vesk_buffer* buffer);
 
   // The library never sends this record: writes nothing, returns false.

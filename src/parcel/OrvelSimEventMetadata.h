@@ -1,4 +1,4 @@
-// What a client tells the voice assistant of an event, next to its payload.
+// The description of an event for the voice assistant, which is sent with the event's payload.
 #pragma once
 
 #include <string>
@@ -7,8 +7,7 @@
 
 namespace orvel::service_apis {
 
-// The members stand in wire order. Beyond the namespace and the name, only the caller and the assistant give them a
-// meaning.
+// The members stand in wire order. Those behind the name have a meaning to the caller and the assistant only.
 struct OrvelSimEventMetadata {
   std::string namespaceName;
   std::string name;
@@ -22,7 +21,8 @@ struct OrvelSimEventMetadata {
   // The library never receives this record: reads nothing, returns an empty one.
   static OrvelSimEventMetadata read(vesk_buffer* buffer);
 
-  // Empty texts go as null ones. False only for a null payload: a failed write shows in the payload's error alone.
+  // True except for a null payload: a failed write shows in the payload's error alone. Empty texts are written as null
+  // ones.
   bool write(vesk_payload* payload) const;
 };
 

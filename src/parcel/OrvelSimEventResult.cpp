@@ -5,7 +5,7 @@
 namespace orvel::service_apis {
 
 OrvelSimEventResult_t OrvelSimEventResult::read(vesk_buffer* buffer) {
-  // Unlike those of other records, a negative mark says that it is there.
+  // Unlike that of other records, a negative mark says that the result is there.
   if (Int32::read(buffer) == 0) return kUnknownError;
   const auto code = static_cast<std::uint32_t>(Int32::read(buffer));
   // A result that ends before its code would read as a success.

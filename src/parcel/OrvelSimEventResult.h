@@ -1,4 +1,4 @@
-// What became of an event that was sent to the voice assistant.
+// The result of an event that was sent to the voice assistant.
 #pragma once
 
 #include <cstdint>
@@ -23,10 +23,10 @@ class OrvelSimEventResult {
  public:
   OrvelSimEventResult() = delete;
 
-  // kUnknownError also for a null buffer, an absent or cut result, and a code that is not listed above.
+  // The result; kUnknownError also for a null buffer, an absent or cut result, and a code that is not listed above.
   static OrvelSimEventResult_t read(vesk_buffer* buffer);
 
-  // The library never sends results: writes nothing. True for every code but kSuccess, which callers rely on.
+  // True for every code but kSuccess, which callers rely on. The library never sends results: writes nothing.
   static bool write(vesk_payload* payload, OrvelSimEventResult_t result);
 };
 

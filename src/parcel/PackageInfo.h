@@ -1,4 +1,4 @@
-// What the package manager knows of a package.
+// A package, as the package manager describes it.
 #pragma once
 
 #include <string>
@@ -14,9 +14,10 @@ struct PackageInfo {
   std::string versionName;
   long long long1 = 0;
   long long long2 = 0;
-  ApplicationInfo applicationInfo;  // empty where the package has none
+  ApplicationInfo applicationInfo;  // empty for a package without one
 
-  // False for a null buffer and an absent record, with nothing changed but the application, which is empty then.
+  // True when a record was there; false for a null buffer and an absent record, with nothing changed but the
+  // application, which is then empty.
   static bool read(vesk_buffer* buffer, PackageInfo& info);
 
   // The library never sends this record: writes nothing, returns false.

@@ -1,4 +1,4 @@
-// What all records on the wire have in common: marks that say whether something is there, and members one after another.
+// Reads what all records on the wire have in common: marks that say whether something is there, then the members.
 #pragma once
 
 #include <string>
@@ -12,18 +12,18 @@
 
 namespace orvel::service_apis {
 
-// Reads the mark in front of a record: whether the record is there. False for a null buffer.
+// Reads the mark in front of a record. True when the record is there; false for a null buffer.
 inline bool record_follows(vesk_buffer* buffer) {
   return Int32::read(buffer) > 0;
 }
 
-// The same for a record that has, behind the mark of its place, one of its own. A place that is empty ends it.
+// The same for a record with two marks, of its place and of its own; an empty place has no second mark.
 inline bool marked_record_follows(vesk_buffer* buffer) {
   const bool place_taken = record_follows(buffer);
   return place_taken && record_follows(buffer);
 }
 
-// A member that has a mark in front of it, and is left as it is where nothing follows.
+// A member with a mark in front of it, which stays as it is when the mark says that it is absent.
 template <typename Member>
 struct Optional {
   Member& member;
@@ -54,7 +54,7 @@ inline void read_member(vesk_buffer* buffer, std::vector<std::string>& values) {
   values = StringArray::read(buffer);
 }
 
-// A record within the record. Whether it is there does not matter to the one around it.
+// A record within the record, which may be absent.
 template <typename Record>
 void read_member(vesk_buffer* buffer, Record& record) {
   if constexpr (std::is_invocable_v<decltype(Record::read), vesk_buffer*>) {
@@ -69,7 +69,8 @@ void read_member(vesk_buffer* buffer, Optional<Member> optional) {
   if (record_follows(buffer)) read_member(buffer, optional.member);
 }
 
-// Reads the members in their order, which is that of the wire. What the buffer ends before becomes empty or 0.
+// Reads the members in the order given, which is that of the wire. Those behind the end of the buffer become empty or
+// 0.
 template <typename... Members>
 void read_members(vesk_buffer* buffer, Members&&... members) {
   (read_member(buffer, members), ...);

@@ -18,16 +18,16 @@ class RecordArray {
 
   RecordArray() = delete;
 
-  // Appends the announced number of records; a number below 1 announces none. A record that is absent is passed over
-  // and does not count. False for a null buffer, and when the buffer ends before all records have begun; those read so
-  // far are then there.
+  // True when the announced number of records was appended; a number below 1 announces none. False for a null buffer,
+  // and when the buffer ends before all records have begun, with those read so far appended. A record that is absent is
+  // passed over and does not count.
   static bool read(vesk_buffer* buffer, Records& records) {
     if (!buffer) return false;
     int count = std::max(Int32::read(buffer), 0);
     records.reserve(records.size() + static_cast<std::size_t>(std::min(count, kMaxReserved)));
     for (; count > 0; --count) {
       auto record = std::make_unique<Record>();
-      // Each round takes a word at least, so that only what is there keeps anybody busy, whatever is announced.
+      // Each round consumes at least one word, so the data bound the loop, not the announced count.
       while (!Record::read(buffer, *record)) {
         if (vesk_buffer_last_error(buffer) != 0) return false;
       }

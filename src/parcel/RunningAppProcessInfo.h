@@ -9,7 +9,7 @@
 
 namespace orvel::service_apis {
 
-// The members stand in wire order, but for the one that is not on the wire.
+// The members stand in wire order, except the one that is not on the wire.
 struct RunningAppProcessInfo {
   std::string processName;
   int processInt1 = 0;
@@ -18,7 +18,7 @@ struct RunningAppProcessInfo {
   std::vector<std::string> unreadList;   // in memory only; stays empty
   int processInt3 = 0;
   int processInt4 = 0;
-  int importance = 0;  // the platform's: 100 is the foreground, more is less
+  int importance = 0;  // the platform's: 100 is the foreground, larger numbers matter less
   int processInt6 = 0;
   int processInt7 = 0;
   int processInt8 = 0;
@@ -28,7 +28,7 @@ struct RunningAppProcessInfo {
   bool isFocused = false;
   long long processLong = 0;
 
-  // False, with nothing changed, for a null buffer and an absent record.
+  // True when a record was there; false, with nothing changed, for a null buffer and an absent record.
   static bool read(vesk_buffer* buffer, RunningAppProcessInfo& info);
 
   // The library never sends this record: writes nothing, returns false.

@@ -7,19 +7,29 @@
 namespace orvel::service_apis {
 namespace {
 
-// Silent so far: a null string and a damaged one both read as empty, and the reader of a record knows which it expects.
+// Unused so far: a null string and a damaged one both read as empty, and neither is an error here.
 [[maybe_unused]] const OrvelLogger s_logger("String");
 
 constexpr int kNullString = -1;
 
+// The code units of the next string, borrowed; null for a null buffer, a null string and a failed read.
+const unsigned short* read_units(vesk_buffer* buffer, unsigned int* length) {
+  if (!buffer) return nullptr;
+  const unsigned short* const units = vesk_read_utf16_string(buffer, length);
+  return vesk_buffer_last_error(buffer) == 0 ? units : nullptr;
+}
+
 }  // namespace
 
 std::string String::read(vesk_buffer* buffer) {
-  if (!buffer) return {};
   unsigned int length = 0;
-  const unsigned short* const data = vesk_read_utf16_string(buffer, &length);
-  if (vesk_buffer_last_error(buffer) != 0) return {};
-  return StringUtils::convertUtf16ToUtf8(data, length);
+  const unsigned short* const units = read_units(buffer, &length);
+  return StringUtils::convertUtf16ToUtf8(units, length);
+}
+
+void String::skip(vesk_buffer* buffer) {
+  unsigned int length = 0;
+  read_units(buffer, &length);
 }
 
 bool String::write(vesk_payload* payload, const char* value) {

@@ -11,15 +11,18 @@ class String {
  public:
   String() = delete;
 
-  // "" for a null buffer, a null string, an empty string and a failed read alike. Cut at an embedded U+0000.
+  // The string, cut at an embedded U+0000; "" for a null buffer, a null string, an empty string and a failed read
+  // alike.
   static std::string read(vesk_buffer* buffer);
 
-  // Writes a string, never a null one; what follows a NUL is not written. A null pointer is an error of the payload.
-  // True while the payload has no error.
+  // Moves past a string without converting it.
+  static void skip(vesk_buffer* buffer);
+
+  // True while the payload has no error; a null pointer is one. Writes a string, never a null one, up to its first NUL.
   static bool write(vesk_payload* payload, const char* value);
   static bool write(vesk_payload* payload, const std::string& value);
 
-  // Writes a null string, the 32-bit value -1, in place of a null pointer or an empty string.
+  // The same, with a null string, the 32-bit value -1, in place of a null pointer or an empty string.
   static bool write_optional(vesk_payload* payload, const char* value);
   static bool write_optional(vesk_payload* payload, const std::string& value);
 };

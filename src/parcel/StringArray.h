@@ -12,11 +12,11 @@ class StringArray {
  public:
   StringArray() = delete;
 
-  // The announced number of strings, at most 1,000: what an announced length exceeds stays unread, and what the buffer
-  // ends before is empty. Nothing for a null buffer and a null array.
+  // The announced number of strings, at most 1,000; none for a null buffer and a null array. Further strings stay
+  // unread; strings behind the end of the buffer are empty.
   static std::vector<std::string> read(vesk_buffer* buffer);
 
-  // Borrows NUL-terminated strings, which may be empty but not null. True while the payload has no error.
+  // True while the payload has no error. Borrows NUL-terminated strings, which may be empty but not null.
   static bool write(vesk_payload* payload, const std::vector<const char*>& values);
   static bool write(vesk_payload* payload, const std::vector<std::string>& values);
 };

@@ -7,7 +7,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// Silent so far: every text converts to something.
+// Unused so far: every text converts to something.
 [[maybe_unused]] const OrvelLogger s_logger("StringUtils");
 
 }  // namespace

@@ -9,8 +9,8 @@ class StringUtils {
  public:
   StringUtils() = delete;
 
-  // `length` counts code units; `data` may be null when there are none. The text ends at its first U+0000,
-  // deliberately. Unpaired surrogates come out as the platform's converter leaves them.
+  // The text in UTF-8, deliberately up to its first U+0000. `length` counts code units; `data` may be null when there
+  // are none. Unpaired surrogates come out as the platform's converter leaves them.
   static std::string convertUtf16ToUtf8(const unsigned short* data, unsigned int length);
 };
 

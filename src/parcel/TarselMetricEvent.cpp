@@ -14,7 +14,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// Silent so far: every failure has a result that tells it.
+// Unused so far: every failure shows in a result.
 [[maybe_unused]] const OrvelLogger s_logger("TarselMetricEvent");
 
 using Value = TarselMetricEventFieldValue;
@@ -32,7 +32,7 @@ constexpr std::array<const char*, 15> kPredefinedKeys = {
 
 constexpr int kNullMap = -1;
 
-// Puts a value of the kind under the key, in place of any other.
+// Puts a value of the kind under the key, in place of another one. Always true.
 template <typename Member>
 bool add(TarselMetricEvent& event, const std::string& key, Value::Kind kind, Member Value::*member, Member content) {
   auto value = std::make_unique<Value>();

@@ -1,4 +1,4 @@
-// Hears of the broadcasts that match one filter.
+// The receiver of the broadcasts that match one filter.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,8 @@ namespace orvel::service_apis {
 
 using BroadcastCallback = std::function<void(const std::string& action, const std::string& data, const Bundle& extras)>;
 
-// The delegate service calls it one-way. Of the intent only what the callback takes is passed on. Run-loop thread.
+// The delegate service calls it one-way. The callback gets three members of the intent; the others are dropped.
+// Run-loop thread.
 class BroadcastReceiverEndpoint : public vesk::IpcEndpoint {
  public:
   // An empty callback throws when a broadcast arrives.

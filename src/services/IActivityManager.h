@@ -15,7 +15,7 @@ class IActivityManager {
   // Blocks until the service is bound or given up. `runtime` is borrowed.
   explicit IActivityManager(void* runtime);
 
-  // Replaces `processes` by those that run. False, and `processes` empty, on failure.
+  // True when `processes` was replaced by those that run; false, and `processes` empty, on failure.
   bool getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes);
 
  private:

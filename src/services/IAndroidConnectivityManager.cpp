@@ -2,14 +2,13 @@
 
 #include "binder/LeakCheck.h"
 #include "binder/OrvelLogger.h"
-#include "services/Transact.h"
+#include "services/ServiceNames.h"
 
 namespace orvel::service_apis {
 namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IAndroidConnectivityManager");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager";
 
 enum Transaction : unsigned int {
@@ -17,24 +16,22 @@ enum Transaction : unsigned int {
   kUnregisterNetworkCallback = 5,
 };
 
-RequestWriter only(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
+RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
   return [endpoint](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); };
 }
 
 }  // namespace
 
 IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime)
-    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false) {}
 
 bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback) {
   if (!m_binder.good()) return false;
   s_logger.d("%s:call registerDefaultNetworkCallback", __func__);
   m_network_callback = vesk::make_endpoint<NetworkCallbackEndpoint>(callback);
-  // Deliberately not ended by done(): the request and the reply stay with the Binder, and its next call forgets them.
-  ReplyScope reply(m_binder);
-  reply.keep();
   const LeakCheckPause forgotten;
-  static_cast<void>(m_binder.call(kDescriptor, kRegisterDefaultNetworkCallback, only(m_network_callback)));
+  // Deliberately not ended by done(): the request and the reply stay with the Binder, and its next call forgets them.
+  m_binder.call(kDescriptor, kRegisterDefaultNetworkCallback, endpoint_alone(m_network_callback)).keep();
   return true;
 }
 
@@ -45,7 +42,7 @@ bool IAndroidConnectivityManager::unregisterNetworkCallback() {
     return true;
   }
   s_logger.d("%s:call unregisterNetworkCallback", __func__);
-  transact(m_binder, kDescriptor, kUnregisterNetworkCallback, only(m_network_callback), replied);
+  static_cast<void>(m_binder.call(kDescriptor, kUnregisterNetworkCallback, endpoint_alone(m_network_callback)));
   return true;
 }
 

@@ -8,17 +8,19 @@
 
 namespace orvel::service_apis {
 
-// Deliberately, a registration is not made again after the service died: whoever wants to go on hearing registers
-// again. Threads: any, one at a time.
+// Deliberately, a registration is not made again after the service died: the caller registers again. Threads: any, one
+// at a time.
 class IAndroidConnectivityManager {
  public:
   // Blocks until the service is bound or given up. `runtime` is borrowed.
   explicit IAndroidConnectivityManager(void* runtime);
 
-  // Registers `callback`, in place of an earlier one. True unless the service is not bound, even when the call failed.
+  // True, even when the call failed; false when the service is not bound. Registers `callback`, in place of an earlier
+  // one.
   bool registerDefaultNetworkCallback(const std::function<void(bool)>& callback);
 
-  // Asks for no more notices. False only when the service is not bound; without a registration nothing is sent.
+  // True, even when the call failed; false when the service is not bound. Asks the service to end its notices; without
+  // a registration nothing is sent.
   bool unregisterNetworkCallback();
 
  private:

@@ -8,6 +8,7 @@
 #include "parcel/Int64.h"
 #include "parcel/String.h"
 #include "parcel/StringArray.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -15,10 +16,9 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IDelegateService");
 
-constexpr char kServiceName[] = "orvel_delegate";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.IDelegateService";
 
-// The gaps are the remote interface's.
+// The missing codes belong to methods that this client does not call.
 enum Transaction : unsigned int {
   kGetDeviceInfo = 14,
   kGetSecureSetting = 15,
@@ -43,25 +43,33 @@ enum Transaction : unsigned int {
   kGetLaunchIntentForPackage = 60,
 };
 
-// Asks for one string.
+// The string that the service answers; empty without a connection.
 std::optional<std::string> query(Binder& binder, Transaction code) {
   return transact(binder, kDescriptor, code, no_arguments, String::read);
 }
 
-// Whether an argument of `method` is missing, which an error line then says.
+// True, with an error line, when an argument of `method` is missing.
 bool is_missing(const char* method, const char* argument, const char* what) {
   if (argument && *argument != '\0') return false;
   s_logger.e("%s:%s is null or empty", method, what);
   return true;
 }
 
-// Sends an intent. True when an answer came.
+// True when an argument of `method` is empty; with an error line, unless the service is not bound, which comes first
+// and is silent.
+bool is_empty(Binder& binder, const char* method, const std::string& argument, const char* what) {
+  if (!argument.empty()) return false;
+  if (binder.good()) s_logger.e("%s:%s is empty", method, what);
+  return true;
+}
+
+// True when the service has answered to the intent.
 bool send(Binder& binder, Transaction code, const OrvelIntent& intent) {
   const auto write = [&](vesk_payload* request) { return intent.write(request); };
   return transact(binder, kDescriptor, code, write, replied).value_or(false);
 }
 
-// Asks for a record about a package; null when there is none.
+// The service's record about a package; null when there is none.
 template <typename Record>
 std::unique_ptr<Record> query(Binder& binder, Transaction code, const char* method, const char* package,
                               long long flags) {
@@ -79,25 +87,36 @@ std::unique_ptr<Record> query(Binder& binder, Transaction code, const char* meth
 }
 
 // Sends a registration: its arguments, then a new endpoint that holds the callback. The service keeps the endpoint for
-// as long as it may call it. Empty when the service is not bound, else the connection that has taken the registration.
+// as long as it may call it. Returns the connection that has taken the registration, kNoConnection when none has; empty
+// when the service is not bound, or not by `required_connection`.
 template <typename Endpoint, typename Callback>
 std::optional<Connection> publish(Binder& binder, Transaction code, const RequestWriter& write_arguments,
-                                  Callback callback, Connection only) {
+                                  Callback callback, Connection required_connection) {
   const auto endpoint = vesk::make_endpoint<Endpoint>(std::move(callback));
-  Connection carrier = kNoConnection;
   const auto write = [&](vesk_payload* request) {
-    carrier = binder.connection();
     write_arguments(request);
     vesk_write_endpoint(request, endpoint->get_endpoint());
   };
-  const auto read = [&](vesk_buffer* reply) { return reply ? carrier : kNoConnection; };
-  return transact(binder, kDescriptor, code, write, read, only);
+  const auto reply = binder.call_if_bound(kDescriptor, code, write, required_connection);
+  if (!reply) return std::nullopt;
+  return reply->connection();
 }
 
 }  // namespace
 
-IDelegateService::IDelegateService(void* context)
-    : m_binder(context, kServiceName, /*is_android_service=*/false, [this] { onBinderReconnectedCallback(); }) {}
+// A registration that fails to be renewed is tried again on the next connection.
+IDelegateService::IDelegateService(void* runtime)
+    : m_settings(m_binder,
+                 [this](const SettingRegistration& setting, Connection connection) {
+                   registerForSecureSettingsInternal(setting.first.c_str(), setting.second, connection);
+                 }),
+      m_broadcasts(m_binder,
+                   [this](const OrvelIntentFilter& filter, Connection connection) {
+                     registerForBroadcastWithDataTypeOrSchemeInternal(filter.action.c_str(), filter.dataTypes,
+                                                                      filter.dataSchemes, filter.callback, connection);
+                   }),
+      m_binder(runtime, service_names::kDelegate, /*is_android_service=*/false,
+               [this] { onBinderReconnectedCallback(); }) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
   std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);
@@ -132,7 +151,7 @@ std::string IDelegateService::getDirectedId() {
   return *std::move(id);
 }
 
-// The name and the serial number identify the owner: their values stay at debug level.
+// The name and the serial number identify the owner, so their values are logged at debug level only.
 
 std::string IDelegateService::getDeviceName() {
   std::optional<std::string> name = query(m_binder, kGetDeviceName);
@@ -162,23 +181,22 @@ std::string IDelegateService::getSecureSetting(const char* key) {
 
 bool IDelegateService::registerForSecureSettings(const char* key, SettingCallback callback) {
   if (is_missing(__func__, key, "Setting key")) return false;
-  const Connection carrier = registerForSecureSettingsInternal(key, callback);
-  if (carrier == kNoConnection) return false;
-  m_settings.add({key, std::move(callback)}, carrier, m_binder,
-                 [this](const auto& setting, Connection newest) { renew(setting, newest); });
+  const Connection taken_by = registerForSecureSettingsInternal(key, callback);
+  if (taken_by == kNoConnection) return false;
+  m_settings.add({key, std::move(callback)}, taken_by);
   return true;
 }
 
 Connection IDelegateService::registerForSecureSettingsInternal(const char* key, SettingCallback callback,
-                                                               Connection only) {
+                                                               Connection required_connection) {
   if (is_missing(__func__, key, "Setting key")) return kNoConnection;
   const auto write = [key](vesk_payload* request) { String::write(request, key); };
-  const auto carrier =
-      publish<SettingsReceiverEndpoint>(m_binder, kRegisterForSecureSettings, write, std::move(callback), only);
-  if (!carrier) return kNoConnection;
+  const auto taken_by = publish<SettingsReceiverEndpoint>(m_binder, kRegisterForSecureSettings, write,
+                                                          std::move(callback), required_connection);
+  if (!taken_by) return kNoConnection;
   s_logger.i("%s:Registered for updates to setting key [%s] (result=%d)", __func__, key,
-             *carrier != kNoConnection ? 1 : 0);
-  return *carrier;
+             *taken_by != kNoConnection ? 1 : 0);
+  return *taken_by;
 }
 
 bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* action,
@@ -186,31 +204,31 @@ bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* acti
                                                                 const std::vector<std::string>& dataSchemes,
                                                                 BroadcastCallback callback) {
   if (is_missing(__func__, action, "Intent")) return false;
-  const Connection carrier = registerForBroadcastWithDataTypeOrSchemeInternal(action, dataTypes, dataSchemes, callback);
-  if (carrier == kNoConnection) return false;
-  m_broadcasts.add({action, dataTypes, dataSchemes, std::move(callback)}, carrier, m_binder,
-                   [this](const auto& filter, Connection newest) { renew(filter, newest); });
+  const Connection taken_by =
+      registerForBroadcastWithDataTypeOrSchemeInternal(action, dataTypes, dataSchemes, callback);
+  if (taken_by == kNoConnection) return false;
+  m_broadcasts.add({action, dataTypes, dataSchemes, std::move(callback)}, taken_by);
   return true;
 }
 
 Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
     const char* action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& dataSchemes,
-    BroadcastCallback callback, Connection only) {
+    BroadcastCallback callback, Connection required_connection) {
   if (is_missing(__func__, action, "Intent")) return kNoConnection;
   const auto write = [&](vesk_payload* request) {
     String::write(request, action);
     StringArray::write(request, dataTypes);
     StringArray::write(request, dataSchemes);
   };
-  const auto carrier =
-      publish<BroadcastReceiverEndpoint>(m_binder, kRegisterForBroadcast, write, std::move(callback), only);
-  if (!carrier) return kNoConnection;
+  const auto taken_by = publish<BroadcastReceiverEndpoint>(m_binder, kRegisterForBroadcast, write, std::move(callback),
+                                                           required_connection);
+  if (!taken_by) return kNoConnection;
   s_logger.i("%s:Registered to receive broadcasts for intent [%s] (result=%d)", __func__, action,
-             *carrier != kNoConnection ? 1 : 0);
-  return *carrier;
+             *taken_by != kNoConnection ? 1 : 0);
+  return *taken_by;
 }
 
-// A broadcast takes a copy of its intent, as the remote interface's own clients have it.
+// The two broadcasts take their intent by value, as the remote interface declares it.
 
 bool IDelegateService::sendBroadcast(OrvelIntent intent) {  // NOLINT(performance-unnecessary-value-param)
   return send(m_binder, kSendBroadcast, intent);
@@ -277,27 +295,21 @@ std::vector<std::string> IDelegateService::getPackageNamesForUid(int uid) {
 
 bool IDelegateService::queryBroadcastReceivers(std::string action, long long flags,
                                                std::vector<std::unique_ptr<OrvelResolveInfo>>& out) {
-  if (!m_binder.good()) return false;
-  if (action.empty()) {
-    s_logger.e("%s:Intent is empty", __func__);
-    return false;
-  }
+  if (is_empty(m_binder, __func__, action, "Intent")) return false;
   const auto write = [&](vesk_payload* request) {
     String::write(request, action);
     Int64::write(request, flags);
   };
-  const char* const method = __func__;
-  const auto read = [&](vesk_buffer* reply) {
-    if (OrvelResolveInfoArray::read(reply, out)) {
-      // Not the name of these records, but log readers look for it.
-      s_logger.d("%s:Read %zu RunningAppProcessInfo items", method, out.size());
-      return true;
-    }
-    s_logger.e("%s:Failed to read OrvelResolveInfoArray from reply", method);
-    out.clear();
-    return false;
-  };
-  return transact(m_binder, kDescriptor, kQueryBroadcastReceivers, write, read).value_or(false);
+  const auto reply = m_binder.call_if_bound(kDescriptor, kQueryBroadcastReceivers, write);
+  if (!reply) return false;
+  if (OrvelResolveInfoArray::read(reply->get(), out)) {
+    // Not the name of these records, but log readers look for it.
+    s_logger.d("%s:Read %zu RunningAppProcessInfo items", __func__, out.size());
+    return true;
+  }
+  s_logger.e("%s:Failed to read OrvelResolveInfoArray from reply", __func__);
+  out.clear();
+  return false;
 }
 
 std::vector<std::string> IDelegateService::getInstalledPackages(long long flags) {
@@ -306,11 +318,7 @@ std::vector<std::string> IDelegateService::getInstalledPackages(long long flags)
 }
 
 std::unique_ptr<OrvelIntent> IDelegateService::getLaunchIntentForPackage(std::string packageName) {
-  if (!m_binder.good()) return nullptr;
-  if (packageName.empty()) {
-    s_logger.e("%s:Package name is empty", __func__);
-    return nullptr;
-  }
+  if (is_empty(m_binder, __func__, packageName, "Package name")) return nullptr;
   const auto write = [&](vesk_payload* request) { String::write(request, packageName); };
   const auto read = [](vesk_buffer* reply) { return std::make_unique<OrvelIntent>(OrvelIntent::read(reply)); };
   return transact(m_binder, kDescriptor, kGetLaunchIntentForPackage, write, read).value_or(nullptr);
@@ -318,20 +326,8 @@ std::unique_ptr<OrvelIntent> IDelegateService::getLaunchIntentForPackage(std::st
 
 void IDelegateService::onBinderReconnectedCallback() {
   s_logger.i("%s:Binder reconnected, re-registering callbacks", __func__);
-  const auto renew_on = [this](const auto& registration, Connection newest) { renew(registration, newest); };
-  m_settings.replay(m_binder, renew_on);
-  m_broadcasts.replay(m_binder, renew_on);
-}
-
-// A registration that fails here is tried again on the next connection.
-
-void IDelegateService::renew(const SettingRegistration& setting, Connection connection) {
-  registerForSecureSettingsInternal(setting.first.c_str(), setting.second, connection);
-}
-
-void IDelegateService::renew(const OrvelIntentFilter& filter, Connection connection) {
-  registerForBroadcastWithDataTypeOrSchemeInternal(filter.action.c_str(), filter.dataTypes, filter.dataSchemes,
-                                                   filter.callback, connection);
+  m_settings.replay();
+  m_broadcasts.replay();
 }
 
 }  // namespace orvel::service_apis

@@ -1,4 +1,4 @@
-// The delegate service: the device's identity, its secure settings, the broadcasts, intents and packages.
+// The delegate service: the device's identity, its secure settings, broadcasts, intents and packages.
 #pragma once
 
 #include <memory>
@@ -22,12 +22,12 @@ namespace orvel::service_apis {
 // Flags are the platform's package manager's, passed on as they are.
 //
 // The service forgets all registrations when it dies, so they are kept and made again each time that it has been bound
-// anew: settings first, then broadcasts, each in the order of insertion. Two for the same key or action are two. What
-// the service refused is not kept, and nothing is ever removed. Threads: any.
+// anew: settings first, then broadcasts, each in the order of insertion. Registering the same key or action twice makes
+// two registrations. A registration that the service refused is not kept, and none is ever removed. Threads: any.
 class IDelegateService {
  public:
-  // Blocks until the service is bound or given up. `context` is the libvesk runtime, borrowed.
-  explicit IDelegateService(void* context);
+  // Blocks until the service is bound or given up. `runtime` is borrowed.
+  explicit IDelegateService(void* runtime);
 
   DeviceInfo getDeviceInfo();
 
@@ -48,47 +48,56 @@ class IDelegateService {
   // The value of a secure setting; empty also when it is not set, and for a null or empty key, which is not sent.
   std::string getSecureSetting(const char* key);
 
-  // Calls `callback` with the key and the new value when a secure setting changes. False for a null or empty key and
-  // when the service did not take the registration.
+  // True when the service has taken the registration: from then on `callback` gets the key and each new value of the
+  // secure setting. False otherwise, and for a null or empty key.
   bool registerForSecureSettings(const char* key, SettingCallback callback);
 
-  // Calls `callback` with the action, the data and the extras of every broadcast of that action which has one of the
-  // MIME types and one of the URI schemes; two empty lists are for broadcasts without data. False for a null or empty
-  // action and when the service did not take the registration.
+  // True when the service has taken the registration: from then on `callback` gets the action, the data and the extras
+  // of every broadcast of that action which has one of the MIME types and one of the URI schemes; two empty lists are
+  // for broadcasts without data. False otherwise, and for a null or empty action.
   bool registerForBroadcastWithDataTypeOrScheme(const char* action, const std::vector<std::string>& dataTypes,
                                                 const std::vector<std::string>& dataSchemes,
                                                 BroadcastCallback callback);
 
-  // True when the service answered. What became of the intent it does not say, such as an activity that could not be
-  // started.
+  // The connection that has taken the registration, which is not kept; kNoConnection when none has, and for a null or
+  // empty key or action. With `required_connection`, it is made on that connection or not at all.
+  Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
+                                               Connection required_connection = kNoConnection);
+  Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
+                                                              const std::vector<std::string>& dataTypes,
+                                                              const std::vector<std::string>& dataSchemes,
+                                                              BroadcastCallback callback,
+                                                              Connection required_connection = kNoConnection);
+
+  // True when the service answered. It does not say what became of the intent: an activity may not have been started.
   bool sendBroadcast(OrvelIntent intent);
   bool sendBroadcastWithPermission(OrvelIntent intent, const std::string& permission);
   bool startActivity(const OrvelIntent& intent);
   bool startForegroundService(const OrvelIntent& intent);
   bool startService(const OrvelIntent& intent);
 
-  // Null on failure, for a package that is not there, and for a null or empty name, which is not sent.
+  // The record; null on failure, for a package that is not installed, and for a null or empty name, which is not sent.
   std::unique_ptr<ApplicationInfo> getApplicationInfo(const char* packageName, long long flags);
   std::unique_ptr<PackageInfo> getPackageInfo(const char* packageName, long long flags);
 
   // A resource of a package, as text; empty also for a null or empty name, which is not sent.
   std::string getRawResourceAsString(const char* packageName, int resourceId);
 
-  // False also for a null or empty name, which is not sent.
+  // True when the device has the feature; false also for a null or empty name, which is not sent.
   bool checkSystemFeature(const char* featureName);
 
   std::vector<std::string> getPackageNamesForUid(int uid);
 
-  // Appends what would receive a broadcast of the action. False, and `out` empty, on failure; false, and `out` as it
-  // was, for an unbound service and an empty action, which is not sent.
+  // True when the receivers of a broadcast of the action were appended to `out`. False, and `out` empty, on failure;
+  // false, and `out` as it was, for an unbound service and an empty action, which is not sent.
   bool queryBroadcastReceivers(std::string action, long long flags,
                                std::vector<std::unique_ptr<OrvelResolveInfo>>& out);
 
-  // Not implemented: asks nobody, and gives nothing. IOrvelPackageManager has the packages.
+  // Always empty: not implemented, and asks no service. IOrvelPackageManager has the packages.
   std::vector<std::string> getInstalledPackages(long long flags);
 
-  // The intent that starts the package's main activity. Null for an unbound service and for an empty name, which is not
-  // sent; a failed call and a package without such an activity give an empty intent.
+  // The intent that starts the package's main activity, empty when the call failed and for a package without such an
+  // activity. Null for an unbound service and for an empty name, which is not sent.
   std::unique_ptr<OrvelIntent> getLaunchIntentForPackage(std::string packageName);
 
   // Makes all registrations again. For the Binder, on the run-loop thread, after each successful rebind; takes no lock
@@ -97,19 +106,6 @@ class IDelegateService {
 
  private:
   using SettingRegistration = std::pair<std::string, SettingCallback>;
-
-  // Register without keeping. They return the connection that has taken the registration, kNoConnection for none.
-  // With `only`, on that connection or not at all.
-  Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
-                                               Connection only = kNoConnection);
-  Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
-                                                              const std::vector<std::string>& dataTypes,
-                                                              const std::vector<std::string>& dataSchemes,
-                                                              BroadcastCallback callback,
-                                                              Connection only = kNoConnection);
-
-  void renew(const SettingRegistration& setting, Connection connection);
-  void renew(const OrvelIntentFilter& filter, Connection connection);
 
   ReplayList<SettingRegistration> m_settings;
   ReplayList<OrvelIntentFilter> m_broadcasts;

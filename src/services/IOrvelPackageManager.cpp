@@ -1,7 +1,10 @@
 #include "services/IOrvelPackageManager.h"
 
+#include <utility>
+
 #include "binder/OrvelLogger.h"
 #include "parcel/StringArray.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -9,7 +12,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IOrvelPackageManager");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.packagemanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.packagemanager.IOrvelPackageManager";
 
 constexpr unsigned int kGetPackages = 2;
@@ -17,7 +19,7 @@ constexpr unsigned int kGetPackages = 2;
 }  // namespace
 
 IOrvelPackageManager::IOrvelPackageManager(void* runtime)
-    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(runtime, service_names::kPackageManager, /*is_android_service=*/false) {}
 
 bool IOrvelPackageManager::getPackages(std::vector<std::string>& packages) {
   packages.clear();

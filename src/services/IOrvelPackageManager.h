@@ -1,4 +1,4 @@
-// The system's package manager service: which packages there are.
+// The system's package manager service: the names of the installed packages.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ class IOrvelPackageManager {
   // Blocks until the service is bound or given up. `runtime` is borrowed.
   explicit IOrvelPackageManager(void* runtime);
 
-  // Replaces `packages` by the names of those that are installed. False, and `packages` empty, for an unbound service.
-  // A failed call gives true and no packages, deliberately.
+  // True when `packages` was replaced by the names of those that are installed; deliberately true, with no packages,
+  // when the call failed. False, and `packages` empty, for an unbound service.
   bool getPackages(std::vector<std::string>& packages);
 
  private:

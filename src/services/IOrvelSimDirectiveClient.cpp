@@ -4,6 +4,7 @@
 
 #include "binder/Admission.h"
 #include "binder/OrvelLogger.h"
+#include "services/ServiceNames.h"
 #include "vesk/vesk.h"
 
 namespace orvel::service_apis {
@@ -11,15 +12,13 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimDirectiveClient");
 
-constexpr char kServiceName[] = "orvel-service-coordinator-public";
-
-// Where the broker looks for whoever has the namespace.
+// The name under which the broker finds the endpoint of a namespace.
 std::string endpoint_name(const std::string& nspace) {
   return "sim_broker_service_" + nspace + "_vesk_endpoint";
 }
 
 bool are_valid(const char* method, const std::string& nspace, const DirectiveCallback& callback) {
-  // Behind a NUL the name would be another one.
+  // libvesk would cut the name at a NUL, and publish the endpoint under another name.
   if (!nspace.empty() && nspace.find('\0') == std::string::npos && callback) return true;
   s_logger.e("%s:Invalid parameter(s)", method);
   return false;
@@ -27,9 +26,15 @@ bool are_valid(const char* method, const std::string& nspace, const DirectiveCal
 
 }  // namespace
 
-IOrvelSimDirectiveClient::IOrvelSimDirectiveClient(void* context)
-    : m_context(context),
-      m_binder(context, kServiceName, /*is_android_service=*/true, [this] { onOscReconnectedCallback(); }) {}
+// A registration that fails to be renewed is tried again after the next death.
+IOrvelSimDirectiveClient::IOrvelSimDirectiveClient(void* runtime)
+    : m_runtime(runtime),
+      m_registrations(m_binder,
+                      [this](const DirectiveRegistration& registration, Connection) {
+                        registerForDirectiveInternal(registration.first, registration.second);
+                      }),
+      m_binder(runtime, service_names::kCoordinator, /*is_android_service=*/true,
+               [this] { onOscReconnectedCallback(); }) {}
 
 bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, DirectiveCallback callback) {
   if (!are_valid(__func__, nspace, callback)) return false;
@@ -37,11 +42,11 @@ bool IOrvelSimDirectiveClient::registerForDirective(const std::string& nspace, D
     s_logger.e("%s:namespace is already registered. nspace=%s", __func__, nspace.c_str());
     return true;
   }
-  // Read before publishing: a broker that came back meanwhile is told again by whoever sees the newer connection first.
-  const Connection connection = m_binder.connection();
+  // Read before publishing: when the broker comes back meanwhile, add() or the replay publishes the endpoint again.
+  const Connection published_on = m_binder.connection();
   if (!registerForDirectiveInternal(nspace, callback)) return false;
-  m_registrations.add({nspace, std::move(callback)}, connection, m_binder, renew());
-  m_namespaces.insert(nspace);  // Last: what is in it will be published again, even if memory ran out before.
+  m_registrations.add({nspace, std::move(callback)}, published_on);
+  m_namespaces.insert(nspace);  // Last: each namespace in it is in the list too, even when memory runs out here.
   return true;
 }
 
@@ -50,7 +55,7 @@ bool IOrvelSimDirectiveClient::registerForDirectiveInternal(const std::string& n
   const auto endpoint = vesk::make_endpoint<OrvelSimDirectiveCallbackEndpoint>(std::move(callback));
   const std::string name = endpoint_name(nspace);
   const int error = run_unless_shut_down([&] {
-                      return vesk_service_register(m_context, name.c_str(), endpoint->get_endpoint());
+                      return vesk_service_register(m_runtime, name.c_str(), endpoint->get_endpoint());
                     }).value_or(-ESHUTDOWN);
   if (error != 0) {
     s_logger.e("%s:vesk service register failed. nspace=%s, err=%d", __func__, nspace.c_str(), error);
@@ -60,14 +65,7 @@ bool IOrvelSimDirectiveClient::registerForDirectiveInternal(const std::string& n
 
 void IOrvelSimDirectiveClient::onOscReconnectedCallback() {
   s_logger.i("%s:OSC reconnected, re-registering directive callbacks", __func__);
-  m_registrations.replay(m_binder, renew());
-}
-
-// One that fails here is tried again after the next death.
-std::function<void(const IOrvelSimDirectiveClient::DirectiveRegistration&, Connection)>
-IOrvelSimDirectiveClient::renew() {
-  return
-      [this](const DirectiveRegistration& kept, Connection) { registerForDirectiveInternal(kept.first, kept.second); };
+  m_registrations.replay();
 }
 
 }  // namespace orvel::service_apis

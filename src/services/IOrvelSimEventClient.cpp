@@ -5,24 +5,23 @@
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/String.h"
-#include "services/Transact.h"
+#include "services/ServiceNames.h"
 
 namespace orvel::service_apis {
 namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IOrvelSimEventClient");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient";
 constexpr unsigned int kSendEvent = 2;
 
-// Deliberately this number alone, where other services take anything but 0 for yes.
+// Deliberately only this number: in the replies of other services every number but 0 means yes.
 constexpr int kAccepted = 1;
 
 }  // namespace
 
-IOrvelSimEventClient::IOrvelSimEventClient(void* context)
-    : m_binder(context, kServiceName, /*is_android_service=*/false) {}
+IOrvelSimEventClient::IOrvelSimEventClient(void* runtime)
+    : m_binder(runtime, service_names::kEvents, /*is_android_service=*/false) {}
 
 bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload,
                                      EventStatusCallback callback) {
@@ -37,7 +36,7 @@ bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, cons
     String::write_optional(request, payload);
     vesk_write_endpoint(request, endpoint->get_endpoint());
   };
-  return transact(m_binder, kDescriptor, kSendEvent, write, Int32::read) == kAccepted;
+  return Int32::read(m_binder.call(kDescriptor, kSendEvent, write).get()) == kAccepted;
 }
 
 }  // namespace orvel::service_apis

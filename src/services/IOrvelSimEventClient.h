@@ -1,4 +1,4 @@
-// The event service: tells the voice assistant of events.
+// The event service, through which the voice assistant gets events.
 #pragma once
 
 #include <string>
@@ -9,12 +9,12 @@
 
 namespace orvel::service_apis {
 
-// Keeps nothing of what was sent: each event has an endpoint of its own, which lives for as long as the service holds
-// it, and whose result is lost when the service dies first. Threads: any, one at a time.
+// Keeps nothing of an event: each has an endpoint of its own for its result, which lives for as long as the service
+// holds it. The result is lost when the service dies first. Threads: any, one at a time.
 class IOrvelSimEventClient {
  public:
-  // Blocks until the service is bound or given up. `context` is the libvesk runtime, borrowed.
-  explicit IOrvelSimEventClient(void* context);
+  // Blocks until the service is bound or given up. `runtime` is borrowed.
+  explicit IOrvelSimEventClient(void* runtime);
 
   // True when the service has accepted the event; only then, `callback` gets its result, on the run-loop thread and
   // possibly before this returns. An empty payload goes as a null one.

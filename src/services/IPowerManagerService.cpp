@@ -5,6 +5,7 @@
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/Int64.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
@@ -12,7 +13,6 @@ namespace {
 
 const OrvelLogger& s_logger = *new OrvelLogger("IPowerManagerService");
 
-constexpr char kServiceName[] = "com.quarlo.orvel.powermanager";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.powermanager.IPowerManagerService";
 
 enum Transaction : unsigned int {
@@ -26,7 +26,7 @@ constexpr int kFirstVersionWithCustomWakeUp = 2;
 constexpr int kPartialWakeUp = 1;
 constexpr long long kPartialWakeUpMs = 500;
 
-// What `result` holds, or `failure`, with the error line that `method` owes, when the service is not bound.
+// The result; `failure`, with an error line, when the service is not bound.
 template <typename Result>
 Result value_or_unbound(const std::optional<Result>& result, Result failure, const char* method) {
   if (!result) s_logger.e("%s:Invalid binder handle", method);
@@ -36,7 +36,7 @@ Result value_or_unbound(const std::optional<Result>& result, Result failure, con
 }  // namespace
 
 IPowerManagerService::IPowerManagerService(void* runtime)
-    : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+    : m_binder(runtime, service_names::kPowerManager, /*is_android_service=*/false) {}
 
 bool IPowerManagerService::isInteractive() {
   return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, no_arguments, Int32::read), 0, __func__) != 0;

@@ -5,28 +5,30 @@
 
 namespace orvel::service_apis {
 
-// Every method is one transaction, unless it says otherwise. Threads: any.
+// Every method is one transaction, except where noted. Threads: any.
 class IPowerManagerService {
  public:
   // Blocks until the service is bound or given up. `runtime` is borrowed.
   explicit IPowerManagerService(void* runtime);
 
-  // Whether the screen is interactive; false on failure.
+  // True when the screen is interactive; false when it is not and on failure.
   bool isInteractive();
 
-  // Wakes the device and its screen; true when the service answered.
+  // True when the service answered. Wakes the device and its screen.
   bool wakeUpDevice();
 
   // The interface version of the service; 0 on failure.
   int getVersion();
 
-  // Wakes the device in one of the service's ways, for `duration_ms`; true when the service answered. Needs interface
+  // True when the service answered. Wakes the device in one of the service's ways, for `duration_ms`. Needs interface
   // version 2.
   bool wakeUpDeviceCustom(int kind, long long duration_ms);
 
-  // Asks for the version, then keeps the processor awake for 500 ms; false on failure and below interface version 2.
+  // True when the service answered; false on failure and below interface version 2. Asks for the version, then keeps
+  // the processor awake for 500 ms.
   bool acquirePartialWakeLock();
 
+  // As wakeUpDevice().
   bool acquireFullWakeLock();
 
  private:

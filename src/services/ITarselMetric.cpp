@@ -2,15 +2,15 @@
 
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
+#include "services/ServiceNames.h"
 #include "services/Transact.h"
 
 namespace orvel::service_apis {
 namespace {
 
-// Silent so far: the Binder says what went wrong with a call, and the caller learns whether the event could be written.
+// Unused so far: the Binder logs the failure of a call, and an event that cannot be written shows in the result.
 [[maybe_unused]] const OrvelLogger s_logger("ITarselMetric");
 
-constexpr char kServiceName[] = "com.quarlo.client.metrics.tarsel";
 constexpr char kDescriptor[] = "com.quarlo.orveldelegate.services.ITarselMetric";
 
 enum Transaction : unsigned int {
@@ -20,7 +20,8 @@ enum Transaction : unsigned int {
 
 }  // namespace
 
-ITarselMetric::ITarselMetric(void* runtime) : m_binder(runtime, kServiceName, /*is_android_service=*/false) {}
+ITarselMetric::ITarselMetric(void* runtime)
+    : m_binder(runtime, service_names::kMetrics, /*is_android_service=*/false) {}
 
 bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
   bool written = false;

@@ -12,8 +12,8 @@ class ITarselMetric {
   // Blocks until the service is bound or given up. `runtime` is borrowed.
   explicit ITarselMetric(void* runtime);
 
-  // Whether the event could be written; what became of the call does not count. An event that cannot is not sent. False
-  // for an unbound service too.
+  // True when the event was written, even when the call then failed; false when it could not be written, and so was not
+  // sent, and for an unbound service.
   bool recordTarselMetricEvent(const TarselMetricEvent& event);
 
   // The interface version of the service; 0 on failure.

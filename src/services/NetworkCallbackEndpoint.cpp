@@ -3,7 +3,7 @@
 namespace orvel::service_apis {
 namespace {
 
-// The gap is the remote interface's: it has more notices, which nobody here needs.
+// The missing codes are those of notices that this client does not use.
 enum Notice : unsigned int { kAvailable = 1, kLost = 6 };
 
 }  // namespace

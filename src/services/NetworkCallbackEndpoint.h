@@ -1,4 +1,4 @@
-// Hears whether the device has a default network.
+// The receiver of notices of the device's default network.
 #pragma once
 
 #include <functional>
@@ -11,7 +11,8 @@ namespace orvel::service_apis {
 // The connectivity service calls it one-way. Run-loop thread.
 class NetworkCallbackEndpoint : public vesk::IpcEndpoint {
  public:
-  // Gets true when a network is there and false when it is lost. An empty callback throws when a notice arrives.
+  // `callback` gets true when a network is available and false when it is lost. An empty one throws when a notice
+  // arrives.
   explicit NetworkCallbackEndpoint(std::function<void(bool)> callback) : m_callback(std::move(callback)) {}
   virtual ~NetworkCallbackEndpoint() = default;
 

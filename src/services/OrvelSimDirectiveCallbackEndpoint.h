@@ -1,4 +1,4 @@
-// Hears the directives of one namespace.
+// The receiver of the directives of one namespace.
 #pragma once
 
 #include <functional>

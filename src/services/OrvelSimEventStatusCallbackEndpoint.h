@@ -1,4 +1,4 @@
-// Hears what became of one event.
+// The receiver of the result of one event.
 #pragma once
 
 #include <functional>
@@ -11,7 +11,7 @@ namespace orvel::service_apis {
 
 using EventStatusCallback = std::function<void(const OrvelSimEventResult_t&)>;
 
-// The event service calls it one-way: once as a rule, and maybe before it has answered to the event. Run-loop thread.
+// The event service calls it one-way: once as a rule, possibly before it has answered to the event. Run-loop thread.
 class OrvelSimEventStatusCallbackEndpoint : public vesk::IpcEndpoint {
  public:
   // An empty callback throws when a result arrives.

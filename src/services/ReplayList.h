@@ -2,26 +2,31 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <utility>
 
 #include "binder/Binder.h"
 
 namespace orvel::service_apis {
 
-// Each registration is made once on each connection, whatever a death overlaps with:
+// Makes each registration once on each connection, wherever a death falls:
 //
 //   a thread that registers     call on connection C, append, look at the newest connection N; N > C: claim N
 //   the replay of connection N  N becomes the newest, walk the list; claim N for each entry
 //
-// The thread that claims an entry for N makes that registration on N only. An entry that the replay of N could not see yet
-// was appended after N had become the newest connection, so the thread that registers sees N and claims it itself. That is
-// why the list and the number of the connection are sequentially consistent.
+// The thread that claims an entry for connection N makes that registration on N only. An entry that the replay of N
+// came too early to see was appended after N had become the newest connection, so the registering thread sees N and
+// claims it. That is why the list and the number of the connection are sequentially consistent.
 //
-// The list only grows, and nobody takes a lock. Threads: any number that add, and the run loop's that replays.
+// The list only grows, and takes no lock. Threads: any number that add, and the run loop's that replays.
 template <typename Registration>
 class ReplayList {
  public:
-  ReplayList() = default;
+  // Makes the registration on `connection`, and on no other.
+  using Renew = std::function<void(const Registration& registration, Connection connection)>;
+
+  // `binder` is borrowed for the list's life, and not used before add() or replay().
+  ReplayList(const Binder& binder, Renew renew) : m_binder(binder), m_renew(std::move(renew)) {}
   ReplayList(const ReplayList&) = delete;
   ReplayList& operator=(const ReplayList&) = delete;
 
@@ -29,21 +34,18 @@ class ReplayList {
     for (Entry* entry = m_head.next; entry;) delete std::exchange(entry, entry->next);
   }
 
-  // Keeps a registration that was made on connection `carrier`. When the service has been bound anew meanwhile,
-  // `renew(registration, connection)` is called to make it on that connection too.
-  template <typename Renew>
-  void add(Registration registration, Connection carrier, const Binder& binder, const Renew& renew) {
-    Entry& entry = append(new Entry(std::move(registration), carrier));
+  // Keeps a registration that was made on connection `taken_by`, and renews it when the service has been bound anew
+  // meanwhile.
+  void add(Registration registration, Connection taken_by) {
+    Entry& entry = append(new Entry(std::move(registration), taken_by));
     // Behind the append and never before it: a replay that ran in between has not seen the entry.
-    const Connection newest = binder.connection();
-    renew_once(entry, newest, renew);
+    renew_once(entry, m_binder.connection());
   }
 
-  // Renews everything, in the order of insertion, but what the newest connection has already.
-  template <typename Renew>
-  void replay(const Binder& binder, const Renew& renew) {
-    const Connection newest = binder.connection();
-    for (Entry* entry = m_head.next; entry; entry = entry->next) renew_once(*entry, newest, renew);
+  // Renews everything, in the order of insertion, except what the newest connection has already.
+  void replay() {
+    const Connection newest = m_binder.connection();
+    for (Entry* entry = m_head.next; entry; entry = entry->next) renew_once(*entry, newest);
   }
 
  private:
@@ -52,17 +54,16 @@ class ReplayList {
     std::atomic<Entry*> next{nullptr};
   };
   struct Entry : Link {
-    Entry(Registration kept, Connection carrier) : registration(std::move(kept)), claimed(carrier) {}
+    Entry(Registration made, Connection taken_by) : registration(std::move(made)), claimed_for(taken_by) {}
     const Registration registration;
-    std::atomic<Connection> claimed;  // the newest connection that somebody has made it on, or is about to
+    std::atomic<Connection> claimed_for;  // the newest connection on which a thread has made it or is about to
   };
 
-  template <typename Renew>
-  static void renew_once(Entry& entry, Connection newest, const Renew& renew) {
-    Connection claimed = entry.claimed;
-    while (claimed < newest) {
-      if (entry.claimed.compare_exchange_weak(claimed, newest)) {
-        renew(entry.registration, newest);
+  void renew_once(Entry& entry, Connection newest) {
+    Connection claimed_for = entry.claimed_for;
+    while (claimed_for < newest) {
+      if (entry.claimed_for.compare_exchange_weak(claimed_for, newest)) {
+        m_renew(entry.registration, newest);
         return;
       }
     }
@@ -76,6 +77,8 @@ class ReplayList {
     return *entry;
   }
 
+  const Binder& m_binder;
+  const Renew m_renew;
   Link m_head;
   std::atomic<Link*> m_last{&m_head};
 };

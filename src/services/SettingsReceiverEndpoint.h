@@ -1,4 +1,4 @@
-// Hears of the changes of one secure setting.
+// The receiver of the changes of one secure setting.
 #pragma once
 
 #include <functional>

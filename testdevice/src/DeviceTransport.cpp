@@ -10,9 +10,9 @@
 namespace orvel::testing {
 namespace {
 
-using test::Reply;
-using test::Target;
-using test::Transaction;
+using vesk::inprocess::Reply;
+using vesk::inprocess::Target;
+using vesk::inprocess::Transaction;
 
 // What the host runtime has too.
 constexpr std::chrono::seconds kCallLimit(30);
@@ -29,7 +29,7 @@ struct Caller : vesk_identity {
   bool deferred = false;
 };
 
-test::Bytes bytes_in(const vesk_payload& payload) {
+vesk::inprocess::Bytes bytes_in(const vesk_payload& payload) {
   const auto& bytes = payload.parcel.bytes();
   return {bytes.data(), bytes.size()};
 }
@@ -73,7 +73,7 @@ void DeviceTransport::answer(ClientCall& call, int error, const vesk_payload* re
     if (call.is_good) take_back(call);
     return;
   }
-  call.reply = {error == 0 && reply != nullptr ? bytes_in(*reply) : test::Bytes(), error};
+  call.reply = {error == 0 && reply != nullptr ? bytes_in(*reply) : vesk::inprocess::Bytes(), error};
   m_time.end(call.wait);
 }
 
@@ -259,7 +259,7 @@ void DeviceTransport::step_begins() {
 void DeviceTransport::looked_up(const std::string& service, bool found) {
   if (found) {
     m_time.service_started(service);
-  } else if (test::FakeVesk::on_run_loop()) {
+  } else if (vesk::inprocess::InprocessVesk::on_run_loop()) {
     m_time.set_missed(service);
   }
 }
@@ -284,7 +284,7 @@ using orvel::testing::Request;
 namespace {
 
 DeviceTransport& transport_of(void* runtime) {
-  return static_cast<DeviceTransport&>(*static_cast<orvel::test::FakeDevice*>(runtime));
+  return static_cast<DeviceTransport&>(*static_cast<vesk::inprocess::Device*>(runtime));
 }
 
 }  // namespace

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "VirtualTime.h"
-#include "vesk/inprocess/FakeMessages.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "vesk/inprocess/InprocessVesk.h"
+#include "vesk/inprocess/Messages.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::testing {
@@ -25,10 +25,10 @@ class DeviceTransport;
 
 // One call of the client's: its thread waits in it, the device's thread answers it.
 struct ClientCall {
-  const test::Transaction message;
+  const vesk::inprocess::Transaction message;
   const std::uint64_t life;  // of the service
   VirtualTime::Wait wait{VirtualTime::Wait::Kind::kCall};
-  test::Reply reply{{}, -EPIPE};
+  vesk::inprocess::Reply reply{{}, -EPIPE};
   bool hung_up = false;
   bool is_late = false;  // the client has stopped waiting
   bool is_good = false;  // the answer is a success
@@ -58,11 +58,11 @@ namespace orvel::testing {
 // Serves what registers with its runtime() to the client of this process. Everything that is not told by the client
 // runs on the device's thread, which is the run-loop thread that vesk_service.h speaks of; so the client's threads wait
 // for it in their calls, and it never waits for them.
-class DeviceTransport : public test::FakeDevice {
+class DeviceTransport : public vesk::inprocess::Device {
  public:
-  explicit DeviceTransport(test::FakeVesk& vesk) : m_vesk(vesk) { m_vesk.attach(this); }
+  explicit DeviceTransport(vesk::inprocess::InprocessVesk& vesk) : m_vesk(vesk) { m_vesk.attach(this); }
 
-  [[nodiscard]] void* runtime() { return static_cast<FakeDevice*>(this); }
+  [[nodiscard]] void* runtime() { return static_cast<vesk::inprocess::Device*>(this); }
 
   // ---- What the device asks of vesk.h and of vesk_service.h ----
 
@@ -110,16 +110,16 @@ class DeviceTransport : public test::FakeDevice {
     void* context;
   };
 
-  void send_to(const test::Target& target, unsigned code, const vesk_payload& request);
-  test::Reply take_call(const test::Transaction& message, std::uint64_t life);
+  void send_to(const vesk::inprocess::Target& target, unsigned code, const vesk_payload& request);
+  vesk::inprocess::Reply take_call(const vesk::inprocess::Transaction& message, std::uint64_t life);
   void dispatch(const std::shared_ptr<ClientCall>& call);
-  vesk_remote* remote_of(const test::Transaction& message, std::size_t index);
+  vesk_remote* remote_of(const vesk::inprocess::Transaction& message, std::size_t index);
   void take_back(const ClientCall& call);
-  void complete(std::uint64_t number, const test::Reply& answer);
+  void complete(std::uint64_t number, const vesk::inprocess::Reply& answer);
   void connection_closed(std::uint32_t connection);
   void names_withdrawn();
 
-  test::FakeVesk& m_vesk;
+  vesk::inprocess::InprocessVesk& m_vesk;
   VirtualTime& m_time = VirtualTime::instance();
   std::map<std::string, Service> m_services;
   std::uint64_t m_last_life = 0;

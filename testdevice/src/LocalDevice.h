@@ -17,7 +17,7 @@
 #include "VirtualTime.h"
 #include "device/Device.h"
 #include "orvel/testing/TestDevice.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "vesk/inprocess/InprocessVesk.h"
 
 namespace orvel::testing {
 
@@ -33,7 +33,7 @@ class DevicePlace {
 // Comes before the host that has its runtime. The place is left last, when nothing of the device is there any more.
 struct DeviceParts {
   DevicePlace place;
-  test::FakeVesk vesk;
+  vesk::inprocess::InprocessVesk vesk;
   DeviceTransport device{vesk};
 };
 

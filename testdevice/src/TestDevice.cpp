@@ -184,13 +184,13 @@ void TestDevice::repair(const std::string& service) {
 // ---- Time ----
 
 bool TestDevice::settle() {
-  if (test::FakeVesk::on_run_loop())
+  if (vesk::inprocess::InprocessVesk::on_run_loop())
     throw std::logic_error("TestDevice::settle in a callback, which it would wait for");
   return m_device->time().settle(kNoEnd);
 }
 
 void TestDevice::advance(std::chrono::nanoseconds duration) {
-  if (test::FakeVesk::on_run_loop())
+  if (vesk::inprocess::InprocessVesk::on_run_loop())
     throw std::logic_error("TestDevice::advance in a callback, which it would wait for");
   m_device->time().advance(duration);
 }

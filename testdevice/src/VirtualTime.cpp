@@ -5,7 +5,7 @@
 
 #include "binder/Waiting.h"
 #include "device/Timer.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "vesk/inprocess/InprocessVesk.h"
 
 namespace orvel::testing {
 
@@ -83,7 +83,7 @@ bool VirtualTime::wait(Wait& wait, Duration limit) {
   if (!wait.over) {
     wait.id = {m_now + limit, ++m_last_id};
     m_waits.emplace(wait.id, &wait);
-    wait.of_loop = test::FakeVesk::on_run_loop();
+    wait.of_loop = vesk::inprocess::InprocessVesk::on_run_loop();
     m_loop_waits = m_loop_waits || wait.of_loop;
     if (sleeps && !wait.of_loop) ++m_sleepers;
     m_changed.notify_all();

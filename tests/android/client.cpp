@@ -5,13 +5,12 @@
 
 #include "orvel/OrvelDelegateClient.h"
 #include "support/Services.h"
-#include "vesk/inprocess/Bytes.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 
 int main() {
-  FakeVesk vesk;
+  InprocessVesk vesk;
   const Bytes answer = Bytes().i32(0).utf16("notanumber");
   for (const char* name : kServices) {
     vesk.add_service(name, [&answer](const Transaction&) { return Reply{answer, 0}; });

@@ -1,285 +1,296 @@
 // What a person types and gets: results, messages, exit statuses.
-#include <pty.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
 
 #include "Device.h"
 
 namespace orvel::e2e {
 namespace {
 
-TEST_F(NoDevice, AMissingOrKilledDeviceIsSaidInOneLineWithItsDirectory) {
-  const auto expect_no_device = [&](const Words& words) {
-    const Result result = run(words);
-    EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.output, "");
-    EXPECT_NE(result.error.find(directory()), std::string::npos) << result.error;
-    EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << "not one line: " << result.error;
-  };
-  expect_no_device({"orvelctl", "device"});
-  expect_no_device({"orvel-sim", "state"});
+using CommandLine = NoDevice;
 
-  const auto device = start({"orvel-sim", "run"});
-  device->waitForOutput("serving in ");
-  device->signal(SIGKILL);
-  device->wait();
-  EXPECT_TRUE(std::filesystem::exists(directory()));
-  expect_no_device({"orvelctl", "get", "name"});
-  expect_no_device({"orvel-sim", "screen", "on"});
+TEST_F(CommandLine, WrongWordsListWhatThereIs) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"orvelctl frobnicate", "there are device, get, setting"},
+      {"orvelctl get shoe-size", "serial-number"},
+      {"orvelctl setting ''", "key: it is empty"},
+      {"orvelctl setting k --default 99999999999", "--default"},
+      {"orvelctl device --log-level loud", "warning"},
+      {"orvelctl watch shoes", "setting:"},
+      {"orvelctl watch setting:", "setting:"},
+      {"orvelctl watch setting", "setting:"},
+      {"orvelctl watch ''", "setting:"},
+      {"orvelctl am", "am: a subcommand is required; there are broadcast, "},
+      {"orvelctl am broadcast -a X --ei k 99999999999", "--ei k: expected a number of 32 bits"},
+      {"orvelctl am start -a X --es k 1 --es k 2", "--es k: given twice"},
+      {"orvelctl am start -n com.example.app", "expected PACKAGE/CLASS"},
+      {"orvelctl am start -n a/.B c/.D", "'c/.D' and --component exclude each other"},
+      {"orvel-sim frobnicate", "set, unset, screen"},
+      {"orvel-sim kill toaster", "no service is called toaster; there are delegate, power"},
+      {"orvel-sim delay power getName 5", "isInteractive, wakeUpDevice, getVersion"},
+      {"orvel-sim delay power -5", "a number or off is expected"},
+      {"orvel-sim set shoeSize 42", "delegate serialNumber TEXT"},
+      {"orvel-sim set screenOn maybe", "/power/screenOn: expected true or false"},
+      {"orvel-sim run --scenario buzzy -- true", "no scenario is called buzzy; there are asleep, busy, "},
+      {"orvel-sim run --scenario busy.json", "busy.json: cannot be read"},
+      {"orvel-sim replay $T/none", "none: cannot be read"},
+      {"directive-handler", "usage: directive-handler NAMESPACE"},
+      {"directive-handler ''", "usage: directive-handler NAMESPACE"},
+      {"status-line 0", "usage: status-line [SECONDS]"},
+      {"status-line soon", "usage: status-line [SECONDS]"},
+  };
+  for (const auto& [command, error] : rows) expectRows({{command, "", 2, error}});
+  expectRows({{"orvelctl watch --help", "...The network is the exception"}});
 }
 
-TEST_F(NoDevice, WrongWordsListWhatThereIs) {
-  const struct {
-    Words words;
-    const char* expected;
-  } rows[] = {
-      {{"orvelctl", "frobnicate"}, "there are device, get, setting"},
-      {{"orvelctl", "get", "shoe-size"}, "serial-number"},
-      {{"orvelctl", "setting", ""}, "key: it is empty"},
-      {{"orvelctl", "setting", "k", "--default", "99999999999"}, "--default"},
-      {{"orvelctl", "device", "--log-level", "loud"}, "warning"},
-      {{"orvelctl", "am"}, "am: a subcommand is required; there are broadcast, "},
-      {{"orvelctl", "am", "broadcast", "-a", "X", "--ei", "k", "99999999999"}, "--ei k: expected a number of 32 bits"},
-      {{"orvelctl", "am", "start", "-a", "X", "--es", "k", "1", "--es", "k", "2"}, "--es k: given twice"},
-      {{"orvelctl", "am", "start", "-n", "com.example.app"}, "expected PACKAGE/CLASS"},
-      {{"orvelctl", "am", "start", "-n", "a/.B", "c/.D"}, "'c/.D' and --component exclude each other"},
-      {{"orvel-sim", "frobnicate"}, "set, unset, screen"},
-      {{"orvel-sim", "kill", "toaster"}, "no service is called toaster; there are delegate, power"},
-      {{"orvel-sim", "delay", "power", "getName", "5"}, "isInteractive, wakeUpDevice, getVersion"},
-      {{"orvel-sim", "delay", "power", "-5"}, "a number or off is expected"},
-      {{"orvel-sim", "set", "shoeSize", "42"}, "delegate serialNumber TEXT"},
-      {{"orvel-sim", "set", "screenOn", "maybe"}, "/power/screenOn: expected true or false"},
-  };
-  for (const auto& row : rows) {
-    const Result result = run(row.words);
-    EXPECT_EQ(result.status, 2) << row.words[1];
-    EXPECT_NE(result.error.find(row.expected), std::string::npos) << result.error;
-  }
-}
-
-TEST_F(NoDevice, AWrongScenarioIsRefusedWithThePathOfWhatIsWrong) {
-  const struct {
-    const char* scenario;
-    const char* expected;
-  } rows[] = {
+TEST_F(CommandLine, AWrongScenarioIsRefusedWithThePathOfWhatIsWrong) {
+  const std::pair<const char*, const char*> rows[] = {
       {R"({"delegate": {"settings": {"foo": 7}}})", "/delegate/settings/foo: expected a string"},
       {R"({"delegate": {"nmae": "x"}})", "/delegate/nmae: unknown key; there are name"},
-      {R"({"delegate": {"info": ["a", 2]}})", "/delegate/info/1: expected a string"},
-      {R"({"power": {"interfaceVersion": 1.5}})", "/power/interfaceVersion: expected a whole number"},
       {R"({"power": {"faults": {"isInteractiv": {}}}})", "/power/faults/isInteractiv: unknown key"},
       {R"({"power": {"faults": {"*": {"delayMs": -1}}}})", "/power/faults/*/delayMs: expected a whole number from 0"},
       {R"({"delegate": {"name": "a\u0000b"}})", "/delegate/name: holds a NUL"},
       {"[]", "/: expected an object"},
       {"{\n\"power\": {,}}", "line 2"},
   };
-  const std::string file = temporary() / "scenario.json";
-  for (const auto& row : rows) {
-    std::ofstream(file) << row.scenario;
-    const Result result = run({"orvel-sim", "run", "--scenario", file, "--", "/bin/true"});
-    EXPECT_EQ(result.status, 2) << row.scenario;
-    EXPECT_NE(result.error.find(row.expected), std::string::npos) << result.error;
+  for (const auto& [scenario, error] : rows) {
+    std::ofstream(file("scenario.json")) << scenario;
+    expectRows({{"orvel-sim run --scenario $T/scenario.json -- true", "", 2, error}});
   }
 }
 
-TEST_F(NoDevice, ACommandGetsADeviceOfItsOwnAndNothingStaysBehind) {
-  const struct {
-    Words command;
-    int status;
-  } rows[] = {
-      {{"/bin/sh", "-c", "test \"$ORVEL_RUNTIME_DIR\" != \"$0\"", directory()}, 0},
-      {{"/bin/sh", "-c", ORVEL_BIN "/orvelctl get name; exit 7"}, 7},
-      {{"/bin/sh", "-c", "kill -9 $$"}, 137},
-      {{"/nonexistent"}, 127},
+TEST_F(CommandLine, AMissingOrKilledDeviceIsSaidInOneLineWithItsDirectory) {
+  const auto expectNoDevice = [this](const std::string& command) {
+    const Result result = run(command);
+    EXPECT_EQ(result.status, 3) << command;
+    EXPECT_EQ(result.output, "");
+    EXPECT_TRUE(has(result.error, directory())) << result.error;
+    EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << "not one line: " << result.error;
   };
-  for (const Words& mode : {Words{}, Words{"--isolate"}}) {
-    for (const auto& row : rows) {
-      const Result result = run(Words{"orvel-sim", "run"} + mode + Words{"--"} + row.command);
-      EXPECT_EQ(result.status, row.status) << result.error;
-    }
+  expectNoDevice("orvelctl watch");
+  expectNoDevice("orvel-sim state");
+  for (const char* example : {"status-line", "package-watcher", "directive-handler Alerts"}) {
+    expectRows({{example, "", 1, ": there is no device"}});
   }
-  const auto device = start({"orvel-sim", "run", "--isolate", "--", "/bin/sh", "-c",
-                             "trap 'echo told; exit 5' TERM; echo up; while :; do sleep 0.01; done"});
-  device->waitForOutput("up");
-  device->signal(SIGTERM);
-  EXPECT_EQ(device->wait(), 5);
-  EXPECT_TRUE(std::filesystem::is_empty(temporary()));
+  const auto device = serve();
+  device->signal(SIGKILL);
+  device->wait();
+  EXPECT_TRUE(std::filesystem::exists(directory()));
+  expectNoDevice("orvelctl get name");
+  expectNoDevice("orvel-sim screen on");
 }
 
-TEST_F(NoDevice, WhatStateShowsIsAScenarioThatGivesTheSameDevice) {
-  const std::string file = temporary() / "scenario.json";
-  std::ofstream(file) << R"({"delegate": {"name": "Büro 💡", "customerId": "", "settings": {"k": "-3"}},
-                             "power": {"screenOn": false, "faults": {"getVersion": {"exception": {"code": -8}}}}})";
-  const Result state = run({"orvel-sim", "run", "--scenario", file, "--", ORVEL_BIN "/orvel-sim", "state"});
-  std::ofstream(file) << state.output;
-  const auto with_it = [&](const Words& query) {
-    return run(Words{"orvel-sim", "run", "--scenario", file, "--", ORVEL_BIN "/orvelctl"} + query);
-  };
-  EXPECT_EQ(with_it({"get", "name"}).output, "Büro 💡\n");
-  EXPECT_EQ(with_it({"get", "registered"}).output, "no\n");
-  EXPECT_EQ(with_it({"setting", "k"}).output, "-3\n");
-  EXPECT_EQ(with_it({"screen"}).output, "off\n");
-  EXPECT_EQ(with_it({"wake-lock", "partial"}).status, 1);
-}
-
-TEST_P(Device, EachQueryPrintsItsValueAsTextAndAsOneObject) {
+TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
+  const auto device = serve();
+  std::ofstream(file("package")) << R"({"versionCode": -7, "versionName": "1.0 β", "uid": 10777,
+      "metaData": {"n": 5, "t": "five"}, "resources": {"2131427329": "line 1\nline 2"},
+      "receivers": [{"class": "A", "actions": ["com.example.X"]}, {"class": "B", "actions": ["com.example.X"]}]})";
+  order("set packages package app \"$(cat $T/package)\"");
+  order("process start app:work --package app --importance 125");
   const struct {
-    Words query;
-    const char* text;
-    const char* object;
+    const char *query, *text, *object;  // the object may be a part
   } rows[] = {
-      {{"get", "name"}, "Kitchen Display\n", R"({"name":"Kitchen Display"})"},
-      {{"get", "serial-number"}, "OQ24-0713-5521\n", R"({"serialNumber":"OQ24-0713-5521"})"},
-      {{"get", "type"}, "QDT-DISPLAY-8\n", R"({"type":"QDT-DISPLAY-8"})"},
-      {{"get", "customer-id"}, "quarlo.account.7Q2M4X\n", R"({"customerId":"quarlo.account.7Q2M4X"})"},
-      {{"get", "country"}, "DE\n", R"({"country":"DE"})"},
-      {{"get", "marketplace"}, "QMP-DE-01\n", R"({"marketplace":"QMP-DE-01"})"},
-      {{"get", "registered"}, "yes\n", R"({"registered":true})"},
-      {{"setting", "some_key", "--default", "-7"}, "-7\n", R"({"key":"some_key","value":-7})"},
-      {{"setting", "volume_alarm"}, "5\n", R"({"key":"volume_alarm","value":5})"},
-      {{"screen"}, "on\n", R"({"screenOn":true})"},
-      {{"assistant"}, "connected\n", R"({"assistantConnected":true})"},
-      {{"network"}, "disconnected\n", R"({"networkConnected":false})"},
-      {{"wake-lock", "partial"}, "acquired\n", R"({"wakeLock":"partial","acquired":true})"},
-      {{"wake-lock", "full"}, "acquired\n", R"({"wakeLock":"full","acquired":true})"},
+      {"get name", "Kitchen Display", R"({"name":"Kitchen Display"})"},
+      {"get serial-number", "OQ24-0713-5521", R"({"serialNumber":"OQ24-0713-5521"})"},
+      {"get type", "QDT-DISPLAY-8", R"({"type":"QDT-DISPLAY-8"})"},
+      {"get customer-id", "quarlo.account.7Q2M4X", R"({"customerId":"quarlo.account.7Q2M4X"})"},
+      {"get country", "DE", R"({"country":"DE"})"},
+      {"get marketplace", "QMP-DE-01", R"({"marketplace":"QMP-DE-01"})"},
+      {"get registered", "yes", R"({"registered":true})"},
+      {"setting some_key --default -7", "-7", R"({"key":"some_key","value":-7})"},
+      {"setting volume_alarm", "5", R"({"key":"volume_alarm","value":5})"},
+      {"screen", "on", R"({"screenOn":true})"},
+      {"assistant", "connected", R"({"assistantConnected":true})"},
+      {"network", "disconnected", R"({"networkConnected":false})"},
+      {"wake-lock partial", "acquired", R"({"wakeLock":"partial","acquired":true})"},
+      {"wake-lock full", "acquired", R"({"wakeLock":"full","acquired":true})"},
+      {"pm version-code app", "-7", R"({"package":"app","versionCode":"-7"})"},
+      {"pm version-name app", "1.0 β", R"({"package":"app","versionName":"1.0 β"})"},
+      {"pm meta-data app n --int", "5", R"("key":"n","value":5)"},
+      {"pm meta-data app t --default ?", "five", R"("value":"five")"},
+      {"pm meta-data app n --default ?", "?", R"("value":"?")"},
+      {"pm meta-data app t --flags 0", "", R"("value":"")"},
+      {"pm resource app 0x7f0b0001", "line 1\nline 2", R"("text":"line 1\nline 2")"},
+      {"pm resource app 1", "", R"("text":"")"},
+      {"pm list packages --uid 10777", "app", R"({"uid":10777,"packages":["app"]})"},
+      {"pm has-feature android.hardware.wifi", "true", R"("available":true)"},
+      {"pm has-feature com.example.none", "false", R"("available":false)"},
+      {"pm query-receivers com.example.X", "app\napp", R"("action":"com.example.X")"},
+      {"am process-state app", "importance 125", R"("running":true,"importance":125,"focused":false)"},
+      {"am process-state none", "not running", R"("running":false,"importance":-1)"},
+      {"am start app", "started", R"({"started":true})"},
+      {"am process-state app", "importance 100, focused", R"("focused":true)"},
   };
   for (const auto& row : rows) {
-    const Result text = run(Words{"orvelctl"} + row.query);
-    EXPECT_EQ(text.status, 0) << text.error;
-    EXPECT_EQ(text.output, row.text);
-    EXPECT_EQ(run(Words{"orvelctl"} + row.query + Words{"--json"}).output, std::string(row.object) + "\n");
+    const std::string query = std::string("orvelctl ") + row.query;
+    expectRows({{query, (std::string(row.text) + "\n").c_str()},
+                {query + " --json", (std::string("...") + row.object).c_str()}});
   }
-  EXPECT_EQ(run({"orvelctl", "--json", "device"}).output,
-            R"({"name":"Kitchen Display","serialNumber":"OQ24-0713-5521","type":"QDT-DISPLAY-8",)"
-            R"("customerId":"quarlo.account.7Q2M4X","country":"DE","marketplace":"QMP-DE-01","registered":true,)"
-            R"("screenOn":true,"assistantConnected":true})"
-            "\n");
+  expectRows({{"orvelctl pm list packages --uid 1", ""},
+              {"orvelctl pm list packages --uid 1 --json", "...\"packages\":[]"},
+              {"orvelctl pm list packages | grep -cx app", "1\n"},
+              {"orvelctl am foreground | grep -cx app", "1\n"},
+              {"orvelctl --json device",
+               R"({"name":"Kitchen Display","serialNumber":"OQ24-0713-5521","type":"QDT-DISPLAY-8",)"
+               R"("customerId":"quarlo.account.7Q2M4X","country":"DE","marketplace":"QMP-DE-01","registered":true,)"
+               R"("screenOn":true,"assistantConnected":true})"
+               "\n"}});
 }
 
-TEST_P(Device, AFailureIsToldFromAnEmptyResultByItsStatus) {
-  order({"set", "setting", "word", "seven"});
-  order({"set", "power", "interfaceVersion", "1"});
-  order({"exception", "delegate", "getDeviceName", "--code", "-8", "--message", "boom", "--trace", "at work"});
-  order({"truncate", "delegate", "getCOR", "4"});
-  order({"hang", "delegate", "getPFM"});
-  shortenCallLimit();
-  const struct {
-    Words query;
-    int status;
-    const char* output;
-    const char* error;
-  } rows[] = {
-      {{"get", "name"}, 1, "", "Received error: -8 [boom]"},
-      {{"get", "name"}, 1, "", "Stack Trace: at work"},
-      {{"get", "country"}, 0, "\n", ""},
-      {{"get", "marketplace"}, 4, "", "did not answer in time"},
-      {{"get", "marketplace", "--timeout", "0.1"}, 4, "", "gave up after 0.1 s"},
-      {{"setting", "word"}, 1, "", "setting word: its value is not a number"},
-      {{"wake-lock", "partial"}, 1, "", "not available in interface version 1"},
-      {{"device", "--json"}, 1, R"("country":"","marketplace":null,)", ""},
-      {{"device"}, 1, "marketplace    ?\n", ""},
-  };
-  for (const auto& row : rows) {
-    const Result result = run(Words{"orvelctl"} + row.query);
-    EXPECT_EQ(result.status, row.status) << result.error;
-    EXPECT_NE(result.output.find(row.output), std::string::npos) << result.output;
-    EXPECT_NE(result.error.find(row.error), std::string::npos) << result.error;
-  }
-}
-
-TEST_P(Device, AnAbsentServiceIsNamedAndAnInterruptEndsTheWait) {
-  order({"kill", "delegate"});
+TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
+  const auto device = serve("--isolate");
+  expectRows({{"orvel-sim set setting word seven"},
+              {"orvel-sim set power interfaceVersion 1"},
+              {"orvel-sim exception delegate getDeviceName --code -8 --message boom --trace 'at work'"},
+              {"orvel-sim exception delegate sendBroadcast --message 'not now'"},
+              {"orvel-sim exception delegate registerForSecureSettings"},
+              {"orvel-sim truncate delegate getCOR 4"},
+              {"orvel-sim truncate activity 8"},
+              {"orvel-sim hang delegate getPFM"}});
+  limitCalls(800);
+  expectRows({{"orvelctl get name", "", 1, "Received error: -8 [boom]"},
+              {"orvelctl get name", "", 1, "Stack Trace: at work"},
+              {"orvelctl get country", "\n"},
+              {"orvelctl get marketplace", "", 4, "did not answer in time"},
+              {"orvelctl get marketplace --timeout 0.1", "", 4, "gave up after 0.1 s"},
+              {"orvelctl setting word", "", 1, "setting word: its value is not a number"},
+              {"orvelctl wake-lock partial", "", 1, "not available in interface version 1"},
+              {"orvelctl device --json", R"(..."country":"","marketplace":null,)", 1},
+              {"orvelctl device", "...marketplace    ?\n", 1},
+              {"orvelctl pm version-code none", nullptr, 1},
+              {"orvelctl am launch none", nullptr, 1},
+              {"orvelctl am foreground", nullptr, 1},
+              {"orvelctl am broadcast -a X", nullptr, 1},
+              {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
+  limitCalls();
+  order("kill delegate");
   for (const int signal : {SIGINT, SIGTERM}) {
-    const auto waiting = start({"orvelctl", "get", "name"});
-    waiting->waitForError("waiting for service orvel_delegate");
+    const auto waiting = start("orvelctl get name", "waiting for service orvel_delegate");
     waiting->signal(signal);
     EXPECT_EQ(waiting->wait(), 128 + signal);
     EXPECT_EQ(waiting->output(), "");
   }
 }
 
-TEST_F(NoDevice, AServiceThatWasGivenUpIsStatus5) {
-  const char* script = ORVEL_BIN "/orvel-sim kill power; exec " ORVEL_BIN "/orvelctl-fast --log-level silent screen";
-  const Result result = run({"orvel-sim", "run", "--", "/bin/sh", "-c", script});
-  EXPECT_EQ(result.status, 5);
-  EXPECT_NE(result.error.find("screen: service com.quarlo.orvel.powermanager is not bound"), std::string::npos)
-      << result.error;
+TEST_F(CommandLine, EachResultOfAnEventIsToldWithItsAdviceAndItsStatus) {
+  const auto device = serve("--isolate");
+  const struct {
+    const char* result;
+    int status;
+    const char* output;
+  } rows[] = {
+      {"SUCCESS", 0, "SUCCESS\n"},
+      {"SUCCESS_NO_CONTENT --before", 0, "SUCCESS_NO_CONTENT\n"},
+      {"MARO_DISCONNECTED --twice", 1, "MARO_DISCONNECTED, may be tried again\n"},
+      {"INTERNAL_ERROR --delay 20", 1, "INTERNAL_ERROR, may be tried again\n"},
+      {"TIMEOUT", 1, "TIMEOUT, may be tried again\n"},
+      {"INVALID_EVENT", 1, "INVALID_EVENT, not to be tried again\n"},
+      {"-1", 1, "UNKNOWN_ERROR, may be tried again\n"},
+      {"SUCCESS --malformed", 1, "UNKNOWN_ERROR, may be tried again\n"},
+      {"SUCCESS --never", 4, ""},
+      {"SUCCESS --reply 2", 1, ""},
+  };
+  for (const auto& [result, status, output] : rows) {
+    order(std::string("event-result ") + result);
+    expectRows({{std::string("orvelctl event N n --timeout ") + (status == 4 ? "0.2" : "20"), output, status}});
+  }
 }
 
-TEST_P(Device, WhatCannotBeWrittenIsAFailureSaidInOneLine) {
-  order({"set", "name", std::string(20'000, 'x')});  // more than is kept back before it is written
-  const char* nowhere[] = {" >/dev/full", " >&-", " >&4 4>&-"};
-  for (const char* command :
-       {"orvelctl get name", "orvelctl --json device", "orvelctl pm list packages", "orvelctl doctor",
-        "orvelctl --json doctor", "orvelctl --help", "orvelctl --help-all", "orvel-sim state", "orvel-sim state --json",
-        "orvel-sim services --json", "orvel-sim traffic --past", "orvel-sim --help"}) {
-    for (const char* redirection : nowhere) {
-      // Descriptor 4 is a pipe that nobody reads.
-      const std::string script =
-          "mkfifo $TMPDIR/p; exec 3<>$TMPDIR/p 4>$TMPDIR/p 3<&-; rm $TMPDIR/p; exec " ORVEL_BIN "/";
-      const Result result = run({"/bin/sh", "-c", script + command + redirection});
+TEST_F(CommandLine, EachVerbShowsWhatIsInForceInWordsThatWouldSetIt) {
+  const auto device = serve();
+  const struct {
+    const char *set, *read, *shown;
+  } rows[] = {
+      {"", "screen", "on\n"},
+      {"screen off", "screen", "off\n"},
+      {"", "screen --json", "false\n"},
+      {"", "account", "added quarlo.account.7Q2M4X\n"},
+      {"account added a.b", "account", "added a.b\n"},
+      {"set customerId '<unknown>'", "account", "removed\n"},
+      {"maro disconnected", "maro", "disconnected\n"},
+      {"network disconnected", "network", "disconnected\n"},
+      {"", "event-result", "SUCCESS\n"},
+      {"event-result 4 --delay 5 --reply 0 --twice", "event-result", "TIMEOUT --delay 5 --reply 0 --twice\n"},
+      {"event-result -3", "event-result", "-3\n"},
+      {"", "delay", ""},
+      {"delay delegate 5", "delay", "delegate * 5\n"},
+      {"delay delegate getDeviceName 7", "delay delegate", "delegate * 5\ndelegate getDeviceName 7\n"},
+      {"", "delay delegate getDeviceName", "delegate getDeviceName 7\n"},
+      {"delay delegate '*' off", "delay --json",
+       R"({"service":"delegate","method":"getDeviceName","value":7})"
+       "\n"},
+      {"delay delegate getDeviceName off", "get delegate faults", "{}\n"},
+      {"hang power", "hang", "power * on\n"},
+      {"drop power isInteractive 3", "drop", "power isInteractive 3\n"},
+      {"drop power isInteractive", "drop", "power isInteractive on\n"},
+      {"error metrics -74", "error", "metrics * -74\n"},
+      {"truncate coordinator 0", "truncate", "coordinator * 0\n"},
+      {"exception events --code -1 --message no", "exception",
+       "events * {\"code\":-1,\"message\":\"no\",\"trace\":\"\"}\n"},
+      {"flap events 600000 3", "flap", "events 600000 3\n"},
+      {"flap events 600000", "flap events", "events 600000\n"},
+      {"flap events off", "flap", ""},
+      {"set processes '{}'", "process", ""},
+      {"process start a --uid 7", "process --json",
+       R"({"process":"a","pid":4000,"uid":7,"importance":400,"packages":["a"],"focused":false})"
+       "\n"},
+      {"set packages packages '{}'", "package", ""},
+      {"set name 'a \"b\"'", "get name", "a \"b\"\n"},
+      {"", "get name --json", "\"a \\\"b\\\"\"\n"},
+      {"kill metrics", "get metrics alive", "false\n"},
+  };
+  for (const auto& row : rows) {
+    if (*row.set != '\0') order(row.set);
+    expectRows({{std::string("orvel-sim ") + row.read, row.shown}});
+  }
+  expectRows({{"orvel-sim get setting volume 2>&1", "orvel-sim: /delegate/settings/volume is not set\n", 1}});
+  EXPECT_EQ(view("get"), view("state"));
+}
+
+TEST_F(CommandLine, WhatStateShowsIsAScenarioThatGivesTheSameDevice) {
+  std::ofstream(file("a.json")) << R"({"delegate": {"name": "Büro 💡", "customerId": "", "settings": {"k": "-3"}},
+      "power": {"screenOn": false, "faults": {"getVersion": {"exception": {"code": -8}}}}})";
+  expectRows({{"orvel-sim run --scenario $T/a.json -- orvel-sim state >$T/b.json"},
+              {"orvel-sim run --scenario $T/b.json -- sh -c 'orvelctl get name; orvelctl get registered; "
+               "orvelctl setting k; orvelctl screen; orvelctl wake-lock partial; echo $?'",
+               "Büro 💡\nno\n-3\noff\n1\n"}});
+}
+
+TEST_F(CommandLine, WhatCannotBeWrittenIsAFailureSaidInOneLine) {
+  expectRows({{"orvel-sim run >/dev/full", "", 1}});
+  const auto device = serve("--isolate");
+  order("set name " + std::string(20'000, 'x'));  // more than is kept back before it is written
+  for (const std::string command : {"orvelctl get name", "orvelctl --json device", "orvelctl doctor",
+                                    "orvelctl --json doctor", "orvelctl --help-all", "orvel-sim state",
+                                    "orvel-sim services --json", "orvel-sim traffic --past", "orvel-sim --help"}) {
+    for (const char* redirection : {" >/dev/full", " >&-", " >&4 4>&-"}) {
+      // Descriptor 4 is a pipe without a reader.
+      const Result result = run("mkfifo $T/p; exec 3<>$T/p 4>$T/p 3<&-; rm $T/p; exec " + command + redirection);
       EXPECT_EQ(result.status, 1) << command << redirection;
-      EXPECT_NE(result.error.find("cannot write to standard output: "), std::string::npos) << result.error;
+      EXPECT_TRUE(has(result.error, "cannot write to standard output: ")) << result.error;
       EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << command << redirection << ":\n" << result.error;
     }
   }
-  const auto watcher = start({"/bin/sh", "-c", "exec " ORVEL_BIN "/orvelctl --json watch screen >/dev/full"});
-  watcher->waitForError("orvelctl: watching ");
-  order({"screen", "off"});
+  const auto watcher = start("orvelctl --json watch screen >/dev/full", "orvelctl: watching ");
+  order("screen off");
   EXPECT_EQ(watcher->wait(), 1);
 }
 
-TEST_F(NoDevice, ADeviceThatCannotSayThatItServesEnds) {
-  EXPECT_EQ(run({"/bin/sh", "-c", "exec " ORVEL_BIN "/orvel-sim run >/dev/full"}).status, 1);
-}
-
-// What a program writes to a terminal of the kind.
-std::string onTerminal(const Words& words, const Words& environment) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (child == 0) {
-    for (const std::string& variable : environment) putenv(const_cast<char*>(variable.c_str()));
-    std::vector<char*> pointers;
-    for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
-    pointers.push_back(nullptr);
-    execv((ORVEL_BIN "/" + words.front()).c_str(), pointers.data());
-    _exit(127);
-  }
-  std::string text;
-  char bytes[512];
-  for (ssize_t size = 0; (size = read(terminal, bytes, sizeof(bytes))) > 0;)
-    text.append(bytes, static_cast<std::size_t>(size));
-  close(terminal);
-  waitpid(child, nullptr, 0);
-  return text;
-}
-
-TEST_F(NoDevice, ColoursAreForTerminalsThatShowThemAndPeopleWhoWantThem) {
-  const struct {
-    Words variables;
-    bool coloured;
-  } rows[] = {
-      {{"TERM=xterm", "NO_COLOR="}, true},
-      {{"TERM=xterm", "NO_COLOR=1"}, false},
-      {{"TERM=dumb", "NO_COLOR="}, false},
-      {{"TERM=", "NO_COLOR="}, false},
+TEST_F(CommandLine, ColoursAreForTerminalsThatShowThemAndPeopleWhoWantThem) {
+  const std::pair<const char*, bool> rows[] = {
+      {"TERM=xterm NO_COLOR=", true},
+      {"TERM=xterm NO_COLOR=1", false},
+      {"TERM=dumb NO_COLOR=", false},
+      {"TERM= NO_COLOR=", false},
   };
-  for (const Words& words : {Words{"orvelctl", "get", "shoe-size"}, Words{"orvelctl", "doctor"},
-                             Words{"orvel-sim", "kill", "toaster"}, Words{"orvel-sim", "frobnicate"}}) {
-    for (const auto& row : rows) {
-      const std::string text = onTerminal(words, environment() + row.variables);
-      EXPECT_EQ(text.find("\x1b[1;31m") != std::string::npos, row.coloured) << row.variables.front() << ": " << text;
-      EXPECT_EQ(text.find('\x1b') != std::string::npos, row.coloured) << text;
+  for (const std::string command : {"orvelctl get shoe-size", "orvelctl doctor", "orvel-sim kill toaster"}) {
+    for (const auto& [variables, coloured] : rows) {
+      const std::string text = outputOf(std::string(variables) + " script -qec '" + command + "' /dev/null");
+      EXPECT_EQ(has(text, "\x1b[1;31m"), coloured) << variables << ": " << text;
+      EXPECT_EQ(has(text, "\x1b"), coloured) << text;
     }
-    const Result piped = e2e::run(words, environment() + Words{"TERM=xterm", "NO_COLOR="});
-    EXPECT_EQ((piped.output + piped.error).find('\x1b'), std::string::npos) << piped.error;
+    EXPECT_FALSE(has(outputOf("TERM=xterm NO_COLOR= " + command + " 2>&1"), "\x1b"));
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(, Device, ::testing::Values(false, true),
-                         [](const auto& mode) { return mode.param ? "Isolated" : "InOneProcess"; });
 
 }  // namespace
 }  // namespace orvel::e2e

@@ -1,22 +1,10 @@
 // What a person gets in bash for a line that ends at the cursor, and the manual pages.
 #include <signal.h>
 
-#include <chrono>
-#include <set>
-
 #include "Device.h"
 
 namespace orvel::e2e {
 namespace {
-
-// Programs may be slow under a sanitizer, on a busy machine. For one test.
-class MoreTime {
- public:
-  explicit MoreTime(const char* milliseconds) { setenv("ORVEL_COMPLETION_MS", milliseconds, 1); }
-  ~MoreTime() { unsetenv("ORVEL_COMPLETION_MS"); }
-  MoreTime(const MoreTime&) = delete;
-  MoreTime& operator=(const MoreTime&) = delete;
-};
 
 // Sources the file that is installed, and gives what its function leaves for the shell, one candidate a line.
 constexpr char kAsk[] = R"(
@@ -27,26 +15,31 @@ constexpr char kAsk[] = R"(
   ((${#COMPREPLY[@]} == 0)) || printf '%s\n' "${COMPREPLY[@]}"
 )";
 
-class Completion : public Device {
+class Completion : public NoDevice {
  protected:
+  // Programs may be slow under a sanitizer, on a busy machine.
   std::string complete(const std::string& line) const {
+    Words environment = NoDevice::environment();
+    environment.emplace_back("ORVEL_COMPLETION_MS=15000");
     const std::string program = line.substr(0, line.find(' '));
-    const Result result = run({"/bin/bash", "-c", kAsk, "bash", ORVEL_COMPLETION, line, ORVEL_BIN "/" + program});
+    const Result result = test::run({"/bin/bash", "-c", kAsk, "bash", ORVEL_COMPLETION, line, program}, environment);
     EXPECT_EQ(result.status, 0) << line << ": " << result.error;
     return result.output;
   }
 };
 
-TEST_P(Completion, WhatTheDeviceHoldsAtTheMomentCompletesBothPrograms) {
-  const MoreTime moreTime("20000");
-  order({"set", "setting", "two words", "1"});
-  order({"set", "setting", "colon:ed", "1"});
-  const auto holder = start({"orvelctl", "directive", "Speaker:1"});
-  holder->waitForError("watching");
-  const struct {
-    const char* line;
-    const char* replies;
-  } rows[] = {
+TEST_F(Completion, WhatTheDeviceHoldsAtTheMomentCompletesBothPrograms) {
+  // What needs no device is there without one.
+  EXPECT_EQ(complete("orvel-sim exception pow"), "power\n");
+  EXPECT_EQ(complete("orvel-sim set connectivity net"), "networkConnected\n");
+  EXPECT_EQ(complete("orvel-sim set setting "), "");
+  EXPECT_EQ(complete("orvel-sim serve-a"), "");
+
+  const auto device = serve();
+  order("set setting 'two words' 1");
+  order("set setting colon:ed 1");
+  const auto holder = start("orvelctl directive Speaker:1", "watching");
+  const std::pair<const char*, const char*> rows[] = {
       {"orvelctl get cus", "customer-id\n"},
       {"orvelctl --log-level=wa", "warning\n"},
       {"orvelctl setting loc", "location_mode\n"},
@@ -81,61 +74,23 @@ TEST_P(Completion, WhatTheDeviceHoldsAtTheMomentCompletesBothPrograms) {
       {"orvel-sim hang nobody ", ""},
       {"orvel-sim run -- orvelctl de", ""},
   };
-  for (const auto& row : rows) {
-    std::string replies = complete(row.line);
-    EXPECT_EQ(replies, row.replies) << row.line;
-  }
+  for (const auto& [line, replies] : rows) EXPECT_EQ(complete(line), replies) << line;
 }
 
-TEST_P(Completion, ADeviceThatDoesNotAnswerCostsOnlyItsOwnWords) {
-  m_device->signal(SIGSTOP);
-  const auto began = std::chrono::steady_clock::now();
-  // Ended by its own limit: by nothing else it could be.
-  EXPECT_EQ(run({"orvelctl", "--complete", "orvelctl setting loc", ""}).status, 128 + SIGALRM);
-  const MoreTime moreTime("3000");  // on any machine enough for what comes before the wait
-  const Result fields = run({"orvel-sim", "--complete", "orvel-sim set delegate mar", ""});
-  EXPECT_EQ(fields.output, "marketplace\nmaroConnected\n");
-  EXPECT_EQ(fields.status, 128 + SIGALRM);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
-  m_device->signal(SIGCONT);
+TEST_F(Completion, ADeviceThatDoesNotAnswerCostsOnlyItsOwnWords) {
+  const auto device = serve();
+  device->signal(SIGSTOP);
+  // Ended by their own limit: by nothing else it could be.
+  expectRows({{"orvelctl --complete 'orvelctl setting loc' ''", "", 128 + SIGALRM},
+              {"ORVEL_COMPLETION_MS=1500 orvel-sim --complete 'orvel-sim set delegate mar' ''",
+               "marketplace\nmaroConnected\n", 128 + SIGALRM}});
+  device->signal(SIGCONT);
 }
 
-INSTANTIATE_TEST_SUITE_P(Processes, Completion, ::testing::Values(false));
-
-using Alone = NoDevice;
-
-TEST_F(Alone, WithoutADeviceThereIsStillWhatNeedsNone) {
-  const MoreTime moreTime("20000");
-  const auto complete = [&](const char* line) { return run({"orvel-sim", "--complete", line, ""}).output; };
-  EXPECT_EQ(complete("orvel-sim exception pow"), "power\n");
-  EXPECT_EQ(complete("orvel-sim set connectivity net"), "networkConnected\n");
-  EXPECT_EQ(complete("orvel-sim set setting "), "");
-  EXPECT_EQ(complete("orvel-sim serve-a"), "");
-}
-
-TEST_F(Alone, EachSubcommandAndOptionOfTheHelpIsInTheManualPage) {
-  for (const char* program : {"orvelctl", "orvel-sim"}) {
-    std::string page = run({program, "--man-page"}).output;
-    for (std::size_t at = 0; (at = page.find('\\', at)) != std::string::npos;) page.erase(at, 1);
-    // Without the escapes "\fB--json\fR" is "fB--jsonfR".
-    std::istringstream help(run({program, "--help-all"}).output);
-    std::set<std::string> words;
-    bool in_subcommands = false;
-    for (std::string line; std::getline(help, line);) {
-      if (line == "Examples:" || line.rfind("--", 0) == 0) in_subcommands = false;  // the end of the help
-      if (line == "Subcommands:") {
-        in_subcommands = true;
-        continue;
-      }
-      const std::size_t begin = line.find_first_not_of(' ');
-      if (begin == std::string::npos) continue;
-      const std::string word = line.substr(begin, line.find_first_of(" ,", begin) - begin);
-      if (begin == 2 && word.rfind("--", 0) == 0) words.insert("fB" + word + "fR");
-      if (in_subcommands && begin == 0) words.insert(".SS " + std::string(program) + " " + word + "\n");
-    }
-    EXPECT_GT(words.size(), 15U) << program;
-    for (const std::string& word : words) EXPECT_NE(page.find(word), std::string::npos) << program << ": " << word;
-  }
+TEST_F(Completion, TheManualPagesHaveTheProgramsSubcommandsAndOptions) {
+  expectRows({{"orvelctl --man-page | grep -cxE '.SS orvelctl (get|watch|am broadcast|pm list packages)'", "4\n"},
+              {"orvel-sim --man-page | grep -cxE '.SS orvel.-sim (run|set|replay)'", "3\n"},
+              {"orvelctl --man-page | grep -cF '\\fB\\-\\-json\\fR'", "1\n"}});
 }
 
 }  // namespace

@@ -1,90 +1,125 @@
-// A simulated device for one test.
+// Command lines and simulated devices for the end-to-end tests.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Process.h"
+#include "support/Process.h"
 
 namespace orvel::e2e {
 
-// A directory for a device, and programs that look for one there.
-class NoDevice : public ::testing::Test {
- protected:
-  NoDevice() {
-    std::string path = std::filesystem::temp_directory_path() / "orvel-e2e-XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    m_temporary = path;
-  }
-  ~NoDevice() override { std::filesystem::remove_all(m_temporary); }
+using nlohmann::json;
+using test::Process;
+using test::Result;
+using test::Words;
 
-  const std::filesystem::path& temporary() const { return m_temporary; }
-  std::filesystem::path directory() const { return m_temporary / "device"; }
-
-  // TMPDIR, so that what is left behind is seen.
-  Words environment() const {
-    return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(),
-            "ORVEL_CALL_TIMEOUT_MS=" + std::to_string(m_callLimitMs)};
-  }
-
-  // Before a service is told to hang: programs that start from now on do not wait long for it.
-  void shortenCallLimit() { m_callLimitMs = 1'500; }
-  // For those that nothing may hurry on a busy machine.
-  void restoreCallLimit() { m_callLimitMs = kCallLimitMs; }
-
-  // Starts a program without waiting, or runs it to its end.
-  std::unique_ptr<Process> start(const Words& words) const { return std::make_unique<Process>(words, environment()); }
-  Result run(const Words& words) const { return e2e::run(words, environment()); }
-
- private:
-  static constexpr int kCallLimitMs = 20'000;
-
-  std::filesystem::path m_temporary;
-  int m_callLimitMs = kCallLimitMs;
+// A command line, and what comes of it. An expected output is the whole; one that begins with "..." stands anywhere
+// in it, as an expected error does; null: any.
+struct Row {
+  std::string command;
+  const char* output = nullptr;
+  int status = 0;
+  const char* error = "";
 };
 
-// The words of one command line, in two parts.
-inline Words operator+(Words first, const Words& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
-
 // One JSON object a line.
-inline std::vector<nlohmann::json> parseLines(const std::string& text) {
+inline std::vector<json> parseLines(const std::string& text) {
   std::istringstream lines(text);
-  std::vector<nlohmann::json> objects;
-  for (std::string line; std::getline(lines, line);) objects.push_back(nlohmann::json::parse(line));
+  std::vector<json> objects;
+  for (std::string line; std::getline(lines, line);) objects.push_back(json::parse(line));
   return objects;
 }
+
+inline std::string contentOf(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// Without the time of each line, which is as long as the milliseconds since 1970 will be for centuries.
+inline std::string withoutTimes(std::string lines) {
+  const std::string key = "\"timeMs\":";
+  for (std::size_t at = 0; (at = lines.find(key)) != std::string::npos;) lines.erase(at, key.size() + 14);
+  return lines;
+}
+
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// A directory for a device, and command lines for the shell that look for a device there. They find the programs of
+// this build by name, and the directory above that of the device as T.
+class NoDevice : public ::testing::Test {
+ protected:
+  std::filesystem::path temporary() const { return m_temporary.path(); }
+  std::filesystem::path directory() const { return temporary() / "device"; }
+  std::string file(const char* name) const { return temporary() / name; }
+
+  Words environment() const {
+    return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(), "T=" + temporary().string(),
+            "ORVEL_CALL_TIMEOUT_MS=" + std::to_string(m_callLimitMs), "PATH=" ORVEL_BIN ":/usr/bin:/bin"};
+  }
+  // Programs that start from now on wait so long for a service that hangs. The usual limit hurries nothing.
+  void limitCalls(int milliseconds = 15'000) { m_callLimitMs = milliseconds; }
+
+  Result run(const std::string& script) const { return test::run({"/bin/sh", "-c", script}, environment()); }
+  std::string outputOf(const std::string& script) const { return run(script).output; }
+
+  // Starts one program, up to the line of its errors with `ready`.
+  std::unique_ptr<Process> start(const std::string& command, const std::string& ready = "") const {
+    auto process = std::make_unique<Process>(Words{"/bin/sh", "-c", "exec " + command}, environment());
+    if (!ready.empty()) process->waitForError(ready);
+    return process;
+  }
+  std::unique_ptr<Process> serve(const std::string& options = "") const {
+    auto device = start("orvel-sim run " + options);
+    device->waitForOutput("serving in ");
+    return device;
+  }
+
+  void expectRows(const std::vector<Row>& rows) const {
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.command);
+      const Result result = run(row.command);
+      EXPECT_EQ(result.status, row.status) << result.error;
+      EXPECT_TRUE(has(result.error, row.error)) << result.error;
+      if (row.output == nullptr) continue;
+      const std::string expected = row.output;
+      const bool is_part = expected.rfind("...", 0) == 0;
+      EXPECT_TRUE(is_part ? has(result.output, expected.substr(3)) : result.output == expected)
+          << "expected: " << expected << "\nbut: " << result.output;
+    }
+  }
+  void order(const std::string& words) const { expectRows({{"orvel-sim " + words}}); }
+
+  // What a view of the device prints with --json.
+  std::vector<json> view(const std::string& words) const {
+    return parseLines(outputOf("orvel-sim " + words + " --json"));
+  }
+
+ private:
+  test::TemporaryDirectory m_temporary;
+  int m_callLimitMs = 15'000;
+};
 
 // A running device. The parameter says whether each service has a process of its own.
 class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
  protected:
-  void SetUp() override {
-    m_device = start(Words{"orvel-sim", "run"} + (GetParam() ? Words{"--isolate"} : Words{}));
-    m_device->waitForOutput("serving in ");
-  }
-
-  // Orders that must be obeyed.
-  void order(const Words& words) const {
-    const Result result = run(Words{"orvel-sim"} + words);
-    ASSERT_EQ(result.status, 0) << result.error;
-  }
-
-  // What a view of the device prints with --json.
-  std::vector<nlohmann::json> view(const Words& words) const {
-    return parseLines(run(Words{"orvel-sim"} + words + Words{"--json"}).output);
-  }
+  void SetUp() override { m_device = serve(GetParam() ? "--isolate" : ""); }
 
   std::unique_ptr<Process> m_device;
 };
+
+// The tests of a suite of devices, with both kinds.
+#define ORVEL_BOTH_MODES(Suite)                        \
+  INSTANTIATE_TEST_SUITE_P(, Suite, ::testing::Bool(), \
+                           [](const auto& mode) { return mode.param ? "Isolated" : "InOneProcess"; })
 
 }  // namespace orvel::e2e

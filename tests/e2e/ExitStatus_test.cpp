@@ -1,111 +1,127 @@
-// What scripts rely on: the exit status of every subcommand, and the one shape of every failure with --json.
+// What scripts rely on: the exit status of every subcommand, the one shape of every failure with --json, and that
+// every public method has a subcommand.
 #include <signal.h>
 
 #include <algorithm>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <set>
 
 #include "Device.h"
+#include "support/Methods.h"
 #include "support/SchemaCheck.h"
 
 namespace orvel::e2e {
 namespace {
 
-using nlohmann::json;
+using Names = std::set<std::string>;
 
+// A subcommand of orvelctl with arguments. The rows without wrong ones repeat a subcommand for the sake of their
+// methods.
 struct Subcommand {
   const char* path;
-  Words good;           // its arguments
-  Words wrong;          // ones that are not to be understood
-  const char* service;  // that answers it, by its name in orvel-sim; null where a dead or hanging one costs nothing
+  const char* good;     // its arguments
+  const char* wrong;    // ones that are not to be understood; null: the subcommand has a row already
+  const char* service;  // that answers it, by its name in orvel-sim; "" where a dead or hanging one costs nothing
+  const char* methods;  // the public methods that it is for
 };
 
-const std::vector<Subcommand>& subcommands() {
-  static const std::vector<Subcommand> all = {
-      {"device", {}, {"extra"}, "delegate"},
-      {"get", {"name"}, {"shoe-size"}, "delegate"},
-      {"setting", {"k"}, {""}, "delegate"},
-      {"settings get secure", {"k"}, {}, "delegate"},
-      {"screen", {}, {"extra"}, "power"},
-      {"assistant", {}, {"extra"}, nullptr},  // the client knows it, or does not
-      {"network", {}, {"extra"}, nullptr},    // it is always the same
-      {"wake-lock", {"full"}, {"half"}, "power"},
-      {"am broadcast", {"-a", "X"}, {}, "delegate"},
-      {"am broadcast-int", {"X", "a/.B", "k", "1"}, {"X", "ab", "k", "1"}, "delegate"},
-      {"am start", {"-n", "a/.B"}, {"-n", "ab"}, "delegate"},
-      {"am start-service", {"-n", "a/.B"}, {"-n", "ab"}, "delegate"},
-      {"am start-foreground-service", {"-n", "a/.B"}, {"-n", "ab"}, "delegate"},
-      {"am launch", {"com.quarlo.music"}, {}, "delegate"},
-      {"am foreground", {}, {"extra"}, "activity"},
-      {"am process-state", {"com.quarlo.home"}, {}, "activity"},
-      {"pm list packages", {}, {"--uid", "x"}, "packages"},
-      {"pm version-code", {"com.quarlo.home"}, {}, "delegate"},
-      {"pm version-name", {"com.quarlo.home"}, {}, "delegate"},
-      {"pm meta-data", {"com.quarlo.home", "com.quarlo.home.cards", "--int"}, {"com.quarlo.home"}, "delegate"},
-      {"pm resource", {"com.quarlo.home", "7"}, {"com.quarlo.home", "seven"}, "delegate"},
-      {"pm has-feature", {"android.hardware.wifi"}, {}, "delegate"},
-      {"pm query-receivers", {"X"}, {}, "delegate"},
-      {"event", {"Speaker", "VolumeChanged"}, {"Speaker"}, "events"},
-      {"directive", {"Speaker", "--for", "0.05"}, {}, nullptr},  // this process serves it itself
-      {"metric", {"a", "b"}, {"a"}, "metrics"},
-      {"watch", {"screen", "--for", "0.05"}, {"shoes"}, "delegate"},
-      {"doctor", {}, {"extra"}, "delegate"},
-  };
-  return all;
+constexpr Subcommand kSubcommands[] = {
+    {"device", "", "extra", "delegate",
+     "isMaroConnected getDeviceName getDeviceSerialNumber getDeviceType getCustomerDirectedID getCountryOfResidence "
+     "getPreferredMarketPlace isScreenOn"},
+    {"assistant", "", "extra", "", "isMaroConnected"},   // the client knows it, or does not
+    {"network", "", "extra", "", "isNetworkConnected"},  // it is always the same
+    {"get", "name", "shoe-size", "delegate", "getDeviceName"},
+    {"get", "serial-number", nullptr, "delegate", "getDeviceSerialNumber"},
+    {"get", "type", nullptr, "delegate", "getDeviceType"},
+    {"get", "customer-id", nullptr, "delegate", "getCustomerDirectedID"},
+    {"get", "registered", nullptr, "delegate", "isDeviceRegistered"},
+    {"get", "country", nullptr, "delegate", "getCountryOfResidence"},
+    {"get", "marketplace", nullptr, "delegate", "getPreferredMarketPlace"},
+    {"setting", "k", "''", "delegate", "getSecureSettingInt"},
+    {"settings get secure", "k", "", "delegate", "getSecureSettingInt"},
+    {"screen", "", "extra", "power", "isScreenOn"},
+    {"wake-lock", "full", "half", "power", "acquireFullWakeLock"},
+    {"wake-lock", "partial", nullptr, "power", "acquirePartialWakeLock"},
+    {"watch", "screen --for 0.01", "shoes", "delegate", "registerForScreenStateChange"},
+    {"watch", "name --for 0.01", nullptr, "delegate", "registerForDeviceNameChange"},
+    {"watch", "registration --for 0.01", nullptr, "delegate", "registerForDeviceRegistrationChange"},
+    {"watch", "assistant --for 0.01", nullptr, "delegate", "registerForMaroConnectivityChange"},
+    {"watch", "network --for 0.01", nullptr, "connectivity",
+     "registerForNetworkConnectivityChange unregisterForNetworkConnectivityChange"},
+    {"watch", "package --for 0.01", nullptr, "delegate", "registerForPackageAction"},
+    {"watch", "time --for 0.01", nullptr, "delegate", "registerForTimeSync"},
+    {"watch", "setting:k --for 0.01", nullptr, "delegate", "registerForSecureSettingIntChange"},
+    {"am broadcast-int", "X a/.B k 1", "X ab k 1", "delegate", "broadcastIntentWithIntKey"},
+    {"am broadcast", "-a X", "", "delegate", "broadcastIntent"},
+    {"am broadcast", "-a X --receiver-permission p", nullptr, "delegate", "broadcastIntentWithPermission"},
+    {"am start", "-n a/.B", "-n ab", "delegate", "startActivity"},
+    {"am start-foreground-service", "-n a/.B", "-n ab", "delegate", "startForegroundService"},
+    {"am start-service", "-n a/.B", "-n ab", "delegate", "startService"},
+    {"am launch", "com.quarlo.music", "", "delegate", "launchApplicationWithPackageName"},
+    {"am foreground", "", "extra", "activity", "getForegroundPackages"},
+    {"am process-state", "com.quarlo.home", "", "activity", "getAppProcessState"},
+    {"pm list packages", "", "--uid x", "packages", "getInstalledPackageNames"},
+    {"pm list packages", "--uid 1000", nullptr, "packages", "getPackageNamesForUid"},
+    {"pm version-code", "com.quarlo.home", "", "delegate", "getPackageVersionCode"},
+    {"pm version-name", "com.quarlo.home", "", "delegate", "getPackageVersionName"},
+    {"pm meta-data", "com.quarlo.home com.quarlo.home.cards --int", "com.quarlo.home", "delegate",
+     "getApplicationInfoMetaData"},
+    {"pm resource", "com.quarlo.home 7", "com.quarlo.home seven", "delegate", "getRawResourceAsString"},
+    {"pm has-feature", "android.hardware.wifi", "", "delegate", "hasSystemFeature"},
+    {"pm query-receivers", "X", "", "delegate", "getBroadcastReceiverPackageNames"},
+    {"event", "Speaker VolumeChanged", "Speaker", "events", "sendEvent"},
+    {"directive", "Speaker --for 0.01", "", "", "registerForDirective"},  // this process serves it itself
+    {"metric", "a b", "a", "metrics", "recordTarselMetricEvent"},
+    {"doctor", "", "extra", "delegate", ""},
+};
+
+// In orvel-sim, of the services of the table of methods.
+const std::map<int, std::string> kServices = {
+    {test::kDelegate, "delegate"},        {test::kPower, "power"},     {test::kEvents, "events"},
+    {test::kActivities, "activity"},      {test::kMetrics, "metrics"}, {test::kPackages, "packages"},
+    {test::kConnectivity, "connectivity"}};
+
+Names namesIn(const std::string& text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
 }
 
-Words wordsOf(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
+bool isAsked(const Subcommand& each) {
+  return *each.service != '\0';
+}
+bool isDoctor(const Subcommand& each) {
+  return each.path == std::string("doctor");
 }
 
 constexpr int kNotHere = -1;  // where it would depend on how fast the machine is
+using StatusOf = std::function<int(const Subcommand&)>;
 
 class ExitStatus : public NoDevice {
  protected:
-  // A device of its own in a directory of that name, where programs then are looking for one.
-  void serve(const std::string& name) {
-    m_environment = environmentIn(name);
-    m_devices.push_back(std::make_unique<Process>(Words{"orvel-sim", "run"}, m_environment));
-    m_devices.back()->waitForOutput("serving in ");
-  }
-  Process& device() { return *m_devices.back(); }
-  void order(const Words& words) const {
-    const Result result = runThere(Words{"orvel-sim"} + words);
-    ASSERT_EQ(result.status, 0) << result.error;
-  }
-
-  Words environmentIn(const std::string& name) const {
-    return {"ORVEL_RUNTIME_DIR=" + (temporary() / name).string(), "ORVEL_CALL_TIMEOUT_MS=" + m_limit};
-  }
-  Result runThere(const Words& words) const { return e2e::run(words, m_environment); }
-
-  // Runs all of them at once, `more` behind, and expects of each that status; leaves out those with kNotHere.
-  void expectOfAll(const std::string& program, const Words& more, bool good,
-                   const std::function<int(const Subcommand&)>& status) {
-    for (const Subcommand& each : subcommands()) {
-      if (status(each) != kNotHere) start(program, each, good ? each.good : each.wrong, more);
+  // Starts all of them at once, `more` behind, and expects of each that status; leaves out those with kNotHere. An
+  // "@" in `program` stands for the service.
+  void expectOfAll(const std::string& program, const std::string& more, bool good, const StatusOf& status) const {
+    std::vector<std::pair<const Subcommand*, std::unique_ptr<Process>>> running;
+    for (const Subcommand& each : kSubcommands) {
+      if (each.wrong == nullptr || status(each) == kNotHere) continue;
+      const std::string words = std::string(each.path) + " " + (good ? each.good : each.wrong) + " " + more;
+      std::string command = program + " " + words;
+      if (const std::size_t at = command.find('@'); at != std::string::npos) command.replace(at, 1, each.service);
+      running.emplace_back(&each, start(command));
     }
-    finish(status);
-  }
-
-  void start(const std::string& program, const Subcommand& each, const Words& arguments, const Words& more) {
-    const Words words = Words{program} + wordsOf(each.path) + arguments + more;
-    m_running.emplace_back(&each, std::make_unique<Process>(words, m_environment));
-  }
-
-  void finish(const std::function<int(const Subcommand&)>& status) {
-    for (const auto& [each, process] : m_running) {
+    for (const auto& [each, process] : running) {
       SCOPED_TRACE(each->path);
       const int ended = process->wait();
       expectJson({ended, process->output(), process->error()}, status(*each));
     }
-    m_running.clear();
   }
 
+  json expectJson(const std::string& command, int status) const {
+    SCOPED_TRACE(command);
+    return expectJson(run(command), status);
+  }
   // That it ended so and says so, in no other words than the schema's.
   static json expectJson(const Result& result, int status) {
     EXPECT_EQ(result.status, status) << result.error;
@@ -121,156 +137,170 @@ class ExitStatus : public NoDevice {
                                                      {4, "timed-out"}, {5, "not-bound"}, {143, "interrupted"}};
     EXPECT_EQ(error.at("exitStatus"), status);
     EXPECT_EQ(error.at("status"), words.at(status));
-    EXPECT_EQ(result.error.find("{\""), std::string::npos) << "JSON is for standard output: " << result.error;
+    EXPECT_FALSE(has(result.error, "{\"")) << "JSON is for standard output: " << result.error;
     return lines.back();
   }
 
-  std::string m_limit = "20000";
-  Words m_environment = environmentIn("none");
+  // As --help lists them: those without subcommands of their own.
+  void collectLeaves(const std::string& path, Names& leaves) const {
+    const std::string help = outputOf("orvelctl " + path + " --help");
+    const std::string heading = "\nSubcommands:\n";
+    const std::size_t begin = help.find(heading);
+    if (begin == std::string::npos) leaves.insert(path);
+    std::istringstream lines(begin == std::string::npos ? "" : help.substr(begin + heading.size()));
+    for (std::string line; std::getline(lines, line) && !line.empty();) {
+      const std::string name = line.substr(2, line.find_first_of(" ,", 2) - 2);  // an alias follows a comma
+      if (!name.empty()) collectLeaves(path + (path.empty() ? "" : " ") + name, leaves);
+    }
+  }
 
- private:
-  std::vector<std::unique_ptr<Process>> m_devices;
-  std::vector<std::pair<const Subcommand*, std::unique_ptr<Process>>> m_running;
+  // "delegate.33" for each transaction that the device's services have, from the help of a verb that takes them all:
+  // it has "delegate:" and what that is for, and below "33 getDeviceName()".
+  Names served() const {
+    return namesIn(
+        outputOf("orvel-sim delay --help | awk '$1 ~ /:$/ { s = $1 } $1 ~ /^[0-9]+$/ { print s $1 }' | tr : ."));
+  }
+
+  // The same for the requests that clients made, but for those that were seen.
+  Names requests(std::size_t& seen) const {
+    Names made;
+    const std::vector<json> traffic = view("traffic --past");
+    for (; seen < traffic.size(); ++seen) {
+      const json& entry = traffic[seen];
+      if (entry.contains("method")) made.insert(entry["service"].get<std::string>() + "." + entry["code"].dump());
+    }
+    return made;
+  }
 };
 
-// As --help lists them: those without subcommands of their own.
-void collectLeaves(const std::string& path, std::set<std::string>& leaves) {
-  const Result help = run(Words{"orvelctl"} + wordsOf(path) + Words{"--help"}, {});
-  const std::string heading = "\nSubcommands:\n";
-  const std::size_t begin = help.output.find(heading);
-  if (begin == std::string::npos) {
-    leaves.insert(path);
-    return;
+TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
+  const auto device = serve();
+  Names paths;
+  Names methods = {"getClient", "initialize", "shutdown"};
+  Names made = {"metrics.3"};  // its version, for which there is no use yet
+  std::size_t seen = 0;
+  for (const Subcommand& row : kSubcommands) {
+    paths.insert(row.path);
+    if (*row.methods == '\0') continue;
+    const std::string command = std::string("orvelctl ") + row.path + " " + row.good;
+    const Result result = run(command);
+    EXPECT_TRUE(result.status == 0 || result.error.empty()) << command << ": " << result.error;  // 1 in silence is "no"
+    Names expected;
+    for (const std::string& name : namesIn(row.methods)) {
+      methods.insert(name);
+      const test::Method& method = test::method(name);
+      for (const test::Request& request : method.requests) {
+        if (request.code != 0) expected.insert(kServices.at(method.service) + "." + std::to_string(request.code));
+      }
+    }
+    EXPECT_EQ(requests(seen), expected) << command;
+    made.merge(expected);
   }
-  std::istringstream lines(help.output.substr(begin + heading.size()));
-  for (std::string line; std::getline(lines, line) && !line.empty();) {
-    const std::string name = line.substr(2, line.find_first_of(" ,", 2) - 2);  // an alias follows a comma
-    if (!name.empty()) collectLeaves(path + (path.empty() ? "" : " ") + name, leaves);
-  }
-}
-
-TEST_F(ExitStatus, NoSubcommandIsMissingHere) {
-  std::set<std::string> known;
-  for (const Subcommand& each : subcommands()) known.insert(each.path);
-  std::set<std::string> listed;
+  Names listed;
   collectLeaves("", listed);
-  EXPECT_EQ(listed, known);
+  EXPECT_EQ(listed, paths);
+  // Each is declared on a line that begins with its result's type.
+  EXPECT_EQ(methods, namesIn(outputOf("sed -nE 's/^  [a-z][^(]*[ &]([A-Za-z]+)\\(.*/\\1/p' " ORVEL_PUBLIC_HEADER)));
+  EXPECT_EQ(made, served());
 }
 
 TEST_F(ExitStatus, IsZeroWhereAllIsWell) {
-  serve("device");
+  const auto device = serve();
   // All at once would make services slow for a doctor.
-  const auto isDoctor = [](const Subcommand& each) { return each.path == std::string("doctor"); };
-  expectOfAll("orvelctl", {"--json"}, true, [&](const Subcommand& each) { return isDoctor(each) ? kNotHere : 0; });
-  expectJson(runThere({"orvelctl", "doctor", "--json"}), 0);
+  expectOfAll("orvelctl", "--json", true, [](const Subcommand& each) { return isDoctor(each) ? kNotHere : 0; });
+  expectJson("orvelctl --json doctor", 0);
 }
 
 TEST_F(ExitStatus, IsTwoForWrongWordsWhereverJsonStands) {
-  for (const Subcommand& each : subcommands()) {
-    start("orvelctl", each, each.wrong, {"--json", "--frobnicate"});
-    const Words words = Words{"--json"} + wordsOf(each.path) + each.wrong + Words{"extra", "extra", "--nonsense"};
-    expectJson(runThere(Words{"orvelctl"} + words), 2);
+  expectOfAll("orvelctl", "--json", false, [](const Subcommand&) { return 2; });
+  expectOfAll("orvelctl --json", "extra extra --nonsense", false, [](const Subcommand&) { return 2; });
+  expectJson("orvelctl device --json --frobnicate", 2);
+  for (const std::string seconds : {"nan", "inf", "-1", "0", "1e400", "1x", ""}) {
+    const json failure = expectJson("orvelctl --json --timeout '" + seconds + "' device", 2);
+    const std::string message = failure.at("error").at("message");
+    EXPECT_TRUE(has(message, "--timeout: '" + seconds + "' is ") && has(message, "from 0.001 to 1000000")) << message;
   }
-  finish([](const Subcommand&) { return 2; });
-  expectOfAll("orvelctl", {"--json"}, false, [](const Subcommand&) { return 2; });
-  for (const char* seconds : {"nan", "inf", "-1", "0", "1e400", "1x", ""}) {
-    const json failure = expectJson(runThere({"orvelctl", "--json", "--timeout", seconds, "device"}), 2);
-    EXPECT_EQ(failure.at("error").at("message"),
-              std::string("--timeout: '") + seconds + "' is no number of seconds from 0.001 to 1000000");
-  }
+  // Bytes that are not a text do not cost the envelope.
+  const json failure = expectJson("orvelctl --json get $(printf '\\377')", 2);
+  EXPECT_TRUE(has(failure.at("error").at("message"), "\xef\xbf\xbd"));
 }
 
 TEST_F(ExitStatus, IsThreeWithoutADevice) {
-  expectOfAll("orvelctl", {"--json"}, true, [](const Subcommand&) { return 3; });
-  const json failure = expectJson(runThere({"orvelctl", "--json", "device"}), 3);
-  EXPECT_EQ(failure.at("error").at("directory"), (temporary() / "none").string());
+  expectOfAll("orvelctl", "--json", true, [](const Subcommand&) { return 3; });
+  const json failure = expectJson("orvelctl --json device", 3);
+  EXPECT_EQ(failure.at("error").at("directory"), directory().string());
 }
 
 TEST_F(ExitStatus, IsFourWhenAServiceHangs) {
-  serve("device");
+  const auto device = serve();
   for (const char* service : {"delegate", "power", "activity", "packages", "events", "metrics"}) {
-    order({"hang", service});
+    order(std::string("hang ") + service);
   }
-  const auto in_time = [](const Subcommand& each) { return each.service == nullptr ? kNotHere : 4; };
-  expectOfAll("orvelctl", {"--json", "--timeout", "0.4"}, true, in_time);
-  m_limit = "400";
-  m_environment = environmentIn("device");
-  expectOfAll("orvelctl", {"--json"}, true, [](const Subcommand& each) { return each.service == nullptr ? 0 : 4; });
+  expectOfAll("orvelctl", "--json --timeout 0.4", true,
+              [](const Subcommand& each) { return isAsked(each) ? 4 : kNotHere; });
+  limitCalls(400);
+  expectOfAll("orvelctl", "--json", true, [](const Subcommand& each) { return isAsked(each) ? 4 : 0; });
   // One failure in another's company, each with its service.
-  const json failure = expectJson(runThere({"orvelctl", "--json", "device"}), 4);
+  const json failure = expectJson("orvelctl --json device", 4);
   EXPECT_EQ(failure.at("error").at("query"), "name");
   EXPECT_EQ(failure.at("error").at("service"), "orvel_delegate");
   EXPECT_EQ(failure.at("further").back().at("service"), "com.quarlo.orvel.powermanager");
 }
 
 TEST_F(ExitStatus, IsFourWhenTheTimeEndsWhileAServiceIsWaitedFor) {
-  serve("device");
-  order({"kill", "power"});
+  const auto device = serve();
+  order("kill power");
   // The doctor looks before it waits.
-  const auto status = [](const Subcommand& each) { return each.path == std::string("doctor") ? kNotHere : 4; };
-  expectOfAll("orvelctl", {"--json", "--timeout", "0.4"}, true, status);
+  expectOfAll("orvelctl", "--json --timeout 0.4", true,
+              [](const Subcommand& each) { return isDoctor(each) ? kNotHere : 4; });
 }
 
 TEST_F(ExitStatus, IsFiveWhenTheServiceIsDead) {
-  for (const std::string& dead : Words{"delegate", "power", "activity", "packages", "events", "metrics"}) {
-    serve(dead);
-    order({"kill", dead});
-    for (const Subcommand& each : subcommands()) {
-      if (each.service != nullptr && each.service == dead) start("orvelctl-fast", each, each.good, {"--json"});
-    }
+  std::vector<std::unique_ptr<Process>> devices;
+  for (const std::string dead : {"delegate", "power", "activity", "packages", "events", "metrics"}) {
+    const std::string there = "env ORVEL_RUNTIME_DIR=$T/" + dead;
+    devices.push_back(start(there + " orvel-sim run"));
+    devices.back()->waitForOutput("serving in ");
+    expectRows({{there + " orvel-sim kill " + dead}});
   }
-  finish([](const Subcommand&) { return 5; });
+  expectOfAll("env ORVEL_RUNTIME_DIR=$T/@ orvelctl-fast", "--json", true,
+              [](const Subcommand& each) { return isAsked(each) ? 5 : kNotHere; });
 }
 
 TEST_F(ExitStatus, AnInterruptionIsAFailureTooButNotTheEndOfWatching) {
-  serve("device");
+  const auto device = serve();
   for (const auto& [signal, status] : {std::pair(SIGINT, 0), std::pair(SIGTERM, 128 + SIGTERM)}) {
-    Process watcher({"orvelctl", "--json", "watch", "screen"}, m_environment);
-    watcher.waitForError("watching screen");
-    watcher.signal(signal);
-    const int ended = watcher.wait();
-    expectJson({ended, watcher.output(), watcher.error()}, status);
+    const auto watcher = start("orvelctl --json watch screen", "watching screen");
+    watcher->signal(signal);
+    const int ended = watcher->wait();
+    expectJson({ended, watcher->output(), watcher->error()}, status);
   }
-}
-
-TEST_F(ExitStatus, AnEventThatTheAssistantRefusesIsAResultAndAFailure) {
-  serve("device");
-  order({"event-result", "TIMEOUT"});
-  const Result result = runThere({"orvelctl", "--json", "event", "N", "n"});
+  order("event-result TIMEOUT");
+  const Result result = run("orvelctl --json event N n");
   expectJson(result, 1);
-  EXPECT_EQ(parseLines(result.output).front().at("result"), "TIMEOUT");
-}
-
-TEST_F(ExitStatus, BytesThatAreNoTextDoNotCostTheEnvelope) {
-  const json failure = expectJson(runThere({"orvelctl", "--json", "get", "\xff"}), 2);
-  EXPECT_NE(failure.at("error").at("message").get<std::string>().find("\xef\xbf\xbd"), std::string::npos);
+  EXPECT_EQ(parseLines(result.output).front().at("result"), "TIMEOUT") << "a result and a failure";
 }
 
 TEST_F(ExitStatus, TheDevicesOwnProgramFailsInTheSameShape) {
-  expectJson(runThere({"orvel-sim", "frobnicate", "--json"}), 2);
-  expectJson(runThere({"orvel-sim", "--json", "kill", "toaster"}), 2);
-  expectJson(runThere({"orvel-sim", "--timeout", "0", "services", "--json"}), 2);
-  const std::vector<Words> views = {{"state"}, {"services"}, {"traffic", "--past"}, {"traffic"}, {"metrics"}};
-  for (const Words& view : views) expectJson(runThere(Words{"orvel-sim"} + view + Words{"--json"}), 3);
+  expectJson("orvel-sim frobnicate --json", 2);
+  expectJson("orvel-sim --json kill toaster", 2);
+  expectJson("orvel-sim --timeout 0 services --json", 2);
+  const std::vector<std::string> views = {"state", "services", "traffic --past", "traffic", "metrics"};
+  for (const std::string& view : views) expectJson("orvel-sim " + view + " --json", 3);
 
-  serve("device");
-  EXPECT_EQ(runThere({"orvel-sim", "--timeout", "5", "services"}).status, 0) << "time that is left over hurts nobody";
-  expectJson(runThere({"orvel-sim", "--timeout", "0.2", "traffic", "--json"}), 4);
-  const Result refused = runThere({"orvel-sim", "--timeout", "5", "run", "--", "/bin/true"});
-  EXPECT_EQ(refused.status, 2) << "it would be the command's";
-  device().signal(SIGSTOP);
-  for (const Words& view : views) {
-    expectJson(runThere(Words{"orvel-sim", "--timeout", "0.2"} + view + Words{"--json"}), 4);
-  }
-  EXPECT_EQ(runThere({"orvel-sim", "--timeout", "0.2", "screen", "off"}).status, 4);
-  device().signal(SIGCONT);
-  order({"kill", "metrics"});
-  expectJson(runThere({"orvel-sim", "metrics", "--json"}), 1);
+  const auto device = serve();
+  expectRows({{"orvel-sim --timeout 5 services"},              // time that is left over hurts nobody
+              {"orvel-sim --timeout 5 run -- true", "", 2}});  // it would be the command's
+  expectJson("orvel-sim --timeout 0.2 traffic --json", 4);
+  device->signal(SIGSTOP);
+  for (const std::string& view : views) expectJson("orvel-sim --timeout 0.2 " + view + " --json", 4);
+  expectRows({{"orvel-sim --timeout 0.2 screen off", "", 4}});
+  device->signal(SIGCONT);
+  order("kill metrics");
+  expectJson("orvel-sim metrics --json", 1);
 }
 
-TEST_F(ExitStatus, ASchemaWhoseRulesNobodyChecksIsRefused) {
-  const json schema = {{"type", "object"}, {"pattern", "x"}};
-  EXPECT_THROW(testing::whatViolates(schema, schema, json::object()), std::runtime_error);
+TEST_F(ExitStatus, TheSchemaRefusesWhatIsNotAFailure) {
   const json failure = json::parse(std::ifstream(ORVEL_FAILURE_SCHEMA));
   for (const char* wrong : {R"({})", R"({"error":{"status":"failed","exitStatus":1}})",
                             R"({"error":{"status":"lost","exitStatus":1,"message":"m"}})",

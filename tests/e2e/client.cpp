@@ -1,20 +1,20 @@
-// A client that lives as long as its standard input: each line there is a call, each line of output its result. The
-// library's log goes to standard error. The clock of its library runs faster, so that its pauses pass quickly.
+// A client that lives as long as its standard input: each line there is a call ("ask METHOD", as in the table of
+// methods), each line of output its result. The library's log goes to standard error. The clock of its library runs
+// faster, so that its pauses pass quickly.
 #include <android/log.h>
 
 #include <cstdio>
 #include <iostream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "orvel/OrvelDelegateClient.h"
-#include "orvel/TarselMetricEvent.h"
+#include "support/Methods.h"
 #include "vesk/vesk.h"
 
 namespace {
 
-using orvel::service_apis::OrvelDelegateClient;
+using orvel::test::Client;
 
 // One message by hand. Words: a service name, a code, then numbers and, after an apostrophe, texts with _ for a blank.
 // Prints the reply's numbers and texts as `shape` says: "i" a number, "s" a text.
@@ -23,34 +23,27 @@ void callByHand(std::istream& words) {
   std::string shape;
   unsigned code = 0;
   words >> service >> code >> shape;
-  vesk_payload* request = vesk_payload_alloc();
-  vesk_buffer* reply = vesk_buffer_alloc();
+  const orvel::test::PayloadPtr request(vesk_payload_alloc());
+  const orvel::test::BufferPtr reply(vesk_buffer_alloc());
   for (std::string word; words >> word;) {
     if (word[0] == '\'') {
-      vesk_write_utf16_cstring(request, word.c_str() + 1);
+      vesk_write_utf16_cstring(request.get(), word.c_str() + 1);
     } else {
-      vesk_write_i32(request, std::stoi(word));
+      vesk_write_i32(request.get(), std::stoi(word));
     }
   }
   void* runtime = nullptr;
   vesk_handle handle{};
   vesk_get_runtime(&runtime);
   vesk_binder_servicemanager_get(runtime, service.c_str(), &handle);
-  std::cout << "reply " << vesk_call(runtime, &handle, code, request, reply);
+  std::cout << "reply " << vesk_call(runtime, &handle, code, request.get(), reply.get());
   for (const char kind : shape) {
     std::cout << ' ';
-    if (kind == 'i') {
-      std::cout << vesk_read_i32(reply);
-    } else {
-      unsigned length = 0;
-      const std::uint16_t* units = vesk_read_utf16_string(reply, &length);
-      for (unsigned i = 0; i < length; ++i) std::cout << static_cast<char>(units[i]);  // the tests' texts are ASCII
-    }
+    if (kind == 'i') std::cout << vesk_read_i32(reply.get());
+    if (kind == 's') std::cout << orvel::test::read_ascii(reply.get());
   }
   std::cout << std::endl;
   vesk_service_unbind(runtime, &handle);
-  vesk_buffer_free(reply);
-  vesk_payload_free(request);
 }
 
 // How the library said that the last call of this thread failed: "vesk -110" or "exception -5".
@@ -65,35 +58,18 @@ void noteFailure(const std::string& line) {
   note("exceptionOccurred:Received error: ", "exception ");
 }
 
-// One call of a service, by the way in which clients use it; what it gives, or for what clients never call, nothing.
-std::string askService(OrvelDelegateClient& client, const std::string& service) {
-  const auto noMatter = [](auto&&...) {};
-  if (service == "delegate") return client.getDeviceName();
-  if (service == "power") return client.isScreenOn() ? "on" : "off";
-  if (service == "connectivity") return client.registerForNetworkConnectivityChange(noMatter) ? "taken" : "refused";
-  if (service == "events")
-    return client.sendEvent("N", "n", "", "", "", "", "", false, "", noMatter) ? "taken" : "refused";
-  std::vector<std::string> names;
-  if (service == "activity" && client.getForegroundPackages(names)) return std::to_string(names.size());
-  if (service == "packages" && client.getInstalledPackageNames(names)) return std::to_string(names.size());
-  if (service == "metrics") {
-    const orvel::service_apis::TarselMetricEvent event;
-    client.recordTarselMetricEvent(&event);
-  }
-  return "";
-}
-
 // Everything that a device tells its clients.
-bool subscribe(OrvelDelegateClient& client) {
-  const auto noMatter = [](auto&&...) {};
-  bool good = client.registerForDeviceNameChange(noMatter) && client.registerForDeviceRegistrationChange(noMatter) &&
-              client.registerForMaroConnectivityChange(noMatter) && client.registerForScreenStateChange(noMatter) &&
-              client.registerForNetworkConnectivityChange(noMatter) && client.registerForTimeSync(noMatter) &&
-              client.registerForSecureSettingIntChange("volume_alarm", 0, noMatter);
+bool subscribe(Client& client) {
+  bool good = true;
+  for (const orvel::test::Method& each : orvel::test::kMethods) {
+    const std::string name = each.name;
+    if (name.rfind("registerFor", 0) != 0 || name == "registerForPackageAction" || name == "registerForDirective")
+      continue;
+    good = each.call(client, {}) == "true" && good;
+  }
   for (const char* word : {"ADDED", "REMOVED", "FULLY_REMOVED", "REPLACED", "CHANGED"}) {
-    good = client.registerForPackageAction(std::string("android.intent.action.PACKAGE_") + word, {}, {"package"},
-                                           noMatter) &&
-           good;
+    const std::string action = std::string("android.intent.action.PACKAGE_") + word;
+    good = client.registerForPackageAction(action, {}, {"package"}, [](auto&&...) {}) && good;
   }
   return good;
 }
@@ -106,22 +82,20 @@ int main() {
     std::fprintf(stderr, "%s\n", text);
     noteFailure(text);
   });
-  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+  Client& client = Client::getClient();
   if (!client.initialize()) return 1;
   std::cout << "ready" << std::endl;
   for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);
     std::string verb;
     words >> verb;
-    if (verb == "name") std::cout << "name [" << client.getDeviceName() << "]" << std::endl;
-    if (verb == "screen") std::cout << "screen " << client.isScreenOn() << std::endl;
     if (verb == "call") callByHand(words);
     if (verb == "subscribe") std::cout << "subscribed " << subscribe(client) << std::endl;
     if (verb == "ask") {
-      std::string service;
-      words >> service;
+      std::string method;
+      words >> method;
       t_failure.clear();
-      const std::string answer = askService(client, service);
+      const std::string answer = orvel::test::method(method).call(client, {});
       std::cout << "answer '" << answer << "' " << t_failure << std::endl;
     }
   }

@@ -1,11 +1,11 @@
-// What services send to each endpoint of the library: which endpoint, the code and the kind of the call come from the
+// What services send to each endpoint of the library: which endpoint, the kind of the call and its code come from the
 // input, and then the message.
-#include <optional>
+#include <tuple>
+#include <utility>
+#include <vector>
 
-#include "Assistant.h"
-#include "orvel/OrvelIntent.h"
+#include "Match.h"
 #include "services/BroadcastReceiverEndpoint.h"
-#include "services/Incoming.h"
 #include "services/NetworkCallbackEndpoint.h"
 #include "services/OrvelSimDirectiveCallbackEndpoint.h"
 #include "services/OrvelSimEventStatusCallbackEndpoint.h"
@@ -22,16 +22,13 @@ struct Message {
   Input bytes;
 };
 
-void skipHeader(Walk& wire) {
-  for (int word = 0; word < 3; ++word) wire.i32();
-  wire.text();
-}
-
-// Calls an endpoint as libvesk does, and `expect` with what its callback must have been called with, from the message.
-// `calls` counts those; an endpoint serves one kind of call and leaves the other alone.
-template <typename Endpoint, typename Callback, typename Expect>
-void check(const Message& message, bool servesTwoWay, const int& calls, Callback callback, const Expect& expect) {
-  const auto endpoint = vesk::make_endpoint<Endpoint>(std::move(callback));
+// Calls an endpoint as libvesk does. Its callback must have been called once for a message that is news, with what `expect`
+// finds in the message, and not at all for a call of the kind that the endpoint does not serve.
+template <typename Endpoint, typename... Values, typename Expect>
+void check(const Message& message, bool servesTwoWay, bool isNews, const Expect& expect) {
+  std::vector<std::tuple<Values...>> heard;
+  const auto endpoint =
+      vesk::make_endpoint<Endpoint>([&heard](const Values&... values) { heard.emplace_back(values...); });
   const orvel::test::BufferPtr buffer = bufferOf(message.bytes);
   const orvel::test::PayloadPtr reply(vesk_payload_alloc());
   vesk_endpoint* const record = endpoint->get_endpoint();
@@ -43,89 +40,55 @@ void check(const Message& message, bool servesTwoWay, const int& calls, Callback
   require(vesk_payload_get_position(reply.get()) == 0, "endpoints answer with nothing");
   const bool served = message.twoWay == servesTwoWay;
   require(result == (served ? 0 : 1), "an endpoint says which calls it does not serve");
-  Walk wire(message.bytes);
-  require(calls == (served ? expect(wire) : 0), "a callback is called once for each message that is news");
+  require(heard.size() == (served && isNews ? 1 : 0), "a callback is called once for each message that is news");
+  Match wire(message.bytes);
+  if (!heard.empty()) std::apply([&](const Values&... values) { expect(wire, values...); }, heard.front());
   wire.expectSameEnd(buffer.get());
 }
 
 void checkSettings(const Message& message) {
-  int calls = 0;
-  std::string key;
-  std::string value;
-  const auto callback = [&](const std::string& theKey, const std::string& theValue) {
-    ++calls;
-    key = theKey;
-    value = theValue;
-  };
-  check<SettingsReceiverEndpoint>(message, true, calls, callback, [&](Walk& wire) {
-    skipHeader(wire);
-    wire.expectAll(key, value);
-    return 1;
-  });
+  check<SettingsReceiverEndpoint, std::string, std::string>(
+      message, true, true, [](Match& wire, const std::string& key, const std::string& value) {
+        wire.skip_header();
+        wire.expectAll(key, value);
+      });
 }
 
 void checkBroadcast(const Message& message) {
-  int calls = 0;
-  OrvelIntent received;
-  const auto callback = [&](const std::string& action, const std::string& data, const Bundle& extras) {
-    ++calls;
-    received.action = action;
-    received.data = data;
-    received.extras = extras;
-  };
-  check<BroadcastReceiverEndpoint>(message, false, calls, callback, [&](Walk& wire) {
-    skipHeader(wire);
-    // What the callback does not get is filled in as it stands on the wire.
-    const orvel::test::BufferPtr again = bufferOf(message.bytes);
-    skip_header(again.get());
-    const OrvelIntent whole = OrvelIntent::read(again.get());
-    received.text3 = whole.text3;
-    received.package = whole.package;
-    received.component = whole.component;
-    wire.expect(received);
-    return 1;
-  });
+  check<BroadcastReceiverEndpoint, std::string, std::string, Bundle>(
+      message, false, true, [](Match& wire, const std::string& action, const std::string& data, const Bundle& extras) {
+        wire.skip_header();
+        // What the callback does not get is filled in as it stands on the wire.
+        orvel::test::Intent whole = Match(wire).intent();
+        OrvelIntent received;
+        received.action = action;
+        received.data = data;
+        received.text3 = std::move(whole.text3);
+        received.package = std::move(whole.package);
+        received.component = {whole.component.first, whole.component.second};
+        received.extras = extras;
+        wire.expect(received);
+      });
 }
 
 void checkNetwork(const Message& message) {
-  int calls = 0;
-  std::optional<bool> connected;
-  const auto callback = [&](bool isConnected) {
-    ++calls;
-    connected = isConnected;
-  };
-  check<NetworkCallbackEndpoint>(message, false, calls, callback, [&](Walk&) {
-    const bool news = message.code == 1 || message.code == 6;
-    require(!news || connected == (message.code == 1), "1 is there and 6 is lost");
-    return news ? 1 : 0;
+  const bool isNews = message.code == 1 || message.code == 6;
+  check<NetworkCallbackEndpoint, bool>(message, false, isNews, [&message](Match&, bool isConnected) {
+    require(isConnected == (message.code == 1), "1 is there and 6 is lost");
   });
 }
 
 void checkDirective(const Message& message) {
-  int calls = 0;
-  OrvelSimDirective received;
-  const auto callback = [&](const OrvelSimDirective& directive) {
-    ++calls;
-    received = directive;
-  };
-  check<OrvelSimDirectiveCallbackEndpoint>(message, false, calls, callback, [&](Walk& wire) {
-    expectDirective(wire, received);
-    return 1;
-  });
+  check<OrvelSimDirectiveCallbackEndpoint, OrvelSimDirective>(
+      message, false, true, [](Match& wire, const OrvelSimDirective& directive) { wire.expect(directive); });
 }
 
 void checkEventStatus(const Message& message) {
-  int calls = 0;
-  OrvelSimEventResult_t received = kSuccess;
-  const auto callback = [&](const OrvelSimEventResult_t& result) {
-    ++calls;
-    received = result;
-  };
-  check<OrvelSimEventStatusCallbackEndpoint>(message, false, calls, callback, [&](Walk& wire) {
-    skipHeader(wire);
-    expectResult(wire, received);
-    return 1;
-  });
+  check<OrvelSimEventStatusCallbackEndpoint, OrvelSimEventResult_t>(message, false, true,
+                                                                    [](Match& wire, OrvelSimEventResult_t result) {
+                                                                      wire.skip_header();
+                                                                      wire.expect(result);
+                                                                    });
 }
 
 }  // namespace

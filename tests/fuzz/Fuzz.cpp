@@ -8,47 +8,30 @@ namespace {
 
 thread_local std::uint64_t t_allocated = 0;
 
-void* give(std::size_t size) noexcept {
+}  // namespace
+
+// The forms that the others call, and those that a sanitizer would pair with forms of its own.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   t_allocated += size;
   return std::malloc(size == 0 ? 1 : size);
 }
-
-void* giveOrThrow(std::size_t size) {
-  if (void* block = give(size)) return block;
+void* operator new(std::size_t size) {
+  if (void* block = operator new(size, std::nothrow)) return block;
   throw std::bad_alloc();
 }
-
-}  // namespace
-
-// Every form that does not ask for an alignment, so that no block is taken here and given back elsewhere.
-void* operator new(std::size_t size) {
-  return giveOrThrow(size);
-}
 void* operator new[](std::size_t size) {
-  return giveOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return give(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return give(size);
+  return operator new(size);
 }
 void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete[](void* block) noexcept {
   std::free(block);
 }
 void operator delete(void* block, std::size_t) noexcept {
   std::free(block);
 }
+void operator delete[](void* block) noexcept {
+  std::free(block);
+}
 void operator delete[](void* block, std::size_t) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-  std::free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
   std::free(block);
 }
 

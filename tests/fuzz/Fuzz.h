@@ -1,7 +1,5 @@
-// What all fuzz targets share: properties, what an input makes the code allocate, and values drawn from an input.
-//
-// A target is one function, LLVMFuzzerTestOneInput. With clang and AddressSanitizer it is linked with libFuzzer, in every
-// other build with replay.cpp.
+// What all fuzz targets share: promises, what an input makes the code allocate, and values drawn from an input. A target is
+// one function, which libFuzzer calls where clang builds with AddressSanitizer, and replay.cpp in every other build.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +16,7 @@ namespace orvel::fuzz {
 // Says what does not hold and aborts.
 void require(bool condition, const char* promise);
 
-// The bytes that operator new gave to this thread so far, whether they were given back or not.
+// The bytes that operator new has returned on this thread so far, including those that were freed.
 std::uint64_t allocated();
 
 // What reading `size` bytes may allocate, intermediate values included. The worst that is known is an entry of a bundle
@@ -89,9 +87,9 @@ class Choices {
   Input m_left;
 };
 
-// What a function that takes a C string sees of a text.
-inline std::string asC(const std::string& text) {
-  return text.substr(0, text.find('\0'));
+// The bytes of an input as a text.
+inline std::string textOf(Input input) {
+  return {reinterpret_cast<const char*>(input.data), input.size};
 }
 
 }  // namespace orvel::fuzz

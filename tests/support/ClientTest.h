@@ -1,51 +1,24 @@
-// What every test of the client library stands on: a fake libvesk, a virtual clock, and the lines that the library
-// logs.
+// What every test of the client library stands on: the fixture, and the lines that the library logs.
 #pragma once
 
 #include <gmock/gmock.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "support/ClientFixture.h"
 #include "support/LogRecorder.h"
-#include "support/Services.h"
-#include "support/VirtualClock.h"
-#include "vesk/inprocess/Bytes.h"
-#include "vesk/inprocess/FakeVesk.h"
 
 namespace orvel::test {
 
 using Lines = std::vector<std::string>;
 
-class ClientTest : public ::testing::Test {
+class ClientTest : public ::testing::Test, protected ClientFixture {
  protected:
   // `module` as for LogRecorder.
-  explicit ClientTest(std::string module) : m_log(std::move(module)) {
-    vesk_get_runtime(&m_runtime);
-    m_vesk.be_strict();
-  }
+  explicit ClientTest(const std::string& module) : m_log(module) {}
 
-  // Makes them run.
-  void start_services() {
-    for (const char* name : kServices) m_vesk.add_service(name);
-  }
-  // Makes `service` answer every call with `bytes`.
-  void answer(const std::string& service, const Bytes& bytes) {
-    m_vesk.add_service(service, [bytes](const Transaction&) { return Reply{bytes, 0}; });
-  }
-  int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
-
-  FakeVesk m_vesk;
-  VirtualClock m_clock;
   LogRecorder m_log;
-  void* m_runtime = nullptr;
 };
-
-// A request as the services expect it.
-inline Bytes request(const char* descriptor, const Bytes& arguments = {}) {
-  Bytes bytes = Bytes().raw({0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0x54, 0x53, 0x59, 0x53});
-  return bytes.utf16(descriptor).append(arguments);
-}
 
 }  // namespace orvel::test

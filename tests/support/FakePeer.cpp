@@ -2,14 +2,14 @@
 #include <vector>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::test {
 namespace {
 
 // One for all peers: constructed with the first, gone with the program.
-FakeVesk& the_vesk() {
-  static auto* const vesk = new FakeVesk;
+InprocessVesk& the_vesk() {
+  static auto* const vesk = new InprocessVesk;
   return *vesk;
 }
 
@@ -25,8 +25,9 @@ struct Peer::Form {
   std::vector<vesk_endpoint*> kept;
 
   Reply answer(const Transaction& call) {
-    FakeVesk& vesk = the_vesk();
+    InprocessVesk& vesk = the_vesk();
     const BufferPtr request = buffer_of(call.request);
+    const int number = vesk_read_i32(request.get());
     switch (call.code) {
       case kEcho:
         return {call.request};
@@ -45,20 +46,15 @@ struct Peer::Form {
         return {};
       }
       case kSend:
-        for (int n = 0, count = vesk_read_i32(request.get()); n < count; ++n)
-          vesk.send(kept.back(), kNews, Bytes().i32(n));
+        for (int n = 0; n < number; ++n) vesk.send(kept.back(), kNews, Bytes().i32(n));
         return {};
       case kAsk:
-        return outcome(vesk.call(kept.back(), kNews, Bytes().i32(vesk_read_i32(request.get()))));
-      case kSendToName: {
-        const Bytes message = Bytes().i32(vesk_read_i32(request.get()));
-        vesk.send(read_ascii(request.get()), kNews, message);
+        return outcome(vesk.call(kept.back(), kNews, Bytes().i32(number)));
+      case kSendToName:
+        vesk.send(read_ascii(request.get()), kNews, Bytes().i32(number));
         return {};
-      }
-      case kAskName: {
-        const Bytes message = Bytes().i32(vesk_read_i32(request.get()));
-        return outcome(vesk.call(read_ascii(request.get()), kNews, message));
-      }
+      case kAskName:
+        return outcome(vesk.call(read_ascii(request.get()), kNews, Bytes().i32(number)));
       default:
         return {{}, -EIO};
     }
@@ -74,12 +70,15 @@ Peer::Peer(std::string name) : m_name(std::move(name)), m_form(std::make_unique<
 Peer::~Peer() {
   kill();
 }
+
 void Peer::kill() {
   the_vesk().kill_service(m_name);
 }
+
 void Peer::wait_for_hanging_call() {
   the_vesk().wait_for_held_calls(m_name);
 }
+
 void Peer::pass_call_limit() {
   the_vesk().expire_calls(m_name);
 }

@@ -10,7 +10,7 @@
 namespace orvel::testing {
 
 // What is wrong with `value`, with its path; empty when nothing is. `schema` is a part of `root`. Throws
-// std::runtime_error for a keyword that is not known here: it would be a promise that nobody checks.
+// std::runtime_error for a keyword that is not known here: it would be a promise that is not checked.
 inline std::string whatViolates(const nlohmann::json& root, const nlohmann::json& schema, const nlohmann::json& value,
                                 const std::string& path = "") {
   static const std::set<std::string> said = {"$schema", "$id", "$defs", "title", "description"};

@@ -1,4 +1,4 @@
-// The library's clock, in place of the real one: time passes when somebody sleeps, and takes none.
+// The library's clock, in place of the real one: a sleep takes no time, and time passes by its length.
 #pragma once
 
 #include <functional>

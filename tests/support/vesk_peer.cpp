@@ -1,5 +1,5 @@
-// vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes a byte to standard output once it serves,
-// and one for each kHang that it has taken.
+// vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes "serves" once it does, and "hangs" for each
+// kHang that it has taken.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -7,12 +7,11 @@
 #include <string>
 #include <vector>
 
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 #include "vesk/vesk_service.h"
 
 namespace orvel::test {
@@ -26,11 +25,6 @@ struct {
   std::vector<vesk_deferred*> unanswered;
   std::map<std::string, vesk_handle> names;
 } peer;
-
-void tell_parent() {
-  std::putchar('.');
-  std::fflush(stdout);
-}
 
 vesk_handle* look_up(const std::string& name) {
   vesk_handle& handle = peer.names[name];
@@ -82,12 +76,12 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
         peer.kept.push_back(remote);
         vesk_remote_on_gone(remote, forget, nullptr);
       }
-      tell_parent();
+      std::puts("hangs");
       return 0;
     case kDie:
       // What it forked lives on for longer than any call, and must not look like the peer.
       if (::fork() == 0) {
-        ::close(STDERR_FILENO);
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::close(stream);
         ::sleep(10);
         ::_exit(0);
       }
@@ -142,13 +136,13 @@ const vesk_endpoint_fn kFunctions{
 };
 
 int run(const char* name) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // of the test program, so that nothing stays behind when it crashes
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   // A process takes as many connections as it may have files open; few enough for a test to reach that.
   const rlimit files{kPeerFiles, kPeerFiles};
   vesk_endpoint endpoint{&kFunctions, nullptr};
   if (::setrlimit(RLIMIT_NOFILE, &files) != 0) return 1;
   if (vesk_serve_device(&peer.runtime) != 0 || vesk_service_register(peer.runtime, name, &endpoint) != 0) return 1;
-  tell_parent();
+  std::puts("serves");
   return vesk_run_loop(peer.runtime);
 }
 

@@ -205,7 +205,7 @@ void writeCompletions(const TypedWord& word, const std::vector<std::string>& wor
   }
   for (std::size_t done = 0; done < lines.size();) {
     const ssize_t written = write(STDOUT_FILENO, lines.data() + done, lines.size() - done);
-    if (written <= 0) return;  // nobody listens any more
+    if (written <= 0) return;  // the shell reads no further
     done += static_cast<std::size_t>(written);
   }
 }

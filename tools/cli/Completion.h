@@ -36,8 +36,8 @@ std::vector<std::string> choicesOf(const CLI::Option& option);
 // Writes those of the words that complete the typed one to standard output, one a line, in one piece.
 void writeCompletions(const TypedWord& word, const std::vector<std::string>& words);
 
-// A completion ends within 150 ms, whatever it waits for: from the first call of this on, the process, and a program
-// that it becomes, is ended by a signal then. What it has written by then stands. Tests on slow machines extend the
+// Limits a completion to 150 ms from the first call: a signal then ends this process, or the program that it has become.
+// What it has written by then stands. Tests on slow machines extend the
 // limit by ORVEL_COMPLETION_MS.
 void limitCompletion();
 

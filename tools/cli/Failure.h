@@ -32,8 +32,8 @@ void complain(const std::string& program, const std::string& message);
 // "PROGRAM: ", as it stands in front of what went wrong.
 std::string failurePrefix(const std::string& program);
 
-// Says that a program failed outside of everything that says so itself; returns the exit status. `said` is false for a
-// message that nobody has been told.
+// Says that a program failed outside of everything that says so itself; returns the exit status. `said` says that standard
+// error has the message already.
 int fail(const std::string& program, const Failure& failure, bool json, bool said = false);
 
 // Whether a command line asks for JSON, for when it cannot be read in full.

@@ -17,7 +17,7 @@ Environment:
   ORVEL_RUNTIME_DIR      the folder in which the device lives
   XDG_RUNTIME_DIR        where that is not set, the device lives in the folder orvel in this one
   ORVEL_CALL_TIMEOUT_MS  how long a call of a service may take (default: 30000)
-  NO_COLOR               no colours, whatever it is
+  NO_COLOR               no colours, with any value that is not empty
 
 Files:
   /tmp/orvel-<uid>  where the device lives when neither folder is set)";

@@ -7,18 +7,18 @@
 namespace orvel::cli {
 namespace {
 
-std::string whatIsWrongWithSeconds(const std::string& word) {
+std::string checkSeconds(const std::string& word) {
   double seconds = 0;
   const char* const end = word.data() + word.size();
   const auto [read, error] = std::from_chars(word.data(), end, seconds);
   if (error == std::errc() && read == end && seconds >= 0.001 && seconds <= 1e6) return {};
-  return "'" + word + "' is no number of seconds from 0.001 to 1000000";
+  return "'" + word + "' is not a number of seconds from 0.001 to 1000000";
 }
 
 }  // namespace
 
 CLI::Option* inSeconds(CLI::Option* option) {
-  return option->check(whatIsWrongWithSeconds, "", "")->type_name("SECONDS");
+  return option->check(checkSeconds, "", "")->type_name("SECONDS");
 }
 
 }  // namespace orvel::cli

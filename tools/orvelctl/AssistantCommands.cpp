@@ -39,7 +39,7 @@ UNKNOWN_ERROR; the exit status is 0 for the first two and 1 for the others. With
 comes or the service dies.)";
 
 constexpr char kDirectiveFooter[] = R"(
-One process at a time has a namespace. It keeps it until it ends, whatever becomes of the services. `orvelctl watch
+One process at a time has a namespace. It keeps it until it ends, also when services die. `orvelctl watch
 directive:NAMESPACE` is the same beside other kinds of changes.)";
 
 constexpr std::size_t kMoreTexts = 5;  // of an event, behind its namespace and its name
@@ -58,7 +58,7 @@ struct EventResult {
   bool retryable = false;
 };
 
-// From the callback to the thread that waits. Shared by the two, because a callback may come when nobody waits any more.
+// From the callback to the thread that waits. Shared by the two, because a callback may come after the wait has ended.
 class Outcome {
  public:
   Outcome() : m_there(eventfd(0, EFD_CLOEXEC)) {
@@ -207,7 +207,7 @@ struct MetricOptions {
 
   // Throws CLI::ValidationError.
   void readFields() {
-    // The event itself would take the last of two values for a key, in an order that nobody gave.
+    // The event itself would take the last of two values for a key, in an order that the user did not give.
     const auto once = [this](auto add) {
       return [this, add](const std::string& key, auto value) {
         return event.fields.count(key) == 0 && (event.*add)(key, value);

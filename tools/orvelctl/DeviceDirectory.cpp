@@ -67,7 +67,7 @@ Descriptor openDirectory(const std::string& path) {
 }
 
 // What kept it from being opened.
-Problem whatIsWrongWithOpening(const std::string& path, int error) {
+Problem openingProblem(const std::string& path, int error) {
   std::error_code ignored;
   switch (error) {
     case ENOENT: {
@@ -81,7 +81,7 @@ Problem whatIsWrongWithOpening(const std::string& path, int error) {
         return {"it is a symbolic link, which is not followed",
                 "export ORVEL_RUNTIME_DIR=\"$(readlink -f " + quoted(path) + ")\""};
       }
-      return {"it is no directory", elsewhere()};
+      return {"it is not a directory", elsewhere()};
     case ENAMETOOLONG:
       return {"its path is too long", elsewhere()};
     case EACCES:
@@ -100,8 +100,8 @@ bool deviceLivesIn(const Descriptor& directory) {
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-Problem whatIsWrongWithUse(const std::string& path, const Descriptor& directory) {
-  if (!directory) return whatIsWrongWithOpening(path, errno);
+Problem directoryProblem(const std::string& path, const Descriptor& directory) {
+  if (!directory) return openingProblem(path, errno);
   struct stat status {};
   if (fstat(directory.get(), &status) != 0) return {std::strerror(errno), elsewhere()};
   if (status.st_uid != geteuid()) {
@@ -131,13 +131,13 @@ DeviceDirectory deviceDirectory() {
   return {temporaryDirectory(), "neither ORVEL_RUNTIME_DIR nor XDG_RUNTIME_DIR"};
 }
 
-Problem whatIsWrongWithUse(const std::string& directory) {
-  return whatIsWrongWithUse(directory, openDirectory(directory));
+Problem directoryProblem(const std::string& directory) {
+  return directoryProblem(directory, openDirectory(directory));
 }
 
-Problem whatIsWrongWith(const std::string& directory) {
+Problem deviceProblem(const std::string& directory) {
   const Descriptor opened = openDirectory(directory);
-  Problem problem = whatIsWrongWithUse(directory, opened);
+  Problem problem = directoryProblem(directory, opened);
   if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", "orvel-sim run"};
   return problem;
 }
@@ -149,7 +149,7 @@ std::vector<std::string> otherDevices(const std::string& directory) {
   std::vector<std::string> found;
   for (const std::string& candidate : candidates) {
     const bool known = candidate == directory || (!found.empty() && found.back() == candidate);
-    if (!known && whatIsWrongWith(candidate).what.empty()) found.push_back(candidate);
+    if (!known && deviceProblem(candidate).what.empty()) found.push_back(candidate);
   }
   return found;
 }
@@ -160,7 +160,7 @@ pid_t serverOf(const std::string& directory, const std::string& name) {
   if (!opened || readlinkat(opened.get(), name.c_str(), target.data(), target.size() - 1) <= 0) return 0;
   constexpr std::string_view kSocket = ".socket-";
   if (std::strncmp(target.data(), kSocket.data(), kSocket.size()) != 0) return 0;
-  // Short, whatever the directory's path is.
+  // However long the directory's path is, this one fits into a socket address.
   const std::string path = "/proc/self/fd/" + std::to_string(opened.get()) + "/" + target.data();
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -168,7 +168,7 @@ pid_t serverOf(const std::string& directory, const std::string& name) {
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const bool gone = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
-                    (errno == ECONNREFUSED || errno == ENOENT);  // all else says that somebody is there
+                    (errno == ECONNREFUSED || errno == ENOENT);  // any other error comes from a socket that is served
   return gone ? 0 : std::atoi(target.data() + kSocket.size());
 }
 

@@ -23,17 +23,17 @@ struct Problem {
   std::string advice;
 };
 
-// Whether a device can be reached in the directory: it can be used, and a device lives there.
-Problem whatIsWrongWith(const std::string& directory);
+// What keeps this user from a device in the directory: it cannot be used, or no device lives there.
+Problem deviceProblem(const std::string& directory);
 
-// The same of the first step alone.
-Problem whatIsWrongWithUse(const std::string& directory);
+// What keeps this user from using the directory, whether or not a device lives there.
+Problem directoryProblem(const std::string& directory);
 
 // The other directories of this user in which a device lives.
 std::vector<std::string> otherDevices(const std::string& directory);
 
-// The process that serves the service of a name, which consists of letters, digits, '-', '_' and inner '.'; 0 when nobody
-// does.
+// Returns the process that serves the service `name`, or 0 when no process does. The name consists of letters, digits,
+// '-', '_' and inner '.'.
 pid_t serverOf(const std::string& directory, const std::string& name);
 
 // Whether a process is stopped, as by SIGSTOP or a debugger.

@@ -26,7 +26,6 @@ namespace orvelctl {
 namespace {
 
 using orvel::cli::Colour;
-using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr long long kCallLimitMs = 1000;                          // what a service that hangs costs
@@ -148,7 +147,7 @@ class Examination {
     const auto fail = [&](const char* name, const std::string& message, const std::string& advice) {
       add({name, State::kFailure, message, advice, {}, kNoDevice, {}, path});
     };
-    const Problem unusable = whatIsWrongWithUse(path);
+    const Problem unusable = directoryProblem(path);
     const char* const given = std::getenv("ORVEL_RUNTIME_DIR");
     if (!unusable.what.empty()) {
       fail("directory", what + ": " + unusable.what, unusable.advice);
@@ -159,7 +158,7 @@ class Examination {
       add({"directory", State::kOk, what});
     }
     if (unusable.what.empty()) {
-      const Problem dead = whatIsWrongWith(path);
+      const Problem dead = deviceProblem(path);
       if (dead.what.empty()) {
         add({"device", State::kOk, "one lives there"});
         return true;
@@ -185,7 +184,7 @@ class Examination {
         add({service.id, State::kFailure, service.name + message, advice, {}, status, service.name, {}});
       };
       if (servers[n] == 0) {
-        fail(" is dead: nobody serves it", std::string("orvel-sim restart ") + service.id, kNotBound);
+        fail(" is dead: no process serves it", std::string("orvel-sim restart ") + service.id, kNotBound);
       } else if (isStopped(servers[n])) {
         fail(" hangs: " + process + " is stopped", "kill -CONT " + std::to_string(servers[n]), kTimedOut);
       } else {
@@ -211,9 +210,9 @@ class Examination {
     const std::string name = service.name;
     std::array<Milliseconds, kCalls> times{};
     for (Milliseconds& time : times) {
-      const auto start = Clock::now();
+      const auto start = std::chrono::steady_clock::now();
       const auto answer = m_session.call(service.id, name, service.nothing, service.ask);
-      time = Clock::now() - start;
+      time = std::chrono::steady_clock::now() - start;
       const auto* failure = std::get_if<Failure>(&answer);
       if (failure == nullptr) continue;
       const bool hangs = failure->exitStatus == kTimedOut;

@@ -105,7 +105,7 @@ bool Session::open() {
   if (saidNoDevice()) {
     const DeviceDirectory directory = deviceDirectory();
     keep({kNoDevice,
-          "no device in " + directory.path + ": " + whatIsWrongWith(directory.path).what,
+          "no device in " + directory.path + ": " + deviceProblem(directory.path).what,
           {},
           {},
           directory.path});
@@ -125,7 +125,7 @@ std::variant<Json, Failure> Session::call(const std::string& what, const std::st
   try {
     result = call(m_client);
   } catch (const std::logic_error& error) {
-    // The client passes on what the standard library throws for a setting that is no number.
+    // The client passes on what the standard library throws for a setting that is not a number.
     const bool too_big = dynamic_cast<const std::out_of_range*>(&error) != nullptr;
     return failed(too_big ? "its value does not fit in an int" : "its value is not a number");
   }
@@ -210,7 +210,7 @@ int Session::status() const {
 int Session::finish() {
   const std::vector<Failure> all = failures();
   if (all.empty()) return kSuccess;
-  // Behind half a line nobody could tell it from the rest of that.
+  // Behind half a line a reader could not tell where the failure begins.
   if (m_json && !m_mid_line) write(orvel::cli::envelope(all) + '\n');
   return all.front().exitStatus;
 }

@@ -29,14 +29,13 @@ using orvel::cli::kSuccess;
 using orvel::cli::kTimedOut;
 using orvel::cli::kUsage;
 
-// By which its messages begin.
+// What its messages begin with.
 constexpr char kProgram[] = "orvelctl";
 
 // In one line; bytes that are not UTF-8 are replaced.
 std::string asText(const Json& json);
 
-// Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that whatever call is in
-// progress ends. Made before any other thread, so that all of them leave the signals to its own. A second signal ends
+// Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that the call in progress ends. Made before any other thread, so that all of them leave the signals to its own. A second signal ends
 // the process.
 class Interrupter {
  public:
@@ -72,7 +71,7 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // False when there is no session to be had; status() then says why.
+  // Returns true when the session can be used; status() says why when it cannot.
   bool open();
 
   // Makes one call. It failed when the library logged an error meanwhile, or when it gave `nothing`, which is what a
@@ -109,16 +108,16 @@ class Session {
   // message, on failure.
   bool writeSome(std::string& text);
 
-  // The exit status of it all so far.
+  // The exit status that the failures so far give.
   int status() const;
 
-  // The same at the end. With --json standard output gets the failures too.
+  // The same, once at the end: with --json it also writes the failures to standard output.
   int finish();
 
   // Readable when a signal or the limit has ended the session.
   int interruption() const { return m_interrupter.descriptor(); }
 
-  // Ctrl-C is how one ends what has no end of its own: it is no failure.
+  // From now on Ctrl-C is the regular end of the session and not a failure.
   void acceptInterrupt() { m_interrupt_accepted = true; }
 
   // Shuts the client down at the end of a scope, for what its callbacks must not outlive.

@@ -160,7 +160,7 @@ const std::vector<KeyedKind>& keyedKinds() {
        [](Client& client, Events& events, const std::string& action) {
          return subscribeToAction(client, events, "broadcast", action, {});
        }},
-      // Served by this process itself, whatever runs.
+      // This process serves the namespaces itself.
       {"directive:", "NAMESPACE", "a directive of the voice assistant, with its seven texts", kNoService,
        [](Client& client, Events& events, const std::string& nspace) {
          return client.registerForDirective(nspace, [nspace, &events](const auto&... texts) {
@@ -172,7 +172,7 @@ const std::vector<KeyedKind>& keyedKinds() {
   return all;
 }
 
-// Null for a name that is no keyed kind's.
+// Null for a name without the prefix of a keyed kind.
 const KeyedKind* keyedKindOf(const std::string& name) {
   const auto fits = [&](const KeyedKind& kind) { return name.rfind(kind.prefix, 0) == 0; };
   const auto found = std::find_if(keyedKinds().begin(), keyedKinds().end(), fits);
@@ -227,7 +227,7 @@ bool wait(const Session& session, const Events& events, bool writing, std::optio
 
 }  // namespace
 
-std::string whatIsWrongWithKind(const std::string& name) {
+std::string checkKind(const std::string& name) {
   if (const KeyedKind* keyed = keyedKindOf(name)) {
     return name == keyed->prefix ? name + " needs a key, as in " + name + keyed->key : "";
   }

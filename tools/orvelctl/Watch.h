@@ -20,8 +20,8 @@ struct WatchOptions {
 // The options of a subcommand that say when watching ends.
 void addLimits(CLI::App* subcommand, WatchOptions& options);
 
-// What is wrong with the name of a kind; empty when nothing is.
-std::string whatIsWrongWithKind(const std::string& name);
+// Returns what is wrong with the name of a kind; empty when there is such a kind.
+std::string checkKind(const std::string& name);
 
 // The kinds that need no key.
 std::vector<std::string> kindNames();
@@ -29,7 +29,7 @@ std::vector<std::string> kindNames();
 // "  name           the device has a new name", one line a kind.
 std::string describeKinds();
 
-// Subscribes, then prints until the options or an interruption end it. Whatever fails is told by the session's status.
+// Subscribes, then prints until the options or an interruption end it. A failure shows in the session's status.
 void watchChanges(Session& session, const WatchOptions& options);
 
 }  // namespace orvelctl

@@ -19,6 +19,7 @@
 #include "tools/cli/Integration.h"
 #include "tools/cli/Options.h"
 #include "tools/cli/Streams.h"
+#include "tools/cli/Usage.h"
 
 namespace orvelctl {
 namespace {
@@ -141,27 +142,6 @@ const std::map<std::string, int>& logLevels() {
   return levels;
 }
 
-std::string whatIsWrong(const CLI::App* app, const CLI::Error& error) {
-  const CLI::App* innermost = app;
-  while (!innermost->get_subcommands().empty()) innermost = innermost->get_subcommands().front();
-  std::string names;
-  for (const CLI::App* subcommand : innermost->get_subcommands([](const CLI::App*) { return true; })) {
-    names += (names.empty() ? "" : ", ") + subcommand->get_name();
-  }
-  const std::vector<std::string> extra = app->remaining(/*recurse=*/true);
-  std::string what = error.what();
-  if (!names.empty() && dynamic_cast<const CLI::RequiredError*>(&error)) {
-    what = extra.empty() ? "a subcommand is required" : "no subcommand is called " + extra.front();
-    if (innermost != app) what.insert(0, innermost->get_name() + ": ");
-    what += "; there are " + names;
-  }
-  return what;
-}
-
-std::string explain(const CLI::App* app, const CLI::Error& error) {
-  return orvel::cli::failurePrefix(kProgram) + whatIsWrong(app, error) + "\nRun with --help for more information.\n";
-}
-
 // What completes arguments whose values no description lists.
 orvel::cli::Values completions() {
   std::vector<std::string> watched = kindNames();
@@ -171,109 +151,119 @@ orvel::cli::Values completions() {
           {"event namespace", {"@namespaces"}}, {"watch kinds", watched}};
 }
 
-int parseAndRun(int argc, char** argv) {
-  CLI::App app("Asks the device's platform services through libOrvelDelegateClient.", "orvelctl");
-  app.require_subcommand(1);
-  app.fallthrough();
-  app.footer(std::string(kFooter + 1) + orvel::cli::kPlaces);
-  app.failure_message(explain);
-  app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
-  bool json = false;
-  std::string level = "warning";
-  double timeout = 0;
-  std::vector<std::string> levels;
-  for (const auto& [name, priority] : logLevels()) levels.push_back(name);
-  app.add_flag("--json", json, "print one JSON object per result");
-  app.add_option("--log-level", level, "least level of what the library logs")
-      ->check(CLI::IsMember(levels))
-      ->capture_default_str();
-  orvel::cli::inSeconds(app.add_option("--timeout", timeout, "give up after so many seconds (default: never)"));
+// The subcommands, each with what its arguments are read into.
+class CommandLine {
+ public:
+  CommandLine() : m_commands(m_app, m_chosen) {
+    m_app.require_subcommand(1);
+    m_app.fallthrough();
+    m_app.footer(std::string(kFooter + 1) + orvel::cli::kPlaces);
+    m_app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
+    addOptions();
+    addIdentity();
+    addSettings();
+    addStates();
+    addActivityCommands(m_commands);
+    addPackageCommands(m_commands);
+    addAssistantCommands(m_commands);
+    addWatch();
+    m_doctor = m_commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
+    m_doctor->footer(kDoctorFooter);
+  }
 
-  Command command;
-  Commands commands(app, command);
-
-  commands.add("device", "Show all about the device", showDevice);
-
-  std::string name;
-  std::vector<std::string> names;
-  for (const Value& value : identity()) names.push_back(value.name);
-  commands
-      .add("get", "Show one value of the device's identity",
-           [&](Session& session) {
-             for (const Value& value : identity()) {
-               if (value.name == name) show(session, value);
-             }
-           })
-      ->add_option("value", name)
-      ->required()
-      ->check(CLI::IsMember(names));
-
-  std::string key;
-  int fallback = 0;
-  const auto add_setting = [&](CLI::App* setting) {
-    addText(setting, "key", key, "");
-    setting->add_option("--default", fallback, "what an unset or empty setting counts as")->capture_default_str();
-  };
-  const auto show_setting = [&](Session& session) { showSetting(session, key, fallback); };
-  add_setting(commands.add("setting", "Show a secure setting that is a number", show_setting));
-  Commands settings = commands.group("settings", "The same, in the words of a device's own settings: get secure KEY");
-  add_setting(
-      settings.group("get", "Show a setting").add("secure", "Show a secure setting that is a number", show_setting));
-
-  commands.add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
-  commands.add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
-               [](Session& session) { show(session, kAssistant); });
-  commands.add("network",
-               "Show what the client says of the network: always disconnected, its state comes by notification only",
-               [](Session& session) { show(session, kNetwork); });
-
-  std::string kind;
-  commands
-      .add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
-           [&](Session& session) { takeWakeLock(session, kind); })
-      ->add_option("kind", kind)
-      ->required()
-      ->check(CLI::IsMember({"partial", "full"}));
-
-  addActivityCommands(commands);
-  addPackageCommands(commands);
-
-  addAssistantCommands(commands);
-
-  WatchOptions watch_options;
-  CLI::App* watch = commands.add("watch", "Print changes as they happen, one a line, until Ctrl-C",
-                                 [&](Session& session) { watchChanges(session, watch_options); });
-  watch->add_option("kinds", watch_options.kinds, "what to watch (default: all that need no key)")
-      ->check(whatIsWrongWithKind, "", "")
-      ->type_name("");
-  addLimits(watch, watch_options);
-  watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
-
-  CLI::App* doctor = commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
-  doctor->footer(kDoctorFooter);
-
-  if (const auto answered = orvel::cli::answerIntegration(app, argc, argv, "orvel-sim", completions()))
-    return *answered;
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (app.exit(error) == 0) {
-      orvel::cli::flushOutput();
-      return kSuccess;
+  // Returns the exit status.
+  int run(int argc, const char* const* argv) {
+    if (const auto answered = orvel::cli::answerIntegration(m_app, argc, argv, "orvel-sim", completions())) {
+      return *answered;
     }
-    const bool as_json = json || orvel::cli::asksForJson(argc, argv);
-    return orvel::cli::fail(kProgram, {kUsage, whatIsWrong(&app, error)}, as_json, /*said=*/true);
-  }
-  if (doctor->parsed()) {
-    if (timeout == 0) timeout = kDoctorLimit;
-    if (app.count("--log-level") == 0) level = "silent";  // it says the same in better words
+    if (const auto ended = orvel::cli::parse(m_app, argc, argv)) return *ended;
+    if (m_doctor->parsed()) {
+      if (m_timeout == 0) m_timeout = kDoctorLimit;
+      if (m_app.count("--log-level") == 0) m_level = "silent";  // it says the same in better words
+    }
+    watchLog(logLevels().at(m_level));
+    Session session(m_timeout, m_json);
+    if (m_doctor->parsed() || session.open()) m_chosen(session);
+    return session.finish();
   }
 
-  watchLog(logLevels().at(level));
-  Session session(timeout, json);
-  if (doctor->parsed() || session.open()) command(session);
-  return session.finish();
-}
+ private:
+  void addOptions() {
+    std::vector<std::string> levels;
+    for (const auto& [name, priority] : logLevels()) levels.push_back(name);
+    m_app.add_flag("--json", m_json, "print one JSON object per result");
+    m_app.add_option("--log-level", m_level, "least level of what the library logs")
+        ->check(CLI::IsMember(levels))
+        ->capture_default_str();
+    orvel::cli::inSeconds(m_app.add_option("--timeout", m_timeout, "give up after so many seconds (default: never)"));
+  }
+
+  void addIdentity() {
+    m_commands.add("device", "Show all about the device", showDevice);
+    std::vector<std::string> names;
+    for (const Value& value : identity()) names.push_back(value.name);
+    const auto show_value = [this](Session& session) {
+      for (const Value& value : identity()) {
+        if (value.name == m_value) show(session, value);
+      }
+    };
+    m_commands.add("get", "Show one value of the device's identity", show_value)
+        ->add_option("value", m_value)
+        ->required()
+        ->check(CLI::IsMember(names));
+  }
+
+  void addSettings() {
+    const auto show_setting = [this](Session& session) { showSetting(session, m_key, m_fallback); };
+    const auto add = [this](CLI::App* setting) {
+      addText(setting, "key", m_key, "");
+      setting->add_option("--default", m_fallback, "what an unset or empty setting counts as")->capture_default_str();
+    };
+    add(m_commands.add("setting", "Show a secure setting that is a number", show_setting));
+    add(m_commands.group("settings", "The same, in the words of a device's own settings: get secure KEY")
+            .group("get", "Show a setting")
+            .add("secure", "Show a secure setting that is a number", show_setting));
+  }
+
+  void addStates() {
+    m_commands.add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
+    m_commands.add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
+                   [](Session& session) { show(session, kAssistant); });
+    m_commands.add(
+        "network",
+        "Show what the client says of the network: always disconnected, its state comes by notification only",
+        [](Session& session) { show(session, kNetwork); });
+    m_commands
+        .add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
+             [this](Session& session) { takeWakeLock(session, m_wake_lock); })
+        ->add_option("kind", m_wake_lock)
+        ->required()
+        ->check(CLI::IsMember({"partial", "full"}));
+  }
+
+  void addWatch() {
+    CLI::App* watch = m_commands.add("watch", "Print changes as they happen, one a line, until Ctrl-C",
+                                     [this](Session& session) { watchChanges(session, m_watch); });
+    watch->add_option("kinds", m_watch.kinds, "what to watch (default: all that need no key)")
+        ->check(checkKind, "", "")
+        ->type_name("");
+    addLimits(watch, m_watch);
+    watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
+  }
+
+  CLI::App m_app{"Asks the device's platform services through libOrvelDelegateClient.", kProgram};
+  Command m_chosen;
+  Commands m_commands;
+  CLI::App* m_doctor = nullptr;
+  bool m_json = false;
+  std::string m_level = "warning";
+  double m_timeout = 0;
+  std::string m_value;  // of the identity
+  std::string m_key;    // of a setting
+  int m_fallback = 0;
+  std::string m_wake_lock;
+  WatchOptions m_watch;
+};
 
 }  // namespace
 }  // namespace orvelctl
@@ -281,7 +271,7 @@ int parseAndRun(int argc, char** argv) {
 int main(int argc, char** argv) {
   orvel::cli::prepareStreams();
   try {
-    return orvelctl::parseAndRun(argc, argv);
+    return orvelctl::CommandLine().run(argc, argv);
   } catch (const std::exception& error) {
     return orvel::cli::fail(orvelctl::kProgram, {orvelctl::kFailed, error.what()}, orvel::cli::asksForJson(argc, argv));
   }

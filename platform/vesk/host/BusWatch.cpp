@@ -86,8 +86,8 @@ void BusWatch::end_soon() {
   sd_event_source_set_enabled(m_more.get(), SD_EVENT_ON);
 }
 
-// A few messages at a time: each turn of the loop looks at every socket that is ready, and a peer that sends without end
-// has to share it with the others.
+// A few messages at a time: each turn of the loop looks at every socket that is ready, and a peer that sends without
+// end has to share it with the others.
 void BusWatch::step() {
   if (m_ending) {
     sd_event_source_set_enabled(m_more.get(), SD_EVENT_OFF);

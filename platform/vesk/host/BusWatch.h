@@ -1,4 +1,5 @@
-// One bus of the run loop's: what arrives on it is dispatched, and what a slow reader left is written once there is room.
+// One bus of the run loop's: what arrives on it is dispatched, and what a slow reader left is written once there is
+// room.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -32,7 +33,7 @@ class BusWatch {
   // To be called after anything was sent on the bus.
   void update();
 
-  // Dispatches nothing more and calls on_end after whatever is being dispatched. Needs no memory.
+  // Dispatches nothing more and calls on_end after what is being dispatched. Needs no memory.
   void end_soon();
 
  private:

@@ -13,7 +13,7 @@ namespace vesk {
 namespace {
 
 // What is behind each descriptor, by number; 0 where it is not this library's. In blocks that are made when they are
-// needed and kept for ever, so that a forked child can read them, whatever other threads were doing when it was made.
+// needed and kept for ever, so that a forked child can read them although other threads were at work when it was made.
 constexpr std::size_t kBlockSize = 1024;
 // Beyond them, which takes a limit of over a million descriptors, a child keeps what it inherits.
 constexpr std::size_t kBlocks = 1024;

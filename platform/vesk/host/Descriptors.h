@@ -1,5 +1,5 @@
 // The descriptors of this library that a forked child must not keep: with a copy of a socket or a lock the parent would
-// live on for everybody else.
+// live on for all other processes.
 #pragma once
 
 namespace vesk {

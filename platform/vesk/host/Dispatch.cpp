@@ -1,15 +1,29 @@
 #include "Dispatch.h"
 
-#include "Runtime.h"
-
 namespace vesk {
+namespace {
 
-EndpointHold::EndpointHold(vesk_endpoint* endpoint) : m_endpoint(endpoint) {
-  report_throw("endpoint_acquire", [&] { m_endpoint->fn->endpoint_acquire(Runtime::instance().handle(), m_endpoint); });
+int g_runtime;
+
+}  // namespace
+
+void* runtime_address() {
+  return &g_runtime;
 }
 
-EndpointHold::~EndpointHold() {
-  report_throw("endpoint_release", [&] { m_endpoint->fn->endpoint_release(Runtime::instance().handle(), m_endpoint); });
+EndpointRef hold_endpoint(vesk_endpoint* endpoint) {
+  report_throw("endpoint_acquire", [&] { endpoint->fn->endpoint_acquire(runtime_address(), endpoint); });
+  return {endpoint, [](vesk_endpoint* held) {
+            report_throw("endpoint_release", [&] { held->fn->endpoint_release(runtime_address(), held); });
+          }};
+}
+
+MessageHooks& message_hooks() {
+  struct HostHooks : MessageHooks {
+    EndpointRef hold(vesk_endpoint* endpoint) override { return hold_endpoint(endpoint); }
+  };
+  static auto* const hooks = new HostHooks;
+  return *hooks;
 }
 
 DeathLink::DeathLink(vesk_death_callback* callback) : m_callback(callback) {
@@ -21,12 +35,12 @@ DeathLink::~DeathLink() {
 }
 
 void DeathLink::deliver(vesk_handle handle) const {
-  report_throw("on_death", [&] { m_callback->on_death(Runtime::instance().handle(), m_callback, &handle); });
+  report_throw("on_death", [&] { m_callback->on_death(runtime_address(), m_callback, &handle); });
 }
 
 int call_endpoint(vesk_endpoint* endpoint, unsigned int code, vesk_identity* caller, vesk_buffer* request,
                   vesk_payload* reply) {
-  void* runtime = Runtime::instance().handle();
+  void* runtime = runtime_address();
   int status = -EREMOTEIO;
   report_throw("callback of an endpoint", [&] {
     if (reply == nullptr) {

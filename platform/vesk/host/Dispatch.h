@@ -5,8 +5,8 @@
 
 #include <exception>
 
-#include "Message.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 class IncomingRequest;
@@ -19,6 +19,12 @@ struct vesk_identity {
 };
 
 namespace vesk {
+
+// What vesk_get_runtime gives and every callback gets. It says nothing but that it is not null: there is one runtime.
+void* runtime_address();
+
+// A new reference to an endpoint of this process. What its functions throw is reported.
+EndpointRef hold_endpoint(vesk_endpoint* endpoint);
 
 // One link to a death: a reference to the callback, from death_acquire to death_release. Never destroyed while a lock
 // of this library is held.
@@ -45,7 +51,7 @@ void report_throw(const char* what, const Body& body) {
   } catch (const std::exception& error) {
     complain("%s threw: %s", what, error.what());
   } catch (...) {
-    complain("%s threw something that is no exception", what);
+    complain("%s threw something that is not an exception", what);
   }
 }
 

@@ -14,7 +14,7 @@ std::vector<std::uint64_t> ExportTable::add(const std::vector<EndpointRef>& endp
   const std::lock_guard lock(m_mutex);
   if (m_closed) check(-EPIPE);
   for (const EndpointRef& endpoint : endpoints) {
-    std::uint64_t& number = m_numbers[endpoint->get()];
+    std::uint64_t& number = m_numbers[endpoint.get()];
     if (number == 0) {
       number = ++m_last_number;
       m_exports[number].endpoint = endpoint;
@@ -47,7 +47,7 @@ EndpointRef ExportTable::change(std::uint64_t number, const Change& change) {
   change(found->second);
   if (found->second.sent != found->second.given_up) return nullptr;
   EndpointRef dropped = std::move(found->second.endpoint);
-  m_numbers.erase(dropped->get());
+  m_numbers.erase(dropped.get());
   m_exports.erase(found);
   return dropped;
 }

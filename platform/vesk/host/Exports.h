@@ -12,9 +12,9 @@
 
 #include "BusWatch.h"
 #include "Loop.h"
-#include "Message.h"
 #include "ThreadAnnotations.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 
@@ -34,22 +34,22 @@ class ExportTable {
     Callback& operator=(const Callback&) = delete;
 
     // Null for a number that the peer does not hold.
-    [[nodiscard]] vesk_endpoint* endpoint() const { return m_endpoint ? m_endpoint->get() : nullptr; }
+    [[nodiscard]] vesk_endpoint* endpoint() const { return m_endpoint.get(); }
 
    private:
     ExportTable& m_exports;
     EndpointRef m_endpoint;
   };
 
-  // The peer gives back `count` sendings; false, and nothing changed, when it never held so many. What was taken back or
-  // given up meanwhile may cross its message, so that a number that is not known any more changes nothing.
+  // The peer gives back `count` sendings; false, and nothing changed, when it never held so many. What was taken back
+  // or given up meanwhile may cross its message, so that a number that is not known any more changes nothing.
   bool give_back(std::uint64_t number, std::uint32_t count);
 
   // A call has failed, and its sending counts no more on either side.
   void take_back(std::uint64_t number);
 
-  // A call has run out of time: for its caller it has failed, but the peer may count its sending all the same. Gives the
-  // endpoint where no other sending keeps it, for the caller to drop without a lock.
+  // A call has run out of time: for its caller it has failed, but the peer may count its sending all the same. Gives
+  // the endpoint where no other sending keeps it, for the caller to drop without a lock.
   [[nodiscard]] EndpointRef give_up(std::uint64_t number);
 
   // Such a call has failed at the peer too.
@@ -91,15 +91,15 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   static std::shared_ptr<CallbackChannel> create(ExportTable& exports, pid_t peer, std::function<void()> on_broken,
                                                  UniqueFd* peer_end);
 
-  // On the sending thread, once the call is over. False when the receiver has not done its half yet, which it has before it
-  // answers; the loop then waits for it.
+  // On the sending thread, once the call is over. False when the receiver has not done its half yet, which it has
+  // before it answers; the loop then waits for it.
   [[nodiscard]] bool finish_handshake();
 
   // From here on the loop's thread owns the channel.
   void attach(const Loop& loop);
 
-  // Delivers everything that has arrived, and takes no more from then on. False when the loop is winding down and some may
-  // be left.
+  // Delivers everything that has arrived, and takes no more from then on. False when the loop is winding down and some
+  // may be left.
   bool drain(const Loop& loop);
 
   // Tells the peer at once; on the owning thread.

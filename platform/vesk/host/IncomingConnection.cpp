@@ -9,8 +9,6 @@
 #include <iterator>
 #include <utility>
 
-#include "Server.h"
-
 namespace vesk {
 namespace {
 
@@ -39,6 +37,10 @@ bool read_numbers(sd_bus_message* message, std::vector<std::uint64_t>* numbers) 
   return true;
 }
 
+RemoteRef counted(vesk_remote* remote) {
+  return {vesk_remote_acquire(remote), vesk_remote_release};
+}
+
 void tell_gone(vesk_remote& remote) {
   const auto gone = std::exchange(remote.gone, nullptr);
   if (gone != nullptr) report_throw("a notice", [&] { gone(remote.gone_context, &remote); });
@@ -51,14 +53,14 @@ int as_gone(int result) {
 
 }  // namespace
 
-std::shared_ptr<IncomingConnection> IncomingConnection::accept(Server& server, UniqueFd socket, pid_t peer) {
-  std::shared_ptr<IncomingConnection> connection(new IncomingConnection(server, peer));
+std::shared_ptr<IncomingConnection> IncomingConnection::accept(Acceptor& acceptor, UniqueFd socket, pid_t peer) {
+  std::shared_ptr<IncomingConnection> connection(new IncomingConnection(acceptor, peer));
   connection->m_bus = start_bus(std::move(socket), HandshakeRole::kAccepting, &on_message, connection.get());
   const auto on_end = [](void* ended) {
     auto* self = static_cast<IncomingConnection*>(ended);
-    self->m_server.remove(*self);
+    self->m_acceptor.remove(*self);
   };
-  connection->m_watch.start(server.loop(), connection->m_bus.get(), on_end, connection.get());
+  connection->m_watch.start(acceptor.loop(), connection->m_bus.get(), on_end, connection.get());
   return connection;
 }
 
@@ -99,10 +101,10 @@ bool IncomingConnection::handle(sd_bus_message* message) {
   return is_call(message, kMemberCall, nullptr) && serve(message);
 }
 
-// A name that is not served any more ends the connection, so that its owner learns of it whatever came first.
+// A name that is not served any more ends the connection, so that its owner learns of it in either order.
 bool IncomingConnection::open(sd_bus_message* message) {
   m_path = sd_bus_message_get_path(message);
-  return m_server.endpoint(m_path) != nullptr;
+  return m_acceptor.endpoint(m_path) != nullptr;
 }
 
 bool IncomingConnection::serve(sd_bus_message* message) {
@@ -116,12 +118,12 @@ bool IncomingConnection::serve(sd_bus_message* message) {
   check(sd_bus_message_read_basic(message, 'u', &code));
   if (!read_bytes(message, &request.buffer.parcel) || !receive_remotes(message, &request.buffer.remotes)) return false;
 
-  const EndpointRef endpoint = m_server.endpoint(m_path);
+  const EndpointRef endpoint = m_acceptor.endpoint(m_path);
   if (!endpoint) return false;
   const bool two_way = expects_reply(message);
   vesk_payload reply;
   vesk_identity caller{m_peer, two_way ? &request : nullptr};
-  const int status = call_endpoint(endpoint->get(), code, &caller, &request.buffer, two_way ? &reply : nullptr);
+  const int status = call_endpoint(endpoint.get(), code, &caller, &request.buffer, two_way ? &reply : nullptr);
   if (two_way && !request.is_deferred()) answer(message, request.buffer.remotes, status, &reply);
   return true;
 }
@@ -148,12 +150,12 @@ bool IncomingConnection::accept_channel(int descriptor) {
   check_errno(::fcntl(socket.get(), F_SETFL, O_NONBLOCK));
   BusPtr channel = start_bus(std::move(socket), HandshakeRole::kAccepting, &on_channel_message, this);
   for (int steps = 0; sd_bus_is_ready(channel.get()) <= 0; ++steps) {
-    // A greeting that goes on for ever would keep the loop from everybody else.
+    // A greeting that goes on for ever would keep the loop from all other connections.
     if (steps == kMaxHandshakeSteps || check(sd_bus_process(channel.get(), nullptr)) == 0) return false;
   }
   const auto on_end = [](void* self) { static_cast<IncomingConnection*>(self)->retire(); };
   m_channel = std::move(channel);
-  m_channel_watch.start(m_server.loop(), m_channel.get(), on_end, this);
+  m_channel_watch.start(m_acceptor.loop(), m_channel.get(), on_end, this);
   return true;
 }
 
@@ -168,18 +170,18 @@ RemoteRef IncomingConnection::received(std::uint64_t number) {
     static_cast<void>(fresh.release());  // those who count it own it now
   }
   ++known->second->received;
-  return RemoteRef(vesk_remote_acquire(known->second));
+  return counted(known->second);
 }
 
-// What calls brought that failed for their sender only, because their time was over when they were answered. It gets its
-// references back, and a remote of which none is left is gone for those who hold it.
+// What calls brought that failed for their sender only, because their time was over when they were answered. It gets
+// its references back, and a remote of which none is left is gone for those who hold it.
 bool IncomingConnection::take_back(sd_bus_message* message) {
   std::vector<std::uint64_t> numbers;
   if (!read_numbers(message, &numbers)) return false;
   for (const std::uint64_t number : numbers) {
     const auto found = m_remotes.find(number);
     if (found == m_remotes.end() || found->second->received == 0) continue;  // on its way back already
-    const RemoteRef remote(vesk_remote_acquire(found->second));
+    const RemoteRef remote = counted(found->second);
     give_back(number, 1);
     if (--remote->received != 0) continue;
     m_remotes.erase(found);
@@ -201,12 +203,12 @@ void IncomingConnection::answer(sd_bus_message* call, const std::vector<RemoteRe
   m_watch.update();
 }
 
-vesk_deferred* IncomingConnection::defer(sd_bus_message* call, std::vector<RemoteRef>& remotes) {
+vesk_deferred* IncomingConnection::defer(sd_bus_message* call, const std::vector<RemoteRef>& remotes) {
   if (m_deferred == kMaxDeferred) return nullptr;
   auto deferred = std::make_unique<vesk_deferred>();
   deferred->connection = weak_from_this();
   deferred->call.reset(sd_bus_message_ref(call));
-  for (const RemoteRef& remote : remotes) deferred->remotes.emplace_back(vesk_remote_acquire(remote.get()));
+  deferred->remotes = remotes;
   ++m_deferred;
   return deferred.release();
 }
@@ -226,7 +228,7 @@ vesk_deferred* IncomingRequest::defer() {
 // ---- Calling the remotes ----
 
 // The keeper sends nothing but answers here, and its hang-up ends the connection. An answer to a call that is pending
-// goes to on_remote_answer, so one that comes here is late, or nobody has asked for it.
+// goes to on_remote_answer, so one that comes here is late or was never asked for.
 int IncomingConnection::on_channel_message(sd_bus_message* message, void* self, sd_bus_error*) {
   auto* connection = static_cast<IncomingConnection*>(self);
   std::uint8_t type = 0;

@@ -12,8 +12,9 @@
 
 #include "BusWatch.h"
 #include "Dispatch.h"
-#include "Message.h"
+#include "Loop.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 class IncomingConnection;
@@ -39,14 +40,23 @@ struct vesk_deferred {
 
 namespace vesk {
 
-class Server;
-
 // One connection that was accepted. Run-loop thread.
 //
 //   accepted --Open(name)--> calls --hang-up, a broken rule, or its name withdrawn--> retired --> gone
 class IncomingConnection : public std::enable_shared_from_this<IncomingConnection> {
  public:
-  static std::shared_ptr<IncomingConnection> accept(Server& server, UniqueFd socket, pid_t peer);
+  // What a connection asks of the one who accepted it, which outlives it.
+  class Acceptor {
+   public:
+    virtual ~Acceptor() = default;
+    virtual Loop& loop() = 0;
+    // The endpoint published under an object path, or null.
+    virtual EndpointRef endpoint(const std::string& path) = 0;
+    // Closes a connection that is out of service and tells those who wait for something from it.
+    virtual void remove(IncomingConnection& connection) = 0;
+  };
+
+  static std::shared_ptr<IncomingConnection> accept(Acceptor& acceptor, UniqueFd socket, pid_t peer);
   ~IncomingConnection();
   IncomingConnection(const IncomingConnection&) = delete;
   IncomingConnection& operator=(const IncomingConnection&) = delete;
@@ -61,9 +71,9 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   void close(bool notify);
 
   void answer(sd_bus_message* call, const std::vector<RemoteRef>& remotes, int status, const vesk_payload* reply);
-  vesk_deferred* defer(sd_bus_message* call, std::vector<RemoteRef>& remotes);
+  vesk_deferred* defer(sd_bus_message* call, const std::vector<RemoteRef>& remotes);
   void finish_deferred(vesk_deferred& deferred, int status, const vesk_payload* reply);
-  // Takes the connection out of service, at the end of whatever it is doing.
+  // Takes the connection out of service, at the end of what it is doing.
   void retire() { m_watch.end_soon(); }
 
   int call_remote(const vesk_remote& remote, unsigned int code, const Parcel& request);
@@ -81,7 +91,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
     void* context = nullptr;
   };
 
-  IncomingConnection(Server& server, pid_t peer) : m_server(server), m_peer(peer) {}
+  IncomingConnection(Acceptor& acceptor, pid_t peer) : m_acceptor(acceptor), m_peer(peer) {}
 
   static int on_message(sd_bus_message* message, void* self, sd_bus_error* error);
   static int on_channel_message(sd_bus_message* message, void* self, sd_bus_error* error);
@@ -97,11 +107,11 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   void give_back(std::uint64_t number, std::uint32_t count);
   MessagePtr new_remote_call(const vesk_remote& remote, unsigned int code, const Parcel& request, bool two_way);
 
-  Server& m_server;
+  Acceptor& m_acceptor;
   pid_t m_peer;
   std::string m_path;  // of the service it was opened for; empty before that
   unsigned int m_deferred = 0;
-  std::unordered_map<std::uint64_t, vesk_remote*> m_remotes;  // borrowed: whoever counts them owns them
+  std::unordered_map<std::uint64_t, vesk_remote*> m_remotes;  // borrowed: those who count them own them
   std::list<PendingCall> m_pending;
   unsigned int m_late_answers = 0;  // that timed-out calls are still due
   Outbox m_answers;

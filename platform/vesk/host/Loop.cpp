@@ -82,8 +82,8 @@ void Loop::enqueue(Task task) {
   run_tasks_left_by_others();
 }
 
-// Where no thread is inside run(), the tasks are done here. Whoever finds the ownership taken leaves them to the owner,
-// which looks once more after letting go.
+// Where no thread is inside run(), the tasks are done here. A thread that finds the ownership taken leaves them to the
+// owner, which looks once more after letting go.
 void Loop::run_tasks_left_by_others() {
   while (!m_running && has_task(false)) {
     std::unique_lock lock(m_owner_mutex, std::try_to_lock);

@@ -11,7 +11,6 @@
 
 #include "Descriptors.h"
 #include "Dispatch.h"
-#include "Runtime.h"
 #include "RuntimeDirectory.h"
 
 namespace vesk {
@@ -45,19 +44,19 @@ int as_refusal(int result) {
 
 }  // namespace
 
-std::shared_ptr<OutgoingConnection> OutgoingConnection::open(Runtime& runtime, const char* name) {
+std::shared_ptr<OutgoingConnection> OutgoingConnection::open(const Surroundings& surroundings, const char* name) {
   const std::string file = escaped_name(name);
   const UniqueFd directory = open_runtime_directory();
   std::shared_ptr<OutgoingConnection> connection;
   check(as_refusal(as_error_code([&] {
-    connection.reset(new OutgoingConnection(runtime, name, connect_to_service(directory.get(), file)));
+    connection.reset(new OutgoingConnection(surroundings, name, connect_to_service(directory.get(), file)));
     return 0;
   })));
   return connection;
 }
 
-OutgoingConnection::OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket)
-    : m_runtime(runtime), m_path(object_path(name)) {
+OutgoingConnection::OutgoingConnection(const Surroundings& surroundings, const char* name, UniqueFd socket)
+    : m_owner(surroundings), m_path(object_path(name)) {
   m_watched.reset(check_errno(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 3)));
   remember_descriptor(m_watched.get());
   ucred peer{};
@@ -73,7 +72,7 @@ OutgoingConnection::~OutgoingConnection() = default;
 
 void OutgoingConnection::watch(vesk_handle handle) {
   m_handle = handle;
-  m_runtime.loop().post([self = shared_from_this()] {
+  m_owner.loop.post([self = shared_from_this()] {
     {
       const std::lock_guard lock(self->m_links_mutex);
       if (self->m_closed) return;
@@ -85,11 +84,11 @@ void OutgoingConnection::watch(vesk_handle handle) {
     };
     sd_event_source* source = nullptr;
     // Edge-triggered while the handshake is pending: a caller may be reading the same socket.
-    if (sd_event_add_io(self->m_runtime.loop().event(), &source, self->m_watched.get(), EPOLLIN | EPOLLRDHUP | EPOLLET,
+    if (sd_event_add_io(self->m_owner.loop.event(), &source, self->m_watched.get(), EPOLLIN | EPOLLRDHUP | EPOLLET,
                         on_event, self.get()) < 0) {
-      // A death that could not be noticed is worse than one that did not happen.
+      // Without a watch its death would go unseen, so treat it as dead now.
       self->hang_up();
-      self->m_runtime.loop().post_callback([self] { self->finish_death(); });
+      self->m_owner.loop.post_callback([self] { self->finish_death(); });
       return;
     }
     self->m_watch.reset(source);
@@ -101,7 +100,7 @@ void OutgoingConnection::watch(vesk_handle handle) {
 bool OutgoingConnection::try_handshake() {
   const int result = as_error_code([&] {
     const std::lock_guard lock(m_mutex);
-    const bool in_loop = m_runtime.loop().is_this_thread();
+    const bool in_loop = m_owner.loop.is_this_thread();
     const Deadline deadline = Clock::now() + (in_loop ? kHandshakePatienceOfLoop : kHandshakePatience);
     if (!finish_handshake(deadline)) return -ETIMEDOUT;
     // The message that says which service is meant has waited for that.
@@ -113,7 +112,8 @@ bool OutgoingConnection::try_handshake() {
   });
   if (result == -ETIMEDOUT) return false;
   if (as_refusal(result) == -EAGAIN) check(-EAGAIN);
-  return true;  // a service that breaks the rules instead has let this process in; the first call fails with what is wrong
+  return true;  // a service that breaks the rules instead has let this process in; the first call fails with what is
+                // wrong
 }
 
 int OutgoingConnection::call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints,
@@ -121,9 +121,9 @@ int OutgoingConnection::call(unsigned int code, const Parcel& request, const std
   if (request.error() != 0) return request.error();
   if (request.bytes().size() > kMaxMessageBytes || endpoints.size() > kMaxMessageEndpoints) return -EMSGSIZE;
   // The loop would wait for itself.
-  if (m_peer == ::getpid() && m_runtime.loop().is_this_thread()) return -EDEADLK;
+  if (m_peer == ::getpid() && m_owner.loop.is_this_thread()) return -EDEADLK;
   const CallMark mark(m_calls_in_progress);
-  if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
+  if (m_owner.loop.is_stopped()) return -ESHUTDOWN;
 
   Attempt attempt;
   Leftover leftover;
@@ -142,20 +142,20 @@ int OutgoingConnection::call(unsigned int code, const Parcel& request, const std
     }
   });
   if (const auto& channel = attempt.fresh_channel) {
-    m_runtime.loop().post([self = shared_from_this(), channel] { channel->attach(self->m_runtime.loop()); });
+    m_owner.loop.post([self = shared_from_this(), channel] { channel->attach(self->m_owner.loop); });
   }
   finish(std::move(leftover));
   if (status != 0) {
     if (!attempt.is_late) {
       for (const std::uint64_t number : attempt.numbers) m_exports.take_back(number);
     }
-    if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
+    if (m_owner.loop.is_stopped()) return -ESHUTDOWN;
   }
   return status;
 }
 
 int OutgoingConnection::transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) {
-  const Deadline deadline = Clock::now() + m_runtime.call_limit();
+  const Deadline deadline = Clock::now() + m_owner.call_limit;
   if (!finish_handshake(deadline)) return -ETIMEDOUT;
 
   const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/true);
@@ -187,8 +187,8 @@ int OutgoingConnection::transact(unsigned int code, const Parcel& request, Attem
   return status;
 }
 
-// What sd_bus_call does, except that a signal handler of the process does not end it. Null at the deadline; m_awaited then
-// says whether the call has left.
+// What sd_bus_call does, except that a signal handler of the process does not end it. Null at the deadline; m_awaited
+// then says whether the call has left.
 MessagePtr OutgoingConnection::exchange(sd_bus_message* call, std::size_t size, Deadline deadline) {
   m_answer.reset();
   // Calls to a peer that reads nothing fail one after the other, and what they leave in the queue is bounded as well.
@@ -215,7 +215,7 @@ void OutgoingConnection::give_up_answer(Attempt& attempt) {
 
 // The peer sends nothing but answers, one to each call.
 int OutgoingConnection::on_message(sd_bus_message* message, void* self, sd_bus_error*) {
-  // sd-bus's own word for a hang-up, which is no fault of the peer's.
+  // sd-bus's own word for a hang-up, which does not break the rules.
   if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) return -ECONNRESET;
   auto* connection = static_cast<OutgoingConnection*>(self);
   const int taken = as_error_code([&]() VESK_NO_ANALYSIS {
@@ -257,7 +257,7 @@ void OutgoingConnection::take_late_answer(sd_bus_message* message, const std::ve
 }
 
 int OutgoingConnection::send(unsigned int code, const Parcel& request) {
-  if (m_runtime.loop().is_stopped()) return -ESHUTDOWN;
+  if (m_owner.loop.is_stopped()) return -ESHUTDOWN;
   Leftover leftover;
   const std::size_t size = request.bytes().size();
   const int result = as_error_code([&] {
@@ -290,7 +290,7 @@ OutgoingConnection::Leftover OutgoingConnection::take_leftover() {
 void OutgoingConnection::finish(Leftover leftover) {
   if (!leftover.settled.empty()) {
     // Where endpoints may be released: that calls out.
-    m_runtime.loop().post_callback([self = shared_from_this(), settled = std::move(leftover.settled)] {
+    m_owner.loop.post_callback([self = shared_from_this(), settled = std::move(leftover.settled)] {
       for (const std::uint64_t number : settled) self->m_exports.settle(number);
     });
   }
@@ -305,8 +305,8 @@ bool OutgoingConnection::finish_handshake(Deadline deadline) {
   return true;
 }
 
-// Reads or writes once, or waits until that is possible. The deadline also holds when bytes come in all the time that never
-// make an answer.
+// Reads or writes once, or waits until that is possible. The deadline also holds when bytes come in all the time that
+// never make an answer.
 bool OutgoingConnection::make_progress(Deadline deadline) {
   const bool progress = check(sd_bus_process(m_bus.get(), nullptr)) > 0;
   if (m_unasked_message) check(-EPROTO);
@@ -353,7 +353,7 @@ void OutgoingConnection::on_socket_event(std::uint32_t events) {
 void OutgoingConnection::want_pump() {
   if (m_pump_wanted.exchange(true)) return;
   const int posted = as_error_code([&] {
-    m_runtime.loop().post([self = shared_from_this()] {
+    m_owner.loop.post([self = shared_from_this()] {
       self->m_pump_wanted = false;  // before the look, so that what comes after it asks again
       self->pump();
     });
@@ -367,8 +367,8 @@ void OutgoingConnection::want_pump() {
 void OutgoingConnection::pump() {
   if (!m_watch) return;
   if (!m_mutex.try_lock()) {
-    // Whoever holds it asks for another look when something is left, and each of its answers would wake this thread for
-    // nothing.
+    // The thread that holds it asks for another look when something is left, and each of its answers would wake this
+    // thread for nothing.
     sd_event_source_set_io_events(m_watch.get(), EPOLLRDHUP);
     return;
   }

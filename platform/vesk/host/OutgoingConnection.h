@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -17,17 +18,15 @@
 #include "Dispatch.h"
 #include "Exports.h"
 #include "Loop.h"
-#include "Message.h"
 #include "ThreadAnnotations.h"
 #include "Wire.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 
-class Runtime;
-
 // Calls run on the calling thread, which does its own I/O; the loop only watches for hang-up and finishes what a caller
-// did not wait for. Whoever lets go of m_mutex while something is left to be written or read asks for a pump(), and after
-// it has let go: a pump() that could not have the lock leaves everything to its holder.
+// did not wait for. A thread that lets go of m_mutex while something is left to be written or read asks for a pump(),
+// after it has let go: a pump() that could not have the lock leaves everything to its holder.
 //
 //   open() --> in use --+--> hung up: callbacks drained, notices delivered, exports released --+--> closed
 //                       +--> close(), the last reference to the handle is gone ----------------+
@@ -35,8 +34,16 @@ class Runtime;
 // No lock is held while something outside this library is called. m_mutex is taken before m_links_mutex.
 class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnection> {
  public:
+  // What its owner gives each connection; it outlives them.
+  struct Surroundings {
+    Loop& loop;
+    std::chrono::milliseconds call_limit;
+    // The service has died and every link has heard of it; `noticed` says whether there was one. On the loop.
+    std::function<void(const vesk_handle& handle, bool noticed)> on_dead;
+  };
+
   // Connects to the service called `name` without waiting. Throws std::system_error as connect_to_service().
-  static std::shared_ptr<OutgoingConnection> open(Runtime& runtime, const char* name);
+  static std::shared_ptr<OutgoingConnection> open(const Surroundings& surroundings, const char* name);
 
   ~OutgoingConnection();
   OutgoingConnection(const OutgoingConnection&) = delete;
@@ -47,12 +54,13 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   // Called once, when the handle exists: from here on the loop watches.
   void watch(vesk_handle handle);
 
-  // Before watch(): gives the service a moment to answer the handshake, and says whether it has, be it with what breaks the
-  // rules. Throws -EAGAIN for one that has hung up instead, because it has no room for one more or is just ending.
+  // Before watch(): gives the service a moment to answer the handshake, and says whether it has, be it with what breaks
+  // the rules. Throws -EAGAIN for one that has hung up instead, because it has no room for one more or is just ending.
   [[nodiscard]] bool try_handshake();
 
-  // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints. A call
-  // whose time is over fails alone: its answer is thrown away when it comes, and what the peer then holds is asked back.
+  // One transaction; any thread. Gives the peer's status, or what went wrong. On success the peer holds the endpoints.
+  // A call whose time is over fails alone: its answer is thrown away when it comes, and what the peer then holds is
+  // asked back.
   int call(unsigned int code, const Parcel& request, const std::vector<EndpointRef>& endpoints, Parcel& reply);
 
   // A one-way call; any thread, never waits. -ENOBUFS when the peer reads too slowly.
@@ -70,7 +78,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
  private:
   using Deadline = std::chrono::steady_clock::time_point;
 
-  OutgoingConnection(Runtime& runtime, const char* name, UniqueFd socket);
+  OutgoingConnection(const Surroundings& surroundings, const char* name, UniqueFd socket);
 
   // A transaction's share of what outlives it.
   struct Attempt {
@@ -79,7 +87,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
     bool is_late = false;                            // the request has left, and its answer has not come
     std::shared_ptr<CallbackChannel> fresh_channel;  // that went along, for the loop
   };
-  // What whoever held m_mutex still has to do when it has let go.
+  // What the thread that held m_mutex still has to do when it has let go.
   struct Leftover {
     bool wants_pump = false;
     // Endpoints of late answers that say that their call has failed at the peer too.
@@ -112,7 +120,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   void release_watch();
   std::shared_ptr<CallbackChannel> channel();
 
-  Runtime& m_runtime;
+  const Surroundings& m_owner;
   const std::string m_path;
   UniqueFd m_watched;  // the connection's socket once more, for the loop and for shutdown(2) from any thread
   pid_t m_peer = 0;
@@ -125,7 +133,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   BusPtr m_bus VESK_GUARDED_BY(m_mutex);                    // null once the connection is closed or broken
   std::uint64_t m_awaited VESK_GUARDED_BY(m_mutex) = 0;     // the cookie of the call in progress
   MessagePtr m_answer VESK_GUARDED_BY(m_mutex);             // to that call
-  bool m_unasked_message VESK_GUARDED_BY(m_mutex) = false;  // the peer sent what is no answer
+  bool m_unasked_message VESK_GUARDED_BY(m_mutex) = false;  // the peer sent something that is not an answer
   // The calls whose time was over, by their cookies, and the endpoints that went with them; the newest ones.
   std::map<std::uint64_t, std::vector<std::uint64_t>> m_late VESK_GUARDED_BY(m_mutex);
   std::uint64_t m_forgotten VESK_GUARDED_BY(m_mutex) = 0;  // the highest cookie that fell out of there

@@ -1,7 +1,6 @@
 // How an outgoing connection ends, and who hears of it: its service has died, or its handle is gone.
 #include "Dispatch.h"
 #include "OutgoingConnection.h"
-#include "Runtime.h"
 
 namespace vesk {
 
@@ -14,7 +13,7 @@ int OutgoingConnection::link_to_death(vesk_death_callback* callback) {
     m_links.splice(m_links.end(), link);
     if (!m_dead) return 0;
   }
-  m_runtime.loop().post_callback([self = shared_from_this()] { self->deliver_late_notices(); });
+  m_owner.loop.post_callback([self = shared_from_this()] { self->deliver_late_notices(); });
   return 0;
 }
 
@@ -42,7 +41,7 @@ void OutgoingConnection::close() {
   }
   links.clear();
   m_exports.close();
-  m_runtime.loop().post([self = shared_from_this()] { self->release_watch(); });
+  m_owner.loop.post([self = shared_from_this()] { self->release_watch(); });
 }
 
 // Everything the peer sent before it went is delivered before the word that it is gone. Each step may be the last one
@@ -50,7 +49,7 @@ void OutgoingConnection::close() {
 void OutgoingConnection::finish_death() {
   const auto keep_alive = shared_from_this();
   const auto callbacks = channel();
-  const bool drained = !callbacks || callbacks->drain(m_runtime.loop());
+  const bool drained = !callbacks || callbacks->drain(m_owner.loop);
   if (drained) {
     {
       const std::lock_guard lock(m_mutex);
@@ -60,7 +59,7 @@ void OutgoingConnection::finish_death() {
     m_dead = true;
   }
   if (!drained || !deliver_notices()) {
-    return m_runtime.loop().post_callback([keep_alive] { keep_alive->finish_death(); });
+    return m_owner.loop.post_callback([keep_alive] { keep_alive->finish_death(); });
   }
   m_exports.close();
   release_watch();
@@ -73,7 +72,7 @@ void OutgoingConnection::end_dead_lookup() {
     const std::lock_guard lock(m_links_mutex);
     noticed = m_noticed;
   }
-  m_runtime.end_dead_lookup(m_handle, noticed);
+  m_owner.on_dead(m_handle, noticed);
 }
 
 bool OutgoingConnection::deliver_notices() {
@@ -82,7 +81,7 @@ bool OutgoingConnection::deliver_notices() {
     {
       const std::lock_guard lock(m_links_mutex);
       if (m_links.empty()) return true;
-      if (m_runtime.loop().is_winding_down()) return false;
+      if (m_owner.loop.is_winding_down()) return false;
       link.splice(link.end(), m_links, m_links.begin());
       m_noticed = true;
     }
@@ -93,7 +92,7 @@ bool OutgoingConnection::deliver_notices() {
 // For links to a process that is known to be dead.
 void OutgoingConnection::deliver_late_notices() {
   if (deliver_notices()) return end_dead_lookup();
-  m_runtime.loop().post_callback([self = shared_from_this()] { self->deliver_late_notices(); });
+  m_owner.loop.post_callback([self = shared_from_this()] { self->deliver_late_notices(); });
 }
 
 void OutgoingConnection::release_watch() {

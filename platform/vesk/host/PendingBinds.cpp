@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "Dispatch.h"
-#include "Runtime.h"
 #include "RuntimeDirectory.h"
 
 namespace vesk {
@@ -24,7 +23,7 @@ constexpr int kDirectoryCheckMs = 1000;
 constexpr std::chrono::milliseconds kPatience{5000};
 constexpr char kThreadName[] = "vesk-watch";
 
-// Throws away what has arrived: any change is a reason to look, whatever it was.
+// Throws away what has arrived: any change is a reason to look.
 void discard_events(int descriptor) {
   char events[4096];
   while (::read(descriptor, events, sizeof(events)) > 0) {
@@ -73,12 +72,12 @@ class PendingBinds::Delivery {
   const std::uint64_t m_cancels;
 };
 
-PendingBinds::PendingBinds(Runtime& runtime)
-    : m_runtime(runtime), m_wakeup(check_errno(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
+PendingBinds::PendingBinds(Handles& handles)
+    : m_handles(handles), m_wakeup(check_errno(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
 
 void PendingBinds::bind(const char* name, vesk_service_bind_callback callback, void* context) {
-  escaped_name(name);        // throws for a name that nobody can ever serve
-  open_runtime_directory();  // throws where nobody can ever appear
+  escaped_name(name);        // throws for a name that cannot be served
+  open_runtime_directory();  // throws where no service can appear
   Binds bind{{name, callback, context}};
   const Delivery delivery(*this);
   const int result = try_bind(bind, delivery, {});
@@ -127,23 +126,24 @@ void PendingBinds::cancel() {
   while (!m_deliverers.empty()) m_delivered.wait(m_mutex);
 }
 
-// Calls back when the service runs; else -ENOENT where nobody serves the name, or why that cannot be said.
+// Calls back when the service runs; else -ENOENT where no process serves the name, or the error that kept it from
+// finding out.
 int PendingBinds::try_bind(Binds& binds, const Delivery& delivery, std::chrono::milliseconds patience) {
   vesk_handle handle{};
   auto references = static_cast<unsigned int>(binds.size());
   const int result = as_error_code([&] {
-    handle = m_runtime.look_up(binds.front().name.c_str(), references, patience);
+    handle = m_handles.look_up(binds.front().name.c_str(), references, patience);
     return 0;
   });
   if (result != 0) return result;
   // The first is answered even when cancel() has come meanwhile, which waits for it.
   do {
     const Bind& bind = binds.front();
-    report_throw("bind callback", [&] { bind.callback(m_runtime.handle(), bind.context, bind.name.c_str(), handle); });
+    report_throw("bind callback", [&] { bind.callback(runtime_address(), bind.context, bind.name.c_str(), handle); });
     binds.pop_front();
     --references;
   } while (!binds.empty() && !delivery.is_cancelled());
-  if (references != 0) m_runtime.end_lookup_reference(handle, references);
+  if (references != 0) m_handles.end_lookup_reference(handle, references);
   return 0;
 }
 

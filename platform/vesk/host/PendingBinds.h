@@ -10,20 +10,19 @@
 #include <thread>
 #include <vector>
 
+#include "Handles.h"
 #include "Support.h"
 #include "ThreadAnnotations.h"
 #include "vesk/vesk.h"
 
 namespace vesk {
 
-class Runtime;
-
-// One watcher thread exists while at least one bind waits; it follows the directory by inotify. Binds of one name with one
-// callback are answered with one handle, so that a caller who asks again and again does not cost a connection each time. Any
-// thread.
+// One watcher thread exists while at least one bind waits; it follows the directory by inotify. Binds of one name with
+// one callback are answered with one handle, so that a caller who asks again and again does not cost a connection each
+// time. Any thread.
 class PendingBinds {
  public:
-  explicit PendingBinds(Runtime& runtime);
+  explicit PendingBinds(Handles& handles);
 
   // Calls back before it returns when `name` is served, else from the watcher as soon as it is. Throws
   // std::system_error.
@@ -48,7 +47,7 @@ class PendingBinds {
   void watch();
   bool try_all();
 
-  Runtime& m_runtime;
+  Handles& m_handles;
   UniqueFd m_wakeup;
 
   std::mutex m_mutex;

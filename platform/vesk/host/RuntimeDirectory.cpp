@@ -33,7 +33,7 @@ std::string choose_directory() {
   return "/tmp/orvel-" + std::to_string(::geteuid());
 }
 
-// The address of a file in an open directory: short, whatever the directory's path is.
+// The address of a file in an open directory: short, however long the directory's path is.
 sockaddr_un address_in(int directory, const std::string& file) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -74,8 +74,8 @@ bool is_socket_file(std::string_view file) {
   return file.substr(0, kSocketPrefix.size()) == kSocketPrefix;
 }
 
-// Whether the process that is named by a socket's file may have ended. One of another PID namespace seems to have, so this is
-// only a reason to look closer.
+// Whether the process that is named by a socket's file may have ended. One of another PID namespace seems to have, so
+// this is only a reason to look closer.
 bool may_be_left(const std::string& socket_file) {
   const int pid = std::atoi(socket_file.c_str() + kSocketPrefix.size());
   return pid <= 0 || pid == ::getpid() || (::kill(pid, 0) != 0 && errno == ESRCH);
@@ -195,9 +195,9 @@ std::string link_target(int directory, const std::string& file) {
   return is_socket_file(text) && text.find('/') == std::string_view::npos ? std::string(text) : std::string();
 }
 
-// Only a refusal says that nobody does. A process that accepts nothing at the moment is alive, and any other failure is this
-// process's own: taken for a death, it would cost a living device its socket. That holds for a missing /proc too, so that
-// whether the file is there is asked without it.
+// Only a refusal says that no process does. A process that accepts nothing at the moment is alive, and any other
+// failure is this process's own: taken for a death, it would cost a living device its socket. That holds for a missing
+// /proc too, so that whether the file is there is asked without it.
 bool someone_listens(int directory, const std::string& socket_file) {
   return id_of(directory, socket_file) != FileId{} && try_connect(directory, socket_file, nullptr) != -ECONNREFUSED;
 }
@@ -216,8 +216,8 @@ void remove_leavings(int directory) {
   }
 }
 
-// The lock is tried and not waited for: a wait for it has no limit. The directory is opened anew each time, because it may
-// be replaced meanwhile.
+// The lock is tried and not waited for: a wait for it has no limit. The directory is opened anew each time, because it
+// may be replaced meanwhile.
 DirectoryLock::DirectoryLock(std::chrono::milliseconds patience) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (true) {

@@ -32,7 +32,7 @@ UniqueFd open_runtime_directory();
 // Opens it, made first where it is missing.
 UniqueFd make_runtime_directory();
 
-// Which file it is, whatever it is called. All zero for none.
+// Which file it is, under any name. All zero for none.
 struct FileId {
   dev_t device = 0;
   ino_t number = 0;
@@ -58,14 +58,14 @@ DirectoryState directory_state();
 bool device_is_alive(int directory);
 
 // The lock that says that a device lives here; given up with the descriptor. Kept by the open file, not by the process,
-// so that asking for it disturbs nobody.
+// so that asking for it disturbs no process.
 UniqueFd hold_device_lock(int directory);
 
 // The file name that stands for a service name. Throws -EINVAL for an empty name and -ENAMETOOLONG.
 std::string escaped_name(const char* name);
 
-// Connects to the process that serves `file`, without ever waiting. Throws -ENOENT when nobody serves it, -EAGAIN when
-// that process accepts nothing, -EPERM when it belongs to another user.
+// Connects to the process that serves `file`, without ever waiting. Throws -ENOENT when no process serves it, -EAGAIN
+// when that process accepts nothing, -EPERM when it belongs to another user.
 UniqueFd connect_to_service(int directory, const std::string& file);
 
 // A socket that listens on `file`, which must not exist.

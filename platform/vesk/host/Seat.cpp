@@ -96,8 +96,8 @@ bool Seat::is_unchanged() {
   const DirectoryState state = directory_state();
   m_looks = m_intact && state == m_last_state ? m_looks + 1 : 0;
   m_last_state = state;
-  // A file system's clock ticks slowly: a change right after the first look may leave the same time, one after the second
-  // cannot.
+  // A file system's clock ticks slowly: a change right after the first look may leave the same time, one after the
+  // second cannot.
   if (m_looks > 1) return true;
   m_intact = false;
   return false;

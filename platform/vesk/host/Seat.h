@@ -9,9 +9,9 @@
 
 namespace vesk {
 
-// The files may be lost while the process lives: the directory is removed, renamed or replaced, or a cleaner takes what looks
-// old. The seat knows which files it made, so that it can tell and make them again. One thread at a time; those who take or
-// publish hold the directory lock.
+// The files may be lost while the process lives: the directory is removed, renamed or replaced, or a cleaner takes what
+// looks old. The seat knows which files it made, so that it can tell and make them again. One thread at a time; those
+// who take or publish hold the directory lock.
 class Seat {
  public:
   [[nodiscard]] const std::string& socket_file() const { return m_socket_file; }

@@ -16,7 +16,8 @@ constexpr rlim_t kSpareDescriptors = 128;
 constexpr std::uint64_t kAcceptPauseUsec = 100'000;
 constexpr int kAcceptsAtOnce = 16;
 
-// A process holds the directory's lock for a moment, so that one that is not given up is held by a process that is stopped.
+// A process holds the directory's lock for a moment, so that one that is not given up is held by a process that is
+// stopped.
 constexpr std::chrono::milliseconds kLockPatience{2000};
 constexpr std::uint64_t kSeatCheckUsec = 1'000'000;
 constexpr std::uint64_t kSeatRetryUsec = 50'000;  // another process was at it
@@ -40,7 +41,7 @@ void Server::serve_device() {
 }
 
 void Server::publish(const char* name, vesk_endpoint* endpoint) {
-  Name entry{escaped_name(name), std::make_shared<const EndpointHold>(endpoint)};
+  Name entry{escaped_name(name), hold_endpoint(endpoint)};
   const std::string path = object_path(name);
   EndpointRef replaced;  // outlives the locks: releasing it calls out
   ListenerPtr fresh;
@@ -82,7 +83,7 @@ int Server::withdraw(const char* name) {
     }
     result = m_seat.withdraw(file);
   }
-  // Whatever became of the link, the connections are closed.
+  // The connections are closed even if the link could not be removed.
   m_loop.post_callback([this, path] { close_connections(&path, /*notify=*/true); });
   return result == -ENOENT ? 0 : result;
 }
@@ -210,7 +211,7 @@ bool Server::is_welcome(pid_t peer) const {
     }
     return all < most && of_peer < most / 4;
   };
-  // Looked at more closely only where it matters: who has hung up takes nobody's place, noticed or not.
+  // Looked at more closely only where it matters: a peer that has hung up takes no place, even before the loop notices.
   return has_room([](const auto&) { return true; }) ||
          has_room([](const auto& connection) { return !connection.has_hung_up(); });
 }
@@ -301,8 +302,8 @@ std::vector<std::string> Server::files_to_keep() {
   return files;
 }
 
-// Names that another process serves since this one lost its links are that one's, for good: two devices at one path would
-// take each other's place for ever. To another device a device gives all its names, so that no half of it stays.
+// Names that another process serves since this one lost its links are that one's, for good: two devices at one path
+// would take each other's place for ever. To another device a device gives all its names, so that no half of it stays.
 bool Server::give_way(int directory) {
   const bool has_rival = m_seat.has_rival(directory);
   const std::lock_guard lock(m_names_mutex);

@@ -12,15 +12,15 @@
 
 #include "IncomingConnection.h"
 #include "Loop.h"
-#include "Message.h"
 #include "Seat.h"
 #include "ThreadAnnotations.h"
+#include "vesk/message/Message.h"
 
 namespace vesk {
 
 // Names may be published and withdrawn on any thread; everything else runs on the loop's. m_seat_mutex is taken before
 // m_names_mutex, which every message that comes in takes; no thread waits for the directory's lock with either.
-class Server {
+class Server : private IncomingConnection::Acceptor {
  public:
   explicit Server(Loop& loop) : m_loop(loop) {}
 
@@ -33,14 +33,6 @@ class Server {
 
   // Withdraws every name and closes every connection. Waits for no other process.
   void close();
-
-  // The endpoint published under an object path, or null.
-  EndpointRef endpoint(const std::string& path);
-
-  // Closes a connection that is out of service and tells those who wait for something from it.
-  void remove(IncomingConnection& connection);
-
-  [[nodiscard]] Loop& loop() { return m_loop; }
 
  private:
   struct Name {
@@ -58,6 +50,10 @@ class Server {
     SourcePtr resume;
   };
   using ListenerPtr = std::shared_ptr<Listener>;
+
+  Loop& loop() override { return m_loop; }
+  EndpointRef endpoint(const std::string& path) override;
+  void remove(IncomingConnection& connection) override;
 
   ListenerPtr take_seat(int directory) VESK_REQUIRES(m_seat_mutex);
   void listen(const ListenerPtr& fresh);

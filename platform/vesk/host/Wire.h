@@ -5,7 +5,8 @@
 //     Call(u code, ay bytes)                           two-way, or one-way where no reply is expected
 //     Call(u code, ay bytes, at endpoints)             with endpoint references, in the order of their marks
 //     Call(u code, ay bytes, at endpoints, h channel)  the first of these brings the callback channel along
-//     TakeBack(at endpoints)                           asks for these back: their call was answered too late for its caller
+//     TakeBack(at endpoints)                           asks for these back: their call was answered too late for its
+//     caller
 //   accepting process --> connecting process         over the callback channel
 //     Call(t endpoint, u code, ay bytes)               two-way or one-way
 //     Release(t endpoint, u count)                     gives back so many of the references that were sent
@@ -49,7 +50,7 @@ struct SlotDelete {
 };
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotDelete>;
 
-// Which half of the authentication a process takes: the connecting half is written at once and waits for nobody.
+// Which half of the authentication a process takes: the connecting half is written at once and does not wait.
 enum class HandshakeRole { kConnecting, kAccepting };
 
 // A started connection over `socket`, on no event loop. `handler` gets every message that is not a reply.
@@ -72,8 +73,8 @@ bool read_answer(sd_bus_message* message, int* status, Parcel* parcel);
 bool is_call(sd_bus_message* message, const char* member, const char* signature);
 bool expects_reply(sd_bus_message* message);
 
-// Keeps count of what a slow reader has made sd-bus queue, so that it costs a bounded amount of memory. Whoever owns
-// the bus calls.
+// Keeps count of what a slow reader has made sd-bus queue, so that it costs a bounded amount of memory. The thread that
+// owns the bus calls.
 class Outbox {
  public:
   // Sends, or gives -ENOBUFS when the queue would exceed its bounds.

@@ -3,10 +3,10 @@
 #include <memory>
 
 #include "Dispatch.h"
-#include "Message.h"
 #include "Runtime.h"
 #include "RuntimeDirectory.h"
 #include "Support.h"
+#include "vesk/message/Message.h"
 #include "vesk/vesk.h"
 #include "vesk/vesk_service.h"
 
@@ -15,19 +15,19 @@ using vesk::Runtime;
 
 namespace {
 
-// Runs `body` with the runtime that `runtime` points to.
+// Runs `body` with the runtime, which the caller has to have.
 template <typename Body>
 int with_runtime(void* runtime, const Body& body) noexcept {
   if (Runtime::is_forked_child()) return -EPERM;
   if (runtime == nullptr) return -EINVAL;
-  return as_error_code([&] { return body(*static_cast<Runtime*>(runtime)); });
+  return as_error_code([&] { return body(Runtime::instance()); });
 }
 
 // The same for what asks for a connection.
 template <typename Body>
 int with_connection(void* runtime, const vesk_handle* handle, const Body& body) noexcept {
   return with_runtime(runtime, [&](Runtime& self) {
-    const auto connection = handle == nullptr ? nullptr : self.connection(*handle);
+    const auto connection = handle == nullptr ? nullptr : self.handles().connection(*handle);
     return connection ? body(*connection) : -EINVAL;
   });
 }
@@ -37,24 +37,11 @@ int with_handle(void* runtime, const vesk_handle* handle, const Body& body) noex
   return with_runtime(runtime, [&](Runtime& self) { return handle == nullptr ? -EINVAL : body(self, *handle); });
 }
 
-// A write: what cannot be written sticks in the payload.
-template <typename Body>
-int write(vesk_payload* payload, const Body& body) noexcept {
-  if (payload == nullptr) return -EINVAL;
-  const int result = as_error_code([&] { return body(payload->parcel); });
-  return result == 0 ? 0 : payload->parcel.fail(result);
-}
-
-template <typename Message>
-Message* allocate() noexcept {
-  return new (std::nothrow) Message;
-}
-
 // The shared shape of the functions on remotes: on the loop's thread, with the connection that the endpoint came over.
 template <typename Body>
 int with_remote(vesk_remote* remote, const Body& body) noexcept {
   if (remote == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const auto connection = remote->connection.lock();
     return connection && connection->is_open() ? body(*connection) : -EPIPE;
@@ -79,7 +66,7 @@ int vesk_get_runtime(void** runtime) {
   if (Runtime::is_forked_child()) return -EPERM;
   return as_error_code([&] {
     Runtime::instance().join_device();
-    *runtime = Runtime::instance().handle();
+    *runtime = vesk::runtime_address();
     return 0;
   });
 }
@@ -89,7 +76,7 @@ int vesk_serve_device(void** runtime) {
   if (Runtime::is_forked_child()) return -EPERM;
   return as_error_code([&] {
     Runtime::instance().serve_device();
-    *runtime = Runtime::instance().handle();
+    *runtime = vesk::runtime_address();
     return 0;
   });
 }
@@ -110,7 +97,7 @@ const char* vesk_runtime_directory(void) {
 }
 
 sd_event* vesk_service_event(void* runtime) {
-  return runtime == nullptr ? nullptr : static_cast<Runtime*>(runtime)->loop().event();
+  return runtime == nullptr ? nullptr : Runtime::instance().loop().event();
 }
 
 // ---- Services ----
@@ -125,14 +112,14 @@ int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callbac
 
 int vesk_service_unbind(void* runtime, vesk_handle* handle) {
   return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) {
-    self.end_lookup_reference(value);
+    self.handles().end_lookup_reference(value);
     return 0;
   });
 }
 
 int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle* out) {
   return with_handle(runtime, out, [&](Runtime& self, const vesk_handle&) {
-    *out = self.look_up(name);
+    *out = self.handles().look_up(name);
     return 0;
   });
 }
@@ -162,11 +149,13 @@ pid_t vesk_handle_pid(void* runtime, const vesk_handle* handle) {
 }
 
 int vesk_handle_acquire(void* runtime, vesk_handle* handle) {
-  return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) { return self.acquire(value); });
+  return with_handle(runtime, handle,
+                     [](Runtime& self, const vesk_handle& value) { return self.handles().acquire(value); });
 }
 
 int vesk_handle_release(void* runtime, vesk_handle* handle) {
-  return with_handle(runtime, handle, [](Runtime& self, const vesk_handle& value) { return self.release(value); });
+  return with_handle(runtime, handle,
+                     [](Runtime& self, const vesk_handle& value) { return self.handles().release(value); });
 }
 
 vesk_handle vesk_invalid_handle(void) {
@@ -186,62 +175,11 @@ int vesk_handle_unlink_to_death(void* runtime, vesk_handle* handle, vesk_death_c
   });
 }
 
-// ---- Messages ----
-
-vesk_payload* vesk_payload_alloc(void) {
-  return allocate<vesk_payload>();
-}
-void vesk_payload_free(vesk_payload* payload) {
-  delete payload;
-}
-int vesk_payload_last_error(vesk_payload* payload) {
-  return payload == nullptr ? -EINVAL : payload->parcel.error();
-}
-
-unsigned int vesk_payload_get_position(vesk_payload* payload) {
-  return payload == nullptr ? 0 : static_cast<unsigned int>(payload->parcel.position());
-}
-
-int vesk_payload_set_position(vesk_payload* payload, unsigned int position) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.set_position(position); });
-}
-
-vesk_buffer* vesk_buffer_alloc(void) {
-  return allocate<vesk_buffer>();
-}
-void vesk_buffer_free(vesk_buffer* buffer) {
-  delete buffer;
-}
-int vesk_buffer_last_error(vesk_buffer* buffer) {
-  return buffer == nullptr ? -EINVAL : buffer->parcel.error();
-}
-
-const void* vesk_payload_data(const vesk_payload* payload, size_t* size) {
-  if (size != nullptr) *size = payload == nullptr ? 0 : payload->parcel.bytes().size();
-  return payload == nullptr ? nullptr : payload->parcel.bytes().data();
-}
-
-int vesk_payload_truncate(vesk_payload* payload, size_t size) {
-  return payload == nullptr ? -EINVAL : payload->parcel.truncate(size);
-}
-
-int vesk_buffer_assign(vesk_buffer* buffer, const void* data, size_t size) {
-  if (buffer == nullptr || (data == nullptr && size != 0)) return -EINVAL;
-  return as_error_code([&] {
-    buffer->parcel.assign(data, size);
-    return 0;
-  });
-}
-
-size_t vesk_buffer_remaining(const vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.remaining();
-}
-
 // ---- Transactions ----
 
 int vesk_call(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request, vesk_buffer* reply) {
   if (request == nullptr || reply == nullptr) return -EINVAL;
-  // Taken out of the request in any case: on failure they are dropped, also where there is nobody to call.
+  // Taken out of the request in any case: on failure they are dropped, also where the handle names nothing.
   const std::vector<vesk::EndpointRef> endpoints = std::exchange(request->endpoints, {});
   return with_connection(runtime, handle, [&](auto& connection) {
     return connection.call(code, request->parcel, endpoints, reply->parcel);
@@ -258,60 +196,6 @@ int vesk_reply_done(void* runtime, vesk_buffer* reply) {
 int vesk_call_oneway(void* runtime, vesk_handle* handle, unsigned int code, vesk_payload* request) {
   if (const int refused = check_request(request); refused != 0) return refused;
   return with_connection(runtime, handle, [&](auto& connection) { return connection.send(code, request->parcel); });
-}
-
-// ---- Writing ----
-
-int vesk_write_i32(vesk_payload* payload, int32_t value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_i32(value); });
-}
-
-int vesk_write_i64(vesk_payload* payload, int64_t value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_i64(value); });
-}
-
-int vesk_write_f64(vesk_payload* payload, double value) {
-  return write(payload, [&](vesk::Parcel& parcel) { return parcel.write_f64(value); });
-}
-
-int vesk_write_utf16_cstring(vesk_payload* payload, const char* utf8) {
-  return write(payload, [&](vesk::Parcel& parcel) { return utf8 == nullptr ? -EINVAL : parcel.write_utf16(utf8); });
-}
-
-int vesk_write_array_length(vesk_payload* payload, int32_t length) {
-  return vesk_write_i32(payload, length);
-}
-
-int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
-  return write(payload, [&](vesk::Parcel& parcel) {
-    if (endpoint == nullptr) return -EINVAL;
-    if (parcel.error() != 0) return parcel.error();
-    payload->endpoints.push_back(std::make_shared<const vesk::EndpointHold>(endpoint));
-    return parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.size() - 1));
-  });
-}
-
-// ---- Reading ----
-
-int32_t vesk_read_i32(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_i32();
-}
-int64_t vesk_read_i64(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_i64();
-}
-double vesk_read_f64(vesk_buffer* buffer) {
-  return buffer == nullptr ? 0 : buffer->parcel.read_f64();
-}
-
-const uint16_t* vesk_read_utf16_string(vesk_buffer* buffer, unsigned int* length) {
-  unsigned int ignored = 0;
-  unsigned int* units = length == nullptr ? &ignored : length;
-  *units = 0;
-  return buffer == nullptr ? nullptr : buffer->parcel.read_utf16(units);
-}
-
-int32_t vesk_read_array_length(vesk_buffer* buffer) {
-  return vesk_read_i32(buffer);
 }
 
 // ---- Requests ----
@@ -332,7 +216,7 @@ vesk_deferred* vesk_request_defer(vesk_identity* caller) {
 
 int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply) {
   if (deferred == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const std::unique_ptr<vesk_deferred> owner(deferred);
     const auto connection = deferred->connection.lock();
@@ -344,7 +228,7 @@ int vesk_deferred_answer(vesk_deferred* deferred, int error, vesk_payload* reply
 
 int vesk_deferred_hang_up(vesk_deferred* deferred) {
   if (deferred == nullptr) return -EINVAL;
-  return with_runtime(Runtime::instance().handle(), [&](Runtime& self) {
+  return with_runtime(vesk::runtime_address(), [&](Runtime& self) {
     if (!self.loop().is_this_thread()) return -EPERM;
     const std::unique_ptr<vesk_deferred> owner(deferred);
     if (const auto connection = deferred->connection.lock()) connection->retire();

@@ -5,16 +5,16 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "vesk/message/Owners.h"
 #include "vesk/vesk_service.h"
 
-namespace orvel::test {
+namespace vesk::inprocess {
 
 // A message, value after value: Bytes().i32(0).utf16("abc"). Little-endian whatever the host is.
 class Bytes {
@@ -80,7 +80,8 @@ class Bytes {
   std::vector<std::uint8_t> m_bytes;
 };
 
-// A message as a text: `7` is a 32-bit number and `7L` a 64-bit one, `'abc'` a string, which has no blanks, `~` a null one.
+// A message as a text: `7` is a 32-bit number and `7L` a 64-bit one, `'abc'` a string, which has no blanks, `~` a null
+// one.
 inline Bytes wire(const std::string& text) {
   std::istringstream words(text);
   Bytes bytes;
@@ -99,12 +100,8 @@ inline Bytes wire(const std::string& text) {
 }
 
 // Messages of libvesk and the bytes in them.
-struct FreeMessage {
-  void operator()(vesk_payload* payload) const { vesk_payload_free(payload); }
-  void operator()(vesk_buffer* buffer) const { vesk_buffer_free(buffer); }
-};
-using PayloadPtr = std::unique_ptr<vesk_payload, FreeMessage>;
-using BufferPtr = std::unique_ptr<vesk_buffer, FreeMessage>;
+using vesk::BufferPtr;
+using vesk::PayloadPtr;
 
 inline BufferPtr buffer_of(const Bytes& bytes) {
   BufferPtr buffer(vesk_buffer_alloc());
@@ -125,4 +122,4 @@ inline std::string read_ascii(vesk_buffer* buffer) {
   return {units, units + length};
 }
 
-}  // namespace orvel::test
+}  // namespace vesk::inprocess

@@ -43,7 +43,7 @@ class Parcel {
   int write_i64(std::int64_t value) { return write_raw(&value, sizeof(value)); }
   int write_f64(double value) { return write_raw(&value, sizeof(value)); }
 
-  // Bytes that are no well-formed UTF-8 become U+FFFD, one for each maximal part of a sequence.
+  // Bytes that are not well-formed UTF-8 become U+FFFD, one for each maximal part of a sequence.
   int write_utf16(std::string_view utf8);
 
   // The mark that stands for the `index`th endpoint which travels with the message.

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "vesk/inprocess/FakeVesk.h"
+#include "support/Vesk.h"
 
 namespace orvel::fuzz {
 namespace {
@@ -22,11 +22,8 @@ void arm(long failing) {
   t_armed = true;
 }
 
-void disarm() {
+long disarm() {
   t_armed = false;
-}
-
-long allocations() {
   return t_allocations;
 }
 
@@ -39,7 +36,7 @@ Unarmed::~Unarmed() {
 }
 
 static bool must_fail() {
-  return t_armed && !test::FakeVesk::inside() && ++t_allocations == t_failing;
+  return t_armed && !test::InprocessVesk::inside() && ++t_allocations == t_failing;
 }
 
 }  // namespace orvel::fuzz

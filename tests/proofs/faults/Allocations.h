@@ -5,9 +5,8 @@ namespace orvel::fuzz {
 
 // From now on this thread's allocations count, but not those inside libvesk, and the `failing`th throws.
 void arm(long failing);
-void disarm();
-// How many there have been since arm().
-long allocations();
+// Ends that. How many there have been.
+long disarm();
 
 // What this thread allocates during its life does not count.
 class Unarmed {

@@ -10,26 +10,31 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
-#include "RawMessage.h"
+#include "support/BusMessage.h"
+#include "support/Methods.h"
 
 namespace orvel::hostile {
 
-// A service of the device, by the names that clients use.
-struct ServiceName {
-  const char* id;
-  const char* name;
-  const char* descriptor;
-};
-extern const ServiceName kDelegate, kPower;
+using test::BusBody;
+using test::BusLine;
+using test::BusMessage;
+using test::BusReceived;
+using test::Bytes;
+using test::view_of;
+
+constexpr std::size_t kMostBytes = std::size_t{8} << 20;  // of one message
+constexpr std::uint32_t kEndpointMark = 0x56455350;
 
 // What the other side must not have done; the text says what it did.
 struct Broken : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// An answer of a service: what the runtime says, and the bytes of the service.
+// An answer of a service: the status of the runtime, and the bytes of the service.
 struct Answer {
   int status;
   std::string bytes;
@@ -43,86 +48,90 @@ class Target {
   Target(std::string directory, int limit_ms, std::uint64_t seed)
       : random(seed), m_directory(std::move(directory)), m_limit_ms(limit_ms) {}
 
-  Line& connect(const ServiceName& service = kPower);  // says nothing yet
-  Line& open(const ServiceName& service = kPower);     // has named the service
-  Line& keep(Line line) { return m_lines.emplace_back(std::move(line)); }
+  BusLine& connect(test::Service service = test::kPower);  // says nothing yet
+  BusLine& open(test::Service service = test::kPower) { return open(test::kServices.at(service)); }
+  BusLine& open(const std::string& name);  // has named the service
+  BusLine& keep(BusLine line) { return m_lines.emplace_back(std::move(line)); }
 
   [[nodiscard]] int limit_ms() const { return m_limit_ms; }
-  [[nodiscard]] const std::string& directory() const { return m_directory; }
 
-  // All that is still open.
-  void close() { m_lines.clear(); }
+  void close() { m_lines.clear(); }  // all that is still open
 
-  void expect_dropped(Line& line) const;
+  void expect_dropped(BusLine& line) const;
   // The answer to the call with this serial; throws where there is none.
-  Answer expect_answer(Line& line, std::uint32_t serial) const;
+  [[nodiscard]] Answer expect_answer(BusLine& line, std::uint32_t serial) const;
 
-  // Starts another process that attacks as the command line says; gone when this returns.
+  // Starts another process that attacks in the way of that name; it is gone when this returns.
   std::function<void(const std::string& kind)> run_flood;
-  // Changes a setting of the device, which it tells to those who registered for it.
+  // Changes a setting of the device, which tells those who registered for it.
   std::function<void(const std::string& key, const std::string& value)> change_setting;
 
   std::mt19937_64 random;
 
  private:
+  BusLine& connect_to(const std::string& name);
+
   std::string m_directory;
   int m_limit_ms;
-  std::deque<Line> m_lines;
+  std::deque<BusLine> m_lines;
 };
 
 struct ClientInput {
   std::string name;
   std::function<void(Target&)> run;
-  std::size_t lost_descriptors = 0;  // that sd-bus is known to forget
 };
 
 // A hostile service with one client.
 class Visit {
  public:
-  Visit(vesk::UniqueFd socket, std::uint64_t seed) : line(std::move(socket)), random(seed) {}
+  // `waits` is true while the client has nothing more to expect.
+  Visit(vesk::UniqueFd socket, std::uint64_t seed, std::atomic<bool>& waits)
+      : line(std::move(socket)), random(seed), m_waits(waits) {}
 
-  // The next call, past everything else; none when the client has gone.
-  std::optional<Received> next_call();
-  void answer(const Received& call, std::int32_t status, std::string_view bytes);
-
+  // The next call; none when the client has gone.
+  std::optional<BusReceived> next_call();
   // Answers every call as a good service would, until one brings a callback channel, and that one too.
-  std::optional<Line> wait_for_channel();
-  // Goes on like that until the client hangs up.
-  void serve_well();
-  // Or says nothing more until then.
-  void serve_nothing();
+  std::optional<BusLine> wait_for_channel();
+  void serve_well();     // until the client hangs up
+  void serve_nothing();  // likewise
 
-  Line line;
+  BusLine line;
   std::mt19937_64 random;
-  std::atomic<bool> waits{false};  // for the client, with nothing more to do by itself
+
+ private:
+  std::atomic<bool>& m_waits;
 };
 
 struct ServiceInput {
   std::string name;
   std::function<void(Visit&)> run;
-  std::size_t lost_descriptors = 0;  // that sd-bus is known to forget
 };
 
-// How many inputs of the kinds that have no end are made.
-std::vector<ClientInput> client_inputs(int count);
+// `count` is how many inputs are made by chance.
+std::vector<ClientInput> client_inputs(long count);
 std::vector<ClientInput> service_request_inputs();
-std::vector<ServiceInput> service_inputs(int count);
+std::vector<ServiceInput> service_inputs(long count);
 
-// A call as clients send it: code and bytes, then, where there are any, the endpoints by number and the channel.
-Message call_of(const ServiceName& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes);
-Message call_of(const ServiceName& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
-                const std::vector<std::uint64_t>& endpoints, bool channel);
-Message open_of(const ServiceName& service);
-Words request_to(const ServiceName& service);  // the header of every request
-Message answer_of(std::uint32_t to, std::int32_t status, std::string_view bytes);
+// The message with another value of one member.
+template <typename Member>
+BusMessage with(BusMessage message, Member BusMessage::*member, std::decay_t<Member> value) {
+  message.*member = std::move(value);
+  return message;
+}
 
-// Sends a call that brings the callback channel along; gives this side's end of it, greeted or silent.
-Line send_with_channel(Line& line, const Message& call, bool greeted = true);
+// A call to a service of the device, whose arguments stand behind the header of every request.
+BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {});
+// With endpoints, and the callback channel.
+BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments,
+                   const std::vector<std::uint64_t>& endpoints);
+
+// Sends a call that brings the callback channel along; returns this side's end of it, greeted or silent.
+BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted = true);
+
+// An error in place of an answer.
+BusMessage error_to(std::uint32_t serial);
 
 // Some bytes of `text` changed, removed or doubled.
 std::string mutated(std::string text, std::mt19937_64& random);
-
-// Texts that no handshake begins with.
-const std::vector<std::pair<const char*, std::string>>& nonsense();
 
 }  // namespace orvel::hostile

@@ -1,233 +1,156 @@
 // Requests that are whole messages and still not what a service of the device takes.
+#include <set>
+
 #include "Inputs.h"
 
 namespace orvel::hostile {
 namespace {
 
-const ServiceName kActivity{"activity", "com.quarlo.orvel.activitymanager",
-                            "com.quarlo.orveldelegate.activitymanager.IActivityManager"};
-const ServiceName kConnectivity{"connectivity", "com.quarlo.orvel.androidconnectivitymanager",
-                                "com.quarlo.orveldelegate.androidconnectivitymanager.IAndroidConnectivityManager"};
-const ServiceName kCoordinator{"coordinator", "orvel-service-coordinator-public", ""};
-const ServiceName kEvents{"events", "com.quarlo.orvel.orvelsim.orvelsimeventclient",
-                          "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventClient"};
-const ServiceName kMetrics{"metrics", "com.quarlo.client.metrics.tarsel",
-                           "com.quarlo.orveldelegate.services.ITarselMetric"};
-const ServiceName kPackages{"packages", "com.quarlo.orvel.packagemanager",
-                            "com.quarlo.orveldelegate.packagemanager.IOrvelPackageManager"};
+using test::Service;
 
-struct Method {
-  const ServiceName& service;
-  const char* name;
-  std::uint32_t code;
-  std::string arguments;  // good ones
-  bool endpoint;          // one comes along
+// The methods that take an endpoint behind their other arguments.
+const std::set<std::pair<Service, unsigned>> kSubscriptions = {{test::kDelegate, 28},
+                                                               {test::kDelegate, 34},
+                                                               {test::kConnectivity, 4},
+                                                               {test::kConnectivity, 5},
+                                                               {test::kEvents, 2}};
+
+enum Expect {
+  kGood,      // success
+  kRefused,   // an exception: the service has looked at the request
+  kAnswered,  // either: a value may be strange and still a value
 };
 
-// Present, its length: action, data, type and package, then no component, no extras, no categories and no flags.
-std::string intent() {
-  Words fields;
-  fields.text("act").i32(-1).i32(-1).text("pkg").i32(0).i32(0).i32(-1).i32(0);
-  const auto length = static_cast<std::int32_t>(fields.bytes().size());
-  return Words().i32(1).i32(length + 4).bytes() + fields.bytes();
-}
+// One method under attack, each request on a connection of its own.
+struct Attacked {
+  Target& target;
+  Service service;
+  std::uint32_t code;
+  bool with_endpoint;
 
-std::string metadata() {
-  Words fields;
-  for (const char* text : {"ns", "name", "", "", "", "", ""}) fields.text(text);
-  fields.i32(1);
-  const auto length = static_cast<std::int32_t>(fields.bytes().size());
-  return Words().i32(1).i32(length + 4).bytes() + fields.bytes();
-}
-
-const std::vector<Method>& methods() {
-  static const std::vector<Method> all = {
-      {kDelegate, "getDeviceInfo", 14, "", false},
-      {kDelegate, "getSecureSetting", 15, Words().text("volume_alarm").bytes(), false},
-      {kDelegate, "getPFM", 17, "", false},
-      {kDelegate, "getCOR", 18, "", false},
-      {kDelegate, "getPackageNamesForUid", 21, Words().i32(1000).bytes(), false},
-      {kDelegate, "checkSystemFeature", 26, Words().text("camera").bytes(), false},
-      {kDelegate, "sendBroadcast", 27, intent(), false},
-      {kDelegate, "registerForBroadcast", 28, Words().text("act").i32(0).i32(0).endpoint(0).bytes(), true},
-      {kDelegate, "startService", 29, intent(), false},
-      {kDelegate, "startForegroundService", 30, intent(), false},
-      {kDelegate, "getDirectedId", 32, "", false},
-      {kDelegate, "getDeviceName", 33, "", false},
-      {kDelegate, "registerForSecureSettings", 34, Words().text("key").endpoint(0).bytes(), true},
-      {kDelegate, "startActivity", 37, intent(), false},
-      {kDelegate, "sendBroadcastWithPermission", 38, intent() + Words().text("perm").bytes(), false},
-      {kDelegate, "getDSNV2", 42, "", false},
-      {kDelegate, "getApplicationInfo", 53, Words().text("pkg").i64(128).bytes(), false},
-      {kDelegate, "getPackageInfo", 54, Words().text("pkg").i64(0).bytes(), false},
-      {kDelegate, "getRawResourceAsString", 55, Words().text("pkg").i32(7).bytes(), false},
-      {kDelegate, "queryBroadcastReceivers", 59, Words().text("act").i64(0).bytes(), false},
-      {kDelegate, "getLaunchIntentForPackage", 60, Words().text("pkg").bytes(), false},
-      {kPower, "isInteractive", 1, "", false},
-      {kPower, "wakeUpDevice", 2, "", false},
-      {kPower, "getVersion", 3, "", false},
-      {kPower, "wakeUpDeviceCustom", 4, Words().i32(1).i64(1000).bytes(), false},
-      {kActivity, "getRunningAppProcessesInfo", 2, "", false},
-      {kConnectivity, "registerDefaultNetworkCallback", 4, Words().endpoint(0).bytes(), true},
-      {kConnectivity, "unregisterNetworkCallback", 5, Words().endpoint(0).bytes(), true},
-      {kEvents, "sendEvent", 2, metadata() + Words().text("{}").endpoint(0).bytes(), true},
-      {kMetrics, "recordTarselMetricEvent", 2, "", false},
-      {kMetrics, "getVersion", 3, "", false},
-      {kPackages, "getPackages", 2, "", false},
-  };
-  return all;
-}
-
-// The request goes out on a connection of its own; what comes back is the answer of the service.
-Answer answer_to(Target& target, const ServiceName& service, std::uint32_t code, const std::string& bytes,
-                 bool endpoint) {
-  constexpr std::uint32_t kSerial = 2;
-  Line& line = target.open(service);
-  if (endpoint) {
-    Line channel = send_with_channel(line, call_of(service, kSerial, code, bytes, {1}, true));
-    return target.expect_answer(line, kSerial);
+  void expect(Expect expected, const std::string& what, std::string_view bytes) const {
+    target.close();
+    BusLine& line = target.open(service);
+    const std::string name = test::kServices.at(service);
+    if (with_endpoint) {
+      target.keep(send_with_channel(line, test::bus_call(name, 2, code, bytes, {1}, true)));
+    } else {
+      line.send(test::bus_call(name, 2, code, bytes).bytes());
+    }
+    const Answer answer = target.expect_answer(line, 2);
+    const int result = answer.word(0);
+    if (answer.status == 0 && (result == 0 ? expected != kRefused : result < 0 && expected != kGood)) return;
+    throw Broken(what + ": status " + std::to_string(answer.status) + ", result " + std::to_string(result));
   }
-  line.send(call_of(service, kSerial, code, bytes).bytes());
-  return target.expect_answer(line, kSerial);
+};
+
+void damage_arguments(const Attacked& method, const std::string& header, const std::string& whole) {
+  method.expect(kGood, "as it should be", whole);
+  for (std::size_t at = header.size(); at < whole.size(); at += 4) {
+    const std::string place = "word " + std::to_string((at - header.size()) / 4);
+    method.expect(kRefused, "cut before " + place, whole.substr(0, at));
+    for (const char* value : {"\xFF\xFF\xFF\x7F", "\0\0\0\x80"}) {
+      method.expect(kAnswered, "an extreme " + place, std::string(whole).replace(at, 4, value, 4));
+    }
+  }
+  if (whole != header) method.expect(kRefused, "cut inside a word", whole.substr(0, whole.size() - 1));
+  method.expect(kRefused, "one word too many", whole + std::string(4, '\0'));
+  method.expect(kRefused, "one byte too many", whole + "x");
 }
 
-// An exception of the service and nothing else: the request was looked at and found wanting.
-void expect_refused(const Answer& answer) {
-  if (answer.status != 0) throw Broken("refused with status " + std::to_string(answer.status));
-  if (answer.word(0) >= 0) throw Broken("taken, with result code " + std::to_string(answer.word(0)));
+void damage_header(Attacked method, const std::string& header, const std::string& whole) {
+  for (std::size_t size = 0; size < header.size(); size += 12) {
+    method.expect(kRefused, "header cut to " + std::to_string(size), whole.substr(0, size));
+  }
+  for (const std::size_t at : {2U, 6U, 10U}) {
+    std::string bytes = whole;
+    bytes[at] ^= 1;
+    method.expect(kRefused, "a wrong word of the header", bytes);
+  }
+  for (const std::string interface : {"~", "''", "'com.quarlo.orveldelegate.INothing'", "2147483647"}) {
+    const std::string other(view_of(test::wire("0 -1 1398362964 " + interface)));
+    method.expect(kRefused, "the interface " + interface, other + whole.substr(header.size()));
+  }
+  for (const std::uint32_t code : {0U, 61U, 1U << 31U, UINT32_MAX}) {
+    method.code = code;
+    method.expect(kRefused, "code " + std::to_string(code), whole);
+  }
 }
 
-// Some answer: a value may be strange and still a value.
-void expect_answered(const Answer& answer) {
-  if (answer.status != 0) throw Broken("refused with status " + std::to_string(answer.status));
-  if (answer.bytes.empty()) throw Broken("an answer without an exception code");
+void add_methods(std::vector<ClientInput>& inputs) {
+  std::set<std::pair<Service, unsigned>> known;
+  for (const test::Method& method : test::kMethods) {
+    for (const test::Request& request : method.requests) {
+      const auto service = static_cast<Service>(method.service);
+      if (request.code == 0 || !known.insert({service, request.code}).second) continue;
+      const bool with_endpoint = kSubscriptions.count({service, request.code}) != 0;
+      Bytes arguments = test::wire(request.arguments);
+      if (with_endpoint) arguments.i32(kEndpointMark).i32(0);
+      const std::string header(view_of(test::request(test::kInterfaces.at(service))));
+      const std::string whole = header + std::string(view_of(arguments));
+      inputs.push_back({"device/" + std::string(test::kServices.at(service)) + '/' + std::to_string(request.code),
+                        [=, code = request.code](Target& target) {
+                          const Attacked attacked{target, service, code, with_endpoint};
+                          damage_arguments(attacked, header, whole);
+                          damage_header(attacked, header, whole);
+                        }});
+    }
+  }
+  inputs.push_back({"device/references", [](Target& target) {
+                      const std::string key(
+                          view_of(test::request(test::kInterfaces[test::kDelegate], test::wire("'key'"))));
+                      const auto expect_refused = [&](const char* what, bool with_endpoint, const char* mark) {
+                        const Attacked method{target, test::kDelegate, 34, with_endpoint};
+                        method.expect(kRefused, what, key + std::string(view_of(test::wire(mark))));
+                      };
+                      expect_refused("to nothing", false, "1447383888 0");
+                      expect_refused("beyond the last", true, "1447383888 1");
+                      expect_refused("negative", true, "1447383888 -1");
+                      expect_refused("without a mark", true, "707406378 0");
+                    }});
+}
+
+// The device's own commands send their orders in the same way.
+void add_orders(std::vector<ClientInput>& inputs) {
+  const std::string nested = std::string(90, '[') + std::string(90, ']');
+  const std::string orders[] = {
+      "",
+      "screen off",
+      R"({"order":)",
+      "[1,2,3]",
+      R"({"order":7})",
+      R"({"order":"dance"})",
+      R"({"order":"change","change":[]})",
+      R"({"order":"change","change":{"path":"/x/y","value":1}})",
+      R"({"order":"change","change":{"path":"","value":1}})",
+      R"({"order":"change","change":{"path":"a~9b","value":1}})",
+      R"({"order":"change","change":{"path":"/power/screenOn","value":[]}})",
+      R"({"order":"kill","service":"no-such-service"})",
+      R"({"order":"attach"})",
+      R"({"order":"ready"})",
+      R"({"order":"record","entries":7})",
+      R"({"order":"event","service":"delegate","event":[[]]})",
+      std::string(1'000'000, '['),
+      R"({"order":"change","change":{"path":"/delegate/settings/deep","value":)" + nested + "}}",
+      R"({"order":"event","service":"delegate","event":{"action":"a","extras":{"x":)" + nested + "}}}",
+  };
+  for (const std::string& order : orders) {
+    inputs.push_back({"device/control/" + order.substr(0, 60), [order](Target& target) {
+                        const std::string control = "orvel-sim-control";
+                        BusLine& line = target.open(control);
+                        line.send(test::bus_call(control, 2, 0, view_of(Bytes().utf16(order))).bytes());
+                        // An error, or a text that says what is wrong.
+                        static_cast<void>(target.expect_answer(line, 2));
+                      }});
+  }
 }
 
 }  // namespace
 
 std::vector<ClientInput> service_request_inputs() {
   std::vector<ClientInput> inputs;
-  using Expect = void (*)(const Answer&);
-  const auto add = [&](const Method& method, const std::string& what, std::uint32_t code, std::string bytes,
-                       Expect expect) {
-    const ServiceName& service = method.service;
-    inputs.push_back({std::string("device/") + service.id + '/' + method.name + '/' + what,
-                      [&service, code, bytes = std::move(bytes), endpoint = method.endpoint, expect](Target& target) {
-                        expect(answer_to(target, service, code, bytes, endpoint));
-                      }});
-  };
-  const ServiceName* last = nullptr;
-  for (const Method& method : methods()) {
-    const std::string header = request_to(method.service).bytes();
-    const std::string whole = header + method.arguments;
-    const bool has_arguments = !method.arguments.empty();
-    for (std::size_t size = header.size(); size < whole.size(); size += 4) {
-      add(method, "cut-to-" + std::to_string((size - header.size()) / 4) + "-words", method.code, whole.substr(0, size),
-          expect_refused);
-      for (const auto& [what, value] : {std::pair("largest", INT32_MAX), std::pair("smallest", INT32_MIN)}) {
-        std::string bytes = whole;
-        bytes.replace(size, 4, Words().i32(value).bytes());
-        add(method, "word-" + std::to_string((size - header.size()) / 4) + "-" + what, method.code, bytes,
-            expect_answered);
-      }
-    }
-    if (has_arguments) add(method, "cut-inside-a-word", method.code, whole.substr(0, whole.size() - 1), expect_refused);
-    add(method, "one-word-too-many", method.code, whole + Words().i32(0).bytes(), expect_refused);
-    add(method, "one-byte-too-many", method.code, whole + "x", expect_refused);
-    if (method.code != 2 || &method.service != &kMetrics) {
-      add(method, "as-it-should-be", method.code, whole, [](const Answer& answer) {
-        if (answer.status != 0 || answer.word(0) != 0)
-          throw Broken("a good request was refused: the rest proves nothing");
-      });
-    }
-    if (&method.service == last) continue;
-    last = &method.service;
-    // What every method of a service has in common.
-    for (std::size_t size = 0; size < header.size(); size += 12) {
-      add(method, "header-cut-to-" + std::to_string(size / 4) + "-words", method.code, whole.substr(0, size),
-          expect_refused);
-    }
-    for (std::size_t word = 0; word < 3; ++word) {
-      std::string bytes = whole;
-      bytes[word * 4 + 2] ^= 1;
-      add(method, "header-word-" + std::to_string(word) + "-wrong", method.code, bytes, expect_refused);
-    }
-    const std::string words = Words().i32(0).i32(-1).i32(0x53595354).bytes();
-    add(method, "no-interface", method.code, words + Words().i32(-1).bytes() + method.arguments, expect_refused);
-    add(method, "empty-interface", method.code, words + Words().text("").bytes() + method.arguments, expect_refused);
-    add(method, "another-interface", method.code,
-        words + Words().text("com.quarlo.orveldelegate.INobody").bytes() + method.arguments, expect_refused);
-    add(method, "endless-interface", method.code, words + Words().i32(INT32_MAX).bytes() + method.arguments,
-        expect_refused);
-    for (const std::uint32_t code : {0U, 61U, 1U << 31U, UINT32_MAX}) {
-      add(method, "code-" + std::to_string(code), code, whole, expect_refused);
-    }
-  }
-  const Method none{kCoordinator, "nothing", 1, "", false};
-  for (const std::uint32_t code : {0U, 1U, UINT32_MAX})
-    add(none, "code-" + std::to_string(code), code, "", expect_refused);
-
-  // References: where they stand, and whether there are any.
-  const std::string key = request_to(kDelegate).text("key").bytes();
-  const auto add_reference = [&](const char* what, const std::string& mark, bool endpoint, Expect expect) {
-    add({kDelegate, "registerForSecureSettings", 34, "", endpoint}, what, 34, key + mark, expect);
-  };
-  add_reference("a-reference-to-nothing", Words().endpoint(0).bytes(), false, expect_refused);
-  add_reference("a-reference-beyond-the-last", Words().endpoint(1).bytes(), true, expect_refused);
-  add_reference("a-negative-reference", Words().endpoint(-1).bytes(), true, expect_refused);
-  add_reference("no-mark-of-a-reference", Words().i32(0x2A2A2A2A).i32(0).bytes(), true, expect_refused);
-
-  // The orders of the device's own commands come the same way.
-  const ServiceName& control = *new ServiceName{"control", "orvel-sim-control", ""};
-  const std::pair<const char*, std::string> orders[] = {
-      {"no-text", Words().i32(-1).bytes()},
-      {"nothing", ""},
-      {"no-json", Words().text("screen off").bytes()},
-      {"half-json", Words().text("{\"order\":").bytes()},
-      {"no-object", Words().text("[1,2,3]").bytes()},
-      {"null", Words().text("null").bytes()},
-      {"no-order", Words().text("{}").bytes()},
-      {"order-is-a-number", Words().text("{\"order\":7}").bytes()},
-      {"unknown-order", Words().text("{\"order\":\"dance\"}").bytes()},
-      {"no-change", Words().text("{\"order\":\"change\"}").bytes()},
-      {"change-is-a-list", Words().text("{\"order\":\"change\",\"change\":[]}").bytes()},
-      {"change-of-nothing-known",
-       Words().text("{\"order\":\"change\",\"change\":{\"path\":\"/x/y\",\"value\":1}}").bytes()},
-      {"change-without-a-path", Words().text("{\"order\":\"change\",\"change\":{}}").bytes()},
-      {"change-of-everything", Words().text("{\"order\":\"change\",\"change\":{\"path\":\"\",\"value\":1}}").bytes()},
-      {"change-of-a-path-that-is-none",
-       Words().text("{\"order\":\"change\",\"change\":{\"path\":\"a~9b\",\"value\":1}}").bytes()},
-      {"change-of-the-wrong-type",
-       Words().text("{\"order\":\"change\",\"change\":{\"path\":\"/power/screenOn\",\"value\":[]}}").bytes()},
-      {"kill-nobody", Words().text("{\"order\":\"kill\",\"service\":\"nobody\"}").bytes()},
-      {"kill-what", Words().text("{\"order\":\"kill\"}").bytes()},
-      {"attach-without-an-endpoint", Words().text("{\"order\":\"attach\"}").bytes()},
-      {"ready-from-a-stranger", Words().text("{\"order\":\"ready\"}").bytes()},
-      {"record-from-a-stranger", Words().text("{\"order\":\"record\",\"entries\":7}").bytes()},
-      {"event-without-a-service", Words().text("{\"order\":\"event\",\"event\":{}}").bytes()},
-      {"event-of-a-strange-kind",
-       Words().text("{\"order\":\"event\",\"service\":\"delegate\",\"event\":[[]]}").bytes()},
-      {"a-hundred-levels", Words().text(std::string(100, '[') + std::string(100, ']')).bytes()},
-      {"a-million-levels", Words().text(std::string(1'000'000, '[') + std::string(1'000'000, ']')).bytes()},
-      {"a-million-open-levels", Words().text(std::string(1'000'000, '[')).bytes()},
-      {"a-change-of-ninety-levels",
-       Words()
-           .text("{\"order\":\"change\",\"change\":{\"path\":\"/delegate/settings/deep\",\"value\":" +
-                 std::string(90, '[') + std::string(90, ']') + "}}")
-           .bytes()},
-      {"an-event-of-ninety-levels",
-       Words()
-           .text("{\"order\":\"event\",\"service\":\"delegate\",\"event\":{\"action\":\"a\",\"extras\":{\"x\":" +
-                 std::string(90, '[') + std::string(90, ']') + "}}}")
-           .bytes()},
-  };
-  for (const auto& [what, bytes] : orders) {
-    inputs.push_back({std::string("device/control/") + what, [&control, bytes = bytes](Target& target) {
-                        Line& line = target.open(control);
-                        line.send(call_of(control, 2, 0, bytes).bytes());
-                        target.expect_answer(line, 2);  // an error or a text that says what is wrong
-                      }});
-  }
+  add_methods(inputs);
+  add_orders(inputs);
   return inputs;
 }
 

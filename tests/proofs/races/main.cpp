@@ -1,147 +1,176 @@
-// Eight threads, all public methods, and services that die and come back; a thousand starts and stops; every way in which a
-// process may end. Run under ThreadSanitizer, whose reports make it fail too.
+// All public methods on eight threads while services die and come back; every way in which a process may end. Run under
+// ThreadSanitizer, whose reports make it fail too.
 #include <android/log.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
-#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <iterator>
 #include <string>
 #include <thread>
 
-#include "races/Exits.h"
-#include "races/FakeDevice.h"
-#include "races/Operations.h"
-#include "races/Watchdog.h"
+#include "races/Caller.h"
+#include "races/RandomDevice.h"
+#include "support/Process.h"
+
+// A process may end between the end of a run-loop thread and its join, which ThreadSanitizer takes for a leak.
+extern "C" __attribute__((visibility("default"))) const char* tsanDefaultOptions() __asm__("__tsan_default_options");
+extern "C" const char* tsanDefaultOptions() {
+  return "report_thread_leaks=0";
+}
 
 namespace {
 
 using namespace orvel::races;  // NOLINT(google-build-using-namespace)
-using orvel::test::Live;
+using namespace orvel::test;   // NOLINT(google-build-using-namespace)
 
 // Registrations are for ever, and each death renews them all.
-constexpr long kOperationsPerRound = 5000;
+constexpr long kCallsPerRound = 5000;
 
-struct Totals {
-  long operations = 0;
-  long starts = 0;
-  long interrupted = 0;
+struct Counts {
   long kills = 0;
-  long ends = 0;
+  long notifications = 0;
 };
 
-// Of what the client got, nothing is left but what it leaves on purpose: the messages of one method, and the lookup of a handle
-// that could not be linked to its death.
-void require_nothing_left(FakeDevice& device) {
-  Live live = device.vesk().live();
-  live.payloads = live.buffers = live.lookups = 0;
-  require(live == Live{}, "a stopped client holds no reference");
-}
-
-void operate(Client& client, std::uint64_t seed, int threads, long count, Totals& totals) {
-  for (std::uint64_t round = 0; totals.operations < count; ++round) {
-    const long share = std::min(kOperationsPerRound, count - totals.operations);
-    FakeDevice device(seed + round);
-    device.serve();
+Counts call_and_kill(const Runner& runner) {
+  Client& client = Client::getClient();
+  Counts counts;
+  for (long made = 0; made < runner.count(); made += kCallsPerRound) {
+    const std::uint64_t seed = runner.seed() + static_cast<std::uint64_t>(made / kCallsPerRound);
+    begin("a round of calls, seed " + std::to_string(seed));
+    Caller caller(client, /*by_table=*/true);
+    RandomDevice device(seed);
+    if (runner.canary()) device.plant_fault();
     client.initialize();
     device.start_acting();
-    run_operations(client, seed + round, threads, share);
+    caller.make_calls(seed, 8, std::min(kCallsPerRound, runner.count() - made));
     device.stop();
     client.shutdown();
-    require_nothing_left(device);
-    totals.operations += share;
-    totals.kills += device.kills();
+    // What is left on purpose: the messages of one method, and the lookup of a handle that could not be linked to its death.
+    Live left = device.m_vesk.live();
+    left.payloads = left.buffers = left.lookups = 0;
+    require(left == Live{}, "a stopped client holds no reference");
+    counts.kills += device.kills();
+    counts.notifications += caller.notifications();
   }
+  return counts;
 }
 
-// One start and one stop while services are absent, slow, dying or well, half of the time with a second thread that stops.
-void start_and_stop(Client& client, std::uint64_t seed, Totals& totals) {
-  Random random(seed);
-  FakeDevice device(seed);
-  orvel::test::FakeVesk& vesk = device.vesk();
-  const char* const services[] = {"orvel_delegate", "com.quarlo.orvel.powermanager",
-                                  "orvel-service-coordinator-public"};
-  const char* const ill = services[random() % std::size(services)];
-  device.serve();
-  const auto illness = random() % 8;
-  if (illness == 0) vesk.kill_service(ill);     // given up
-  if (illness == 1) vesk.hold_binds(ill);       // bound, but never ready
-  if (illness == 2) vesk.refuse_binds(ill, 3);  // bound at the fourth attempt
-  if (illness == 3) vesk.fail_once("vesk_handle_link_to_death", 2);
-  std::thread stopper;
-  if (random() % 2 == 0) {
-    stopper = std::thread([&client, &vesk, uses = static_cast<int>(random() % 200)] {
-      const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-      while (vesk.uses() < uses && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-      client.shutdown();
-    });
+constexpr int kExitStatus = 3;
+
+// Uses the client when it is destroyed.
+struct LateUser {
+  ~LateUser() {
+    Client& client = Client::getClient();
+    client.getDeviceName();
+    client.shutdown();
+    client.registerForTimeSync([](long long, long long) {});
   }
-  const bool started = client.initialize();
-  if (illness == 4) vesk.kill_service(ill);
-  require(started || stopper.joinable(), "a start that nobody stops succeeds");
-  if (!started) ++totals.interrupted;
-  if (illness > 4 && !stopper.joinable()) {
-    bool named = device.kills() > 0;
-    for (int attempt = 0; attempt < 20 && !named; ++attempt) named = !client.getDeviceName().empty();
-    require(named, "a started client works");
-  }
-  if (illness == 1) vesk.complete_binds(ill);
-  client.shutdown();
-  if (stopper.joinable()) stopper.join();
-  client.shutdown();
-  require_nothing_left(device);
-  ++totals.starts;
+};
+
+// Starts the client, runs `step` in a callback, and returns when it has begun.
+void in_callback(RandomDevice& device, const std::function<void()>& step) {
+  static auto& entered = *new std::promise<void>;
+  if (!Client::getClient().initialize()) std::abort();
+  device.m_vesk.post([step] {
+    entered.set_value();
+    step();
+  });
+  entered.get_future().wait();
 }
+
+template <void (*kExit)(int)>
+void exit_in_callback(RandomDevice& device) {
+  in_callback(device, [] { kExit(kExitStatus); });
+  for (;;) pause();
+}
+
+void exit_during_callback(RandomDevice& device) {
+  in_callback(device, [] {
+    for (int n = 0; n < 200; ++n) Client::getClient().getDeviceName();
+  });
+  std::exit(kExitStatus);
+}
+
+void exit_in_callback_during_shutdown(RandomDevice& device) {
+  in_callback(device, [&device] {
+    while (device.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
+    std::exit(kExitStatus);
+  });
+  Client::getClient().shutdown();
+  for (;;) pause();
+}
+
+void exit_during_calls(RandomDevice&) {
+  static std::atomic<int> begun{0};
+  Client& client = Client::getClient();
+  if (!client.initialize()) std::abort();
+  static Caller caller(client, /*by_table=*/true);
+  for (std::uint64_t seed = 0; seed < 4; ++seed) {
+    std::thread([random = Random(seed)]() mutable {
+      for (;; ++begun) caller.make_call(random);
+    }).detach();
+  }
+  while (begun < 100) std::this_thread::yield();
+  std::exit(kExitStatus);
+}
+
+void exit_during_start(RandomDevice& device) {
+  device.m_vesk.hold_binds(kServices[kMetrics]);
+  std::thread([] { Client::getClient().initialize(); }).detach();
+  while (device.m_vesk.bindings().size() < kMetrics) std::this_thread::yield();
+  std::exit(kExitStatus);
+}
+
+void exit_with_static_objects(RandomDevice&) {
+  static const LateUser ends_after_the_client;
+  Client& client = Client::getClient();
+  static const LateUser ends_before_the_client;
+  if (!client.initialize()) std::abort();
+  std::exit(kExitStatus);
+}
+
+// How a process ends under a running client. The device lives as long as the process; the client was not created yet.
+constexpr struct Exit {
+  const char* name;
+  void (*end)(RandomDevice& device);
+} kExits[] = {
+    {"exit-in-a-callback", exit_in_callback<std::exit>},
+    {"_exit-in-a-callback", exit_in_callback<_exit>},
+    {"quick_exit-in-a-callback", exit_in_callback<std::quick_exit>},
+    {"exit-while-a-callback-runs", exit_during_callback},
+    {"exit-in-a-callback-while-main-shuts-down", exit_in_callback_during_shutdown},
+    {"exit-while-threads-use-the-client", exit_during_calls},
+    {"exit-while-a-start-waits", exit_during_start},
+    {"exit-with-static-objects-that-use-the-client", exit_with_static_objects},
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Races of the client library.");
-  std::uint64_t seed = 1;
-  long count = 20'000;
-  int threads = 8;
-  long starts = 200;
-  int ends = 2;
-  int limit = 120;
-  int exit_case = -1;
-  app.add_option("--seed", seed, "What everything random comes from")->capture_default_str();
-  app.add_option("--count", count, "Operations")->capture_default_str();
-  app.add_option("--threads", threads, "Threads that share them")->check(CLI::Range(1, 64))->capture_default_str();
-  app.add_option("--starts", starts, "Starts and stops")->capture_default_str();
-  app.add_option("--ends", ends, "Child processes for each way to end one")->capture_default_str();
-  app.add_option("--limit", limit, "Seconds after which a step hangs")->capture_default_str();
-  app.add_option("--exit-case", exit_case, "Be a child that ends in this way")->check(CLI::Range(0, kExitCases - 1));
-  CLI11_PARSE(app, argc, argv);
-
+  Runner runner("orvel-races", "Races of the client library; --count calls on eight threads", 20'000);
+  std::size_t exit = std::size(kExits);
+  Counts counts;
+  runner.options().add_option("--exit", exit, "be the process that ends in this way")->group("");
+  runner.add("calls", [&] { counts = call_and_kill(runner); });
+  for (const Exit& each : kExits) {
+    runner.add(std::string("ends/") + each.name, [&each] {
+      const Result ended = run({"/proc/self/exe", "--exit", std::to_string(&each - kExits)});
+      require(ended.status == kExitStatus, "it ends with status " + std::to_string(ended.status) + ": " + ended.error);
+    });
+  }
+  if (const auto ended = runner.parse(argc, argv)) return *ended;
   // The library formats every line; where it goes is of no interest here.
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
-  const std::string reproduce = "--seed " + std::to_string(seed) + " --count " + std::to_string(count);
-  if (exit_case >= 0) {
-    new Watchdog(std::chrono::seconds(limit), reproduce);  // as long as the process
-    const Watchdog::Step step("the end of the process");
-    end_process(exit_case, seed);
-  }
-
-  Totals totals;
-  {
-    const Watchdog watchdog(std::chrono::seconds(limit), reproduce);
-    Client& client = Client::getClient();
-    operate(client, seed, threads, count, totals);
-    for (long n = 0; n < starts; ++n) {
-      const Watchdog::Step step("a start and a stop");
-      start_and_stop(client, seed * 1'000'003 + static_cast<std::uint64_t>(n), totals);
-    }
-    for (int n = 0; n < ends * kExitCases; ++n) {
-      require(child_ends_well(n % kExitCases, seed + static_cast<std::uint64_t>(n)), "a process ends well");
-      ++totals.ends;
-    }
-  }
-  std::printf(
-      "orvel-races: seed %llu, %ld operations on %d threads, %ld kills, %ld notifications heard; %ld starts, %ld of "
-      "them "
-      "interrupted; %ld processes ended; %d promises broken\n",
-      static_cast<unsigned long long>(seed), totals.operations, threads, totals.kills, heard(), totals.starts,
-      totals.interrupted, totals.ends, broken());
-  return broken() == 0 ? 0 : 1;
+  if (exit < std::size(kExits)) kExits[exit].end(*new RandomDevice(runner.seed()));
+  return runner.run([&] {
+    return std::to_string(runner.count()) + " calls, " + std::to_string(counts.kills) + " kills, " +
+           std::to_string(counts.notifications) + " notifications";
+  });
 }

@@ -1,171 +1,144 @@
-// shutdown() at every point of a rebind: at each sleep of the library's, and at each use that it makes of libvesk, before,
-// while and after the one that shuts down gets on.
+// shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes of
+// libvesk, before, while and after the thread that shuts down gets on.
 #include <android/log.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
 #include <functional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 
 #include "binder/Waiting.h"
-#include "orvel/OrvelDelegateClient.h"
-#include "races/Watchdog.h"
-#include "support/ClientTest.h"
-#include "support/FakeDelegate.h"
+#include "support/ClientFixture.h"
+#include "support/Runner.h"
 
 namespace {
 
-using namespace orvel::test;   // NOLINT(google-build-using-namespace)
-using namespace orvel::races;  // NOLINT(google-build-using-namespace)
-using orvel::service_apis::OrvelDelegateClient;
+using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 
-// How far the other thread is with its shutdown() when the rebind goes on.
+// How far the other thread is with its shutdown() when the library goes on.
 enum Meeting { kAnywhere, kInterrupting, kRuntimeShutDown, kMeetings };
 
-// How the service comes back.
-enum Comeback { kAfterThePause, kWhileItIsSought, kLate, kComebacks };
-
+// A service that is away: from before the start of the client, or from its death on. It comes back, ready to be bound
+// or not yet, at a sleep of that number.
 struct Case {
+  std::string name;
   std::string service;
-  Comeback comeback;
+  bool at_start;
+  bool bind_is_held;
+  int back_at;
 };
 
-struct Points {
-  int sleeps = 0;
-  int uses = 0;
-};
-
-std::string describe(const Case& what, Meeting meeting, const char* kind, int point) {
-  return what.service + ", comeback " + std::to_string(what.comeback) + ", meeting " + std::to_string(meeting) + ", " +
-         kind + " " + std::to_string(point);
+std::vector<Case> cases() {
+  std::vector<Case> all;
+  for (const Service service : {kDelegate, kDirectives, kPackages}) {
+    const std::string name = kServices.at(service);
+    all.push_back({name + "/start", name, true, false, 2});
+    all.push_back({name + "/start-that-waits", name, true, true, 2});
+    all.push_back({name + "/after-the-pause", name, false, false, 1});
+    all.push_back({name + "/at-the-second-sleep-for-readiness", name, false, true, 3});
+    all.push_back({name + "/at-the-third-attempt", name, false, false, 24});
+  }
+  return all;
 }
 
-// Starts a client with a registration of each kind, lets one service die and come back, and gives the points that the
-// rebind passed. `arm` is called right before the death.
-class Rebind {
+long g_points = 0;
+bool g_canary = false;
+
+class Passage : public ClientFixture {
  public:
-  explicit Rebind(Case what) : m_case(std::move(what)) {
-    m_vesk.be_strict();
-    for (const char* service : kServices) m_vesk.add_service(service);
-    m_delegate.start();
-    m_client.initialize();
-    m_client.registerForTimeSync([](long long, long long) {});
-    m_client.registerForSecureSettingIntChange("a", 0, [](int) {});
-    m_client.registerForDirective("N", [](auto&&...) {});
+  explicit Passage(const Case& what) : m_case(what) {
+    start_services();
+    if (g_canary) m_planted.reset(vesk_payload_alloc());
+    if (!what.at_start) {
+      m_client.initialize();
+      subscribe(m_client);
+    }
+    if (what.bind_is_held) m_vesk.hold_binds(what.service);
   }
 
-  OrvelDelegateClient& client() { return m_client; }
-  FakeVesk& vesk() { return m_vesk; }
-
-  // `step` runs at the sleep of that number, if any, and before the service comes back when that is the same.
-  Points run(
+  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the service
+  // comes back when that is the same.
+  void run(
       int at_sleep = 0, const std::function<void()>& step = [] {}) {
-    const int uses = m_vesk.uses();
-    const auto sleeps = m_clock.sleeps().size();
-    // After the pause; at the second of the ten sleeps for readiness; after two attempts, at the first sleep of the third.
-    const int back_at = m_case.comeback == kAfterThePause ? 1 : m_case.comeback == kWhileItIsSought ? 3 : 24;
-    if (m_case.comeback == kWhileItIsSought) m_vesk.hold_binds(m_case.service);
-    m_clock.at_sleep(back_at, [this, same = at_sleep == back_at, step] {
+    m_clock.at_sleep(m_case.back_at, [this, same = at_sleep == m_case.back_at, step] {
       if (same) step();
       m_vesk.complete_binds(m_case.service);
-      if (m_case.service == FakeDelegate::kName) return m_delegate.start();
-      m_vesk.add_service(m_case.service);
+      serve(m_case.service);
     });
-    if (at_sleep != back_at) m_clock.at_sleep(at_sleep, step);
-    m_vesk.kill_service(m_case.service);
-    m_vesk.drain();
-    return {static_cast<int>(m_clock.sleeps().size() - sleeps), m_vesk.uses() - uses};
+    if (at_sleep != m_case.back_at) m_clock.at_sleep(at_sleep, step);
+    if (!m_case.bind_is_held || !m_case.at_start) m_vesk.kill_service(m_case.service);
+    m_case.at_start ? void(m_client.initialize()) : m_vesk.drain();
   }
 
-  // What is left of the client after its end; empty for nothing.
-  std::string left() {
-    Live live = m_vesk.live();
-    live.lookups = 0;  // a handle that comes when the client has stopped waiting for it stays bound
-    if (live == Live{}) return {};
-    std::ostringstream text;
-    text << live;
-    return text.str();
-  }
+  Client& m_client = Client::getClient();
 
  private:
   const Case m_case;
-  FakeVesk m_vesk;
-  VirtualClock m_clock;
-  FakeDelegate m_delegate{m_vesk};
-  OrvelDelegateClient& m_client = OrvelDelegateClient::getClient();
+  PayloadPtr m_planted;
 };
 
-// One rebind with a shutdown() that begins at a point; true when everything ended well.
-bool shut_down_at(const Case& what, Meeting meeting, bool at_sleep, int point) {
-  const std::string name = describe(what, meeting, at_sleep ? "sleep" : "use", point);
-  Rebind rebind(what);
+// One passage with a shutdown() that begins at a point.
+void shut_down_at(const Case& what, Meeting meeting, bool at_sleep, int point) {
+  begin(what.name + (at_sleep ? ", sleep " : ", use ") + std::to_string(point) + ", meeting " +
+        std::to_string(meeting));
+  Passage passage(what);
   std::thread stopper;
   std::atomic<bool> reached{false};
   const auto stop = [&](std::string_view operation) {
     reached = true;
-    stopper = std::thread([&] { rebind.client().shutdown(); });
+    stopper = std::thread([&] { passage.m_client.shutdown(); });
     if (meeting == kInterrupting)
       while (!orvel::service_apis::waiting::interrupted()) std::this_thread::yield();
-    // A shutdown waits for what binds or publishes, so that nothing does so after it.
-    const bool waited_for = operation == "vesk_service_bind" || operation == "vesk_binder_servicemanager_get" ||
-                            operation == "vesk_service_register";
-    if (meeting == kRuntimeShutDown && !waited_for)
-      while (rebind.vesk().uses("vesk_shutdown") == 0) std::this_thread::yield();
+    // A shutdown waits for what binds, publishes or gets the runtime, so that nothing does so after it.
+    static const std::set<std::string_view> waited_for = {"vesk_service_bind", "vesk_binder_servicemanager_get",
+                                                          "vesk_service_register", "vesk_get_runtime"};
+    if (meeting == kRuntimeShutDown && waited_for.count(operation) == 0)
+      while (passage.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
   };
-  if (!at_sleep) rebind.vesk().at_use(point, stop);
-  rebind.run(at_sleep ? point : 0, [&] { stop(""); });
-  rebind.client().shutdown();
+  if (!at_sleep) passage.m_vesk.at_use(point, stop);
+  passage.run(at_sleep ? point : 0, [&] { stop(""); });
+  passage.m_client.shutdown();
   if (stopper.joinable()) stopper.join();
-  std::string fault = rebind.left();
-  if (!reached) fault = "the point was not reached";
-  if (fault.empty()) return true;
-  std::printf("broken: %s: %s\n", name.c_str(), fault.c_str());
-  return false;
+  require(reached, "the point is reached");
+  Live left = passage.m_vesk.live();
+  left.lookups = 0;  // a handle that comes when the client has stopped waiting for it stays bound
+  std::ostringstream text;
+  text << "nothing is left, not " << left;
+  require(left == Live{}, text.str());
+  ++g_points;
+}
+
+void shut_down_at_each(const Case& what, long times) {
+  int sleeps = 0;
+  int uses = 0;
+  {
+    Passage undisturbed(what);
+    uses = undisturbed.m_vesk.uses();
+    undisturbed.run();
+    uses = undisturbed.m_vesk.uses() - uses;
+    sleeps = static_cast<int>(undisturbed.m_clock.sleeps().size());
+    undisturbed.m_client.shutdown();
+  }
+  for (long n = 0; n < times * kMeetings; ++n) {
+    const auto meeting = static_cast<Meeting>(n % kMeetings);
+    for (int sleep = 1; sleep <= sleeps; ++sleep) shut_down_at(what, meeting, true, sleep);
+    for (int use = 1; use <= uses; ++use) shut_down_at(what, meeting, false, use);
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("shutdown() at every point of a rebind.");
-  int count = 1;
-  app.add_option("--count", count, "How often each point is passed")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
+  Runner runner("orvel-shutdown-points", "shutdown() at every point of a start and of a rebind, --count times");
+  for (const Case& what : cases()) {
+    runner.add(what.name, [&runner, what] { shut_down_at_each(what, runner.count()); });
+  }
+  if (const auto ended = runner.parse(argc, argv)) return *ended;
+  g_canary = runner.canary();
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
-
-  const Watchdog watchdog(std::chrono::seconds(60), "every point is tried in order: run it again");
-  int points = 0;
-  int broken = 0;
-  for (const char* service : {kServices[0], kServices[3], kServices[6]}) {
-    for (int comeback = 0; comeback < kComebacks; ++comeback) {
-      const Case what{service, static_cast<Comeback>(comeback)};
-      Points passed;
-      {
-        Rebind undisturbed(what);
-        passed = undisturbed.run();
-        undisturbed.client().shutdown();
-      }
-      const auto try_all = [&](bool at_sleep, int last) {
-        for (int point = 1; point <= last; ++point) {
-          for (int meeting = 0; meeting < kMeetings * count; ++meeting) {
-            const Watchdog::Step step(at_sleep ? "a shutdown at a sleep" : "a shutdown at a use of libvesk");
-            broken += shut_down_at(what, static_cast<Meeting>(meeting % kMeetings), at_sleep, point) ? 0 : 1;
-            ++points;
-          }
-        }
-      };
-      try_all(true, passed.sleeps);
-      try_all(false, passed.uses);
-    }
-  }
-  std::printf(
-      "orvel-shutdown-points: %d shutdowns, at every point of 9 rebinds in %d meetings, %d times each; %d broken\n",
-      points, static_cast<int>(kMeetings), count, broken);
-  return broken == 0 ? 0 : 1;
+  return runner.run([] { return std::to_string(g_points) + " shutdowns"; });
 }

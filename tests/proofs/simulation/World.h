@@ -1,24 +1,25 @@
 // Runs one program of public calls against services, deaths, notifications and time that the choices decide.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Choices.h"
-#include "Program.h"
+#include "Trace.h"
+#include "support/Vesk.h"
 #include "support/VirtualClock.h"
-#include "vesk/inprocess/FakeVesk.h"
 
-namespace orvel::fuzz {
+namespace orvel::test::simulation {
 
-// One thread decides at a time, so that the same choices give the same trace: the run loop works only while the caller's
-// thread waits for it, and what happens inside waits, calls and callbacks happens on the thread that is there. The one
-// further thread that there may be calls shutdown() and then waits for the others.
+// One thread decides at a time, so that the same choices give the same trace: the run loop works only while the
+// caller's thread waits for it, and what happens inside waits, calls and callbacks happens on the thread that is there.
+// At most one further thread exists, which calls shutdown() and then waits for the others.
 class World {
  public:
-  // With `lines`, the trace has the log lines of every level. All three are borrowed.
+  // With `lines`, the trace has what the client logs. Both references are borrowed.
   World(Choices& choices, Trace& trace, bool lines);
   ~World();
   World(const World&) = delete;
@@ -28,8 +29,8 @@ class World {
   void run();
 
   // What libvesk is still owed.
-  [[nodiscard]] test::Live live() const { return m_vesk.live(); }
-  // Callbacks that somebody still holds.
+  [[nodiscard]] Live live() const { return m_vesk.live(); }
+  // Callbacks that the client or libvesk still holds.
   [[nodiscard]] long callbacks() const { return m_callbacks.use_count() - 1; }
   [[nodiscard]] std::vector<std::string> bindings() const { return m_vesk.bindings(); }
 
@@ -37,51 +38,46 @@ class World {
   // What the client is in the middle of when something happens to it.
   enum class During { kNothing, kStart, kRebind, kCall, kCallback };
 
+  // An endpoint that a service got, and the notices that fit it.
   struct Sent {
     std::weak_ptr<const void> transfer;
-    int service;
-    unsigned code;
+    std::vector<int> notices;
   };
 
-  void record(Event event);
+  void record(Event event) { m_trace.push_back(std::move(event)); }
 
   void disturb(During during);
   void act(During during);
   void change_services();
   void start(int service);
   void kill(int service);
+  void complete(int service);
   void notify();
   void stop();
   void finish_stop();
+  void drain();
 
-  void call();
-  Call some_call();
-  std::string perform(const Call& call);
-  void heard(int callback, const std::string& arguments);
-
+  int some_method();
+  void call(int row);
+  std::string perform(int row, int callback);
+  void heard(int callback, const std::string& values);
   void slept();
-  test::Reply answer(int service, const test::Transaction& call);
-  test::Bytes answer_to(int service, unsigned code);
-  test::Bytes damaged(test::Bytes message);
-
-  std::string some_text();
-  test::Bytes some_texts(int least, int most);
-  test::Bytes some_entries(bool with_longs);
-  test::Bytes some_notification(int service, unsigned code);
+  Reply answer(int service, const Transaction& call);
 
   Choices& m_choices;
   Trace& m_trace;
-  test::FakeVesk m_vesk;
-  test::VirtualClock m_clock;
+  InprocessVesk m_vesk;
+  VirtualClock m_clock;
   std::vector<Sent> m_sent;
   const std::shared_ptr<int> m_callbacks = std::make_shared<int>();  // each callback holds it too
-  bool m_running = false;                                            // the client is initialised
+  int m_calls = 0;
+  bool m_running = false;  // the client is initialised
   bool m_starting = false;
   int m_depth = 0;
   int m_budget = 150;  // of what may happen in between
   bool m_stopping = false;
   std::thread m_stopper;
-  std::vector<Event> m_stopper_events;
+  Trace m_stopper_lines;
 };
 
-}  // namespace orvel::fuzz
+}  // namespace orvel::test::simulation

@@ -1,121 +1,144 @@
 // Random programs of public calls against random services, checked against the model.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 
-#include <atomic>
-#include <chrono>
-#include <csignal>
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <fstream>
+#include <cstdlib>
 #include <iostream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "Run.h"
+#include "Model.h"
+#include "World.h"
+#include "support/ClientFixture.h"
+#include "support/Runner.h"
 
+namespace orvel::test::simulation {
 namespace {
-
-using namespace orvel::fuzz;  // NOLINT(google-build-using-namespace)
-
-// The whole trace of a seed, with all log lines.
-std::string trace_of(std::uint64_t seed) {
-  SeededChoices choices(seed);
-  Trace trace;
-  const std::string failure = run(choices, trace, /*lines=*/true);
-  return shown(trace, trace.events.size()) + failure;
-}
-
-struct Counts {
-  long runs = 0;
-  long calls = 0;
-  long events = 0;
-  long repeated = 0;
-  long failures = 0;
-};
 
 // One in this many seeds is run two more times, whose traces must be equal.
 constexpr std::uint64_t kRepeatEvery = 50;
+constexpr int kPauseAfterDeath = 6;
 
-std::atomic<std::uint64_t> g_seed{0};  // for the last words of a run that hangs
-
-void hung(int) {
-  char text[80];
-  const int size = std::snprintf(text, sizeof(text), "HUNG: again with --seed %llu --count 1\n",
-                                 static_cast<unsigned long long>(g_seed.load()));
-  if (write(STDOUT_FILENO, text, static_cast<std::size_t>(size)) > 0) _exit(1);
-  _exit(2);
+// The client is the process's one, and remembers whether the assistant is connected. Tells it that it is.
+void connect_assistant() {
+  const std::string method = "registerForMaroConnectivityChange";
+  ClientFixture device;
+  device.start_services();
+  Client& client = Client::getClient();
+  client.initialize();
+  test::method(method).call(client, {});
+  const auto is_it = [&](const Notice& each) { return each.to.row == row_of(method); };  // the first: it is connected
+  device.send("com.quarlo.speech.CONNECTIVITY_ACTION",
+              std::find_if(notices().begin(), notices().end(), is_it)->message);
+  device.m_vesk.drain();
+  client.shutdown();
+  if (!client.isMaroConnected()) std::abort();
 }
 
-void check(std::uint64_t seed, Counts& counts) {
-  g_seed = seed;
-  alarm(60);
-  SeededChoices choices(seed);
-  Trace trace;
-  std::string failure = run(choices, trace, /*lines=*/false);
-  ++counts.runs;
-  counts.calls += static_cast<long>(trace.calls.size());
-  counts.events += static_cast<long>(trace.events.size());
-  if (failure.empty() && seed % kRepeatEvery == 0) {
-    ++counts.repeated;
-    const std::string first = trace_of(seed);
-    if (const std::string second = trace_of(seed); first != second)
-      failure = "two runs of the same seed differ\n" + first + "---\n" + second;
+std::string joined(const std::vector<std::string>& lines) {
+  std::string all;
+  for (const std::string& line : lines) all += line + "\n";
+  return all;
+}
+
+// Empty when all was as promised, else what was not, with all that led there.
+std::string verdict(const World& world, const Trace& trace, int pause) {
+  Model model(trace, pause);
+  try {
+    model.check();
+  } catch (const Mismatch& mismatch) {
+    const std::string seen = mismatch.at < trace.size() ? describe(trace[mismatch.at]) : "the end";
+    return describe(trace, mismatch.at) + "  expected: " + mismatch.expected + "\n  seen:     " + seen + "\n";
   }
-  if (failure.empty()) return;
-  ++counts.failures;
-  std::cout << failure << "FAILED: again with --seed " << seed << " --count 1\n";
+  std::ostringstream failures;
+  if (world.bindings() != model.bindings()) {
+    failures << "bound, unbound, published\n  expected:\n"
+             << joined(model.bindings()) << "  seen:\n"
+             << joined(world.bindings());
+  }
+  Live left;
+  left.payloads = left.buffers = model.forgotten();
+  left.lookups = model.late_handles();
+  if (!(world.live() == left)) failures << "left\n  expected: " << left << "\n  seen:     " << world.live() << "\n";
+  if (world.callbacks() != 0) failures << world.callbacks() << " callbacks outlive the client\n";
+  if (Client::getClient().isMaroConnected() != model.maro_connected())
+    failures << "whether the assistant is connected is not what was told last\n";
+  return failures.str().empty() ? "" : describe(trace, trace.size()) + failures.str();
 }
 
-int keep(std::uint64_t seed, const std::string& path) {
-  SeededChoices seeded(seed);
-  std::string bytes;
-  KeptChoices choices(seeded, bytes);
-  Trace trace;
-  run(choices, trace, /*lines=*/false);
-  std::ofstream file(path, std::ios::binary);
-  file << bytes << std::flush;
-  if (file) return 0;
-  std::cerr << "cannot write " << path << "\n";
-  return 1;
-}
+struct Counts {
+  long calls = 0;
+  long events = 0;
+  long repeated = 0;
+};
+
+class Simulation {
+ public:
+  explicit Simulation(const Runner& runner) : m_runner(runner) {}
+
+  void check(std::uint64_t seed) {
+    begin("seed " + std::to_string(seed) + " (--seed " + std::to_string(seed) + " --count 1)");
+    Trace trace;
+    const std::string failure = run(seed, trace, /*lines=*/false);
+    require(failure.empty(), "\n" + failure);
+    m_counts.calls += std::count_if(trace.begin(), trace.end(), [](const Event& it) { return it.kind == Kind::kCall; });
+    m_counts.events += static_cast<long>(trace.size());
+    if (seed % kRepeatEvery != 0) return;
+    ++m_counts.repeated;
+    const std::string first = trace_of(seed);
+    const std::string second = trace_of(seed);
+    require(first == second, "two runs of the same seed differ\n" + first + "---\n" + second);
+  }
+
+  // What happens in the run of a seed, with what the client logs.
+  std::string trace_of(std::uint64_t seed) {
+    Trace trace;
+    const std::string failure = run(seed, trace, /*lines=*/true);
+    return describe(trace, trace.size()) + failure;
+  }
+
+  const Counts& counts() const { return m_counts; }
+
+ private:
+  std::string run(std::uint64_t seed, Trace& trace, bool lines) {
+    std::string failure;
+    {
+      Choices choices(seed);
+      World world(choices, trace, lines);
+      world.run();
+      failure = verdict(world, trace, m_runner.canary() ? kPauseAfterDeath - 1 : kPauseAfterDeath);
+    }
+    if (!Client::getClient().isMaroConnected()) connect_assistant();
+    return failure;
+  }
+
+  const Runner& m_runner;
+  Counts m_counts;
+};
 
 }  // namespace
+}  // namespace orvel::test::simulation
 
 int main(int argc, char** argv) {
-  std::uint64_t first = 1;
-  std::uint64_t count = 5000;
+  using orvel::test::simulation::Simulation;
+  orvel::test::Runner runner("simulation", "Random programs of public calls against random services, against a model",
+                             5000);
   bool verbose = false;
-  std::string seeds;
-  std::string kept;
-  CLI::App app("Random programs of public calls against random services, checked against a model");
-  app.add_option("--seed", first, "the first seed")->capture_default_str();
-  app.add_option("--count", count, "how many seeds")->capture_default_str();
-  app.add_option("--seeds", seeds, "a file of seeds to run before")->check(CLI::ExistingFile);
-  app.add_flag("--verbose", verbose, "print what happens in each run");
-  app.add_option("--keep", kept, "a file to write the first seed's choices to, as an input of fuzz_Client");
-  CLI11_PARSE(app, argc, argv);
-  if (!kept.empty()) return keep(first, kept);
-
-  std::signal(SIGALRM, hung);
-  Counts counts;
-  const auto begin = std::chrono::steady_clock::now();
-  if (!seeds.empty()) {
-    std::ifstream file(seeds);
-    const std::vector<std::uint64_t> known(std::istream_iterator<std::uint64_t>(file), {});
-    for (const std::uint64_t seed : known) check(seed, counts);
-  }
-  for (std::uint64_t seed = first; seed < first + count && counts.failures < 5; ++seed) {
-    if (verbose) std::cout << "seed " << seed << "\n" << trace_of(seed);
-    check(seed, counts);
-  }
-  alarm(0);
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-  std::cout << "simulation: seeds " << first << " to " << first + count - 1 << ", " << counts.runs << " runs, "
-            << counts.calls << " calls, " << counts.events << " events, " << counts.repeated << " repeated, "
-            << static_cast<long>(static_cast<double>(counts.runs) / took.count()) << " runs/s, " << counts.failures
-            << " failed\n";
-  return counts.failures == 0 ? 0 : 1;
+  runner.options().add_flag("--verbose", verbose, "print what happens in each run");
+  if (const auto status = runner.parse(argc, argv)) return *status;
+  Simulation simulation(runner);
+  runner.add("programs", [&] {
+    for (std::uint64_t seed = runner.seed(); seed < runner.seed() + static_cast<std::uint64_t>(runner.count());
+         ++seed) {
+      if (verbose) std::cout << "seed " << seed << "\n" << simulation.trace_of(seed);
+      simulation.check(seed);
+    }
+  });
+  return runner.run([&] {
+    const auto& counts = simulation.counts();
+    return std::to_string(runner.count()) + " runs, " + std::to_string(counts.calls) + " calls, " +
+           std::to_string(counts.events) + " events, " + std::to_string(counts.repeated) + " repeated";
+  });
 }

@@ -23,18 +23,21 @@ using ::testing::IsEmpty;
 
 class BinderTest : public ClientTest {
  protected:
-  BinderTest() : ClientTest("IDelegateService") {}
+  BinderTest() : ClientTest("IDelegateService") { m_vesk.add_service("clock"); }
 
   // Blocks as the constructor does.
   std::unique_ptr<Binder> bind(bool android = false) {
     return std::make_unique<Binder>(m_runtime, "clock", android, [this] { ++m_reconnects; });
+  }
+  void die() {
+    m_vesk.kill_service("clock");
+    m_vesk.run_pending();
   }
 
   int m_reconnects = 0;
 };
 
 TEST_F(BinderTest, AServiceThatAppearsLateIsBoundAtTheThirdAttempt) {
-  m_vesk.add_service("clock");
   m_vesk.refuse_binds("clock", 2, -111);
   EXPECT_TRUE(bind(true)->good());
   EXPECT_THAT(m_clock.sleeps(), ElementsAre(2, 4));
@@ -50,7 +53,6 @@ TEST_F(BinderTest, AServiceThatAppearsLateIsBoundAtTheThirdAttempt) {
 }
 
 TEST_F(BinderTest, ReadinessIsPolledOnlyUntilItIsThere) {
-  m_vesk.add_service("clock");
   EXPECT_TRUE(bind()->good());
   EXPECT_THAT(m_clock.sleeps(), IsEmpty());
   EXPECT_THAT(m_log.take(), ElementsAre("I bind_to_service:Binding to service: clock",
@@ -66,26 +68,21 @@ TEST_F(BinderTest, ReadinessIsPolledOnlyUntilItIsThere) {
             "W bind_to_orvel_service:Service clock is not ready yet, retrying in 2 seconds (attempt 3/10)");
 }
 
-TEST_F(BinderTest, LateBindCallbackTouchesNoFreedContext) {
-  m_vesk.add_service("clock");
+TEST_F(BinderTest, OfSeveralBindCallbacksTheFirstInTimeCounts) {
+  const std::uint32_t before = bind_to_orvel_service(m_runtime, "clock")->get()->words[0];
+  m_vesk.repeat_binds("clock");
+  EXPECT_EQ(bind_to_orvel_service(m_runtime, "clock")->get()->words[0], before + 1);
+
   m_vesk.hold_binds("clock");
   EXPECT_EQ(bind_to_orvel_service(m_runtime, "clock"), nullptr);
   EXPECT_EQ(m_clock.sleeps(), std::vector<long long>(10, 2));
   EXPECT_EQ(m_log.take().back(), "E bind_to_orvel_service:Bound service clock is not ready after timeout");
-  m_vesk.complete_binds("clock");
-  EXPECT_THAT(m_log.take(), ElementsAre("I service_bind_callback:Received service_bind_callback from: clock"));
+  m_vesk.complete_binds("clock");  // too late: what waited for it is gone
+  EXPECT_EQ(m_log.take().back(), "I service_bind_callback:Received service_bind_callback from: clock");
   EXPECT_EQ(m_vesk.uses("vesk_service_unbind"), 0) << "it might cut the connection of a later attempt";
 }
 
-TEST_F(BinderTest, OfTwoBindCallbacksTheFirstOneCounts) {
-  m_vesk.add_service("clock");
-  const std::uint32_t before = bind_to_orvel_service(m_runtime, "clock")->get()->words[0];
-  m_vesk.repeat_binds("clock");
-  EXPECT_EQ(bind_to_orvel_service(m_runtime, "clock")->get()->words[0], before + 1);
-}
-
 TEST_F(BinderTest, AServiceThatCannotBeWatchedIsNotKept) {
-  m_vesk.add_service("clock");
   m_vesk.fail_once("vesk_handle_link_to_death");
   const auto binder = bind();
   EXPECT_FALSE(binder->good());
@@ -97,17 +94,16 @@ TEST_F(BinderTest, AServiceThatCannotBeWatchedIsNotKept) {
 }
 
 TEST_F(BinderTest, AHandleThatEndsLeavesNoLinkToItsListener) {
-  m_vesk.add_service("clock");
   auto handle = bind_to_orvel_service(m_runtime, "clock");
-  EXPECT_TRUE(handle->set_death_listener([] { ADD_FAILURE() << "the listener is gone"; }));
+  const auto held = std::make_shared<int>(0);
+  EXPECT_TRUE(handle->set_death_listener([held] { ADD_FAILURE() << "the listener is gone"; }));
   vesk_handle_acquire(m_runtime, handle->get());  // so that the connection outlives it
   handle.reset();
-  m_vesk.kill_service("clock");
-  m_vesk.run_pending();
+  EXPECT_EQ(held.use_count(), 1) << "neither the handle nor libvesk keeps the death callback";
+  die();
 }
 
 TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
-  m_vesk.add_service("clock");
   const auto binder = bind();
   for (int death = 1; death <= 3; ++death) {
     m_log.take();
@@ -119,7 +115,7 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
       EXPECT_EQ(answered, std::future_status::ready) << "released under a lock";
     });
     m_clock.at_sleep(1, [&] {
-      EXPECT_EQ(binder->call("i", 1), nullptr) << "calls fail at once during a rebind";
+      EXPECT_EQ(binder->call("i", 1).get(), nullptr) << "calls fail at once during a rebind";
       m_vesk.add_service("clock");
     });
     m_vesk.run_pending();
@@ -130,28 +126,34 @@ TEST_F(BinderTest, EachDeathIsFollowedByOnePauseOneRebindAndOneReconnect) {
     EXPECT_EQ(log.back(), "I on_binder_died:Death callback completed");
   }
   EXPECT_THAT(m_clock.sleeps(), ElementsAre(6, 6, 6));
-  EXPECT_EQ(m_vesk.live().death_references, 1);
-  EXPECT_EQ(m_vesk.live().lookups, 1);
-  EXPECT_EQ(m_vesk.live().handle_references, 1);
+  EXPECT_EQ(m_vesk.live(), (Live{0, 0, /*lookups=*/1, /*handle_references=*/1, 0, /*death_references=*/1}));
 }
 
-TEST_F(BinderTest, AListenerMayDropTheLastReferenceToItself) {
-  bool ran_to_its_end = false;
-  vesk::IpcDeathCallback* callback = nullptr;
-  callback = new vesk::IpcDeathCallback([&callback, &ran_to_its_end] {
-    callback->release();
-    ran_to_its_end = true;  // through a capture that must still be there
-  });
-  callback->acquire();
-  vesk::IpcDeathCallback::on_death(m_runtime, callback->record(), nullptr);
-  EXPECT_TRUE(ran_to_its_end);
+TEST_F(BinderTest, ADeathCallbackLivesUntilItsLastReferenceEvenWhileItsListenerRuns) {
+  for (const bool owner_first : {true, false}) {
+    auto held = std::make_shared<int>(0);
+    const std::weak_ptr<int> capture = held;
+    std::function<void(bool)> drop;
+    bool alive_to_the_end = false;
+    const auto run = [&] {
+      drop(!owner_first);
+      alive_to_the_end = !capture.expired();
+    };
+    auto* const callback = new vesk::IpcDeathCallback([&run, held = std::move(held)] { run(); });
+    drop = [callback](bool owner) {
+      owner ? callback->release() : vesk::IpcDeathCallback::death_release(callback->record());
+    };
+    callback->acquire();
+    vesk::IpcDeathCallback::death_acquire(callback->record());
+    drop(owner_first);
+    vesk::IpcDeathCallback::on_death(m_runtime, callback->record(), nullptr);
+    EXPECT_TRUE(alive_to_the_end && capture.expired()) << owner_first;
+  }
 }
 
 TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
-  m_vesk.add_service("clock");
   const auto binder = bind(true);
-  m_vesk.kill_service("clock");
-  m_vesk.run_pending();
+  die();
   EXPECT_THAT(m_clock.sleeps(), ElementsAre(6, 2, 4, 8, 16, 32, 60, 60, 60, 60));
   EXPECT_EQ(m_vesk.uses("vesk_binder_servicemanager_get"), 1 + 9) << "no attempt after the last sleep";
   const Lines log = m_log.take();
@@ -162,24 +164,20 @@ TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
 
   EXPECT_EQ(transact(*binder, "i", 1, no_arguments, replied), std::nullopt);
   EXPECT_THAT(m_log.take(), IsEmpty());
-  EXPECT_EQ(binder->call("i", 1), nullptr);
+  EXPECT_EQ(binder->call("i", 1).get(), nullptr);
   EXPECT_THAT(m_log.take(), ElementsAre("E call:Binder is not initialized"));
-  EXPECT_EQ(m_vesk.uses("vesk_payload_alloc"), 0);
+  EXPECT_EQ(m_vesk.uses("vesk_payload_alloc") + m_vesk.uses("vesk_reply_done"), 0);
 }
 
-TEST_F(BinderTest, WaitsStayInterruptedUntilTheLastInterruptEnds) {
-  m_clock.stop();
-  std::thread waiter([this] { EXPECT_FALSE(bind()->good()); });
-  m_clock.wait_for_sleeper();
-  auto first = std::make_unique<waiting::Interrupt>();
-  const waiting::Interrupt second;
-  waiter.join();
-  first.reset();
-  EXPECT_FALSE(bind(true)->good());
-  EXPECT_EQ(m_clock.sleeps().size(), 1U);
+TEST_F(BinderTest, NothingIsLookedUpOrWaitedForDuringAShutdown) {
+  const waiting::Interrupt shutdown;
+  EXPECT_FALSE(bind()->good() || bind(true)->good());
+  EXPECT_EQ(m_log.take(), Lines(2, "I bind_to_service:Binding to service: clock"));
+  EXPECT_EQ(m_clock.sleeps().size() + m_vesk.bindings().size(), 0U);
 }
 
 TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
+  const char kException[] = "E call:Exception occurred in VESK call";
   const struct {
     const char* operation;  // that fails
     Bytes reply;
@@ -191,18 +189,13 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
       {"vesk_write_i32", {}, {"E call:Serialize payload failed with error -5"}, 0},
       {"vesk_call", {}, {"E call:VESK call failed with error -5"}, 1},
       {"",
-       Bytes().i32(-3).utf16("bad key").i32(1).utf16("at put").utf16("value"),
-       {"E exceptionOccurred:Received error: -3 [bad key]", "E exceptionOccurred:Stack Trace: at put",
-        "E call:Exception occurred in VESK call"},
+       wire("-3 'bad' 1 'trace' 'value'"),
+       {"E exceptionOccurred:Received error: -3 [bad]", "E exceptionOccurred:Stack Trace: trace", kException},
        1},
-      {"",
-       Bytes().i32(1).utf16("x").i32(0).utf16("not a trace"),
-       {"E exceptionOccurred:Received error: 1 [x]", "E call:Exception occurred in VESK call"},
-       1},
-      {"", Bytes().i32(-1), {"E exceptionOccurred:Received error: -1 []", "E call:Exception occurred in VESK call"}, 1},
+      {"", wire("1 'x' 0 'none'"), {"E exceptionOccurred:Received error: 1 [x]", kException}, 1},
+      {"", wire("-1"), {"E exceptionOccurred:Received error: -1 []", kException}, 1},
       {"", {}, {}, 1},
   };
-  m_vesk.add_service("clock");
   const auto binder = bind();
   for (const auto& row : rows) {
     answer("clock", row.reply);
@@ -214,27 +207,27 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
     EXPECT_EQ(m_vesk.uses("vesk_call") - calls, row.calls);
     EXPECT_EQ(messages(), 0);
   }
-  m_log.take();
-  const auto not_whole = [](vesk_payload*) { return false; };
-  EXPECT_EQ(binder->call("i", 1, not_whole), nullptr);
+  EXPECT_EQ(binder->call("i", 1, [](vesk_payload*) { return false; }).get(), nullptr);
   EXPECT_THAT(m_log.take(), ElementsAre("E call:Serialize payload failed with error -22"));
-  binder->done();
   EXPECT_THROW((void)binder->call("i", 1, RequestWriter()), std::bad_function_call);
+  EXPECT_EQ(messages(), 0);
   binder->done();
-  binder->done();
-  EXPECT_NE(binder->call("i", 1), nullptr) << "what was thrown must leave no lock behind";
+  EXPECT_NE(binder->call("i", 1).get(), nullptr) << "what was thrown must leave no lock behind";
 }
 
-TEST_F(BinderTest, ACallThatFollowsAnUnfinishedOneLeavesItsPairAlone) {
-  m_vesk.add_service("clock");
+TEST_F(BinderTest, ACallThatFollowsAKeptReplyLeavesItsPairAlone) {
   auto binder = bind();
-  vesk_payload* unfinished = nullptr;
-  vesk_buffer* reply = binder->call("i", 1, [&](vesk_payload* payload) { unfinished = payload; });
-  EXPECT_NE(binder->call("i", 2), reply);
+  vesk_payload* kept_request = nullptr;
+  auto kept =
+      std::make_unique<Binder::Reply>(binder->call("i", 1, [&](vesk_payload* payload) { kept_request = payload; }));
+  vesk_buffer* const kept_reply = kept->get();
+  kept->keep();
+  kept.reset();
+  EXPECT_NE(binder->call("i", 2).get(), kept_reply);
   binder.reset();
   EXPECT_EQ(messages(), 2);
-  vesk_payload_free(unfinished);
-  vesk_buffer_free(reply);
+  vesk_payload_free(kept_request);
+  vesk_buffer_free(kept_reply);
 }
 
 TEST_F(BinderTest, AReplyIsReadBeforeAnotherThreadEndsItsOwnCall) {

@@ -21,13 +21,11 @@ TEST(OrvelLogger, EachLevelHasItsPriorityAndTheTagBeginsWithTheLibrary) {
   OrvelLogger("").e("%s:%d", "f", 5);
   EXPECT_THAT(log.take(), ElementsAre("V f:1", "D f:2", "I f:3", "W f:4", "E OrvelDelegateClient: f:5"));
   const std::runtime_error error("because");
-  logger.v(std::string("no"), error);
-  logger.d(std::string("no"), error);
-  logger.i(std::string("no"), error);
-  logger.w(std::string("no"), error);
-  logger.e(std::string("100%s"), error);
-  EXPECT_THAT(log.take(),
-              ElementsAre("V no: because", "D no: because", "I no: because", "W no: because", "E 100%s: because"));
+  using Log = void (OrvelLogger::*)(const std::string&, const std::exception&) const;
+  const Log levels[] = {&OrvelLogger::v, &OrvelLogger::d, &OrvelLogger::i, &OrvelLogger::w, &OrvelLogger::e};
+  for (const Log level : levels) (logger.*level)("no%s", error);
+  EXPECT_THAT(log.take(), ElementsAre("V no%s: because", "D no%s: because", "I no%s: because", "W no%s: because",
+                                      "E no%s: because"));
 }
 
 }  // namespace

@@ -18,11 +18,8 @@ class Masking : public ::testing::Test {
   }
   // Of a request's reply, as JSON.
   std::string reply(const std::string& service, const std::string& method, const std::string& value) {
-    const Json entry = {{"service", service}, {"method", method}, {"arguments", Json::object()}, {"reply", 0}};
-    Json json = entry;
-    json["reply"] = Json::parse(value);
-    m_redactions.apply(json);
-    return json.at("reply").dump();
+    const std::string entry = R"({"service":")" + service + R"(","method":")" + method + R"(","arguments":{},"reply":)";
+    return Json::parse(masked(entry + value + "}")).at("reply").dump();
   }
 
   Redactions m_redactions{
@@ -70,38 +67,46 @@ TEST_F(Masking, AnIdentityIsMaskedInsideOtherTextsFromFourCharactersOn) {
 }
 
 TEST_F(Masking, DataKeepsItsSchemeAndThePackageThatItNames) {
-  const auto data = [&](const std::string& uri) {
-    const std::string entry = masked(
-        R"({"service":"delegate","notification":"broadcast","arguments":{"action":"a","data":")" + uri + R"("}})");
-    return Json::parse(entry).at("arguments").at("data").get<std::string>();
+  const std::pair<std::string, const char*> rows[] = {
+      {"package:com.example.app", "package:com.example.app"},
+      {"content:secret", "content:masked-1"},
+      {"other:secret", "other:masked-1"},  // the same value has the same mask
+      {"secret", "masked-1"},
+      {"content:", "content:"},
   };
-  EXPECT_EQ(data("package:com.example.app"), "package:com.example.app");
-  EXPECT_EQ(data("content:secret"), "content:masked-1");
-  EXPECT_EQ(data("other:secret"), "other:masked-1") << "the same value has the same mask";
-  EXPECT_EQ(data("secret"), "masked-1");
-  EXPECT_EQ(data("content:"), "content:");
+  for (const auto& [data, expected] : rows) {
+    const std::string entry = masked(
+        R"({"service":"delegate","notification":"broadcast","arguments":{"action":"a","data":")" + data + R"("}})");
+    EXPECT_EQ(Json::parse(entry).at("arguments").at("data"), expected);
+  }
 }
 
 TEST(MayStandFor, AMaskStandsForOneTextAndNoOtherMaskForThat) {
   MetTexts met;
-  const auto fits = [&](const char* recorded, const char* given) {
-    return mayStandFor(Json::parse(recorded), Json::parse(given), met);
+  const struct {
+    const char *recorded, *given;
+    bool fits;
+  } rows[] = {
+      {R"("masked-1")", R"("Anna")", true},
+      {R"("of masked-1!")", R"("of Anna!")", true},
+      {R"("of masked-1!")", R"("of Anna")", false},
+      {R"("of masked-9!")", R"("of !")", false},  // a mask stands for no empty text
+      {R"("of masked-9!")", R"("o")", false},
+      {R"("masked-1")", R"("Bert")", false},
+      {R"("masked-2")", R"("Anna")", false},
+      {R"("masked-2")", R"("Bert")", true},
+      {R"("masked-")", R"("masked-")", true},
+      {R"("masked-")", R"("x")", false},  // which is not a mask
+      {R"({"a": ["masked-1", 1, null]})", R"({"a": ["Anna", 1, null]})", true},
+      {R"({"a": ["masked-1", 1]})", R"({"a": ["Anna", 2]})", false},
+      {R"({"a": "masked-1"})", R"({"b": "Anna"})", false},
+      {R"(["masked-1"])", R"(["Anna", "Anna"])", false},
+      {"7", R"("7")", false},
   };
-  EXPECT_TRUE(fits(R"("masked-1")", R"("Anna")"));
-  EXPECT_TRUE(fits(R"("of masked-1!")", R"("of Anna!")"));
-  EXPECT_FALSE(fits(R"("of masked-1!")", R"("of Anna")"));
-  EXPECT_FALSE(fits(R"("of masked-9!")", R"("of !")")) << "a mask stands for no empty text";
-  EXPECT_FALSE(fits(R"("of masked-9!")", R"("o")"));
-  EXPECT_FALSE(fits(R"("masked-1")", R"("Bert")"));
-  EXPECT_FALSE(fits(R"("masked-2")", R"("Anna")"));
-  EXPECT_TRUE(fits(R"("masked-2")", R"("Bert")"));
-  EXPECT_TRUE(fits(R"("masked-")", R"("masked-")"));
-  EXPECT_FALSE(fits(R"("masked-")", R"("x")")) << "that is no mask";
-  EXPECT_TRUE(fits(R"({"a": ["masked-1", 1, null]})", R"({"a": ["Anna", 1, null]})"));
-  EXPECT_FALSE(fits(R"({"a": ["masked-1", 1]})", R"({"a": ["Anna", 2]})"));
-  EXPECT_FALSE(fits(R"({"a": "masked-1"})", R"({"b": "Anna"})"));
-  EXPECT_FALSE(fits(R"(["masked-1"])", R"(["Anna", "Anna"])"));
-  EXPECT_FALSE(fits("7", R"("7")"));
+  for (const auto& row : rows) {
+    EXPECT_EQ(mayStandFor(Json::parse(row.recorded), Json::parse(row.given), met), row.fits)
+        << row.recorded << row.given;
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -56,7 +57,6 @@ TEST(Scenario, WordsThatLeadNowhereAreToldWhatThereIs) {
        "1",
        "/power/screen: unknown key; there are screenOn, interfaceVersion, faults, alive, flap"},
       {{"name", "first"}, "x", "/delegate/name/first: only an object has keys"},
-      {{"screenOn"}, "maybe", "/power/screenOn: expected true or false"},
       {{"screenOn"}, "1", "/power/screenOn: expected true or false"},
       {{"package", "p", "resources", "017"}, "x", "/packages/packages/p/resources/017: expected a key that is a whole"},
       {{"package", "p", "resources", "x"}, "x", "/packages/packages/p/resources/x: expected a key that is a whole"},
@@ -80,18 +80,18 @@ TEST(Scenario, WordsThatLeadNowhereAreToldWhatThereIs) {
 }
 
 TEST(Scenario, AWordIsReadAsItsFieldWantsIt) {
-  const auto valueFor = [](const Words& words, const char* word) { return changeOf(words, word).at("value"); };
-  EXPECT_EQ(valueFor({"name"}, "true"), "true");
-  EXPECT_EQ(valueFor({"setting", "k"}, "7"), "7");
-  EXPECT_EQ(valueFor({"screenOn"}, "true"), true);
-  EXPECT_EQ(valueFor({"events", "reply"}, "-3"), -3);
-  EXPECT_EQ(valueFor({"resultMode"}, "twice"), "twice");
-  // A package's own data may be either.
-  const Words data = {"package", "p", "metaData", "k"};
-  EXPECT_EQ(valueFor(data, "7"), 7);
-  EXPECT_EQ(valueFor(data, "\"7\""), "7");
-  EXPECT_EQ(valueFor(data, "7.5"), "7.5");
-  EXPECT_EQ(valueFor(data, "true"), "true");
+  const std::pair<Words, std::pair<const char*, Json>> rows[] = {
+      {{"name"}, {"true", "true"}},
+      {{"setting", "k"}, {"7", "7"}},
+      {{"screenOn"}, {"true", true}},
+      {{"events", "reply"}, {"-3", -3}},
+      // A package's own data may be either.
+      {{"package", "p", "metaData", "k"}, {"7", 7}},
+      {{"package", "p", "metaData", "k"}, {"\"7\"", "7"}},
+      {{"package", "p", "metaData", "k"}, {"7.5", "7.5"}},
+      {{"package", "p", "metaData", "k"}, {"true", "true"}},
+  };
+  for (const auto& [words, word] : rows) EXPECT_EQ(changeOf(words, word.first).at("value"), word.second);
 }
 
 TEST(Scenario, AChangeLeavesACompleteScenario) {
@@ -176,26 +176,14 @@ TEST(Scenario, AChangeIsTheValuesThatItMakesOthers) {
 TEST(Scenario, TextIsReadUpToAnEndAndNotWithoutOne) {
   std::istringstream stream(std::string("one\n\ntwo\0!\nthree", 16));
   std::string text;
-  for (const std::string& expected :
-       {std::string("one"), std::string(), std::string("two\0!", 5), std::string("three")}) {
-    ASSERT_TRUE(readUpTo(stream, '\n', text));
-    EXPECT_EQ(text, expected);
-  }
-  EXPECT_FALSE(readUpTo(stream, '\n', text));
-
+  std::string read;
+  while (readUpTo(stream, '\n', text)) read += "[" + text + "]";
+  EXPECT_EQ(read, std::string("[one][][two\0!][three]", 21));
   std::istringstream whole("a\nb\n");
   EXPECT_TRUE(readUpTo(whole, EOF, text));
   EXPECT_EQ(text, "a\nb\n");
-
-  class Endless : public std::streambuf {
-    int underflow() override {
-      setg(m_zeros, m_zeros, m_zeros + sizeof(m_zeros));
-      return 0;
-    }
-    char m_zeros[4096] = {};
-  } endless;
-  std::istream zeros(&endless);
-  EXPECT_EQ(errorOf([&] { readUpTo(zeros, '\n', text); }), "longer than 64 MiB");
+  std::ifstream endless("/dev/zero");
+  EXPECT_EQ(errorOf([&] { readUpTo(endless, '\n', text); }), "longer than 64 MiB");
 }
 
 }  // namespace

@@ -14,10 +14,12 @@
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "support/Peer.h"
-#include "vesk/inprocess/Bytes.h"
+#include "support/Vesk.h"
 #include "vesk/vesk.h"
 
 namespace orvel::test {
@@ -25,10 +27,14 @@ namespace orvel::test {
 using Entries = std::vector<std::string>;
 using Words = std::vector<int>;
 
+constexpr std::chrono::seconds kPatience(15);
+constexpr unsigned kLongestCase =
+    45;  // seconds; what still waits for a thread by then hangs, and SIGALRM ends the program
+
 // For what nothing announces; false when it does not come about within a generous limit.
 template <typename Condition>
 bool eventually(Condition condition) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > limit) return false;
     std::this_thread::yield();
@@ -59,7 +65,7 @@ class Log {
   template <typename Condition>
   bool wait(Condition condition) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(30), condition);
+    return m_changed.wait_for(lock, kPatience, condition);
   }
 
  private:
@@ -173,13 +179,17 @@ class VeskTest : public testing::Test {
     Words words;
   };
 
-  VeskTest() { EXPECT_EQ(vesk_get_runtime(&m_runtime), 0); }
+  VeskTest() {
+    ::alarm(kLongestCase);
+    EXPECT_EQ(vesk_get_runtime(&m_runtime), 0);
+  }
   // Ends every connection, so that nothing is called back on any more once the members go.
   ~VeskTest() override {
     for (Inbox& inbox : m_inboxes) inbox.references.on_change = {};
     for (const Bind& bind : m_binds) unbind(bind.handle);
     for (const vesk_handle& handle : m_handles) unbind(handle);
     vesk_shutdown(m_runtime);
+    ::alarm(0);
   }
 
   Inbox& new_inbox(const char* name, std::function<void(int)> then = {}) {

@@ -21,6 +21,7 @@
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Run.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
+#include "tools/orvel-sim/verbs/Seeds.h"
 
 namespace orvel::sim {
 namespace {
@@ -232,17 +233,17 @@ void addConvertVerb(CLI::App& app) {
     bool replace = false;
   };
   const auto given = std::make_shared<Given>();
-  CLI::App* convert = app.add_subcommand("convert", "Make a scenario, or inputs for fuzzing, out of a recording");
+  CLI::App* convert = app.add_subcommand("convert", "Make a scenario, or files of the messages, out of a recording");
   convert->add_option("file", given->file, "what traffic --record has written")->required()->type_name("");
   CLI::Option* scenario =
       convert->add_option("--scenario", given->scenario, "write a scenario of what the recording shows of the device");
   scenario->type_name("OUT.json");
   convert->add_flag("--force", given->replace, "replace the file of --scenario")->needs(scenario);
-  convert->add_option("--seeds", given->seeds, "write what services sent for the fuzz targets, a folder for each")
+  convert->add_option("--seeds", given->seeds, "write each message that services sent as a file SERVICE.METHOD.N")
       ->type_name("DIR");
   convert->footer(R"(Examples:
   orvel-sim convert session.jsonl --scenario mine.json && orvel-sim run --scenario mine.json
-  orvel-sim convert session.jsonl --seeds corpus && fuzz_Packages corpus/Packages)");
+  orvel-sim convert session.jsonl --seeds messages)");
   convert->callback([given] {
     if (given->scenario.empty() && given->seeds.empty())
       throw ScenarioError("convert: --scenario or --seeds is expected");

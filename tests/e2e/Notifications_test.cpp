@@ -1,0 +1,180 @@
+// From the device's change to the line that a watching client prints, and from one client to another; the assistant.
+#include <signal.h>
+
+#include "Device.h"
+
+namespace orvel::e2e {
+namespace {
+
+class Notifications : public Device {
+ protected:
+  std::unique_ptr<Process> watch(const std::string& words, const std::string& program = "orvelctl") const {
+    return start(program + " watch " + words, "orvelctl: watching ");
+  }
+  std::unique_ptr<Process> hold(const std::string& words, const std::string& program = "orvelctl") const {
+    return start(program + " directive --json " + words, "orvelctl: watching ");
+  }
+};
+ORVEL_BOTH_MODES(Notifications);
+
+TEST_P(Notifications, EachVerbOfTheDeviceIsOneLineAndAValueThatStaysIsNone) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"set name Hall", R"({"kind":"name","name":"Hall"})"},
+      {"set name Hall", ""},
+      {"account removed", R"({"kind":"registration","registered":false})"},
+      {"account added", R"({"kind":"registration","registered":true})"},
+      {"maro disconnected", R"({"kind":"assistant","connected":false})"},
+      {"screen off", R"({"kind":"screen","on":false})"},
+      {"screen off", ""},
+      {"package replaced a.b",
+       R"({"kind":"package","action":"android.intent.action.PACKAGE_REPLACED","package":"a.b"})"},
+      {"broadcast android.intent.action.PACKAGE_ADDED --data package:c.d",
+       R"({"kind":"package","action":"android.intent.action.PACKAGE_ADDED","package":"c.d"})"},
+      {"broadcast android.intent.action.PACKAGE_ADDED --data http://x", ""},
+      {"broadcast android.intent.action.SCREEN_ON --type text/plain", ""},
+      {"time-sync 5 1795000000000", R"({"kind":"time","oldMs":5,"newMs":1795000000000})"},
+      {"set setting k -3", R"({"kind":"setting","key":"k","value":-3})"},
+      {"set setting other 1", ""},
+      {"set setting k 'no number'", ""},
+      {"unset setting k", R"({"kind":"setting","key":"k","value":0})"},
+  };
+  const auto watcher = watch("--json name registration assistant screen package time setting:k --count 10");
+  std::string expected;
+  for (const auto& [words, line] : rows) {
+    order(words);
+    if (*line != '\0') expected += std::string(line) + "\n";
+  }
+  EXPECT_EQ(watcher->wait(), 0);
+  EXPECT_EQ(withoutTimes(watcher->output()), expected);
+  EXPECT_TRUE(has(watcher->error(), "threw")) << "the setting that is not a number: " << watcher->error();
+}
+
+TEST_P(Notifications, TheEndOfWatchingIsPromptAndGoodHoweverItComes) {
+  const auto interrupted = watch("network screen");
+  order("network disconnected");
+  EXPECT_EQ(interrupted->waitForOutput("network  "), "     disconnected") << "written at once, into a pipe too";
+  interrupted->signal(SIGINT);
+  EXPECT_EQ(interrupted->wait(), 0);
+  const auto terminated = watch("");
+  terminated->signal(SIGTERM);
+  EXPECT_EQ(terminated->wait(), 128 + SIGTERM);
+  expectRows({{"orvelctl watch --for 0.05 name"}});
+  // A reader that does not read cannot keep it from ending.
+  run("mkfifo $T/lines");
+  const auto unread = start("orvelctl watch package 3<>$T/lines >$T/lines", "orvelctl: watching ");
+  for (int n = 0; n < 10; ++n) order("package added " + std::string(9'000, 'x'));  // more than a pipe holds
+  unread->signal(SIGINT);
+  EXPECT_EQ(unread->wait(), 0);
+}
+
+TEST_P(Notifications, AClientThatNeverAnswersHoldsUpNoOtherAndADeadOneIsForgotten) {
+  const auto stopped = watch("screen setting:k");
+  const auto live = watch("--json --count 3 screen setting:k");
+  stopped->signal(SIGSTOP);
+  for (const char* words : {"set setting k 1", "screen off", "set setting k 2"}) order(words);
+  EXPECT_EQ(live->wait(), 0);
+  stopped->signal(SIGCONT);
+  EXPECT_NE(stopped->waitForOutput("screen"), "") << "late, but not lost";
+  expectRows({{"orvel-sim broadcast android.intent.action.SCREEN_ON", "sent to 1 receiver\n"}});
+  stopped->signal(SIGKILL);
+  stopped->wait();
+  expectRows({{"orvel-sim broadcast android.intent.action.SCREEN_ON", "sent to 0 receivers\n"}});
+}
+
+TEST_P(Notifications, AfterADeathAllIsHeardAgainButTheNetwork) {
+  const auto watcher = watch("--log-level info --json --count 2 network screen", "orvelctl-fast");
+  for (const std::string service : {"connectivity", "delegate"}) {
+    order("kill " + service);
+    order("restart " + service);
+    watcher->waitForError("on_binder_died:Death callback completed");
+  }
+  for (const char* words : {"network disconnected", "screen off", "screen on"}) order(words);
+  EXPECT_EQ(watcher->wait(), 0);
+  EXPECT_FALSE(has(watcher->output(), "network")) << watcher->output();
+}
+
+TEST_P(Notifications, ABroadcastOfOneClientReachesAnotherAndTheTrafficShowsItWhole) {
+  const auto watcher = watch("--count 2 broadcast:com.example.X package");
+  expectRows(
+      {{"orvelctl am broadcast -a com.example.X --es packageName 'über 💡' --ei i -5 --el l -9000000000 --ez b true "
+        "-c c1 -c c2 -f 0x80000010 -n p/.C -p q --receiver-permission com.example.P",
+        "sent\n"},
+       {"orvelctl am broadcast -a android.intent.action.PACKAGE_CHANGED package:com.example.app", "sent\n"}});
+  watcher->wait();
+  EXPECT_TRUE(has(watcher->output(), "com.example.X über 💡")) << watcher->output();
+  EXPECT_TRUE(has(watcher->output(), "PACKAGE_CHANGED com.example.app")) << watcher->output();
+  for (const json& entry : view("traffic --past")) {
+    if (entry.value("method", "") != "sendBroadcastWithPermission") continue;
+    const json& intent = entry.at("arguments").at("intent");
+    EXPECT_EQ(intent.at("component"), json::parse(R"({"package":"p","class":"p.C"})"));
+    EXPECT_EQ(intent.at("categories"), json::parse(R"(["c1","c2"])"));
+    EXPECT_EQ(intent.at("flags"), static_cast<int>(0x80000010));
+    EXPECT_EQ(intent.at("extras").size(), 4U) << intent;
+    EXPECT_EQ(entry.at("arguments").at("permission"), "com.example.P");
+    return;
+  }
+  FAIL() << "the broadcast is not in the traffic";
+}
+
+TEST_P(Notifications, AnEventArrivesWholeAndADeathEndsTheWaitForItsResult) {
+  std::ofstream(file("long")) << std::string(1 << 20, 'p');
+  expectRows({{"orvelctl event N long --payload-file $T/long"}, {"orvel-sim event-result 0 --delay 60000"}});
+  const auto waiting = start("orvelctl event Alerts Set a '' c --flag --payload é");
+  start("orvel-sim traffic")->waitForOutput("events.sendEvent(metadata: ");
+  const std::vector<json> traffic = view("traffic --past");
+  EXPECT_TRUE(has(traffic.at(0)["arguments"], "pp... (104")) << "shortened";
+  EXPECT_EQ(traffic.at(2)["arguments"]["payload"], "é") << "behind an event and its result";
+  EXPECT_EQ(traffic.at(2)["arguments"]["metadata"], json::parse(R"({"namespace": "Alerts", "name": "Set",
+      "event3": "a", "event4": null, "event5": "c", "event6": null, "event7": null, "flag": true})"));
+  order("kill events");
+  EXPECT_EQ(waiting->wait(), 5);
+}
+
+TEST_P(Notifications, ADirectiveReachesTheOneHolderOfItsNamespaceAndThenItsSuccessor) {
+  auto alerts = hold("Alerts");
+  const auto speaker = hold("Speaker");
+  expectRows(
+      {{"orvelctl directive Alerts", nullptr, 1, "Internal:vesk service register failed. nspace=Alerts, err=-98"},
+       {"orvel-sim directive Alerts a b c d e f g"},
+       {"orvel-sim directive Speaker -3"}});
+  EXPECT_EQ(alerts->waitForOutput("\"texts\":"), R"(["a","b","d","c","e","f","g"]})");
+  EXPECT_EQ(speaker->waitForOutput("\"namespace\":"), R"("Speaker","texts":["-3","","","","","",""]})");
+  alerts.reset();  // killed
+  expectRows({{"orvel-sim directive Alerts", "", 1, "orvel-sim: no client holds the namespace Alerts\n"}});
+  alerts = hold("Alerts");
+  const std::string sent = "sent to process " + std::to_string(alerts->pid()) + "\n";
+  expectRows({{"orvel-sim directive Alerts next", sent.c_str()}});
+  EXPECT_EQ(alerts->waitForOutput("\"texts\":"), R"(["next","","","","","",""]})");
+}
+
+TEST_P(Notifications, AfterTheCoordinatorsDeathEachNamespaceGetsEachDirectiveOnce) {
+  const auto holder = hold("--log-level info --count 6 Alerts Speaker", "orvelctl-fast");
+  for (const std::string text : {"before", "after", "last"}) {
+    for (const std::string nspace : {"Alerts ", "Speaker "}) order("directive " + nspace + text);
+    if (text != "before") continue;
+    for (int line = 0; line < 2; ++line) holder->waitForOutput("before");
+    if (GetParam()) ::kill(view("services").at(6)["pid"].get<pid_t>(), SIGKILL);
+    if (!GetParam()) order("restart coordinator");
+    holder->waitForError("on_binder_died:Death callback completed");
+  }
+  EXPECT_EQ(holder->wait(), 0);
+  std::string texts[2];
+  for (auto& row : parseLines(holder->output())) texts[row["namespace"] == "Alerts" ? 0 : 1] += row["texts"][0].dump();
+  for (const std::string& each : texts) EXPECT_EQ(each, R"("before""after""last")");
+}
+
+TEST_P(Notifications, MetricsAreListedAsTheyWereRecordedUntilTheServiceDies) {
+  expectRows(
+      {{"orvelctl metric App Start --string s 'x y' --long l -9223372036854775808 --double d 0.1 --timestamp t 5 "
+        "--boolean b false --predefined Model"},
+       {"orvelctl metric App Stop", "recorded\n"},
+       {"orvel-sim metrics --last 1", "...  \"App\" \"Stop\"\n"}});
+  EXPECT_EQ(view("metrics").at(0)["fields"], json::parse(R"([{"key": "_Model", "type": "predefined", "value": 5},
+      {"key": "b", "type": "boolean", "value": false}, {"key": "d", "type": "double", "value": 0.1},
+      {"key": "l", "type": "long", "value": -9223372036854775808}, {"key": "s", "type": "string", "value": "x y"},
+      {"key": "t", "type": "timestamp", "value": 5}])"));
+  expectRows({{"orvel-sim restart metrics; orvel-sim metrics", ""}});
+}
+
+}  // namespace
+}  // namespace orvel::e2e

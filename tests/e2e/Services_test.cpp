@@ -1,0 +1,256 @@
+// Services that hang, die and come back, what each fault shows a client, and the traffic.
+#include <signal.h>
+
+#include <algorithm>
+
+#include "Device.h"
+#include "support/Methods.h"
+
+namespace orvel::e2e {
+namespace {
+
+class Services : public Device {
+ protected:
+  pid_t pidOf(const std::string& service) const {
+    for (const json& entry : view("services")) {
+      if (entry.at("service") == service) return entry.at("pid");
+    }
+    return 0;
+  }
+
+  // A client with a live connection to every service.
+  std::unique_ptr<Process> client() const {
+    auto client = start("orvel-e2e-client");
+    client->waitForOutput("ready");
+    return client;
+  }
+
+  // What the client's call gives, and how the library says that it failed.
+  static std::string ask(Process& client, const std::string& method) {
+    client.write("ask " + method);
+    return client.waitForOutput("answer ");
+  }
+
+  static void awaitRebinding(Process& client) { client.waitForError("on_binder_died:Death callback completed"); }
+};
+ORVEL_BOTH_MODES(Services);
+
+TEST_P(Services, OneThatHangsHoldsUpNoOther) {
+  limitCalls(1'000);
+  const auto waiting = client();
+  limitCalls();
+  order("hang delegate");
+  waiting->write("ask getDeviceName");
+  expectRows({{"orvelctl screen", "on\n"}});
+  EXPECT_EQ(waiting->waitForOutput("answer "), "'' vesk -110");
+  order("hang delegate off");
+  order("delay power isInteractive 100");
+  waiting->write("ask isScreenOn");
+  expectRows({{"orvelctl get name", "Kitchen Display\n"}});
+  EXPECT_EQ(waiting->waitForOutput("answer "), "'true' ") << "a late answer is still an answer";
+}
+
+TEST_P(Services, TrafficShowsEachTransactionDecoded) {
+  const auto live = start("orvel-sim traffic --json");
+  const auto asking = start("orvelctl setting volume_alarm");
+  json shown = json::parse("{" + live->waitForOutput("{"));
+  EXPECT_EQ(asking->wait(), 0);
+  EXPECT_EQ(shown.at("pid"), asking->pid());
+  EXPECT_GE(shown.at("durationMs"), 0);
+  for (const char* changing : {"pid", "durationMs", "timeMs", "timeUs", "number", "servicePid"}) shown.erase(changing);
+  EXPECT_EQ(shown, json::parse(R"({"service": "delegate", "method": "getSecureSetting", "code": 15,
+                                   "arguments": {"key": "volume_alarm"}, "reply": "5"})"));
+
+  run("orvel-sim truncate power 4; orvel-sim exception power getVersion --message boom;"
+      "orvelctl screen; orvelctl wake-lock partial");
+  const std::string past = outputOf("orvel-sim traffic --past");
+  std::size_t at = 0;
+  for (const char* line :
+       {"delegate.getSecureSetting(key: \"volume_alarm\") = \"5\"", "power.isInteractive() = true cut to 4 bytes",
+        "power.getVersion() throws -5 \"boom\" cut to 4 bytes"}) {
+    at = past.find(line, at);
+    EXPECT_NE(at, std::string::npos) << line << " is not next in:\n" << past;
+  }
+}
+
+TEST_P(Services, OneThatDiedIsBoundAgainOnceItIsBackAndTheDeviceTellsItTheState) {
+  const auto living = client();
+  const auto other = client();
+  const auto expectDeadThenAlive = [&](const std::string& revival, const std::string& name) {
+    living->waitForError("on_binder_died:Service (orvel_delegate) has died, re-establishing binder connection");
+    if (!revival.empty()) {
+      EXPECT_EQ(ask(*living, "getDeviceName"), "'' ");
+      expectRows({{revival}});
+    }
+    living->waitForError("bind_to_service:Binding to service: orvel_delegate");
+    living->waitForError("bind_to_orvel_service:Bound service orvel_delegate is now ready");
+    living->waitForError("bind_to_service:Bound to service: orvel_delegate");
+    awaitRebinding(*living);
+    EXPECT_EQ(ask(*living, "getDeviceName"), name);
+  };
+  expectRows({{"orvel-sim kill delegate"}, {"orvel-sim kill delegate", "", 1}, {"orvel-sim set name Hall"}});
+  EXPECT_EQ(pidOf("delegate"), 0);
+  expectDeadThenAlive("orvel-sim restart delegate", "'Hall' ");
+  order("restart delegate");
+  expectDeadThenAlive("", "'Hall' ");
+  awaitRebinding(*other);
+  awaitRebinding(*other);
+  if (GetParam()) {
+    order("set name Attic");
+    ::kill(pidOf("delegate"), SIGKILL);
+    m_device->waitForError("was killed by signal 9; starting it again");
+    expectDeadThenAlive("", "'Attic' ");
+    awaitRebinding(*other);
+  }
+
+  order("drop delegate getDeviceName 1");
+  // Not bound, when the word of the connection's end was faster than the call's.
+  const int status = run("orvelctl get name").status;
+  EXPECT_TRUE(status == 1 || status == 5) << status;
+  expectRows({{"orvel-sim traffic --past --json", "...\"drops\":true"}});
+  const std::size_t heard = other->error().size();
+  EXPECT_EQ(ask(*other, "getDeviceName"), GetParam() ? "'Attic' " : "'Hall' ");
+  EXPECT_FALSE(has(other->error().substr(heard), "has died")) << "one client's lost connection is not another's";
+}
+
+TEST_P(Services, ASecondDeviceInTheDirectoryIsRefusedAndTheFirstGoesOn) {
+  const std::string refusal = "orvel-sim: another device lives in " + directory().string() + "\n";
+  expectRows({{"orvel-sim run 2>&1", refusal.c_str(), 1},
+              {"orvel-sim run --isolate 2>&1", refusal.c_str(), 1},
+              {"orvelctl get name", "Kitchen Display\n"}});
+  m_device->signal(SIGINT);
+  EXPECT_EQ(m_device->wait(), 0);
+  EXPECT_EQ(m_device->error(), "");
+  EXPECT_FALSE(std::filesystem::exists(directory()));
+}
+
+TEST_P(Services, TheyEndWithTheDeviceHoweverThatEnds) {
+  const pid_t services[] = {pidOf("delegate"), pidOf("power")};
+  m_device->signal(SIGKILL);
+  for (const pid_t service : services) {
+    if (service != m_device->pid()) test::waitForEndOf(service);
+  }
+  m_device->wait();
+  expectRows({{"orvelctl get name", "", 3}});
+}
+
+// Each fault of each service, and that it leaves no trace.
+class Faults : public Services {};
+ORVEL_BOTH_MODES(Faults);
+
+constexpr struct {
+  const char *service, *method;
+  const char* cut;  // what the method gives where the reply ends after the exception code
+} kAsked[] = {
+    {"delegate", "getDeviceName", ""},
+    {"power", "isScreenOn", "false"},
+    {"connectivity", "registerForNetworkConnectivityChange", "true"},
+    {"activity", "getForegroundPackages", "true"},
+    {"packages", "getInstalledPackageNames", "true"},
+    {"events", "sendEvent", "false"},
+    {"metrics", "recordTarselMetricEvent", ""},
+};
+
+std::string quoted(const char* result) {
+  return "'" + std::string(result) + "' ";
+}
+
+TEST_P(Faults, EachShowsAsItselfAndEndsWithoutATrace) {
+  limitCalls(600);
+  const auto asking = client();
+  limitCalls();
+  for (const auto& row : kAsked) {
+    const std::string service = row.service;
+    SCOPED_TRACE(service);
+    const std::string failure = quoted(test::method(row.method).failure);
+    const std::string good = ask(*asking, row.method);
+    const auto expect = [&](const std::string& answer) { EXPECT_EQ(ask(*asking, row.method), answer); };
+    const std::size_t heard = asking->error().size();
+    const struct {
+      const char* fault;
+      std::string words;
+      std::string answer;
+    } faults[] = {
+        {"delay", " 30", good},
+        {"exception", "", failure + "exception -5"},
+        {"exception", " --code -1", failure + "exception -1"},
+        {"truncate", " 4", quoted(row.cut)},
+        {"error", " -74", failure + "vesk -74"},
+        {"hang", "", failure + "vesk -110"},
+    };
+    for (const auto& [fault, words, answer] : faults) {
+      SCOPED_TRACE(fault);
+      order(fault + (" " + service) + words);
+      expect(answer);
+      order(fault + (" " + service) + " off");
+      expect(good);
+    }
+    EXPECT_FALSE(has(asking->error().substr(heard), " has died")) << "these leave the connection alone";
+    expectRows({{"orvel-sim drop " + service + " 1", ""}});
+    expect(failure + "vesk -104");
+    expectRows({{"orvel-sim drop", ""}});  // that was the one
+    awaitRebinding(*asking);
+    expect(good);
+    order("drop " + service);
+    expect(failure + "vesk -104");
+    expectRows({{"orvel-sim drop", (service + " * on\n").c_str()}, {"orvel-sim drop " + service + " off"}});
+    awaitRebinding(*asking);
+    expect(good);
+    expectRows({{"orvel-sim get " + service + " faults", "{}\n"}});
+  }
+  double longest = 0;
+  for (const json& entry : view("traffic --past")) longest = std::max(longest, entry.value("durationMs", 0.0));
+  EXPECT_GE(longest, 30) << "the delay";
+}
+
+TEST_P(Faults, ADeathIsOverWhenTheServiceIsBack) {
+  const auto asking = client();
+  for (const auto& row : kAsked) {
+    const std::string service = row.service;
+    SCOPED_TRACE(service);
+    const std::string good = ask(*asking, row.method);
+    const auto expectAgain = [&](const std::string& words) {
+      order(words);
+      awaitRebinding(*asking);
+      EXPECT_EQ(ask(*asking, row.method), good) << words;
+    };
+    order("kill " + service);
+    asking->waitForError("has died, re-establishing");
+    EXPECT_EQ(ask(*asking, row.method), quoted(test::method(row.method).refused));
+    expectRows({{"orvel-sim get " + service + " alive", "false\n"}});
+    expectAgain("restart " + service);
+    expectAgain("restart " + service);
+    expectAgain("flap " + service + " 100 1");
+    expectRows({{"orvel-sim flap", ""},  // it has died as often as it was to
+                {"orvel-sim flap " + service + " 60000; orvel-sim kill " + service + "; orvel-sim flap", ""}});
+    expectAgain("set " + service + " alive true");
+  }
+}
+
+// Clients ask it nothing; a request by hand gets what the fault says in place of the refusal.
+TEST_P(Faults, TheCoordinatorsHoldForTheRequestsThatItRefuses) {
+  limitCalls(600);
+  const auto asking = client();
+  limitCalls();
+  const std::pair<const char*, const char*> rows[] = {
+      {"delay coordinator 30", "0 -7"},  {"exception coordinator", "0 -7"},  // the refusal goes first
+      {"truncate coordinator 0", "0 0"}, {"error coordinator -74", "-74 0"},
+      {"hang coordinator", "-110 0"},    {"drop coordinator", "-104 0"},
+  };
+  for (const auto& [fault, reply] : rows) {
+    order(fault);
+    asking->write("call orvel-service-coordinator-public 1 i");
+    EXPECT_EQ(asking->waitForOutput("reply "), reply) << fault;
+    order(std::string(fault, std::string(fault).find(' ')) + " coordinator off");
+  }
+  order("kill coordinator");
+  asking->waitForError("has died, re-establishing");
+  expectRows({{"orvel-sim directive N x", nullptr, 1}});
+  for (const char* words : {"restart coordinator", "flap coordinator 100 1"}) {
+    order(words);
+    awaitRebinding(*asking);
+  }
+}
+
+}  // namespace
+}  // namespace orvel::e2e

@@ -1,0 +1,290 @@
+#include "support/BusMessage.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <utility>
+
+namespace orvel::test {
+
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+
+const std::string kBusHello = "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"s;
+const std::string kBusAnswer = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
+
+// ---- Messages ----
+
+BusBody& BusBody::raw(std::string_view bytes) {
+  m_bytes += bytes;
+  return *this;
+}
+
+BusBody& BusBody::align(std::size_t boundary) {
+  m_bytes.resize((m_bytes.size() + boundary - 1) / boundary * boundary);
+  return *this;
+}
+
+BusBody& BusBody::number(std::uint64_t value, int size) {
+  align(static_cast<std::size_t>(size));
+  for (int n = 0; n < size; ++n) m_bytes += static_cast<char>(value >> (8 * n));
+  return *this;
+}
+
+BusBody& BusBody::text(std::string_view value) {
+  return array(value).raw("\0"sv);
+}
+
+BusBody& BusBody::signature(std::string_view value) {
+  m_bytes += static_cast<char>(value.size());
+  return raw(value).raw("\0"sv);
+}
+
+BusBody& BusBody::array(std::string_view bytes) {
+  return u32(static_cast<std::uint32_t>(bytes.size())).raw(bytes);
+}
+
+BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
+  u32(static_cast<std::uint32_t>(numbers.size() * 8)).align(8);
+  for (const std::uint64_t value : numbers) u64(value);
+  return *this;
+}
+
+std::string BusMessage::bytes() const {
+  BusBody fields;  // in a message they begin at a multiple of 8
+  if (path) fields.align(8).raw("\1\1o\0"sv).text(*path);
+  if (interface) fields.align(8).raw("\2\1s\0"sv).text(*interface);
+  if (member) fields.align(8).raw("\3\1s\0"sv).text(*member);
+  if (reply_serial) fields.align(8).raw("\5\1u\0"sv).u32(*reply_serial);
+  if (signature) fields.align(8).raw("\x8\1g\0"sv).signature(*signature);
+  if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
+  if (!extra_fields.empty()) fields.align(8).raw(extra_fields);
+
+  BusBody whole;
+  const char start[] = {'l', static_cast<char>(type), static_cast<char>(flags), static_cast<char>(version)};
+  whole.raw({start, sizeof(start)});
+  whole.u32(body_length.value_or(static_cast<std::uint32_t>(body.size()))).u32(serial);
+  whole.u32(fields_length.value_or(static_cast<std::uint32_t>(fields.bytes().size())));
+  return whole.raw(fields.bytes()).align(8).raw(body).bytes();
+}
+
+std::string_view view_of(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::string bus_path(const std::string& service) {
+  constexpr char kHex[] = "0123456789abcdef";
+  std::string path = "/service/";
+  for (const char letter : service) {
+    const auto byte = static_cast<unsigned char>(letter);
+    if (std::isalnum(byte) != 0) {
+      path += letter;
+    } else {
+      path += {'_', kHex[byte >> 4U], kHex[byte & 0xFU]};
+    }
+  }
+  return path;
+}
+
+namespace {
+
+BusMessage message(std::string path, const char* member, std::string signature, std::string body) {
+  BusMessage message;
+  message.path = std::move(path);
+  message.member = member;
+  if (!signature.empty()) message.signature = std::move(signature);
+  message.body = std::move(body);
+  return message;
+}
+
+}  // namespace
+
+BusMessage bus_open(const std::string& service) {
+  BusMessage open = message(bus_path(service), "Open", "", "");
+  open.flags = kNoReplyExpected;
+  return open;
+}
+
+BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes) {
+  BusMessage call = message(bus_path(service), "Call", "uay", BusBody().u32(code).array(bytes).bytes());
+  call.serial = serial;
+  return call;
+}
+
+BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
+                    const std::vector<std::uint64_t>& endpoints, bool channel) {
+  BusMessage call = bus_call(service, serial, code, bytes);
+  BusBody body;
+  body.raw(call.body).array(endpoints);
+  call.signature = "uayat";
+  if (channel) {
+    body.u32(0);
+    call.signature = "uayath";
+    call.descriptors = 1;
+  }
+  call.body = body.bytes();
+  return call;
+}
+
+BusMessage bus_answer(std::uint32_t to, std::int32_t status, std::string_view bytes) {
+  BusMessage answer;
+  answer.type = kBusReturn;
+  answer.flags = kNoReplyExpected;
+  answer.serial = to + 1000;
+  answer.interface.reset();
+  answer.reply_serial = to;
+  answer.signature = "iay";
+  answer.body = BusBody().u32(static_cast<std::uint32_t>(status)).array(bytes).bytes();
+  return answer;
+}
+
+BusMessage bus_callback(std::uint32_t serial, std::uint64_t endpoint, std::uint32_t code, std::string_view bytes,
+                        bool answered) {
+  BusMessage call = message("/", "Call", "tuay", BusBody().u64(endpoint).u32(code).array(bytes).bytes());
+  call.serial = serial;
+  call.flags = answered ? 0 : kNoReplyExpected;
+  return call;
+}
+
+BusMessage bus_release(std::uint64_t endpoint, std::uint32_t count) {
+  BusMessage release = message("/", "Release", "tu", BusBody().u64(endpoint).u32(count).bytes());
+  release.serial = 50;
+  release.flags = kNoReplyExpected;
+  return release;
+}
+
+// ---- Connections ----
+
+std::pair<vesk::UniqueFd, vesk::UniqueFd> socket_pair(int type) {
+  int ends[2];
+  vesk::check_errno(::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends));
+  return {vesk::UniqueFd(ends[0]), vesk::UniqueFd(ends[1])};
+}
+
+BusLine BusLine::to(const std::string& file) {
+  vesk::UniqueFd socket(vesk::check_errno(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  file.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  vesk::check_errno(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+  return BusLine(std::move(socket));
+}
+
+bool BusLine::send(std::string_view bytes, const std::vector<int>& descriptors, std::size_t piece) {
+  constexpr int kLimitMs = 2000;
+  constexpr std::size_t kMostDescriptors = 253;  // that one message of a socket takes
+  alignas(cmsghdr) char control[CMSG_SPACE(kMostDescriptors * sizeof(int))] = {};
+  std::size_t attachments = descriptors.size() * sizeof(int);
+  while (!bytes.empty()) {
+    iovec data{const_cast<char*>(bytes.data()), std::min(bytes.size(), piece)};
+    msghdr header{};
+    header.msg_iov = &data;
+    header.msg_iovlen = 1;
+    if (attachments != 0) {
+      header.msg_control = control;
+      header.msg_controllen = CMSG_SPACE(attachments);
+      cmsghdr* attached = CMSG_FIRSTHDR(&header);
+      attached->cmsg_level = SOL_SOCKET;
+      attached->cmsg_type = SCM_RIGHTS;
+      attached->cmsg_len = CMSG_LEN(attachments);
+      std::memcpy(CMSG_DATA(attached), descriptors.data(), attachments);
+    }
+    const ssize_t sent = ::sendmsg(m_socket.get(), &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(sent));
+      attachments = 0;
+      continue;
+    }
+    if (errno != EAGAIN && errno != EINTR) return false;
+    pollfd ready{m_socket.get(), POLLOUT, 0};
+    if (::poll(&ready, 1, kLimitMs) == 0) return false;
+  }
+  return true;
+}
+
+bool BusLine::is_dropped(int limit_ms) {
+  char bytes[65536];
+  pollfd ready{m_socket.get(), POLLIN, 0};
+  while (::poll(&ready, 1, limit_ms) > 0) {
+    if (::recv(m_socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT) <= 0) return true;
+  }
+  return false;
+}
+
+bool BusLine::read_more(int limit_ms) {
+  pollfd ready{m_socket.get(), POLLIN, 0};
+  if (::poll(&ready, 1, limit_ms) <= 0) return false;
+  char bytes[65536];
+  alignas(cmsghdr) char control[CMSG_SPACE(16 * sizeof(int))];
+  iovec data{bytes, sizeof(bytes)};
+  msghdr header{};
+  header.msg_iov = &data;
+  header.msg_iovlen = 1;
+  header.msg_control = control;
+  header.msg_controllen = sizeof(control);
+  const ssize_t size = ::recvmsg(m_socket.get(), &header, MSG_CMSG_CLOEXEC);
+  if (size <= 0) return false;
+  for (cmsghdr* attached = CMSG_FIRSTHDR(&header); attached != nullptr; attached = CMSG_NXTHDR(&header, attached)) {
+    if (attached->cmsg_type != SCM_RIGHTS) continue;
+    for (std::size_t at = 0; at + CMSG_LEN(0) < attached->cmsg_len; at += sizeof(int)) {
+      int descriptor = -1;
+      std::memcpy(&descriptor, CMSG_DATA(attached) + at, sizeof(descriptor));
+      m_descriptors.emplace_back(descriptor);
+    }
+  }
+  m_input.append(bytes, static_cast<std::size_t>(size));
+  return true;
+}
+
+bool BusLine::finish_handshake(int limit_ms) {
+  while (m_in_handshake) {
+    // A client's part ends with BEGIN, a service's with its answer about descriptors.
+    for (const std::string_view last : {"BEGIN\r\n"sv, "AGREE_UNIX_FD\r\n"sv}) {
+      if (const std::size_t found = m_input.find(last); found != std::string::npos) {
+        m_input.erase(0, found + last.size());
+        m_in_handshake = false;
+      }
+    }
+    if (m_in_handshake && !read_more(limit_ms)) return false;
+  }
+  return true;
+}
+
+std::optional<BusReceived> BusLine::receive(int limit_ms) {
+  const auto word = [&](std::size_t at) {
+    std::uint32_t value = 0;
+    if (at + sizeof(value) <= m_input.size()) std::memcpy(&value, m_input.data() + at, sizeof(value));
+    return value;
+  };
+  if (!finish_handshake(limit_ms)) return std::nullopt;
+  constexpr std::size_t kFixed = 16;
+  while (m_input.size() < kFixed) {
+    if (!read_more(limit_ms)) return std::nullopt;
+  }
+  const std::size_t body_at = kFixed + (word(12) + 7) / 8 * 8;
+  const std::size_t size = body_at + word(4);
+  while (m_input.size() < size) {
+    if (!read_more(limit_ms)) return std::nullopt;
+  }
+  BusReceived message;
+  message.type = static_cast<std::uint8_t>(m_input[1]);
+  message.flags = static_cast<std::uint8_t>(m_input[2]);
+  message.serial = word(8);
+  const std::size_t end = kFixed + word(12);
+  for (std::size_t at = kFixed; at + 8 <= end; at = (at + 7) / 8 * 8) {
+    const char code = m_input[at];
+    const char type = m_input[at + 2];
+    if (code == 5) message.reply_serial = word(at + 4);
+    if (code == 3) message.member = m_input.substr(at + 8, word(at + 4));
+    at += type == 'u' ? 8 : type == 'g' ? 6 + static_cast<unsigned char>(m_input[at + 4]) : 9 + word(at + 4);
+  }
+  message.body = m_input.substr(body_at, size - body_at);
+  m_input.erase(0, size);
+  return message;
+}
+
+}  // namespace orvel::test

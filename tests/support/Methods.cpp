@@ -1,0 +1,241 @@
+#include "support/Methods.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "orvel/OrvelIntent.h"
+#include "orvel/TarselMetricEvent.h"
+
+namespace orvel::test {
+namespace {
+
+using service_apis::OrvelIntent;
+
+constexpr int kNone = Method::kNoService;
+
+std::string shown(bool value) {
+  return value ? "true" : "false";
+}
+std::string shown(int value) {
+  return std::to_string(value);
+}
+std::string shown(long long value) {
+  return std::to_string(value);
+}
+std::string shown(const std::string& text) {
+  return text;
+}
+std::string shown(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += "[" + text + "]";
+  return all;
+}
+
+// A callback that tells `hear` its values.
+auto to(const Hear& hear) {
+  return [hear](const auto& first, const auto&... more) {
+    if (hear) hear((shown(first) + ... + ("," + shown(more))));
+  };
+}
+
+OrvelIntent intent() {
+  OrvelIntent made{"a", "d", "", "", {"p", "c"}, {}, {"x"}, 5};
+  made.extras.put("n", 1);
+  made.extras.put("l", 2LL);
+  made.extras.put("s", std::string("t"));
+  return made;
+}
+constexpr char kIntent[] = "1 132 'a' 'd' ~ ~ 1 'p' 'c' 1 60 3 'n' 1 1 'l' 6 2L 's' 0 't' 1 'x' 5";
+constexpr char kIntentForR[] = "1 132 'a' 'd' ~ ~ 1 'p' 'c' 1 60 3 'n' 1 1 'l' 6 2L 's' 0 't' 1 'x' 5 'r'";
+
+template <bool (Client::*kSend)(const OrvelIntent*)>
+std::string send(Client& client, const Hear&) {
+  const OrvelIntent sent = intent();
+  return shown((client.*kSend)(&sent));
+}
+
+template <bool (Client::*kQuery)(std::vector<std::string>&)>
+std::string list(Client& client, const Hear&) {
+  std::vector<std::string> names = {"old"};
+  const bool known = (client.*kQuery)(names);
+  return shown(known) + shown(names);
+}
+
+template <auto kQuery>
+std::string ask(Client& client, const Hear&) {
+  return shown((client.*kQuery)());
+}
+
+template <auto kSubscribe>
+std::string subscribe(Client& client, const Hear& hear) {
+  return shown((client.*kSubscribe)(to(hear)));
+}
+
+std::string process_state(Client& client, const Hear&) {
+  bool found = true;
+  bool focused = true;
+  int importance = 55;
+  const bool known = client.getAppProcessState("p", found, importance, focused);
+  return shown(known) + " " + shown(found) + " " + shown(importance) + " " + shown(focused);
+}
+
+std::string record_metric(Client& client, const Hear&) {
+  service_apis::TarselMetricEvent event;
+  std::string text = "t";
+  event.addStringEvent("s", text);
+  event.addLongEvent("l", 1);
+  event.addDoubleEvent("d", 1.5);
+  event.addBooleanEvent("b", true);
+  client.recordTarselMetricEvent(&event);
+  return "";
+}
+// 1.5 as its bits.
+constexpr char kMetric[] = "1 100 '' '' 4 'b' 4 1 'd' 2 4609434218613702656L 'l' 1 1L 's' 0 't'";
+
+// One that is there is ended.
+std::string unsubscribe_network(Client& client, const Hear& hear) {
+  client.registerForNetworkConnectivityChange(to(hear));
+  return shown(client.unregisterForNetworkConnectivityChange());
+}
+
+constexpr char kDevice[] = "1 '1' '2' '3' 'type' '5' '6' '7' '8' '9' '10'";
+constexpr char kApplication[] = "1 1 ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ 0 0 0 0 0 0 0 0 0 0 ~ ~ ~ 0 1 4 2 'k' 1 5 'k' 0 'v'";
+constexpr char kPackage[] = "1 1 'p' -7 '1.0' 1L 2L 0";
+constexpr char kReceivers[] = "3 1 1 1 1 'r' ~ 0 0 0 0 1 1 1 1 '' ~ 0 0 0 0 1 1 1 1 'r' ~ 0 0 0 0";
+constexpr char kProcesses[] =
+    "3 1 'f' 0 0 2 'q' 'p' 0 0 100 0 0 0 ~ 0 0 0 0L 1 'b' 0 0 2 'x' 'p' 0 0 125 0 0 0 ~ 0 0 2 0L "
+    "1 'g' 0 0 2 'p' '' 0 0 100 0 0 0 ~ 0 0 1 0L";
+
+constexpr char kNameChanged[] = "'com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed' 0 0";
+constexpr char kAccountAdded[] = "'com.quarlo.hux.sso.action.account.added' 0 0";
+constexpr char kAccountRemoved[] = "'com.quarlo.hux.sso.action.account.removed' 0 0";
+constexpr char kMaroConnectivity[] = "'com.quarlo.speech.CONNECTIVITY_ACTION' 0 0";
+constexpr char kScreenOn[] = "'android.intent.action.SCREEN_ON' 0 0";
+constexpr char kScreenOff[] = "'android.intent.action.SCREEN_OFF' 0 0";
+constexpr char kTimeSync[] = "'com.quarlo.velmos.service.timeservice.clock.TIME_SYNC' 0 0";
+
+}  // namespace
+
+// clang-format off
+const std::array<Method, 43> kMethods = {{
+    {"isMaroConnected", ask<&Client::isMaroConnected>, kNone, {}, "true", "true", "true"},
+    {"isNetworkConnected", ask<&Client::isNetworkConnected>, kNone, {}, "false", "false", "false"},
+    {"getDeviceName", ask<&Client::getDeviceName>, kDelegate, {{{33, "", "'Hall'"}}}, "Hall", "", ""},
+    {"getDeviceSerialNumber", ask<&Client::getDeviceSerialNumber>, kDelegate, {{{42, "", "'G1'"}}}, "G1", "", ""},
+    {"getDeviceType", ask<&Client::getDeviceType>, kDelegate, {{{14, "", kDevice}}}, "type", "", ""},
+    {"getCustomerDirectedID", ask<&Client::getCustomerDirectedID>, kDelegate, {{{32, "", "'owner'"}}}, "owner", "", ""},
+    {"getCountryOfResidence", ask<&Client::getCountryOfResidence>, kDelegate, {{{18, "", "'DE'"}}}, "DE", "", ""},
+    {"getPreferredMarketPlace", ask<&Client::getPreferredMarketPlace>, kDelegate, {{{17, "", "'shop'"}}},
+     "shop", "", ""},
+    {"getSecureSettingInt", [](Client& it, const Hear&) { return shown(it.getSecureSettingInt("k", 7)); },
+     kDelegate, {{{15, "'k'", "'42'"}}}, "42", "7", "7"},
+    {"isDeviceRegistered", ask<&Client::isDeviceRegistered>, kDelegate, {{{32, "", "'owner'"}}},
+     "true", "false", "false"},
+    {"isScreenOn", ask<&Client::isScreenOn>, kPower, {{{1, "", "-1"}}}, "true", "false", "false"},
+    {"acquirePartialWakeLock", ask<&Client::acquirePartialWakeLock>, kPower, {{{3, "", "2"}, {4, "1 500L", ""}}},
+     "true", "false", "false"},
+    {"acquireFullWakeLock", ask<&Client::acquireFullWakeLock>, kPower, {{{2, "", ""}}}, "true", "false", "false"},
+
+    {"registerForDeviceNameChange", subscribe<&Client::registerForDeviceNameChange>,
+     kDelegate, {{{28, kNameChanged, ""}}}, "true", "false", "false", true},
+    {"registerForDeviceRegistrationChange", subscribe<&Client::registerForDeviceRegistrationChange>,
+     kDelegate, {{{28, kAccountAdded, ""}, {28, kAccountRemoved, ""}}}, "true", "false", "false", true},
+    {"registerForMaroConnectivityChange", subscribe<&Client::registerForMaroConnectivityChange>,
+     kDelegate, {{{28, kMaroConnectivity, ""}}}, "true", "false", "false", true},
+    // Both say true when the request fails, too.
+    {"registerForNetworkConnectivityChange", subscribe<&Client::registerForNetworkConnectivityChange>,
+     kConnectivity, {{{4, "", ""}}}, "true", "true", "false"},
+    {"unregisterForNetworkConnectivityChange", unsubscribe_network,
+     kConnectivity, {{{4, "", ""}, {5, "", ""}}}, "true", "true", "false"},
+    {"registerForScreenStateChange", subscribe<&Client::registerForScreenStateChange>,
+     kDelegate, {{{28, kScreenOn, ""}, {28, kScreenOff, ""}}}, "true", "false", "false", true},
+    {"registerForPackageAction",
+     [](Client& it, const Hear& hear) {
+       return shown(it.registerForPackageAction("a.P", {"t"}, {"package", "x"}, to(hear)));
+     },
+     kDelegate, {{{28, "'a.P' 1 't' 2 'package' 'x'", ""}}}, "true", "false", "false", true},
+    {"registerForTimeSync", subscribe<&Client::registerForTimeSync>,
+     kDelegate, {{{28, kTimeSync, ""}}}, "true", "false", "false", true},
+    {"registerForSecureSettingIntChange",
+     [](Client& it, const Hear& hear) { return shown(it.registerForSecureSettingIntChange("k", 7, to(hear))); },
+     kDelegate, {{{34, "'k'", ""}}}, "true", "false", "false", true},
+
+    {"broadcastIntentWithIntKey",
+     [](Client& it, const Hear&) { return shown(it.broadcastIntentWithIntKey("A", "P", "K", "X", 5)); },
+     kDelegate, {{{27, "1 80 'A' ~ ~ ~ 1 'P' 'K' 1 20 1 'X' 1 5 0 0", ""}}}, "true", "false", "false"},
+    {"broadcastIntent", send<&Client::broadcastIntent>, kDelegate, {{{27, kIntent, ""}}}, "true", "false", "false"},
+    {"broadcastIntentWithPermission",
+     [](Client& it, const Hear&) {
+       const OrvelIntent sent = intent();
+       return shown(it.broadcastIntentWithPermission(&sent, "r"));
+     },
+     kDelegate, {{{38, kIntentForR, ""}}}, "true", "false", "false"},
+    {"startActivity", send<&Client::startActivity>, kDelegate, {{{37, kIntent, ""}}}, "true", "false", "false"},
+    {"startForegroundService", send<&Client::startForegroundService>, kDelegate, {{{30, kIntent, ""}}},
+     "true", "false", "false"},
+    {"startService", send<&Client::startService>, kDelegate, {{{29, kIntent, ""}}}, "true", "false", "false"},
+    {"launchApplicationWithPackageName",
+     [](Client& it, const Hear&) { return shown(it.launchApplicationWithPackageName("p")); },
+     kDelegate, {{{60, "'p'", "1 1 'm' ~ ~ ~ 1 'q' 'c' 0"}, {37, "1 56 'm' ~ ~ ~ 1 'q' 'c' 0 0 0", ""}}},
+     "true", "false", "false"},
+
+    {"getApplicationInfoMetaData",
+     [](Client& it, const Hear&) { return shown(it.getApplicationInfoMetaData("p", -1, "k", 7)); },
+     kDelegate, {{{53, "'p' -1L", kApplication}}}, "5", "7", "7"},
+    {"getApplicationInfoMetaData",
+     [](Client& it, const Hear&) { return it.getApplicationInfoMetaData("p", 1, "k", std::string("-")); },
+     kDelegate, {{{53, "'p' 1L", kApplication}}}, "v", "-", "-"},
+    {"getPackageVersionCode", [](Client& it, const Hear&) { return it.getPackageVersionCode("p", 5); },
+     kDelegate, {{{54, "'p' 5L", kPackage}}}, "-7", "", ""},
+    {"getPackageVersionName", [](Client& it, const Hear&) { return it.getPackageVersionName("p", 6); },
+     kDelegate, {{{54, "'p' 6L", kPackage}}}, "1.0", "", ""},
+    {"getRawResourceAsString", [](Client& it, const Hear&) { return it.getRawResourceAsString("p", 7); },
+     kDelegate, {{{55, "'p' 7", "'text'"}}}, "text", "", ""},
+    {"hasSystemFeature", [](Client& it, const Hear&) { return shown(it.hasSystemFeature("f")); },
+     kDelegate, {{{26, "'f'", "-256"}}}, "true", "false", "false"},
+    {"getPackageNamesForUid", [](Client& it, const Hear&) { return shown(it.getPackageNamesForUid(-5)); },
+     kDelegate, {{{21, "-5", "2 'q' 'p'"}}}, "[q][p]", "", ""},
+    {"getBroadcastReceiverPackageNames",
+     [](Client& it, const Hear&) { return shown(it.getBroadcastReceiverPackageNames("a", -2)); },
+     kDelegate, {{{59, "'a' -2L", kReceivers}}}, "[r][r]", "", ""},
+    // True when the request fails, too.
+    {"getInstalledPackageNames", list<&Client::getInstalledPackageNames>,
+     kPackages, {{{2, "", "2 'q' 'p'"}}}, "true[q][p]", "true", "false"},
+    {"getForegroundPackages", list<&Client::getForegroundPackages>,
+     kActivities, {{{2, "", kProcesses}}}, "true[][p][q]", "false", "false"},
+    {"getAppProcessState", process_state, kActivities, {{{2, "", kProcesses}}},
+     "true true 100 false", "false true 55 true", "false true 55 true"},
+
+    {"sendEvent",
+     [](Client& it, const Hear& hear) {
+       return shown(it.sendEvent("1", "2", "3", "4", "5", "6", "7", true, "8", to(hear)));
+     },
+     kEvents, {{{2, "1 64 '1' '2' '3' '4' '5' '6' '7' 1 '8'", "1"}}}, "true", "false", "false"},
+    // Published under a name, not sent to the service.
+    {"registerForDirective",
+     [](Client& it, const Hear& hear) { return shown(it.registerForDirective("N", to(hear))); },
+     kDirectives, {}, "true", "false", "false", true},
+    {"recordTarselMetricEvent", record_metric, kMetrics, {{{2, kMetric, ""}}}, "", "", ""},
+}};
+// clang-format on
+
+const Method& method(const std::string& name) {
+  return *std::find_if(kMethods.begin(), kMethods.end(), [&](const Method& each) { return each.name == name; });
+}
+
+Bytes good_reply(const std::string& service, unsigned code) {
+  for (const Method& each : kMethods) {
+    if (each.service == kNone || kServices.at(static_cast<std::size_t>(each.service)) != service) continue;
+    for (const Request& made : each.requests) {
+      if (made.code == code) return Bytes().i32(0).append(wire(made.answer));
+    }
+  }
+  return Bytes().i32(0);
+}
+
+Bytes request(const char* interface, const Bytes& arguments) {
+  const Bytes head = Bytes().raw({0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0x54, 0x53, 0x59, 0x53});
+  return Bytes(head).utf16(interface).append(arguments);
+}
+
+}  // namespace orvel::test

@@ -1,0 +1,215 @@
+// What all public methods have in common, for each row of the table: its requests, its result, and how it fails.
+#include <cctype>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "support/ClientTest.h"
+#include "support/Notifications.h"
+
+namespace orvel::test {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class Methods : public ClientTest {
+ protected:
+  Methods() : ClientTest("OrvelDelegateClient") {}
+  ~Methods() override { m_client.shutdown(); }
+
+  void start() {
+    start_services();
+    ASSERT_TRUE(m_client.initialize());
+    m_log.take();
+  }
+
+  // Every method is refused, and says so once; `asks_none` is whether that holds for those without a request too.
+  void expect_refused(const std::string& error, bool asks_none) {
+    m_log.take();
+    for (const Method& each : kMethods) {
+      const bool state = each.service == Method::kNoService;
+      const std::string refused = state && asks_none ? "false" : each.refused;
+      EXPECT_EQ(each.call(m_client, {}), refused) << each.name;
+      const Lines lines = m_log.take();
+      if (state && !asks_none) {
+        EXPECT_THAT(lines, IsEmpty()) << each.name;
+        continue;
+      }
+      const bool by_id = each.name == std::string("isDeviceRegistered");  // whose question that is
+      ASSERT_FALSE(lines.empty()) << each.name;
+      EXPECT_EQ(lines.back(), std::string("E ") + (by_id ? "getCustomerDirectedID" : each.name) + error);
+      EXPECT_THAT(lines, Each(EndsWith(error)));
+    }
+  }
+
+  // What was logged, each line once: by the proxies, and by the client what is not a detail. Not the Binder's lines, and not the
+  // longest one; other tests have them.
+  std::string said(const std::string& levels) {
+    const std::string of_proxy = "OrvelDelegateClient:I";
+    std::string all = "\n";
+    for (const std::string& line : m_log.take(levels)) {
+      const auto has = [&line](const char* word) { return line.find(word) != std::string::npos; };
+      if (has(" call:") || has(" exceptionOccurred:") || has("SchemeInternal:")) continue;
+      const bool by_proxy = line.find(of_proxy) == 2;
+      const std::string shown = line.substr(0, 2) + line.substr(by_proxy ? of_proxy.size() + 1 : 2) + '\n';
+      if ((by_proxy || line[0] != 'D') && all.find('\n' + shown) == std::string::npos) all += shown;
+    }
+    return all;
+  }
+
+  Client& m_client = Client::getClient();
+};
+
+// Each declaration of the class stands on a line that begins with its result's type.
+TEST(MethodTable, HasEveryMethodOfThePublicHeader) {
+  std::ifstream header(ORVEL_PUBLIC_HEADER);
+  std::set<std::string> declared;
+  for (std::string line; std::getline(header, line);) {
+    const std::size_t end = line.find('(');
+    const bool is_member = line.find("  ") == 0 && std::islower(line[2]) != 0 && line.find("  using ") != 0;
+    if (end != std::string::npos && is_member)
+      declared.insert(line.substr(line.rfind(' ', end) + 1, end - line.rfind(' ', end) - 1));
+  }
+  std::set<std::string> listed = {"getClient", "initialize", "shutdown"};
+  for (const Method& each : kMethods) listed.insert(each.name);
+  EXPECT_EQ(listed, declared);
+}
+
+TEST_F(Methods, EachMakesItsRequestsAndUnderstandsTheAnswers) {
+  start();
+  for (const Method& each : kMethods) {
+    const std::size_t before = m_vesk.transactions().size();
+    EXPECT_EQ(each.call(m_client, {}), each.result) << each.name;
+    std::vector<Transaction> made = m_vesk.transactions();
+    made.erase(made.begin(), made.begin() + static_cast<std::ptrdiff_t>(before));
+    std::size_t expected = 0;
+    for (const Request& wanted : each.requests) {
+      if (wanted.code == 0) continue;
+      ASSERT_LT(expected, made.size()) << each.name;
+      const Transaction& call = made[expected++];
+      const auto service = static_cast<std::size_t>(each.service);
+      const Bytes head = request(kInterfaces.at(service), wire(wanted.arguments));
+      EXPECT_EQ(call.service, kServices.at(service)) << each.name;
+      EXPECT_EQ(call.code, wanted.code) << each.name;
+      EXPECT_EQ(call.request.size(), head.size() + 8 * call.endpoints.size()) << each.name;
+      EXPECT_EQ(Bytes(call.request.data(), std::min(head.size(), call.request.size())), head) << each.name;
+    }
+    EXPECT_THAT(made, SizeIs(expected)) << each.name;
+  }
+  EXPECT_EQ(said("DIWE"), R"(
+I IDelegateService getDeviceName:Read device name
+D IDelegateService getDeviceName:Device name is [Hall]
+I IDelegateService getDSNV2:Read DSNV2
+D IDelegateService getDSNV2:DSN is [G1]
+D IDelegateService getDeviceInfo:Read deviceInfo: [1] [2] [3] [type]
+I IDelegateService getDirectedId:Read directedId [owner]
+I IDelegateService getCOR:Read COR [DE]
+I IDelegateService getPFM:Read PFM [shop]
+I IDelegateService getSecureSetting:Reading setting key [k]
+I IDelegateService getSecureSetting:Read setting key [k] value [42]
+D IPowerManagerService getVersion:
+D IPowerManagerService wakeUpDeviceCustom:
+D IPowerManagerService wakeUpDevice:
+D IAndroidConnectivityManager registerDefaultNetworkCallback:call registerDefaultNetworkCallback
+D IAndroidConnectivityManager unregisterNetworkCallback:call unregisterNetworkCallback
+I IDelegateService registerForSecureSettingsInternal:Registered for updates to setting key [k] (result=1)
+I broadcastIntentWithIntKey:Broadcasting intent with action=[A], package=[P], class=[K], key=[X], value=[5]
+I broadcastIntentWithIntKey:Intent broadcasted, status=1
+I IDelegateService getApplicationInfo:Read applicationInfo for package [p]
+I IDelegateService getPackageInfo:Read packageInfo for package [p]
+I IDelegateService getRawResourceAsString:Read raw resource for package [p] resourceId [7] result [text]
+I IDelegateService checkSystemFeature:System feature [f] is available: 1
+I IDelegateService getPackageNamesForUid:Retrived package names for uid -5
+D IDelegateService queryBroadcastReceivers:Read 3 RunningAppProcessInfo items
+I IOrvelPackageManager getPackages:Read 2 packages
+D IOrvelPackageManager getPackages:Package: q
+D IOrvelPackageManager getPackages:Package: p
+I IActivityManager getRunningAppProcessesInfo:Read 3 RunningAppProcessInfo items
+I IOrvelSimEventClient sendEvent:namespace=1, name=2
+I sendEvent:sendEvent, status=true
+I registerForDirective:registerForDirective, status=1
+)");
+  EXPECT_EQ(messages(), 4) << "those of the two network registrations, deliberately";
+}
+
+TEST_F(Methods, EachFailsWithItsService) {
+  start();
+  for (const Bytes& reply : {Bytes(), wire("-3 'no' 0 1 1 'p' 1 1")}) {
+    for (const char* service : kServices) answer(service, reply, reply == Bytes() ? -EIO : 0);
+    for (const Method& each : kMethods) {
+      if (each.requests[0].code == 0) continue;
+      EXPECT_EQ(each.call(m_client, {}), each.failure) << each.name;
+    }
+    EXPECT_EQ(said("WE"), R"(
+W IDelegateService getDirectedId:DirectedId is [], returning empty string
+E IPowerManagerService acquirePartialWakeLock:wakeUpDeviceCustom() is not available in interface version 0
+E getApplicationInfoMetaData:Failed to get application info for package: p, key: k
+E getPackageVersionCode:Failed to get package info for package: p
+E getPackageVersionName:Failed to get package info for package: p
+E IDelegateService queryBroadcastReceivers:Failed to read OrvelResolveInfoArray from reply
+E getBroadcastReceiverPackageNames:Failed to query broadcast receivers for intent: a
+E IActivityManager getRunningAppProcessesInfo:Failed to read RunningAppProcessInfoArray from reply
+E getForegroundPackages:Failed to get running app processes
+E getAppProcessState:Failed to get running app processes
+)");
+  }
+}
+
+TEST_F(Methods, EachIsRefusedUnlessTheClientIsInitialized) {
+  expect_refused(":Client is not initialized", /*asks_none=*/false);
+  start();
+  m_client.shutdown();
+  expect_refused(":Client is not initialized", /*asks_none=*/false);
+  EXPECT_THAT(m_vesk.transactions(), IsEmpty());
+}
+
+TEST_F(Methods, EachFailsWhileItsServiceIsNotBound) {
+  for (const char* service : kServices) m_vesk.refuse_binds(service, 1000);
+  ASSERT_TRUE(m_client.initialize());
+  m_log.take();
+  for (const Method& each : kMethods) {
+    const bool asks = each.requests[0].code != 0;
+    EXPECT_EQ(each.call(m_client, {}), asks ? each.refused : each.result) << each.name;
+  }
+  EXPECT_EQ(said("WE"), R"(
+E IPowerManagerService isInteractive:Invalid binder handle
+E IPowerManagerService getVersion:Invalid binder handle
+E IPowerManagerService acquirePartialWakeLock:wakeUpDeviceCustom() is not available in interface version 0
+E IPowerManagerService wakeUpDevice:Invalid binder handle
+E launchApplicationWithPackageName:Failed to get launch intent for package: p
+E getApplicationInfoMetaData:Failed to get application info for package: p, key: k
+E getPackageVersionCode:Failed to get package info for package: p
+E getPackageVersionName:Failed to get package info for package: p
+E getBroadcastReceiverPackageNames:Failed to query broadcast receivers for intent: a
+E getInstalledPackageNames:Failed to get installed packages
+E getForegroundPackages:Failed to get running app processes
+E getAppProcessState:Failed to get running app processes
+E IOrvelSimEventClient sendEvent:m_binder.good() = false
+)");
+  EXPECT_THAT(m_vesk.transactions(), IsEmpty());
+}
+
+TEST_F(Methods, EachIsRefusedInsideTheConnectivityCallback) {
+  start();
+  int told = 0;
+  EXPECT_TRUE(m_client.registerForMaroConnectivityChange([&](bool) {
+    ++told;
+    expect_refused(":Called from the connectivity callback", /*asks_none=*/true);
+    EXPECT_FALSE(m_client.initialize());
+    m_client.shutdown();
+    EXPECT_THAT(m_log.take(),
+                ElementsAre("E initialize:Called from the connectivity callback", "E shutdown:Called from a callback"));
+  }));
+  send("com.quarlo.speech.CONNECTIVITY_ACTION",
+       broadcast("any", "", 1, wire("'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 1")));
+  m_vesk.drain();
+  EXPECT_EQ(told, 1);
+  EXPECT_TRUE(m_client.isMaroConnected()) << "and nothing is left locked";
+}
+
+}  // namespace
+}  // namespace orvel::test
