@@ -14,11 +14,11 @@
 
 #include "device/Convert.h"
 #include "device/Endpoint.h"
-#include "device/OutputFile.h"
 #include "device/Recording.h"
 #include "device/Replay.h"
 #include "device/Traffic.h"
 #include "tools/orvel-sim/host/Control.h"
+#include "tools/orvel-sim/host/OutputFile.h"
 #include "tools/orvel-sim/host/Run.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Seeds.h"

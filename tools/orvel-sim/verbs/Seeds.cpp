@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "device/OutputFile.h"
+#include "tools/orvel-sim/host/OutputFile.h"
 
 namespace orvel::sim {
 namespace {

@@ -1,4 +1,4 @@
-#include "device/OutputFile.h"
+#include "tools/orvel-sim/host/OutputFile.h"
 
 #include <fcntl.h>
 #include <unistd.h>
