@@ -62,8 +62,8 @@ class EchoServer : public Child {
   explicit EchoServer(Transport transport);
 };
 
-// Clients of the host runtime's server, which must be up: so many connections with a callback channel each, on which nothing
-// happens. Throws std::runtime_error when not all of them come about.
+// Clients of the host runtime's server, which must be up: so many connections with a callback channel each, on which
+// nothing happens. Throws std::runtime_error when not all of them come about.
 class Crowd : public Child {
  public:
   explicit Crowd(int connections);

@@ -90,8 +90,8 @@ class Pinning {
   cpu_set_t m_allowed = allowedCpus();
 };
 
-// Runs a round trip until the benchmark has enough; `trip` returns false on failure. The first trip is not measured: it waits
-// for the server to come up and for the two to authenticate each other.
+// Runs a round trip until the benchmark has enough; `trip` returns false on failure. The first trip is not measured: it
+// waits for the server to come up and for the two to authenticate each other.
 template <typename Function>
 void measure(benchmark::State& state, const Function& trip) {
   bool good = trip();

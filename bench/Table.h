@@ -6,8 +6,8 @@
 
 namespace bench {
 
-// What a row compares: the time of one iteration in this unit or of one item, the rate of bytes or of items, or the heap
-// allocations or bytes of one iteration.
+// What a row compares: the time of one iteration in this unit or of one item, the rate of bytes or of items, or the
+// heap allocations or bytes of one iteration.
 enum class Quantity {
   kNanoseconds,
   kMicroseconds,

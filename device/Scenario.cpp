@@ -154,7 +154,7 @@ Json readScenario(const std::string& text, const std::string& name) {
     return completeScenario(Json::parse(text));
   } catch (const ScenarioError& error) {
     throw ScenarioError(name + ": " + error.what());
-  } catch (const Json::exception& error) {  // a number beyond every double is no parse_error
+  } catch (const Json::exception& error) {  // a number beyond every double is not a parse_error
     throw ScenarioError(name + ": " + plainText(error));
   }
 }

@@ -11,9 +11,9 @@
 #include "orvel/OrvelDelegateClient.h"
 
 // From its construction a signal shuts the client down, an initialize() in progress included. Make it after all that
-// callbacks use, so that its destructor ends the callbacks first, and before initialize(): threads that start later have
-// the signals blocked too, which leaves them to the one that waits for them. In a signal handler shutdown() must not be
-// called.
+// callbacks use, so that its destructor ends the callbacks first, and before initialize(): threads that start later
+// have the signals blocked too, which leaves them to the one that waits for them. In a signal handler shutdown() must
+// not be called.
 class Ending {
  public:
   Ending() {

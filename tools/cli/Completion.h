@@ -12,8 +12,8 @@
 namespace orvel::cli {
 
 // The values that a description does not list, for each option that has such. An option is named as in the description,
-// "package" or "--package"; where that says too little, behind its subcommand, "setting key". A subcommand that takes all
-// words as they are is named alone. A value is a word or, with '@', the values of a kind that `orvel-sim
+// "package" or "--package"; where that says too little, behind its subcommand, "setting key". A subcommand that takes
+// all words as they are is named alone. A value is a word or, with '@', the values of a kind that `orvel-sim
 // --complete-values` knows: "@packages", or each behind a word, "setting:@settings".
 using Values = std::map<std::string, std::vector<std::string>>;
 
@@ -36,9 +36,8 @@ std::vector<std::string> choicesOf(const CLI::Option& option);
 // Writes those of the words that complete the typed one to standard output, one a line, in one piece.
 void writeCompletions(const TypedWord& word, const std::vector<std::string>& words);
 
-// Limits a completion to 150 ms from the first call: a signal then ends this process, or the program that it has become.
-// What it has written by then stands. Tests on slow machines extend the
-// limit by ORVEL_COMPLETION_MS.
+// Limits a completion to 150 ms from the first call: a signal then ends this process, or the program that it has
+// become. What it has written by then stands. Tests on slow machines extend the limit by ORVEL_COMPLETION_MS.
 void limitCompletion();
 
 // Answers `PROGRAM --complete LINE WORDBREAKS`, which the shell's function calls: the line ends at the cursor,

@@ -1,5 +1,5 @@
-// How a command line of this project fails: by its exit status, a line on standard error and, with --json, one more line on
-// standard output. That line is described by failure.schema.json beside this file.
+// How a command line of this project fails: by its exit status, a line on standard error and, with --json, one more
+// line on standard output. That line is described by failure.schema.json beside this file.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -22,8 +22,8 @@ struct Failure {
   std::string directory{};  // where a device was looked for
 };
 
-// {"error": {...}}, in one line without its end. The first failure is the one that gives the exit status; "further" lists
-// the others. Bytes that are not UTF-8 are replaced.
+// {"error": {...}}, in one line without its end. The first failure is the one that gives the exit status; "further"
+// lists the others. Bytes that are not UTF-8 are replaced.
 std::string envelope(const std::vector<Failure>& failures);
 
 // Writes "PROGRAM: MESSAGE" to standard error.
@@ -32,8 +32,8 @@ void complain(const std::string& program, const std::string& message);
 // "PROGRAM: ", as it stands in front of what went wrong.
 std::string failurePrefix(const std::string& program);
 
-// Says that a program failed outside of everything that says so itself; returns the exit status. `said` says that standard
-// error has the message already.
+// Says that a program failed outside of everything that says so itself; returns the exit status. `said` says that
+// standard error has the message already.
 int fail(const std::string& program, const Failure& failure, bool json, bool said = false);
 
 // Whether a command line asks for JSON, for when it cannot be read in full.

@@ -11,7 +11,8 @@ namespace orvel::cli {
 // The word at the end of a line of bash, as that splits and quotes words; nothing is expanded. An immutable value.
 class TypedWord {
  public:
-  // `line` ends at the cursor; `breaks` is COMP_WORDBREAKS, at whose characters the shell's editor ends what it replaces.
+  // `line` ends at the cursor; `breaks` is COMP_WORDBREAKS, at whose characters the shell's editor ends what it
+  // replaces.
   TypedWord(const std::string& line, const std::string& breaks);
 
   // What has been typed of it, without quotes.

@@ -14,6 +14,7 @@
 #include "tools/cli/Integration.h"
 #include "tools/cli/Options.h"
 #include "tools/cli/Streams.h"
+#include "tools/cli/Usage.h"
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Run.h"
 #include "tools/orvel-sim/verbs/AssistantVerbs.h"
@@ -73,7 +74,6 @@ class CommandLine {
   CommandLine() {
     m_app.require_subcommand(1);
     m_app.footer(std::string(kFooter + 1) + cli::kPlaces);
-    m_app.failure_message(explain);
     m_app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
     cli::inSeconds(m_app.add_option_function<double>(
         "--timeout", [this](double seconds) { m_limit.emplace(std::chrono::duration<double>(seconds)); },
@@ -93,17 +93,10 @@ class CommandLine {
     addConvertVerb(m_app);
   }
 
-  // The exit status.
+  // Returns the exit status.
   int parseAndRun(int argc, char** argv) {
     if (const auto answered = cli::answerIntegration(m_app, argc, argv, "orvelctl", completions())) return *answered;
-    try {
-      m_app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-      if (m_app.exit(error) != 0) {
-        return cli::fail(kProgram, {kUsage, whatIsWrong(&m_app, error)}, cli::asksForJson(argc, argv), /*said=*/true);
-      }
-      cli::flushOutput();
-    }
+    if (const auto ended = cli::parse(m_app, argc, argv)) return *ended;
     return m_status;
   }
 
@@ -141,22 +134,6 @@ class CommandLine {
     addView("state", "Show the scenario as it is now, ready for --scenario",
             [this] { print(ask("scenario").at("scenario").dump(m_json ? -1 : 2)); });
     addView("services", "List the services and their processes", [this] { show(servicesReading(), m_json); });
-  }
-
-  static std::string whatIsWrong(const CLI::App* app, const CLI::Error& error) {
-    // The last of the verbs that were understood.
-    while (!app->get_subcommands().empty()) app = app->get_subcommands().front();
-    std::string verbs;
-    for (const CLI::App* verb : app->get_subcommands([](const CLI::App* each) { return !each->get_group().empty(); })) {
-      verbs += (verbs.empty() ? "" : ", ") + verb->get_name();
-    }
-    const std::vector<std::string> extra = app->remaining();
-    const bool unknown = !verbs.empty() && !extra.empty();
-    return unknown ? "no subcommand is called " + extra.front() + "; there are " + verbs : error.what();
-  }
-
-  static std::string explain(const CLI::App* app, const CLI::Error& error) {
-    return cli::failurePrefix(kProgram) + whatIsWrong(app, error) + "\nRun with --help for more information.\n";
   }
 
   CLI::App m_app{"A simulated device for clients of libOrvelDelegateClient.", "orvel-sim"};

@@ -18,9 +18,9 @@ using orvel::service_apis::ComponentName;
 using orvel::service_apis::OrvelIntent;
 
 constexpr char kIntentFooter[] = R"(
-TARGET is a URI (it has a colon: the data), a COMPONENT (it has a slash) or a PACKAGE. The last two bring the action MAIN
-and the category LAUNCHER along where none is given. A COMPONENT is PACKAGE/CLASS; a class that begins with a dot is one
-of that package.
+TARGET is a URI (it has a colon: the data), a COMPONENT (it has a slash) or a PACKAGE. The last two bring the action
+MAIN and the category LAUNCHER along where none is given. A COMPONENT is PACKAGE/CLASS; a class that begins with a dot
+is one of that package.
 A long integer among the extras is sent only when there is a string or another integer too: the client counts those.
 
 The service takes an intent and does not say what becomes of it.)";

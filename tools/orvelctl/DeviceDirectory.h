@@ -1,5 +1,5 @@
-// Where a workstation's IPC library looks for a device, told apart further than its one line does. The public headers say
-// nothing of this; the rule is that of docs/architecture.md.
+// Where a workstation's IPC library looks for a device, told apart further than its one line does. The public headers
+// say nothing of this; the rule is that of docs/architecture.md.
 #pragma once
 
 #include <sys/types.h>

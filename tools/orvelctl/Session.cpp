@@ -86,8 +86,20 @@ void Interrupter::wait() {
       pthread_sigmask(SIG_UNBLOCK, &again, nullptr);
     }
     eventfd_write(m_interrupted, 1);
-    Client::getClient().shutdown();
+    shutDownUntilOver();
     return;
+  }
+}
+
+// A shutdown() that comes before initialize() has begun interrupts nothing.
+void Interrupter::shutDownUntilOver() {
+  constexpr timespec kPause{0, 50'000'000};
+  sigset_t over;
+  sigemptyset(&over);
+  sigaddset(&over, kOver);
+  while (!m_over) {
+    Client::getClient().shutdown();
+    sigtimedwait(&over, nullptr, &kPause);
   }
 }
 
@@ -101,7 +113,7 @@ Session::~Session() {
 }
 
 bool Session::open() {
-  if (m_client.initialize()) return true;
+  if (m_interrupter.status() == 0 && m_client.initialize()) return true;
   if (saidNoDevice()) {
     const DeviceDirectory directory = deviceDirectory();
     keep({kNoDevice,

@@ -35,8 +35,8 @@ constexpr char kProgram[] = "orvelctl";
 // In one line; bytes that are not UTF-8 are replaced.
 std::string asText(const Json& json);
 
-// Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that the call in progress ends. Made before any other thread, so that all of them leave the signals to its own. A second signal ends
-// the process.
+// Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that the call in progress ends.
+// Made before any other thread, so that all of them leave the signals to its own. A second signal ends the process.
 class Interrupter {
  public:
   explicit Interrupter(std::optional<Seconds> limit);
@@ -55,6 +55,7 @@ class Interrupter {
 
  private:
   void wait();
+  void shutDownUntilOver();
 
   const std::optional<Seconds> m_limit;
   const int m_interrupted;

@@ -16,7 +16,7 @@
 
 namespace vesk::inprocess {
 
-// A message, value after value: Bytes().i32(0).utf16("abc"). Little-endian whatever the host is.
+// A message, value after value: Bytes().i32(0).utf16("abc"). Little-endian on every host.
 class Bytes {
  public:
   Bytes() = default;

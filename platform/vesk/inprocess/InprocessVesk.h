@@ -107,7 +107,7 @@ class InprocessVesk {
   void give_null_runtime();
   // Ends all planned failures.
   void repair();
-  // What callbacks throw is no longer printed.
+  // From now on nothing is printed of what callbacks throw.
   void keep_quiet();
   // From now on the fake aborts on what only a lenient libvesk forgives, with a line that says what: a null message,
   // text, handle, endpoint or callback, a value that was never a handle, unbinding what was not linked to its death, a

@@ -211,8 +211,8 @@ void addReplayVerb(CLI::App& app, int& status) {
   replay->add_option("command", given->run.command,
                      "after --: what to run with a private device, ready before it starts");
   replay->footer(
-      R"(Requests are matched by service, method and arguments. One that is not in the recording is answered by an exception
-that says so, with service, method and arguments.
+      R"(Requests are matched by service, method and arguments. One that is not in the recording is answered by an
+exception that says so, with service, method and arguments.
 
 Examples:
   orvel-sim replay session.jsonl                       serve until Ctrl-C
