@@ -12,9 +12,9 @@ namespace {
 
 constexpr char kNull[] = "null";
 // The texts that an intent begins with, in wire order.
-constexpr const char* kTexts[] = {"action", "data", "type", "package"};
+constexpr const char* kIntentTexts[] = {"action", "data", "type", "package"};
 // An intent's length includes the four bytes that say it; that of its extras does not.
-constexpr unsigned kLengthCounted = 4;
+constexpr unsigned kIntentLengthCounted = 4;
 
 void writeComponent(vesk_payload* payload, const Json& component) {
   writeText(payload, component.at("package"));
@@ -90,8 +90,8 @@ void writeIntent(vesk_payload* payload, const Json& intent) {
     return;
   }
   vesk_write_i32(payload, 1);
-  writeMeasured(payload, kLengthCounted, [&] {
-    for (const char* key : kTexts) writeText(payload, intent.value(key, Json()));
+  writeMeasured(payload, kIntentLengthCounted, [&] {
+    for (const char* key : kIntentTexts) writeText(payload, intent.value(key, Json()));
     writeOptional(payload, intent.value("component", Json()), writeComponent);
     writeOptional(payload, intent.value("extras", Json()), writeExtras);
   });
@@ -100,8 +100,8 @@ void writeIntent(vesk_payload* payload, const Json& intent) {
 Json readIntent(RequestReader& reader) {
   if (!reader.present()) return {};
   Json intent;
-  reader.measured("the intent", kLengthCounted, [&] {
-    for (const char* key : kTexts) {
+  reader.measured("the intent", kIntentLengthCounted, [&] {
+    for (const char* key : kIntentTexts) {
       if (const Json text = reader.text(); !text.is_null()) intent[key] = text;
     }
     if (reader.present()) {

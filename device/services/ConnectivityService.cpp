@@ -6,9 +6,9 @@
 namespace orvel::sim {
 namespace {
 
-constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.androidconnectivitymanager.INetworkCallback";
-const CallbackMethod kAvailable = {1, "networkAvailable", kCallbackDescriptor, /*answered=*/false, writeNothing};
-const CallbackMethod kLost = {6, "networkLost", kCallbackDescriptor, /*answered=*/false, writeNothing};
+constexpr char kNetworkCallback[] = "com.quarlo.orveldelegate.androidconnectivitymanager.INetworkCallback";
+const CallbackMethod kAvailable = {1, "networkAvailable", kNetworkCallback, /*answered=*/false, writeNothing};
+const CallbackMethod kLost = {6, "networkLost", kNetworkCallback, /*answered=*/false, writeNothing};
 
 class ConnectivityService : public Service {
  public:

@@ -7,17 +7,17 @@ namespace orvel::sim {
 namespace {
 
 // The metadata's length includes the four bytes that say it.
-constexpr unsigned kLengthCounted = 4;
+constexpr unsigned kMetadataLengthCounted = 4;
 
 constexpr int kAccepted = 1;
 
-constexpr const char* kTexts[] = {"namespace", "name", "event3", "event4", "event5", "event6", "event7"};
+constexpr const char* kMetadataTexts[] = {"namespace", "name", "event3", "event4", "event5", "event6", "event7"};
 
 Json readMetadata(RequestReader& reader) {
   if (!reader.present()) return {};
   Json metadata;
-  reader.measured("the metadata", kLengthCounted, [&] {
-    for (const char* key : kTexts) metadata[key] = reader.text();
+  reader.measured("the metadata", kMetadataLengthCounted, [&] {
+    for (const char* key : kMetadataTexts) metadata[key] = reader.text();
     metadata["flag"] = readFlag(reader);
   });
   return metadata;
@@ -29,8 +29,8 @@ void writeResult(vesk_payload* payload, const Json& result) {
   if (const auto code = result.find("code"); code != result.end()) writeInt32(payload, *code);
 }
 
-constexpr char kCallbackDescriptor[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventStatusCallback";
-const CallbackMethod kResult = {1, "eventResult", kCallbackDescriptor, /*answered=*/false, writeResult};
+constexpr char kStatusCallback[] = "com.quarlo.orveldelegate.orvelsim.IOrvelSimEventStatusCallback";
+const CallbackMethod kResult = {1, "eventResult", kStatusCallback, /*answered=*/false, writeResult};
 
 class EventService : public Service {
  public:

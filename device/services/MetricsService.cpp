@@ -12,7 +12,7 @@ constexpr std::size_t kEventsKept = 1000;
 // How many go into one message; each has a hundred kilobytes at most.
 constexpr std::size_t kEventsAtOnce = 25;
 // The event's length includes the four bytes that say it.
-constexpr unsigned kLengthCounted = 4;
+constexpr unsigned kEventLengthCounted = 4;
 constexpr std::int32_t kNoFields = -1;
 
 // The attributes that the service finds itself: clients send their number, under the key that goes with it.
@@ -73,7 +73,7 @@ Json readFields(RequestReader& reader) {
 Json readEvent(RequestReader& reader) {
   if (!reader.present()) return {};
   Json event;
-  reader.measured("the event", kLengthCounted, [&] {
+  reader.measured("the event", kEventLengthCounted, [&] {
     for (const char* header : {"header1", "header2"}) event[header] = readPresentText(reader);
     event["fields"] = readFields(reader);
   });

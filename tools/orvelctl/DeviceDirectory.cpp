@@ -100,7 +100,7 @@ bool deviceLivesIn(const Descriptor& directory) {
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-Problem directoryProblem(const std::string& path, const Descriptor& directory) {
+Problem problemOf(const std::string& path, const Descriptor& directory) {
   if (!directory) return openingProblem(path, errno);
   struct stat status {};
   if (fstat(directory.get(), &status) != 0) return {std::strerror(errno), elsewhere()};
@@ -132,12 +132,12 @@ DeviceDirectory deviceDirectory() {
 }
 
 Problem directoryProblem(const std::string& directory) {
-  return directoryProblem(directory, openDirectory(directory));
+  return problemOf(directory, openDirectory(directory));
 }
 
 Problem deviceProblem(const std::string& directory) {
   const Descriptor opened = openDirectory(directory);
-  Problem problem = directoryProblem(directory, opened);
+  Problem problem = problemOf(directory, opened);
   if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", "orvel-sim run"};
   return problem;
 }

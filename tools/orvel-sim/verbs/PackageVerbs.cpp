@@ -19,14 +19,14 @@ namespace orvel::sim {
 namespace {
 
 // What a verb is given: the name of what it is for, and values of some of its fields.
-struct Words {
+struct PackageWords {
   std::string name;
   Json values = Json::object();
 };
 
 // A verb below a verb.
-CLI::App* addPart(CLI::App& verb, const char* word, const char* about, std::function<void(const Words&)> run,
-                  const std::shared_ptr<Words>& words = std::make_shared<Words>()) {
+CLI::App* addPart(CLI::App& verb, const char* word, const char* about, std::function<void(const PackageWords&)> run,
+                  const std::shared_ptr<PackageWords>& words = std::make_shared<PackageWords>()) {
   CLI::App* part = verb.add_subcommand(word, about);
   part->add_option("name", words->name)->required()->type_name("");
   part->callback([words, run = std::move(run)] {
@@ -38,14 +38,14 @@ CLI::App* addPart(CLI::App& verb, const char* word, const char* about, std::func
 
 // One that performs the act of its name.
 CLI::App* addAct(CLI::App& verb, const char* act, const char* about,
-                 const std::shared_ptr<Words>& words = std::make_shared<Words>()) {
-  const auto run = [act](const Words& given) { sendChange(makeAct(act, given.name, given.values)); };
+                 const std::shared_ptr<PackageWords>& words = std::make_shared<PackageWords>()) {
+  const auto run = [act](const PackageWords& given) { sendChange(makeAct(act, given.name, given.values)); };
   return addPart(verb, act, about, run, words);
 }
 
 // An option that sets a field.
 template <typename Value>
-void addField(CLI::App& part, const std::shared_ptr<Words>& words, const char* option, const char* field,
+void addField(CLI::App& part, const std::shared_ptr<PackageWords>& words, const char* option, const char* field,
               const char* about) {
   part.add_option_function<Value>(
       option, [words, field](const Value& value) { words->values[field] = value; }, about);
@@ -80,9 +80,9 @@ void addPackageVerb(CLI::App& app) {
       "package,\n"
       "such as its meta-data, use set and unset: orvel-sim set package NAME metaData KEY VALUE");
 
-  const auto installed = std::make_shared<Words>();
+  const auto installed = std::make_shared<PackageWords>();
   CLI::App* install = addAct(*package, "install", "Install a package", installed);
-  const auto replaced = std::make_shared<Words>();
+  const auto replaced = std::make_shared<PackageWords>();
   CLI::App* replace = addAct(*package, "replace", "Update an installed package", replaced);
   addAct(*package, "remove", "Remove an installed package, and stop its processes");
   addField<std::int64_t>(*install, installed, "--version-code", "versionCode", "the version's number (default: 1)");
@@ -98,7 +98,7 @@ void addPackageVerb(CLI::App& app) {
       {"changed", "PACKAGE_CHANGED"},
   };
   for (const auto& [word, action] : events) {
-    const auto run = [name = std::string("android.intent.action.") + action](const Words& words) {
+    const auto run = [name = std::string("android.intent.action.") + action](const PackageWords& words) {
       sendBroadcast({{"action", name}, {"data", "package:" + words.name}});
     };
     addPart(*package, word, (std::string("Only broadcast ") + action).c_str(), run);
@@ -113,7 +113,7 @@ void addProcessVerb(CLI::App& app) {
       "The platform grades processes: 100 foreground, 125 foreground service, 200 perceptible, 300 service, 400 "
       "cached.\n"
       "Clients that start activities and services start processes too, of packages that are installed.");
-  const auto started = std::make_shared<Words>();
+  const auto started = std::make_shared<PackageWords>();
   CLI::App* start = addAct(*process, "start", "Start a process", started);
   start
       ->add_option_function<std::vector<std::string>>(
