@@ -17,21 +17,6 @@ class Services : public Device {
     }
     return 0;
   }
-
-  // A client with a live connection to every service.
-  std::unique_ptr<Process> client() const {
-    auto client = start("orvel-e2e-client");
-    client->waitForOutput("ready");
-    return client;
-  }
-
-  // What the client's call gives, and how the library says that it failed.
-  static std::string ask(Process& client, const std::string& method) {
-    client.write("ask " + method);
-    return client.waitForOutput("answer ");
-  }
-
-  static void awaitRebinding(Process& client) { client.waitForError("on_binder_died:Death callback completed"); }
 };
 ORVEL_BOTH_MODES(Services);
 
@@ -43,8 +28,7 @@ TEST_P(Services, OneThatHangsHoldsUpNoOther) {
   waiting->write("ask getDeviceName");
   expectRows({{"orvelctl screen", "on\n"}});
   EXPECT_EQ(waiting->waitForOutput("answer "), "'' vesk -110");
-  order("hang delegate off");
-  order("delay power isInteractive 100");
+  order("hang delegate off", "delay power isInteractive 100");
   waiting->write("ask isScreenOn");
   expectRows({{"orvelctl get name", "Kitchen Display\n"}});
   EXPECT_EQ(waiting->waitForOutput("answer "), "'true' ") << "a late answer is still an answer";
