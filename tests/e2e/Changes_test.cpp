@@ -10,22 +10,11 @@ class Changes : public Device {
  protected:
   // "delegate name", as the program lists its values.
   std::set<std::string> allFields() const {
-    std::set<std::string> fields;
-    std::istringstream lines(run("orvel-sim get nothing").error);
-    for (std::string line; std::getline(lines, line);) {
-      std::istringstream words(line);
-      std::string section;
-      std::string field;
-      if (line.rfind("  ", 0) == 0 && words >> section >> field) fields.insert(section + " " + field);
-    }
-    for (const std::string record : {"package", "process"}) {
-      const std::string error = run("orvel-sim get " + record + " com.quarlo.music nothing").error;
-      std::istringstream names(error.substr(error.find("there are ") + 10));
-      for (std::string name; std::getline(names >> std::ws, name, ',');) {
-        fields.insert(record + " " + name.substr(0, name.find('\n')));
-      }
-    }
-    return fields;
+    const Words fields =
+        linesOf(outputOf("orvel-sim get nothing 2>&1 | sed -nE 's/^  ([^ ]+) +([^ ]+).*/\\1 \\2/p'; "
+                         "for r in package process; do orvel-sim get $r com.quarlo.music nothing 2>&1 | "
+                         "sed 's/.*there are //' | tr -s ', ' '\\n' | sed \"s/^/$r /\"; done"));
+    return {fields.begin(), fields.end()};
   }
 
   // What the services told their clients so far, one a line: "PACKAGE_ADDED package:a.b UID:int=7 REPLACING:bool=true".

@@ -30,11 +30,17 @@ struct Row {
   const char* error = "";
 };
 
+inline Words linesOf(const std::string& text) {
+  std::istringstream stream(text);
+  Words lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
 // One JSON object a line.
 inline std::vector<json> parseLines(const std::string& text) {
-  std::istringstream lines(text);
   std::vector<json> objects;
-  for (std::string line; std::getline(lines, line);) objects.push_back(json::parse(line));
+  for (const std::string& line : linesOf(text)) objects.push_back(json::parse(line));
   return objects;
 }
 

@@ -149,12 +149,10 @@ class ExitStatus : public NoDevice {
 
   // As the manual lists them: those that are not followed by subcommands of their own.
   Names leaves() const {
-    std::istringstream lines(
-        outputOf("orvelctl --man-page | sed -n 's/^.SS orvelctl //p' | tr -d '\\\\' | "
-                 "awk 'NR > 1 && index($0, last \" \") != 1 { print last } { last = $0 } END { print last }'"));
-    Names all;
-    for (std::string line; std::getline(lines, line);) all.insert(line);
-    return all;
+    const Words lines =
+        linesOf(outputOf("orvelctl --man-page | sed -n 's/^.SS orvelctl //p' | tr -d '\\\\' | "
+                         "awk 'NR > 1 && index($0, last \" \") != 1 { print last } { last = $0 } END { print last }'"));
+    return {lines.begin(), lines.end()};
   }
 
   // "delegate.33" for each transaction that the device's services have, from the help of a verb that takes them all:

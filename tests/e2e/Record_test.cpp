@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <regex>
 #include <set>
 
 #include "Device.h"
@@ -29,15 +30,10 @@ class Recording : public Device {
     m_device->waitForOutput("serving in ");
   }
 
-  // The status and the output of each, as one text. "; " separates the questions.
+  // The output and the status of each, as one text. "; " separates the questions.
   std::string ask(const std::string& questions) const {
-    std::string all;
-    for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 2) {
-      end = questions.find("; ", begin);
-      const Result result = run("orvelctl " + questions.substr(begin, end - begin));
-      all += std::to_string(result.status) + "\n" + result.output;
-    }
-    return all;
+    const std::string more = std::regex_replace(questions, std::regex("; "), "; echo $$?; orvelctl ");
+    return outputOf("orvelctl " + more + "; echo $?");
   }
 
   // All that a client can ask and be told, as one text. The device itself is made to tell by `orders`.
@@ -322,10 +318,10 @@ TEST_F(Replaying, SeedsAreTheWholeMessagesThatWereSentEachOnce) {
 
 TEST_F(Replaying, TheDocumentListsWhatIsMasked) {
   const std::string document = contentOf(ORVEL_RECORDINGS_DOCUMENT);
-  std::istringstream rows(outputOf("orvel-sim traffic --help | sed -nE 's;^.* (/[^ ]*) +([^ ].*)$;`\\1` | \\2 |;p'"));
-  int count = 0;
-  for (std::string row; std::getline(rows, row); ++count) EXPECT_TRUE(has(document, row)) << row;
-  EXPECT_GE(count, 14);
+  const Words rows =
+      linesOf(outputOf("orvel-sim traffic --help | sed -nE 's;^.* (/[^ ]*) +([^ ].*)$;`\\1` | \\2 |;p'"));
+  for (const std::string& row : rows) EXPECT_TRUE(has(document, row)) << row;
+  EXPECT_GE(rows.size(), 14U);
 }
 
 }  // namespace
