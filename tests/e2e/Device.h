@@ -30,11 +30,17 @@ struct Row {
   const char* error = "";
 };
 
+inline Words linesOf(const std::string& text) {
+  std::istringstream stream(text);
+  Words lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
 // One JSON object a line.
 inline std::vector<json> parseLines(const std::string& text) {
-  std::istringstream lines(text);
   std::vector<json> objects;
-  for (std::string line; std::getline(lines, line);) objects.push_back(json::parse(line));
+  for (const std::string& line : linesOf(text)) objects.push_back(json::parse(line));
   return objects;
 }
 
@@ -97,7 +103,11 @@ class NoDevice : public ::testing::Test {
           << "expected: " << expected << "\nbut: " << result.output;
     }
   }
-  void order(const std::string& words) const { expectRows({{"orvel-sim " + words}}); }
+  // One after the other.
+  template <typename... Words>
+  void order(const Words&... words) const {
+    expectRows({{std::string("orvel-sim ") + words}...});
+  }
 
   // What a view of the device prints with --json.
   std::vector<json> view(const std::string& words) const {
@@ -113,6 +123,19 @@ class NoDevice : public ::testing::Test {
 class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
  protected:
   void SetUp() override { m_device = serve(GetParam() ? "--isolate" : ""); }
+
+  // A client with a live connection to every service.
+  std::unique_ptr<Process> client() const {
+    auto client = start("orvel-e2e-client");
+    client->waitForOutput("ready");
+    return client;
+  }
+  // What the client's call gives, and how the library says that it failed.
+  static std::string ask(Process& client, const std::string& method) {
+    client.write("ask " + method);
+    return client.waitForOutput("answer ");
+  }
+  static void awaitRebinding(Process& client) { client.waitForError("on_binder_died:Death callback completed"); }
 
   std::unique_ptr<Process> m_device;
 };

@@ -6,67 +6,68 @@
 namespace orvel::e2e {
 namespace {
 
+// A script that may change the environment too, and what the doctor finds behind it.
+struct Finding {
+  const char* set_up;
+  int status;
+  const char* check;  // by its name
+  const char* state;
+  const char* message;      // a part of what the check says
+  const char* advice = "";  // how it begins
+  int mended = -1;          // the status once the advice was followed, and the check is well; -1: not tried
+};
+
 class Doctor : public NoDevice {
  protected:
-  // Examines what `set_up` leaves, a script that may change the environment too.
-  struct Findings {
-    int status;
-    json checks;  // by their names
-  };
-  Findings examine(const std::string& set_up = ":") const {
+  // All checks by their names.
+  json examine(const std::string& set_up, int status) const {
     const Result result = run(set_up + "; exec orvelctl --json doctor");
-    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.error, "") << set_up;
+    EXPECT_EQ(result.status, status) << set_up;
     json checks = json::object();
     const json found = parseLines(result.output).at(0);
     for (const json& check : found.at("checks")) checks[check.at("name")] = check;
-    return {result.status, checks};
+    return checks;
+  }
+
+  void expectFinding(const Finding& row) const {
+    const std::string set_up = row.set_up;
+    SCOPED_TRACE(set_up);
+    json checks = examine(set_up, row.status);
+    const json check = checks[row.check];
+    EXPECT_EQ(check.at("state"), row.state);
+    EXPECT_TRUE(has(check.at("message"), row.message)) << check;
+    const std::string advice = check.value("advice", "");
+    EXPECT_EQ(advice.find(row.advice), 0U) << check;
+    EXPECT_EQ(checks.contains("delegate"), row.status != 3) << "without a device there is no service to ask";
+    if (row.mended < 0) return;
+    EXPECT_EQ(examine("{ " + set_up + "; } 2>/dev/null; " + advice, row.mended)[row.check].at("state"), "ok");
   }
 };
 
 TEST_F(Doctor, EachDirectoryThatIsNoneOfADeviceIsToldFromTheOthers) {
-  const struct {
-    const char* set_up;
-    const char* check;
-    const char* message;
-    const char* advice;
-    bool as_root = false;
-  } rows[] = {
-      {":", "directory", "it does not exist", "orvel-sim run"},
-      {"export ORVEL_RUNTIME_DIR=$T/a/b", "directory", "it does not exist", "mkdir -p "},
-      {": >$ORVEL_RUNTIME_DIR", "directory", " directory", "export ORVEL_RUNTIME_DIR=/tmp/orvel-"},
-      {": >$T/f; export ORVEL_RUNTIME_DIR=$T/f/d", "directory", " directory", "export ORVEL_RUNTIME_DIR="},
-      {"mkdir -m 700 $T/real; ln -s $T/real $ORVEL_RUNTIME_DIR", "directory", "symbolic link",
-       "export ORVEL_RUNTIME_DIR=\"$(readlink -f "},
-      {"mkdir -m 750 $ORVEL_RUNTIME_DIR", "directory", "its mode is 0750", "chmod 700 "},
-      {"mkdir -m 700 $ORVEL_RUNTIME_DIR; chown 65534 $ORVEL_RUNTIME_DIR", "directory", "it belongs to nobody",
-       "sudo -u 'nobody' ORVEL_RUNTIME_DIR=", true},
-      {"export ORVEL_RUNTIME_DIR=$T/$(printf %300d 1)", "directory", "its path is too long", "export "},
-      {"mkdir -m 700 $ORVEL_RUNTIME_DIR", "device", "nothing serves there", "orvel-sim run"},
-      {"export XDG_RUNTIME_DIR=$T/x; unset ORVEL_RUNTIME_DIR", "directory", "/x/orvel, from XDG_RUNTIME_DIR: it does",
-       "mkdir -p "},
+  const Finding rows[] = {
+      {":", 3, "directory", "failure", "it does not exist", "orvel-sim run"},
+      {"export ORVEL_RUNTIME_DIR=$T/a/b", 3, "directory", "failure", "it does not exist", "mkdir -p "},
+      {": >$ORVEL_RUNTIME_DIR", 3, "directory", "failure", " directory", "export ORVEL_RUNTIME_DIR=/tmp/orvel-"},
+      {": >$T/f; export ORVEL_RUNTIME_DIR=$T/f/d", 3, "directory", "failure", " directory",
+       "export ORVEL_RUNTIME_DIR="},
+      {"mkdir -m 700 $T/real; ln -s $T/real $ORVEL_RUNTIME_DIR", 3, "directory", "failure", "symbolic link",
+       "export ORVEL_RUNTIME_DIR=\"$(readlink -f ", 3},
+      {"mkdir -m 750 $ORVEL_RUNTIME_DIR", 3, "directory", "failure", "its mode is 0750", "chmod 700 ", 3},
+      {"export ORVEL_RUNTIME_DIR=\"$T/it's\"; mkdir -m 755 \"$T/it's\"", 3, "directory", "failure", "0755", "chmod ",
+       3},
+      {"export ORVEL_RUNTIME_DIR=$T/$(printf %300d 1)", 3, "directory", "failure", "its path is too long", "export "},
+      {"mkdir -m 700 $ORVEL_RUNTIME_DIR", 3, "device", "failure", "nothing serves there", "orvel-sim run"},
+      {"export XDG_RUNTIME_DIR=$T/x; unset ORVEL_RUNTIME_DIR", 3, "directory", "failure",
+       "/x/orvel, from XDG_RUNTIME_DIR: it does", "mkdir -p "},
+      {"mkdir -m 700 $ORVEL_RUNTIME_DIR; chown 65534 $ORVEL_RUNTIME_DIR", 3, "directory", "failure",
+       "it belongs to nobody", "sudo -u 'nobody' ORVEL_RUNTIME_DIR="},
   };
-  for (const auto& row : rows) {
-    if (row.as_root && geteuid() != 0) continue;  // no other user can give a directory away
-    SCOPED_TRACE(row.set_up);
+  for (const Finding& row : rows) {
+    if (has(row.set_up, "chown") && geteuid() != 0) continue;  // no other user can give a directory away
     std::filesystem::remove_all(directory());
-    Findings found = examine(row.set_up);
-    EXPECT_EQ(found.status, 3);
-    const json check = found.checks[row.check];
-    EXPECT_EQ(check.at("state"), "failure");
-    EXPECT_TRUE(has(check.at("message"), row.message)) << check;
-    EXPECT_EQ(check.at("advice").get<std::string>().find(row.advice), 0U) << check;
-    EXPECT_FALSE(found.checks.contains("delegate")) << "without a device there is no service to ask";
-  }
-}
-
-TEST_F(Doctor, TheAdviceMendsTheDirectory) {
-  for (const char* set_up :
-       {"mkdir -m 755 \"$ORVEL_RUNTIME_DIR\"", "export ORVEL_RUNTIME_DIR=\"$T/it's\"; mkdir \"$T/it's\"",
-        "mkdir -m 700 $T/real; export ORVEL_RUNTIME_DIR=$T/link; ln -s $T/real $T/link"}) {
-    const json broken = examine(set_up).checks["directory"];
-    const std::string again = "{ " + std::string(set_up) + "; } 2>/dev/null; ";
-    const std::string mended = again + broken.at("advice").get<std::string>();
-    EXPECT_EQ(examine(mended).checks["directory"].at("state"), "ok") << mended;
+    expectFinding(row);
   }
 }
 
@@ -74,61 +75,32 @@ TEST_F(Doctor, ADeviceThatLivesElsewhereIsFound) {
   std::filesystem::create_directory(temporary() / "x");
   const auto device = start("env ORVEL_RUNTIME_DIR=$T/x/orvel orvel-sim run");
   device->waitForOutput("serving in ");
-  json found = examine("export XDG_RUNTIME_DIR=$T/x").checks["elsewhere"];
+  json found = examine("export XDG_RUNTIME_DIR=$T/x", 3)["elsewhere"];
   EXPECT_EQ(found.at("advice"), "export ORVEL_RUNTIME_DIR=" + file("x/orvel"));
 }
 
 TEST_F(Doctor, EachServiceThatDoesNotAnswerIsNamedAndTheAdviceMendsIt) {
   const auto device = serve("--isolate");
-  Findings well = examine();
-  EXPECT_EQ(well.status, 0);
+  json well = examine(":", 0);
   for (const char* asked : {"delegate", "power", "connectivity", "activity", "packages"}) {
-    EXPECT_GT(well.checks[asked].at("milliseconds"), 0) << asked;
+    EXPECT_GT(well[asked].at("milliseconds"), 0) << asked;
   }
-  const struct {
-    const char* set_up;
-    int status;
-    const char* check;
-    const char* message;
-    bool is_mended;
-  } rows[] = {
-      {"orvel-sim kill power", 5, "power", "is dead", true},
-      {"orvel-sim kill metrics", 5, "metrics", "is dead", true},
-      {"kill -STOP $(orvel-sim services | sed -n 's/^events .*process //p')", 4, "events", "is stopped", true},
-      {"orvel-sim hang packages", 4, "packages", "hangs", true},
-      {"orvel-sim hang connectivity", 4, "connectivity", "hangs", true},
-      {"orvel-sim exception activity", 1, "activity", "answers with an error", false},
-      {"orvel-sim exception activity; orvel-sim hang power", 4, "activity", "answers with an error", false},
+  const Finding rows[] = {
+      {"orvel-sim kill power", 5, "power", "failure", "is dead", "", 0},
+      {"orvel-sim kill metrics", 5, "metrics", "failure", "is dead", "", 0},
+      {"kill -STOP $(orvel-sim services | sed -n 's/^events .*process //p')", 4, "events", "failure", "is stopped", "",
+       0},
+      {"orvel-sim hang packages", 4, "packages", "failure", "hangs", "", 0},
+      {"orvel-sim hang connectivity", 4, "connectivity", "failure", "hangs", "", 0},
+      // What is only odd is a warning.
+      {"orvel-sim delay power isInteractive 300", 0, "power", "warning", ""},
+      {"export ORVEL_CALL_TIMEOUT_MS=soon", 0, "call limit", "warning", ""},
+      {"export ORVEL_CALL_TIMEOUT_MS=86400001", 0, "call limit", "warning", ""},
+      {"cd $T; export ORVEL_RUNTIME_DIR=device", 0, "directory", "warning", ""},
+      {"orvel-sim exception activity", 1, "activity", "failure", "answers with an error"},
+      {"orvel-sim exception activity; orvel-sim hang power", 4, "activity", "failure", "answers with an error"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.set_up);
-    Findings found = examine(row.set_up);
-    EXPECT_EQ(found.status, row.status);
-    const json check = found.checks[row.check];
-    EXPECT_EQ(check.at("state"), "failure");
-    EXPECT_TRUE(has(check.at("message"), row.message)) << check;
-    const int after = row.is_mended ? examine(check.at("advice").get<std::string>()).status : 0;
-    EXPECT_EQ(after, 0) << check;
-  }
-}
-
-TEST_F(Doctor, WhatIsOnlyOddIsAWarning) {
-  const auto device = serve();
-  const struct {
-    const char* set_up;
-    const char* check;
-    const char* state;
-  } rows[] = {
-      {"export ORVEL_CALL_TIMEOUT_MS=soon", "call limit", "warning"},
-      {"export ORVEL_CALL_TIMEOUT_MS=86400001", "call limit", "warning"},
-      {"cd $T; export ORVEL_RUNTIME_DIR=device", "directory", "warning"},
-      {"orvel-sim delay power isInteractive 300", "power", "warning"},
-  };
-  for (const auto& row : rows) {
-    Findings found = examine(row.set_up);
-    EXPECT_EQ(found.status, 0) << row.set_up;
-    EXPECT_EQ(found.checks[row.check].value("state", ""), row.state) << row.set_up;
-  }
+  for (const Finding& row : rows) expectFinding(row);
 }
 
 TEST_F(Doctor, PeopleReadOneLineACheckAndWhatToTryBelow) {

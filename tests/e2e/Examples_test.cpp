@@ -10,9 +10,8 @@ class Examples : public Device {
  protected:
   // Until the example has renewed what it subscribed to.
   void killAndRestart(const std::string& service, Process& example) const {
-    order("kill " + service);
-    order("restart " + service);
-    example.waitForError("on_binder_died:Death callback completed");
+    order("kill " + service, "restart " + service);
+    awaitRebinding(example);
   }
 
   static void expectGoodEnd(Process& example, int signal) {
@@ -25,10 +24,7 @@ ORVEL_BOTH_MODES(Examples);
 TEST_P(Examples, StatusLineHasALineForEachChangeAndNoneForWhatStays) {
   const auto status = start("status-line");
   status->waitForOutput("screen on\n");
-  for (const char* change : {"set name Hall", "network disconnected", "screen off"}) {
-    order(change);
-    order(change);
-  }
+  for (const char* change : {"set name Hall", "network disconnected", "screen off"}) order(change, change);
   status->waitForOutput("screen off\n");
   expectGoodEnd(*status, SIGINT);
   EXPECT_EQ(status->output(),
@@ -41,14 +37,10 @@ TEST_P(Examples, StatusLineHasALineForEachChangeAndNoneForWhatStays) {
 TEST_P(Examples, StatusLineAsksForWhatADeathKeptFromIt) {
   const auto status = start("status-line-fast 1");
   status->waitForOutput("Kitchen Display");
-  order("kill delegate");
-  order("set name Attic");
-  order("screen off");
-  order("restart delegate");
+  order("kill delegate", "set name Attic", "screen off", "restart delegate");
   status->waitForOutput("Attic  network ?  screen on\n");
-  status->waitForError("on_binder_died:Death callback completed");
-  order("screen on");
-  order("set name Loft");
+  awaitRebinding(*status);
+  order("screen on", "set name Loft");
   status->waitForOutput("Loft  network ?  screen on\n");
   expectGoodEnd(*status, SIGTERM);
 }
@@ -84,15 +76,13 @@ TEST_P(Examples, DirectiveHandlerAnswersEachDirectiveWithAnEventAndTellsItsResul
       {"SUCCESS --reply 0", "not accepted\n"},
   };
   for (const auto& [result, told] : rows) {
-    order(std::string("event-result ") + result);
-    order("directive Alerts SetAlert 7:30");
+    order(std::string("event-result ") + result, "directive Alerts SetAlert 7:30");
     handler->waitForOutput(std::string("Alerts.SetAlert 7:30\nSetAlertHandled: ") + told);
   }
   expectRows({{"directive-handler Alerts", "", 1, "another process has the namespace Alerts"}});
 
   for (const char* service : {"coordinator", "events"}) killAndRestart(service, *handler);
-  order("event-result SUCCESS_NO_CONTENT");
-  order("directive Alerts DeleteAlert");
+  order("event-result SUCCESS_NO_CONTENT", "directive Alerts DeleteAlert");
   handler->waitForOutput("Alerts.DeleteAlert \nDeleteAlertHandled: SUCCESS_NO_CONTENT\n");
   expectGoodEnd(*handler, SIGINT);
 }

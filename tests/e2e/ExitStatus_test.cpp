@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <set>
 
@@ -88,24 +87,31 @@ Names namesIn(const std::string& text) {
   return {std::istream_iterator<std::string>(words), {}};
 }
 
-bool isAsked(const Subcommand& each) {
-  return *each.service != '\0';
-}
-bool isDoctor(const Subcommand& each) {
-  return each.path == std::string("doctor");
-}
+// Those whose death or silence a client cannot miss.
+constexpr const char* kAskedServices[] = {"delegate", "power", "activity", "packages", "events", "metrics"};
 
 constexpr int kNotHere = -1;  // where it would depend on how fast the machine is
-using StatusOf = std::function<int(const Subcommand&)>;
+
+// What the subcommands end with that ask a service, and the others.
+struct Statuses {
+  int asking;
+  int other;
+  int doctor;
+
+  int of(const Subcommand& each) const {
+    if (each.path == std::string("doctor")) return doctor;
+    return *each.service == '\0' ? other : asking;
+  }
+};
 
 class ExitStatus : public NoDevice {
  protected:
   // Starts all of them at once, `more` behind, and expects of each that status; leaves out those with kNotHere. An
   // "@" in `program` stands for the service.
-  void expectOfAll(const std::string& program, const std::string& more, bool good, const StatusOf& status) const {
+  void expectOfAll(const std::string& program, const std::string& more, bool good, const Statuses& statuses) const {
     std::vector<std::pair<const Subcommand*, std::unique_ptr<Process>>> running;
     for (const Subcommand& each : kSubcommands) {
-      if (each.wrong == nullptr || status(each) == kNotHere) continue;
+      if (each.wrong == nullptr || statuses.of(each) == kNotHere) continue;
       const std::string words = std::string(each.path) + " " + (good ? each.good : each.wrong) + " " + more;
       std::string command = program + " " + words;
       if (const std::size_t at = command.find('@'); at != std::string::npos) command.replace(at, 1, each.service);
@@ -114,7 +120,7 @@ class ExitStatus : public NoDevice {
     for (const auto& [each, process] : running) {
       SCOPED_TRACE(each->path);
       const int ended = process->wait();
-      expectJson({ended, process->output(), process->error()}, status(*each));
+      expectJson({ended, process->output(), process->error()}, statuses.of(*each));
     }
   }
 
@@ -141,17 +147,12 @@ class ExitStatus : public NoDevice {
     return lines.back();
   }
 
-  // As --help lists them: those without subcommands of their own.
-  void collectLeaves(const std::string& path, Names& leaves) const {
-    const std::string help = outputOf("orvelctl " + path + " --help");
-    const std::string heading = "\nSubcommands:\n";
-    const std::size_t begin = help.find(heading);
-    if (begin == std::string::npos) leaves.insert(path);
-    std::istringstream lines(begin == std::string::npos ? "" : help.substr(begin + heading.size()));
-    for (std::string line; std::getline(lines, line) && !line.empty();) {
-      const std::string name = line.substr(2, line.find_first_of(" ,", 2) - 2);  // an alias follows a comma
-      if (!name.empty()) collectLeaves(path + (path.empty() ? "" : " ") + name, leaves);
-    }
+  // As the manual lists them: those that are not followed by subcommands of their own.
+  Names leaves() const {
+    const Words lines =
+        linesOf(outputOf("orvelctl --man-page | sed -n 's/^.SS orvelctl //p' | tr -d '\\\\' | "
+                         "awk 'NR > 1 && index($0, last \" \") != 1 { print last } { last = $0 } END { print last }'"));
+    return {lines.begin(), lines.end()};
   }
 
   // "delegate.33" for each transaction that the device's services have, from the help of a verb that takes them all:
@@ -196,9 +197,7 @@ TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
     EXPECT_EQ(requests(seen), expected) << command;
     made.merge(expected);
   }
-  Names listed;
-  collectLeaves("", listed);
-  EXPECT_EQ(listed, paths);
+  EXPECT_EQ(leaves(), paths);
   // Each is declared on a line that begins with its result's type.
   EXPECT_EQ(methods, namesIn(outputOf("sed -nE 's/^  [a-z][^(]*[ &]([A-Za-z]+)\\(.*/\\1/p' " ORVEL_PUBLIC_HEADER)));
   EXPECT_EQ(made, served());
@@ -207,13 +206,13 @@ TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
 TEST_F(ExitStatus, IsZeroWhereAllIsWell) {
   const auto device = serve();
   // All at once would make services slow for a doctor.
-  expectOfAll("orvelctl", "--json", true, [](const Subcommand& each) { return isDoctor(each) ? kNotHere : 0; });
+  expectOfAll("orvelctl", "--json", true, {0, 0, kNotHere});
   expectJson("orvelctl --json doctor", 0);
 }
 
 TEST_F(ExitStatus, IsTwoForWrongWordsWhereverJsonStands) {
-  expectOfAll("orvelctl", "--json", false, [](const Subcommand&) { return 2; });
-  expectOfAll("orvelctl --json", "extra extra --nonsense", false, [](const Subcommand&) { return 2; });
+  expectOfAll("orvelctl", "--json", false, {2, 2, 2});
+  expectOfAll("orvelctl --json", "extra extra --nonsense", false, {2, 2, 2});
   expectJson("orvelctl device --json --frobnicate", 2);
   for (const std::string seconds : {"nan", "inf", "-1", "0", "1e400", "1x", ""}) {
     const json failure = expectJson("orvelctl --json --timeout '" + seconds + "' device", 2);
@@ -226,20 +225,17 @@ TEST_F(ExitStatus, IsTwoForWrongWordsWhereverJsonStands) {
 }
 
 TEST_F(ExitStatus, IsThreeWithoutADevice) {
-  expectOfAll("orvelctl", "--json", true, [](const Subcommand&) { return 3; });
+  expectOfAll("orvelctl", "--json", true, {3, 3, 3});
   const json failure = expectJson("orvelctl --json device", 3);
   EXPECT_EQ(failure.at("error").at("directory"), directory().string());
 }
 
 TEST_F(ExitStatus, IsFourWhenAServiceHangs) {
   const auto device = serve();
-  for (const char* service : {"delegate", "power", "activity", "packages", "events", "metrics"}) {
-    order(std::string("hang ") + service);
-  }
-  expectOfAll("orvelctl", "--json --timeout 0.4", true,
-              [](const Subcommand& each) { return isAsked(each) ? 4 : kNotHere; });
+  for (const char* service : kAskedServices) order(std::string("hang ") + service);
+  expectOfAll("orvelctl", "--json --timeout 0.4", true, {4, kNotHere, 4});
   limitCalls(400);
-  expectOfAll("orvelctl", "--json", true, [](const Subcommand& each) { return isAsked(each) ? 4 : 0; });
+  expectOfAll("orvelctl", "--json", true, {4, 0, 4});
   // One failure in another's company, each with its service.
   const json failure = expectJson("orvelctl --json device", 4);
   EXPECT_EQ(failure.at("error").at("query"), "name");
@@ -251,20 +247,18 @@ TEST_F(ExitStatus, IsFourWhenTheTimeEndsWhileAServiceIsWaitedFor) {
   const auto device = serve();
   order("kill power");
   // The doctor looks before it waits.
-  expectOfAll("orvelctl", "--json --timeout 0.4", true,
-              [](const Subcommand& each) { return isDoctor(each) ? kNotHere : 4; });
+  expectOfAll("orvelctl", "--json --timeout 0.4", true, {4, 4, kNotHere});
 }
 
 TEST_F(ExitStatus, IsFiveWhenTheServiceIsDead) {
   std::vector<std::unique_ptr<Process>> devices;
-  for (const std::string dead : {"delegate", "power", "activity", "packages", "events", "metrics"}) {
+  for (const std::string dead : kAskedServices) {
     const std::string there = "env ORVEL_RUNTIME_DIR=$T/" + dead;
     devices.push_back(start(there + " orvel-sim run"));
     devices.back()->waitForOutput("serving in ");
     expectRows({{there + " orvel-sim kill " + dead}});
   }
-  expectOfAll("env ORVEL_RUNTIME_DIR=$T/@ orvelctl-fast", "--json", true,
-              [](const Subcommand& each) { return isAsked(each) ? 5 : kNotHere; });
+  expectOfAll("env ORVEL_RUNTIME_DIR=$T/@ orvelctl-fast", "--json", true, {5, kNotHere, 5});
 }
 
 TEST_F(ExitStatus, AnInterruptionIsAFailureTooButNotTheEndOfWatching) {

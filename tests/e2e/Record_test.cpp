@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <regex>
 #include <set>
 
 #include "Device.h"
@@ -29,15 +30,10 @@ class Recording : public Device {
     m_device->waitForOutput("serving in ");
   }
 
-  // The status and the output of each, as one text. "; " separates the questions.
+  // The output and the status of each, as one text. "; " separates the questions.
   std::string ask(const std::string& questions) const {
-    std::string all;
-    for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 2) {
-      end = questions.find("; ", begin);
-      const Result result = run("orvelctl " + questions.substr(begin, end - begin));
-      all += std::to_string(result.status) + "\n" + result.output;
-    }
-    return all;
+    const std::string more = std::regex_replace(questions, std::regex("; "), "; echo $$?; orvelctl ");
+    return outputOf("orvelctl " + more + "; echo $?");
   }
 
   // All that a client can ask and be told, as one text. The device itself is made to tell by `orders`.
@@ -87,11 +83,8 @@ TEST_P(Recording, ASessionOfEveryMethodIsReplayedByteForByte) {
 }
 
 TEST_P(Recording, WhatIdentifiesTheOwnerIsNowhereAndTheReplayStillFits) {
-  for (const char* words :
-       {"name 'Annas Kitchen'", "serialNumber SN-original", "customerId account-original",
-        R"(info '["info-original", "alder"]')", "setting text setting-original", "setting number 128"}) {
-    order(std::string("set ") + words);
-  }
+  order("set name 'Annas Kitchen'", "set serialNumber SN-original", "set customerId account-original",
+        R"(set info '["info-original", "alder"]')", "set setting text setting-original", "set setting number 128");
   const auto recorder = record();
   const auto watcher = start("orvelctl watch --json --count 3 name setting:k package", "orvelctl: watching ");
   const std::string questions =
@@ -103,10 +96,7 @@ TEST_P(Recording, WhatIdentifiesTheOwnerIsNowhereAndTheReplayStillFits) {
   const std::string answers = ask(questions);
   ask("setting text; get type; get name; pm has-feature 'of Annas Kitchen'");
   const auto holder = start("orvelctl directive --count 1 Alerts", "orvelctl: watching ");
-  for (const char* words :
-       {"directive Alerts directive-original", "set name Second-original", "set setting k 7", "package added a.b"}) {
-    order(words);
-  }
+  order("directive Alerts directive-original", "set name Second-original", "set setting k 7", "package added a.b");
   holder->wait();
   watcher->wait();
   std::set<std::string> payloads;
@@ -176,13 +166,10 @@ TEST_P(Recording, AFileIsNeitherOverwrittenUnaskedNorLeftWithHalfALine) {
 }
 
 TEST_P(Recording, AScenarioOfARecordingAnswersTheSame) {
-  for (const char* words :
-       {"set delegate name Attic", "set settings volume_alarm 3", R"(set info '["a", "", "c", "d"]')",
+  order("set delegate name Attic", "set settings volume_alarm 3", R"(set info '["a", "", "c", "d"]')",
         R"(set features '["one", "two"]')", "set metrics interfaceVersion 5", "package remove com.android.shell",
         "package install com.example.app --version-code 7 --uid 1000", "set package com.example.app resources 17 text",
-        "screen off"}) {
-    order(words);
-  }
+        "screen off");
   const std::string questions =
       "device; setting volume_alarm; setting unset; pm has-feature two; pm has-feature android.hardware.wifi; "
       "pm list packages; pm list packages --uid 1000; pm version-code com.example.app; "
@@ -330,19 +317,11 @@ TEST_F(Replaying, SeedsAreTheWholeMessagesThatWereSentEachOnce) {
 }
 
 TEST_F(Replaying, TheDocumentListsWhatIsMasked) {
-  std::istringstream help(outputOf("orvel-sim traffic --help"));
   const std::string document = contentOf(ORVEL_RECORDINGS_DOCUMENT);
-  int rows = 0;
-  for (std::string text; std::getline(help, text);) {
-    const std::size_t slash = text.find('/');
-    std::istringstream words(slash == std::string::npos || text[slash - 1] != ' ' ? "" : text.substr(slash));
-    std::string path;
-    std::string about;
-    if (!std::getline(words >> path >> std::ws, about)) continue;
-    EXPECT_TRUE(has(document, "`" + path + "` | " + about + " |")) << text;
-    ++rows;
-  }
-  EXPECT_GE(rows, 14);
+  const Words rows =
+      linesOf(outputOf("orvel-sim traffic --help | sed -nE 's;^.* (/[^ ]*) +([^ ].*)$;`\\1` | \\2 |;p'"));
+  for (const std::string& row : rows) EXPECT_TRUE(has(document, row)) << row;
+  EXPECT_GE(rows.size(), 14U);
 }
 
 }  // namespace
