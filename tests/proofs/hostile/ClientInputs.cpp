@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Inputs.h"
+#include "support/Process.h"
 
 namespace orvel::hostile {
 namespace {
@@ -52,7 +53,7 @@ void broadcast(Target& target) {
 
 // The setting of the registrations above gets a value that it never had.
 void change_setting(Target& target) {
-  target.change_setting("hostile", std::to_string(target.random()));
+  test::run({"orvel-sim", "set", "settings", "hostile", std::to_string(target.random())});
 }
 
 // Whole messages that are not for here.
@@ -323,38 +324,17 @@ void add_amounts(Inputs& inputs) {
     line.send(good_call().bytes());
     expect_served(target, line);
   });
-  for (const char* kind : {"silent", "calling"}) {
-    add("300-connections-of-another-process-"s + kind, [kind](Target& target) { target.run_flood(kind); });
-  }
-}
-
-void add_mutations(Inputs& inputs, long count) {
-  for (long n = 0; n < count; ++n) {
-    inputs.push_back({"client/mutated/" + std::to_string(n), [n](Target& target) {
-                        BusLine& line = target.connect(n % 2 == 0 ? kPower : kDelegate);
-                        const BusMessage open = test::bus_open(test::kServices[n % 2 == 0 ? kPower : kDelegate]);
-                        line.send(test::kBusHello + open.bytes());
-                        if (n % 2 == 0) {
-                          line.send(mutated(good_call().bytes(), target.random));
-                        } else {
-                          BusMessage call = registration();
-                          call.body = mutated(call.body, target.random);
-                          target.keep(send_with_channel(line, call));
-                        }
-                      }});
-  }
 }
 
 }  // namespace
 
-std::vector<ClientInput> client_inputs(long count) {
+std::vector<ClientInput> client_inputs() {
   Inputs inputs;
   add_rules(inputs);
   add_channels(inputs);
   add_references(inputs);
   add_answers(inputs);
   add_amounts(inputs);
-  add_mutations(inputs, count);
   return inputs;
 }
 

@@ -61,11 +61,6 @@ class Target {
   // The answer to the call with this serial; throws where there is none.
   [[nodiscard]] Answer expect_answer(BusLine& line, std::uint32_t serial) const;
 
-  // Starts another process that attacks in the way of that name; it is gone when this returns.
-  std::function<void(const std::string& kind)> run_flood;
-  // Changes a setting of the device, which tells those who registered for it.
-  std::function<void(const std::string& key, const std::string& value)> change_setting;
-
   std::mt19937_64 random;
 
  private:
@@ -107,9 +102,9 @@ struct ServiceInput {
   std::function<void(Visit&)> run;
 };
 
-// `count` is how many inputs are made by chance.
-std::vector<ClientInput> client_inputs(long count);
+std::vector<ClientInput> client_inputs();
 std::vector<ClientInput> service_request_inputs();
+// `count` is how many inputs are made by chance.
 std::vector<ServiceInput> service_inputs(long count);
 
 // The message with another value of one member.
