@@ -84,11 +84,6 @@ void Visit::serve_well() {
   while (const auto call = next_call()) line.send(test::bus_answer(call->serial, 0, view_of(result)).bytes());
 }
 
-void Visit::serve_nothing() {
-  m_waits = true;
-  line.is_dropped(kVisitMs);
-}
-
 // ---- Messages ----
 
 BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments) {

@@ -87,8 +87,7 @@ class Visit {
   std::optional<BusReceived> next_call();
   // Answers every call as a good service would, until one brings a callback channel, and that one too.
   std::optional<BusLine> wait_for_channel();
-  void serve_well();     // until the client hangs up
-  void serve_nothing();  // likewise
+  void serve_well();  // until the client hangs up
 
   BusLine line;
   std::mt19937_64 random;
