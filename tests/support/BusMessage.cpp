@@ -109,24 +109,15 @@ BusMessage bus_open(const std::string& service) {
   return open;
 }
 
-BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes) {
-  BusMessage call = message(bus_path(service), "Call", "uay", BusBody().u32(code).array(bytes).bytes());
-  call.serial = serial;
-  return call;
-}
-
 BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
-                    const std::vector<std::uint64_t>& endpoints, bool channel) {
-  BusMessage call = bus_call(service, serial, code, bytes);
+                    const Endpoints& endpoints, bool channel) {
   BusBody body;
-  body.raw(call.body).array(endpoints);
-  call.signature = "uayat";
-  if (channel) {
-    body.u32(0);
-    call.signature = "uayath";
-    call.descriptors = 1;
-  }
-  call.body = body.bytes();
+  body.u32(code).array(bytes);
+  if (endpoints) body.array(*endpoints);
+  if (endpoints && channel) body.u32(0);
+  BusMessage call = message(bus_path(service), "Call", !endpoints ? "uay" : channel ? "uayath" : "uayat", body.bytes());
+  call.serial = serial;
+  if (endpoints && channel) call.descriptors = 1;
   return call;
 }
 

@@ -35,7 +35,7 @@ BusMessage registration(std::uint32_t serial = 2, const std::vector<std::uint64_
   return call_to(kDelegate, serial, kRegisterForBroadcast, test::wire("'hostile' 0 0 1447383888 0"), numbers);
 }
 BusMessage setting_registration() {
-  return call_to(kDelegate, 2, kRegisterForSettings, test::wire("'hostile' 1447383888 0"), {1});
+  return call_to(kDelegate, 2, kRegisterForSettings, test::wire("'hostile' 1447383888 0"), {{1}});
 }
 
 void expect_served(const Target& target, BusLine& line, std::uint32_t serial = 2) {
@@ -87,7 +87,7 @@ void add_rules(Inputs& inputs) {
       {"a-signal", true, with(call, &BusMessage::type, test::kBusSignal).bytes()},
       {"one-way", false, with(call, &BusMessage::flags, test::kNoReplyExpected).bytes()},
       {"the-same-serial-again", false, call.bytes() + call.bytes() + call.bytes()},
-      {"endpoints-without-a-channel", true, test::bus_call(test::kServices[kPower], 2, 1, "", {1}, false).bytes()},
+      {"endpoints-without-a-channel", true, test::bus_call(test::kServices[kPower], 2, 1, "", {{1}}, false).bytes()},
       {"array-length-beyond-the-body", true, endless(UINT32_MAX)},
       {"array-length-negative", true, endless(0x80000000U)},
       {"array-of-64-mib-announced", true, endless(64U << 20U)},
@@ -183,7 +183,7 @@ void add_references(Inputs& inputs) {
       [](Target& target) { registered(target, target.open(kDelegate), std::vector<std::uint64_t>(64, 1)); });
   add("none-but-a-channel", [](Target& target) {
     BusLine& line = target.open(kDelegate);
-    const BusLine channel = send_with_channel(line, call_to(kDelegate, 2, 33, {}, {}));
+    const BusLine channel = send_with_channel(line, call_to(kDelegate, 2, 33, {}, std::vector<std::uint64_t>()));
     static_cast<void>(target.expect_answer(line, 2));
   });
   for (const std::size_t count : {std::size_t{5'000}, std::size_t{500'000}}) {

@@ -113,11 +113,10 @@ BusMessage with(BusMessage message, Member BusMessage::*member, std::decay_t<Mem
   return message;
 }
 
-// A call to a service of the device, whose arguments stand behind the header of every request.
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {});
-// With endpoints, and the callback channel.
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments,
-                   const std::vector<std::uint64_t>& endpoints);
+// A call to a service of the device, whose arguments stand behind the header of every request. With endpoints it has the
+// callback channel too.
+BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {},
+                   const test::Endpoints& endpoints = std::nullopt);
 
 // Sends a call that brings the callback channel along; returns this side's end of it, greeted or silent.
 BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted = true);

@@ -33,7 +33,7 @@ struct Attacked {
     BusLine& line = target.open(service);
     const std::string name = test::kServices.at(service);
     if (with_endpoint) {
-      target.keep(send_with_channel(line, test::bus_call(name, 2, code, bytes, {1}, true)));
+      target.keep(send_with_channel(line, test::bus_call(name, 2, code, bytes, {{1}})));
     } else {
       line.send(test::bus_call(name, 2, code, bytes).bytes());
     }
