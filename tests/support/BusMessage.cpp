@@ -198,12 +198,8 @@ bool BusLine::send(std::string_view bytes, const std::vector<int>& descriptors, 
 }
 
 bool BusLine::is_dropped(int limit_ms) {
-  char bytes[65536];
-  pollfd ready{m_socket.get(), POLLIN, 0};
-  while (::poll(&ready, 1, limit_ms) > 0) {
-    if (::recv(m_socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT) <= 0) return true;
-  }
-  return false;
+  while (read_more(limit_ms)) m_input.clear();
+  return m_has_ended;
 }
 
 bool BusLine::read_more(int limit_ms) {
@@ -218,7 +214,8 @@ bool BusLine::read_more(int limit_ms) {
   header.msg_control = control;
   header.msg_controllen = sizeof(control);
   const ssize_t size = ::recvmsg(m_socket.get(), &header, MSG_CMSG_CLOEXEC);
-  if (size <= 0) return false;
+  m_has_ended = size <= 0;
+  if (m_has_ended) return false;
   for (cmsghdr* attached = CMSG_FIRSTHDR(&header); attached != nullptr; attached = CMSG_NXTHDR(&header, attached)) {
     if (attached->cmsg_type != SCM_RIGHTS) continue;
     for (std::size_t at = 0; at + CMSG_LEN(0) < attached->cmsg_len; at += sizeof(int)) {

@@ -121,11 +121,12 @@ class BusLine {
   std::vector<vesk::UniqueFd>& received_descriptors() { return m_descriptors; }
 
  private:
-  bool read_more(int limit_ms);
+  bool read_more(int limit_ms);  // false at the end of the connection or of the limit
 
   vesk::UniqueFd m_socket;
   std::string m_input;
   bool m_in_handshake = true;
+  bool m_has_ended = false;
   std::vector<vesk::UniqueFd> m_descriptors;
 };
 
