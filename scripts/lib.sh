@@ -16,7 +16,7 @@ packaging_packages=(build-essential debhelper dpkg-dev)
 packaging_check_packages=(binutils file lintian debootstrap)
 check_packages=(
   clang-14 clang-format-14 clang-tidy-14 lld-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
-  binutils shellcheck doxygen valgrind libc6-dbg python3
+  binutils shellcheck doxygen python3
   groff mandoc blueprint-tools
   "${packaging_packages[@]}" "${packaging_check_packages[@]}"
 )

@@ -60,24 +60,6 @@ class Choices {
     return bytes;
   }
 
-  // Well-formed UTF-8 of one to four bytes a character, with a NUL now and then.
-  std::string text() {
-    std::string text;
-    for (const char drawn : bytes()) {
-      const auto unit = static_cast<unsigned char>(drawn);
-      if (unit < 0x80) {
-        text += drawn;
-      } else if (unit < 0xC0) {
-        text += {'\xC3', drawn};
-      } else if (unit < 0xE0) {
-        text += {'\xE2', '\x82', static_cast<char>(unit - 0x40)};
-      } else {
-        text += {'\xF0', '\x9F', '\x98', static_cast<char>(unit - 0x60)};
-      }
-    }
-    return text;
-  }
-
  private:
   void drop(std::size_t size) {
     m_left.data += size;

@@ -109,7 +109,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const bool greets = choices.byte() % 2 == 1;
     BusLine(std::move(mine)).send((greets ? kBusHello : "") + textOf(choices.rest()));
     const Bytes mark = Bytes().i32(0x56455350).i32(0);
-    line.send(bus_call(kServiceName, 2, 2, view_of(mark), {5}, true).bytes(), {theirs.get()});
+    line.send(bus_call(kServiceName, 2, 2, view_of(mark), {{5}}).bytes(), {theirs.get()});
   } else {
     send(textOf(choices.rest()));
   }

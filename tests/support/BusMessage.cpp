@@ -109,24 +109,15 @@ BusMessage bus_open(const std::string& service) {
   return open;
 }
 
-BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes) {
-  BusMessage call = message(bus_path(service), "Call", "uay", BusBody().u32(code).array(bytes).bytes());
-  call.serial = serial;
-  return call;
-}
-
 BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
-                    const std::vector<std::uint64_t>& endpoints, bool channel) {
-  BusMessage call = bus_call(service, serial, code, bytes);
+                    const Endpoints& endpoints, bool channel) {
   BusBody body;
-  body.raw(call.body).array(endpoints);
-  call.signature = "uayat";
-  if (channel) {
-    body.u32(0);
-    call.signature = "uayath";
-    call.descriptors = 1;
-  }
-  call.body = body.bytes();
+  body.u32(code).array(bytes);
+  if (endpoints) body.array(*endpoints);
+  if (endpoints && channel) body.u32(0);
+  BusMessage call = message(bus_path(service), "Call", !endpoints ? "uay" : channel ? "uayath" : "uayat", body.bytes());
+  call.serial = serial;
+  if (endpoints && channel) call.descriptors = 1;
   return call;
 }
 
@@ -207,12 +198,8 @@ bool BusLine::send(std::string_view bytes, const std::vector<int>& descriptors, 
 }
 
 bool BusLine::is_dropped(int limit_ms) {
-  char bytes[65536];
-  pollfd ready{m_socket.get(), POLLIN, 0};
-  while (::poll(&ready, 1, limit_ms) > 0) {
-    if (::recv(m_socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT) <= 0) return true;
-  }
-  return false;
+  while (read_more(limit_ms)) m_input.clear();
+  return m_has_ended;
 }
 
 bool BusLine::read_more(int limit_ms) {
@@ -227,7 +214,8 @@ bool BusLine::read_more(int limit_ms) {
   header.msg_control = control;
   header.msg_controllen = sizeof(control);
   const ssize_t size = ::recvmsg(m_socket.get(), &header, MSG_CMSG_CLOEXEC);
-  if (size <= 0) return false;
+  m_has_ended = size <= 0;
+  if (m_has_ended) return false;
   for (cmsghdr* attached = CMSG_FIRSTHDR(&header); attached != nullptr; attached = CMSG_NXTHDR(&header, attached)) {
     if (attached->cmsg_type != SCM_RIGHTS) continue;
     for (std::size_t at = 0; at + CMSG_LEN(0) < attached->cmsg_len; at += sizeof(int)) {

@@ -61,6 +61,9 @@ struct BusMessage {
   [[nodiscard]] std::string bytes() const;
 };
 
+// The numbers of what travels with a call; nothing for one that is of a kind without them.
+using Endpoints = std::optional<std::vector<std::uint64_t>>;
+
 std::string_view view_of(const Bytes& bytes);
 
 // The object path of a service.
@@ -69,9 +72,8 @@ std::string bus_path(const std::string& service);
 // The messages of a client: the first one, which names the service, and a call with its code and its bytes. A call with
 // endpoints has their numbers, and the descriptor of the callback channel unless the channel is there already.
 BusMessage bus_open(const std::string& service);
-BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes);
 BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
-                    const std::vector<std::uint64_t>& endpoints, bool channel);
+                    const Endpoints& endpoints = std::nullopt, bool channel = true);
 
 // The messages of a service: an answer, and on the callback channel a call of an endpoint and its release.
 BusMessage bus_answer(std::uint32_t to, std::int32_t status, std::string_view bytes);
@@ -119,11 +121,12 @@ class BusLine {
   std::vector<vesk::UniqueFd>& received_descriptors() { return m_descriptors; }
 
  private:
-  bool read_more(int limit_ms);
+  bool read_more(int limit_ms);  // false at the end of the connection or of the limit
 
   vesk::UniqueFd m_socket;
   std::string m_input;
   bool m_in_handshake = true;
+  bool m_has_ended = false;
   std::vector<vesk::UniqueFd> m_descriptors;
 };
 

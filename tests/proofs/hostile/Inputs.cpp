@@ -84,22 +84,12 @@ void Visit::serve_well() {
   while (const auto call = next_call()) line.send(test::bus_answer(call->serial, 0, view_of(result)).bytes());
 }
 
-void Visit::serve_nothing() {
-  m_waits = true;
-  line.is_dropped(kVisitMs);
-}
-
 // ---- Messages ----
 
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments) {
-  return test::bus_call(test::kServices.at(service), serial, code,
-                        view_of(test::request(test::kInterfaces.at(service), arguments)));
-}
-
 BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments,
-                   const std::vector<std::uint64_t>& endpoints) {
+                   const test::Endpoints& endpoints) {
   return test::bus_call(test::kServices.at(service), serial, code,
-                        view_of(test::request(test::kInterfaces.at(service), arguments)), endpoints, true);
+                        view_of(test::request(test::kInterfaces.at(service), arguments)), endpoints);
 }
 
 BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted) {

@@ -61,11 +61,6 @@ class Target {
   // The answer to the call with this serial; throws where there is none.
   [[nodiscard]] Answer expect_answer(BusLine& line, std::uint32_t serial) const;
 
-  // Starts another process that attacks in the way of that name; it is gone when this returns.
-  std::function<void(const std::string& kind)> run_flood;
-  // Changes a setting of the device, which tells those who registered for it.
-  std::function<void(const std::string& key, const std::string& value)> change_setting;
-
   std::mt19937_64 random;
 
  private:
@@ -92,8 +87,7 @@ class Visit {
   std::optional<BusReceived> next_call();
   // Answers every call as a good service would, until one brings a callback channel, and that one too.
   std::optional<BusLine> wait_for_channel();
-  void serve_well();     // until the client hangs up
-  void serve_nothing();  // likewise
+  void serve_well();  // until the client hangs up
 
   BusLine line;
   std::mt19937_64 random;
@@ -107,9 +101,9 @@ struct ServiceInput {
   std::function<void(Visit&)> run;
 };
 
-// `count` is how many inputs are made by chance.
-std::vector<ClientInput> client_inputs(long count);
+std::vector<ClientInput> client_inputs();
 std::vector<ClientInput> service_request_inputs();
+// `count` is how many inputs are made by chance.
 std::vector<ServiceInput> service_inputs(long count);
 
 // The message with another value of one member.
@@ -119,11 +113,10 @@ BusMessage with(BusMessage message, Member BusMessage::*member, std::decay_t<Mem
   return message;
 }
 
-// A call to a service of the device, whose arguments stand behind the header of every request.
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {});
-// With endpoints, and the callback channel.
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments,
-                   const std::vector<std::uint64_t>& endpoints);
+// A call to a service of the device, whose arguments stand behind the header of every request. With endpoints it has the
+// callback channel too.
+BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {},
+                   const test::Endpoints& endpoints = std::nullopt);
 
 // Sends a call that brings the callback channel along; returns this side's end of it, greeted or silent.
 BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted = true);

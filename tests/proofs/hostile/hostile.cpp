@@ -34,10 +34,8 @@ constexpr long kMostUsedKb = 400 * 1024;
 // Descriptors that a shutdown may leave for the next run of the loop to close; a leak soon exceeds them.
 constexpr std::size_t kMostLeftOpen = 2;
 
-struct Options {
-  bool valgrind = false;
-  std::string role;  // of another process that this program starts
-};
+// Within which a call to the device ends.
+constexpr int kLimitMs = 500;
 
 // A client that keeps the rules, over a connection from before the attack and one made after it.
 class Witness {
@@ -57,14 +55,6 @@ class Witness {
     vesk_service_unbind(m_runtime, &now);
   }
 
-  void change_setting(const std::string& key, const std::string& value) {
-    vesk_handle control = look_up("orvel-sim-control");
-    const std::string order =
-        R"({"order":"change","change":{"path":"/delegate/settings/)" + key + R"(","value":")" + value + R"("}})";
-    const test::BufferPtr reply = call(control, 0, Bytes().utf16(order), "with an order");
-    vesk_service_unbind(m_runtime, &control);
-  }
-
  private:
   vesk_handle look_up(const char* name) {
     vesk_handle handle{};
@@ -73,15 +63,10 @@ class Witness {
     return handle;
   }
 
-  test::BufferPtr call(vesk_handle handle, unsigned code, const Bytes& bytes, const std::string& how) {
-    test::BufferPtr reply(vesk_buffer_alloc());
-    const int error = hostile::call(m_runtime, handle, code, bytes, nullptr, reply.get());
+  void ask(vesk_handle handle, const std::string& how) {
+    const test::BufferPtr reply(vesk_buffer_alloc());
+    const int error = call(m_runtime, handle, 1, request_to(test::kPower), nullptr, reply.get());
     if (error != 0) throw Broken("others are not served " + how + ": " + std::to_string(error));
-    return reply;
-  }
-
-  void ask(vesk_handle handle, const char* how) {
-    const test::BufferPtr reply = call(handle, 1, request_to(test::kPower), how);
     if (vesk_read_i32(reply.get()) != 0 || vesk_read_i32(reply.get()) != 1) throw Broken("others get wrong answers");
   }
 
@@ -92,29 +77,19 @@ class Witness {
 // A process under attack, and what it held before.
 class Victim {
  public:
-  Victim(test::Words command, const std::string& log, bool valgrind, const char* ready) : m_valgrind(valgrind) {
-    const test::Words wrap = {"/usr/bin/env",
-                              "valgrind",
-                              "-q",
-                              "--error-exitcode=99",
-                              "--leak-check=full",
-                              "--errors-for-leak-kinds=definite",
-                              "--suppressions=" ORVEL_VALGRIND_SUPPRESSIONS};
-    if (valgrind) command.insert(command.begin(), wrap.begin(), wrap.end());
-    m_process = std::make_unique<test::Process>(command, test::Words{}, test::ProcessOptions{log, SIGKILL});
-    m_process->waitForOutput(ready, Limit(60'000));
+  Victim(const test::Words& command, const std::string& log) : m_process(command, {}, {log}) {
+    m_process.waitForOutput("");
   }
 
-  test::Process& process() { return *m_process; }
+  test::Process& process() { return m_process; }
   void settle() {
     m_descriptors = usage().descriptors;
     m_kept_kb = usage().resident_kb;
   }
-  void reset_peak() const { std::ofstream("/proc/" + std::to_string(m_process->pid()) + "/clear_refs") << "5"; }
-  [[nodiscard]] long grown_kb() const { return usage().resident_kb - m_kept_kb; }
+  void reset_peak() const { std::ofstream("/proc/" + std::to_string(m_process.pid()) + "/clear_refs") << "5"; }
 
-  void expect_nothing_kept(int limit_ms) const {
-    const auto limit = Clock::now() + Limit(limit_ms);
+  void expect_nothing_kept() const {
+    const auto limit = Clock::now() + Limit(1000 + 2 * kLimitMs);
     while (usage().descriptors > m_descriptors + kMostLeftOpen && Clock::now() < limit) {
       std::this_thread::sleep_for(Limit(1));
     }
@@ -122,41 +97,31 @@ class Victim {
     if (now.descriptors > m_descriptors + kMostLeftOpen) {
       throw Broken(std::to_string(now.descriptors) + " descriptors, before " + std::to_string(m_descriptors));
     }
-    if (m_valgrind) return;
     const long used = now.peak_kb - m_kept_kb;
     if (used > kMostUsedKb * ORVEL_MEMORY_FACTOR) throw Broken("it used " + std::to_string(used) + " KiB more");
-    if (grown_kb() > kMostKeptKb * ORVEL_MEMORY_FACTOR) throw Broken("it keeps " + std::to_string(grown_kb()) + " KiB");
+    const long kept = now.resident_kb - m_kept_kb;
+    if (kept > kMostKeptKb * ORVEL_MEMORY_FACTOR) throw Broken("it keeps " + std::to_string(kept) + " KiB");
   }
 
  private:
-  [[nodiscard]] test::Usage usage() const { return test::usageOf(m_process->pid()); }
+  [[nodiscard]] test::Usage usage() const { return test::usageOf(m_process.pid()); }
 
-  const bool m_valgrind;
-  std::unique_ptr<test::Process> m_process;
+  test::Process m_process;
   std::size_t m_descriptors = 0;
   long m_kept_kb = 0;
 };
 
 class Hostilities {
  public:
-  Hostilities(const Options& options, std::uint64_t seed)
-      : m_options(options), m_seed(seed), m_limit_ms(options.valgrind ? 20'000 : 500) {
+  explicit Hostilities(std::uint64_t seed) : m_seed(seed) {
     ::setenv("ORVEL_RUNTIME_DIR", directory().c_str(), 1);
-    ::setenv("ORVEL_CALL_TIMEOUT_MS", std::to_string(m_limit_ms).c_str(), 1);
+    ::setenv("ORVEL_CALL_TIMEOUT_MS", std::to_string(kLimitMs).c_str(), 1);
   }
 
   void attack_device(const ClientInput& input) {
     start_device();
-    attempt(m_device, input.name, [&] {
-      Target target(directory(), 2 * m_limit_ms, seed_of(input.name));
-      target.run_flood = [this](const std::string& kind) {
-        test::Process other({"/proc/self/exe", "--role", kind});
-        other.waitForOutput("flooded");
-        m_witness->expect_service();
-      };
-      target.change_setting = [this](const std::string& key, const std::string& value) {
-        m_witness->change_setting(key, value);
-      };
+    attempt(m_device, [&] {
+      Target target(directory(), 2 * kLimitMs, seed_of(input.name));
       input.run(target);
       m_witness->expect_service();
     });
@@ -166,8 +131,7 @@ class Hostilities {
     start_device();
     if (!m_client) {
       m_listener = take_place_of(test::kServices[test::kDelegate]);
-      m_client =
-          std::make_unique<Victim>(test::Words{"/proc/self/exe", "--role", "victim"}, log(), m_options.valgrind, "");
+      m_client = std::make_unique<Victim>(test::Words{"/proc/self/exe", "--victim"}, log());
       // The first callback channel gives the event loop a descriptor that it keeps.
       live_once({"", [](Visit& visit) {
                    visit.line.send(test::kBusAnswer);
@@ -175,7 +139,7 @@ class Hostilities {
                  }});
       m_client->settle();
     }
-    attempt(m_client, input.name, [&] { live_once(input); });
+    attempt(m_client, [&] { live_once(input); });
   }
 
   // Both must end in peace. To be called when no input is left.
@@ -184,18 +148,10 @@ class Hostilities {
     for (Victim* victim : {m_client.get(), m_device.get()}) {
       if (victim == nullptr) continue;
       victim->process().signal(SIGTERM);
-      const int status = victim->process().wait(Limit(20 * m_limit_ms));
+      const int status = victim->process().wait(Limit(20 * kLimitMs));
       // A client without orders ends by the signal itself.
       test::require(status == 0 || status == 128 + SIGTERM, "a process ended with status " + std::to_string(status));
     }
-  }
-
-  [[nodiscard]] std::string report() const {
-    const auto grown = [](const std::unique_ptr<Victim>& victim) {
-      return std::to_string(victim ? victim->grown_kb() : 0);
-    };
-    return "slowest " + std::to_string(m_slowest.first) + " ms (" + m_slowest.second + "), device +" + grown(m_device) +
-           " KiB, client +" + grown(m_client) + " KiB";
   }
 
  private:
@@ -203,7 +159,7 @@ class Hostilities {
   [[nodiscard]] std::string log() const { return m_workplace.path() / "log"; }
   void start_device() {
     if (m_device) return;
-    m_device = std::make_unique<Victim>(test::Words{"orvel-sim", "run"}, log(), m_options.valgrind, "");
+    m_device = std::make_unique<Victim>(test::Words{"orvel-sim", "run"}, log());
     m_witness = std::make_unique<Witness>();
     m_witness->expect_service();
     m_device->settle();
@@ -213,14 +169,11 @@ class Hostilities {
   [[nodiscard]] std::uint64_t seed_of(const std::string& name) const { return std::hash<std::string>()(name) ^ m_seed; }
 
   template <typename Attack>
-  void attempt(std::unique_ptr<Victim>& victim, const std::string& name, const Attack& attack) {
+  static void attempt(std::unique_ptr<Victim>& victim, const Attack& attack) {
     victim->reset_peak();
-    const auto start = Clock::now();
     try {
       attack();
-      const auto took = std::chrono::duration_cast<Limit>(Clock::now() - start).count();
-      m_slowest = std::max(m_slowest, {took, name});
-      victim->expect_nothing_kept(1000 + 2 * m_limit_ms);
+      victim->expect_nothing_kept();
       if (!victim->process().hasEnded()) return;
       throw Broken("the process has ended with status " + std::to_string(victim->process().wait()));
     } catch (...) {
@@ -268,10 +221,10 @@ class Hostilities {
     try {
       m_client->process().write("run");
       // A name and two registrations, each of which may have to wait for its limit.
-      result = m_client->process().waitForOutput("asked ", Limit(3 * m_limit_ms + 1000));
+      result = m_client->process().waitForOutput("asked ", Limit(3 * kLimitMs + 1000));
       for (int n = 0; n < 400 && !idle; ++n) std::this_thread::sleep_for(Limit(10));
       m_client->process().write("end");
-      m_client->process().waitForOutput("ended", Limit(m_limit_ms + 1000));
+      m_client->process().waitForOutput("ended", Limit(kLimitMs + 1000));
     } catch (const std::runtime_error& error) {
       failure = error.what();
     }
@@ -283,20 +236,15 @@ class Hostilities {
     if (result != "11 []" && result != "11 [Rogue]" && !is_mutated) throw Broken("the client says " + result);
   }
 
-  const Options& m_options;
   const std::uint64_t m_seed;
-  const int m_limit_ms;
   test::TemporaryDirectory m_workplace;
   std::unique_ptr<Victim> m_device;
   std::unique_ptr<Witness> m_witness;
   vesk::UniqueFd m_listener;
   std::unique_ptr<Victim> m_client;
-  std::pair<long, std::string> m_slowest;
 };
 
-// ---- What other processes do ----
-
-// A client whose delegate service is hostile, once for each line "run"; it shuts down at the next line.
+// The process that is attacked as a client: it starts once for each line "run", and shuts down at the next line.
 int live() {
   auto& client = service_apis::OrvelDelegateClient::getClient();
   std::cout << "ready" << std::endl;
@@ -313,55 +261,27 @@ int live() {
   return 0;
 }
 
-// Makes more connections than one process may have.
-int flood(const std::string& kind) {
-  Target target(std::getenv("ORVEL_RUNTIME_DIR"), 1000, 0);
-  for (int n = 0; n < 300; ++n) {
-    BusLine& line = target.connect();
-    if (kind == "silent") continue;
-    line.send(test::kBusHello + test::bus_open(test::kServices[test::kPower]).bytes());
-    line.send(call_to(test::kPower, 2, 1).bytes());
-  }
-  std::cout << "flooded" << std::endl;
-  std::cin.get();  // until it is killed
-  return 0;
-}
-
-// Reports what `attack` throws.
-template <typename Attack>
-void report(const Attack& attack) {
-  try {
-    attack();
-  } catch (const std::exception& error) {
-    test::require(false, error.what());
-  }
-}
-
 int run(int argc, char** argv) {
-  Options options;
+  bool is_victim = false;
   test::Runner runner("orvel-hostile",
                       "Hostile clients against the simulated device, and a hostile service against a client", 60);
-  runner.options().add_flag("--valgrind", options.valgrind, "run the attacked processes under valgrind");
-  runner.options().add_option("--role", options.role)->group("");
+  runner.options().add_flag("--victim", is_victim)->group("");
   if (const auto status = runner.parse(argc, argv)) return *status;
   std::signal(SIGPIPE, SIG_IGN);
   const rlimit usual{1024, 1024};  // what the device's own limits are made for, whatever this machine allows
   ::setrlimit(RLIMIT_NOFILE, &usual);
-  if (options.role == "victim") return live();
-  if (!options.role.empty()) return flood(options.role);
+  if (is_victim) return live();
 
-  Hostilities hostilities(options, runner.seed());
-  for (const auto& inputs : {service_request_inputs(), client_inputs(runner.count())}) {
-    for (const ClientInput& input : inputs)
-      runner.add(input.name, [&, input] { report([&] { hostilities.attack_device(input); }); });
+  Hostilities hostilities(runner.seed());
+  for (const auto& inputs : {service_request_inputs(), client_inputs()}) {
+    for (const ClientInput& input : inputs) runner.add(input.name, [&, input] { hostilities.attack_device(input); });
   }
   for (const ServiceInput& input : service_inputs(runner.count())) {
-    runner.add(input.name, [&, input] { report([&] { hostilities.attack_client(input); }); });
+    runner.add(input.name, [&, input] { hostilities.attack_client(input); });
   }
   return runner.run([&] {
-    const std::string report = hostilities.report();
     hostilities.finish();
-    return report;
+    return "others are served as before";
   });
 }
 

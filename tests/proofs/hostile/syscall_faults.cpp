@@ -15,7 +15,6 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -42,6 +41,21 @@ bool fails(const char* function) {
   return true;
 }
 
+// A function and how it fails, from the `first` use on. Each is in the list by being there.
+struct Kind {
+  Kind(const char* of, std::vector<int> with, int from = 1) : function(of), errors(std::move(with)), first(from) {
+    all().push_back(this);
+  }
+  static std::vector<const Kind*>& all() {
+    static std::vector<const Kind*> s_kinds;
+    return s_kinds;
+  }
+
+  const char* function;
+  std::vector<int> errors;
+  int first;
+};
+
 template <typename Function>
 Function* real(const char* name) {
   return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
@@ -50,54 +64,69 @@ Function* real(const char* name) {
 }  // namespace
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
-#define STAND_IN(type, name, parameters, arguments)         \
+// A function that stands in for libc's, and the errors with which it fails.
+#define STAND_IN(type, name, parameters, arguments, ...)    \
   EXPORTED type name parameters {                           \
     static auto* const libc = real<type parameters>(#name); \
     return fails(#name) ? type(-1) : libc arguments;        \
-  }
+  }                                                         \
+  const Kind kind_of_##name(#name, {__VA_ARGS__});
 // With one argument more, which may be absent.
-#define STAND_IN_VARIADIC(name, last, parameters, ...)      \
-  EXPORTED int name parameters {                            \
-    static auto* const libc = real<int parameters>(#name);  \
-    va_list rest;                                           \
-    va_start(rest, last);                                   \
-    void* const argument = va_arg(rest, void*);             \
-    va_end(rest);                                           \
-    return fails(#name) ? -1 : libc(__VA_ARGS__, argument); \
-  }
+#define STAND_IN_VARIADIC(name, last, parameters, arguments, ...) \
+  EXPORTED int name parameters {                                  \
+    static auto* const libc = real<int parameters>(#name);        \
+    va_list rest;                                                 \
+    va_start(rest, last);                                         \
+    void* const argument = va_arg(rest, void*);                   \
+    va_end(rest);                                                 \
+    return fails(#name) ? -1 : libc arguments;                    \
+  }                                                               \
+  const Kind kind_of_##name(#name, {__VA_ARGS__});
 
-STAND_IN(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-STAND_IN(int, socketpair, (int domain, int type, int protocol, int* ends), (domain, type, protocol, ends))
-STAND_IN(int, connect, (int socket, const sockaddr* address, socklen_t size), (socket, address, size))
-STAND_IN(int, bind, (int socket, const sockaddr* address, socklen_t size), (socket, address, size))
-STAND_IN(int, listen, (int socket, int backlog), (socket, backlog))
-STAND_IN(int, accept4, (int socket, sockaddr* address, socklen_t* size, int flags), (socket, address, size, flags))
+STAND_IN(int, socket, (int domain, int type, int protocol), (domain, type, protocol), EMFILE, ENFILE, ENOBUFS, ENOMEM)
+STAND_IN(int, socketpair, (int domain, int type, int protocol, int* ends), (domain, type, protocol, ends), EMFILE,
+         ENFILE, ENOMEM)
+STAND_IN(int, connect, (int socket, const sockaddr* address, socklen_t size), (socket, address, size), EAGAIN, EINTR,
+         ENOMEM)
+// The first asks whether the device lives, whose word is taken for it.
+const Kind kNoPeer("connect", {ECONNREFUSED, ENOENT}, 2);
+STAND_IN(int, bind, (int socket, const sockaddr* address, socklen_t size), (socket, address, size), EADDRINUSE, ENOSPC,
+         EROFS, ENOMEM)
+STAND_IN(int, listen, (int socket, int backlog), (socket, backlog), EADDRINUSE, ENOBUFS)
+STAND_IN(int, accept4, (int socket, sockaddr* address, socklen_t* size, int flags), (socket, address, size, flags),
+         EINTR, EMFILE, ENFILE, ECONNABORTED, ENOBUFS, ENOMEM)
 STAND_IN(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* size),
-         (socket, level, option, value, size))
-STAND_IN(int, mkdir, (const char* path, mode_t mode), (path, mode))
-STAND_IN(int, symlinkat, (const char* target, int directory, const char* path), (target, directory, path))
-STAND_IN(int, renameat, (int from, const char* path, int to, const char* other), (from, path, to, other))
+         (socket, level, option, value, size), ENOBUFS)
+STAND_IN(int, mkdir, (const char* path, mode_t mode), (path, mode), ENOSPC, EACCES, EROFS, ENAMETOOLONG)
+STAND_IN(int, symlinkat, (const char* target, int directory, const char* path), (target, directory, path), ENOSPC,
+         EEXIST, EROFS)
+STAND_IN(int, renameat, (int from, const char* path, int to, const char* other), (from, path, to, other), ENOSPC,
+         EACCES)
 STAND_IN(ssize_t, readlinkat, (int directory, const char* path, char* target, size_t size),
-         (directory, path, target, size))
-STAND_IN(int, fstat, (int descriptor, struct stat* status), (descriptor, status))
+         (directory, path, target, size), EACCES, ENOMEM)
+STAND_IN(int, fstat, (int descriptor, struct stat* status), (descriptor, status), ENOMEM, EOVERFLOW)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wshadow"  // there is a struct of that name too
-STAND_IN(int, flock, (int descriptor, int operation), (descriptor, operation))
+STAND_IN(int, flock, (int descriptor, int operation), (descriptor, operation), EINTR, ENOLCK)
 #pragma GCC diagnostic pop
-STAND_IN(int, epoll_create1, (int flags), (flags))
-STAND_IN(int, epoll_wait, (int epoll, epoll_event* events, int most, int limit), (epoll, events, most, limit))
-STAND_IN(int, poll, (pollfd * descriptors, nfds_t count, int limit), (descriptors, count, limit))
-STAND_IN(int, inotify_init1, (int flags), (flags))
-STAND_IN(int, inotify_add_watch, (int inotify, const char* path, std::uint32_t mask), (inotify, path, mask))
-
-STAND_IN_VARIADIC(open, flags, (const char* path, int flags, ...), path, flags)
-STAND_IN_VARIADIC(openat, flags, (int directory, const char* path, int flags, ...), directory, path, flags)
-STAND_IN_VARIADIC(fcntl, command, (int descriptor, int command, ...), descriptor, command)
+STAND_IN(int, epoll_create1, (int flags), (flags), EMFILE, ENOMEM)
+STAND_IN(int, epoll_wait, (int epoll, epoll_event* events, int most, int limit), (epoll, events, most, limit), EINTR)
+STAND_IN(int, poll, (pollfd * descriptors, nfds_t count, int limit), (descriptors, count, limit), EINTR, ENOMEM)
+STAND_IN(int, inotify_init1, (int flags), (flags), EMFILE, ENFILE, ENOMEM)
+STAND_IN(int, inotify_add_watch, (int inotify, const char* path, std::uint32_t mask), (inotify, path, mask), ENOSPC,
+         ENOMEM)
+STAND_IN_VARIADIC(open, flags, (const char* path, int flags, ...), (path, flags, argument), EMFILE, ENFILE, EACCES,
+                  EINTR)
+STAND_IN_VARIADIC(openat, flags, (int directory, const char* path, int flags, ...), (directory, path, flags, argument),
+                  EMFILE, ENFILE, ENOSPC, EINTR)
+STAND_IN_VARIADIC(fcntl, command, (int descriptor, int command, ...), (descriptor, command, argument), EMFILE, EINVAL,
+                  ENOLCK, EINTR)
 // Adding alone: the kernel has no reason to fail the rest, and sd-event relies on that.
 EXPORTED int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* event) {
   static auto* const libc = real<int(int, int, int, epoll_event*)>("epoll_ctl");
   return operation == EPOLL_CTL_ADD && fails("epoll_ctl") ? -1 : libc(epoll, operation, descriptor, event);
 }
+const Kind kind_of_epoll_ctl("epoll_ctl", {ENOMEM, ENOSPC});
 
 constexpr int kShort = 0;  // in place of an error: one byte only
 template <typename Message>
@@ -122,6 +151,8 @@ EXPORTED ssize_t sendmsg(int socket, const msghdr* message, int flags) {
 EXPORTED ssize_t recvmsg(int socket, msghdr* message, int flags) {
   return transfer("recvmsg", socket, message, flags);
 }
+const Kind kind_of_sendmsg("sendmsg", {EAGAIN, EPIPE, ECONNRESET, ENOBUFS, ENOMEM, kShort});
+const Kind kind_of_recvmsg("recvmsg", {EAGAIN, ECONNRESET, ENOMEM, kShort});
 
 namespace orvel::hostile {
 namespace {
@@ -130,40 +161,6 @@ constexpr int kLimitMs = 800;
 constexpr std::size_t kMostLeftOpen = 2;  // what the end of a sequence may leave for the next loop to close
 constexpr char kAbsent[] = "faults.late";
 constexpr char kOwn[] = "faults.own";
-
-struct Kind {
-  const char* function;
-  std::vector<int> errors;
-  int first = 1;  // use that fails
-};
-const Kind kKinds[] = {
-    {"socket", {EMFILE, ENFILE, ENOBUFS, ENOMEM}},
-    {"socketpair", {EMFILE, ENFILE, ENOMEM}},
-    {"connect", {EAGAIN, EINTR, ENOMEM}},
-    // The first asks whether the device lives, whose word is taken for it.
-    {"connect", {ECONNREFUSED, ENOENT}, 2},
-    {"bind", {EADDRINUSE, ENOSPC, EROFS, ENOMEM}},
-    {"listen", {EADDRINUSE, ENOBUFS}},
-    {"accept4", {EINTR, EMFILE, ENFILE, ECONNABORTED, ENOBUFS, ENOMEM}},
-    {"getsockopt", {ENOBUFS}},
-    {"mkdir", {ENOSPC, EACCES, EROFS, ENAMETOOLONG}},
-    {"symlinkat", {ENOSPC, EEXIST, EROFS}},
-    {"renameat", {ENOSPC, EACCES}},
-    {"readlinkat", {EACCES, ENOMEM}},
-    {"fstat", {ENOMEM, EOVERFLOW}},
-    {"flock", {EINTR, ENOLCK}},
-    {"open", {EMFILE, ENFILE, EACCES, EINTR}},
-    {"openat", {EMFILE, ENFILE, ENOSPC, EINTR}},
-    {"fcntl", {EMFILE, EINVAL, ENOLCK, EINTR}},
-    {"sendmsg", {EAGAIN, EPIPE, ECONNRESET, ENOBUFS, ENOMEM, kShort}},
-    {"recvmsg", {EAGAIN, ECONNRESET, ENOMEM, kShort}},
-    {"epoll_create1", {EMFILE, ENOMEM}},
-    {"epoll_ctl", {ENOMEM, ENOSPC}},
-    {"epoll_wait", {EINTR}},
-    {"poll", {EINTR, ENOMEM}},
-    {"inotify_init1", {EMFILE, ENFILE, ENOMEM}},
-    {"inotify_add_watch", {ENOSPC, ENOMEM}},
-};
 
 // An endpoint and a death callback that count what holds them.
 struct Counted {
@@ -204,13 +201,9 @@ class Sequence {
     std::thread loop([runtime] { vesk_run_loop(runtime); });
     expect("register", vesk_service_register(runtime, kOwn, &m_own.endpoint));
     // Bound before it is there.
-    std::promise<void> late;
-    m_bound = &late;
     expect("bind", vesk_service_bind(runtime, kAbsent, bound, this));
     expect("register", vesk_service_register(runtime, kAbsent, &m_own.endpoint));
-    const auto in_time = late.get_future().wait_for(std::chrono::milliseconds(4 * kLimitMs));
-    expect("late bind", in_time == std::future_status::ready ? 0 : -ETIMEDOUT);
-
+    expect_soon("late bind", [this] { return m_is_bound.load(); });
     for (const char* name : {kOwn, test::kServices[test::kPower]}) {
       vesk_handle handle{};
       expect("look up", vesk_binder_servicemanager_get(runtime, name, &handle));
@@ -224,17 +217,10 @@ class Sequence {
     expect("look up", vesk_binder_servicemanager_get(runtime, test::kServices[test::kDelegate], &delegate));
     expect_call(runtime, delegate, 28, request_to(test::kDelegate, "'faults' 0 0"), &m_receiver.endpoint);
     expect_call(runtime, delegate, 27, request_to(test::kDelegate, "1 52 'faults' ~ ~ ~ 0 0 ~ 0"));
-    for (int n = 0; n < kLimitMs && m_failed.empty() && m_receiver.calls == 0; ++n) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    expect("callback", m_receiver.calls != 0 ? 0 : -ETIMEDOUT);
+    expect_soon("callback", [this] { return m_receiver.calls != 0; });
     vesk_service_unbind(runtime, &delegate);
     expect("withdraw", vesk_service_withdraw(runtime, kAbsent));
     expect("shutdown", vesk_shutdown(runtime));
-    {
-      const std::lock_guard<std::mutex> lock(m_mutex);
-      m_bound = nullptr;
-    }
     loop.join();
     if (vesk_handle_is_valid(runtime, &m_late) != 0) vesk_service_unbind(runtime, &m_late);
     return m_failed;
@@ -247,6 +233,15 @@ class Sequence {
     if (error != 0 && m_failed.empty()) m_failed = std::string(step) + ": " + std::strerror(-error);
   }
 
+  template <typename Condition>
+  void expect_soon(const char* step, const Condition& holds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(4 * kLimitMs);
+    while (m_failed.empty() && !holds() && std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    expect(step, holds() ? 0 : -ETIMEDOUT);
+  }
+
   void expect_call(void* runtime, vesk_handle handle, unsigned code, const test::Bytes& bytes,
                    vesk_endpoint* endpoint = nullptr) {
     const test::BufferPtr reply(vesk_buffer_alloc());
@@ -255,21 +250,16 @@ class Sequence {
     vesk_reply_done(runtime, reply.get());
   }
 
-  static void bound(void* runtime, void* self, const char*, vesk_handle handle) {
+  // Runs no more once vesk_shutdown has returned, and only then is the handle used.
+  static void bound(void*, void* self, const char*, vesk_handle handle) {
     auto& sequence = *static_cast<Sequence*>(self);
-    const std::lock_guard<std::mutex> lock(sequence.m_mutex);
-    if (sequence.m_bound == nullptr) {
-      vesk_service_unbind(runtime, &handle);
-      return;
-    }
     sequence.m_late = handle;
-    sequence.m_bound->set_value();
+    sequence.m_is_bound = true;
   }
 
   std::string m_failed;
-  std::mutex m_mutex;
-  std::promise<void>* m_bound = nullptr;
   vesk_handle m_late{};
+  std::atomic<bool> m_is_bound{false};
   Counted m_own, m_receiver;
 };
 
@@ -329,8 +319,8 @@ int run(int argc, char** argv) {
     const std::string failed = Sequence().run();
     test::require(failed.empty(), "the sequence does not work without a fault: " + failed);
   }
-  for (const Kind& kind : kKinds) {
-    runner.add(kind.function, [&] { inject_each(kind, static_cast<int>(runner.count()), runner.seed()); });
+  for (const Kind* kind : Kind::all()) {
+    runner.add(kind->function, [&, kind] { inject_each(*kind, static_cast<int>(runner.count()), runner.seed()); });
   }
   return runner.run([&] {
     device.signal(SIGTERM);
