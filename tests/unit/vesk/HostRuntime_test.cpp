@@ -291,20 +291,6 @@ TEST_F(HostRuntime, ANewProcessDisturbsNoneThatLives) {
   EXPECT_EQ(::poll(&connected, 1, 0), 0);
 }
 
-TEST_F(HostRuntime, BindsThatWaitForOneNameAreAnsweredWithOneHandle) {
-  Bind& first = new_bind("first");
-  Bind& again = new_bind("again");
-  EXPECT_EQ(bind("late", first), 0);
-  EXPECT_EQ(bind("late", again), 0);
-  const Peer late("late");
-  EXPECT_EQ(m_log.wait_for(2), (Entries{"bound first", "bound again"}));
-  EXPECT_EQ(again.handle.words[0], first.handle.words[0]);
-  unbind(first.handle);
-  EXPECT_EQ(call(again.handle, kEcho, 1).words, Words{1}) << "each has a reference";
-  unbind(again.handle);
-  EXPECT_FALSE(valid(again.handle));
-}
-
 TEST_F(HostRuntime, WhatTheDirectoryLosesIsMadeAgain) {
   const fs::path elsewhere = m_directory.string() + ".old";
   const std::function<void()> rows[] = {
@@ -373,19 +359,21 @@ TEST_F(HostRuntime, AProcessThatRanOutOfDescriptorsAcceptsAgain) {
 TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: the directory is read once in each
   const fs::path parent(std::getenv("ORVEL_RUNTIME_DIR"));
-  const auto directory_of = [](mode_t mode) {
+  using Make = std::function<bool(const fs::path&)>;
+  const Make nothing = [](const fs::path&) { return true; };
+  const auto directory_of = [](mode_t mode) -> Make {
     return
         [mode](const fs::path& path) { return ::mkdir(path.c_str(), mode) == 0 && ::chmod(path.c_str(), mode) == 0; };
   };
   struct {
     std::string directory;
-    std::function<bool(const fs::path&)> make;
+    Make make;
     const char* problem;
     bool may_serve;
   } const rows[] = {
-      {"absent", [](const fs::path&) { return true; }, "does not exist", true},
+      {"absent", nothing, "does not exist", true},
       {"empty", directory_of(0700), "nothing serves", true},
-      {"absent/within", [](const fs::path&) { return true; }, "does not exist", false},
+      {"absent/within", nothing, "does not exist", false},
       {"readable", directory_of(0750), "mode 0700", false},
       {"writable", directory_of(0702), "mode 0700", false},
       {"another-users",
@@ -395,7 +383,7 @@ TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt
        "not a directory", false},
       {"file", [](const fs::path& path) { return UniqueFd(::creat(path.c_str(), 0600)).get() >= 0; }, "not a directory",
        false},
-      {std::string(300, 'd'), [](const fs::path&) { return true; }, "name too long", false},
+      {std::string(300, 'd'), nothing, "name too long", false},
   };
   for (const auto& row : rows) {
     if (row.directory == "another-users" && ::geteuid() != 0) continue;  // nobody else can give a directory away
