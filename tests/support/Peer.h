@@ -1,5 +1,5 @@
-// A service in another process, as the contract of libvesk sees one: the same peer in two forms. With InprocessVesk it is a
-// scripted service (FakePeer.cpp), with the host runtime a real process (ProcessPeer.cpp runs vesk_peer.cpp).
+// A service in another process, as the contract of libvesk sees one, in two forms. With InprocessVesk it is a scripted service
+// (InprocessPeer.cpp), with the host runtime a real process (ProcessPeer.cpp runs vesk_peer.cpp).
 #pragma once
 
 #include <memory>
@@ -12,14 +12,14 @@ namespace orvel::test {
 // What the peer does, by transaction code. Numbers are 32-bit, replies too; "kept" is the endpoint that kKeep brought
 // last.
 enum PeerCode : unsigned {
-  kEcho = 1,    // answers with the request
-  kFail,        // answers with an error
-  kHang,        // (endpoint or none) takes the call and keeps the endpoint; answers late, before any other request
-  kDie,         // ends the process at once, while what it has forked lives on
-  kKeep,        // (endpoint) keeps one more reference; answers whether it equals the one kept before
-  kLetGo,       // gives one reference to the kept endpoint back
-  kSend,        // (n) sends kNews 0 to n-1 to the kept endpoint, one-way
-  kAsk,         // (value) calls the kept endpoint with kNews; answers 0 and its answer, or 1
+  kEcho = 1,  // answers with the request
+  kFail,      // answers with an error
+  kHang,      // (endpoint or none) takes the call and keeps the endpoint; answers late, before any other request
+  kDie,       // ends the process at once, while what it has forked lives on
+  kKeep,      // (endpoint) keeps one more reference; answers whether it equals the one kept before
+  kLetGo,     // gives one reference to the kept endpoint back
+  kSend,      // (n) sends kNews 0 to n-1 to the kept endpoint, one-way, until one is refused; answers how many were not
+  kAsk,       // (value) calls the kept endpoint with kNews; answers 0 and its answer, or 1
   kSendToName,  // (value, name) sends kNews to what is published under the name, one-way
   kAskName,     // (value, name) calls it; answers like kAsk
   kAskInHaste,  // like kAsk, with a limit of 1 ms; by a process only

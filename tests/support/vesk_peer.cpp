@@ -98,8 +98,9 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       return 0;
     case kSend: {
       const int count = vesk_read_i32(request);
-      for (int n = 0; n < count; ++n) vesk_remote_call_oneway(peer.kept.back(), kNews, payload_of(n).get());
-      return 0;
+      int sent = 0;
+      while (sent < count && vesk_remote_call_oneway(peer.kept.back(), kNews, payload_of(sent).get()) == 0) ++sent;
+      return vesk_write_i32(reply, sent);
     }
     case kAsk:
     case kAskInHaste: {

@@ -1,4 +1,4 @@
-// A device on the fake libvesk that works, breaks and comes back at random.
+// A device on the libvesk inside the process that works, breaks and comes back at random.
 #pragma once
 
 #include <array>

@@ -47,7 +47,7 @@ struct Peer::Form {
       }
       case kSend:
         for (int n = 0; n < number; ++n) vesk.send(kept.back(), kNews, Bytes().i32(n));
-        return {};
+        return {call.request};
       case kAsk:
         return outcome(vesk.call(kept.back(), kNews, Bytes().i32(number)));
       case kSendToName:
