@@ -1,6 +1,4 @@
 // Each use of libvesk, and each allocation, that every public method makes fails in turn.
-#include <android/log.h>
-
 #include <algorithm>
 #include <initializer_list>
 #include <new>
@@ -12,6 +10,7 @@
 
 #include "Allocations.h"
 #include "support/ClientFixture.h"
+#include "support/LogRecorder.h"
 #include "support/Runner.h"
 
 namespace {
@@ -263,6 +262,6 @@ int main(int argc, char** argv) {
   }
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  discard_log();
   return runner.run([] { return std::to_string(g_injected) + " faults"; });
 }

@@ -1,7 +1,5 @@
 // shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes of
 // libvesk, before, while and after the thread that shuts down gets on.
-#include <android/log.h>
-
 #include <atomic>
 #include <functional>
 #include <set>
@@ -12,6 +10,7 @@
 
 #include "binder/Waiting.h"
 #include "support/ClientFixture.h"
+#include "support/LogRecorder.h"
 #include "support/Runner.h"
 
 namespace {
@@ -138,7 +137,6 @@ int main(int argc, char** argv) {
   }
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  discard_log();
   return runner.run([] { return std::to_string(g_points) + " shutdowns"; });
 }
