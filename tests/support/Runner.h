@@ -68,4 +68,9 @@ void begin(const std::string& what);
 // Reports, each case once, what does not hold. Any thread.
 void require(bool holds, const std::string& promise);
 
+// The same of a check that says what is wrong; empty when nothing is.
+inline void require(const std::string& wrong) {
+  require(wrong.empty(), wrong);
+}
+
 }  // namespace orvel::test

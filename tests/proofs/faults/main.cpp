@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <initializer_list>
 #include <new>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -114,12 +113,7 @@ class Bench final : public ClientFixture {
   // `forgotten`: requests and replies may be left, on purpose.
   void expect_nothing_left(bool forgotten) {
     m_client.shutdown();
-    Live left = m_vesk.live();
-    left.lookups = 0;  // a handle that could not be linked to its death stays bound
-    if (forgotten) left.payloads = left.buffers = 0;
-    std::ostringstream text;
-    text << "nothing is left, not " << left;
-    require(left == Live{}, text.str());
+    require(left(forgotten));
   }
 
   Client& m_client = Client::getClient();
@@ -202,9 +196,7 @@ void fail_starts() {
       bench.m_client.initialize();
     } catch (const std::bad_alloc&) {
       const Unarmed mine;
-      Live left = bench.m_vesk.live();
-      left.lookups = 0;  // as in expect_nothing_left()
-      require(left == Live{}, "nothing is left of the start");
+      require(bench.left(/*forgotten=*/false));
     }
     if (disarm() < nth) return;
     ++g_injected;

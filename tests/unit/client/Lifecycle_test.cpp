@@ -1,7 +1,6 @@
 // Starting and stopping, at any moment and from any thread.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -197,23 +196,20 @@ TEST_F(Lifecycle, TheChildOfAForkFailsInEveryMethodAndEndsAtOnce) {
   m_vesk.hold_calls(kServices[kDelegate]);
   std::future<std::string> name = std::async(std::launch::async, [this] { return m_client.getDeviceName(); });
   m_vesk.wait_for_held_calls(kServices[kDelegate]);
-  if (const pid_t child = fork(); child != 0) {
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+  const auto child = [this] {
+    // The client lock is held for ever here.
+    bool refused = !m_client.initialize();
+    for (const Method& each : kMethods) {
+      const std::string result = each.call(m_client, {});
+      refused = refused && (result == each.refused || result == "false");
+    }
     m_client.shutdown();
-    return;
-  }
-  // The client lock is held for ever here.
-  bool refused = !m_client.initialize();
-  for (const Method& each : kMethods) {
-    const std::string result = each.call(m_client, {});
-    refused = refused && (result == each.refused || result == "false");
-  }
+    const bool said = m_log.take("E").back() == "E shutdown:Called in the child of a fork";
+    g_last_handler.status = refused && said ? 0 : 1;
+    std::exit(2);
+  };
+  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
   m_client.shutdown();
-  const bool said = m_log.take("E").back() == "E shutdown:Called in the child of a fork";
-  g_last_handler.status = refused && said ? 0 : 1;
-  std::exit(2);
 }
 
 }  // namespace
