@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "binder/Waiting.h"
 #include "support/ClientTest.h"
 
 namespace orvel::test {
@@ -92,9 +93,13 @@ TEST_F(Lifecycle, AServiceThatIsGivenUpLeavesTheOthers) {
 
 TEST_F(Lifecycle, AStopInterruptsAStartThatWaitsForAnyService) {
   for (const char* awaited : kServices) {
-    m_clock.stop();
+    std::promise<void> asleep;
+    m_clock.at_sleep(1, [&asleep] {
+      asleep.set_value();
+      while (!service_apis::waiting::interrupted()) std::this_thread::yield();
+    });
     std::future<bool> started = std::async(std::launch::async, [this] { return m_client.initialize(); });
-    m_clock.wait_for_sleeper();
+    asleep.get_future().wait();
     m_client.shutdown();
     EXPECT_FALSE(started.get());
     EXPECT_EQ(m_log.take("E").back(), "E initialize:Interrupted by shutdown");
