@@ -100,8 +100,8 @@ class ClientFixture : public FakeServices {
   }
   static constexpr std::size_t kRegistrations = 4;
 
-  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done by
-  // m_vesk.drain(), or run_pending() where no thread is in the run loop.
+  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done
+  // by m_vesk.drain(), or run_pending() where no thread is in the run loop.
   void die(
       const std::string& service, const std::function<void()>& meanwhile = [] {}) {
     m_clock.at_sleep(1, [this, service, meanwhile] {

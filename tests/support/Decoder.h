@@ -1,5 +1,5 @@
-// Takes messages apart, independently of the client library and of the device, so that a mistake of theirs does not hide
-// behind the same mistake here.
+// Takes messages apart, independently of the client library and of the device, so that a mistake of theirs does not
+// hide behind the same mistake here.
 #pragma once
 
 #include <algorithm>

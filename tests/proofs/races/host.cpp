@@ -1,5 +1,5 @@
-// The same calls between processes: on the host runtime, against a simulated device whose services are killed, started and
-// made to send. Run as: orvel-sim run --isolate -- orvel-races-host
+// The same calls between processes: on the host runtime, against a simulated device whose services are killed, started
+// and made to send. Run as: orvel-sim run --isolate -- orvel-races-host
 #include <atomic>
 #include <string>
 #include <thread>

@@ -1,5 +1,5 @@
-// shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes of
-// libvesk, before, while and after the thread that shuts down gets on.
+// shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes
+// of libvesk, before, while and after the thread that shuts down gets on.
 #include <atomic>
 #include <functional>
 #include <set>
@@ -57,8 +57,8 @@ class Passage : public ClientFixture {
     if (what.bind_is_held) m_vesk.hold_binds(what.service);
   }
 
-  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the service
-  // comes back when that is the same.
+  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the
+  // service comes back when that is the same.
   void run(
       int at_sleep = 0, const std::function<void()>& step = [] {}) {
     m_clock.at_sleep(m_case.back_at, [this, same = at_sleep == m_case.back_at, step] {

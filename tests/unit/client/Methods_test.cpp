@@ -1,5 +1,5 @@
-// What all public methods have in common, for each row of the table: its requests, its result, and how it fails. Then what
-// single queries do besides.
+// What all public methods have in common, for each row of the table: its requests, its result, and how it fails. Then
+// what single queries do besides.
 #include <cctype>
 #include <fstream>
 #include <limits>
@@ -42,8 +42,8 @@ class Methods : public StoppedClient {
     }
   }
 
-  // What was logged, each line once: by the proxies, and by the client what is not a detail. Not the Binder's lines, and not the
-  // longest one; other tests have them.
+  // What was logged, each line once: by the proxies, and by the client what is not a detail. Not the Binder's lines,
+  // and not the longest one; other tests have them.
   std::string said(const std::string& levels) {
     const std::string of_proxy = "OrvelDelegateClient:I";
     std::string all = "\n";
