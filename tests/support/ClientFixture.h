@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -72,6 +73,17 @@ class FakeServices {
   // Requests and replies that are allocated.
   int messages() const { return m_vesk.live().payloads + m_vesk.live().buffers; }
 
+  // What a client that has stopped still holds of libvesk, as text; empty when it holds nothing. Lookups do not count:
+  // a handle that could not be linked to its death stays bound. `forgotten`: nor do requests and replies.
+  std::string left(bool forgotten) const {
+    Live left = m_vesk.live();
+    left.lookups = 0;
+    if (forgotten) left.payloads = left.buffers = 0;
+    std::ostringstream text;
+    if (!(left == Live{})) text << "what is left: " << left;
+    return text.str();
+  }
+
   InprocessVesk m_vesk;
   void* m_runtime = nullptr;
 };
@@ -88,8 +100,8 @@ class ClientFixture : public FakeServices {
   }
   static constexpr std::size_t kRegistrations = 4;
 
-  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done by
-  // m_vesk.drain(), or run_pending() where no thread is in the run loop.
+  // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done
+  // by m_vesk.drain(), or run_pending() where no thread is in the run loop.
   void die(
       const std::string& service, const std::function<void()>& meanwhile = [] {}) {
     m_clock.at_sleep(1, [this, service, meanwhile] {

@@ -21,4 +21,26 @@ class ClientTest : public ::testing::Test, protected ClientFixture {
   LogRecorder m_log;
 };
 
+// A client that shuts down behind each test.
+class StoppedClient : public ClientTest {
+ protected:
+  StoppedClient() : ClientTest("OrvelDelegateClient") {}
+  ~StoppedClient() override { m_client.shutdown(); }
+
+  // Starts it on all eight services.
+  void start() {
+    start_services();
+    EXPECT_TRUE(m_client.initialize());
+    m_log.take();
+  }
+
+  Client& m_client = Client::getClient();
+  Lines m_heard;  // what the test's callbacks were told
+};
+
+class StartedClient : public StoppedClient {
+ protected:
+  StartedClient() { start(); }
+};
+
 }  // namespace orvel::test

@@ -1,5 +1,5 @@
-// Takes messages apart, independently of the client library and of the device, so that a mistake of theirs does not hide
-// behind the same mistake here.
+// Takes messages apart, independently of the client library and of the device, so that a mistake of theirs does not
+// hide behind the same mistake here.
 #pragma once
 
 #include <algorithm>
@@ -22,12 +22,6 @@ struct Entries {
   std::map<std::string, std::string> texts;
 };
 
-template <typename Value>
-Value value_or(const std::map<std::string, Value>& values, const std::string& key, Value otherwise) {
-  const auto found = values.find(key);
-  return found == values.end() ? otherwise : found->second;
-}
-
 struct Intent {
   std::string action;
   std::string data;
@@ -45,10 +39,8 @@ class Decoder {
  public:
   static constexpr int kMaxTexts = 1000;  // of one array
 
-  Decoder() : m_failed(true), m_null(true) {}  // of a call that failed
   explicit Decoder(Bytes bytes) : m_bytes(std::move(bytes)) {}
 
-  [[nodiscard]] bool null() const { return m_null; }
   [[nodiscard]] bool failed() const { return m_failed; }
   [[nodiscard]] std::size_t left() const { return m_bytes.size() - m_at; }
   // False after a string with a surrogate that has no partner, which converters may replace as they like.
@@ -185,7 +177,6 @@ class Decoder {
   Bytes m_bytes;
   std::size_t m_at = 0;
   bool m_failed = false;
-  bool m_null = false;
   bool m_paired = true;
 };
 

@@ -1,6 +1,7 @@
 #include "support/Methods.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 #include "orvel/OrvelIntent.h"
@@ -10,22 +11,21 @@ namespace orvel::test {
 namespace {
 
 using service_apis::OrvelIntent;
+using Texts = std::vector<std::string>;
 
 constexpr int kNone = Method::kNoService;
 
-std::string shown(bool value) {
-  return value ? "true" : "false";
+template <typename Value>
+std::string shown(const Value& value) {
+  if constexpr (std::is_same_v<Value, bool>) {
+    return value ? "true" : "false";
+  } else if constexpr (std::is_arithmetic_v<Value>) {
+    return std::to_string(value);
+  } else {
+    return value;
+  }
 }
-std::string shown(int value) {
-  return std::to_string(value);
-}
-std::string shown(long long value) {
-  return std::to_string(value);
-}
-std::string shown(const std::string& text) {
-  return text;
-}
-std::string shown(const std::vector<std::string>& texts) {
+std::string shown(const Texts& texts) {
   std::string all;
   for (const std::string& text : texts) all += "[" + text + "]";
   return all;
@@ -38,38 +38,39 @@ auto to(const Hear& hear) {
   };
 }
 
-OrvelIntent intent() {
-  OrvelIntent made{"a", "d", "", "", {"p", "c"}, {}, {"x"}, 5};
-  made.extras.put("n", 1);
-  made.extras.put("l", 2LL);
-  made.extras.put("s", std::string("t"));
+// The method with these arguments; of overloads, the one with that result.
+template <typename Result, typename... Parameters, typename... Arguments>
+Call ask(Result (Client::*method)(Parameters...), Arguments... arguments) {
+  return [=](Client& client, const Hear&) { return shown((client.*method)(arguments...)); };
+}
+
+// The method with these arguments and a callback behind them.
+template <typename Subscribe, typename... Arguments>
+Call subscribe(Subscribe method, Arguments... arguments) {
+  return [=](Client& client, const Hear& hear) { return shown((client.*method)(arguments..., to(hear))); };
+}
+
+// The method with a list that it fills.
+Call list(bool (Client::*method)(Texts&)) {
+  return [=](Client& client, const Hear&) {
+    Texts names = {"old"};
+    const bool known = (client.*method)(names);
+    return shown(known) + shown(names);
+  };
+}
+
+const OrvelIntent* intent() {
+  static const OrvelIntent* const made = [] {
+    auto* const intent = new OrvelIntent{"a", "d", "", "", {"p", "c"}, {}, {"x"}, 5};
+    intent->extras.put("n", 1);
+    intent->extras.put("l", 2LL);
+    intent->extras.put("s", std::string("t"));
+    return intent;
+  }();
   return made;
 }
 constexpr char kIntent[] = "1 132 'a' 'd' ~ ~ 1 'p' 'c' 1 60 3 'n' 1 1 'l' 6 2L 's' 0 't' 1 'x' 5";
 constexpr char kIntentForR[] = "1 132 'a' 'd' ~ ~ 1 'p' 'c' 1 60 3 'n' 1 1 'l' 6 2L 's' 0 't' 1 'x' 5 'r'";
-
-template <bool (Client::*kSend)(const OrvelIntent*)>
-std::string send(Client& client, const Hear&) {
-  const OrvelIntent sent = intent();
-  return shown((client.*kSend)(&sent));
-}
-
-template <bool (Client::*kQuery)(std::vector<std::string>&)>
-std::string list(Client& client, const Hear&) {
-  std::vector<std::string> names = {"old"};
-  const bool known = (client.*kQuery)(names);
-  return shown(known) + shown(names);
-}
-
-template <auto kQuery>
-std::string ask(Client& client, const Hear&) {
-  return shown((client.*kQuery)());
-}
-
-template <auto kSubscribe>
-std::string subscribe(Client& client, const Hear& hear) {
-  return shown((client.*kSubscribe)(to(hear)));
-}
 
 std::string process_state(Client& client, const Hear&) {
   bool found = true;
@@ -117,104 +118,89 @@ constexpr char kTimeSync[] = "'com.quarlo.velmos.service.timeservice.clock.TIME_
 }  // namespace
 
 // clang-format off
-const std::array<Method, 43> kMethods = {{
-    {"isMaroConnected", ask<&Client::isMaroConnected>, kNone, {}, "true", "true", "true"},
-    {"isNetworkConnected", ask<&Client::isNetworkConnected>, kNone, {}, "false", "false", "false"},
-    {"getDeviceName", ask<&Client::getDeviceName>, kDelegate, {{{33, "", "'Hall'"}}}, "Hall", "", ""},
-    {"getDeviceSerialNumber", ask<&Client::getDeviceSerialNumber>, kDelegate, {{{42, "", "'G1'"}}}, "G1", "", ""},
-    {"getDeviceType", ask<&Client::getDeviceType>, kDelegate, {{{14, "", kDevice}}}, "type", "", ""},
-    {"getCustomerDirectedID", ask<&Client::getCustomerDirectedID>, kDelegate, {{{32, "", "'owner'"}}}, "owner", "", ""},
-    {"getCountryOfResidence", ask<&Client::getCountryOfResidence>, kDelegate, {{{18, "", "'DE'"}}}, "DE", "", ""},
-    {"getPreferredMarketPlace", ask<&Client::getPreferredMarketPlace>, kDelegate, {{{17, "", "'shop'"}}},
+const std::array<Method, 43>& kMethods = *new std::array<Method, 43>{{
+    {"isMaroConnected", ask(&Client::isMaroConnected), kNone, {}, "true", "true", "true"},
+    {"isNetworkConnected", ask(&Client::isNetworkConnected), kNone, {}, "false", "false", "false"},
+    {"getDeviceName", ask(&Client::getDeviceName), kDelegate, {{{33, "", "'Hall'"}}}, "Hall", "", ""},
+    {"getDeviceSerialNumber", ask(&Client::getDeviceSerialNumber), kDelegate, {{{42, "", "'G1'"}}}, "G1", "", ""},
+    {"getDeviceType", ask(&Client::getDeviceType), kDelegate, {{{14, "", kDevice}}}, "type", "", ""},
+    {"getCustomerDirectedID", ask(&Client::getCustomerDirectedID), kDelegate, {{{32, "", "'owner'"}}}, "owner", "", ""},
+    {"getCountryOfResidence", ask(&Client::getCountryOfResidence), kDelegate, {{{18, "", "'DE'"}}}, "DE", "", ""},
+    {"getPreferredMarketPlace", ask(&Client::getPreferredMarketPlace), kDelegate, {{{17, "", "'shop'"}}},
      "shop", "", ""},
-    {"getSecureSettingInt", [](Client& it, const Hear&) { return shown(it.getSecureSettingInt("k", 7)); },
-     kDelegate, {{{15, "'k'", "'42'"}}}, "42", "7", "7"},
-    {"isDeviceRegistered", ask<&Client::isDeviceRegistered>, kDelegate, {{{32, "", "'owner'"}}},
+    {"getSecureSettingInt", ask(&Client::getSecureSettingInt, "k", 7), kDelegate, {{{15, "'k'", "'42'"}}},
+     "42", "7", "7"},
+    {"isDeviceRegistered", ask(&Client::isDeviceRegistered), kDelegate, {{{32, "", "'owner'"}}},
      "true", "false", "false"},
-    {"isScreenOn", ask<&Client::isScreenOn>, kPower, {{{1, "", "-1"}}}, "true", "false", "false"},
-    {"acquirePartialWakeLock", ask<&Client::acquirePartialWakeLock>, kPower, {{{3, "", "2"}, {4, "1 500L", ""}}},
+    {"isScreenOn", ask(&Client::isScreenOn), kPower, {{{1, "", "-1"}}}, "true", "false", "false"},
+    {"acquirePartialWakeLock", ask(&Client::acquirePartialWakeLock), kPower, {{{3, "", "2"}, {4, "1 500L", ""}}},
      "true", "false", "false"},
-    {"acquireFullWakeLock", ask<&Client::acquireFullWakeLock>, kPower, {{{2, "", ""}}}, "true", "false", "false"},
+    {"acquireFullWakeLock", ask(&Client::acquireFullWakeLock), kPower, {{{2, "", ""}}}, "true", "false", "false"},
 
-    {"registerForDeviceNameChange", subscribe<&Client::registerForDeviceNameChange>,
+    {"registerForDeviceNameChange", subscribe(&Client::registerForDeviceNameChange),
      kDelegate, {{{28, kNameChanged, ""}}}, "true", "false", "false", true},
-    {"registerForDeviceRegistrationChange", subscribe<&Client::registerForDeviceRegistrationChange>,
+    {"registerForDeviceRegistrationChange", subscribe(&Client::registerForDeviceRegistrationChange),
      kDelegate, {{{28, kAccountAdded, ""}, {28, kAccountRemoved, ""}}}, "true", "false", "false", true},
-    {"registerForMaroConnectivityChange", subscribe<&Client::registerForMaroConnectivityChange>,
+    {"registerForMaroConnectivityChange", subscribe(&Client::registerForMaroConnectivityChange),
      kDelegate, {{{28, kMaroConnectivity, ""}}}, "true", "false", "false", true},
     // Both say true when the request fails, too.
-    {"registerForNetworkConnectivityChange", subscribe<&Client::registerForNetworkConnectivityChange>,
+    {"registerForNetworkConnectivityChange", subscribe(&Client::registerForNetworkConnectivityChange),
      kConnectivity, {{{4, "", ""}}}, "true", "true", "false"},
     {"unregisterForNetworkConnectivityChange", unsubscribe_network,
      kConnectivity, {{{4, "", ""}, {5, "", ""}}}, "true", "true", "false"},
-    {"registerForScreenStateChange", subscribe<&Client::registerForScreenStateChange>,
+    {"registerForScreenStateChange", subscribe(&Client::registerForScreenStateChange),
      kDelegate, {{{28, kScreenOn, ""}, {28, kScreenOff, ""}}}, "true", "false", "false", true},
-    {"registerForPackageAction",
-     [](Client& it, const Hear& hear) {
-       return shown(it.registerForPackageAction("a.P", {"t"}, {"package", "x"}, to(hear)));
-     },
+    {"registerForPackageAction", subscribe(&Client::registerForPackageAction, "a.P", Texts{"t"}, Texts{"package", "x"}),
      kDelegate, {{{28, "'a.P' 1 't' 2 'package' 'x'", ""}}}, "true", "false", "false", true},
-    {"registerForTimeSync", subscribe<&Client::registerForTimeSync>,
+    {"registerForTimeSync", subscribe(&Client::registerForTimeSync),
      kDelegate, {{{28, kTimeSync, ""}}}, "true", "false", "false", true},
-    {"registerForSecureSettingIntChange",
-     [](Client& it, const Hear& hear) { return shown(it.registerForSecureSettingIntChange("k", 7, to(hear))); },
+    {"registerForSecureSettingIntChange", subscribe(&Client::registerForSecureSettingIntChange, "k", 7),
      kDelegate, {{{34, "'k'", ""}}}, "true", "false", "false", true},
 
-    {"broadcastIntentWithIntKey",
-     [](Client& it, const Hear&) { return shown(it.broadcastIntentWithIntKey("A", "P", "K", "X", 5)); },
+    {"broadcastIntentWithIntKey", ask(&Client::broadcastIntentWithIntKey, "A", "P", "K", "X", 5),
      kDelegate, {{{27, "1 80 'A' ~ ~ ~ 1 'P' 'K' 1 20 1 'X' 1 5 0 0", ""}}}, "true", "false", "false"},
-    {"broadcastIntent", send<&Client::broadcastIntent>, kDelegate, {{{27, kIntent, ""}}}, "true", "false", "false"},
-    {"broadcastIntentWithPermission",
-     [](Client& it, const Hear&) {
-       const OrvelIntent sent = intent();
-       return shown(it.broadcastIntentWithPermission(&sent, "r"));
-     },
-     kDelegate, {{{38, kIntentForR, ""}}}, "true", "false", "false"},
-    {"startActivity", send<&Client::startActivity>, kDelegate, {{{37, kIntent, ""}}}, "true", "false", "false"},
-    {"startForegroundService", send<&Client::startForegroundService>, kDelegate, {{{30, kIntent, ""}}},
+    {"broadcastIntent", ask(&Client::broadcastIntent, intent()), kDelegate, {{{27, kIntent, ""}}},
      "true", "false", "false"},
-    {"startService", send<&Client::startService>, kDelegate, {{{29, kIntent, ""}}}, "true", "false", "false"},
-    {"launchApplicationWithPackageName",
-     [](Client& it, const Hear&) { return shown(it.launchApplicationWithPackageName("p")); },
+    {"broadcastIntentWithPermission", ask(&Client::broadcastIntentWithPermission, intent(), "r"),
+     kDelegate, {{{38, kIntentForR, ""}}}, "true", "false", "false"},
+    {"startActivity", ask(&Client::startActivity, intent()), kDelegate, {{{37, kIntent, ""}}},
+     "true", "false", "false"},
+    {"startForegroundService", ask(&Client::startForegroundService, intent()), kDelegate, {{{30, kIntent, ""}}},
+     "true", "false", "false"},
+    {"startService", ask(&Client::startService, intent()), kDelegate, {{{29, kIntent, ""}}}, "true", "false", "false"},
+    {"launchApplicationWithPackageName", ask(&Client::launchApplicationWithPackageName, "p"),
      kDelegate, {{{60, "'p'", "1 1 'm' ~ ~ ~ 1 'q' 'c' 0"}, {37, "1 56 'm' ~ ~ ~ 1 'q' 'c' 0 0 0", ""}}},
      "true", "false", "false"},
 
-    {"getApplicationInfoMetaData",
-     [](Client& it, const Hear&) { return shown(it.getApplicationInfoMetaData("p", -1, "k", 7)); },
+    {"getApplicationInfoMetaData", ask<int>(&Client::getApplicationInfoMetaData, "p", -1, "k", 7),
      kDelegate, {{{53, "'p' -1L", kApplication}}}, "5", "7", "7"},
-    {"getApplicationInfoMetaData",
-     [](Client& it, const Hear&) { return it.getApplicationInfoMetaData("p", 1, "k", std::string("-")); },
+    {"getApplicationInfoMetaData", ask<std::string>(&Client::getApplicationInfoMetaData, "p", 1, "k", "-"),
      kDelegate, {{{53, "'p' 1L", kApplication}}}, "v", "-", "-"},
-    {"getPackageVersionCode", [](Client& it, const Hear&) { return it.getPackageVersionCode("p", 5); },
-     kDelegate, {{{54, "'p' 5L", kPackage}}}, "-7", "", ""},
-    {"getPackageVersionName", [](Client& it, const Hear&) { return it.getPackageVersionName("p", 6); },
-     kDelegate, {{{54, "'p' 6L", kPackage}}}, "1.0", "", ""},
-    {"getRawResourceAsString", [](Client& it, const Hear&) { return it.getRawResourceAsString("p", 7); },
-     kDelegate, {{{55, "'p' 7", "'text'"}}}, "text", "", ""},
-    {"hasSystemFeature", [](Client& it, const Hear&) { return shown(it.hasSystemFeature("f")); },
-     kDelegate, {{{26, "'f'", "-256"}}}, "true", "false", "false"},
-    {"getPackageNamesForUid", [](Client& it, const Hear&) { return shown(it.getPackageNamesForUid(-5)); },
-     kDelegate, {{{21, "-5", "2 'q' 'p'"}}}, "[q][p]", "", ""},
-    {"getBroadcastReceiverPackageNames",
-     [](Client& it, const Hear&) { return shown(it.getBroadcastReceiverPackageNames("a", -2)); },
+    {"getPackageVersionCode", ask(&Client::getPackageVersionCode, "p", 5), kDelegate, {{{54, "'p' 5L", kPackage}}},
+     "-7", "", ""},
+    {"getPackageVersionName", ask(&Client::getPackageVersionName, "p", 6), kDelegate, {{{54, "'p' 6L", kPackage}}},
+     "1.0", "", ""},
+    {"getRawResourceAsString", ask(&Client::getRawResourceAsString, "p", 7), kDelegate, {{{55, "'p' 7", "'text'"}}},
+     "text", "", ""},
+    {"hasSystemFeature", ask(&Client::hasSystemFeature, "f"), kDelegate, {{{26, "'f'", "-256"}}},
+     "true", "false", "false"},
+    {"getPackageNamesForUid", ask(&Client::getPackageNamesForUid, -5), kDelegate, {{{21, "-5", "2 'q' 'p'"}}},
+     "[q][p]", "", ""},
+    {"getBroadcastReceiverPackageNames", ask(&Client::getBroadcastReceiverPackageNames, "a", -2),
      kDelegate, {{{59, "'a' -2L", kReceivers}}}, "[r][r]", "", ""},
     // True when the request fails, too.
-    {"getInstalledPackageNames", list<&Client::getInstalledPackageNames>,
+    {"getInstalledPackageNames", list(&Client::getInstalledPackageNames),
      kPackages, {{{2, "", "2 'q' 'p'"}}}, "true[q][p]", "true", "false"},
-    {"getForegroundPackages", list<&Client::getForegroundPackages>,
+    {"getForegroundPackages", list(&Client::getForegroundPackages),
      kActivities, {{{2, "", kProcesses}}}, "true[][p][q]", "false", "false"},
     {"getAppProcessState", process_state, kActivities, {{{2, "", kProcesses}}},
      "true true 100 false", "false true 55 true", "false true 55 true"},
 
-    {"sendEvent",
-     [](Client& it, const Hear& hear) {
-       return shown(it.sendEvent("1", "2", "3", "4", "5", "6", "7", true, "8", to(hear)));
-     },
+    {"sendEvent", subscribe(&Client::sendEvent, "1", "2", "3", "4", "5", "6", "7", true, "8"),
      kEvents, {{{2, "1 64 '1' '2' '3' '4' '5' '6' '7' 1 '8'", "1"}}}, "true", "false", "false"},
     // Published under a name, not sent to the service.
-    {"registerForDirective",
-     [](Client& it, const Hear& hear) { return shown(it.registerForDirective("N", to(hear))); },
-     kDirectives, {}, "true", "false", "false", true},
+    {"registerForDirective", subscribe(&Client::registerForDirective, "N"), kDirectives, {},
+     "true", "false", "false", true},
     {"recordTarselMetricEvent", record_metric, kMetrics, {{{2, kMetric, ""}}}, "", "", ""},
 }};
 // clang-format on

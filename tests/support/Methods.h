@@ -1,5 +1,5 @@
-// Every public method of the client as a row of a table: how to call it, what it asks of which service, what a good answer
-// is, and what comes of it. Works on any libvesk, and with any test framework or none.
+// Every public method of the client as a row of a table: how to call it, what it asks of which service, what a good
+// answer is, and what comes of it. Works on any libvesk, and with any test framework or none.
 #pragma once
 
 #include <array>
@@ -24,10 +24,12 @@ struct Request {
   const char* answer = "";  // a good one, behind its exception code
 };
 
+// Makes a call, always with the same arguments, and returns its result as text: "true", "[a][b]". Any thread.
+using Call = std::function<std::string(Client& client, const Hear& hear)>;
+
 struct Method {
   const char* name;  // as the header declares it; overloads have rows of their own
-  // Makes the call, always with the same arguments, and returns its result as text: "true", "[a][b]". Any thread.
-  std::string (*call)(Client& client, const Hear& hear);
+  Call call;
   int service;  // its place in kServices; kNoService when it asks none
   std::array<Request, 2> requests;
   const char* result;    // of good answers
@@ -38,7 +40,8 @@ struct Method {
   static constexpr int kNoService = -1;
 };
 
-extern const std::array<Method, 43> kMethods;
+// Never destroyed: threads may call when main() has returned.
+extern const std::array<Method, 43>& kMethods;
 
 // The row of that name, the first of overloads. The name must be there.
 const Method& method(const std::string& name);

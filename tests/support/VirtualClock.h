@@ -16,12 +16,6 @@ class VirtualClock {
 
   // Runs `step` at the end of the `nth` sleep from now, on the thread that sleeps.
   void at_sleep(int nth, std::function<void()> step);
-
-  // From now on a sleep ends only when it is interrupted.
-  void stop();
-
-  // Waits until a thread sleeps on the stopped clock.
-  void wait_for_sleeper();
 };
 
 }  // namespace orvel::test

@@ -1,4 +1,4 @@
-// A file of its own, so that the compiler does not inline one half of an allocation into code that it also sees freeing.
+// A file of its own: the compiler must not inline one half of an allocation into code in which it sees the other half.
 #include "Allocations.h"
 
 #include <cstddef>

@@ -1,10 +1,7 @@
 // Each use of libvesk, and each allocation, that every public method makes fails in turn.
-#include <android/log.h>
-
 #include <algorithm>
 #include <initializer_list>
 #include <new>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -12,6 +9,7 @@
 
 #include "Allocations.h"
 #include "support/ClientFixture.h"
+#include "support/LogRecorder.h"
 #include "support/Runner.h"
 
 namespace {
@@ -115,12 +113,7 @@ class Bench final : public ClientFixture {
   // `forgotten`: requests and replies may be left, on purpose.
   void expect_nothing_left(bool forgotten) {
     m_client.shutdown();
-    Live left = m_vesk.live();
-    left.lookups = 0;  // a handle that could not be linked to its death stays bound
-    if (forgotten) left.payloads = left.buffers = 0;
-    std::ostringstream text;
-    text << "nothing is left, not " << left;
-    require(left == Live{}, text.str());
+    require(left(forgotten));
   }
 
   Client& m_client = Client::getClient();
@@ -203,9 +196,7 @@ void fail_starts() {
       bench.m_client.initialize();
     } catch (const std::bad_alloc&) {
       const Unarmed mine;
-      Live left = bench.m_vesk.live();
-      left.lookups = 0;  // as in expect_nothing_left()
-      require(left == Live{}, "nothing is left of the start");
+      require(bench.left(/*forgotten=*/false));
     }
     if (disarm() < nth) return;
     ++g_injected;
@@ -263,6 +254,6 @@ int main(int argc, char** argv) {
   }
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  discard_log();
   return runner.run([] { return std::to_string(g_injected) + " faults"; });
 }

@@ -22,8 +22,8 @@ class Caller {
   // `by_table`: the device gives the answers of the table of methods, so that each result must be one that it knows.
   Caller(Client& client, bool by_table) : m_client(client), m_by_table(by_table) {}
 
-  // Calls a public method, chosen at random; a shutdown() is rarer than the rest, so that the client is in use most of the
-  // time. What it subscribes to calls back into the client, half of the time.
+  // Calls a public method, chosen at random; a shutdown() is rarer than the rest, so that the client is in use most of
+  // the time. What it subscribes to calls back into the client, half of the time.
   void make_call(Random& random) {
     const test::Hear hear = [this](const std::string&) { heard(); };
     const std::size_t chosen = random() % (test::kMethods.size() + 2);

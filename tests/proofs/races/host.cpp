@@ -1,13 +1,12 @@
-// The same calls between processes: on the host runtime, against a simulated device whose services are killed, started and
-// made to send. Run as: orvel-sim run --isolate -- orvel-races-host
-#include <android/log.h>
-
+// The same calls between processes: on the host runtime, against a simulated device whose services are killed, started
+// and made to send. Run as: orvel-sim run --isolate -- orvel-races-host
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "races/Caller.h"
+#include "support/LogRecorder.h"
 #include "support/Process.h"
 
 namespace {
@@ -63,8 +62,7 @@ int main(int argc, char** argv) {
     client.shutdown();
   });
   if (const auto ended = runner.parse(argc, argv)) return *ended;
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  orvel::test::discard_log();
   return runner.run([&] {
     return std::to_string(runner.count()) + " calls on 8 threads, " + std::to_string(kills) + " kills, " +
            std::to_string(caller.notifications()) + " notifications";

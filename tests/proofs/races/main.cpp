@@ -1,6 +1,5 @@
 // All public methods on eight threads while services die and come back; every way in which a process may end. Run under
 // ThreadSanitizer, whose reports make it fail too.
-#include <android/log.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -11,11 +10,13 @@
 #include <functional>
 #include <future>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "races/Caller.h"
 #include "races/RandomDevice.h"
+#include "support/LogRecorder.h"
 #include "support/Process.h"
 
 // A process may end between the end of a run-loop thread and its join, which ThreadSanitizer takes for a leak.
@@ -51,10 +52,7 @@ Counts call_and_kill(const Runner& runner) {
     caller.make_calls(seed, 8, std::min(kCallsPerRound, runner.count() - made));
     device.stop();
     client.shutdown();
-    // What is left on purpose: the messages of one method, and the lookup of a handle that could not be linked to its death.
-    Live left = device.m_vesk.live();
-    left.payloads = left.buffers = left.lookups = 0;
-    require(left == Live{}, "a stopped client holds no reference");
+    require(device.left(/*forgotten=*/true));
     counts.kills += device.kills();
     counts.notifications += caller.notifications();
   }
@@ -62,6 +60,24 @@ Counts call_and_kill(const Runner& runner) {
 }
 
 constexpr int kExitStatus = 3;
+constexpr int kStillRuns = 4;
+
+// The device of a process that ends. It lives as long as the process.
+RandomDevice* g_device = nullptr;
+
+// Runs behind the client's destructor.
+void expect_stopped() {
+  if (g_device->m_vesk.uses("vesk_shutdown") == 0) _exit(kStillRuns);
+}
+
+// Starts the client, with a callback whose captured object uses the client when it ends.
+Client& start_client() {
+  static Client& client = Client::getClient();
+  if (!client.initialize()) std::abort();
+  const std::shared_ptr<void> captured(&client, [](void*) { client.shutdown(); });
+  client.registerForTimeSync([captured](long long, long long) {});
+  return client;
+}
 
 // Uses the client when it is destroyed.
 struct LateUser {
@@ -74,10 +90,10 @@ struct LateUser {
 };
 
 // Starts the client, runs `step` in a callback, and returns when it has begun.
-void in_callback(RandomDevice& device, const std::function<void()>& step) {
+void in_callback(const std::function<void()>& step) {
   static auto& entered = *new std::promise<void>;
-  if (!Client::getClient().initialize()) std::abort();
-  device.m_vesk.post([step] {
+  start_client();
+  g_device->m_vesk.post([step] {
     entered.set_value();
     step();
   });
@@ -85,32 +101,30 @@ void in_callback(RandomDevice& device, const std::function<void()>& step) {
 }
 
 template <void (*kExit)(int)>
-void exit_in_callback(RandomDevice& device) {
-  in_callback(device, [] { kExit(kExitStatus); });
+void exit_in_callback() {
+  in_callback([] { kExit(kExitStatus); });
   for (;;) pause();
 }
 
-void exit_during_callback(RandomDevice& device) {
-  in_callback(device, [] {
+void exit_during_callback() {
+  in_callback([] {
     for (int n = 0; n < 200; ++n) Client::getClient().getDeviceName();
   });
   std::exit(kExitStatus);
 }
 
-void exit_in_callback_during_shutdown(RandomDevice& device) {
-  in_callback(device, [&device] {
-    while (device.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
+void exit_in_callback_during_shutdown() {
+  in_callback([] {
+    while (g_device->m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
     std::exit(kExitStatus);
   });
   Client::getClient().shutdown();
   for (;;) pause();
 }
 
-void exit_during_calls(RandomDevice&) {
+void exit_during_calls() {
   static std::atomic<int> begun{0};
-  Client& client = Client::getClient();
-  if (!client.initialize()) std::abort();
-  static Caller caller(client, /*by_table=*/true);
+  static Caller caller(start_client(), /*by_table=*/true);
   for (std::uint64_t seed = 0; seed < 4; ++seed) {
     std::thread([random = Random(seed)]() mutable {
       for (;; ++begun) caller.make_call(random);
@@ -120,25 +134,24 @@ void exit_during_calls(RandomDevice&) {
   std::exit(kExitStatus);
 }
 
-void exit_during_start(RandomDevice& device) {
-  device.m_vesk.hold_binds(kServices[kMetrics]);
+void exit_during_start() {
+  g_device->m_vesk.hold_binds(kServices[kMetrics]);
   std::thread([] { Client::getClient().initialize(); }).detach();
-  while (device.m_vesk.bindings().size() < kMetrics) std::this_thread::yield();
+  while (g_device->m_vesk.bindings().size() < kMetrics) std::this_thread::yield();
   std::exit(kExitStatus);
 }
 
-void exit_with_static_objects(RandomDevice&) {
+void exit_with_static_objects() {
   static const LateUser ends_after_the_client;
-  Client& client = Client::getClient();
+  start_client();
   static const LateUser ends_before_the_client;
-  if (!client.initialize()) std::abort();
   std::exit(kExitStatus);
 }
 
-// How a process ends under a running client. The device lives as long as the process; the client was not created yet.
+// How a process ends under a running client, which was not created yet.
 constexpr struct Exit {
   const char* name;
-  void (*end)(RandomDevice& device);
+  void (*end)();
 } kExits[] = {
     {"exit-in-a-callback", exit_in_callback<std::exit>},
     {"_exit-in-a-callback", exit_in_callback<_exit>},
@@ -165,10 +178,12 @@ int main(int argc, char** argv) {
     });
   }
   if (const auto ended = runner.parse(argc, argv)) return *ended;
-  // The library formats every line; where it goes is of no interest here.
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
-  if (exit < std::size(kExits)) kExits[exit].end(*new RandomDevice(runner.seed()));
+  discard_log();
+  if (exit < std::size(kExits)) {
+    g_device = new RandomDevice(runner.seed());
+    std::atexit(expect_stopped);
+    kExits[exit].end();
+  }
   return runner.run([&] {
     return std::to_string(runner.count()) + " calls, " + std::to_string(counts.kills) + " kills, " +
            std::to_string(counts.notifications) + " notifications";

@@ -1,17 +1,15 @@
-// shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes of
-// libvesk, before, while and after the thread that shuts down gets on.
-#include <android/log.h>
-
+// shutdown() at every point of a start and of a rebind: at each sleep of the library's, and at each use that it makes
+// of libvesk, before, while and after the thread that shuts down gets on.
 #include <atomic>
 #include <functional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include "binder/Waiting.h"
 #include "support/ClientFixture.h"
+#include "support/LogRecorder.h"
 #include "support/Runner.h"
 
 namespace {
@@ -59,8 +57,8 @@ class Passage : public ClientFixture {
     if (what.bind_is_held) m_vesk.hold_binds(what.service);
   }
 
-  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the service
-  // comes back when that is the same.
+  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the
+  // service comes back when that is the same.
   void run(
       int at_sleep = 0, const std::function<void()>& step = [] {}) {
     m_clock.at_sleep(m_case.back_at, [this, same = at_sleep == m_case.back_at, step] {
@@ -103,11 +101,7 @@ void shut_down_at(const Case& what, Meeting meeting, bool at_sleep, int point) {
   passage.m_client.shutdown();
   if (stopper.joinable()) stopper.join();
   require(reached, "the point is reached");
-  Live left = passage.m_vesk.live();
-  left.lookups = 0;  // a handle that comes when the client has stopped waiting for it stays bound
-  std::ostringstream text;
-  text << "nothing is left, not " << left;
-  require(left == Live{}, text.str());
+  require(passage.left(/*forgotten=*/false));
   ++g_points;
 }
 
@@ -138,7 +132,6 @@ int main(int argc, char** argv) {
   }
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  discard_log();
   return runner.run([] { return std::to_string(g_points) + " shutdowns"; });
 }

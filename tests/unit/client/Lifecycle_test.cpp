@@ -1,11 +1,9 @@
 // Starting and stopping, at any moment and from any thread.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <future>
@@ -13,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "binder/Waiting.h"
 #include "support/ClientTest.h"
 
 namespace orvel::test {
@@ -31,16 +30,8 @@ struct LastHandler {
   int status = -1;
 } g_last_handler;
 
-class Lifecycle : public ClientTest {
+class Lifecycle : public StoppedClient {
  protected:
-  Lifecycle() : ClientTest("OrvelDelegateClient") {}
-  ~Lifecycle() override { m_client.shutdown(); }
-
-  void start() {
-    start_services();
-    EXPECT_TRUE(m_client.initialize());
-  }
-
   // A callback whose captured object shuts the client down when it ends.
   auto last_rites() {
     const std::shared_ptr<void> captured(&m_client, [this](void*) {
@@ -52,13 +43,13 @@ class Lifecycle : public ClientTest {
     return [captured](auto&&...) {};
   }
 
-  Client& m_client = Client::getClient();
   int m_ended = 0;
 };
 
 TEST_F(Lifecycle, StartsOnceAndStartsAgainAfterAStop) {
   for (int round = 0; round < 2; ++round) {
-    start();
+    start_services();
+    EXPECT_TRUE(m_client.initialize());
     EXPECT_EQ(m_log.take("IE").back(), "I initialize:OrvelDelegateClient initialized");
     EXPECT_TRUE(m_client.initialize());
     EXPECT_THAT(m_log.take(), ElementsAre("I initialize:Already initialized"));
@@ -102,9 +93,13 @@ TEST_F(Lifecycle, AServiceThatIsGivenUpLeavesTheOthers) {
 
 TEST_F(Lifecycle, AStopInterruptsAStartThatWaitsForAnyService) {
   for (const char* awaited : kServices) {
-    m_clock.stop();
+    std::promise<void> asleep;
+    m_clock.at_sleep(1, [&asleep] {
+      asleep.set_value();
+      while (!service_apis::waiting::interrupted()) std::this_thread::yield();
+    });
     std::future<bool> started = std::async(std::launch::async, [this] { return m_client.initialize(); });
-    m_clock.wait_for_sleeper();
+    asleep.get_future().wait();
     m_client.shutdown();
     EXPECT_FALSE(started.get());
     EXPECT_EQ(m_log.take("E").back(), "E initialize:Interrupted by shutdown");
@@ -112,15 +107,6 @@ TEST_F(Lifecycle, AStopInterruptsAStartThatWaitsForAnyService) {
     EXPECT_EQ(m_log.take(), Lines{}) << "the pending bind must go too";
     EXPECT_EQ(m_vesk.live(), Live{});
   }
-}
-
-TEST_F(Lifecycle, AStopInterruptsThePauseAfterADeath) {
-  start();
-  m_clock.stop();
-  m_vesk.kill_service(kServices[kDelegate]);
-  m_clock.wait_for_sleeper();
-  m_client.shutdown();
-  EXPECT_EQ(m_vesk.live(), Live{});
 }
 
 // Waits until the kernel has the thread asleep, which it is for a lock alone.
@@ -210,72 +196,25 @@ TEST_F(Lifecycle, AStopWaitsForACallbackThatNeedsTheLocks) {
   EXPECT_EQ(m_log.take().back(), kHasShutDown);
 }
 
-TEST_F(Lifecycle, TwoCallersOutliveAServiceThatComesAndGoes) {
-  start();
-  std::atomic<bool> stop{false};
-  const auto caller = [&] {
-    while (!stop) EXPECT_THAT(m_client.getDeviceName(), ::testing::AnyOf("", "Hall"));
-  };
-  std::thread first(caller);
-  std::thread second(caller);
-  for (int death = 0; death < 20; ++death) {
-    die(kServices[kDelegate]);
-    m_vesk.drain();
-  }
-  stop = true;
-  first.join();
-  second.join();
-  EXPECT_EQ(m_client.getDeviceName(), "Hall");
-  EXPECT_EQ(messages(), 0);
-}
-
 TEST_F(Lifecycle, TheChildOfAForkFailsInEveryMethodAndEndsAtOnce) {
   start();
   m_vesk.hold_calls(kServices[kDelegate]);
   std::future<std::string> name = std::async(std::launch::async, [this] { return m_client.getDeviceName(); });
   m_vesk.wait_for_held_calls(kServices[kDelegate]);
-  if (const pid_t child = fork(); child != 0) {
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    m_client.shutdown();
-    return;
-  }
-  // The client lock is held for ever here.
-  bool refused = !m_client.initialize();
-  for (const Method& each : kMethods) {
-    const std::string result = each.call(m_client, {});
-    refused = refused && (result == each.refused || result == "false");
-  }
-  m_client.shutdown();
-  const bool said = m_log.take("E").back() == "E shutdown:Called in the child of a fork";
-  g_last_handler.status = refused && said ? 0 : 1;
-  std::exit(2);
-}
-
-using LifecycleDeathTest = Lifecycle;
-
-TEST_F(LifecycleDeathTest, ExitStopsAClientThatWasNotStopped) {
-  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  static const auto last_words = [] { std::fputs("all handlers ran\n", stderr); };
-  const auto leave = [this](bool from_callback) {
-    std::atexit(last_words);
-    start();
-    static Client& client = m_client;
-    const std::shared_ptr<void> captured(&client, [](void*) { client.shutdown(); });
-    client.registerForTimeSync([captured](long long, long long) {});
-    if (from_callback) {
-      // While another thread waits for this very one.
-      m_vesk.post([this] {
-        while (m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
-        std::exit(3);
-      });
-      m_client.shutdown();
+  const auto child = [this] {
+    // The client lock is held for ever here.
+    bool refused = !m_client.initialize();
+    for (const Method& each : kMethods) {
+      const std::string result = each.call(m_client, {});
+      refused = refused && (result == each.refused || result == "false");
     }
-    std::exit(3);
+    m_client.shutdown();
+    const bool said = m_log.take("E").back() == "E shutdown:Called in the child of a fork";
+    g_last_handler.status = refused && said ? 0 : 1;
+    std::exit(2);
   };
-  EXPECT_EXIT(leave(false), ::testing::ExitedWithCode(3), "all handlers ran");
-  EXPECT_EXIT(leave(true), ::testing::ExitedWithCode(3), "all handlers ran");
+  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
+  m_client.shutdown();
 }
 
 }  // namespace

@@ -1,8 +1,13 @@
-// What all public methods have in common, for each row of the table: its requests, its result, and how it fails.
+// What all public methods have in common, for each row of the table: its requests, its result, and how it fails. Then
+// what single queries do besides.
 #include <cctype>
 #include <fstream>
+#include <limits>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "support/ClientTest.h"
 #include "support/Notifications.h"
@@ -16,17 +21,8 @@ using ::testing::EndsWith;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class Methods : public ClientTest {
+class Methods : public StoppedClient {
  protected:
-  Methods() : ClientTest("OrvelDelegateClient") {}
-  ~Methods() override { m_client.shutdown(); }
-
-  void start() {
-    start_services();
-    ASSERT_TRUE(m_client.initialize());
-    m_log.take();
-  }
-
   // Every method is refused, and says so once; `asks_none` is whether that holds for those without a request too.
   void expect_refused(const std::string& error, bool asks_none) {
     m_log.take();
@@ -46,8 +42,8 @@ class Methods : public ClientTest {
     }
   }
 
-  // What was logged, each line once: by the proxies, and by the client what is not a detail. Not the Binder's lines, and not the
-  // longest one; other tests have them.
+  // What was logged, each line once: by the proxies, and by the client what is not a detail. Not the Binder's lines,
+  // and not the longest one; other tests have them.
   std::string said(const std::string& levels) {
     const std::string of_proxy = "OrvelDelegateClient:I";
     std::string all = "\n";
@@ -60,8 +56,6 @@ class Methods : public ClientTest {
     }
     return all;
   }
-
-  Client& m_client = Client::getClient();
 };
 
 // Each declaration of the class stands on a line that begins with its result's type.
@@ -209,6 +203,61 @@ TEST_F(Methods, EachIsRefusedInsideTheConnectivityCallback) {
   m_vesk.drain();
   EXPECT_EQ(told, 1);
   EXPECT_TRUE(m_client.isMaroConnected()) << "and nothing is left locked";
+}
+
+class Queries : public StartedClient {
+ protected:
+  int setting(const std::string& value) {
+    answer(kServices[kDelegate], Bytes().i32(0).utf16(value));
+    return m_client.getSecureSettingInt("key", 7);
+  }
+};
+
+TEST_F(Queries, SettingsAreNumbersOrThrowAndLeaveTheClientUsable) {
+  const std::pair<const char*, int> numbers[] = {
+      {"", 7}, {"42", 42}, {"  -3", -3}, {"12abc", 12}, {"010", 10}, {"-2147483648", std::numeric_limits<int>::min()}};
+  for (const auto& [value, number] : numbers) EXPECT_EQ(setting(value), number) << value;
+  for (const char* value : {"abc", " ", "-", "- 1"}) EXPECT_THROW(setting(value), std::invalid_argument) << value;
+  EXPECT_THROW(setting("2147483648"), std::out_of_range);
+  EXPECT_EQ(setting("1"), 1) << "the lock must not stay behind";
+  m_client.getSecureSettingInt(std::string("key\0tail", 8), 7);
+  EXPECT_EQ(m_vesk.transactions().back().request, request(kInterfaces[kDelegate], wire("'key'")));
+}
+
+TEST_F(Queries, AnAnswerOfNoIsNoFailure) {
+  for (const char* service : {kServices[kDelegate], kServices[kPower]}) answer(service, wire("0 0"));
+  EXPECT_FALSE(m_client.isScreenOn() || m_client.acquirePartialWakeLock() || m_client.hasSystemFeature("f"));
+}
+
+TEST_F(Queries, OfAnApplicationTheEntryThatHasKeyAndTypeCounts) {
+  EXPECT_EQ(m_client.getApplicationInfoMetaData("p", 0, "l", "-"), "-");
+  EXPECT_EQ(m_client.getApplicationInfoMetaData("p", 0, "k", "-"), "v");
+}
+
+TEST_F(Queries, OfTheProcessesWithAPackageTheFirstCounts) {
+  const auto state = [this](const char* package) {
+    bool found = false, focused = false;
+    int importance = 55;
+    EXPECT_TRUE(m_client.getAppProcessState(package, found, importance, focused));
+    return std::tuple(found, importance, focused);
+  };
+  EXPECT_EQ(state("x"), std::tuple(true, 125, true));
+  EXPECT_EQ(state(""), std::tuple(true, 100, true));
+  EXPECT_EQ(state("y"), std::tuple(false, -1, false));
+}
+
+TEST_F(Queries, NullIsRefusedBeforeTheClientIsAsked) {
+  EXPECT_FALSE(m_client.broadcastIntent(nullptr) || m_client.broadcastIntentWithPermission(nullptr, "r") ||
+               m_client.startActivity(nullptr) || m_client.startForegroundService(nullptr) ||
+               m_client.startService(nullptr));
+  m_client.recordTarselMetricEvent(nullptr);
+  EXPECT_EQ(m_client.getSecureSettingInt("", 7), 7);
+  EXPECT_THAT(m_log.take("WE"),
+              ElementsAre("E broadcastIntent:intent is null", "E broadcastIntentWithPermission:intent is null",
+                          "E startActivity:intent is null", "E startForegroundService:intent is null",
+                          "E startService:intent is null", "E recordTarselMetricEvent:event is null",
+                          "E OrvelDelegateClient:IDelegateService getSecureSetting:Setting key is null or empty"));
+  EXPECT_THAT(m_vesk.transactions(), IsEmpty());
 }
 
 }  // namespace

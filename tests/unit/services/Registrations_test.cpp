@@ -54,14 +54,6 @@ TEST_F(Registrations, WhatWasNotTakenIsNotMadeAgain) {
                                "(result=0)",
                                "I registerForBroadcastWithDataTypeOrSchemeInternal:Registered to receive "
                                "broadcasts for intent [a.SCREEN] (result=0)"}));
-  for (const char* nothing : {static_cast<const char*>(nullptr), ""}) {
-    m_log.take();
-    EXPECT_EQ(service.registerForSecureSettingsInternal(nothing, {}), kNoConnection);
-    EXPECT_EQ(service.registerForBroadcastWithDataTypeOrSchemeInternal(nothing, {}, {}, {}), kNoConnection);
-    EXPECT_THAT(m_log.take(),
-                ElementsAre("E registerForSecureSettingsInternal:Setting key is null or empty",
-                            "E registerForBroadcastWithDataTypeOrSchemeInternal:Intent is null or empty"));
-  }
   die(kService, [&] {
     m_log.take();
     EXPECT_FALSE(hear_setting(service, "volume") || hear_broadcast(service, "a.SCREEN"));

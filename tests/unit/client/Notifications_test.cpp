@@ -1,4 +1,5 @@
-// Subscriptions, from the notification on the wire to the caller's callback.
+// Notifications, from the bytes that a service sends to the caller's callback.
+#include <cstring>
 #include <functional>
 #include <stdexcept>
 
@@ -8,7 +9,7 @@
 namespace orvel::test {
 namespace {
 
-using ::testing::ElementsAre;
+using namespace ::testing;  // NOLINT(google-build-using-namespace): its matchers
 
 constexpr char kName[] = "com.quarlo.hux.sso.action.QuarloAccountPropertyService.property.changed";
 constexpr char kAdded[] = "com.quarlo.hux.sso.action.account.added";
@@ -18,14 +19,8 @@ constexpr char kOn[] = "android.intent.action.SCREEN_ON";
 constexpr char kOff[] = "android.intent.action.SCREEN_OFF";
 constexpr char kTime[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
 
-class ChangeNotifications : public ClientTest {
+class ChangeNotifications : public StartedClient {
  protected:
-  ChangeNotifications() : ClientTest("OrvelDelegateClient") {
-    start_services();
-    EXPECT_TRUE(m_client.initialize());
-  }
-  ~ChangeNotifications() override { m_client.shutdown(); }
-
   // Makes the subscription of the table; what it brings goes to m_heard.
   void subscribe(const char* name) {
     const Hear hear = [this](const std::string& values) { m_heard.push_back(values); };
@@ -38,9 +33,6 @@ class ChangeNotifications : public ClientTest {
     m_vesk.drain();
     return m_heard;
   }
-
-  Client& m_client = Client::getClient();
-  Lines m_heard;
 };
 
 TEST_F(ChangeNotifications, EachBroadcastBecomesItsTypedValues) {
@@ -98,18 +90,12 @@ TEST_F(ChangeNotifications, ASettingThatIsNotANumberIsThrownOnTheRunLoopAndTheCl
   subscribe("registerForSecureSettingIntChange");
   EXPECT_FALSE(m_client.registerForSecureSettingIntChange("", 7, {}));
   EXPECT_FALSE(m_client.registerForPackageAction("", {}, {}, {}));
-  const struct {
-    const char* value;
-    Lines heard;
-    int result;
-  } rows[] = {{"42", {"42"}, 0},         {"", {"7"}, 0}, {" -3x", {"-3"}, 0}, {"seven", {}, -EIO},
-              {"99999999999", {}, -EIO}, {"8", {"8"}, 0}};
   vesk_endpoint* const endpoint = registrations().at(0).endpoints.at(0);
-  for (const auto& row : rows) {
-    m_heard.clear();
-    EXPECT_EQ(m_vesk.call(endpoint, 1, setting("k", row.value)).get().result, row.result) << row.value;
-    EXPECT_EQ(m_heard, row.heard) << row.value;
+  for (const char* value : {"42", "", "seven", "99999999999", "8"}) {
+    const bool is_number = std::strchr("428", value[0]) != nullptr;
+    EXPECT_EQ(m_vesk.call(endpoint, 1, setting("k", value)).get().result, is_number ? 0 : -EIO) << value;
   }
+  EXPECT_THAT(m_heard, ElementsAre("42", "7", "8"));
 }
 
 TEST_F(ChangeNotifications, BothHalvesOfAStateAreTriedAndTheOneThatIsTakenStaysWithTheStateOfItsCallback) {
@@ -149,6 +135,53 @@ TEST_F(ChangeNotifications, TheNetworkCallbackIsTheConnectivityServices) {
   for (const unsigned code : {1U, 6U}) m_vesk.send(endpoint, code, Bytes());
   m_vesk.drain();
   EXPECT_THAT(m_heard, ElementsAre("true", "false"));
+}
+
+using AssistantAndMetrics = StartedClient;
+
+TEST_F(AssistantAndMetrics, EveryMessageGivesOneResultByNameEvenBeforeTheAnswer) {
+  const Method& send_event = method("sendEvent");
+  vesk_endpoint* endpoint = nullptr;
+  m_vesk.add_service(kServices[kEvents], [&](const Transaction& call) {
+    if (endpoint) return Reply{wire("0 0"), 0};
+    m_vesk.send(endpoint = call.endpoints.front(), 1, notification(wire("1 0")));
+    m_vesk.drain();
+    return Reply{wire("0 1"), m_heard.empty() ? -EIO : 0};
+  });
+  EXPECT_EQ(send_event.call(m_client,
+                            [&](const std::string& result) {
+                              m_heard.push_back(result);
+                              // Callbacks may send, too, but this is refused.
+                              EXPECT_FALSE(m_heard.size() == 2 && send_event.call(m_client, {}) == "true");
+                            }),
+            "true");
+  for (const char* result : {"1 1", "1 2", "1 3", "1 4", "1 5", "1 6", "1 -1", "", "1"}) {
+    m_vesk.send(endpoint, 99, notification(wire(result)));
+  }
+  m_vesk.send(endpoint, 99, {});
+  EXPECT_EQ(m_vesk.call(endpoint, 1, notification(wire("1 1"))).get().result, 1) << "results are one-way";
+  EXPECT_THAT(m_heard,
+              ElementsAre("SUCCESS,false", "SUCCESS_NO_CONTENT,false", "MARO_DISCONNECTED,true", "INTERNAL_ERROR,true",
+                          "TIMEOUT,true", "INVALID_EVENT,false", "UNKNOWN_ERROR,true", "UNKNOWN_ERROR,true",
+                          "UNKNOWN_ERROR,true", "UNKNOWN_ERROR,true", "UNKNOWN_ERROR,true"));
+  const std::string line = "I operator():OrvelSimEventStatusCallback, result_str=";
+  EXPECT_THAT(m_log.take(), IsSupersetOf({line + "SUCCESS, is_retryable=false", line + "TIMEOUT, is_retryable=true"}));
+}
+
+TEST_F(AssistantAndMetrics, ADirectiveIsSplitIntoItsTexts) {
+  method("registerForDirective").call(m_client, [this](const std::string& texts) { m_heard.push_back(texts); });
+  m_vesk.send("sim_broker_service_N_vesk_endpoint", 1, wire("'a' 'b' 'c' 'd' 'e' 'f' 'g'"));
+  m_vesk.drain();
+  EXPECT_THAT(m_heard, ElementsAre("a,b,d,c,e,f,g"));
+  m_log.take();
+  EXPECT_FALSE(m_client.registerForDirective("", [](auto&&...) {}));
+  EXPECT_THAT(m_log.take("I"), ElementsAre("I registerForDirective:registerForDirective, status=0"));
+}
+
+TEST_F(AssistantAndMetrics, AnEmptyCallbackThrowsIntoLibvesk) {
+  EXPECT_TRUE(m_client.sendEvent("", "", "", "", "", "", "", true, "", {}));
+  vesk_endpoint* const endpoint = m_vesk.transactions().back().endpoints.front();
+  EXPECT_THROW(endpoint->fn->endpoint_call_oneway(m_runtime, endpoint, 1, nullptr, nullptr), std::bad_function_call);
 }
 
 }  // namespace
