@@ -258,7 +258,9 @@ class Loop {
     }
   }
 
+  // On a busy machine a service may be away for so long that clients give up on it, and hear no more of it.
   void actAndAwait() {
+    replaceThoseWhoGaveUp();
     act();
     awaitTold();
   }
