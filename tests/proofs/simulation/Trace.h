@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/Methods.h"
@@ -57,8 +58,7 @@ enum class Kind {
   kRequest,   // a: service, b: code, bytes, flag: with an endpoint
   kCallback,  // a: callback, text: what it is told
   kReturn,    // text
-  kAnswer,    // a: result of a two-way call to an endpoint
-  kLine       // text: what it logged
+  kAnswer     // a: result of a two-way call to an endpoint
 };
 constexpr int kExceptionReply = 1;
 
@@ -69,6 +69,11 @@ struct Event {
   std::string text = {};
   Bytes bytes = {};
   bool flag = false;
+
+  // Whether all but the bytes is the same.
+  bool is_like(const Event& other) const {
+    return std::tie(kind, a, b, text, flag) == std::tie(other.kind, other.a, other.b, other.text, other.flag);
+  }
 };
 using Trace = std::vector<Event>;
 
