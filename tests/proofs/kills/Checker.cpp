@@ -400,14 +400,12 @@ class ClientCheck {
     };
     const auto from = expected.begin() + static_cast<std::ptrdiff_t>(position);
     const auto found = std::find_if(from, expected.end(), fits);
-    const std::string what = registration.name + " was told " + told.value;
-    if (found == expected.end()) {
+    if (found == expected.end() || found->due == Due::kWithheld) {
       const bool earlier = std::any_of(expected.begin(), from, fits);
-      complain(what, earlier ? " twice or out of order" : ", which the device had not sent");
-      return position;
-    }
-    if (found->due == Due::kWithheld) {
-      complain(what, " though ", found->why);
+      complain(registration.name, " was told ", told.value,
+               found != expected.end() ? std::string(" though ") + found->why
+               : earlier               ? " twice or out of order"
+                                       : ", which the device had not sent");
       return position;
     }
     for (auto each = from; each != found; ++each) {
