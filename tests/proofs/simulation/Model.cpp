@@ -57,9 +57,6 @@ void Model::apply(const Event& event) {
     case Kind::kTakeName:
       m_taken.insert(event.text);
       return;
-    case Kind::kBreakRuntime:
-      m_runtime_broken = true;
-      return;
     case Kind::kSend:
       return apply_send(event);
     case Kind::kCall:
@@ -285,7 +282,6 @@ bool Model::transact(const RequestOf& made, int callback, bool any_arguments) {
 bool Model::initialize() {
   if (m_in_maro_callback) return false;
   if (m_initialized) return true;
-  if (std::exchange(m_runtime_broken, false)) return false;
   m_shut_down = false;
   for (int service = 0; service < kServiceCount; ++service) {
     bind(service);

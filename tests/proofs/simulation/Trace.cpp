@@ -105,8 +105,8 @@ const std::vector<Notice>& notices() {
 
 std::string describe(const Event& event) {
   // clang-format off
-  static constexpr std::array<const char*, 21> kWords = {
-      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "another process takes", "break",
+  static constexpr std::array<const char*, 20> kWords = {
+      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "another process takes",
       "send to", "call", "stop", "stopped", "drain", "drained", "reply", "awake", "callback ends",
       "SLEEP", "REQUEST", "CALLBACK", "RETURN", "ANSWER"};
   // clang-format on

@@ -37,17 +37,16 @@ const std::vector<Notice>& notices();
 
 enum class Kind {
   // What the run decided.
-  kStart,         // a: service
-  kKill,          // a: service
-  kRefuse,        // a: service, b: how often
-  kHold,          // a: service
-  kComplete,      // a: service
-  kTakeName,      // text: a name that another process serves from now on
-  kBreakRuntime,  // the next look at the runtime fails
-  kSend,          // a: the transfer of the endpoint, -1 for the one named text; b: the notice; flag: two-way
-  kCall,          // a: row of the method, b: the number of its callback
-  kStop,          // another thread begins a shutdown ...
-  kStopped,       // ... which has ended
+  kStart,     // a: service
+  kKill,      // a: service
+  kRefuse,    // a: service, b: how often
+  kHold,      // a: service
+  kComplete,  // a: service
+  kTakeName,  // text: a name that another process serves from now on
+  kSend,      // a: the transfer of the endpoint, -1 for the one named text; b: the notice; flag: two-way
+  kCall,      // a: row of the method, b: the number of its callback
+  kStop,      // another thread begins a shutdown ...
+  kStopped,   // ... which has ended
   kDrain,
   kDrained,      // the run loop runs what waits for it
   kReply,        // a: 0, or what the call fails with; kExceptionReply for an exception of the service

@@ -119,10 +119,6 @@ void World::change_services() {
     record({Kind::kTakeName, 0, 0, taken});
     return m_vesk.add_service(taken);
   }
-  if (what == 13) {
-    record({Kind::kBreakRuntime});
-    return m_vesk.fail_once("vesk_get_runtime", 1, -EIO);
-  }
   for (int each = 0; each < kServiceCount; ++each) {
     complete(each);
     start(each);
