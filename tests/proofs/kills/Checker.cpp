@@ -211,10 +211,13 @@ class ClientCheck {
         continue;
       }
       const Time duration = call.span.end - call.span.begin;
-      if (duration > m_limit + kSecond && !m_device.died(m_name, call.span.begin, call.span.end))
+      if (duration > m_limit + kSecond && !stoodStill(call))
         complain(call.name, " took ", duration / kMillisecond, " ms, the limit is ", m_limit / kMillisecond);
     }
   }
+
+  // Whether the client did so at some time during the call.
+  bool stoodStill(const Call& call) { return m_device.died(m_name, call.span.begin, call.span.end); }
 
   // Deaths, and services that were given up on.
   void checkLives() {
@@ -232,7 +235,7 @@ class ClientCheck {
     for (const auto& [id, call] : m_calls) {
       if (call.span.begin <= gaveUpOn(call.who)) continue;
       if (call.ok) complain(call.name, " was answered", though);
-      if (call.returns == 1 && call.span.end - call.span.begin > kSecond)
+      if (call.returns == 1 && call.span.end - call.span.begin > kSecond && !stoodStill(call))
         complain(call.name, " did not fail at once", though);
     }
     for (const Record& made : m_device.made[m_process]) {
@@ -397,14 +400,12 @@ class ClientCheck {
     };
     const auto from = expected.begin() + static_cast<std::ptrdiff_t>(position);
     const auto found = std::find_if(from, expected.end(), fits);
-    const std::string what = registration.name + " was told " + told.value;
-    if (found == expected.end()) {
+    if (found == expected.end() || found->due == Due::kWithheld) {
       const bool earlier = std::any_of(expected.begin(), from, fits);
-      complain(what, earlier ? " twice or out of order" : ", which the device had not sent");
-      return position;
-    }
-    if (found->due == Due::kWithheld) {
-      complain(what, " though ", found->why);
+      complain(registration.name, " was told ", told.value,
+               found != expected.end() ? std::string(" though ") + found->why
+               : earlier               ? " twice or out of order"
+                                       : ", which the device had not sent");
       return position;
     }
     for (auto each = from; each != found; ++each) {
@@ -425,7 +426,8 @@ class ClientCheck {
 
   void checkEvent(const Call& call) {
     ++m_counts["events"];
-    const bool dead = call.ok && m_device.surelyDied(kEvents, call.span.begin, call.span.begin + m_device.eventDelay);
+    // A call that is still under way when the process dies may reach the next one.
+    const bool dead = call.ok && m_device.surelyDied(kEvents, call.span.end, call.span.begin + m_device.eventDelay);
     if (dead) ++m_counts["dead events"];
     const Time latest = call.span.end + m_device.eventDelay + kOnItsWay;
     const bool cut = latest > m_ending || m_device.died(kEvents, call.span.begin, latest);

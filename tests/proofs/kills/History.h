@@ -64,17 +64,11 @@ inline Record readRecord(const std::string& line) {
   return nlohmann::json::parse(line).get<Record>();
 }
 
-// Throws std::runtime_error that names the file and the line.
+// Throws as readRecord does, and std::runtime_error that names a file which cannot be read.
 inline std::vector<Record> readHistory(const std::string& file) {
   std::ifstream lines(file);
   std::vector<Record> records;
-  for (std::string line; std::getline(lines, line);) {
-    try {
-      records.push_back(readRecord(line));
-    } catch (const nlohmann::json::exception& error) {
-      throw std::runtime_error(file + ":" + std::to_string(records.size() + 1) + ": " + error.what());
-    }
-  }
+  for (std::string line; std::getline(lines, line);) records.push_back(readRecord(line));
   if (!lines.eof()) throw std::runtime_error("cannot read " + file);
   return records;
 }

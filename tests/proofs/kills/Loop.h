@@ -130,8 +130,7 @@ class Loop {
     renewNetwork(false);
     actAndAwait();
     // One is not restored, and the other leaves events without a status.
-    for (const char* service : {kConnectivity, kEvents}) m_device.kill(service);
-    recover({kConnectivity, kEvents});
+    killAndRecover({kConnectivity, kEvents});
     actAndAwait();
     refuseReplays();
     fillQueue();
@@ -145,12 +144,10 @@ class Loop {
     const std::string fault = "/delegate/faults/registerForBroadcastWithDataTypeOrScheme";
     const Json exception = {{"code", -5}, {"message", "refused by the kill loop"}, {"trace", ""}};
     m_device.order(change(fault, {{"exception", exception}}));
-    m_device.kill(kDelegate);
-    recover({kDelegate});
+    killAndRecover({kDelegate});
     m_device.order({{"order", "change"}, {"change", {{"path", fault + "/exception"}}}});
     act();
-    m_device.kill(kDelegate);
-    recover({kDelegate});
+    killAndRecover({kDelegate});
     actAndAwait();
   }
 
@@ -188,11 +185,15 @@ class Loop {
   void passCallLimit() {
     m_device.stop(kPower);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    m_device.kill(kPower);
-    recover({kPower});
+    killAndRecover({kPower});
   }
 
   // ---- What both are made of ----
+
+  void killAndRecover(const Services& services) {
+    for (const std::string& service : services) m_device.kill(service);
+    recover(services);
+  }
 
   void recover(const Services& services) {
     for (const std::string& service : services) m_device.awaitLife(service);
@@ -258,7 +259,9 @@ class Loop {
     }
   }
 
+  // On a busy machine a service may be away for so long that clients give up on it, and hear no more of it.
   void actAndAwait() {
+    replaceThoseWhoGaveUp();
     act();
     awaitTold();
   }

@@ -117,7 +117,6 @@ class Model {
   std::vector<std::string> m_bindings;
   bool m_shut_down = false;
   bool m_interrupted = false;
-  bool m_runtime_broken = false;
   long m_now = 0;
 
   bool m_initialized = false;

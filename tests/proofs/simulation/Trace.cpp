@@ -105,33 +105,23 @@ const std::vector<Notice>& notices() {
 
 std::string describe(const Event& event) {
   // clang-format off
-  static constexpr std::array<const char*, 22> kWords = {
-      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "another process takes", "break",
+  static constexpr std::array<const char*, 20> kWords = {
+      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "another process takes",
       "send to", "call", "stop", "stopped", "drain", "drained", "reply", "awake", "callback ends",
-      "SLEEP", "REQUEST", "CALLBACK", "RETURN", "ANSWER", "line"};
+      "SLEEP", "REQUEST", "CALLBACK", "RETURN", "ANSWER"};
   // clang-format on
   std::ostringstream out;
   out << kWords.at(static_cast<std::size_t>(event.kind));
-  switch (event.kind) {
-    case Kind::kStart:
-    case Kind::kKill:
-    case Kind::kRefuse:
-    case Kind::kHold:
-    case Kind::kComplete:
-    case Kind::kRequest:
-      out << ' ' << kServices.at(static_cast<std::size_t>(event.a)) << ' ' << event.b;
-      break;
-    case Kind::kCall:
-      out << ' ' << method_at(event.a).name << ", callback " << event.b;
-      break;
-    case Kind::kSend: {
-      const Notice& notice = notices().at(static_cast<std::size_t>(event.b));
-      out << ' ' << event.a << ": " << (notice.told != nullptr ? notice.told : "nothing") << " for "
-          << method_at(notice.to.row).name;
-      break;
-    }
-    default:
-      out << ' ' << event.a;
+  if (event.kind <= Kind::kComplete || event.kind == Kind::kRequest) {
+    out << ' ' << kServices.at(static_cast<std::size_t>(event.a)) << ' ' << event.b;
+  } else if (event.kind == Kind::kCall) {
+    out << ' ' << method_at(event.a).name << ", callback " << event.b;
+  } else if (event.kind == Kind::kSend) {
+    const Notice& notice = notices().at(static_cast<std::size_t>(event.b));
+    out << ' ' << event.a << ": " << (notice.told != nullptr ? notice.told : "nothing") << " for "
+        << method_at(notice.to.row).name;
+  } else {
+    out << ' ' << event.a;
   }
   if (!event.text.empty()) out << " \"" << event.text << '"';
   if (event.bytes.size() > 0) out << ' ' << event.bytes;

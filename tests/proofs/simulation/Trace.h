@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/Methods.h"
@@ -36,17 +37,16 @@ const std::vector<Notice>& notices();
 
 enum class Kind {
   // What the run decided.
-  kStart,         // a: service
-  kKill,          // a: service
-  kRefuse,        // a: service, b: how often
-  kHold,          // a: service
-  kComplete,      // a: service
-  kTakeName,      // text: a name that another process serves from now on
-  kBreakRuntime,  // the next look at the runtime fails
-  kSend,          // a: the transfer of the endpoint, -1 for the one named text; b: the notice; flag: two-way
-  kCall,          // a: row of the method, b: the number of its callback
-  kStop,          // another thread begins a shutdown ...
-  kStopped,       // ... which has ended
+  kStart,     // a: service
+  kKill,      // a: service
+  kRefuse,    // a: service, b: how often
+  kHold,      // a: service
+  kComplete,  // a: service
+  kTakeName,  // text: a name that another process serves from now on
+  kSend,      // a: the transfer of the endpoint, -1 for the one named text; b: the notice; flag: two-way
+  kCall,      // a: row of the method, b: the number of its callback
+  kStop,      // another thread begins a shutdown ...
+  kStopped,   // ... which has ended
   kDrain,
   kDrained,      // the run loop runs what waits for it
   kReply,        // a: 0, or what the call fails with; kExceptionReply for an exception of the service
@@ -57,8 +57,7 @@ enum class Kind {
   kRequest,   // a: service, b: code, bytes, flag: with an endpoint
   kCallback,  // a: callback, text: what it is told
   kReturn,    // text
-  kAnswer,    // a: result of a two-way call to an endpoint
-  kLine       // text: what it logged
+  kAnswer     // a: result of a two-way call to an endpoint
 };
 constexpr int kExceptionReply = 1;
 
@@ -69,6 +68,11 @@ struct Event {
   std::string text = {};
   Bytes bytes = {};
   bool flag = false;
+
+  // Whether all but the bytes is the same.
+  bool is_like(const Event& other) const {
+    return std::tie(kind, a, b, text, flag) == std::tie(other.kind, other.a, other.b, other.text, other.flag);
+  }
 };
 using Trace = std::vector<Event>;
 

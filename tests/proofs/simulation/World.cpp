@@ -13,48 +13,22 @@
 namespace orvel::test::simulation {
 namespace {
 
-// Where the lines of this thread go, and those of all other threads.
-thread_local Trace* t_lines = nullptr;
-Trace* g_lines = nullptr;
-
-void record_line(const __android_logger_data*, const char* message) {
-  Trace* const lines = t_lines != nullptr ? t_lines : g_lines;
-  if (lines != nullptr) lines->push_back({Kind::kLine, 0, 0, message});
-}
-
 const char* name_of(int service) {
   return kServices.at(static_cast<std::size_t>(service));
 }
 
-// The requests that bring the endpoints of the notices, in the order of the notices.
-const std::vector<Bytes>& heads() {
-  static const std::vector<Bytes> all = [] {
-    std::vector<Bytes> made;
-    for (const Notice& each : notices())
-      made.push_back(method_at(each.to.row).service == kDirectives ? Bytes() : head_of(each.to));
-    return made;
-  }();
-  return all;
-}
-
 bool begins(const Bytes& message, const Bytes& head) {
-  return head.size() > 0 && message.size() >= head.size() && std::memcmp(message.data(), head.data(), head.size()) == 0;
+  return message.size() >= head.size() && std::memcmp(message.data(), head.data(), head.size()) == 0;
 }
 
 }  // namespace
 
-World::World(Choices& choices, Trace& trace, bool lines) : m_choices(choices), m_trace(trace) {
-  g_lines = &m_trace;
-  __android_log_set_minimum_priority(lines ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
-  __android_log_set_logger(record_line);
+World::World(Choices& choices, Trace& trace) : m_choices(choices), m_trace(trace) {
+  __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
   m_vesk.keep_quiet();
   m_vesk.be_strict();
   m_vesk.hold_run_loop();
   m_clock.at_sleep(1, [this] { slept(); });
-}
-
-World::~World() {
-  g_lines = nullptr;
 }
 
 void World::run() {
@@ -145,10 +119,6 @@ void World::change_services() {
     record({Kind::kTakeName, 0, 0, taken});
     return m_vesk.add_service(taken);
   }
-  if (what == 13) {
-    record({Kind::kBreakRuntime});
-    return m_vesk.fail_once("vesk_get_runtime", 1, -EIO);
-  }
   for (int each = 0; each < kServiceCount; ++each) {
     complete(each);
     start(each);
@@ -186,9 +156,8 @@ void World::stop() {
   record({Kind::kStop});
   // Its end lets another thread join it, which must find it here.
   const auto go = std::make_shared<std::promise<void>>();
-  m_stopper = std::thread([this, begin = go->get_future().share()] {
+  m_stopper = std::thread([begin = go->get_future().share()] {
     begin.wait();
-    t_lines = &m_stopper_lines;
     Client::getClient().shutdown();
   });
   go->set_value();
@@ -199,7 +168,6 @@ void World::finish_stop() {
   if (!m_stopping) return;
   m_stopper.join();
   m_stopping = false;
-  for (Event& line : std::exchange(m_stopper_lines, {})) record(std::move(line));
   m_running = false;
   record({Kind::kStopped});
 }
@@ -225,9 +193,8 @@ Reply World::answer(int service, const Transaction& call) {
     Sent sent{call.transfers.front(), {}};
     for (std::size_t n = 0; n < notices().size(); ++n) {
       const RequestOf& to = notices()[n].to;
-      const Method& row = method_at(to.row);
-      const bool same_code = row.requests.at(static_cast<std::size_t>(to.place)).code == call.code;
-      if (same_code && begins(call.request, heads()[n])) sent.notices.push_back(static_cast<int>(n));
+      const unsigned code = method_at(to.row).requests.at(static_cast<std::size_t>(to.place)).code;
+      if (code == call.code && begins(call.request, head_of(to))) sent.notices.push_back(static_cast<int>(n));
     }
     m_sent.push_back(std::move(sent));
   }

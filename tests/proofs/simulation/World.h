@@ -19,9 +19,8 @@ namespace orvel::test::simulation {
 // At most one further thread exists, which calls shutdown() and then waits for the others.
 class World {
  public:
-  // With `lines`, the trace has what the client logs. Both references are borrowed.
-  World(Choices& choices, Trace& trace, bool lines);
-  ~World();
+  // Both references are borrowed.
+  World(Choices& choices, Trace& trace);
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
@@ -77,7 +76,6 @@ class World {
   int m_budget = 150;  // of what may happen in between
   bool m_stopping = false;
   std::thread m_stopper;
-  Trace m_stopper_lines;
 };
 
 }  // namespace orvel::test::simulation

@@ -17,7 +17,7 @@
 namespace orvel::test::simulation {
 namespace {
 
-// One in this many seeds is run two more times, whose traces must be equal.
+// One in this many seeds is run twice, with equal traces.
 constexpr std::uint64_t kRepeatEvery = 50;
 constexpr int kPauseAfterDeath = 6;
 
@@ -68,54 +68,48 @@ std::string verdict(const World& world, const Trace& trace, int pause) {
   return failures.str().empty() ? "" : describe(trace, trace.size()) + failures.str();
 }
 
-struct Counts {
-  long calls = 0;
-  long events = 0;
-  long repeated = 0;
+struct Run {
+  Trace trace;
+  std::string failure;
 };
 
 class Simulation {
  public:
-  explicit Simulation(const Runner& runner) : m_runner(runner) {}
+  explicit Simulation(bool canary) : m_pause(canary ? kPauseAfterDeath - 1 : kPauseAfterDeath) {}
 
-  void check(std::uint64_t seed) {
+  void check(std::uint64_t seed, bool verbose) {
     begin("seed " + std::to_string(seed) + " (--seed " + std::to_string(seed) + " --count 1)");
-    Trace trace;
-    const std::string failure = run(seed, trace, /*lines=*/false);
-    require(failure.empty(), "\n" + failure);
-    m_counts.calls += std::count_if(trace.begin(), trace.end(), [](const Event& it) { return it.kind == Kind::kCall; });
-    m_counts.events += static_cast<long>(trace.size());
+    const Run first = run(seed);
+    if (verbose) std::cout << "seed " << seed << "\n" << describe(first.trace, first.trace.size());
+    require(first.failure.empty(), "\n" + first.failure);
+    const auto is_call = [](const Event& it) { return it.kind == Kind::kCall; };
+    m_calls += std::count_if(first.trace.begin(), first.trace.end(), is_call);
+    m_events += first.trace.size();
     if (seed % kRepeatEvery != 0) return;
-    ++m_counts.repeated;
-    const std::string first = trace_of(seed);
-    const std::string second = trace_of(seed);
-    require(first == second, "two runs of the same seed differ\n" + first + "---\n" + second);
+    const Run second = run(seed);
+    const std::string one = describe(first.trace, first.trace.size());
+    const std::string other = describe(second.trace, second.trace.size());
+    require(one == other, "two runs of the same seed differ\n" + one + "---\n" + other);
   }
 
-  // What happens in the run of a seed, with what the client logs.
-  std::string trace_of(std::uint64_t seed) {
-    Trace trace;
-    const std::string failure = run(seed, trace, /*lines=*/true);
-    return describe(trace, trace.size()) + failure;
-  }
-
-  const Counts& counts() const { return m_counts; }
+  std::string summary() const { return std::to_string(m_calls) + " calls, " + std::to_string(m_events) + " events"; }
 
  private:
-  std::string run(std::uint64_t seed, Trace& trace, bool lines) {
-    std::string failure;
+  Run run(std::uint64_t seed) const {
+    Run made;
     {
       Choices choices(seed);
-      World world(choices, trace, lines);
+      World world(choices, made.trace);
       world.run();
-      failure = verdict(world, trace, m_runner.canary() ? kPauseAfterDeath - 1 : kPauseAfterDeath);
+      made.failure = verdict(world, made.trace, m_pause);
     }
     if (!Client::getClient().isMaroConnected()) connect_assistant();
-    return failure;
+    return made;
   }
 
-  const Runner& m_runner;
-  Counts m_counts;
+  const int m_pause;
+  std::int64_t m_calls = 0;
+  std::size_t m_events = 0;
 };
 
 }  // namespace
@@ -128,17 +122,10 @@ int main(int argc, char** argv) {
   bool verbose = false;
   runner.options().add_flag("--verbose", verbose, "print what happens in each run");
   if (const auto status = runner.parse(argc, argv)) return *status;
-  Simulation simulation(runner);
+  Simulation simulation(runner.canary());
   runner.add("programs", [&] {
-    for (std::uint64_t seed = runner.seed(); seed < runner.seed() + static_cast<std::uint64_t>(runner.count());
-         ++seed) {
-      if (verbose) std::cout << "seed " << seed << "\n" << simulation.trace_of(seed);
-      simulation.check(seed);
-    }
+    for (std::uint64_t seed = runner.seed(); seed < runner.seed() + static_cast<std::uint64_t>(runner.count()); ++seed)
+      simulation.check(seed, verbose);
   });
-  return runner.run([&] {
-    const auto& counts = simulation.counts();
-    return std::to_string(runner.count()) + " runs, " + std::to_string(counts.calls) + " calls, " +
-           std::to_string(counts.events) + " events, " + std::to_string(counts.repeated) + " repeated";
-  });
+  return runner.run([&] { return std::to_string(runner.count()) + " runs, " + simulation.summary(); });
 }
