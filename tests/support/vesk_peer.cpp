@@ -1,5 +1,5 @@
-// vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes "serves" once it does, and "hangs" for each
-// kHang that it has taken.
+// vesk_peer NAME: serves NAME as Peer.h describes until it is killed. Writes "serves" once it does, and "hangs" for
+// each kHang that it has taken.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>

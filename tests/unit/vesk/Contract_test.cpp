@@ -1,5 +1,5 @@
-// What callers of libvesk rely on. One source, two programs: linked with InprocessVesk and with the host runtime, so that
-// what the unit tests stand on cannot drift from the real thing.
+// What callers of libvesk rely on. One source, two programs: linked with InprocessVesk and with the host runtime, so
+// that what the unit tests stand on cannot drift from the real thing.
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// What the tests of libvesk share: a peer, the process's runtime, what is called back and the log of it, and short names for what
-// they do with all these.
+// What the tests of libvesk share: a peer, the process's runtime, what is called back and the log of it, and short
+// names for what they do with all these.
 #pragma once
 
 #include <chrono>
