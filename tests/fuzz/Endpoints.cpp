@@ -22,8 +22,8 @@ struct Message {
   Input bytes;
 };
 
-// Calls an endpoint as libvesk does. Its callback must have been called once for a message that is news, with what `expect`
-// finds in the message, and not at all for a call of the kind that the endpoint does not serve.
+// Calls an endpoint as libvesk does. Its callback must have been called once for a message that is news, with what
+// `expect` finds in the message, and not at all for a call of the kind that the endpoint does not serve.
 template <typename Endpoint, typename... Values, typename Expect>
 void check(const Message& message, bool servesTwoWay, bool isNews, const Expect& expect) {
   std::vector<std::tuple<Values...>> heard;

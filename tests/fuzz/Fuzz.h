@@ -1,5 +1,6 @@
-// What all fuzz targets share: promises, what an input makes the code allocate, and values drawn from an input. A target is
-// one function, which libFuzzer calls where clang builds with AddressSanitizer, and replay.cpp in every other build.
+// What all fuzz targets share: promises, what an input makes the code allocate, and values drawn from an input. A
+// target is one function, which libFuzzer calls where clang builds with AddressSanitizer, and replay.cpp in every other
+// build.
 #pragma once
 
 #include <algorithm>

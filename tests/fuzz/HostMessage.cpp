@@ -1,5 +1,5 @@
-// Texts that the host runtime writes into a message, over each other and between moves and cuts. What it reads, the other
-// targets read as well; what it makes of each value is in the contract's tests.
+// Texts that the host runtime writes into a message, over each other and between moves and cuts. What it reads, the
+// other targets read as well; what it makes of each value is in the contract's tests.
 #include <algorithm>
 #include <string>
 

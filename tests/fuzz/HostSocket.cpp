@@ -1,5 +1,5 @@
-// The socket of a process that serves: what a peer writes there, in pieces, raw or behind a proper beginning. The process
-// ends the connection, and goes on answering others.
+// The socket of a process that serves: what a peer writes there, in pieces, raw or behind a proper beginning. The
+// process ends the connection, and goes on answering others.
 #include <sys/socket.h>
 
 #include <cstdlib>

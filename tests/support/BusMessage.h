@@ -1,5 +1,5 @@
-// The connection between two processes, byte by byte, so that any part of a message may be wrong: messages, and one end of
-// a socket that carries them. Shares nothing with the host runtime but the owner of a descriptor.
+// The connection between two processes, byte by byte, so that any part of a message may be wrong: messages, and one end
+// of a socket that carries them. Shares nothing with the host runtime but the owner of a descriptor.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// What clients do to the device that breaks the rules of the connection. What is not even a message is in the corpus of the
-// fuzz target of the host runtime's socket.
+// What clients do to the device that breaks the rules of the connection. What is not even a message is in the corpus of
+// the fuzz target of the host runtime's socket.
 #include <fcntl.h>
 #include <sys/socket.h>
 

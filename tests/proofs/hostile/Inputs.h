@@ -41,8 +41,8 @@ struct Answer {
   [[nodiscard]] std::int32_t word(std::size_t index) const;
 };
 
-// The device as its attackers see it, for one input. What they opened stays open until the next one, so that the others are
-// served beside it.
+// The device as its attackers see it, for one input. What they opened stays open until the next one, so that the others
+// are served beside it.
 class Target {
  public:
   Target(std::string directory, int limit_ms, std::uint64_t seed)
@@ -113,8 +113,8 @@ BusMessage with(BusMessage message, Member BusMessage::*member, std::decay_t<Mem
   return message;
 }
 
-// A call to a service of the device, whose arguments stand behind the header of every request. With endpoints it has the
-// callback channel too.
+// A call to a service of the device, whose arguments stand behind the header of every request. With endpoints it has
+// the callback channel too.
 BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments = {},
                    const test::Endpoints& endpoints = std::nullopt);
 

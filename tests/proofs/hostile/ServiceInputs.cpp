@@ -1,5 +1,5 @@
-// What services do to their clients that breaks the rules. Each plays the delegate service for one life of a client, which
-// asks for a name, registers two receivers, and asks another service whether the screen is on.
+// What services do to their clients that breaks the rules. Each plays the delegate service for one life of a client,
+// which asks for a name, registers two receivers, and asks another service whether the screen is on.
 #include <sys/socket.h>
 
 #include <chrono>

@@ -1,5 +1,5 @@
-// Throws every input of the tables at the simulated device and at a client, and looks after each whether they are alive,
-// serve everybody else as before, and keep nothing.
+// Throws every input of the tables at the simulated device and at a client, and looks after each whether they are
+// alive, serve everybody else as before, and keep nothing.
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

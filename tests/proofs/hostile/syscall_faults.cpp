@@ -1,6 +1,6 @@
-// One system call of the host runtime fails, the n-th use of one function with one error, while a fixed sequence of everything
-// that a process does with the runtime goes by. Afterwards the same sequence works in the same process, and the process holds
-// no more references and descriptors than before.
+// One system call of the host runtime fails, the n-th use of one function with one error, while a fixed sequence of
+// everything that a process does with the runtime goes by. Afterwards the same sequence works in the same process, and
+// the process holds no more references and descriptors than before.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
