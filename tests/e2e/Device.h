@@ -70,7 +70,8 @@ class NoDevice : public ::testing::Test {
 
   Words environment() const {
     return {"ORVEL_RUNTIME_DIR=" + directory().string(), "TMPDIR=" + temporary().string(), "T=" + temporary().string(),
-            "ORVEL_CALL_TIMEOUT_MS=" + std::to_string(m_callLimitMs), "PATH=" ORVEL_BIN ":/usr/bin:/bin"};
+            "ORVEL_CALL_TIMEOUT_MS=" + std::to_string(m_callLimitMs),
+            "PATH=" + test::programFolder() + ":/usr/bin:/bin"};
   }
   // Programs that start from now on wait so long for a service that hangs. The usual limit hurries nothing.
   void limitCalls(int milliseconds = 15'000) { m_callLimitMs = milliseconds; }

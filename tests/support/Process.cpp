@@ -63,9 +63,13 @@ bool waitForEndUntil(pid_t pid, Clock::time_point limit) {
 
 }  // namespace
 
+std::string programFolder() {
+  return ORVEL_BIN;
+}
+
 Process::Process(const Words& words, const Words& environment, const ProcessOptions& options)
     : m_program(words.front()) {
-  if (m_program.find('/') == std::string::npos) m_program = ORVEL_BIN "/" + m_program;
+  if (m_program.find('/') == std::string::npos) m_program = programFolder() + "/" + m_program;
   const Words variables = environmentWith(environment);
   const std::vector<char*> argv = pointersTo(words);
   const std::vector<char*> envp = pointersTo(variables);

@@ -40,6 +40,9 @@ class TemporaryDirectory {
   std::string m_path = std::filesystem::temp_directory_path() / "orvel-test-XXXXXX";
 };
 
+// The folder with the programs of this build.
+std::string programFolder();
+
 struct ProcessOptions {
   std::string error_file;      // to which standard error is appended; empty: error() has it
   int death_signal = SIGKILL;  // what the process gets when the thread that starts it ends, as with this process
