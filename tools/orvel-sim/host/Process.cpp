@@ -127,8 +127,7 @@ int statusOf(const siginfo_t& end) {
 }
 
 void endOrphans() {
-  using Clock = std::chrono::steady_clock;
-  const auto patience = Clock::now() + std::chrono::milliseconds(kPatienceMs);
+  const auto patience = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
@@ -137,7 +136,8 @@ void endOrphans() {
     while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) {
     }
     if (ended < 0) return;  // there are none
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(patience - Clock::now()).count();
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(patience - std::chrono::steady_clock::now()).count();
     std::ifstream children("/proc/thread-self/children");
     bool any = false;
     for (pid_t pid = 0; children >> pid; any = true) kill(pid, left > 0 ? SIGTERM : SIGKILL);
