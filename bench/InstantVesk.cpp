@@ -22,9 +22,9 @@ struct Runtime {
 };
 
 // Never destroyed: the client, a static object too, shuts down after main.
-Runtime& runtime() {
-  static auto& instance = *new Runtime;
-  return instance;
+Runtime& instance() {
+  static auto& runtime = *new Runtime;
+  return runtime;
 }
 
 constexpr vesk_handle kTheHandle = {{1, 1}};
@@ -48,11 +48,11 @@ namespace bench {
 void answer(unsigned int code, const vesk::Parcel& contents) {
   std::vector<std::byte> bytes(sizeof(std::int32_t));
   bytes.insert(bytes.end(), contents.bytes().begin(), contents.bytes().end());
-  runtime().answers[code] = vesk::Parcel(std::move(bytes));
+  instance().answers[code] = vesk::Parcel(std::move(bytes));
 }
 
 void answerWith(unsigned int code, const void* data, std::size_t size) {
-  runtime().answers[code].assign(data, size);
+  instance().answers[code].assign(data, size);
 }
 
 vesk_buffer* bufferOf(const vesk::Parcel& parcel) {
@@ -72,52 +72,52 @@ const std::vector<std::byte>& bytesOf(const vesk_payload* payload) {
 }
 
 const std::vector<vesk_endpoint*>& endpoints() {
-  return runtime().endpoints;
+  return instance().endpoints;
 }
 
 void dropEndpoints() {
-  for (vesk_endpoint* endpoint : runtime().endpoints) endpoint->fn->endpoint_release(nullptr, endpoint);
-  runtime().endpoints.clear();
+  for (vesk_endpoint* endpoint : instance().endpoints) endpoint->fn->endpoint_release(nullptr, endpoint);
+  instance().endpoints.clear();
 }
 
 void restartService() {
   dropEndpoints();
-  vesk_death_callback* callback = runtime().links.back();
-  runtime().links.pop_back();
+  vesk_death_callback* callback = instance().links.back();
+  instance().links.pop_back();
   vesk_handle handle = kTheHandle;
-  callback->on_death(&runtime(), callback, &handle);
+  callback->on_death(&instance(), callback, &handle);
   callback->death_release(callback);
 }
 
 std::chrono::steady_clock::time_point boundAt() {
-  return runtime().bound_at;
+  return instance().bound_at;
 }
 
 }  // namespace bench
 
 int vesk_get_runtime(void** out) {
-  const std::lock_guard lock(runtime().mutex);
-  runtime().running = true;
-  *out = &runtime();
+  const std::lock_guard lock(instance().mutex);
+  instance().running = true;
+  *out = &instance();
   return 0;
 }
 
 int vesk_run_loop(void* /*runtime*/) {
-  std::unique_lock lock(runtime().mutex);
-  runtime().stopped.wait(lock, [] { return !runtime().running; });
+  std::unique_lock lock(instance().mutex);
+  instance().stopped.wait(lock, [] { return !instance().running; });
   return 0;
 }
 
 int vesk_shutdown(void* /*runtime*/) {
-  const std::lock_guard lock(runtime().mutex);
-  runtime().running = false;
-  runtime().stopped.notify_all();
+  const std::lock_guard lock(instance().mutex);
+  instance().running = false;
+  instance().stopped.notify_all();
   return 0;
 }
 
 int vesk_service_bind(void* runtime, const char* name, vesk_service_bind_callback callback, void* context) {
   callback(runtime, context, name, kTheHandle);
-  ::runtime().bound_at = std::chrono::steady_clock::now();
+  instance().bound_at = std::chrono::steady_clock::now();
   return 0;
 }
 
@@ -150,12 +150,12 @@ vesk_handle vesk_invalid_handle() {
 
 int vesk_handle_link_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk_death_callback* callback) {
   callback->death_acquire(callback);
-  runtime().links.push_back(callback);
+  instance().links.push_back(callback);
   return 0;
 }
 
 int vesk_handle_unlink_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk_death_callback* callback) {
-  auto& links = runtime().links;
+  auto& links = instance().links;
   const auto link = std::find(links.begin(), links.end(), callback);
   if (link == links.end()) return 0;
   links.erase(link);
@@ -165,11 +165,11 @@ int vesk_handle_unlink_to_death(void* /*runtime*/, vesk_handle* /*handle*/, vesk
 
 int vesk_call(void* /*runtime*/, vesk_handle* /*handle*/, unsigned int code, vesk_payload* request,
               vesk_buffer* reply) {
-  const auto answer = runtime().answers.find(code);
-  if (answer == runtime().answers.end()) return -ENOTSUP;
+  const auto answer = instance().answers.find(code);
+  if (answer == instance().answers.end()) return -ENOTSUP;
   for (const vesk::EndpointRef& sent : request->endpoints) {
     sent->fn->endpoint_acquire(nullptr, sent.get());
-    runtime().endpoints.push_back(sent.get());
+    instance().endpoints.push_back(sent.get());
   }
   reply->parcel.assign(answer->second.bytes().data(), answer->second.bytes().size());
   return 0;
