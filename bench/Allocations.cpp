@@ -23,6 +23,7 @@ void given(void* block) {
 }  // namespace
 
 // The program's definitions take the place of the C library's, for operator new too, which calls malloc.
+// NOLINTBEGIN(readability-redundant-declaration,readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 // What is replaced below, by the C library's own names for it.
@@ -50,6 +51,7 @@ void free(void* block) noexcept {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-redundant-declaration,readability-inconsistent-declaration-parameter-name)
 
 namespace bench {
 

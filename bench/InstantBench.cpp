@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>

@@ -12,8 +12,6 @@
 #include <condition_variable>
 #include <exception>
 #include <future>
-#include <iostream>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>

@@ -4,9 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <vector>
-
-#include "device/Intent.h"
 
 namespace orvel::sim {
 namespace {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "device/Service.h"
+#include "device/Traffic.h"
 
 namespace orvel::sim {
 namespace {

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "device/Timer.h"
-#include "device/Traffic.h"
 #include "device/Wire.h"
 
 namespace orvel::sim {

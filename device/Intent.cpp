@@ -5,7 +5,6 @@
 #include <limits>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 namespace orvel::sim {
 namespace {

@@ -1,5 +1,7 @@
 #include "device/Service.h"
 
+#include "device/Traffic.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>

@@ -16,7 +16,6 @@
 #include "device/Endpoint.h"
 #include "device/Shape.h"
 #include "device/Timer.h"
-#include "device/Traffic.h"
 #include "device/Wire.h"
 
 namespace orvel::sim {

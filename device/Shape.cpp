@@ -1,7 +1,6 @@
 #include "device/Shape.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 namespace orvel::sim {

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "device/ServiceNames.h"
+#include "device/Traffic.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {

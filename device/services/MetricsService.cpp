@@ -1,8 +1,8 @@
 // The metrics service: keeps what was recorded, to be looked at.
-#include <cmath>
 #include <deque>
 
 #include "device/ServiceNames.h"
+#include "device/Traffic.h"
 #include "device/services/Services.h"
 
 namespace orvel::sim {

@@ -121,6 +121,7 @@ void DeviceTransport::dispatch(const std::shared_ptr<ClientCall>& call) {
 vesk_remote* DeviceTransport::remote_of(const Transaction& message, std::size_t index) {
   vesk_endpoint* endpoint = message.endpoints.at(index);
   auto& kept = m_remotes[{message.connection, endpoint}];
+  // NOLINTNEXTLINE(modernize-make-unique): it does not make aggregates
   if (!kept) kept.reset(new vesk_remote{*this, message.connection, endpoint});
   kept->transfers.push_back(message.transfers.at(index));
   ++kept->references;

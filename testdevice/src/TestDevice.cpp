@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include "LocalDevice.h"

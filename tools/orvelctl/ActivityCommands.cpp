@@ -1,11 +1,7 @@
 // orvelctl am: sends intents, and shows what runs.
 #include <cstdint>
-#include <limits>
 #include <memory>
-#include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "Commands.h"
 #include "Services.h"

@@ -24,14 +24,14 @@ namespace {
 namespace fs = std::filesystem;
 
 // Closes it at the end of a scope.
-class Descriptor {
+class UniqueFd {
  public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  ~Descriptor() {
+  explicit UniqueFd(int descriptor) : m_descriptor(descriptor) {}
+  ~UniqueFd() {
     if (m_descriptor >= 0) close(m_descriptor);
   }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
 
   int get() const { return m_descriptor; }
   explicit operator bool() const { return m_descriptor >= 0; }
@@ -62,8 +62,8 @@ std::string elsewhere() {
   return "export ORVEL_RUNTIME_DIR=" + temporaryDirectory();
 }
 
-Descriptor openDirectory(const std::string& path) {
-  return Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+UniqueFd openDirectory(const std::string& path) {
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // What kept it from being opened.
@@ -92,15 +92,15 @@ Problem openingProblem(const std::string& path, int error) {
 }
 
 // A device holds a lock on a file for as long as it lives.
-bool deviceLivesIn(const Descriptor& directory) {
-  const Descriptor file(openat(directory.get(), ".device", O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+bool deviceLivesIn(const UniqueFd& directory) {
+  const UniqueFd file(openat(directory.get(), ".device", O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-Problem problemOf(const std::string& path, const Descriptor& directory) {
+Problem problemOf(const std::string& path, const UniqueFd& directory) {
   if (!directory) return openingProblem(path, errno);
   struct stat status {};
   if (fstat(directory.get(), &status) != 0) return {std::strerror(errno), elsewhere()};
@@ -136,7 +136,7 @@ Problem directoryProblem(const std::string& directory) {
 }
 
 Problem deviceProblem(const std::string& directory) {
-  const Descriptor opened = openDirectory(directory);
+  const UniqueFd opened = openDirectory(directory);
   Problem problem = problemOf(directory, opened);
   if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", "orvel-sim run"};
   return problem;
@@ -155,7 +155,7 @@ std::vector<std::string> otherDevices(const std::string& directory) {
 }
 
 pid_t serverOf(const std::string& directory, const std::string& name) {
-  const Descriptor opened = openDirectory(directory);
+  const UniqueFd opened = openDirectory(directory);
   std::array<char, NAME_MAX + 1> target{};
   if (!opened || readlinkat(opened.get(), name.c_str(), target.data(), target.size() - 1) <= 0) return 0;
   constexpr std::string_view kSocket = ".socket-";
@@ -166,7 +166,7 @@ pid_t serverOf(const std::string& directory, const std::string& name) {
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) return 0;
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const bool gone = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
                     (errno == ECONNREFUSED || errno == ENOENT);  // any other error comes from a socket that is served
   return gone ? 0 : std::atoi(target.data() + kSocket.size());

@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <iomanip>
-#include <iostream>
 #include <map>
 #include <sstream>
 #include <string>

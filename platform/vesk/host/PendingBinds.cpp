@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <utility>
 
 #include "Dispatch.h"
 #include "RuntimeDirectory.h"

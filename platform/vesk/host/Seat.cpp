@@ -1,6 +1,5 @@
 #include "Seat.h"
 
-#include <fcntl.h>
 #include <systemd/sd-id128.h>
 #include <unistd.h>
 

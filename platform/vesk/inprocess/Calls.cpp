@@ -1,6 +1,5 @@
 // Messages in both directions through the runtime inside a process.
 #include <cerrno>
-#include <utility>
 
 #include "vesk/inprocess/Messages.h"
 #include "vesk/inprocess/Runtime.h"

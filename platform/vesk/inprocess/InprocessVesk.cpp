@@ -1,6 +1,5 @@
 #include "vesk/inprocess/InprocessVesk.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "vesk/inprocess/References.h"
@@ -110,7 +109,7 @@ void InprocessVesk::wait_for_held_calls(const std::string& name, int count) {
 }
 
 void InprocessVesk::send(const Target& target, unsigned code, const Bytes& message,
-                         std::function<void(const Reply&)> ended) {
+                         const std::function<void(const Reply&)>& ended) {
   m_runtime.deliver(target, code, message, nullptr, ended);
 }
 

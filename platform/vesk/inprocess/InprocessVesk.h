@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cerrno>
-#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -66,7 +65,8 @@ class InprocessVesk {
   // ---- What services send; runs on the run-loop thread, in the order sent ----
 
   // `ended`, on that thread too: what became of it, a Reply without bytes.
-  void send(const Target& target, unsigned code, const Bytes& message, std::function<void(const Reply&)> ended = {});
+  void send(const Target& target, unsigned code, const Bytes& message,
+            const std::function<void(const Reply&)>& ended = {});
   // The endpoint's answer; -EPIPE when the target is neither held nor published any more.
   std::future<Reply> call(const Target& target, unsigned code, const Bytes& message);
   // Gives back every reference to `endpoint` that services hold.

@@ -22,7 +22,7 @@ void Runtime::queue_step(std::function<void()> step) {
   tell_work();
 }
 
-void Runtime::tell_work() {
+void Runtime::tell_work() const {
   const bool has_work = !shut_down && (!steps.empty() || loop_thread != std::thread::id());
   if (device != nullptr) device.load()->loop_has_work(has_work);
 }

@@ -77,7 +77,7 @@ struct Runtime {
   void queue_step(std::function<void()> step);
   // Tells the device whether there is work. Work that waits for a loop counts too: the thread that will enter it may be
   // on its way.
-  void tell_work();
+  void tell_work() const;
   [[nodiscard]] bool may_step() const { return !steps.empty() && (!loop_held || steps_done < steps_allowed); }
   // Unlocks while the step runs.
   void run_step(Lock& lock);

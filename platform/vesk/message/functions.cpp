@@ -1,7 +1,6 @@
 // The functions of vesk.h and vesk_service.h on payloads and buffers, the same in every runtime.
 #include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <new>
 
 #include "vesk/message/Errors.h"

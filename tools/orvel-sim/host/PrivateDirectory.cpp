@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
-#include <utility>
 
 namespace orvel::sim {
 namespace {

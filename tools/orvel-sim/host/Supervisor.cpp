@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iostream>
 #include <map>
 #include <utility>
 
+#include "device/Traffic.h"
 #include "device/services/Services.h"
 #include "tools/orvel-sim/host/Control.h"
 

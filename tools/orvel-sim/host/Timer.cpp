@@ -3,7 +3,6 @@
 #include <systemd/sd-event.h>
 
 #include <cstdint>
-#include <ctime>
 #include <utility>
 
 #include "device/Endpoint.h"

@@ -8,9 +8,7 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "device/Convert.h"
 #include "device/Endpoint.h"
