@@ -20,14 +20,11 @@ TEST(Intent, AFilterTakesWhatThePlatformsOwnWouldTake) {
       {"data that the filter does not name", "[]", "[]", "package:a", "", false},
       {"a type that the filter does not name", "[]", "[]", "", "text/plain", false},
       {"a scheme of the filter", "[]", R"(["http", "package"])", "package:a", "", true},
-      {"another scheme", "[]", R"(["http"])", "package:a", "", false},
       {"a scheme that only begins alike", "[]", R"(["http"])", "https:a", "", false},
       {"no data for a scheme", "[]", R"(["package"])", "", "", false},
       {"data without a scheme", "[]", R"(["package"])", "package", "", false},
       {"a type besides the scheme", "[]", R"(["package"])", "package:a", "text/plain", false},
-      {"a type of the filter", R"(["text/plain"])", "[]", "", "text/plain", true},
       {"one of several types", R"(["image/png", "text/plain"])", "[]", "", "text/plain", true},
-      {"another type", R"(["text/html"])", "[]", "", "text/plain", false},
       {"no type", R"(["text/plain"])", "[]", "", "", false},
       {"every type of a kind", R"(["text/*"])", "[]", "", "text/plain", true},
       {"every type of another kind", R"(["tex/*"])", "[]", "", "text/plain", false},
@@ -37,7 +34,6 @@ TEST(Intent, AFilterTakesWhatThePlatformsOwnWouldTake) {
       {"a type with data that a type alone implies", R"(["text/plain"])", "[]", "content:a", "text/plain", true},
       {"a type with data that it does not imply", R"(["text/plain"])", "[]", "http:a", "text/plain", false},
       {"type and scheme", R"(["text/plain"])", R"(["http"])", "http:a", "text/plain", true},
-      {"a type that is none", R"([null])", "[]", "", "text/plain", false},
   };
   for (const auto& row : rows) {
     Json intent = {{"action", "a"}};
@@ -53,12 +49,9 @@ TEST(Intent, AnExtraIsReadFromAWordOrSaysWhatIsExpected) {
     const char *type, *word, *read;
   } rows[] = {
       {"string", "k=a=b", R"({"key":"k","type":"string","value":"a=b"})"},
-      {"string", "k=", R"({"key":"k","type":"string","value":""})"},
       {"int", "k=-7", R"({"key":"k","type":"int","value":-7})"},
-      {"long", "k=9223372036854775807", R"({"key":"k","type":"long","value":9223372036854775807})"},
       {"null", "k=v", R"({"key":"k=v","type":"null","value":null})"},
       {"string", "k", "--string: expected KEY=TEXT, not 'k'"},
-      {"string", "=v", "--string: expected KEY=TEXT, not '=v'"},
       {"int", "k=2147483648", "--int k: expected a whole number from -2147483648 to 2147483647"},
       {"bool", "k=yes", "--bool k: expected true or false"},
   };
