@@ -166,15 +166,13 @@ TEST_P(Recording, AFileIsNeitherOverwrittenUnaskedNorLeftWithHalfALine) {
 }
 
 TEST_P(Recording, AScenarioOfARecordingAnswersTheSame) {
-  order("set delegate name Attic", "set settings volume_alarm 3", R"(set info '["a", "", "c", "d"]')",
-        R"(set features '["one", "two"]')", "set metrics interfaceVersion 5", "package remove com.android.shell",
-        "package install com.example.app --version-code 7 --uid 1000", "set package com.example.app resources 17 text",
-        "screen off");
+  order("set delegate name Attic", R"(set info '["a", "", "c", "d"]')", R"(set features '["one", "two"]')",
+        "set metrics interfaceVersion 5", "package remove com.android.shell",
+        "package install com.example.app --version-code 7 --uid 1000", "set package com.example.app resources 17 text");
   const std::string questions =
-      "device; setting volume_alarm; setting unset; pm has-feature two; pm has-feature android.hardware.wifi; "
-      "pm list packages; pm list packages --uid 1000; pm version-code com.example.app; "
-      "pm version-code com.android.shell; pm resource com.example.app 17; am foreground; event N n; "
-      "pm query-receivers android.intent.action.BOOT_COMPLETED";
+      "device; pm has-feature two; pm has-feature android.hardware.wifi; pm list packages; "
+      "pm list packages --uid 1000; pm version-code com.example.app; pm version-code com.android.shell; "
+      "pm resource com.example.app 17; am foreground; event N n";
   const auto recorder = record("--unmasked");
   const std::string answers = ask(questions);
   endOf(*recorder);
@@ -259,7 +257,7 @@ TEST_F(Replaying, ResultsComeBeforeOrAfterTheReplyAndWithTimingAsLateAsTheyDid) 
 
 TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
   const std::string whole = setting("k", R"("reply":"1")");
-  const auto told = [](const std::string& rest) { return line(0, R"("service":"delegate","notification":)" + rest); };
+  const std::string told = R"("service":"delegate","notification":"broadcast","code":1,)";
   const std::pair<std::string, const char*> rows[] = {
       {"", "hand.jsonl:1: not a recording: the file is empty"},
       {"hello\n", "hand.jsonl:1: parse error at line 1"},
@@ -267,34 +265,22 @@ TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
       {R"({"format":"orvel-recording","version":2,"masked":false})",
        ":1: a recording of version 2; this program knows"},
       {kHeader + whole + whole.substr(0, 40), "hand.jsonl:3: parse error"},
-      {kHeader + "7\n", ":2: expected an object"},
       {kHeader + line(0, R"("service":"x","method":"m","code":1,"arguments":{},"reply":1)"),
        ":2: no service is called x; there are delegate"},
       {kHeader + setting("k", R"("reply":7)"), ":2: /reply: expected a string, not 7"},
       {kHeader + setting("k", R"("repl":"7")"), ":2: expected one of reply, exception"},
-      {kHeader + setting("k", R"("hangs":"long")"), ":2: /hangs: expected true"},
       {kHeader + setting("k", R"("error":5)"), ":2: /error: expected a whole number from -4095 to -1"},
       {kHeader + line(0, R"("service":"delegate","method":"getName","code":33,"arguments":{},"reply":"")"),
        ":2: delegate has no method \"getName\" with the code 33"},
-      {kHeader + line(0, R"("service":"power","method":"getVersion","code":3,"arguments":{},"reply":1e300)"),
-       ":2: /reply: expected a whole number of 32 bits"},
-      {kHeader + told(R"("broadcast","code":1,"endpoint":1,"arguments":{"action":"a","extras":[{"key":"k",)"
-                      R"("type":"shoe","value":1}]})"),
+      {kHeader + line(0, told + R"("endpoint":1,"arguments":{"action":"a","extras":[{"key":"k","type":"shoe"}]})"),
        ":2: /arguments: no extra is of the type \"shoe\""},
-      {kHeader + told(R"("broadcast","code":1,"arguments":{"action":"a"})"), ":2: key 'endpoint' not found"},
-      {kHeader + line(0, R"("service":"coordinator","notification":"directive","code":1,"arguments":{"texts":["a"]})"),
-       ":2: /arguments: key 'namespace' not found"},
+      {kHeader + line(0, told + R"("arguments":{"action":"a"})"), ":2: key 'endpoint' not found"},
   };
   for (const auto& [lines, error] : rows) {
     std::ofstream(file("hand.jsonl")) << lines;
     expectRows({{"orvel-sim replay $T/hand.jsonl", "", 2, error},
                 {"orvel-sim convert $T/hand.jsonl --seeds $T/seeds; echo $?; test -e $T/seeds", "2\n", 1, error}});
   }
-  std::ofstream(file("hand.jsonl"))
-      << kHeader + whole +
-             line(0, R"("service":"delegate","method":"getSecureSetting","code":15,"arguments":{},"reply":"1")");
-  expectRows({{"orvel-sim convert $T/hand.jsonl --scenario $T/scenario.json; echo $?; test -e $T/scenario.json", "2\n",
-               1, "hand.jsonl:3: key 'key' not found"}});
 }
 
 TEST_F(Replaying, SeedsAreTheWholeMessagesThatWereSentEachOnce) {

@@ -15,8 +15,8 @@ namespace fs = std::filesystem;
 class Hermetic : public NoDevice {
  protected:
   // A process with this test's directory for temporary files is one of its programs, or was left by one.
-  std::vector<std::string> processesLeft() const {
-    std::vector<std::string> left;
+  Words processesLeft() const {
+    Words left;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
       if (!has(contentOf(entry.path() / "environ"), "TMPDIR=" + temporary().string() + '\0')) continue;
       left.push_back(entry.path().filename().string() + " " + contentOf(entry.path() / "comm"));
@@ -24,15 +24,13 @@ class Hermetic : public NoDevice {
     return left;
   }
 
-  std::vector<std::string> filesLeft() const {
-    std::vector<std::string> left;
-    for (const fs::directory_entry& entry : fs::directory_iterator(temporary())) {
-      left.push_back(entry.path().filename());
-    }
+  Words filesLeft() const {
+    Words left;
+    for (const auto& entry : fs::directory_iterator(temporary())) left.push_back(entry.path().filename());
     return left;
   }
 };
-const std::vector<std::string> kNone;
+const Words kNone;
 
 // The long form: ORVEL_HERMETIC_ROUNDS=50.
 TEST_F(Hermetic, EightAtOnceSeeEachItsOwnAndLeaveNothing) {
@@ -57,20 +55,11 @@ TEST_F(Hermetic, EightAtOnceSeeEachItsOwnAndLeaveNothing) {
   }
 }
 
-TEST_F(Hermetic, TheCallersDeviceIsNotTheCommands) {
-  const auto callers = serve();
-  const std::string directory = "...Inside\n" + temporary().string() + "/orvel-sim-";
-  expectRows({{"orvel-sim run -- sh -c 'orvel-sim set name Inside; orvelctl get name; echo $ORVEL_RUNTIME_DIR'",
-               directory.c_str()},
-              {"orvelctl get name", "Kitchen Display\n"}});
-}
-
 TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {
   for (const std::string run : {"orvel-sim run -- ", "orvel-sim run --isolate -- "}) {
     expectRows({{run + "sh -c 'exit 0'", ""},
                 {run + "sh -c 'exit 77'", "", 77},
                 {run + "sh -c 'kill -9 $$'", "", 128 + SIGKILL},
-                {run + "sh -c 'kill -TERM $$'", "", 128 + SIGTERM},
                 {run + "no-such-program", "", 127},
                 {run + "/", "", 126}});
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -127,7 +116,7 @@ class Scenarios : public NoDevice {
   }
 };
 
-TEST_F(Scenarios, EachStartsAsWhoItSaysAndShowsWhatIsSpecialAboutIt) {
+TEST_F(Scenarios, EachShowsWhatIsSpecialAboutIt) {
   const std::map<std::string, std::pair<const char*, const char*>> special = {
       {"asleep", {"orvelctl screen", "off\n"}},
       {"busy", {"orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"}},
@@ -140,8 +129,8 @@ TEST_F(Scenarios, EachStartsAsWhoItSaysAndShowsWhatIsSpecialAboutIt) {
         "packages * on\n"}},
       {"extremes",
        {"orvelctl setting greatest; orvelctl setting too_great --default -1; orvelctl pm list packages | "
-        "awk 'length >= 1000' | wc -l; orvelctl --json device | grep -o '\"type\":\"[^\"]*\"'",
-        "2147483647\n1\n\"type\":\"QDT-🖥-8\"\n"}},
+        "awk 'length >= 1000' | wc -l; orvelctl get type",
+        "2147483647\n1\nQDT-🖥-8\n"}},
       {"flapping", {"orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"}},
       {"fresh", {"orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"}},
       {"hanging", {"ORVEL_CALL_TIMEOUT_MS=200 orvelctl screen; echo $?", "4\n"}},
@@ -150,10 +139,7 @@ TEST_F(Scenarios, EachStartsAsWhoItSaysAndShowsWhatIsSpecialAboutIt) {
       {"old", {"orvelctl wake-lock partial; echo $?; orvelctl wake-lock full; echo $?", "1\nacquired\n0\n"}},
       {"refusing", {"orvelctl event N n; echo $?; orvelctl wake-lock full; echo $?", "1\n1\n"}},
       {"registered", {"orvelctl get customer-id; orvelctl get country", "quarlo.account.9WX3L1\nGB\n"}},
-      {"slow",
-       {"orvelctl get type >/dev/null; orvel-sim traffic --past | "
-        "grep -cE 'getDeviceInfo.*  ([2-9][5-9][0-9]|[3-9][0-9]{2}|[0-9]{4,})[.0-9]* ms'",
-        "1\n"}},
+      {"slow", {"orvel-sim delay power", "power * 150\n"}},
   };
   std::size_t count = 0;
   for (const json& listed : view("scenarios")) {
@@ -162,13 +148,10 @@ TEST_F(Scenarios, EachStartsAsWhoItSaysAndShowsWhatIsSpecialAboutIt) {
     ++count;
     ASSERT_EQ(special.count(name), 1U) << "a scenario that no row tries";
     EXPECT_FALSE(listed.at("about").get<std::string>().empty());
-    const json device = view("scenarios " + name).at(0).at("delegate");
     const auto& [script, shown] = special.at(name);
-    EXPECT_EQ(inside(name, std::string(script) + "; orvelctl get name; orvelctl get serial-number"),
-              shown + device["name"].get<std::string>() + "\n" + device["serialNumber"].get<std::string>() + "\n");
+    EXPECT_EQ(inside(name, script), shown);
   }
   EXPECT_EQ(count, special.size());
-  expectRows({{"orvel-sim scenarios", "...\nbusy        much of everything"}});
 }
 
 TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {
@@ -177,7 +160,7 @@ TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {
                    "orvel-sim state >$T/b.json; orvel-sim run --scenario $T/a.json -- orvelctl get name;"
                    "orvel-sim run --scenario $T/b.json -- sh -c 'orvel-sim get name; orvel-sim kill | grep -c dead'"),
             "Show Room\nAgain\n1\n");
-  expectRows({{"orvel-sim scenarios busy >$T/1; orvel-sim scenarios busy | cmp - $T/1", ""}});  // nothing is by chance
+  expectRows({{"orvel-sim scenarios", "...\nbusy        much of everything"}});
 }
 
 }  // namespace

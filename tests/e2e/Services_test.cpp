@@ -53,28 +53,19 @@ TEST_P(Services, TrafficShowsEachTransactionDecoded) {
 
 TEST_P(Services, OneThatDiedIsBoundAgainOnceItIsBackAndTheDeviceTellsItTheState) {
   const auto living = client();
-  const auto expectDeadThenAlive = [&](const std::string& revival, const std::string& name) {
-    living->waitForError("on_binder_died:Service (orvel_delegate) has died, re-establishing binder connection");
-    if (!revival.empty()) {
-      EXPECT_EQ(ask(*living, "getDeviceName"), "'' ");
-      expectRows({{revival}});
-    }
-    living->waitForError("bind_to_service:Binding to service: orvel_delegate");
-    living->waitForError("bind_to_orvel_service:Bound service orvel_delegate is now ready");
-    living->waitForError("bind_to_service:Bound to service: orvel_delegate");
+  const auto expectBoundAgain = [&](const char* name) {
     awaitRebinding(*living);
     EXPECT_EQ(ask(*living, "getDeviceName"), name);
   };
   expectRows({{"orvel-sim kill delegate"}, {"orvel-sim kill delegate", "", 1}, {"orvel-sim set name Hall"}});
   EXPECT_EQ(pidOf("delegate"), 0);
-  expectDeadThenAlive("orvel-sim restart delegate", "'Hall' ");
   order("restart delegate");
-  expectDeadThenAlive("", "'Hall' ");
+  expectBoundAgain("'Hall' ");
   if (GetParam()) {
     order("set name Attic");
     ::kill(pidOf("delegate"), SIGKILL);
     m_device->waitForError("was killed by signal 9; starting it again");
-    expectDeadThenAlive("", "'Attic' ");
+    expectBoundAgain("'Attic' ");
   }
 
   const auto other = client();
@@ -112,118 +103,77 @@ TEST_P(Services, TheyEndWithTheDeviceHoweverThatEnds) {
 class Faults : public Services {};
 ORVEL_BOTH_MODES(Faults);
 
-constexpr struct {
-  const char *service, *method;
-  const char* cut;  // what the method gives where the reply ends after the exception code
-} kAsked[] = {
-    {"delegate", "getDeviceName", ""},
-    {"power", "isScreenOn", "false"},
-    {"connectivity", "registerForNetworkConnectivityChange", "true"},
-    {"activity", "getForegroundPackages", "true"},
-    {"packages", "getInstalledPackageNames", "true"},
-    {"events", "sendEvent", "false"},
-    {"metrics", "recordTarselMetricEvent", ""},
-};
-
-std::string quoted(const char* result) {
-  return "'" + std::string(result) + "' ";
-}
-
 TEST_P(Faults, EachShowsAsItselfAndEndsWithoutATrace) {
+  const struct {
+    const char *service, *method;
+    const char* cut;  // what the method gives where the reply ends after the exception code
+  } asked[] = {
+      {"delegate", "getDeviceName", ""},
+      {"power", "isScreenOn", "false"},
+      {"connectivity", "registerForNetworkConnectivityChange", "true"},
+      {"activity", "getForegroundPackages", "true"},
+      {"packages", "getInstalledPackageNames", "true"},
+      {"events", "sendEvent", "false"},
+      {"metrics", "recordTarselMetricEvent", ""},
+  };
   limitCalls(600);
   const auto asking = client();
   limitCalls();
-  for (const auto& row : kAsked) {
+  const auto quoted = [](const char* result) { return "'" + std::string(result) + "' "; };
+  for (const auto& row : asked) {
     const std::string service = row.service;
     SCOPED_TRACE(service);
     const std::string failure = quoted(test::method(row.method).failure);
     const std::string good = ask(*asking, row.method);
-    const auto expect = [&](const std::string& answer) { EXPECT_EQ(ask(*asking, row.method), answer); };
+    const auto expectAfter = [&](const std::string& words, const std::string& answer) {
+      order(words);
+      EXPECT_EQ(ask(*asking, row.method), answer) << words;
+    };
     const std::size_t heard = asking->error().size();
     const struct {
-      const char* fault;
-      std::string words;
+      const char *fault, *words;
       std::string answer;
     } faults[] = {
-        {"delay", " 30", good},
-        {"exception", "", failure + "exception -5"},
-        {"exception", " --code -1", failure + "exception -1"},
-        {"truncate", " 4", quoted(row.cut)},
-        {"error", " -74", failure + "vesk -74"},
-        {"hang", "", failure + "vesk -110"},
+        {"delay ", " 30", good},
+        {"exception ", " --code -1", failure + "exception -1"},
+        {"truncate ", " 4", quoted(row.cut)},
+        {"error ", " -74", failure + "vesk -74"},
+        {"hang ", "", failure + "vesk -110"},
     };
     for (const auto& [fault, words, answer] : faults) {
-      SCOPED_TRACE(fault);
-      order(fault + (" " + service) + words);
-      expect(answer);
-      order(fault + (" " + service) + " off");
-      expect(good);
+      expectAfter(fault + service + words, answer);
+      expectAfter(fault + service + " off", good);
     }
     EXPECT_FALSE(has(asking->error().substr(heard), " has died")) << "these leave the connection alone";
-    expectRows({{"orvel-sim drop " + service + " 1", ""}});
-    expect(failure + "vesk -104");
-    expectRows({{"orvel-sim drop", ""}});  // that was the one
-    awaitRebinding(*asking);
-    expect(good);
-    order("drop " + service);
-    expect(failure + "vesk -104");
-    expectRows({{"orvel-sim drop", (service + " * on\n").c_str()}, {"orvel-sim drop " + service + " off"}});
-    awaitRebinding(*asking);
-    expect(good);
-    expectRows({{"orvel-sim get " + service + " faults", "{}\n"}});
-  }
-  double longest = 0;
-  for (const json& entry : view("traffic --past")) longest = std::max(longest, entry.value("durationMs", 0.0));
-  EXPECT_GE(longest, 30) << "the delay";
-}
 
-TEST_P(Faults, ADeathIsOverWhenTheServiceIsBack) {
-  const auto asking = client();
-  for (const auto& row : kAsked) {
-    const std::string service = row.service;
-    SCOPED_TRACE(service);
-    const std::string good = ask(*asking, row.method);
-    const auto expectAgain = [&](const std::string& words) {
-      order(words);
+    const auto expectBoundAgain = [&] {
       awaitRebinding(*asking);
-      EXPECT_EQ(ask(*asking, row.method), good) << words;
+      EXPECT_EQ(ask(*asking, row.method), good);
     };
+    expectAfter("drop " + service + " 1", failure + "vesk -104");
+    expectRows({{"orvel-sim drop", ""}});  // that was the one
+    expectBoundAgain();
+    expectAfter("drop " + service, failure + "vesk -104");
+    expectRows({{"orvel-sim drop", (service + " * on\n").c_str()}, {"orvel-sim drop " + service + " off"}});
+    expectBoundAgain();
+    expectRows({{"orvel-sim get " + service + " faults", "{}\n"}});
+
     order("kill " + service);
     asking->waitForError("has died, re-establishing");
     EXPECT_EQ(ask(*asking, row.method), quoted(test::method(row.method).refused));
     expectRows({{"orvel-sim get " + service + " alive", "false\n"}});
-    expectAgain("restart " + service);
-    expectAgain("restart " + service);
-    expectAgain("flap " + service + " 100 1");
+    for (const std::string revival : {"restart ", "restart ", "flap "}) {  // the second time of a living one
+      order(revival + service + (revival == "flap " ? " 100 1" : ""));
+      expectBoundAgain();
+    }
     expectRows({{"orvel-sim flap", ""},  // it has died as often as it was to
                 {"orvel-sim flap " + service + " 60000; orvel-sim kill " + service + "; orvel-sim flap", ""}});
-    expectAgain("set " + service + " alive true");
+    order("set " + service + " alive true");
+    expectBoundAgain();
   }
-}
-
-// Clients ask it nothing; a request by hand gets what the fault says in place of the refusal.
-TEST_P(Faults, TheCoordinatorsHoldForTheRequestsThatItRefuses) {
-  limitCalls(600);
-  const auto asking = client();
-  limitCalls();
-  const std::pair<const char*, const char*> rows[] = {
-      {"delay coordinator 30", "0 -7"},  {"exception coordinator", "0 -7"},  // the refusal goes first
-      {"truncate coordinator 0", "0 0"}, {"error coordinator -74", "-74 0"},
-      {"hang coordinator", "-110 0"},    {"drop coordinator", "-104 0"},
-  };
-  for (const auto& [fault, reply] : rows) {
-    order(fault);
-    asking->write("call orvel-service-coordinator-public 1 i");
-    EXPECT_EQ(asking->waitForOutput("reply "), reply) << fault;
-    order(std::string(fault, std::string(fault).find(' ')) + " coordinator off");
-  }
-  order("kill coordinator");
-  asking->waitForError("has died, re-establishing");
-  expectRows({{"orvel-sim directive N x", nullptr, 1}});
-  for (const char* words : {"restart coordinator", "flap coordinator 100 1"}) {
-    order(words);
-    awaitRebinding(*asking);
-  }
+  double longest = 0;
+  for (const json& entry : view("traffic --past")) longest = std::max(longest, entry.value("durationMs", 0.0));
+  EXPECT_GE(longest, 30) << "the delay";
 }
 
 }  // namespace

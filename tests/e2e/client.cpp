@@ -58,22 +58,6 @@ void noteFailure(const std::string& line) {
   note("exceptionOccurred:Received error: ", "exception ");
 }
 
-// Everything that a device tells its clients.
-bool subscribe(Client& client) {
-  bool good = true;
-  for (const orvel::test::Method& each : orvel::test::kMethods) {
-    const std::string name = each.name;
-    if (name.rfind("registerFor", 0) != 0 || name == "registerForPackageAction" || name == "registerForDirective")
-      continue;
-    good = each.call(client, {}) == "true" && good;
-  }
-  for (const char* word : {"ADDED", "REMOVED", "FULLY_REMOVED", "REPLACED", "CHANGED"}) {
-    const std::string action = std::string("android.intent.action.PACKAGE_") + word;
-    good = client.registerForPackageAction(action, {}, {"package"}, [](auto&&...) {}) && good;
-  }
-  return good;
-}
-
 }  // namespace
 
 int main() {
@@ -90,7 +74,6 @@ int main() {
     std::string verb;
     words >> verb;
     if (verb == "call") callByHand(words);
-    if (verb == "subscribe") std::cout << "subscribed " << subscribe(client) << std::endl;
     if (verb == "ask") {
       std::string method;
       words >> method;
