@@ -46,14 +46,16 @@ TEST_P(Notifications, AClientThatNeverAnswersHoldsUpNoOtherAndADeadOneIsForgotte
 }
 
 TEST_P(Notifications, ABroadcastOfOneClientReachesAnotherAndTheTrafficShowsItWhole) {
-  const auto watcher = watch("--count 2 broadcast:com.example.X package");
+  const auto watcher = watch("--count 3 broadcast:com.example.X package");
   expectRows(
       {{"orvelctl am broadcast -a com.example.X --es packageName 'über 💡' --ei i -5 --el l -9000000000 --ez b true "
         "-c c1 -c c2 -f 0x80000010 -n p/.C -p q --receiver-permission com.example.P",
         "sent\n"},
+       {"orvel-sim broadcast com.example.X --string packageName=a=b --int i=-5 --bool b=true --long l=9000000000"},
        {"orvelctl am broadcast -a android.intent.action.PACKAGE_CHANGED package:com.example.app", "sent\n"}});
   watcher->wait();
   EXPECT_TRUE(has(watcher->output(), "com.example.X über 💡")) << watcher->output();
+  EXPECT_TRUE(has(watcher->output(), "com.example.X a=b")) << watcher->output();
   EXPECT_TRUE(has(watcher->output(), "PACKAGE_CHANGED com.example.app")) << watcher->output();
   const json sent =
       json::parse(outputOf("orvel-sim traffic --past --json | grep sendBroadcastWithPermission")).at("arguments");

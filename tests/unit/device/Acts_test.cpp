@@ -85,26 +85,22 @@ TEST(Acts, EachActLeavesPackagesAndProcessesThatFitOrIsRefused) {
 
 TEST(Acts, AServiceFlapsAsOftenAsItIsToldAndThenLives) {
   Json scenario = defaultScenario();
-  const auto power = [&] { return scenario.at("power"); };
-  EXPECT_FALSE(flapInterval(power()));
-  act(scenario, "flap", "power", {{"periodMs", 30}, {"count", 2}});
-  EXPECT_EQ(flapInterval(power())->count(), 15);
+  const auto power = [&](const char* verb, const Json& values = Json::object()) {
+    act(scenario, verb, "power", values);
+    return scenario.at("power");
+  };
+  EXPECT_EQ(flapInterval(power("flap", {{"periodMs", 30}, {"count", 2}}))->count(), 15);
   std::string life;
-  for (; flapInterval(power()); life += power().at("alive") ? "+" : "-") act(scenario, "flapOnce", "power");
+  while (flapInterval(scenario.at("power"))) life += power("flapOnce").at("alive") ? "+" : "-";
   EXPECT_EQ(life, "-+-+");
 
-  act(scenario, "flap", "power", {{"periodMs", 30}});
-  for (int n = 0; n < 5; ++n) act(scenario, "flapOnce", "power");
-  EXPECT_EQ(power().at("alive"), false);
-  act(scenario, "flap", "power");
-  EXPECT_EQ(power().at("alive"), true) << "its end leaves the service alive";
-  EXPECT_FALSE(flapInterval(power()));
-
-  act(scenario, "flap", "power", {{"periodMs", 30}});
-  act(scenario, "live", "power", {{"alive", false}});
-  EXPECT_FALSE(flapInterval(power()));
-  act(scenario, "flap", "power");
-  EXPECT_EQ(power().at("alive"), false) << "one that does not flap is not revived";
+  power("flap", {{"periodMs", 30}});
+  for (int n = 0; n < 5; ++n) power("flapOnce");
+  EXPECT_EQ(scenario.at("power").at("alive"), false);
+  EXPECT_EQ(power("flap").at("alive"), true) << "its end leaves the service alive";
+  power("flap", {{"periodMs", 30}});
+  EXPECT_FALSE(flapInterval(power("live", {{"alive", false}})));
+  EXPECT_EQ(power("flap").at("alive"), false) << "one that does not flap is not revived";
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <optional>
@@ -130,19 +128,6 @@ TEST(Scenario, AChangeIsTheValuesThatItMakesOthersAndLeavesACompleteScenario) {
   const auto refusal = [&](const Json& change) { return errorOf([&] { CurrentScenario(initial).resolve(change); }); };
   EXPECT_EQ(refusal({{"path", ""}, {"value", Json::object()}}), "a change of the whole scenario");
   EXPECT_EQ(refusal(changeOf({"name"}, std::string(5'000'000, 'x'))).rfind("the scenario is too large", 0), 0U);
-}
-
-TEST(Scenario, TextIsReadUpToAnEndAndNotWithoutOne) {
-  std::istringstream stream(std::string("one\n\ntwo\0!\nthree", 16));
-  std::string text;
-  std::string read;
-  while (readUpTo(stream, '\n', text)) read += "[" + text + "]";
-  EXPECT_EQ(read, std::string("[one][][two\0!][three]", 21));
-  std::istringstream whole("a\nb\n");
-  EXPECT_TRUE(readUpTo(whole, EOF, text));
-  EXPECT_EQ(text, "a\nb\n");
-  std::ifstream endless("/dev/zero");
-  EXPECT_EQ(errorOf([&] { readUpTo(endless, '\n', text); }), "longer than 64 MiB");
 }
 
 }  // namespace
