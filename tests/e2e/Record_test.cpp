@@ -156,18 +156,35 @@ TEST_P(Recording, AFileIsNeitherOverwrittenUnaskedNorLeftWithHalfALine) {
   EXPECT_GE(lines(), 36U);
 }
 
-TEST_P(Recording, AScenarioOfARecordingAnswersTheSame) {
-  order("set name Attic", R"(set info '["a", "", "c", "d"]')", "set features '[\"one\"]'",
-        "package install com.example.app --version-code 7 --uid 1000", "set package com.example.app resources 17 text");
-  const std::string questions =
-      "device; pm has-feature one; pm has-feature android.hardware.wifi; pm list packages --uid 1000; "
-      "pm version-code com.example.app; pm resource com.example.app 17; am foreground; event N n";
+TEST_P(Recording, AScenarioOfARecordingIsTheDeviceThatWasRecorded) {
+  std::ofstream(file("package")) << R"({"versionCode": 7, "versionName": "1.0", "uid": 1000, "metaData": {"k": 3},
+      "receivers": [{"class": "R", "actions": ["A", "B"]}], "launchActivity": "L", "resources": {"17": "text"},
+      "firstInstallMs": 1, "lastUpdateMs": 2})";
+  order("set packages package a.b \"$(cat $T/package)\"", R"(set info '["a", "", "c", "d"]')",
+        R"(set features '["one"]')", "set package com.orvel.camera launchActivity ''", "unset setting location_mode",
+        "package remove com.android.shell");
   const auto recorder = record("--unmasked");
+  const auto watcher = start("orvelctl watch --count 6 name screen assistant network setting:k setting:volume_alarm",
+                             "orvelctl: watching ");
+  const std::string questions =
+      "device; setting location_mode; pm has-feature one; pm has-feature android.hardware.wifi; pm list packages; "
+      "pm list packages --uid 1000; pm version-code a.b; pm version-code no.such; pm meta-data a.b k --int; "
+      "pm resource a.b 17; pm query-receivers A; pm query-receivers B; am launch a.b; am launch com.orvel.camera; "
+      "am launch no.such; am foreground; event N n";
+  ask(questions);
+  order("set name Attic", "screen off", "maro disconnected", "network disconnected", "set setting k 7",
+        "unset setting volume_alarm", "event-result TIMEOUT");
   const std::string answers = ask(questions);
+  EXPECT_EQ(watcher->wait(), 0);
+  const std::string places =
+      "for place in name type info settings screenOn maroConnected networkConnected result resultMode "
+      "'package a.b' 'package com.orvel.camera'; do orvel-sim get $place; done";
+  const std::string values = outputOf(places);
   endOf(*recorder);
   const std::string convert = "orvel-sim convert $T/session.jsonl --scenario $T/scenario.json";
   expectRows({{convert}, {convert, "", 1, "exists"}});
   replace("orvel-sim run --scenario $T/scenario.json");
+  EXPECT_EQ(outputOf(places), values);
   EXPECT_EQ(ask(questions), answers);
 }
 

@@ -118,7 +118,7 @@ TEST_F(Scenarios, EachShowsWhatIsSpecialAboutIt) {
       {"asleep", "orvelctl screen", "off\n"},
       {"busy", "orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"},
       {"dead", "orvel-sim services | grep -c dead", "3\n"},
-      {"dropping", "orvelctl am process-state com.quarlo.home; orvel-sim drop activity", "activity * 2\n"},
+      {"dropping", "orvel-sim drop | tail -1", "packages * on\n"},
       {"extremes", "orvelctl setting greatest; orvelctl get type", "2147483647\nQDT-🖥-8\n"},
       {"flapping", "orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"},
       {"fresh", "orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"},

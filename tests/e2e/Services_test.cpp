@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "Device.h"
 #include "support/Methods.h"
@@ -119,55 +120,38 @@ TEST_P(Faults, EachShowsAsItselfAndEndsWithoutATrace) {
   limitCalls();
   const auto quoted = [](const char* result) { return "'" + std::string(result) + "' "; };
   for (const auto& row : asked) {
-    const std::string service = row.service;
-    SCOPED_TRACE(service);
-    const std::string failure = quoted(test::method(row.method).failure);
+    const test::Method& method = test::method(row.method);
+    const std::string failure = quoted(method.failure);
+    const std::string refused = quoted(method.refused);
     const std::string good = ask(*asking, row.method);
-    const auto expectAfter = [&](const std::string& words, const std::string& answer) {
-      order(words);
-      EXPECT_EQ(ask(*asking, row.method), answer) << words;
-    };
-    const std::size_t heard = asking->error().size();
+    const std::string kDied = "has died, re-establishing";
+    const std::string kBound = "on_binder_died:Death callback completed";
     const struct {
-      const char *fault, *words;
+      const char* orders;  // with @ for the service
+      std::string heard;   // from the client's library before it is asked
       std::string answer;
-    } faults[] = {
-        {"delay ", " 30", good},
-        {"exception ", " --code -1", failure + "exception -1"},
-        {"truncate ", " 4", quoted(row.cut)},
-        {"error ", " -74", failure + "vesk -74"},
-        {"hang ", "", failure + "vesk -110"},
+    } steps[] = {
+        {"delay @ 30", "", good},
+        {"delay @ off; orvel-sim exception @ --code -1", "", failure + "exception -1"},
+        {"exception @ off; orvel-sim truncate @ 4", "", quoted(row.cut)},
+        {"truncate @ off; orvel-sim error @ -74", "", failure + "vesk -74"},
+        {"error @ off; orvel-sim hang @", "", failure + "vesk -110"},
+        {"hang @ off; orvel-sim drop @ 1", "", failure + "vesk -104"},
+        {"drop | grep @; test $? = 1", kBound, good},  // that was the one
+        {"drop @", "", failure + "vesk -104"},
+        {"drop | grep -x '@ [*] on' && orvel-sim drop @ off", kBound, good},
+        {"get @ faults | grep '^{}$' && orvel-sim kill @", kDied, refused},
+        {"get @ alive | grep false && orvel-sim restart @", kBound, good},
+        {"restart @", kBound, good},  // a living one
+        {"flap @ 100 1", kBound, good},
+        {"flap | grep @ || orvel-sim flap @ 60000 && orvel-sim kill @", kDied, refused},
+        {"flap | grep @; test $? = 1 && orvel-sim set @ alive true", kBound, good},
     };
-    for (const auto& [fault, words, answer] : faults) {
-      expectAfter(fault + service + words, answer);
-      expectAfter(fault + service + " off", good);
+    for (const auto& [orders, heard, answer] : steps) {
+      order(std::regex_replace(orders, std::regex("@"), row.service));
+      if (!heard.empty()) asking->waitForError(heard);
+      EXPECT_EQ(ask(*asking, row.method), answer) << row.service << ": " << orders;
     }
-    EXPECT_FALSE(has(asking->error().substr(heard), " has died")) << "these leave the connection alone";
-
-    const auto expectBoundAgain = [&] {
-      awaitRebinding(*asking);
-      EXPECT_EQ(ask(*asking, row.method), good);
-    };
-    expectAfter("drop " + service + " 1", failure + "vesk -104");
-    expectRows({{"orvel-sim drop", ""}});  // that was the one
-    expectBoundAgain();
-    expectAfter("drop " + service, failure + "vesk -104");
-    expectRows({{"orvel-sim drop", (service + " * on\n").c_str()}, {"orvel-sim drop " + service + " off"}});
-    expectBoundAgain();
-    expectRows({{"orvel-sim get " + service + " faults", "{}\n"}});
-
-    order("kill " + service);
-    asking->waitForError("has died, re-establishing");
-    EXPECT_EQ(ask(*asking, row.method), quoted(test::method(row.method).refused));
-    expectRows({{"orvel-sim get " + service + " alive", "false\n"}});
-    for (const std::string revival : {"restart ", "restart ", "flap "}) {  // the second time of a living one
-      order(revival + service + (revival == "flap " ? " 100 1" : ""));
-      expectBoundAgain();
-    }
-    expectRows({{"orvel-sim flap", ""},  // it has died as often as it was to
-                {"orvel-sim flap " + service + " 60000; orvel-sim kill " + service + "; orvel-sim flap", ""}});
-    order("set " + service + " alive true");
-    expectBoundAgain();
   }
   double longest = 0;
   for (const json& entry : view("traffic --past")) longest = std::max(longest, entry.value("durationMs", 0.0));
