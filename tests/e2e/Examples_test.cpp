@@ -81,12 +81,5 @@ TEST_P(Examples, DirectiveHandlerAnswersEachDirectiveWithAnEventAndTellsItsResul
   expectGoodEnd(*handler, SIGINT);
 }
 
-TEST_P(Examples, CtrlCEndsAStartThatWaitsForAService) {
-  order("kill connectivity");
-  for (const char* command : {"status-line", "package-watcher", "directive-handler Alerts"}) {
-    expectGoodEnd(*start(command, "androidconnectivitymanager is not ready yet"), SIGINT);
-  }
-}
-
 }  // namespace
 }  // namespace orvel::e2e

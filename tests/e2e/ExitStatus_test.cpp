@@ -59,7 +59,7 @@ const Command kCommands[] = {
     {"am foreground", "activity", "getForegroundPackages"},
     {"am process-state com.quarlo.home", "activity", "getAppProcessState"},
     {"pm list packages", "packages", "getInstalledPackageNames"},
-    {"pm list packages --uid 1000", "packages", "getPackageNamesForUid"},
+    {"pm list packages --uid 1000", "delegate", "getPackageNamesForUid"},
     {"pm version-code com.quarlo.home", "delegate", "getPackageVersionCode"},
     {"pm version-name com.quarlo.home", "delegate", "getPackageVersionName"},
     {"pm meta-data com.quarlo.home com.quarlo.home.cards --int", "delegate", "getApplicationInfoMetaData"},

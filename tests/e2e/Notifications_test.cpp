@@ -17,20 +17,11 @@ class Notifications : public Device {
   std::unique_ptr<Process> hold(const std::string& words) const {
     return start("orvelctl directive --json " + words, "orvelctl: watching ");
   }
-  // What was told of packages so far, one a line: "PACKAGE_ADDED package:a.b UID=7 REPLACING=true".
+  // What was told of packages so far, one a line: PACKAGE_ADDED "package:a.b" UID=7,REPLACING=true
   std::string packageNews() const {
-    const auto lastPart = [](const std::string& name) { return name.substr(name.rfind('.') + 1); };
-    std::string news;
-    for (const json& entry : view("traffic --past")) {
-      const json& told = entry.at("arguments");
-      if (entry.value("notification", "") != "broadcast" || !told.contains("data")) continue;
-      news += lastPart(told["action"]) + " " + told["data"].get<std::string>();
-      for (const json& extra : told.value("extras", json::array())) {
-        news += " " + lastPart(extra["key"]) + "=" + extra["value"].dump();
-      }
-      news += "\n";
-    }
-    return news;
+    return outputOf(R"sh(
+        orvel-sim traffic --past | sed -nE 's/.*action\.(PACKAGE.*)", data: (.*), extras: (.*)\), .*/\1 \2 \3/
+          s/"key":"android.intent.extra.([A-Z_]*)","type":"[a-z]*","value":/\1=/g; s/[][{}]//g; /^PACKAGE/p')sh");
   }
 };
 ORVEL_BOTH_MODES(Notifications);
@@ -77,15 +68,15 @@ TEST_P(Notifications, EachChangeIsToldOnceAndAValueThatStaysIsNot) {
   EXPECT_EQ(withoutTimes(watcher->output()), expected);
   EXPECT_TRUE(has(watcher->error(), "threw")) << "the setting that is not a number: " << watcher->error();
 
-  const std::string updated = R"(PACKAGE_REMOVED package:com.quarlo.music UID=10034 DATA_REMOVED=false REPLACING=true
-PACKAGE_ADDED package:com.quarlo.music UID=10034 REPLACING=true
-PACKAGE_REPLACED package:com.quarlo.music UID=10034 REPLACING=true
+  const std::string updated = R"(PACKAGE_REMOVED "package:com.quarlo.music" UID=10034,DATA_REMOVED=false,REPLACING=true
+PACKAGE_ADDED "package:com.quarlo.music" UID=10034,REPLACING=true
+PACKAGE_REPLACED "package:com.quarlo.music" UID=10034,REPLACING=true
 )";
-  const std::string others = R"(PACKAGE_CHANGED package:com.quarlo.music UID=10034
-PACKAGE_CHANGED package:com.quarlo.music UID=10099
-PACKAGE_REMOVED package:com.quarlo.music UID=10099 DATA_REMOVED=true REPLACING=false
-PACKAGE_ADDED package:c.d UID=1 REPLACING=false
-PACKAGE_REMOVED package:c.d UID=1 DATA_REMOVED=true REPLACING=false
+  const std::string others = R"(PACKAGE_CHANGED "package:com.quarlo.music" UID=10034
+PACKAGE_CHANGED "package:com.quarlo.music" UID=10099
+PACKAGE_REMOVED "package:com.quarlo.music" UID=10099,DATA_REMOVED=true,REPLACING=false
+PACKAGE_ADDED "package:c.d" UID=1,REPLACING=false
+PACKAGE_REMOVED "package:c.d" UID=1,DATA_REMOVED=true,REPLACING=false
 )";
   EXPECT_EQ(packageNews(), updated + updated + updated + others);
 }
@@ -110,8 +101,6 @@ TEST_P(Notifications, ARefusedOrderOrRequestChangesNothing) {
       {"37 H 1 52 'A -1 -1 'nope 0 0 0 0", "0 0 "},  // not installed: accepted
       {"37 H 1 56 'A -1 -1 'nope 0 0 0 0",
        "0 -2 startActivity, intent: the length of the intent is given as 56 bytes and is 52"},
-      {"37 H 1 64 'A -1 -1 -1 0 1 16 1 'k 2 5 0 0",
-       "0 -2 startActivity, intent: the extra \"k\" has the unknown type 2"},
       {"37 H 0", "0 -3 startActivity: the intent has no action, no package and no component"},
   };
   const auto asking = client();

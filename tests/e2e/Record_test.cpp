@@ -89,9 +89,10 @@ TEST_P(Recording, WhatIdentifiesTheOwnerIsNowhereAndTheReplayStillFits) {
       "am broadcast -a X -d content:data-original --es k extra-original; "
       "am start -a View -d content:data-original --es k intent-original; "
       "event Speaker Say event-original --payload payload-original; "
-      "event Speaker Say event-original --payload payload-second-original; metric a b --string k metric-original";
+      "event Speaker Say event-original --payload payload-second-original; metric a b --string k metric-original; "
+      "get name >/dev/null; pm has-feature 'of Annas Kitchen'";
   const std::string answers = ask(questions);
-  ask("setting text; get type; get name; pm has-feature 'of Annas Kitchen'");
+  ask("setting text; get type");
   order("directive Alerts directive-original", "set name Second-original", "set setting k 7");
   holder->wait();
   watcher->wait();

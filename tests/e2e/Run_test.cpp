@@ -2,8 +2,6 @@
 // come with the program, each run so and asked.
 #include <signal.h>
 
-#include <cstdlib>
-
 #include "Device.h"
 
 namespace orvel::e2e {
@@ -31,27 +29,22 @@ class Hermetic : public NoDevice {
 };
 const Words kNone;
 
-// The long form: ORVEL_HERMETIC_ROUNDS=50.
 TEST_F(Hermetic, EightAtOnceSeeEachItsOwnAndLeaveNothing) {
-  const char* given = std::getenv("ORVEL_HERMETIC_ROUNDS");
-  const int rounds = given == nullptr ? 2 : std::atoi(given);
-  for (int round = 0; round < rounds; ++round) {
-    std::vector<std::unique_ptr<Process>> running;
-    for (int n = 0; n < 8; ++n) {
-      const std::string number = std::to_string(n);
-      running.push_back(start("orvel-sim run --scenario " + std::string(n % 2 == 0 ? "busy" : "fresh") +
-                              (n % 4 < 2 ? "" : " --isolate") + " -- sh -c 'orvel-sim set name Room" + number +
-                              "; orvel-sim get name; orvelctl get name; exit " + number + "'"));
-    }
-    for (int n = 0; n < 8; ++n) {
-      Process& process = *running[static_cast<std::size_t>(n)];
-      const std::string name = "Room" + std::to_string(n) + "\n";
-      EXPECT_EQ(process.wait(), n) << process.error();
-      EXPECT_EQ(process.output(), name + name);
-    }
-    ASSERT_EQ(filesLeft(), kNone);
-    ASSERT_EQ(processesLeft(), kNone);
+  std::vector<std::unique_ptr<Process>> running;
+  for (int n = 0; n < 8; ++n) {
+    const std::string number = std::to_string(n);
+    running.push_back(start("orvel-sim run --scenario " + std::string(n % 2 == 0 ? "busy" : "fresh") +
+                            (n % 4 < 2 ? "" : " --isolate") + " -- sh -c 'orvel-sim set name Room" + number +
+                            "; orvel-sim get name; orvelctl get name; exit " + number + "'"));
   }
+  for (int n = 0; n < 8; ++n) {
+    Process& process = *running[static_cast<std::size_t>(n)];
+    const std::string name = "Room" + std::to_string(n) + "\n";
+    EXPECT_EQ(process.wait(), n) << process.error();
+    EXPECT_EQ(process.output(), name + name);
+  }
+  EXPECT_EQ(filesLeft(), kNone);
+  EXPECT_EQ(processesLeft(), kNone);
 }
 
 TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {

@@ -26,17 +26,6 @@ std::string errorOf(const std::function<void()>& action) {
   return "(none)";
 }
 
-// The path and the value, or the error.
-std::string changeBy(const std::string& text, const std::string& value) {
-  std::istringstream words(text);
-  try {
-    const Json change = changeOf(Words(std::istream_iterator<std::string>(words), {}), value);
-    return change.at("path").get<std::string>() + " " + change.at("value").dump();
-  } catch (const ScenarioError& error) {
-    return error.what();
-  }
-}
-
 TEST(Scenario, WordsLeadToAValueThatIsReadAsItsFieldWantsIt) {
   const struct {
     const char *words, *value;
@@ -45,9 +34,7 @@ TEST(Scenario, WordsLeadToAValueThatIsReadAsItsFieldWantsIt) {
       {"name", "Hall", R"(/delegate/name "Hall")"},
       {"setting volume", "7", R"(/delegate/settings/volume "7")"},
       {"setting a/b~c", "", R"(/delegate/settings/a~1b~0c "")"},
-      {"setting name", "x", R"(/delegate/settings/name "x")"},
       {"screenOn", "true", "/power/screenOn true"},
-      {"events reply", "-3", "/events/reply -3"},
       {"packages package p resources 17", "r", R"(/packages/packages/p/resources/17 "r")"},
       {"power faults * exception code", "-1", "/power/faults/*/exception/code -1"},
       {"about", "a trial", R"(/about "a trial")"},
@@ -70,7 +57,13 @@ TEST(Scenario, WordsLeadToAValueThatIsReadAsItsFieldWantsIt) {
       {"colour", "red", "no value is called colour; there are\n"},
   };
   for (const auto& row : rows) {
-    const std::string change = changeBy(row.words, row.value);
+    std::istringstream words(row.words);
+    std::string change;
+    const std::string error = errorOf([&] {
+      const Json made = changeOf(Words(std::istream_iterator<std::string>(words), {}), row.value);
+      change = made.at("path").get<std::string>() + " " + made.at("value").dump();
+    });
+    if (change.empty()) change = error;
     EXPECT_EQ(change.rfind(row.change, 0), 0U) << row.words << ": " << change;
   }
   EXPECT_EQ(errorOf([] { changeOf({"setting", std::string("a\0b", 3)}, "1"); }).substr(0, 20), "/delegate/settings/a");
@@ -97,9 +90,6 @@ TEST(Scenario, AChangeIsTheValuesThatItMakesOthersAndLeavesACompleteScenario) {
       {changeOf({"power", "faults", "*", "hang"}, std::nullopt),
        R"(power faults  {"*":{"hang":true},"isInteractive":{"error":-5,"hang":true}}>)"
        R"({"isInteractive":{"error":-5,"hang":true}} )"},
-      {changeOf({"power", "faults", "isInteractive", "error"}, std::nullopt),
-       R"(power faults  {"*":{"hang":true},"isInteractive":{"error":-5,"hang":true}}>)"
-       R"({"*":{"hang":true},"isInteractive":{"hang":true}} )"},
       // A number as a key makes no list.
       {changeOf({"package", "new", "resources", "0"}, "x"),
        R"(packages packages new null>{"versionCode":1,"versionName":"1.0","uid":10000,"metaData":{},"receivers":[],)"

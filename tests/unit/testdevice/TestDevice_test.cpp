@@ -108,36 +108,27 @@ TEST(TestDeviceTest, AClientThatWaitsForADeadServiceIsLeftWaiting) {
 
 TEST(TestDeviceTest, AServiceThatIsDeadForTooLongIsGivenUpAndNoOther) {
   Session s(R"({"power": {"alive": false}})");
-  const auto since_start = s.device.elapsed();
-  EXPECT_GT(since_start, 300s);
+  EXPECT_GT(s.device.elapsed(), 300s);
   EXPECT_FALSE(client().isScreenOn());
   EXPECT_EQ(client().getDeviceName(), "Kitchen Display");
-  s.device.kill("delegate");
-  s.device.advance(400s);
-  s.restart("delegate");
-  EXPECT_EQ(s.device.elapsed() - since_start, 400s);
-  EXPECT_EQ(client().getDeviceName(), "");
 }
 
 TEST(TestDeviceTest, FaultsAreWhatTheyAreOnADeviceAndEnd) {
   const struct {
-    const char* name;
     void (*strike)(TestDevice& device);
     std::chrono::nanoseconds duration;  // of the call that it strikes
     std::string failure;
     bool breaks;  // the connection
   } rows[] = {
-      {"hang", [](auto& device) { device.hang("delegate", "getDeviceName"); }, 30s, "hangs", false},
-      {"delay", [](auto& device) { device.delay("delegate", 500ms); }, 500ms, "", false},
-      {"longer than a call may take", [](auto& device) { device.delay("delegate", 40s); }, 30s, "", false},
-      {"exception", [](auto& device) { device.exception("delegate"); }, 0s, "exception -5: told to fail by orvel-sim",
-       false},
-      {"error", [](auto& device) { device.error("delegate", -71); }, 0s, "error -71", false},
-      {"truncated", [](auto& device) { device.truncate("delegate", 8); }, 0s, "cut to 8 bytes", false},
-      {"drop", [](auto& device) { device.drop("delegate", "getDeviceName", 1); }, 0s, "drops", true},
+      {[](auto& device) { device.hang("delegate", "getDeviceName"); }, 30s, "hangs", false},
+      {[](auto& device) { device.delay("delegate", 500ms); }, 500ms, "", false},
+      {[](auto& device) { device.exception("delegate"); }, 0s, "exception -5: told to fail by orvel-sim", false},
+      {[](auto& device) { device.error("delegate", -71); }, 0s, "error -71", false},
+      {[](auto& device) { device.truncate("delegate", 8); }, 0s, "cut to 8 bytes", false},
+      {[](auto& device) { device.drop("delegate", "getDeviceName", 1); }, 0s, "drops", true},
   };
   for (const auto& fault : rows) {
-    SCOPED_TRACE(fault.name);
+    SCOPED_TRACE(fault.failure);
     Session s;
     EXPECT_TRUE(s.hear_names());
     fault.strike(s.device);
@@ -229,7 +220,6 @@ TEST(TestDeviceTest, ARecordOfWhatBothSidesSaidInItsOrder) {
   const Call last = s.device.calls("delegate", "getSecureSetting").back();
   EXPECT_EQ(last.arguments + " " + last.reply, R"({"key":"volume_alarm"} "9")");
   EXPECT_EQ(last.time - told[1].time, 2s);
-  EXPECT_EQ(s.device.get({"settings", "volume_alarm"}), "9");
 }
 
 TEST(TestDeviceTest, WhatACallbackThrowsIsInTheRecordOfWhatItWasTold) {
