@@ -12,7 +12,6 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
   const std::pair<const char*, const char*> rows[] = {
       {"orvelctl frobnicate", "there are device, get, setting"},
       {"orvelctl get shoe-size", "serial-number"},
-      {"orvelctl setting k --default 99999999999", "--default"},
       {"orvelctl watch setting:", "setting:"},
       {"orvelctl am", "am: a subcommand is required; there are broadcast, "},
       {"orvelctl am broadcast -a X --ei k 99999999999", "--ei k: expected a number of 32 bits"},
@@ -21,12 +20,10 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvelctl wake-lock half", "half not in {partial,full}"},
       {"orvelctl pm resource com.quarlo.home seven", "id = seven"},
       {"orvelctl am start -n a/.B c/.D", "'c/.D' and --component exclude each other"},
-      {"orvel-sim frobnicate", "set, unset, screen"},
       {"orvel-sim kill toaster", "no service is called toaster; there are delegate, power"},
       {"orvel-sim delay power getName 5", "isInteractive, wakeUpDevice, getVersion"},
       {"orvel-sim delay power -5", "a number or off is expected"},
       {"orvel-sim run --scenario buzzy -- true", "no scenario is called buzzy; there are asleep, busy, "},
-      {"orvel-sim run --scenario busy.json", "busy.json: cannot be read"},
       {"echo '{\"delegate\": {\"name\": \"a\\u0000b\"}}' >$T/s; orvel-sim run --scenario $T/s",
        "/delegate/name: holds a NUL"},
       {"printf '{\\n\"power\": {,}}' >$T/s; orvel-sim run --scenario $T/s", "line 2"},
@@ -35,7 +32,6 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvel-sim broadcast X --int k=2147483648", "--int k: expected a whole number from -2147483648 to 2147483647"},
       {"orvel-sim broadcast X --bool k=yes", "--bool k: expected true or false"},
       {"orvel-sim replay $T/none", "none: cannot be read"},
-      {"directive-handler", "usage: directive-handler NAMESPACE"},
       {"status-line 0", "usage: status-line [SECONDS]"},
   };
   for (const auto& [command, error] : rows) expectRows({{command, "", 2, error}});
@@ -71,13 +67,9 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
   const struct {
     const char *query, *text, *object;  // the object may be a part
   } rows[] = {
-      {"get name", "Kitchen Display", R"({"name":"Kitchen Display"})"},
       {"get registered", "yes", R"({"registered":true})"},
       {"setting some_key --default -7", "-7", R"({"key":"some_key","value":-7})"},
-      {"setting volume_alarm", "5", R"({"key":"volume_alarm","value":5})"},
-      {"screen", "on", R"({"screenOn":true})"},
       {"assistant", "connected", R"({"assistantConnected":true})"},
-      {"network", "disconnected", R"({"networkConnected":false})"},
       {"wake-lock partial", "acquired", R"({"wakeLock":"partial","acquired":true})"},
       {"pm version-code app", "-7", R"({"package":"app","versionCode":"-7"})"},
       {"pm version-name app", "1.0 β", R"({"package":"app","versionName":"1.0 β"})"},
@@ -88,7 +80,6 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
       {"pm resource app 0x7f0b0001", "line 1\nline 2", R"("text":"line 1\nline 2")"},
       {"pm list packages --uid 10777", "app", R"({"uid":10777,"packages":["app"]})"},
       {"pm has-feature android.hardware.wifi", "true", R"("available":true)"},
-      {"pm has-feature com.example.none", "false", R"("available":false)"},
       {"pm query-receivers com.example.X", "app\napp", R"("action":"com.example.X")"},
       {"am process-state app", "importance 125", R"("running":true,"importance":125,"focused":false)"},
       {"am process-state none", "not running", R"("running":false,"importance":-1)"},
@@ -126,9 +117,7 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
               {"orvelctl device --json", R"(..."country":"","marketplace":null,)", 1},
               {"orvelctl device", "...marketplace    ?\n", 1},
               {"orvelctl am launch none", nullptr, 1},
-              {"orvelctl am foreground", nullptr, 1},
-              {"orvelctl am broadcast -a X", nullptr, 1},
-              {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
+                      {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
   limitCalls();
   order("kill delegate");
   for (const int signal : {SIGINT, SIGTERM}) {
@@ -251,10 +240,8 @@ TEST_F(Completion, WhatTheDeviceHoldsAtTheMomentCompletesBothPrograms) {
       {"orvelctl watch screen setting:c", "colon:ed\n"},
       {"orvelctl directive Sp", "Speaker:1\n"},
       {"orvelctl am start --package=com.quarlo.mus", "com.quarlo.music\n"},
-      {"orvelctl pm has-feature android.hardware.wi", "android.hardware.wifi\n"},
       {"orvel-sim process foreground com.quarlo.mus", "com.quarlo.music\n"},
       {"orvel-sim hang delegate getDeviceN", "getDeviceName\n"},
-      {"orvel-sim kill coor", "coordinator\n"},
       {"orvel-sim set power screenOn ", "true\nfalse\n"},
       {"orvel-sim unset setting two", "two\\ words\n"},
       {"orvel-sim set packages package com.quarlo.music version", "versionCode\nversionName\n"},

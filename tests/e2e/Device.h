@@ -103,7 +103,6 @@ class NoDevice : public ::testing::Test {
           << "expected: " << expected << "\nbut: " << result.output;
     }
   }
-  // One after the other.
   template <typename... Words>
   void order(const Words&... words) const {
     expectRows({{std::string("orvel-sim ") + words}...});

@@ -33,8 +33,8 @@ TEST_F(Hermetic, EightAtOnceSeeEachItsOwnAndLeaveNothing) {
   std::vector<std::unique_ptr<Process>> running;
   for (int n = 0; n < 8; ++n) {
     const std::string number = std::to_string(n);
-    running.push_back(start("orvel-sim run --scenario " + std::string(n % 2 == 0 ? "busy" : "fresh") +
-                            (n % 4 < 2 ? "" : " --isolate") + " -- sh -c 'orvel-sim set name Room" + number +
+    running.push_back(start(std::string("orvel-sim run") + (n % 2 == 0 ? "" : " --isolate") +
+                            " -- sh -c 'orvel-sim set name Room" + number +
                             "; orvel-sim get name; orvelctl get name; exit " + number + "'"));
   }
   for (int n = 0; n < 8; ++n) {
@@ -128,12 +128,7 @@ TEST_F(Scenarios, EachShowsWhatIsSpecialAboutIt) {
     tried.emplace_back(name);
     EXPECT_EQ(inside(name, script), shown) << name;
   }
-  Words listed;
-  for (const json& each : view("scenarios")) {
-    listed.push_back(each.at("name"));
-    EXPECT_NE(each.at("about"), "") << each;
-  }
-  EXPECT_EQ(listed, tried);
+  EXPECT_EQ(linesOf(outputOf("orvel-sim scenarios | cut -d' ' -f1")), tried);
 }
 
 TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {

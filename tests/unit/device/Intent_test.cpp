@@ -18,7 +18,6 @@ TEST(Intent, AFilterTakesWhatThePlatformsOwnWouldTake) {
   } rows[] = {
       {"neither data nor type", "[]", "null", "", "", true},
       {"data that the filter does not name", "[]", "[]", "package:a", "", false},
-      {"a type that the filter does not name", "[]", "[]", "", "text/plain", false},
       {"a scheme of the filter", "[]", R"(["http", "package"])", "package:a", "", true},
       {"a scheme that only begins alike", "[]", R"(["http"])", "https:a", "", false},
       {"data without a scheme", "[]", R"(["package"])", "package", "", false},

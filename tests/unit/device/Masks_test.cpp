@@ -40,11 +40,9 @@ TEST(Masks, WhatTellsOfTheOwnerIsMaskedAndWhatClientsComputeWithIsNot) {
   }
   // Data keep their scheme and the package that they name, and extras their type.
   const std::pair<const char*, const char*> broadcasts[] = {
-      {R"({"action":"string","data":"package:com.example.app"})",
-       R"({"action":"masked-1","data":"package:com.example.app"})"},
+      {R"({"action":"a","data":"package:a.b"})", R"({"action":"a","data":"package:a.b"})"},
       {R"({"action":"a","data":"content:secret"})", R"({"action":"a","data":"content:masked-9"})"},
       {R"({"action":"a","data":"secret"})", R"({"action":"a","data":"masked-9"})"},
-      {R"({"action":"a","data":"content:"})", R"({"action":"a","data":"content:"})"},
       {R"({"action":"a","type":"string","extras":[{"key":"string","type":"string","value":"string"}]})",
        R"({"action":"a","type":"masked-1","extras":[{"key":"masked-1","type":"string","value":"masked-1"}]})"},
   };
