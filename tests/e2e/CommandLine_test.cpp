@@ -117,7 +117,7 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
               {"orvelctl device --json", R"(..."country":"","marketplace":null,)", 1},
               {"orvelctl device", "...marketplace    ?\n", 1},
               {"orvelctl am launch none", nullptr, 1},
-                      {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
+              {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
   limitCalls();
   order("kill delegate");
   for (const int signal : {SIGINT, SIGTERM}) {
