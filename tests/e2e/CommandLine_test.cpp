@@ -1,4 +1,4 @@
-// What a person types and gets: results, messages, exit statuses.
+// What a person types and gets: results, messages, exit statuses, and in bash what completes the line.
 #include <signal.h>
 
 #include "Device.h"
@@ -12,59 +12,49 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
   const std::pair<const char*, const char*> rows[] = {
       {"orvelctl frobnicate", "there are device, get, setting"},
       {"orvelctl get shoe-size", "serial-number"},
-      {"orvelctl setting ''", "key: it is empty"},
-      {"orvelctl setting k --default 99999999999", "--default"},
-      {"orvelctl device --log-level loud", "warning"},
-      {"orvelctl watch shoes", "setting:"},
       {"orvelctl watch setting:", "setting:"},
-      {"orvelctl watch setting", "setting:"},
-      {"orvelctl watch ''", "setting:"},
       {"orvelctl am", "am: a subcommand is required; there are broadcast, "},
       {"orvelctl am broadcast -a X --ei k 99999999999", "--ei k: expected a number of 32 bits"},
       {"orvelctl am start -a X --es k 1 --es k 2", "--es k: given twice"},
       {"orvelctl am start -n com.example.app", "expected PACKAGE/CLASS"},
+      {"orvelctl wake-lock half", "half not in {partial,full}"},
+      {"orvelctl pm resource com.quarlo.home seven", "id = seven"},
       {"orvelctl am start -n a/.B c/.D", "'c/.D' and --component exclude each other"},
-      {"orvel-sim frobnicate", "set, unset, screen"},
       {"orvel-sim kill toaster", "no service is called toaster; there are delegate, power"},
       {"orvel-sim delay power getName 5", "isInteractive, wakeUpDevice, getVersion"},
       {"orvel-sim delay power -5", "a number or off is expected"},
-      {"orvel-sim set shoeSize 42", "delegate serialNumber TEXT"},
-      {"orvel-sim set screenOn maybe", "/power/screenOn: expected true or false"},
       {"orvel-sim run --scenario buzzy -- true", "no scenario is called buzzy; there are asleep, busy, "},
-      {"orvel-sim run --scenario busy.json", "busy.json: cannot be read"},
       {"echo '{\"delegate\": {\"name\": \"a\\u0000b\"}}' >$T/s; orvel-sim run --scenario $T/s",
        "/delegate/name: holds a NUL"},
-      {"echo '[]' >$T/s; orvel-sim run --scenario $T/s", "/: expected an object"},
       {"printf '{\\n\"power\": {,}}' >$T/s; orvel-sim run --scenario $T/s", "line 2"},
+      {"orvel-sim run --scenario /dev/zero", "longer than 64 MiB"},
+      {"orvel-sim broadcast X --string k", "--string: expected KEY=TEXT, not 'k'"},
+      {"orvel-sim broadcast X --int k=2147483648", "--int k: expected a whole number from -2147483648 to 2147483647"},
+      {"orvel-sim broadcast X --bool k=yes", "--bool k: expected true or false"},
       {"orvel-sim replay $T/none", "none: cannot be read"},
-      {"directive-handler", "usage: directive-handler NAMESPACE"},
-      {"directive-handler ''", "usage: directive-handler NAMESPACE"},
       {"status-line 0", "usage: status-line [SECONDS]"},
-      {"status-line soon", "usage: status-line [SECONDS]"},
   };
   for (const auto& [command, error] : rows) expectRows({{command, "", 2, error}});
   expectRows({{"orvelctl watch --help", "...The network is the exception"}});
 }
 
 TEST_F(CommandLine, AMissingOrKilledDeviceIsSaidInOneLineWithItsDirectory) {
-  const auto expectNoDevice = [this](const std::string& command) {
-    const Result result = run(command);
-    EXPECT_EQ(result.status, 3) << command;
-    EXPECT_EQ(result.output, "");
-    EXPECT_TRUE(has(result.error, directory())) << result.error;
-    EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << "not one line: " << result.error;
-  };
-  expectNoDevice("orvelctl watch");
-  expectNoDevice("orvel-sim state");
   for (const char* example : {"status-line", "package-watcher", "directive-handler Alerts"}) {
     expectRows({{example, "", 1, ": there is no device"}});
   }
-  const auto device = serve();
-  device->signal(SIGKILL);
-  device->wait();
-  EXPECT_TRUE(std::filesystem::exists(directory()));
-  expectNoDevice("orvelctl get name");
-  expectNoDevice("orvel-sim screen on");
+  for (const std::string command : {"orvelctl watch", "orvelctl get name", "orvel-sim state"}) {
+    const auto expectNoDevice = [&] {
+      const Result result = run(command);
+      EXPECT_EQ(result.status, 3) << command;
+      EXPECT_TRUE(has(result.error, directory())) << result.error;
+      EXPECT_EQ(result.error.find('\n'), result.error.size() - 1) << "not one line: " << result.error;
+    };
+    expectNoDevice();
+    serve()->signal(SIGKILL);
+    EXPECT_TRUE(std::filesystem::exists(directory()));
+    expectNoDevice();
+    std::filesystem::remove_all(directory());
+  }
 }
 
 TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
@@ -77,20 +67,10 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
   const struct {
     const char *query, *text, *object;  // the object may be a part
   } rows[] = {
-      {"get name", "Kitchen Display", R"({"name":"Kitchen Display"})"},
-      {"get serial-number", "OQ24-0713-5521", R"({"serialNumber":"OQ24-0713-5521"})"},
-      {"get type", "QDT-DISPLAY-8", R"({"type":"QDT-DISPLAY-8"})"},
-      {"get customer-id", "quarlo.account.7Q2M4X", R"({"customerId":"quarlo.account.7Q2M4X"})"},
-      {"get country", "DE", R"({"country":"DE"})"},
-      {"get marketplace", "QMP-DE-01", R"({"marketplace":"QMP-DE-01"})"},
       {"get registered", "yes", R"({"registered":true})"},
       {"setting some_key --default -7", "-7", R"({"key":"some_key","value":-7})"},
-      {"setting volume_alarm", "5", R"({"key":"volume_alarm","value":5})"},
-      {"screen", "on", R"({"screenOn":true})"},
       {"assistant", "connected", R"({"assistantConnected":true})"},
-      {"network", "disconnected", R"({"networkConnected":false})"},
       {"wake-lock partial", "acquired", R"({"wakeLock":"partial","acquired":true})"},
-      {"wake-lock full", "acquired", R"({"wakeLock":"full","acquired":true})"},
       {"pm version-code app", "-7", R"({"package":"app","versionCode":"-7"})"},
       {"pm version-name app", "1.0 β", R"({"package":"app","versionName":"1.0 β"})"},
       {"pm meta-data app n --int", "5", R"("key":"n","value":5)"},
@@ -98,10 +78,8 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
       {"pm meta-data app n --default ?", "?", R"("value":"?")"},
       {"pm meta-data app t --flags 0", "", R"("value":"")"},
       {"pm resource app 0x7f0b0001", "line 1\nline 2", R"("text":"line 1\nline 2")"},
-      {"pm resource app 1", "", R"("text":"")"},
       {"pm list packages --uid 10777", "app", R"({"uid":10777,"packages":["app"]})"},
       {"pm has-feature android.hardware.wifi", "true", R"("available":true)"},
-      {"pm has-feature com.example.none", "false", R"("available":false)"},
       {"pm query-receivers com.example.X", "app\napp", R"("action":"com.example.X")"},
       {"am process-state app", "importance 125", R"("running":true,"importance":125,"focused":false)"},
       {"am process-state none", "not running", R"("running":false,"importance":-1)"},
@@ -114,7 +92,6 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
                 {query + " --json", (std::string("...") + row.object).c_str()}});
   }
   expectRows({{"orvelctl pm list packages --uid 1", ""},
-              {"orvelctl pm list packages --uid 1 --json", "...\"packages\":[]"},
               {"orvelctl pm list packages | grep -cx app", "1\n"},
               {"orvelctl am foreground | grep -cx app", "1\n"},
               {"orvelctl --json device",
@@ -134,16 +111,12 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
   expectRows({{"orvelctl get name", "", 1, "Received error: -8 [boom]"},
               {"orvelctl get name", "", 1, "Stack Trace: at work"},
               {"orvelctl get country", "\n"},
-              {"orvelctl get marketplace", "", 4, "did not answer in time"},
               {"orvelctl get marketplace --timeout 0.1", "", 4, "gave up after 0.1 s"},
               {"orvelctl setting word", "", 1, "setting word: its value is not a number"},
               {"orvelctl wake-lock partial", "", 1, "not available in interface version 1"},
               {"orvelctl device --json", R"(..."country":"","marketplace":null,)", 1},
               {"orvelctl device", "...marketplace    ?\n", 1},
-              {"orvelctl pm version-code none", nullptr, 1},
               {"orvelctl am launch none", nullptr, 1},
-              {"orvelctl am foreground", nullptr, 1},
-              {"orvelctl am broadcast -a X", nullptr, 1},
               {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
   limitCalls();
   order("kill delegate");
@@ -157,82 +130,56 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
 
 TEST_F(CommandLine, EachResultOfAnEventIsToldWithItsAdviceAndItsStatus) {
   const auto device = serve("--isolate");
-  const Row rows[] = {
-      {"SUCCESS", "SUCCESS\n"},
-      {"SUCCESS_NO_CONTENT --before", "SUCCESS_NO_CONTENT\n"},
-      {"MARO_DISCONNECTED --twice", "MARO_DISCONNECTED, may be tried again\n", 1},
-      {"INTERNAL_ERROR --delay 20", "INTERNAL_ERROR, may be tried again\n", 1},
-      {"TIMEOUT", "TIMEOUT, may be tried again\n", 1},
-      {"INVALID_EVENT", "INVALID_EVENT, not to be tried again\n", 1},
-      {"-1", "UNKNOWN_ERROR, may be tried again\n", 1},
-      {"SUCCESS --malformed", "UNKNOWN_ERROR, may be tried again\n", 1},
-      {"SUCCESS --never", "", 4},
-      {"SUCCESS --reply 2", "", 1},
-  };
-  for (const auto& [result, output, status, error] : rows) {
-    order("event-result " + result);
-    expectRows({{std::string("orvelctl event N n --timeout ") + (status == 4 ? "0.2" : "20"), output, status, error}});
-  }
+  const std::string set = "orvel-sim event-result ";
+  const std::string send = "; orvelctl event N n --timeout ";
+  expectRows({{set + "SUCCESS_NO_CONTENT --before" + send + "20", "SUCCESS_NO_CONTENT\n"},
+              {set + "MARO_DISCONNECTED --twice" + send + "20", "MARO_DISCONNECTED, may be tried again\n", 1},
+              {set + "INTERNAL_ERROR --delay 20" + send + "20", "INTERNAL_ERROR, may be tried again\n", 1},
+              {set + "INVALID_EVENT" + send + "20", "INVALID_EVENT, not to be tried again\n", 1},
+              {set + "-1" + send + "20", "UNKNOWN_ERROR, may be tried again\n", 1},
+              {set + "SUCCESS --malformed" + send + "20", "UNKNOWN_ERROR, may be tried again\n", 1},
+              {set + "SUCCESS --never" + send + "0.2", "", 4},
+              {set + "SUCCESS --reply 2" + send + "20", "", 1}});
 }
 
 TEST_F(CommandLine, EachVerbShowsWhatIsInForceInWordsThatWouldSetIt) {
   const auto device = serve();
-  const struct {
-    const char *set, *read, *shown;
-  } rows[] = {
-      {"", "screen", "on\n"},
+  const char* const rows[][3] = {
       {"screen off", "screen", "off\n"},
-      {"", "screen --json", "false\n"},
-      {"", "account", "added quarlo.account.7Q2M4X\n"},
       {"account added a.b", "account", "added a.b\n"},
       {"set customerId '<unknown>'", "account", "removed\n"},
       {"maro disconnected", "maro", "disconnected\n"},
-      {"network disconnected", "network", "disconnected\n"},
-      {"", "event-result", "SUCCESS\n"},
       {"event-result 4 --delay 5 --reply 0 --twice", "event-result", "TIMEOUT --delay 5 --reply 0 --twice\n"},
-      {"event-result -3", "event-result", "-3\n"},
-      {"", "delay", ""},
       {"delay delegate 5", "delay", "delegate * 5\n"},
       {"delay delegate getDeviceName 7", "delay delegate", "delegate * 5\ndelegate getDeviceName 7\n"},
-      {"", "delay delegate getDeviceName", "delegate getDeviceName 7\n"},
-      {"delay delegate '*' off", "delay --json",
+      {"delay power 3", "delay delegate getDeviceName", "delegate getDeviceName 7\n"},
+      {"delay delegate '*' off; orvel-sim delay power off", "delay --json",
        R"({"service":"delegate","method":"getDeviceName","value":7})"
        "\n"},
-      {"delay delegate getDeviceName off", "get delegate faults", "{}\n"},
-      {"hang power", "hang", "power * on\n"},
       {"drop power isInteractive 3", "drop", "power isInteractive 3\n"},
-      {"drop power isInteractive", "drop", "power isInteractive on\n"},
-      {"error metrics -74", "error", "metrics * -74\n"},
       {"truncate coordinator 0", "truncate", "coordinator * 0\n"},
       {"exception events --code -1 --message no", "exception",
        "events * {\"code\":-1,\"message\":\"no\",\"trace\":\"\"}\n"},
       {"flap events 600000 3", "flap", "events 600000 3\n"},
-      {"flap events 600000", "flap events", "events 600000\n"},
-      {"flap events off", "flap", ""},
-      {"set processes '{}'", "process", ""},
-      {"process start a --uid 7", "process --json",
-       R"({"process":"a","pid":4000,"uid":7,"importance":400,"packages":["a"],"focused":false})"
+      {"set processes '{}'; orvel-sim process start a --uid 7; orvel-sim process foreground a", "process --json",
+       R"({"process":"a","pid":4000,"uid":7,"importance":100,"packages":["a"],"focused":true})"
        "\n"},
-      {"set packages packages '{}'", "package", ""},
-      {"set name 'a \"b\"'", "get name", "a \"b\"\n"},
-      {"", "get name --json", "\"a \\\"b\\\"\"\n"},
-      {"kill metrics", "get metrics alive", "false\n"},
+      {"process stop a", "process", ""},
   };
-  for (const auto& row : rows) {
-    if (*row.set != '\0') order(row.set);
-    expectRows({{std::string("orvel-sim ") + row.read, row.shown}});
+  for (const auto& [set, read, shown] : rows) {
+    order(set);
+    expectRows({{std::string("orvel-sim ") + read, shown}});
   }
   expectRows({{"orvel-sim get setting volume 2>&1", "orvel-sim: /delegate/settings/volume is not set\n", 1}});
   EXPECT_EQ(view("get"), view("state"));
 }
 
 TEST_F(CommandLine, WhatCannotBeWrittenIsAFailureSaidInOneLine) {
-  expectRows({{"orvel-sim run >/dev/full", "", 1}});
   const auto device = serve("--isolate");
   order("set name " + std::string(20'000, 'x'));  // more than is kept back before it is written
-  for (const std::string command : {"orvelctl get name", "orvelctl --json device", "orvelctl doctor",
-                                    "orvelctl --json doctor", "orvelctl --help-all", "orvel-sim state",
-                                    "orvel-sim services --json", "orvel-sim traffic --past", "orvel-sim --help"}) {
+  for (const std::string command :
+       {"orvelctl get name", "orvelctl --json device", "orvelctl doctor", "orvelctl --help-all", "orvel-sim state",
+        "orvel-sim services --json", "orvel-sim traffic --past", "orvel-sim --help"}) {
     for (const char* redirection : {" >/dev/full", " >&-", " >&4 4>&-"}) {
       // Descriptor 4 is a pipe without a reader.
       const Result result = run("mkfifo $T/p; exec 3<>$T/p 4>$T/p 3<&-; rm $T/p; exec " + command + redirection);
@@ -247,20 +194,71 @@ TEST_F(CommandLine, WhatCannotBeWrittenIsAFailureSaidInOneLine) {
 }
 
 TEST_F(CommandLine, ColoursAreForTerminalsThatShowThemAndPeopleWhoWantThem) {
-  const std::pair<const char*, bool> rows[] = {
-      {"TERM=xterm NO_COLOR=", true},
-      {"TERM=xterm NO_COLOR=1", false},
-      {"TERM=dumb NO_COLOR=", false},
-      {"TERM= NO_COLOR=", false},
-  };
   for (const std::string command : {"orvelctl get shoe-size", "orvelctl doctor", "orvel-sim kill toaster"}) {
-    for (const auto& [variables, coloured] : rows) {
-      const std::string text = outputOf(std::string(variables) + " script -qec '" + command + "' /dev/null");
-      EXPECT_EQ(has(text, "\x1b[1;31m"), coloured) << variables << ": " << text;
-      EXPECT_EQ(has(text, "\x1b"), coloured) << text;
-    }
-    EXPECT_FALSE(has(outputOf("TERM=xterm NO_COLOR= " + command + " 2>&1"), "\x1b"));
+    const std::string on_terminal = " script -qec '" + command + "' /dev/null | grep -c '\x1b.1;31m'";
+    expectRows({{"TERM=xterm NO_COLOR=" + on_terminal, "1\n"},
+                {"TERM=xterm NO_COLOR=1" + on_terminal, "0\n", 1},
+                {"TERM=dumb NO_COLOR=" + on_terminal, "0\n", 1},
+                {"TERM=xterm NO_COLOR= " + command + " 2>&1 | grep -c '\x1b'", "0\n", 1}});
   }
+}
+
+// Sources the file that is installed, and gives what its function leaves for the shell, one candidate a line.
+constexpr char kAsk[] = R"(
+  source "$1"
+  [[ $(complete -p orvelctl orvel-sim | grep -c _orvel_complete) == 2 ]] || exit 9
+  COMP_WORDBREAKS=$' \t\n"\'><=;|&(:' COMP_LINE=$2 COMP_POINT=${#2}
+  _orvel_complete "$3" 2>/dev/null
+  ((${#COMPREPLY[@]} == 0)) || printf '%s\n' "${COMPREPLY[@]}"
+)";
+
+class Completion : public NoDevice {
+ protected:
+  // Programs may be slow under a sanitizer, on a busy machine.
+  std::string complete(const std::string& line) const {
+    Words environment = NoDevice::environment();
+    environment.emplace_back("ORVEL_COMPLETION_MS=15000");
+    const std::string program = line.substr(0, line.find(' '));
+    const Result result = test::run({"/bin/bash", "-c", kAsk, "bash", ORVEL_COMPLETION, line, program}, environment);
+    EXPECT_EQ(result.status, 0) << line << ": " << result.error;
+    return result.output;
+  }
+};
+
+TEST_F(Completion, WhatTheDeviceHoldsAtTheMomentCompletesBothPrograms) {
+  // What needs no device is there without one.
+  EXPECT_EQ(complete("orvel-sim exception pow"), "power\n");
+  EXPECT_EQ(complete("orvel-sim set connectivity net"), "networkConnected\n");
+
+  const auto device = serve();
+  order("set setting 'two words' 1", "set setting colon:ed 1");
+  const auto holder = start("orvelctl directive Speaker:1", "watching");
+  const std::pair<const char*, const char*> rows[] = {
+      {"orvelctl --log-level=wa", "warning\n"},
+      {"orvelctl setting loc", "location_mode\n"},
+      {"orvelctl setting 'two w", "two words\n"},
+      {"orvelctl watch screen setting:c", "colon:ed\n"},
+      {"orvelctl directive Sp", "Speaker:1\n"},
+      {"orvelctl am start --package=com.quarlo.mus", "com.quarlo.music\n"},
+      {"orvel-sim process foreground com.quarlo.mus", "com.quarlo.music\n"},
+      {"orvel-sim hang delegate getDeviceN", "getDeviceName\n"},
+      {"orvel-sim set power screenOn ", "true\nfalse\n"},
+      {"orvel-sim unset setting two", "two\\ words\n"},
+      {"orvel-sim set packages package com.quarlo.music version", "versionCode\nversionName\n"},
+      {"orvel-sim set no such thing ", ""},
+      {"orvel-sim run -- orvelctl de", ""},
+  };
+  for (const auto& [line, replies] : rows) EXPECT_EQ(complete(line), replies) << line;
+}
+
+TEST_F(Completion, ADeviceThatDoesNotAnswerCostsOnlyItsOwnWords) {
+  const auto device = serve();
+  device->signal(SIGSTOP);
+  // Ended by their own limit: by nothing else it could be.
+  expectRows({{"orvelctl --complete 'orvelctl setting loc' ''", "", 128 + SIGALRM},
+              {"ORVEL_COMPLETION_MS=1500 orvel-sim --complete 'orvel-sim set delegate mar' ''",
+               "marketplace\nmaroConnected\n", 128 + SIGALRM}});
+  device->signal(SIGCONT);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,11 +50,9 @@ inline std::string contentOf(const std::filesystem::path& file) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// Without the time of each line, which is as long as the milliseconds since 1970 will be for centuries.
-inline std::string withoutTimes(std::string lines) {
-  const std::string key = "\"timeMs\":";
-  for (std::size_t at = 0; (at = lines.find(key)) != std::string::npos;) lines.erase(at, key.size() + 14);
-  return lines;
+// Without the time of each line.
+inline std::string withoutTimes(const std::string& lines) {
+  return std::regex_replace(lines, std::regex("\"timeMs\":[0-9]+,"), "");
 }
 
 inline bool has(const std::string& text, const std::string& part) {
@@ -104,7 +103,6 @@ class NoDevice : public ::testing::Test {
           << "expected: " << expected << "\nbut: " << result.output;
     }
   }
-  // One after the other.
   template <typename... Words>
   void order(const Words&... words) const {
     expectRows({{std::string("orvel-sim ") + words}...});

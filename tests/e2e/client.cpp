@@ -16,13 +16,12 @@ namespace {
 
 using orvel::test::Client;
 
-// One message by hand. Words: a service name, a code, then numbers and, after an apostrophe, texts with _ for a blank.
-// Prints the reply's numbers and texts as `shape` says: "i" a number, "s" a text.
+// One message by hand. Words: a service name, a code, then numbers and, after an apostrophe, texts. Prints the status,
+// and of the reply the exception code and the text behind it.
 void callByHand(std::istream& words) {
   std::string service;
-  std::string shape;
   unsigned code = 0;
-  words >> service >> code >> shape;
+  words >> service >> code;
   const orvel::test::PayloadPtr request(vesk_payload_alloc());
   const orvel::test::BufferPtr reply(vesk_buffer_alloc());
   for (std::string word; words >> word;) {
@@ -37,12 +36,8 @@ void callByHand(std::istream& words) {
   vesk_get_runtime(&runtime);
   vesk_binder_servicemanager_get(runtime, service.c_str(), &handle);
   std::cout << "reply " << vesk_call(runtime, &handle, code, request.get(), reply.get());
-  for (const char kind : shape) {
-    std::cout << ' ';
-    if (kind == 'i') std::cout << vesk_read_i32(reply.get());
-    if (kind == 's') std::cout << orvel::test::read_ascii(reply.get());
-  }
-  std::cout << std::endl;
+  std::cout << ' ' << vesk_read_i32(reply.get());
+  std::cout << ' ' << orvel::test::read_ascii(reply.get()) << std::endl;
   vesk_service_unbind(runtime, &handle);
 }
 
@@ -56,22 +51,6 @@ void noteFailure(const std::string& line) {
   };
   note("call:VESK call failed with error ", "vesk ");
   note("exceptionOccurred:Received error: ", "exception ");
-}
-
-// Everything that a device tells its clients.
-bool subscribe(Client& client) {
-  bool good = true;
-  for (const orvel::test::Method& each : orvel::test::kMethods) {
-    const std::string name = each.name;
-    if (name.rfind("registerFor", 0) != 0 || name == "registerForPackageAction" || name == "registerForDirective")
-      continue;
-    good = each.call(client, {}) == "true" && good;
-  }
-  for (const char* word : {"ADDED", "REMOVED", "FULLY_REMOVED", "REPLACED", "CHANGED"}) {
-    const std::string action = std::string("android.intent.action.PACKAGE_") + word;
-    good = client.registerForPackageAction(action, {}, {"package"}, [](auto&&...) {}) && good;
-  }
-  return good;
 }
 
 }  // namespace
@@ -90,7 +69,6 @@ int main() {
     std::string verb;
     words >> verb;
     if (verb == "call") callByHand(words);
-    if (verb == "subscribe") std::cout << "subscribed " << subscribe(client) << std::endl;
     if (verb == "ask") {
       std::string method;
       words >> method;
