@@ -130,6 +130,11 @@ TEST_F(HostRuntime, AServiceThatAnswersWithNonsenseFailsOnlyItsOwnCalls) {
          answer.signature = "s";
          answer.body = BusBody().text("text").bytes();
        }},
+      {"an error with the body of a success",
+       [](BusMessage& answer) {
+         answer.type = kBusError;
+         answer.extra_fields = "\4\1s\0\3\0\0\0a.b\0"s;
+       }},
   };
   const UniqueFd listener = listen_as("rogue", 8);
   for (const auto& [what, spoil] : rows) {
