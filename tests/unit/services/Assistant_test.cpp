@@ -1,5 +1,5 @@
 // What goes to the voice assistant and to the metrics, and what becomes of it when they die.
-#include <set>
+#include <algorithm>
 
 #include "services/IOrvelSimDirectiveClient.h"
 #include "services/IOrvelSimEventClient.h"
@@ -34,12 +34,13 @@ class Assistant : public ClientTest {
   bool hear(IOrvelSimDirectiveClient& client, const std::string& nspace) {
     return client.registerForDirective(nspace, [this](auto& heard) { m_heard.push_back(heard.directive1); });
   }
-  // The namespaces that were published since the last bind.
-  std::multiset<std::string> published() const {
-    std::multiset<std::string> names;
+  // The namespaces that were published since the last bind, sorted.
+  Lines published() const {
+    Lines names;
     for (const std::string& each : m_vesk.bindings()) {
-      each[0] == '=' ? void(names.insert(each.substr(20, each.size() - 34))) : names.clear();
+      each[0] == '=' ? names.push_back(each.substr(20, each.size() - 34)) : names.clear();
     }
+    std::sort(names.begin(), names.end());
     return names;
   }
 
@@ -61,16 +62,14 @@ TEST_F(Assistant, AnEventIsACallWithAnEndpointThatLivesWhileTheServiceHoldsItOrD
     EXPECT_EQ(Bytes(sent.request.data(), head.size()), head) << "an empty payload is a null one";
   }
   serve(kEventService);
-  for (int n = 0; n < 1000; ++n) EXPECT_TRUE(send(client));
-  EXPECT_EQ(m_held.use_count(), 1001);
-  const std::size_t sent = m_vesk.transactions().size();
-  die_and_return(kEventService, [&] { EXPECT_FALSE(send(client)); });
-  EXPECT_EQ(m_held.use_count(), 1);
-  EXPECT_THAT(m_vesk.transactions(), SizeIs(sent)) << "nothing is sent again";
-  send(client);
+  for (int n = 0; n < 10; ++n) EXPECT_TRUE(send(client));
   m_vesk.send(m_vesk.transactions().back().endpoints.front(), 1, notification(wire("1 0")));
   m_vesk.run_pending();
   EXPECT_THAT(m_heard, ElementsAre("0"));
+  EXPECT_EQ(m_held.use_count(), 11);
+  die_and_return(kEventService, [&] { EXPECT_FALSE(send(client)); });
+  EXPECT_EQ(m_held.use_count(), 1);
+  EXPECT_THAT(m_vesk.transactions(), SizeIs(std::size(kReplies) + 10)) << "nothing is sent again";
 }
 
 TEST_F(Assistant, ANamespaceThatIsRefusedMayBeTriedAgainAndOneThatIsThereKeepsItsCallback) {
@@ -110,12 +109,9 @@ TEST_F(Assistant, EachDeathPublishesEveryNamespaceOnce) {
     EXPECT_THAT(published(), ElementsAre("A", "Away", "Late"));
     EXPECT_THAT(m_log.take(),
                 Contains("I onOscReconnectedCallback:OSC reconnected, re-registering directive callbacks"));
-    for (int n = 0; n < 1000; ++n) EXPECT_TRUE(hear(client, std::to_string(n)));
     die_and_return(kCoordinator);
-    const std::multiset<std::string> names = published();
-    EXPECT_EQ(names.count("B"), 1U) << "one that failed is not given up";
-    EXPECT_THAT(std::set<std::string>(names.begin(), names.end()), SizeIs(names.size()));
-    EXPECT_EQ(m_vesk.live().endpoint_references, 1004) << "those that were replaced are gone";
+    EXPECT_THAT(published(), ElementsAre("A", "Away", "B", "Late")) << "one that failed is not given up";
+    EXPECT_EQ(m_vesk.live().endpoint_references, 4) << "those that were replaced are gone";
     vesk_shutdown(m_runtime);
   }
   EXPECT_EQ(m_vesk.live(), Live{});

@@ -23,8 +23,7 @@ TEST_F(Queries, OnlyTheExactUnknownIdentifierIsNone) {
     const bool none = id == "<unknown>" || id.empty();
     answer(kServices[kDelegate], Bytes().i32(0).utf16(id));
     EXPECT_EQ(service.getDirectedId(), none ? "" : id);
-    const std::string warning = "W getDirectedId:DirectedId is [" + id + "], returning empty string";
-    EXPECT_EQ(m_log.take("W"), none ? Lines{warning} : Lines{});
+    EXPECT_EQ(m_log.take("W").size(), none ? 1U : 0U);
   }
 }
 
@@ -82,14 +81,12 @@ TEST_F(Queries, RecordsAreAppendedOrReplacedAndNoneOutlivesADamagedReply) {
 
 TEST_F(Queries, APartialWakeLockNeedsInterfaceVersionTwo) {
   IPowerManagerService power(m_runtime);
-  m_log.take();
   answer(kServices[kPower], wire("0 1"));
   EXPECT_FALSE(power.acquirePartialWakeLock());
-  answer(kServices[kPower], wire("0 256"));
-  EXPECT_TRUE(power.acquirePartialWakeLock());
-  EXPECT_EQ(m_vesk.transactions().size(), 3U);
   EXPECT_THAT(m_log.take("E"), ElementsAre("E OrvelDelegateClient:IPowerManagerService acquirePartialWakeLock:"
                                            "wakeUpDeviceCustom() is not available in interface version 1"));
+  answer(kServices[kPower], wire("0 256"));
+  EXPECT_TRUE(power.acquirePartialWakeLock());
   m_vesk.kill_service(kServices[kPower]);
   EXPECT_FALSE(power.wakeUpDeviceCustom(1, 1));
 }
@@ -113,7 +110,7 @@ class Network : public ClientTest {
   Lines m_heard;
 };
 
-TEST_F(Network, OnlyAvailableAndLostAreNews) {
+TEST_F(Network, OnlyAvailableAndLostAreNewsAndADeathEndsThem) {
   IAndroidConnectivityManager manager(m_runtime);
   hear(manager);
   for (unsigned code = 0; code < 10; ++code) m_vesk.send(sent(4), code, Bytes());
@@ -121,47 +118,39 @@ TEST_F(Network, OnlyAvailableAndLostAreNews) {
   m_vesk.run_pending();
   EXPECT_EQ(two_way.get().result, 1);
   EXPECT_THAT(m_heard, ElementsAre("available", "lost"));
-}
-
-// Deliberate: a registration is not ended by done(), so the next call forgets its request and its reply, and no more.
-TEST_F(Network, RegisteringAgainReplacesAndUnregisteringMayBeRepeated) {
-  auto owner = std::make_unique<IAndroidConnectivityManager>(m_runtime);
-  IAndroidConnectivityManager& manager = *owner;
-  EXPECT_TRUE(manager.unregisterNetworkCallback());
-  EXPECT_THAT(m_log.take("WE"),
-              ElementsAre("W unregisterNetworkCallback:Network callback not registered. No need to unregister"));
-  EXPECT_THAT(m_vesk.transactions(), IsEmpty());
-
-  hear(manager);
-  EXPECT_EQ(messages(), 2);
-  vesk_endpoint* const first = sent(4);
-  hear(manager);
-  EXPECT_EQ(messages(), 4);
-  vesk_endpoint* const second = sent(4);
-  EXPECT_NE(second, first);
-  EXPECT_EQ(m_held.use_count(), 3) << "the service may still call the first";
-  m_vesk.release_endpoint(first);
-  EXPECT_EQ(m_held.use_count(), 2);
-  for (int time = 0; time < 2; ++time) {
-    EXPECT_TRUE(manager.unregisterNetworkCallback());
-    EXPECT_EQ(sent(5), second);
-    EXPECT_EQ(messages(), 4);
-  }
-  hear(manager);
-  owner.reset();
-  EXPECT_EQ(messages(), 4) << "the last pair ends with its owner";
-}
-
-TEST_F(Network, ACallbackIsNotRegisteredAgainAfterADeath) {
-  IAndroidConnectivityManager manager(m_runtime);
-  hear(manager);
   die(kServices[kConnectivity], [&] {
     m_log.take();
     EXPECT_FALSE(manager.registerDefaultNetworkCallback({}) || manager.unregisterNetworkCallback());
     EXPECT_THAT(m_log.take(), IsEmpty());
   });
   m_vesk.run_pending();
-  EXPECT_EQ(m_vesk.transactions().size(), 1U) << "deliberately";
+  EXPECT_EQ(m_vesk.transactions().size(), 1U) << "deliberately not registered again";
+}
+
+// Deliberate: a registration is not ended by done(), so the next call forgets its request and its reply, and no more.
+TEST_F(Network, RegisteringAgainReplacesAndUnregisteringMayBeRepeated) {
+  auto owner = std::make_unique<IAndroidConnectivityManager>(m_runtime);
+  EXPECT_TRUE(owner->unregisterNetworkCallback());
+  EXPECT_THAT(m_log.take("WE"),
+              ElementsAre("W unregisterNetworkCallback:Network callback not registered. No need to unregister"));
+  EXPECT_THAT(m_vesk.transactions(), IsEmpty());
+
+  hear(*owner);
+  vesk_endpoint* const first = sent(4);
+  hear(*owner);
+  vesk_endpoint* const second = sent(4);
+  EXPECT_NE(second, first);
+  EXPECT_EQ(m_held.use_count(), 3) << "the service may still call the first";
+  m_vesk.release_endpoint(first);
+  EXPECT_EQ(m_held.use_count(), 2);
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_TRUE(owner->unregisterNetworkCallback());
+    EXPECT_EQ(sent(5), second);
+    EXPECT_EQ(messages(), 4);
+  }
+  hear(*owner);
+  owner.reset();
+  EXPECT_EQ(messages(), 4) << "the last pair ends with its owner";
 }
 
 }  // namespace
