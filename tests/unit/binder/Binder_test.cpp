@@ -9,7 +9,6 @@
 
 #include "binder/ServiceBinding.h"
 #include "binder/Waiting.h"
-#include "parcel/Int32.h"
 #include "parcel/String.h"
 #include "services/Transact.h"
 #include "support/ClientTest.h"
@@ -213,36 +212,6 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
   EXPECT_EQ(messages(), 0);
   binder->done();
   EXPECT_NE(binder->call("i", 1).get(), nullptr) << "what was thrown must leave no lock behind";
-}
-
-TEST_F(BinderTest, ACallThatFollowsAKeptReplyLeavesItsPairAlone) {
-  auto binder = bind();
-  vesk_payload* kept_request = nullptr;
-  auto kept =
-      std::make_unique<Binder::Reply>(binder->call("i", 1, [&](vesk_payload* payload) { kept_request = payload; }));
-  vesk_buffer* const kept_reply = kept->get();
-  kept->keep();
-  kept.reset();
-  EXPECT_NE(binder->call("i", 2).get(), kept_reply);
-  binder.reset();
-  EXPECT_EQ(messages(), 2);
-  vesk_payload_free(kept_request);
-  vesk_buffer_free(kept_reply);
-}
-
-TEST_F(BinderTest, AReplyIsReadBeforeAnotherThreadEndsItsOwnCall) {
-  m_vesk.add_service("clock", [](const Transaction& call) { return Reply{Bytes().i32(0).i32(int(call.code)), 0}; });
-  const auto binder = bind();
-  const auto read = [](vesk_buffer* reply) {
-    std::this_thread::yield();  // lets the other one in, if anything does
-    return Int32::read(reply);
-  };
-  const auto ask = [&](unsigned code) {
-    for (int n = 0; n < 500; ++n) EXPECT_EQ(transact(*binder, "i", code, no_arguments, read), int(code));
-  };
-  std::thread other(ask, 1);
-  ask(2);
-  other.join();
 }
 
 }  // namespace
