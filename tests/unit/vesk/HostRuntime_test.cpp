@@ -5,8 +5,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <future>
 #include <iterator>
 #include <string>
@@ -18,7 +16,6 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -314,56 +311,40 @@ TEST_F(HostRuntime, ALockedDirectoryHoldsUpNobodyButThoseWhoPublish) {
 
 // ---- Who may sit here ----
 
-TEST(HostRuntimeDeathTest, AnUnsafeOrEmptyDirectoryIsRefusedWithALineThatNamesIt) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: the directory is read once in each
-  const fs::path parent(std::getenv("ORVEL_RUNTIME_DIR"));
-  using Make = std::function<bool(const fs::path&)>;
-  const Make nothing = [](const fs::path&) { return true; };
-  const auto directory_of = [](mode_t mode) -> Make {
-    return [mode](const fs::path& path) { return !::mkdir(path.c_str(), mode) && !::chmod(path.c_str(), mode); };
-  };
-  struct {
-    std::string directory;
-    Make make;
+TEST(HostRuntimeDeathTest, WhatTheEnvironmentSaysIsRefusedOrReplacedWithALineThatNamesIt) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: it is read once in each
+  const std::string parent = std::getenv("ORVEL_RUNTIME_DIR");
+  const struct {
+    std::string value;  // of the directory below that of this process, or else of the call limit
+    const char* set_up;
     const char* problem;
     bool may_serve = false;
-  } const rows[] = {
-      {"absent", nothing, "does not exist", true},
-      {"empty", directory_of(0700), "nothing serves", true},
-      {"absent/within", nothing, "does not exist"},
-      {"readable", directory_of(0750), "mode 0700"},
-      {"writable", directory_of(0702), "mode 0700"},
-      {"another-users", [&](const fs::path& path) { return directory_of(0700)(path) && !::chown(path.c_str(), 1, 1); },
-       "belong to this user"},
-      {"link", [](const fs::path& path) { return !::symlink("/tmp", path.c_str()); }, "not a directory"},
-      {"file", [](const fs::path& path) { return std::ofstream(path).is_open(); }, "not a directory"},
-      {std::string(300, 'd'), nothing, "name too long"},
+  } rows[] = {
+      {"/absent", ":", "/absent: it does not exist", true},
+      {"/empty", "mkdir -m 700 empty", "/empty: nothing serves", true},
+      {"/absent/within", ":", "/absent/within: it does not exist"},
+      {"/readable", "mkdir -m 750 readable", "/readable: .*mode 0700"},
+      {"/writable", "mkdir -m 702 writable", "/writable: .*mode 0700"},
+      {"/anothers", "mkdir -m 700 anothers; chown 1:1 anothers", "/anothers: it must belong to this user"},
+      {"/link", "ln -s . link", "/link: it is not a directory"},
+      {"/file", "touch file", "/file: it is not a directory"},
+      {'/' + std::string(300, 'd'), ":", "/ddd.*name too long"},
+      {"0", ":", "_MS=0 is not a positive number of milliseconds; using 30000", true},
+      {"13000000000000", ":", "_MS=13000000000000 is more than a day; using 86400000", true},
+      {"99999999999999999999", ":", "is more than a day; using 86400000", true},
   };
   for (const auto& row : rows) {
-    if (row.directory == "another-users" && ::geteuid() != 0) continue;  // nobody else can give a directory away
+    if (row.value == "/anothers" && ::geteuid() != 0) continue;  // no other user can give a directory away
+    const bool is_limit = row.value[0] != '/';
     const auto child = [&] {
-      const fs::path directory = parent / row.directory;
-      if (!row.make(directory)) std::exit(2);
-      ::setenv("ORVEL_RUNTIME_DIR", directory.c_str(), 1);
+      if (run({"/bin/sh", "-c", "cd " + parent + " && " + row.set_up}).status != 0) std::exit(2);
+      ::setenv(is_limit ? "ORVEL_CALL_TIMEOUT_MS" : "ORVEL_RUNTIME_DIR",
+               (is_limit ? row.value : parent + row.value).c_str(), 1);
       void* runtime = nullptr;
       if (vesk_get_runtime(&runtime) == 0 || runtime != nullptr) std::exit(1);
       std::exit((vesk_serve_device(&runtime) == 0) == row.may_serve ? 0 : 3);
     };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "/" + row.directory + ": .*" + row.problem);
-  }
-}
-
-TEST(HostRuntimeDeathTest, ACallLimitThatIsNoneIsSaidAndReplaced) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  for (const auto& [limit, problem] : {std::pair{"0", "is not a positive number of milliseconds; using 30000"},
-                                       {"13000000000000", "is more than a day; using 86400000"},
-                                       {"99999999999999999999", "is more than a day; using 86400000"}}) {
-    const auto child = [limit = limit] {
-      ::setenv("ORVEL_CALL_TIMEOUT_MS", limit, 1);
-      void* runtime = nullptr;
-      std::exit(vesk_serve_device(&runtime));
-    };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), problem);
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), row.problem);
   }
 }
 
@@ -397,20 +378,14 @@ TEST_F(HostRuntime, AProgramThatIsStartedInheritsNothing) {
   const RunLoop loop(m_runtime);
   keep(m_before, listener("message"));
   EXPECT_EQ(call(m_before, kAsk, 1).numbers, (Numbers{0, 101}));
-  const auto text_of = [](const fs::path& file) {
-    std::ifstream stream(file);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-  };
+  const auto output_of = [](const char* command) { return run({"/bin/sh", "-c", command}).output; };
   EXPECT_TRUE(eventually([&] {
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-      if (text_of(task.path() / "comm") != "vesk-watch\n") continue;
-      const std::string status = text_of(task.path() / "status");
-      return (std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16) & (1U << (SIGTERM - 1))) != 0;
-    }
-    return false;
+    const std::string blocked = output_of(
+        "cd /proc/$PPID/task; sed -n 's/^SigBlk:.//p' $(grep -l vesk-watch */comm | sed s/comm/status/) </dev/null");
+    return !blocked.empty() && (std::stoull(blocked, nullptr, 16) & (1U << (SIGTERM - 1))) != 0;
   })) << "a thread of the library takes the program's signals";
   // What this program inherited itself is not a socket, event loop or watch of the runtime's directory.
-  const std::string open = run({"/bin/sh", "-c", "exec </dev/null 2>/dev/null; ls -l /proc/self/fd"}).output;
+  const std::string open = output_of("exec </dev/null 2>/dev/null; ls -l /proc/self/fd");
   EXPECT_NE(open, "");
   for (const std::string what : {"socket:", "anon_inode:", vesk_runtime_directory()}) {
     EXPECT_EQ(open.find(what), std::string::npos) << open;
