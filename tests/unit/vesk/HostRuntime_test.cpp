@@ -12,9 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -63,17 +60,14 @@ class HostRuntime : public VeskTest {
 
   // Those who had a connection before are served as ever, and so are those who come now.
   void expect_others_are_served(const std::string& after) {
-    EXPECT_EQ(call(m_before, kEcho, 1).numbers, Numbers{1}) << after;
+    EXPECT_EQ(call(m_handle, kEcho, 1).numbers, Numbers{1}) << after;
     const vesk_handle now = lookup();
     EXPECT_EQ(call(now, kEcho, 2).numbers, Numbers{2}) << after;
     unbind(now);
   }
 
   const fs::path m_directory{vesk_runtime_directory()};
-  const vesk_handle m_before = lookup();
 };
-
-// ---- Peers that break the rules; the hostile proofs have the protocol's own ----
 
 TEST_F(HostRuntime, AFullServiceShutsOutOnlyTheProcessThatFillsIt) {
   const Peer other("other");
@@ -87,7 +81,7 @@ TEST_F(HostRuntime, AFullServiceShutsOutOnlyTheProcessThatFillsIt) {
   }
   EXPECT_EQ(error, -EAGAIN) << m_handles.size();
   EXPECT_TRUE(BusLine::to(socket_of(m_peer.name())).is_dropped(kLimitMs));
-  EXPECT_EQ(call(m_before, kEcho, 3).numbers, Numbers{3});
+  EXPECT_EQ(call(m_handle, kEcho, 3).numbers, Numbers{3});
   EXPECT_EQ(call(through_other, kAskName, 4, m_peer.name()).numbers, (Numbers{0, 104}));
   for (std::size_t n = before; n < m_handles.size(); ++n) unbind(m_handles[n]);
   expect_others_are_served("a full service");
@@ -96,25 +90,26 @@ TEST_F(HostRuntime, AFullServiceShutsOutOnlyTheProcessThatFillsIt) {
 TEST_F(HostRuntime, AReceiverThatDoesNotReadLosesOnlyWhatItsSenderIsTold) {
   constexpr int kMore = 1'000'000;  // than fit into the queue and the socket's buffer
   Listener& inbox = listener("message");
-  const vesk_handle slow = lookup();
-  keep(slow, inbox);
-  const int sent = call(slow, kSend, kMore).numbers.at(0);
+  keep(m_handle, inbox);
+  const int sent = call(m_handle, kSend, kMore).numbers.at(0);
   EXPECT_TRUE(sent > 100 && sent < kMore) << sent;
   expect_others_are_served("messages that wait");
   Lines expected;
   for (int n = 0; n < sent; ++n) expected.push_back("message " + std::to_string(n));
   expected.emplace_back("message -1");
   const RunLoop loop(m_runtime);
-  EXPECT_TRUE(eventually([&] { return call(slow, kAsk, -1).numbers == Numbers{0, 99}; })) << "its queue has room again";
+  EXPECT_TRUE(eventually([&] {
+    return call(m_handle, kAsk, -1).numbers == Numbers{0, 99};
+  })) << "its queue has room again";
   EXPECT_EQ(m_log.wait_for(1), expected);
 }
 
 TEST_F(HostRuntime, AnAnswerThatComesAfterItsLimitIsIgnored) {
-  keep(m_before, listener("question"));
-  EXPECT_EQ(call(m_before, kAskInHaste, 1).numbers, Numbers{1}) << "nobody is in the loop";
+  keep(m_handle, listener("question"));
+  EXPECT_EQ(call(m_handle, kAskInHaste, 1).numbers, Numbers{1}) << "nobody is in the loop";
   const RunLoop loop(m_runtime);
-  EXPECT_EQ(call(m_before, kAsk, 2).numbers, (Numbers{0, 102})) << "the first question's answer came before";
-  EXPECT_EQ(call(m_before, kAsk, 3).numbers, (Numbers{0, 103})) << "and has not ended the connection";
+  EXPECT_EQ(call(m_handle, kAsk, 2).numbers, (Numbers{0, 102})) << "the first question's answer came before";
+  EXPECT_EQ(call(m_handle, kAsk, 3).numbers, (Numbers{0, 103})) << "and has not ended the connection";
   EXPECT_EQ(m_log.wait_for(3), (Lines{"question 1", "question 2", "question 3"}));
 }
 
@@ -184,13 +179,11 @@ TEST_F(HostRuntime, AServiceThatSaysNothingBlocksOnlyItsOwnCallers) {
   EXPECT_EQ(result.get(), -ETIMEDOUT);
 }
 
-// ---- What is left behind, and where nothing is ----
-
 TEST_F(HostRuntime, DeathsLeaveNothingBehind) {
   const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   const RunLoop loop(m_runtime);
-  keep(m_before, listener("first"));
-  call(m_before, kAsk, 1);  // with the first callback channel the event loop gets a descriptor that it keeps
+  keep(m_handle, listener("first"));
+  call(m_handle, kAsk, 1);  // with the first callback channel the event loop gets a descriptor that it keeps
   const auto before = descriptors();
   for (int round = 0; round < 10; ++round) {
     Peer mortal("mortal");  // takes the place of the dead one
@@ -238,34 +231,25 @@ TEST_F(HostRuntime, ItsOwnNameAnswersEveryThreadButTheRunLoops) {
   EXPECT_EQ(publish("contract.own", listener("own")), 0);
   const vesk_handle handle = lookup("contract.own");
   const RunLoop loop(m_runtime);
-  keep(m_before, listener("message", [&](int) { EXPECT_EQ(call(handle, kNews, 1).error, -EDEADLK); }));
-  EXPECT_EQ(call(m_before, kAsk, 2).numbers, (Numbers{0, 102}));
+  keep(m_handle, listener("message", [&](int) { EXPECT_EQ(call(handle, kNews, 1).error, -EDEADLK); }));
+  EXPECT_EQ(call(m_handle, kAsk, 2).numbers, (Numbers{0, 102}));
   EXPECT_EQ(call(handle, kNews, 3).numbers, Numbers{103});
 }
 
 TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
   const auto child = [this] {
     void* runtime = nullptr;
-    const bool fails = vesk_get_runtime(&runtime) == -EPERM && call(m_before, kEcho).error != 0 &&
+    const bool fails = vesk_get_runtime(&runtime) == -EPERM && call(m_handle, kEcho).error != 0 &&
                        vesk_shutdown(m_runtime) == -EPERM && vesk_run_loop(m_runtime) == -EPERM;
     ::_exit(fails ? 0 : 1);
   };
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
-  EXPECT_EQ(call(m_before, kEcho, 7).numbers, Numbers{7}) << "the parent goes on";
+  EXPECT_EQ(call(m_handle, kEcho, 7).numbers, Numbers{7}) << "the parent goes on";
 }
-
-// ---- Where processes meet ----
 
 TEST_F(HostRuntime, ThoseWhoComeAtOnceWaitInLine) {
   EXPECT_EQ(publish("contract.own", listener("own")), 0);
   for (int n = 0; n < 200; ++n) lookup("contract.own");  // nobody is in the loop
-}
-
-TEST_F(HostRuntime, ANewProcessDisturbsNoneThatLives) {
-  const UniqueFd listener = listen_as("1-living", 8);
-  const Peer other("other");
-  pollfd connected{listener.get(), POLLIN, 0};
-  EXPECT_EQ(::poll(&connected, 1, 0), 0);
 }
 
 TEST_F(HostRuntime, WhatTheDirectoryLosesIsMadeAgain) {
@@ -290,26 +274,11 @@ TEST_F(HostRuntime, WhatTheDirectoryLosesIsMadeAgain) {
     expect_others_are_served("the loss");
     const Peer late_peer(late);
     EXPECT_EQ(m_log.wait_for(++heard).back(), "bound late");
-    EXPECT_TRUE(eventually([&] { return call(m_before, kAskName, 1, "contract.kept").numbers == Numbers{0, 101}; }));
+    EXPECT_TRUE(eventually([&] { return call(m_handle, kAskName, 1, "contract.kept").numbers == Numbers{0, 101}; }));
     m_log.wait_for(++heard);
   }
   fs::remove_all(elsewhere);
 }
-
-TEST_F(HostRuntime, ALockedDirectoryHoldsUpNobodyButThoseWhoPublish) {
-  Listener& inbox = listener("message");
-  EXPECT_EQ(publish("contract.before", inbox), 0);
-  const RunLoop loop(m_runtime);
-  const UniqueFd directory(check_errno(::open(m_directory.c_str(), O_RDONLY | O_CLOEXEC)));
-  check_errno(::flock(directory.get(), LOCK_EX));
-  auto published = std::async(std::launch::async, [&] { return publish("contract.late", inbox); });
-  EXPECT_EQ(call(m_before, kAskName, 1, "contract.before").numbers, (Numbers{0, 101}));
-  auto stopped = std::async(std::launch::async, [&] { return vesk_shutdown(m_runtime); });
-  EXPECT_EQ(stopped.wait_for(std::chrono::seconds(1)), std::future_status::ready);
-  EXPECT_EQ(published.get(), -EBUSY);
-}
-
-// ---- Who may sit here ----
 
 TEST(HostRuntimeDeathTest, WhatTheEnvironmentSaysIsRefusedOrReplacedWithALineThatNamesIt) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own: it is read once in each
@@ -376,8 +345,8 @@ TEST_F(HostRuntime, AProgramThatIsStartedInheritsNothing) {
   EXPECT_EQ(publish("contract.inherit", listener("own")), 0);
   EXPECT_EQ(bind("contract.absent", listener("absent")), 0);
   const RunLoop loop(m_runtime);
-  keep(m_before, listener("message"));
-  EXPECT_EQ(call(m_before, kAsk, 1).numbers, (Numbers{0, 101}));
+  keep(m_handle, listener("message"));
+  EXPECT_EQ(call(m_handle, kAsk, 1).numbers, (Numbers{0, 101}));
   const auto output_of = [](const char* command) { return run({"/bin/sh", "-c", command}).output; };
   EXPECT_TRUE(eventually([&] {
     const std::string blocked = output_of(

@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -101,8 +102,9 @@ struct Listener {
     return hear(name + ' ' + std::to_string(number), number);
   }
   int count(int change) {
+    if (before_count) before_count();
     references += change;
-    if (then_count) then_count();
+    if (throws) throw std::runtime_error("thrown while counting references");
     return 0;
   }
   bool has(int expected) {
@@ -132,10 +134,11 @@ struct Listener {
   Log& log;
   const std::string name;
   std::function<void(int)> then;
-  std::function<void()> then_count;  // behind every change of the references
-  std::atomic<int> references{0};    // that libvesk holds
-  std::thread::id thread;            // where it heard last
-  vesk_handle handle{};              // that it was given last
+  std::function<void()> before_count;  // before every change of the references
+  bool throws = false;                 // behind it
+  std::atomic<int> references{0};      // that libvesk holds
+  std::thread::id thread;              // where it heard last
+  vesk_handle handle{};                // that it was given last
   vesk_endpoint endpoint{&kFunctions, this};
   vesk_death_callback death{on_death, [](vesk_death_callback* linked) { of(linked).count(1); },
                             [](vesk_death_callback* linked) { of(linked).count(-1); }, this};
@@ -151,11 +154,12 @@ class VeskTest : public testing::Test {
   VeskTest() {
     ::alarm(kLongestCase);
     EXPECT_EQ(vesk_get_runtime(&m_runtime), 0);
+    m_handle = lookup();
   }
   // Ends every connection, so that nothing is called back on any more once the members go.
   ~VeskTest() override {
     for (Listener& listener : m_listeners) {
-      listener.then_count = {};
+      listener.before_count = {};
       unbind(listener.handle);
     }
     for (const vesk_handle& handle : m_handles) unbind(handle);
@@ -223,6 +227,7 @@ class VeskTest : public testing::Test {
   Log m_log;
   Peer m_peer{"peer"};
   void* m_runtime = nullptr;
+  vesk_handle m_handle{};  // of one connection to the peer; others come from lookup()
   std::deque<Listener> m_listeners;
   std::vector<vesk_handle> m_handles;
 };
