@@ -1,12 +1,16 @@
-// One connection: how it is made, what goes over it, and what becomes of it when its service dies.
+// One connection: how it is made, what goes over it, and what becomes of it when its service dies. Then the endpoints
+// that services call, and the log.
 #include "binder/Binder.h"
 
 #include <chrono>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 #include <thread>
 
+#include "binder/IpcEndpoint.h"
+#include "binder/OrvelLogger.h"
 #include "binder/ServiceBinding.h"
 #include "binder/Waiting.h"
 #include "parcel/String.h"
@@ -212,6 +216,59 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
   EXPECT_EQ(messages(), 0);
   binder->done();
   EXPECT_NE(binder->call("i", 1).get(), nullptr) << "what was thrown must leave no lock behind";
+}
+
+// Counts its destructions; serves two-way calls.
+class Probe : public vesk::IpcEndpoint {
+ public:
+  explicit Probe(int& destroyed) : m_destroyed(destroyed) {}
+  ~Probe() { ++m_destroyed; }
+  int call(void*, unsigned int code, vesk_identity*, vesk_buffer*, vesk_payload*) { return static_cast<int>(code) + 1; }
+
+ private:
+  int& m_destroyed;
+};
+
+TEST(IpcEndpoint, ServesCallsUntilTheLastReferenceDestroysItOnceOwnersOrLibvesks) {
+  for (const bool owner_first : {true, false}) {
+    int destroyed = 0;
+    vesk::EndpointPtr<Probe> owner = vesk::make_endpoint<Probe>(destroyed);
+    vesk::EndpointPtr<Probe> writer = owner;
+    vesk::EndpointPtr<Probe> moved = std::move(writer);
+    vesk_endpoint* const record = owner->get_endpoint();
+    EXPECT_EQ(static_cast<void*>(record), static_cast<void*>(owner.get())) << "libvesk's pointer is the container's";
+    EXPECT_EQ(record->fn->endpoint_acquire(nullptr, record), 0);
+    EXPECT_EQ(owner->get_refcount(), 3);
+    writer = moved;
+    moved = {};
+    writer = {};
+    if (owner_first) owner = {};
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(record->fn->endpoint_call(nullptr, record, 6, nullptr, nullptr, nullptr), 7);
+    EXPECT_EQ(record->fn->endpoint_call_oneway(nullptr, record, 6, nullptr, nullptr), 1) << "which it does not serve";
+    EXPECT_EQ(record->fn->endpoint_release(nullptr, record), 0);
+    EXPECT_EQ(destroyed, owner_first ? 1 : 0);
+    owner = {};
+    EXPECT_EQ(destroyed, 1);
+  }
+}
+
+TEST(OrvelLogger, EachLevelHasItsPriorityAndTheTagBeginsWithTheLibrary) {
+  LogRecorder log("Module");
+  const OrvelLogger original("Module");
+  const OrvelLogger logger(original);  // NOLINT(performance-unnecessary-copy-initialization)
+  logger.v("%s:%d", "f", 1);
+  logger.d("%s:%d", "f", 2);
+  logger.i("%s:%d", "f", 3);
+  logger.w("%s:%d", "f", 4);
+  OrvelLogger("").e("%s:%d", "f", 5);
+  EXPECT_THAT(log.take(), ElementsAre("V f:1", "D f:2", "I f:3", "W f:4", "E OrvelDelegateClient: f:5"));
+  const std::runtime_error error("because");
+  using Log = void (OrvelLogger::*)(const std::string&, const std::exception&) const;
+  const Log levels[] = {&OrvelLogger::v, &OrvelLogger::d, &OrvelLogger::i, &OrvelLogger::w, &OrvelLogger::e};
+  for (const Log level : levels) (logger.*level)("no%s", error);
+  EXPECT_THAT(log.take(), ElementsAre("V no%s: because", "D no%s: because", "I no%s: because", "W no%s: because",
+                                      "E no%s: because"));
 }
 
 }  // namespace

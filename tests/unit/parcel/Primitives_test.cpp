@@ -38,10 +38,8 @@ TEST(Primitives, StringsReadAsTheirUtf8AndNoFurther) {
     EXPECT_EQ(String::read(buffer_of(Bytes().i32(length).i32(0)).get()), "") << length;
   }
   for (const char16_t bad : {u'\xd800', u'\xdbff', u'\xdc00', u'\xdfff'}) {
-    const BufferPtr buffer = buffer_of(Bytes().utf16({bad}).utf16({bad, u'x'}).utf16({u'x', bad}).utf16("next"));
-    EXPECT_LE(String::read(buffer.get()).size(), 3U);
-    EXPECT_NE(String::read(buffer.get()).find('x'), std::string::npos)
-        << "an unpaired surrogate harms nothing around it";
+    const BufferPtr buffer = buffer_of(Bytes().utf16({bad, u'x'}).utf16({u'x', bad}).utf16("next"));
+    EXPECT_EQ(String::read(buffer.get()).back(), 'x') << "an unpaired surrogate harms nothing around it";
     EXPECT_EQ(String::read(buffer.get())[0], 'x');
     EXPECT_EQ(String::read(buffer.get()), "next");
   }
@@ -85,6 +83,10 @@ TEST(Primitives, WritersPutDownExactlyTheirBytesAndReportErrors) {
       {[](auto* p) { return Double::write(p, 1.5); }, Bytes().raw({0, 0, 0, 0, 0, 0, 0xf8, 0x3f})},
       {[](auto* p) { return String::write(p, std::string()) && String::write(p, ""); }, Bytes(kEmpty).append(kEmpty)},
       {[](auto* p) { return String::write(p, std::string("hi")); }, kHi},
+      {[](auto* p) { return String::write(p, "\u20AC\U0001F600\U0010FFFF"); },
+       Bytes().raw({5, 0, 0, 0, 0xAC, 0x20, 0x3D, 0xD8, 0, 0xDE, 0xFF, 0xDB, 0xFF, 0xDF, 0, 0})},
+      {[](auto* p) { return String::write(p, "\xFF\xC0z"); },
+       Bytes().raw({3, 0, 0, 0, 0xFD, 0xFF, 0xFD, 0xFF, 'z', 0, 0, 0})},
       {[](auto* p) { return String::write_optional(p, nullptr); }, kNull},
       {[](auto* p) { return String::write_optional(p, ""); }, kNull},
       {[](auto* p) { return String::write_optional(p, std::string()); }, kNull},

@@ -85,8 +85,6 @@ class Gate {
 struct Listener {
   Listener(Log& the_log, std::string the_name, std::function<void(int)> what_then)
       : log(the_log), name(std::move(the_name)), then(std::move(what_then)) {}
-  Listener(const Listener&) = delete;  // libvesk knows its address
-  Listener& operator=(const Listener&) = delete;
 
   static Listener& of(const vesk_endpoint* endpoint) { return *static_cast<Listener*>(endpoint->context); }
   static Listener& of(const vesk_death_callback* linked) { return *static_cast<Listener*>(linked->context); }
