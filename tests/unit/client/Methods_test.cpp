@@ -53,25 +53,24 @@ class Methods : public StoppedClient {
 
 TEST_F(Methods, EachMakesItsRequestsAndUnderstandsTheAnswers) {
   start();
+  using Made = std::vector<std::tuple<std::string, unsigned, Bytes>>;
+  std::size_t before = 0;
   for (const Method& each : kMethods) {
-    const std::size_t before = m_vesk.transactions().size();
     EXPECT_EQ(each.call(m_client, {}), each.result) << each.name;
-    std::vector<Transaction> made = m_vesk.transactions();
-    made.erase(made.begin(), made.begin() + static_cast<std::ptrdiff_t>(before));
-    std::size_t expected = 0;
+    Made made, expected;
+    const std::vector<Transaction> all = m_vesk.transactions();
+    for (; before < all.size(); ++before) {
+      const Transaction& call = all[before];
+      // The endpoints come last, 8 bytes each.
+      made.emplace_back(call.service, call.code, Bytes(call.request).cut(8 * call.endpoints.size()));
+    }
     for (const Request& wanted : each.requests) {
       if (wanted.code == 0) continue;
-      ASSERT_LT(expected, made.size()) << each.name;
-      const Transaction& call = made[expected++];
       const auto service = static_cast<std::size_t>(each.service);
-      EXPECT_EQ(call.service, kServices.at(service)) << each.name;
-      EXPECT_EQ(call.code, wanted.code) << each.name;
-      // The endpoints, 8 bytes each, come last.
-      EXPECT_EQ(Bytes(call.request).cut(8 * call.endpoints.size()),
-                request(kInterfaces.at(service), wire(wanted.arguments)))
-          << each.name;
+      expected.emplace_back(kServices.at(service), wanted.code,
+                            request(kInterfaces.at(service), wire(wanted.arguments)));
     }
-    EXPECT_THAT(made, SizeIs(expected)) << each.name;
+    EXPECT_EQ(made, expected) << each.name;
   }
   EXPECT_EQ(said("DIWE"), R"(
 I IDelegateService getDeviceName:Read device name

@@ -8,7 +8,6 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -102,7 +101,6 @@ struct Listener {
   int count(int change) {
     if (before_count) before_count();
     references += change;
-    if (throws) throw std::runtime_error("thrown while counting references");
     return 0;
   }
   bool has(int expected) {
@@ -133,7 +131,6 @@ struct Listener {
   const std::string name;
   std::function<void(int)> then;
   std::function<void()> before_count;  // before every change of the references
-  bool throws = false;                 // behind it
   std::atomic<int> references{0};      // that libvesk holds
   std::thread::id thread;              // where it heard last
   vesk_handle handle{};                // that it was given last
