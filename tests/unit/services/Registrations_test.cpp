@@ -20,11 +20,6 @@ class Registrations : public ClientTest {
  protected:
   Registrations() : ClientTest("IDelegateService") { start_services(); }
 
-  void die_and_return(const std::function<void()>& meanwhile = [] {}) {
-    die(kServices[kDelegate], meanwhile);
-    m_vesk.run_pending();
-  }
-
   void serve(const std::string& service) override {
     m_vesk.add_service(service, [this](const Transaction& call) {
       if (before_answer) before_answer();
@@ -56,7 +51,7 @@ TEST_F(Registrations, WhatWasNotTakenIsNotMadeAgain) {
                                "(result=0)",
                                "I registerForBroadcastWithDataTypeOrSchemeInternal:Registered to receive "
                                "broadcasts for intent [a.SCREEN] (result=0)"}));
-  die_and_return([&] {
+  die_and_return(kServices[kDelegate], [&] {
     m_log.take();
     EXPECT_FALSE(hear_setting(service, "volume") || hear_broadcast(service, "a.SCREEN"));
     EXPECT_THAT(m_log.take(), IsEmpty()) << "an unbound service is not news";
@@ -74,7 +69,7 @@ TEST_F(Registrations, AfterEachDeathAllAreMadeAgainOnceSettingsFirst) {
   for (const unsigned refused : {0U, 28U, 0U}) {
     m_refused = refused;
     m_log.take();
-    die_and_return();
+    die_and_return(kServices[kDelegate]);
     EXPECT_THAT(m_log.take(),
                 ::testing::Contains("I onBinderReconnectedCallback:Binder reconnected, re-registering callbacks"));
     if (refused != 0) continue;
@@ -116,13 +111,13 @@ TEST_F(Registrations, AListRenewsExactlyOnceWhenADeathOverlapsIt) {
   });
   list.add("early", binder.connection());
   EXPECT_THAT(renewed, IsEmpty());
-  die_and_return();
+  die_and_return(kServices[kDelegate]);
   list.add("late", 1);  // its connection died before it was in the list
   EXPECT_THAT(renewed, ElementsAre("late2"));
   list.replay();
   list.replay();
   EXPECT_THAT(renewed, ElementsAre("late2", "early2"));
-  die_and_return();
+  die_and_return(kServices[kDelegate]);
   while_replaying = [&] { list.add("while replaying", 2); };
   list.replay();
   EXPECT_THAT(renewed, ElementsAre("late2", "early2", "while replaying3", "early3", "late3"));

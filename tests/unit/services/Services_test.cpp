@@ -141,12 +141,11 @@ TEST_F(Network, ACallbackHearsAvailableAndLostUntilItIsReplacedOrTheServiceDies)
     EXPECT_EQ(messages(), 4);
   }
   hear(*owner);
-  die(kServices[kConnectivity], [&] {
+  die_and_return(kServices[kConnectivity], [&] {
     m_log.take();
     EXPECT_FALSE(owner->registerDefaultNetworkCallback({}) || owner->unregisterNetworkCallback());
     EXPECT_THAT(m_log.take(), IsEmpty());
   });
-  m_vesk.run_pending();
   EXPECT_THAT(m_vesk.transactions(), SizeIs(5)) << "deliberately not registered again";
   owner.reset();
   EXPECT_EQ(messages(), 4) << "the last pair ends with its owner";
@@ -161,11 +160,6 @@ class Assistant : public ClientTest {
  protected:
   Assistant() : ClientTest("IOrvelSimDirectiveClient") { start_services(); }
 
-  void die_and_return(
-      const std::string& service, const std::function<void()>& meanwhile = [] {}) {
-    die(service, meanwhile);
-    m_vesk.run_pending();
-  }
   bool send(IOrvelSimEventClient& client, const std::string& payload = {}) {
     return client.sendEvent({}, payload,
                             [this, held = m_held](auto result) { m_heard.push_back(std::to_string(result)); });
