@@ -123,9 +123,9 @@ struct Listener {
     self.handle = handle;
     self.hear("bound " + self.name);
   }
-  static constexpr vesk_endpoint_fn kFunctions{call, call_oneway,
-                                               [](void*, vesk_endpoint* endpoint) { return of(endpoint).count(1); },
-                                               [](void*, vesk_endpoint* endpoint) { return of(endpoint).count(-1); }};
+  static int acquire(void*, vesk_endpoint* endpoint) { return of(endpoint).count(1); }
+  static int release(void*, vesk_endpoint* endpoint) { return of(endpoint).count(-1); }
+  static constexpr vesk_endpoint_fn kFunctions{call, call_oneway, acquire, release};
 
   Log& log;
   const std::string name;
