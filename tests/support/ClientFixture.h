@@ -101,7 +101,7 @@ class ClientFixture : public FakeServices {
   static constexpr std::size_t kRegistrations = 4;
 
   // The service dies, and runs again when the client's pause, in which `meanwhile` runs, is over. What follows is done
-  // by m_vesk.drain(), or run_pending() where no thread is in the run loop.
+  // by m_vesk.drain().
   void die(
       const std::string& service, const std::function<void()>& meanwhile = [] {}) {
     m_clock.at_sleep(1, [this, service, meanwhile] {
@@ -109,6 +109,13 @@ class ClientFixture : public FakeServices {
       serve(service);
     });
     m_vesk.kill_service(service);
+  }
+
+  // The same where no thread is in the run loop: what follows is over when this returns.
+  void die_and_return(
+      const std::string& service, const std::function<void()>& meanwhile = [] {}) {
+    die(service, meanwhile);
+    m_vesk.run_pending();
   }
 
   VirtualClock m_clock;

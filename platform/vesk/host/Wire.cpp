@@ -64,8 +64,10 @@ bool read_bytes(sd_bus_message* message, Parcel* parcel) {
 }
 
 bool read_answer(sd_bus_message* message, int* status, Parcel* parcel) {
+  std::uint8_t type = 0;
   std::int32_t value = 0;
-  if (sd_bus_message_has_signature(message, "iay") <= 0 || sd_bus_message_read_basic(message, 'i', &value) < 0) {
+  if (sd_bus_message_get_type(message, &type) < 0 || type != SD_BUS_MESSAGE_METHOD_RETURN ||
+      sd_bus_message_has_signature(message, "iay") <= 0 || sd_bus_message_read_basic(message, 'i', &value) < 0) {
     return false;
   }
   *status = value;

@@ -66,7 +66,7 @@ void append_numbers(sd_bus_message* message, const std::vector<std::uint64_t>& n
 // Reads the next `ay` into `parcel`. False for anything but an array of at most kMaxMessageBytes.
 bool read_bytes(sd_bus_message* message, Parcel* parcel);
 
-// Reads (i status, ay bytes). False for any other message.
+// Reads an answer (i status, ay bytes). False for any other message; sd-bus's errors are no part of this protocol.
 bool read_answer(sd_bus_message* message, int* status, Parcel* parcel);
 
 // Whether the message is a call of `member` with this signature, or with any where it is null.

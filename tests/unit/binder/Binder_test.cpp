@@ -1,15 +1,18 @@
-// One connection: how it is made, what goes over it, and what becomes of it when its service dies.
+// One connection: how it is made, what goes over it, and what becomes of it when its service dies. Then the endpoints
+// that services call, and the log.
 #include "binder/Binder.h"
 
 #include <chrono>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 #include <thread>
 
+#include "binder/IpcEndpoint.h"
+#include "binder/OrvelLogger.h"
 #include "binder/ServiceBinding.h"
 #include "binder/Waiting.h"
-#include "parcel/Int32.h"
 #include "parcel/String.h"
 #include "services/Transact.h"
 #include "support/ClientTest.h"
@@ -169,13 +172,6 @@ TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
   EXPECT_EQ(m_vesk.uses("vesk_payload_alloc") + m_vesk.uses("vesk_reply_done"), 0);
 }
 
-TEST_F(BinderTest, NothingIsLookedUpOrWaitedForDuringAShutdown) {
-  const waiting::Interrupt shutdown;
-  EXPECT_FALSE(bind()->good() || bind(true)->good());
-  EXPECT_EQ(m_log.take(), Lines(2, "I bind_to_service:Binding to service: clock"));
-  EXPECT_EQ(m_clock.sleeps().size() + m_vesk.bindings().size(), 0U);
-}
-
 TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
   const char kException[] = "E call:Exception occurred in VESK call";
   const struct {
@@ -215,34 +211,51 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
   EXPECT_NE(binder->call("i", 1).get(), nullptr) << "what was thrown must leave no lock behind";
 }
 
-TEST_F(BinderTest, ACallThatFollowsAKeptReplyLeavesItsPairAlone) {
-  auto binder = bind();
-  vesk_payload* kept_request = nullptr;
-  auto kept =
-      std::make_unique<Binder::Reply>(binder->call("i", 1, [&](vesk_payload* payload) { kept_request = payload; }));
-  vesk_buffer* const kept_reply = kept->get();
-  kept->keep();
-  kept.reset();
-  EXPECT_NE(binder->call("i", 2).get(), kept_reply);
-  binder.reset();
-  EXPECT_EQ(messages(), 2);
-  vesk_payload_free(kept_request);
-  vesk_buffer_free(kept_reply);
+// Counts its destructions; serves two-way calls.
+class Probe : public vesk::IpcEndpoint {
+ public:
+  explicit Probe(int& destroyed) : m_destroyed(destroyed) {}
+  ~Probe() { ++m_destroyed; }
+  int call(void*, unsigned int code, vesk_identity*, vesk_buffer*, vesk_payload*) { return static_cast<int>(code) + 1; }
+
+ private:
+  int& m_destroyed;
+};
+
+TEST(IpcEndpoint, ServesCallsUntilTheLastReferenceDestroysItOnceOwnersOrLibvesks) {
+  for (const bool owner_first : {true, false}) {
+    int destroyed = 0;
+    vesk::EndpointPtr<Probe> owner = vesk::make_endpoint<Probe>(destroyed);
+    vesk_endpoint* const record = owner->get_endpoint();
+    EXPECT_EQ(static_cast<void*>(record), static_cast<void*>(owner.get())) << "libvesk's pointer is the container's";
+    EXPECT_EQ(record->fn->endpoint_acquire(nullptr, record), 0);
+    EXPECT_EQ(owner->get_refcount(), 2);
+    if (owner_first) owner = {};
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(record->fn->endpoint_call(nullptr, record, 6, nullptr, nullptr, nullptr), 7);
+    EXPECT_EQ(record->fn->endpoint_call_oneway(nullptr, record, 6, nullptr, nullptr), 1) << "which it does not serve";
+    EXPECT_EQ(record->fn->endpoint_release(nullptr, record), 0);
+    EXPECT_EQ(destroyed, owner_first ? 1 : 0);
+    owner = {};
+    EXPECT_EQ(destroyed, 1);
+  }
 }
 
-TEST_F(BinderTest, AReplyIsReadBeforeAnotherThreadEndsItsOwnCall) {
-  m_vesk.add_service("clock", [](const Transaction& call) { return Reply{Bytes().i32(0).i32(int(call.code)), 0}; });
-  const auto binder = bind();
-  const auto read = [](vesk_buffer* reply) {
-    std::this_thread::yield();  // lets the other one in, if anything does
-    return Int32::read(reply);
-  };
-  const auto ask = [&](unsigned code) {
-    for (int n = 0; n < 500; ++n) EXPECT_EQ(transact(*binder, "i", code, no_arguments, read), int(code));
-  };
-  std::thread other(ask, 1);
-  ask(2);
-  other.join();
+TEST(OrvelLogger, EachLevelHasItsPriorityAndTheTagBeginsWithTheLibrary) {
+  LogRecorder log("Module");
+  const OrvelLogger logger("Module");
+  logger.v("%s:%d", "f", 1);
+  logger.d("%s:%d", "f", 2);
+  logger.i("%s:%d", "f", 3);
+  logger.w("%s:%d", "f", 4);
+  OrvelLogger("").e("%s:%d", "f", 5);
+  EXPECT_THAT(log.take(), ElementsAre("V f:1", "D f:2", "I f:3", "W f:4", "E OrvelDelegateClient: f:5"));
+  const std::runtime_error error("because");
+  using Log = void (OrvelLogger::*)(const std::string&, const std::exception&) const;
+  const Log levels[] = {&OrvelLogger::v, &OrvelLogger::d, &OrvelLogger::i, &OrvelLogger::w, &OrvelLogger::e};
+  for (const Log level : levels) (logger.*level)("no%s", error);
+  EXPECT_THAT(log.take(), ElementsAre("V no%s: because", "D no%s: because", "I no%s: because", "W no%s: because",
+                                      "E no%s: because"));
 }
 
 }  // namespace

@@ -2,13 +2,12 @@
 // names for what they do with all these.
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <future>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -24,17 +23,15 @@
 
 namespace orvel::test {
 
-using Entries = std::vector<std::string>;
-using Words = std::vector<int>;
+using Lines = std::vector<std::string>;
+using Numbers = std::vector<int>;
 
-constexpr std::chrono::seconds kPatience(15);
-constexpr unsigned kLongestCase =
-    45;  // seconds; what still waits for a thread by then hangs, and SIGALRM ends the program
+constexpr unsigned kLongestCase = 45;  // seconds; SIGALRM ends a program that hangs
 
 // For what nothing announces; false when it does not come about within a generous limit.
 template <typename Condition>
 bool eventually(Condition condition) {
-  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(15);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > limit) return false;
     std::this_thread::yield();
@@ -42,166 +39,132 @@ bool eventually(Condition condition) {
   return true;
 }
 
-// What happened, in order, and a way to wait for it. A wait that is not met within its generous limit returns as it is.
+// What happened, in order.
 class Log {
  public:
-  void add(std::string entry) {
-    change([&] { m_entries.push_back(std::move(entry)); });
-  }
-  // The entries once there are `count`.
-  std::vector<std::string> wait_for(std::size_t count) {
-    wait([&] { return m_entries.size() >= count; });
+  void add(std::string line) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_entries;
+    m_lines.push_back(std::move(line));
   }
-
-  // For what else a test counts and waits for; both run what they are given under the log's lock.
-  template <typename Step>
-  void change(Step step) {
+  Lines now() {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    step();
-    m_changed.notify_all();
+    return m_lines;
   }
-  template <typename Condition>
-  bool wait(Condition condition) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, kPatience, condition);
+  // The lines once there are `count`, or those that there are when that takes too long.
+  Lines wait_for(std::size_t count) {
+    eventually([&] {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      return m_lines.size() >= count;
+    });
+    return now();
   }
 
  private:
   std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::vector<std::string> m_entries;
+  Lines m_lines;
 };
 
-// References that libvesk holds to something.
-class References {
+// Holds a callback until it may leave.
+class Gate {
  public:
-  explicit References(Log& log) : m_log(log) {}
-
-  int add(int count) {
-    if (on_change) on_change();
-    m_log.change([&] { m_count += count; });
-    if (throws) throw std::runtime_error("thrown while counting references");
-    return 0;
+  void pass() {
+    m_entered.set_value();
+    m_open.get_future().wait();
   }
-  [[nodiscard]] int now() const {
-    int count = 0;
-    m_log.change([&] { count = m_count; });
-    return count;
-  }
-  bool wait_for(int count) {
-    return m_log.wait([&] { return m_count == count; });
-  }
-
-  // What happens besides, before the count changes and after.
-  std::function<void()> on_change;
-  bool throws = false;
+  void wait_for_callback() { m_entered.get_future().wait(); }
+  void open() { m_open.set_value(); }
 
  private:
-  Log& m_log;
-  int m_count = 0;
+  std::promise<void> m_entered, m_open;
 };
 
-// Something that libvesk calls back: it logs what it hears, then runs `then` with the number that came along.
+// What libvesk calls back, in each of the three forms. It logs what it hears: "<name> 5" as an endpoint, which answers
+// with the number plus 100, "<name> died" as a death callback, and "bound <name>" as the context of a bind. Then it
+// runs `then` with the number.
 struct Listener {
   Listener(Log& the_log, std::string the_name, std::function<void(int)> what_then)
-      : log(the_log), name(std::move(the_name)), then(std::move(what_then)), references(the_log) {}
-  Listener(const Listener&) = delete;  // libvesk knows its address
-  Listener& operator=(const Listener&) = delete;
+      : log(the_log), name(std::move(the_name)), then(std::move(what_then)) {}
 
-  void hear(std::string what, int number = 0) {
+  static Listener& of(const vesk_endpoint* endpoint) { return *static_cast<Listener*>(endpoint->context); }
+  static Listener& of(const vesk_death_callback* linked) { return *static_cast<Listener*>(linked->context); }
+
+  int hear(std::string what, int number = 0) {
     thread = std::this_thread::get_id();
     log.add(std::move(what));
     if (then) then(number);
+    return number + 100;
   }
+  int hear(vesk_buffer* request) {
+    const int number = vesk_read_i32(request);
+    return hear(name + ' ' + std::to_string(number), number);
+  }
+  int count(int change) {
+    if (before_count) before_count();
+    references += change;
+    return 0;
+  }
+  bool has(int expected) {
+    return eventually([&] { return references == expected; });
+  }
+
+  static int call_oneway(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request) {
+    of(endpoint).hear(request);
+    return 0;
+  }
+  static int call(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) {
+    return vesk_write_i32(reply, of(endpoint).hear(request));
+  }
+  static void on_death(void*, vesk_death_callback* linked, vesk_handle* dead) {
+    of(linked).handle = *dead;
+    of(linked).hear(of(linked).name + " died");
+  }
+  static void bound(void*, void* context, const char*, vesk_handle handle) {
+    auto& self = *static_cast<Listener*>(context);
+    self.handle = handle;
+    self.hear("bound " + self.name);
+  }
+  static int acquire(void*, vesk_endpoint* endpoint) { return of(endpoint).count(1); }
+  static int release(void*, vesk_endpoint* endpoint) { return of(endpoint).count(-1); }
+  static constexpr vesk_endpoint_fn kFunctions{call, call_oneway, acquire, release};
 
   Log& log;
   const std::string name;
   std::function<void(int)> then;
-  References references;
-  std::thread::id thread;  // where it heard last
-  vesk_handle handle{};    // that it was given last
-};
-
-// An endpoint that logs "<name> <number>" and answers calls with the number plus 100.
-struct Inbox : Listener {
-  using Listener::Listener;
-
-  static Inbox& self(vesk_endpoint* endpoint) { return *static_cast<Inbox*>(endpoint->context); }
-  static int call_oneway(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request) {
-    const int number = vesk_read_i32(request);
-    self(endpoint).hear(self(endpoint).name + ' ' + std::to_string(number), number);
-    return 0;
-  }
-  static int call(void*, vesk_endpoint* endpoint, unsigned, vesk_identity*, vesk_buffer* request, vesk_payload* reply) {
-    const int number = vesk_read_i32(request);
-    self(endpoint).hear(self(endpoint).name + ' ' + std::to_string(number), number);
-    return vesk_write_i32(reply, number + 100);
-  }
-  static int acquire(void*, vesk_endpoint* endpoint) { return self(endpoint).references.add(1); }
-  static int release(void*, vesk_endpoint* endpoint) { return self(endpoint).references.add(-1); }
-  static constexpr vesk_endpoint_fn kFunctions{call, call_oneway, acquire, release};
-
+  std::function<void()> before_count;  // before every change of the references
+  std::atomic<int> references{0};      // that libvesk holds
+  std::thread::id thread;              // where it heard last
+  vesk_handle handle{};                // that it was given last
   vesk_endpoint endpoint{&kFunctions, this};
-};
-
-// A death callback that logs "<name> died".
-struct Mourner : Listener {
-  using Listener::Listener;
-
-  static Mourner& self(vesk_death_callback* linked) { return *static_cast<Mourner*>(linked->context); }
-  static void on_death(void*, vesk_death_callback* linked, vesk_handle* dead) {
-    self(linked).handle = *dead;
-    self(linked).hear(self(linked).name + " died");
-  }
-  static void acquire(vesk_death_callback* linked) { self(linked).references.add(1); }
-  static void release(vesk_death_callback* linked) { self(linked).references.add(-1); }
-
-  vesk_death_callback callback{on_death, acquire, release, this};
-};
-
-// A bind callback that logs "bound <name>".
-struct Bind : Listener {
-  using Listener::Listener;
-
-  static void bound(void*, void* context, const char*, vesk_handle handle) {
-    auto& bind = *static_cast<Bind*>(context);
-    bind.handle = handle;
-    bind.hear("bound " + bind.name);
-  }
+  vesk_death_callback death{on_death, [](vesk_death_callback* linked) { of(linked).count(1); },
+                            [](vesk_death_callback* linked) { of(linked).count(-1); }, this};
 };
 
 class VeskTest : public testing::Test {
  protected:
   struct Answer {
     int error;
-    Words words;
+    Numbers numbers;
   };
 
   VeskTest() {
     ::alarm(kLongestCase);
     EXPECT_EQ(vesk_get_runtime(&m_runtime), 0);
+    m_handle = lookup();
   }
   // Ends every connection, so that nothing is called back on any more once the members go.
   ~VeskTest() override {
-    for (Inbox& inbox : m_inboxes) inbox.references.on_change = {};
-    for (const Bind& bind : m_binds) unbind(bind.handle);
+    for (Listener& listener : m_listeners) {
+      listener.before_count = {};
+      unbind(listener.handle);
+    }
     for (const vesk_handle& handle : m_handles) unbind(handle);
     vesk_shutdown(m_runtime);
     ::alarm(0);
   }
 
-  Inbox& new_inbox(const char* name, std::function<void(int)> then = {}) {
-    return m_inboxes.emplace_back(m_log, name, std::move(then));
+  Listener& listener(const char* name, std::function<void(int)> then = {}) {
+    return m_listeners.emplace_back(m_log, name, std::move(then));
   }
-  Mourner& new_mourner(const char* name, std::function<void(int)> then = {}) {
-    return m_mourners.emplace_back(m_log, name, std::move(then));
-  }
-  Bind& new_bind(const char* name, std::function<void(int)> then = {}) {
-    return m_binds.emplace_back(m_log, name, std::move(then));
-  }
-
   vesk_handle lookup(const char* name) {
     vesk_handle handle{};
     EXPECT_EQ(vesk_binder_servicemanager_get(m_runtime, name, &handle), 0) << name;
@@ -209,54 +172,58 @@ class VeskTest : public testing::Test {
   }
   vesk_handle lookup() { return lookup(m_peer.name()); }
 
-  int bind(const char* name, Bind& context) { return vesk_service_bind(m_runtime, name, Bind::bound, &context); }
+  int bind(const char* name, Listener& context) {
+    return vesk_service_bind(m_runtime, name, Listener::bound, &context);
+  }
+  int publish(const char* name, Listener& listener) {
+    return vesk_service_register(m_runtime, name, &listener.endpoint);
+  }
   bool valid(vesk_handle handle) { return vesk_handle_is_valid(m_runtime, &handle) != 0; }
   int acquire(vesk_handle handle) { return vesk_handle_acquire(m_runtime, &handle); }
   int release(vesk_handle handle) { return vesk_handle_release(m_runtime, &handle); }
   int unbind(vesk_handle handle) { return vesk_service_unbind(m_runtime, &handle); }
   // The handle that these are given is gone when they return, as that of any caller may be.
-  int link(vesk_handle handle, Mourner& mourner) {
-    return vesk_handle_link_to_death(m_runtime, &handle, &mourner.callback);
+  int link(vesk_handle handle, Listener& listener) {
+    return vesk_handle_link_to_death(m_runtime, &handle, &listener.death);
   }
-  int unlink(vesk_handle handle, Mourner& mourner) {
-    return vesk_handle_unlink_to_death(m_runtime, &handle, &mourner.callback);
+  int unlink(vesk_handle handle, Listener& listener) {
+    return vesk_handle_unlink_to_death(m_runtime, &handle, &listener.death);
   }
 
   Answer call(vesk_handle handle, unsigned code, int number = 0, const char* name = nullptr,
-              vesk_endpoint* endpoint = nullptr) {
+              Listener* along = nullptr) {
     const PayloadPtr request(vesk_payload_alloc());
-    if (endpoint != nullptr) vesk_write_endpoint(request.get(), endpoint);
+    if (along != nullptr) vesk_write_endpoint(request.get(), &along->endpoint);
     vesk_write_i32(request.get(), number);
     if (name != nullptr) vesk_write_utf16_cstring(request.get(), name);
     const BufferPtr reply(vesk_buffer_alloc());
     Answer answer{vesk_call(m_runtime, &handle, code, request.get(), reply.get()), {}};
     while (answer.error == 0 && vesk_buffer_remaining(reply.get()) > 0) {
-      answer.words.push_back(vesk_read_i32(reply.get()));
+      answer.numbers.push_back(vesk_read_i32(reply.get()));
     }
     vesk_reply_done(m_runtime, reply.get());
     return answer;
   }
   // Whether the peer says that it is the same reference as the one that it got before.
-  bool keep(vesk_handle handle, Inbox& inbox) {
-    const Answer answer = call(handle, kKeep, 0, nullptr, &inbox.endpoint);
+  bool keep(vesk_handle handle, Listener& inbox) {
+    const Answer answer = call(handle, kKeep, 0, nullptr, &inbox);
     EXPECT_EQ(answer.error, 0);
-    return answer.words == Words{1};
+    return answer.numbers == Numbers{1};
   }
-  int publish(const char* name, Inbox& inbox) { return vesk_service_register(m_runtime, name, &inbox.endpoint); }
   // A call that the peer has taken and does not answer.
-  std::future<int> hanging_call(vesk_handle handle, vesk_endpoint* endpoint = nullptr) {
-    auto result = std::async(std::launch::async,
-                             [this, handle, endpoint] { return call(handle, kHang, 0, nullptr, endpoint).error; });
+  std::future<int> hanging_call(vesk_handle handle, Listener* along = nullptr) {
+    auto result = std::async(std::launch::async, [=] { return call(handle, kHang, 0, nullptr, along).error; });
     m_peer.wait_for_hanging_call();
     return result;
   }
+  // A failure that is known at once, not one of a call whose time has passed.
+  static bool fails_at_once(int error) { return error != 0 && error != -ETIMEDOUT; }
 
   Log m_log;
   Peer m_peer{"peer"};
   void* m_runtime = nullptr;
-  std::deque<Inbox> m_inboxes;
-  std::deque<Mourner> m_mourners;
-  std::deque<Bind> m_binds;
+  vesk_handle m_handle{};  // of one connection to the peer; others come from lookup()
+  std::deque<Listener> m_listeners;
   std::vector<vesk_handle> m_handles;
 };
 
