@@ -1,4 +1,4 @@
-// Judges a run by what a client and the device have written down, and by nothing else.
+// Judges a run by what its clients and its device have said, and by nothing else.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "History.h"
+#include "Record.h"
 
 namespace orvel::kills {
 
@@ -21,7 +21,7 @@ struct Findings {
   std::vector<std::string> complaints;  // each with the client, the registration or call, and what is wrong
 };
 
-// Adds what it finds about one client. Asserts:
+// Takes the device's records, and those of each client by its name in the order in which it wrote them. Asserts:
 //  - a call returns once, and at most a second after its limit
 //  - a registration is told everything it is owed, once, in order, and nothing else. It is owed what the device was
 //    told to tell while the registration was in force: between its being made with a process of the service and that
@@ -31,7 +31,6 @@ struct Findings {
 //  - a network callback is never made again by itself
 //  - a service is given up on when it has been away for 300 s, and nothing comes of it from then on
 //  - an event that is taken has one status, and none when its service died first
-void check(const std::vector<Record>& device, const std::string& name, const std::vector<Record>& client,
-           Findings& findings);
+Findings check(std::vector<Record> device, const std::map<std::string, std::vector<Record>>& clients);
 
 }  // namespace orvel::kills
