@@ -119,11 +119,6 @@ class Model {
         return;
       case Kind::kCall:
         return expect({Kind::kReturn, 0, 0, call(event.a, event.b)});
-      case Kind::kStop:
-        m_interrupted = true;
-        return shut_runtime_down();
-      case Kind::kStopped:
-        return stopped();
       case Kind::kDrain:
         drain();
         nested_until(Kind::kDrained);
@@ -160,12 +155,6 @@ class Model {
     if (m_connections.at(number).linked) m_steps.emplace_back([this, number] { died(number); });
   }
 
-  void shut_runtime_down() {
-    m_shut_down = true;
-    for (auto& [service, each] : m_services) each.pending.clear();
-    m_published.clear();
-  }
-
   void drain() {
     m_on_loop = true;
     while (!m_steps.empty() && !m_shut_down) {
@@ -176,18 +165,14 @@ class Model {
     m_on_loop = false;
   }
 
-  // False when the wait is interrupted before it begins.
-  bool sleep(int seconds) {
-    if (m_interrupted) return false;
+  void sleep(int seconds) {
     expect({Kind::kSleep, seconds});
     nested_until(Kind::kAwake);
     m_now += seconds;
-    return true;
   }
 
   // Gives a connection, or -1.
   int look_up(int service) {
-    if (m_interrupted) return -1;
     ServiceState& it = m_services[service];
     if (it.refusals > 0) {
       --it.refusals;
@@ -198,8 +183,7 @@ class Model {
     m_waits.emplace_back();
     it.pending.push_back(wait);
     answer_binds(service);
-    for (int poll = 0; poll < 10 && m_waits[wait].connection < 0 && sleep(2); ++poll) {
-    }
+    for (int poll = 0; poll < 10 && m_waits[wait].connection < 0; ++poll) sleep(2);
     m_waits[wait].open = false;
     return m_waits[wait].connection;
   }
@@ -214,7 +198,7 @@ class Model {
         if (m_connections.at(found).dead) die(found);
         return true;
       }
-      if (!sleep(delay)) return false;
+      sleep(delay);
     }
     return false;
   }
@@ -224,7 +208,8 @@ class Model {
     m_connections.at(number).closed = true;
     const int service = m_connections.at(number).service;
     m_services[service].connection = -1;
-    if (!sleep(m_pause) || !bind(service)) return;
+    sleep(m_pause);
+    if (!bind(service)) return;
     if (service == kDelegate) {
       for (const Subscription& each : m_settings) transact(each.request, each.callback);
       for (const Subscription& each : m_broadcasts) transact(each.request, each.callback);
@@ -234,11 +219,9 @@ class Model {
     }
   }
 
-  bool publish(const std::string& nspace, int callback) {
-    if (m_interrupted) return false;
+  void publish(const std::string& nspace, int callback) {
     m_published[published_name(nspace)] = callback;
     m_bindings.push_back("=" + published_name(nspace));
-    return true;
   }
 
   void deliver(const Event& sent) {
@@ -265,9 +248,9 @@ class Model {
   std::string call(int row, int callback) {
     const Method& method = method_at(row);
     const std::string_view name = method.name;
-    if (name == "initialize") return initialize() ? "true" : "false";
+    if (name == "initialize") return initialize();
     if (name == "shutdown") {
-      if (!m_on_loop) stopped();
+      if (!m_on_loop && m_initialized) shut_down();
       return "true";
     }
     if (name == "isMaroConnected") return m_maro && !m_in_maro_callback ? "true" : "false";
@@ -275,7 +258,8 @@ class Model {
     if (m_in_maro_callback || !m_initialized) return method.refused;
     if (method.service == kDirectives) {
       const std::size_t behind = methods().size() - static_cast<std::size_t>(row);
-      return register_directive(kNamespaces.at(kNamespaces.size() - behind), callback) ? "true" : "false";
+      register_directive(kNamespaces.at(kNamespaces.size() - behind), callback);
+      return method.result;
     }
     if (m_services[method.service].connection < 0) return method.refused;
     if (method.service != kConnectivity) return make_requests(method, callback);
@@ -315,30 +299,20 @@ class Model {
     return !lost && reply == 0;
   }
 
-  bool initialize() {
-    if (m_in_maro_callback) return false;
-    if (m_initialized) return true;
+  std::string initialize() {
+    if (m_in_maro_callback) return "false";
+    if (m_initialized) return "true";
     m_shut_down = false;
-    for (int service = 0; service < kServiceCount; ++service) {
-      bind(service);
-      if (!m_interrupted) continue;
-      shut_runtime_down();
-      destroy_proxies();
-      return false;
-    }
+    for (int service = 0; service < kServiceCount; ++service) bind(service);
     m_initialized = true;
-    return true;
+    return "true";
   }
 
-  void stopped() {
-    m_interrupted = false;
-    if (!m_initialized) return;
-    shut_runtime_down();
-    destroy_proxies();
+  void shut_down() {
     m_initialized = false;
-  }
-
-  void destroy_proxies() {
+    m_shut_down = true;
+    for (auto& [service, each] : m_services) each.pending.clear();
+    m_published.clear();
     for (const int service :
          {kPower, kDelegate, kEvents, kDirectives, kActivities, kMetrics, kPackages, kConnectivity}) {
       const int number = std::exchange(m_services[service].connection, -1);
@@ -353,12 +327,11 @@ class Model {
     m_unfinished_network_call = false;
   }
 
-  bool register_directive(const std::string& nspace, int callback) {
+  void register_directive(const std::string& nspace, int callback) {
     const auto is_it = [&](const auto& known) { return known.first == nspace; };
-    if (std::any_of(m_directives.begin(), m_directives.end(), is_it)) return true;
-    if (!publish(nspace, callback)) return false;
+    if (std::any_of(m_directives.begin(), m_directives.end(), is_it)) return;
+    publish(nspace, callback);
     m_directives.emplace_back(nspace, callback);
-    return true;
   }
 
   // The reply of a registration is kept until the next call, which leaves it and its request behind, on purpose.
@@ -383,7 +356,6 @@ class Model {
   std::vector<std::string> m_bindings;
   Live m_left;
   bool m_shut_down = false;
-  bool m_interrupted = false;
   long m_now = 0;
 
   bool m_initialized = false;

@@ -85,8 +85,8 @@ const Notice& notice_at(int place) {
 
 std::string describe(const Event& event) {
   // clang-format off
-  static constexpr std::array<const char*, 18> kWords = {
-      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "send to", "call", "stop", "stopped",
+  static constexpr std::array<const char*, 16> kWords = {
+      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "send to", "call",
       "drain", "drained", "reply", "awake", "callback ends", "SLEEP", "REQUEST", "CALLBACK", "RETURN"};
   // clang-format on
   std::ostringstream out;

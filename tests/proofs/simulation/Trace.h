@@ -55,8 +55,6 @@ enum class Kind {
   kComplete,     // a: service
   kSend,         // a: the transfer of the endpoint, -1 for the one named text; b: the notice
   kCall,         // a: row of the method, b: the number of its callback
-  kStop,         // another thread begins a shutdown ...
-  kStopped,      // ... which has ended
   kDrain,        // the run loop runs what waits for it ...
   kDrained,      // ... all of it
   kReply,        // a: 0, or what the call fails with; kExceptionReply for an exception of the service

@@ -7,11 +7,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <random>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -22,7 +20,6 @@ namespace {
 
 // One thread decides at a time, so that the same choices give the same trace: the run loop works only while the
 // caller's thread waits for it, and what happens inside waits, calls and callbacks happens on the thread that is there.
-// At most one further thread exists, which calls shutdown() and then waits for the others.
 class World {
  public:
   World(std::uint64_t seed, Trace& trace) : m_random(seed), m_trace(trace) {
@@ -37,13 +34,9 @@ class World {
     for (int service = 0; service < kServiceCount; ++service) {
       if (!one_in(32)) start(service);
     }
-    if (!one_in(16)) {
-      call(row_of("initialize"));
-      finish_stop();
-    }
+    if (!one_in(16)) call(row_of("initialize"));
     for (std::size_t left = 4 + below(40); left > 0; --left) {
       act(/*may_call=*/true);
-      finish_stop();
       if (m_running && !one_in(4)) drain();
     }
     m_budget = 0;
@@ -90,17 +83,14 @@ class World {
       call(some_method());
     } else if (what < 11) {
       notify();
-    } else if (what < 15) {
+    } else {
       change_services();
-    } else if (m_depth > 0 && one_in(4)) {
-      stop();
     }
   }
 
   void drain() {
     record({Kind::kDrain});
     m_vesk.drain();
-    finish_stop();
     record({Kind::kDrained});
   }
 
@@ -164,29 +154,6 @@ class World {
     const bool is_setting = notice.to.request->code == 34;  // whose sender waits for an answer
     is_setting ? void(m_vesk.call(target, notice.code, notice.message))
                : m_vesk.send(target, notice.code, notice.message);
-  }
-
-  // On a thread of its own, as far as it comes while this one is in the middle of something.
-  void stop() {
-    if (m_stopping || !(m_running || m_starting)) return;
-    m_stopping = true;
-    record({Kind::kStop});
-    // Its end lets another thread join it, which must find it here.
-    const auto go = std::make_shared<std::promise<void>>();
-    m_stopper = std::thread([begin = go->get_future().share()] {
-      begin.wait();
-      Client::getClient().shutdown();
-    });
-    go->set_value();
-    m_vesk.wait_for_shutdown();
-  }
-
-  void finish_stop() {
-    if (!m_stopping) return;
-    m_stopper.join();
-    m_stopping = false;
-    m_running = false;
-    record({Kind::kStopped});
   }
 
   void slept() {
@@ -263,8 +230,6 @@ class World {
   bool m_starting = false;
   int m_depth = 0;
   int m_budget = 150;  // of what may happen in between
-  bool m_stopping = false;
-  std::thread m_stopper;
 };
 
 }  // namespace
