@@ -28,9 +28,10 @@ class DeviceHistory {
   explicit DeviceHistory(std::vector<Record> records) {
     std::stable_sort(records.begin(), records.end(), [](const Record& a, const Record& b) { return a.t < b.t; });
     for (const Record& each : records) {
-      const bool isKill = each.what == "kill";
-      if (isKill) m_deaths[each.id].push_back({each.t, each.until});
-      if (isKill || each.what == "frozen") m_ends[each.who].push_back({each.t, each.until});
+      if (each.what == "kill") {
+        m_deaths[each.id].push_back({each.t, each.until});
+        m_kills[each.who].push_back({each.t, each.until});
+      }
       if (each.what == "act" || each.what == "refused") m_acts[{each.who, each.key}].push_back(each);
       if (each.what == "made") m_made[each.value].push_back(each);
     }
@@ -56,21 +57,21 @@ class DeviceHistory {
     return found == all.end() ? Span{} : *found;
   }
 
-  // Whether a process of the service died, or may have, in that time; or whether a client of that name stood still.
+  // Whether a process of the service died, or may have, in that time.
   bool died(const std::string& service, Time begin, Time end) {
-    const std::vector<Span>& all = m_ends[service];
+    const std::vector<Span>& all = m_kills[service];
     return std::any_of(all.begin(), all.end(), [=](const Span& it) { return it.end >= begin && it.begin <= end; });
   }
 
   // Whether a process of the service died that lived at `begin`, before `end`.
   bool surelyDied(const std::string& service, Time begin, Time end) {
-    const std::vector<Span>& all = m_ends[service];
+    const std::vector<Span>& all = m_kills[service];
     return std::any_of(all.begin(), all.end(), [=](const Span& it) { return it.begin > begin && it.end < end; });
   }
 
  private:
   std::map<std::int64_t, std::vector<Span>> m_deaths;                         // by process
-  std::map<std::string, std::vector<Span>> m_ends;                            // by service, or client
+  std::map<std::string, std::vector<Span>> m_kills;                           // by service
   std::map<std::pair<std::string, std::string>, std::vector<Record>> m_acts;  // by service and key
   std::map<std::string, std::vector<Record>> m_made;                          // by client process
 };
@@ -126,8 +127,7 @@ class ClientCheck {
     std::map<std::string, Time> away;  // since when
     for (const Record& record : m_records) {
       const std::string& what = record.what;
-      m_isCut = what != "ending" && m_isCut;  // one that was killed just ends
-      if (m_isCut || what == "ending") m_ending = record.t;
+      if (what == "ending") m_ending = record.t;
       if (what == "begin") {
         m_begin = record.t;
         m_speed = std::stoll(record.key);
@@ -173,10 +173,9 @@ class ClientCheck {
 
   void checkCall(const Call& call) {
     ++m_counts["calls"];
-    const bool stoodStill = m_device.died(m_name, call.span.begin, call.span.end);
-    const Time took = call.returns == 0 || stoodStill ? 0 : call.span.end - call.span.begin;
+    const Time took = call.returns == 0 ? 0 : call.span.end - call.span.begin;
     const bool late = call.span.begin > gaveUpOn(call.who);
-    if (call.returns == 0 && !m_isCut) complain(call.name, " has never returned");
+    if (call.returns == 0) complain(call.name, " has never returned");
     if (call.returns > 1) complain(call.name, " has returned twice");
     if (took > kCallLimit + kSecond) complain(call.name, " took " + std::to_string(took / kMillisecond) + " ms");
     if (late && call.ok) complain(call.name, " was answered though its service had been given up on");
@@ -239,20 +238,16 @@ class ClientCheck {
   // What each rebind of the delegate service made again. One to a process that was just ending, as a further death
   // without a further kill shows, can have made nothing.
   void checkReplays() {
-    Span replay;
-    const auto judge = [&] {
-      if (replay.end != kNever && !m_device.died(kDelegate, replay.begin, replay.end)) checkReplay(replay);
-      replay = {};
-    };
+    Span replay;  // the latest
     for (const Record& record : m_records) {
-      if (record.who != kDelegate) continue;
-      if (record.what == "bound") replay = {record.t, kNever};
-      if (record.what == "rebound") replay.end = record.t;
-      if (record.what != "died") continue;
-      if (m_device.died(kDelegate, replay.begin, record.t)) judge();
+      if (record.who == kDelegate && record.what == "bound") replay = {record.t, kNever};
+      if (record.who == kDelegate && record.what == "rebound") replay.end = record.t;
+      const bool isDeath = record.who == kDelegate && record.what == "died";
+      if (replay.end == kNever || !(isDeath || record.what == "ending")) continue;
+      const bool wasEnding = isDeath && !m_device.died(kDelegate, replay.begin, record.t);
+      if (!wasEnding && !m_device.died(kDelegate, replay.begin, replay.end)) checkReplay(replay);
       replay = {};
     }
-    judge();
   }
 
   void checkReplay(const Span& replay) {
@@ -335,33 +330,26 @@ class ClientCheck {
           if (expected[i].due == Due::kOwed) break;
         }
       }
-      if (next.empty()) next.insert(explain(registration, expected, *positions.rbegin(), *told));
+      if (next.empty()) return complain(registration.name, mistake(expected, *positions.rbegin(), *told));
       positions = std::move(next);
     }
-    for (std::size_t i = *positions.rbegin(); i < expected.size(); ++i) {
-      if (expected[i].due == Due::kOwed) complain(registration.name, " was not told " + expected[i].act->value);
-    }
+    const auto first = expected.begin() + static_cast<std::ptrdiff_t>(*positions.rbegin());
+    const auto missing = std::find_if(first, expected.end(), [](const Expected& it) { return it.due == Due::kOwed; });
+    if (missing != expected.end()) complain(registration.name, " was not told " + missing->act->value);
   }
 
-  // Says what is wrong with a notice that fits nowhere, and where to go on.
-  std::size_t explain(const Call& registration, const std::vector<Expected>& expected, std::size_t position,
-                      const Record& told) {
+  // What is wrong with a notice that does not fit.
+  static std::string mistake(const std::vector<Expected>& expected, std::size_t position, const Record& told) {
     const auto fits = [&](const Expected& each) { return each.act->value == told.value && each.act->t <= told.t; };
     const auto from = expected.begin() + static_cast<std::ptrdiff_t>(position);
     const auto found = std::find_if(from, expected.end(), fits);
-    if (found == expected.end() || found->due == Due::kWithheld) {
-      complain(registration.name + " was told " + told.value,
-               found != expected.end()                     ? std::string(" though ") + found->why
-               : std::any_of(expected.begin(), from, fits) ? " twice or out of order"
-                                                           : ", which the device had not sent");
-      return position;
+    if (found == expected.end()) {
+      const bool before = std::any_of(expected.begin(), from, fits);
+      return " was told " + told.value + (before ? " twice" : ", which the device had not sent");
     }
-    for (auto each = from; each != found; ++each) {
-      const auto comes = [&](const Record* other) { return other->t >= told.t && other->value == each->act->value; };
-      if (each->due == Due::kOwed && std::none_of(registration.told.begin(), registration.told.end(), comes))
-        complain(registration.name, " was not told " + each->act->value);
-    }
-    return static_cast<std::size_t>(found - expected.begin()) + 1;
+    if (found->due == Due::kWithheld) return " was told " + told.value + " though " + found->why;
+    const auto missing = std::find_if(from, found, [](const Expected& it) { return it.due == Due::kOwed; });
+    return " was not told " + missing->act->value + " before " + told.value;
   }
 
   void count(const Call& registration, const Expected& expected) {
@@ -381,7 +369,6 @@ class ClientCheck {
   std::string m_process;
   Time m_begin = 0;
   Time m_ending = kNever;
-  bool m_isCut = true;
   std::int64_t m_speed = 1;
   std::map<std::int64_t, Call> m_calls;
   std::map<std::string, Time> m_gaveUp;  // by service

@@ -14,6 +14,7 @@
 
 #include "Record.h"
 #include "support/Process.h"
+#include "support/Runner.h"
 
 namespace orvel::kills {
 
@@ -36,8 +37,6 @@ class Client {
 
   const std::string& name() const { return m_name; }
   pid_t pid() const { return m_process.pid(); }
-  void freeze(bool frozen) const { m_process.signal(frozen ? SIGSTOP : SIGCONT); }
-
   void order(const std::string& line) {
     m_process.write(line);
     ++m_orders;
@@ -70,17 +69,12 @@ class Client {
     return m_gaveUp;
   }
 
-  // Lets it shut down.
-  void end() {
+  // Lets it shut down, and gives all that it has said.
+  std::vector<Record> end() {
     m_process.closeInput();
-    if (const int status = m_process.wait(); status != 0)
-      throw std::runtime_error(m_name + " ended with status " + std::to_string(status));
-  }
-  // All that it has said; one that still runs is killed.
-  std::vector<Record> records() {
-    if (!m_process.hasEnded()) m_process.signal(SIGKILL);
-    await("is not over", [&] { return m_over; });
-    return m_records;
+    await("does not end", [&] { return m_over; });
+    test::require(m_process.wait() == 0, m_name + " ends well");
+    return std::move(m_records);
   }
 
  private:

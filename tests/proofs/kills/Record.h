@@ -15,7 +15,6 @@
 //
 //   of the device, between `t` and `until`
 //     kill who id           service `who`, which was process `id`, was killed
-//     frozen who            a client stood still
 //     act who key value ok  all that registered for `key` with service `who` were told; ok where the device obeyed
 //     refused who key value the same, but the device says that a client's queue was full
 //     made who key id value ok    client process `value` registered with process `id`; ok unless the service refused
