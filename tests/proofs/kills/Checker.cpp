@@ -103,7 +103,7 @@ struct Call {
 class ClientCheck {
  public:
   ClientCheck(DeviceHistory& device, const std::string& name, const std::vector<Record>& records, Findings& findings)
-      : m_device(device), m_name(name), m_records(records), m_counts(findings.counts), m_findings(findings) {}
+      : m_device(device), m_name(name), m_records(records), m_findings(findings) {}
 
   void run() {
     read();
@@ -135,7 +135,7 @@ class ClientCheck {
       }
       if (what == "died") away[record.who] = record.t;
       if (what == "gaveup") {
-        ++m_counts["given up"];
+        ++m_findings.counts["given up"];
         m_gaveUp[record.who] = record.t;
         const Time waited = (record.t - std::max(away[record.who], m_begin)) * m_speed;
         if (waited < kBindLimit)
@@ -172,7 +172,7 @@ class ClientCheck {
   }
 
   void checkCall(const Call& call) {
-    ++m_counts["calls"];
+    ++m_findings.counts["calls"];
     const Time took = call.returns == 0 ? 0 : call.span.end - call.span.begin;
     const bool late = call.span.begin > gaveUpOn(call.who);
     if (call.returns == 0) complain(call.name, " has never returned");
@@ -183,10 +183,10 @@ class ClientCheck {
   }
 
   void checkEvent(const Call& call) {
-    ++m_counts["events"];
+    ++m_findings.counts["events"];
     // A call that is still under way when the process dies may reach the next one.
     const bool dead = call.ok && m_device.surelyDied(kEvents, call.span.end, call.span.begin + kEventDelay);
-    if (dead) ++m_counts["dead events"];
+    if (dead) ++m_findings.counts["dead events"];
     const Time latest = call.span.end + kEventDelay + kOnItsWay;
     const bool cut = latest > m_ending || m_device.died(kEvents, call.span.begin, latest);
     if (call.results.empty() && call.ok && !cut) complain(call.name, " has no status");
@@ -227,7 +227,7 @@ class ClientCheck {
         taken[place].insert(found);
         const auto isSame = [&](const Record* before) { return before->key == made.key; };
         const auto last = std::find_if(found->made.rbegin(), found->made.rend(), isSame);
-        if (last != found->made.rend() && !(*last)->ok && made.ok) ++m_counts["refused replays"];
+        if (last != found->made.rend() && !(*last)->ok && made.ok) ++m_findings.counts["refused replays"];
         found->made.push_back(&made);
       }
       if (!made.ok) refused.insert(place);
@@ -251,7 +251,7 @@ class ClientCheck {
   }
 
   void checkReplay(const Span& replay) {
-    ++m_counts["replays"];
+    ++m_findings.counts["replays"];
     std::vector<std::string> due;
     for (const bool settings : {true, false}) {
       for (const auto& [id, each] : m_calls) {
@@ -353,17 +353,17 @@ class ClientCheck {
   }
 
   void count(const Call& registration, const Expected& expected) {
-    ++m_counts[expected.due == Due::kOwed ? "owed" : expected.due == Due::kOpen ? "open" : "withheld"];
+    ++m_findings.counts[expected.due == Due::kOwed ? "owed" : expected.due == Due::kOpen ? "open" : "withheld"];
     if (expected.due != Due::kWithheld) return;
-    if (expected.act->what == "refused") ++m_counts["refused notices"];
+    if (expected.act->what == "refused") ++m_findings.counts["refused notices"];
     const bool was = !registration.made.empty() && registration.made.back()->ok;
-    if (registration.who == kConnectivity && was && registration.removed.end == kNever) ++m_counts["not restored"];
+    if (registration.who == kConnectivity && was && registration.removed.end == kNever)
+      ++m_findings.counts["not restored"];
   }
 
   DeviceHistory& m_device;
   const std::string& m_name;
   const std::vector<Record>& m_records;
-  std::map<std::string, std::int64_t>& m_counts;
   Findings& m_findings;
 
   std::string m_process;

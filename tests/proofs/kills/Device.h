@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -99,11 +98,11 @@ class Device {
     const Record record = {now(), "kill", name, {}, {}, victim.pid};
     m_killed[name] = record;
     if (lasting) order({{"order", "kill"}, {"service", victim.id}});
-    if (!lasting) signal(victim.pid, SIGKILL);
+    if (!lasting) signal(victim, SIGKILL);
     note(record);
     ++m_kills;
   }
-  void stop(const std::string& name) { signal(service(name).pid, SIGSTOP); }
+  void stop(const std::string& name) { signal(service(name), SIGSTOP); }
   // When the service was killed for the last time.
   Time killed(const std::string& name) { return m_killed[name].t; }
   long kills() const { return m_kills; }
@@ -131,16 +130,11 @@ class Device {
     return *std::find_if(all.begin(), all.end(), [&](const Service& each) { return each.name == name; });
   }
 
-  // To a process of the device, and to no other that has its number by now.
-  void signal(pid_t process, int number) const {
-    // The handle keeps naming this process, so what is found out about the number afterwards holds for it.
-    const vesk::UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-    std::ifstream status("/proc/" + std::to_string(process) + "/status");
-    std::string line;
-    while (std::getline(status, line) && line.rfind("PPid:", 0) != 0) {
-    }
-    if (handle && line == "PPid:\t" + std::to_string(m_process.pid()))
-      syscall(SYS_pidfd_send_signal, handle.get(), number, nullptr, 0);
+  // To the service's process, and to no other that has its number by now.
+  void signal(const Service& victim, int number) {
+    // The handle keeps naming this process, so what the device says of the number afterwards holds for it.
+    const vesk::UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, victim.pid, 0)));
+    if (service(victim.name).pid == victim.pid) syscall(SYS_pidfd_send_signal, handle.get(), number, nullptr, 0);
   }
 
   // Reads the device's traffic as long as it lives.

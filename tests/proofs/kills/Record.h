@@ -60,7 +60,6 @@ constexpr char kDelegate[] = "orvel_delegate";
 constexpr char kConnectivity[] = "com.quarlo.orvel.androidconnectivitymanager";
 constexpr char kCoordinator[] = "orvel-service-coordinator-public";
 constexpr char kEvents[] = "com.quarlo.orvel.orvelsim.orvelsimeventclient";
-constexpr char kPower[] = "com.quarlo.orvel.powermanager";
 constexpr char kNetwork[] = "network";
 constexpr char kSetting[] = "setting:";      // and its name
 constexpr char kDirective[] = "directive:";  // and the client's name, which is its namespace too

@@ -133,9 +133,8 @@ class Loop {
     killAndRecover({kConnectivity, kEvents});
     actAndAwait();
     refuseReplays();
-    passCallLimit();
-    const char* const services[] = {kDelegate, kConnectivity, kEvents, kPower};
-    stayAway(services[pick(4)]);
+    const char* const services[] = {kDelegate, kConnectivity, kEvents};
+    stayAway(services[pick(3)]);
   }
 
   // What a new process refuses has to wait for the one after it.
@@ -158,13 +157,6 @@ class Loop {
     act();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     replaceThoseWhoGaveUp();
-  }
-
-  // A service that lives and does not answer keeps no call waiting for longer than its limit.
-  void passCallLimit() {
-    m_device.stop(kPower);
-    std::this_thread::sleep_for(std::chrono::microseconds(kCallLimit + kSecond / 2));
-    killAndRecover({kPower});
   }
 
   // ---- What both are made of ----

@@ -1,5 +1,3 @@
-#include "Model.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <deque>
@@ -11,6 +9,8 @@
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include "Trace.h"
 
 namespace orvel::test::simulation {
 namespace {

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -84,5 +85,14 @@ std::string describe(const Trace& trace, std::size_t count);
 // What is left when a run is over: names bound, unbound and published in their order, what libvesk is owed, callbacks
 // that are still held, and whether the assistant is connected.
 std::string describe_end(const std::vector<std::string>& bindings, const Live& live, long callbacks, bool maro);
+
+// Runs one program of public calls against services, deaths, notifications and time that `seed` decides, the same on
+// every machine, and adds all that happens to `trace`. The client is shut down afterwards. Returns describe_end().
+std::string run_world(std::uint64_t seed, Trace& trace);
+
+// What a caller of the client is promised: takes over what the run decided, and says in advance all that the client
+// does. `pause` is how long a client waits after a death before it binds again, in seconds; `maro` whether the assistant
+// was connected before. Returns describe_end(); throws std::runtime_error with what was not as promised.
+std::string model_end(const Trace& trace, int pause, bool maro);
 
 }  // namespace orvel::test::simulation

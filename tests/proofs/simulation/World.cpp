@@ -1,5 +1,3 @@
-#include "World.h"
-
 #include <android/log.h>
 
 #include <algorithm>
@@ -13,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "Trace.h"
 #include "support/VirtualClock.h"
 
 namespace orvel::test::simulation {

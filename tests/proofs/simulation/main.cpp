@@ -4,8 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "Model.h"
-#include "World.h"
+#include "Trace.h"
 #include "support/Runner.h"
 
 namespace orvel::test::simulation {
