@@ -204,7 +204,6 @@ class ClientCheck {
   void assign() {
     using Place = std::tuple<std::int64_t, Time, std::string>;  // a process, until its death, and a key
     std::map<Place, std::set<const Call*>> taken;
-    std::set<Place> refused;
     std::map<std::string, std::vector<Call*>> byKey;
     for (auto& [id, call] : m_calls) {
       for (const std::string& key : call.keys) byKey[key].push_back(&call);
@@ -220,9 +219,7 @@ class ClientCheck {
         if (beingMade) break;
       }
       if (found == nullptr) {
-        complain(made.key, made.key == kNetwork        ? " was restored"
-                           : refused.count(place) != 0 ? " was refused and made again on the same connection"
-                                                       : " was made twice on one connection");
+        complain(made.key, made.key == kNetwork ? " was restored" : " was made twice on one connection");
       } else {
         taken[place].insert(found);
         const auto isSame = [&](const Record* before) { return before->key == made.key; };
@@ -230,7 +227,6 @@ class ClientCheck {
         if (last != found->made.rend() && !(*last)->ok && made.ok) ++m_findings.counts["refused replays"];
         found->made.push_back(&made);
       }
-      if (!made.ok) refused.insert(place);
       if (made.t > gaveUpOn(made.who)) complain(made.key, " was registered though its service had been given up on");
     }
   }

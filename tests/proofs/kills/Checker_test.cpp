@@ -107,7 +107,7 @@ const Fault kFaults[] = {
     {"ReplayedTwice", [](History& it) { it.make(2038, kDelegate, "setting:kill", 103); },
      "setting:kill was made twice on one connection"},
     {"RefusedAndMadeAgain", [](History& it) { it.make(1038, kDelegate, "name", 102); },
-     "was refused and made again on the same connection"},
+     "name was made twice on one connection"},
     {"NotReplayed", [](History& it) { it.drop("made", 103), it.drop("act", 0, "4"), it.drop("notice", 2, "4"); },
      "setting:kill was not made again"},
     {"ReplayedInAnotherOrder", [](History& it) { it.move(2037, "made", 103); }, "made again in another order"},

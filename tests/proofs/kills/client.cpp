@@ -109,18 +109,18 @@ void callAll(Client& client, const std::vector<const char*>& names, std::chrono:
   }
 }
 
-// Gives the number of the newest registration for the network, which is `network` before.
-std::int64_t obey(Client& client, const std::string& order, std::int64_t network) {
-  if (order == "network") return subscribe(client, "registerForNetworkConnectivityChange");
-  if (order == "quiet") {
-    note({0, "unregister", {}, {}, {}, network});
-    if (client.unregisterForNetworkConnectivityChange()) note({0, "unregistered", {}, {}, {}, network});
+void obey(Client& client, const std::string& order) {
+  static std::int64_t s_network = 0;  // the newest registration for it
+  if (order == "network") {
+    s_network = subscribe(client, "registerForNetworkConnectivityChange");
+  } else if (order == "quiet") {
+    note({0, "unregister", {}, {}, {}, s_network});
+    if (client.unregisterForNetworkConnectivityChange()) note({0, "unregistered", {}, {}, {}, s_network});
   } else {
     subscribe(kDelegate, {kSetting + order}, [&](const Hear& hear) {
       return client.registerForSecureSettingIntChange(order, 0, [hear](int value) { hear(std::to_string(value)); });
     });
   }
-  return network;
 }
 
 int run(const std::string& nspace) {
@@ -130,7 +130,7 @@ int run(const std::string& nspace) {
   Client& client = Client::getClient();
   if (!client.initialize()) return 1;
   subscribeToAll(client, nspace);
-  std::int64_t network = subscribe(client, "registerForNetworkConnectivityChange");
+  obey(client, "network");
   std::thread asking([&] {
     callAll(client,
             {"getDeviceName", "isScreenOn", "getDeviceSerialNumber", "getInstalledPackageNames",
@@ -141,7 +141,7 @@ int run(const std::string& nspace) {
   note({0, "obeyed", {}, {}, "0"});
   int orders = 0;
   for (std::string line; std::getline(std::cin, line);) {
-    network = obey(client, line, network);
+    obey(client, line);
     note({0, "obeyed", {}, {}, std::to_string(++orders)});
   }
   note({0, "ending"});

@@ -31,7 +31,6 @@ struct Wait {
 struct ServiceState {
   bool running = false;
   bool held = false;
-  int refusals = 0;
   std::vector<std::size_t> pending;  // waits
   int connection = -1;               // of the client's; -1 while it is not bound
 };
@@ -105,9 +104,6 @@ class Model {
           if (each.service == event.a && !each.dead && !each.closed) die(number);
         }
         return;
-      case Kind::kRefuse:
-        it.refusals = event.b;
-        return;
       case Kind::kHold:
         it.held = true;
         return;
@@ -174,10 +170,6 @@ class Model {
   // Gives a connection, or -1.
   int look_up(int service) {
     ServiceState& it = m_services[service];
-    if (it.refusals > 0) {
-      --it.refusals;
-      return -1;
-    }
     if (service == kDirectives) return it.running ? connect(service) : -1;  // asked at Android's service manager
     const std::size_t wait = m_waits.size();
     m_waits.emplace_back();
@@ -254,7 +246,6 @@ class Model {
       return "true";
     }
     if (name == "isMaroConnected") return m_maro && !m_in_maro_callback ? "true" : "false";
-    if (name == "isNetworkConnected") return "false";
     if (m_in_maro_callback || !m_initialized) return method.refused;
     if (method.service == kDirectives) {
       const std::size_t behind = methods().size() - static_cast<std::size_t>(row);
@@ -268,14 +259,12 @@ class Model {
   }
 
   std::string make_requests(const Method& method, int callback) {
-    const bool is_lock = method.name == std::string_view("acquirePartialWakeLock");
     bool good = true;
     for (const Request& request : method.requests) {
-      if (request.code == 0 || (is_lock && !good))
-        break;  // the service may be too old for the second request of a lock
-      const bool answered = transact({&method, &request}, callback);
-      if (answered && method.renewed)
-        (request.code == 34 ? m_settings : m_broadcasts).push_back({{&method, &request}, callback});
+      if (request.code == 0) break;
+      const RequestOf made{&method, &request};
+      const bool answered = transact(made, callback);
+      if (answered && method.renewed) (request.code == 34 ? m_settings : m_broadcasts).push_back({made, callback});
       good = good && answered;
     }
     return good ? method.result : method.failure;

@@ -22,7 +22,8 @@ inline std::string published_name(const std::string& nspace) {
   return "sim_broker_service_" + nspace + "_vesk_endpoint";
 }
 
-// The table of the public methods, and behind it what only orders of events need: starting and stopping, an end of the
+// The table of the public methods without those whose second request depends on an answer, and behind it what only
+// orders of events need: starting and stopping, an end of the
 // network notifications by itself, and last a row of registerForDirective for each of kNamespaces.
 const std::vector<Method>& methods();
 const Method& method_at(int row);
@@ -49,18 +50,17 @@ const Notice& notice_at(int place);
 
 enum class Kind {
   // What the run decided.
-  kStart,        // a: service
-  kKill,         // a: service
-  kRefuse,       // a: service, b: how often
-  kHold,         // a: service
-  kComplete,     // a: service
-  kSend,         // a: the transfer of the endpoint, -1 for the one named text; b: the notice
-  kCall,         // a: row of the method, b: the number of its callback
-  kDrain,        // the run loop runs what waits for it ...
-  kDrained,      // ... all of it
-  kReply,        // a: 0, or what the call fails with; kExceptionReply for an exception of the service
-  kAwake,        // the end of a sleep
-  kCallbackEnd,  // the callback returns, or throws
+  kStart,     // a: service
+  kKill,      // a: service
+  kHold,      // a: service
+  kComplete,  // a: service
+  kSend,      // a: the transfer of the endpoint, -1 for the one named text; b: the notice
+  kCall,      // a: row of the method, b: the number of its callback
+  kDrain,     // the run loop runs what waits for it ...
+  kDrained,   // ... all of it
+  kReply,     // a: 0, or what the call fails with; kExceptionReply for an exception of the service
+  kAwake,     // the end of a sleep
+  kCallbackEnd,
   // What the client did.
   kSleep,     // a: seconds
   kRequest,   // a: service, b: code, bytes

@@ -1,13 +1,11 @@
 #include <android/log.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -23,7 +21,6 @@ class World {
  public:
   World(std::uint64_t seed, Trace& trace) : m_random(seed), m_trace(trace) {
     __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
-    m_vesk.keep_quiet();
     m_vesk.be_strict();
     m_vesk.hold_run_loop();
     m_clock.at_sleep(1, [this] { slept(); });
@@ -109,24 +106,15 @@ class World {
   }
 
   void change_services() {
-    static constexpr std::array<int, 12> kLikely = {kDelegate,   kDelegate, kDelegate,     kDirectives,
-                                                    kDirectives, kPower,    kEvents,       kMetrics,
-                                                    kActivities, kPackages, kConnectivity, kConnectivity};
-    const int service = any_of(kLikely);
+    const int service = one_in(3) ? kDelegate : static_cast<int>(below(kServiceCount));
     const std::size_t what = below(16);
     if (what < 5) {
       start(service);
     } else if (what < 9) {
       kill(service);
-    } else if (what == 9) {
-      const int count = 1 + static_cast<int>(below(4));
-      record({Kind::kRefuse, service, count});
-      m_vesk.refuse_binds(name_of(service), count);
-    } else if (what == 10) {
+    } else if (what < 11) {
       record({Kind::kHold, service});
       m_vesk.hold_binds(name_of(service));
-    } else if (what == 11) {
-      complete(service);
     } else {
       for (int each = 0; each < kServiceCount; ++each) {
         complete(each);
@@ -166,7 +154,6 @@ class World {
     record({Kind::kCallback, callback, 0, values});
     disturb(/*may_call=*/true);
     record({Kind::kCallbackEnd});
-    if (one_in(24)) throw std::runtime_error("a callback of the caller's");
   }
 
   Reply answer(int service, const Transaction& call) {
