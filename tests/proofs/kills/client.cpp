@@ -26,10 +26,6 @@ using test::Client;
 using test::Hear;
 using test::Method;
 
-// How often to ask and to send; often enough for every kill to meet a call and several events under way.
-constexpr std::chrono::milliseconds kBetweenQueries(4);
-constexpr std::chrono::milliseconds kBetweenEvents(20);
-
 std::atomic<std::int64_t> s_calls(0);  // and registrations
 std::atomic<bool> s_ending(false);
 
@@ -96,8 +92,8 @@ void subscribeToAll(Client& client, const std::string& nspace) {
   });
 }
 
-// Calls one method after the other. A result that a failure would not give is an answer.
-void callAll(Client& client, const std::vector<const char*>& names, std::chrono::milliseconds between) {
+// Calls one method after the other, with a pause in between. A result that a failure would not give is an answer.
+void callAll(Client& client, const std::vector<const char*>& names, int milliseconds) {
   for (std::size_t next = 0; !s_ending; next = (next + 1) % names.size()) {
     const Method& row = test::method(names[next]);
     const std::int64_t id = ++s_calls;
@@ -105,7 +101,7 @@ void callAll(Client& client, const std::vector<const char*>& names, std::chrono:
     const auto told = [id](const std::string& value) { note({0, "result", {}, {}, value, id}); };
     const std::string result = row.call(client, told);
     note({0, "return", {}, {}, {}, id, result != row.failure && result != row.refused});
-    std::this_thread::sleep_for(between);
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
   }
 }
 
@@ -131,13 +127,12 @@ int run(const std::string& nspace) {
   if (!client.initialize()) return 1;
   subscribeToAll(client, nspace);
   obey(client, "network");
-  std::thread asking([&] {
-    callAll(client,
-            {"getDeviceName", "isScreenOn", "getDeviceSerialNumber", "getInstalledPackageNames",
-             "getForegroundPackages", "recordTarselMetricEvent"},
-            kBetweenQueries);
-  });
-  std::thread sending([&] { callAll(client, {"sendEvent"}, kBetweenEvents); });
+  // Often enough for every kill to meet a call and several events under way.
+  const std::vector<const char*> queries = {"getDeviceName",         "isScreenOn",
+                                            "getDeviceSerialNumber", "getInstalledPackageNames",
+                                            "getForegroundPackages", "recordTarselMetricEvent"};
+  std::thread asking([&] { callAll(client, queries, 4); });
+  std::thread sending([&] { callAll(client, {"sendEvent"}, 20); });
   note({0, "obeyed", {}, {}, "0"});
   int orders = 0;
   for (std::string line; std::getline(std::cin, line);) {

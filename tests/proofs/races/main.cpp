@@ -204,14 +204,13 @@ void call_and_kill(const Runner& runner) {
 // ---- Ends of a process ----
 
 constexpr int kExitStatus = 3;
-constexpr int kStillRuns = 4;
 
 // The device of a process that ends. It lives as long as the process.
 RandomDevice* g_device = nullptr;
 
 // Runs behind the client's destructor.
 void expect_stopped() {
-  if (g_device->m_vesk.uses("vesk_shutdown") == 0) _exit(kStillRuns);
+  if (g_device->m_vesk.uses("vesk_shutdown") == 0) _exit(kExitStatus + 1);
 }
 
 // Starts the client, with a callback whose captured object uses the client when it ends.

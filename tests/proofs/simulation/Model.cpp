@@ -42,11 +42,8 @@ struct Transfer {
   int callback = -1;
 };
 
-// A registration that the client makes again after a death.
-struct Subscription {
-  RequestOf request;
-  int callback;
-};
+// A registration that the client makes again after a death, and its callback.
+using Subscription = std::pair<RequestOf, int>;
 
 class Model {
  public:
@@ -203,8 +200,8 @@ class Model {
     sleep(m_pause);
     if (!bind(service)) return;
     if (service == kDelegate) {
-      for (const Subscription& each : m_settings) transact(each.request, each.callback);
-      for (const Subscription& each : m_broadcasts) transact(each.request, each.callback);
+      for (const auto& [request, callback] : m_settings) transact(request, callback);
+      for (const auto& [request, callback] : m_broadcasts) transact(request, callback);
     }
     if (service == kDirectives) {
       for (const auto& [nspace, callback] : m_directives) publish(nspace, callback);
@@ -264,7 +261,7 @@ class Model {
       if (request.code == 0) break;
       const RequestOf made{&method, &request};
       const bool answered = transact(made, callback);
-      if (answered && method.renewed) (request.code == 34 ? m_settings : m_broadcasts).push_back({made, callback});
+      if (answered && method.renewed) (request.code == 34 ? m_settings : m_broadcasts).emplace_back(made, callback);
       good = good && answered;
     }
     return good ? method.result : method.failure;

@@ -23,8 +23,8 @@ inline std::string published_name(const std::string& nspace) {
 }
 
 // The table of the public methods without those whose second request depends on an answer, and behind it what only
-// orders of events need: starting and stopping, an end of the
-// network notifications by itself, and last a row of registerForDirective for each of kNamespaces.
+// orders of events need: starting and stopping, an end of the network notifications by itself, and last a row of
+// registerForDirective for each of kNamespaces.
 const std::vector<Method>& methods();
 const Method& method_at(int row);
 int row_of(const std::string& name);
@@ -91,8 +91,8 @@ std::string describe_end(const std::vector<std::string>& bindings, const Live& l
 std::string run_world(std::uint64_t seed, Trace& trace);
 
 // What a caller of the client is promised: takes over what the run decided, and says in advance all that the client
-// does. `pause` is how long a client waits after a death before it binds again, in seconds; `maro` whether the assistant
-// was connected before. Returns describe_end(); throws std::runtime_error with what was not as promised.
+// does. `pause` is how long a client waits after a death before it binds again, in seconds; `maro` says whether the
+// assistant was connected before. Returns describe_end(); throws std::runtime_error with what was not as promised.
 std::string model_end(const Trace& trace, int pause, bool maro);
 
 }  // namespace orvel::test::simulation

@@ -100,11 +100,6 @@ class World {
     m_vesk.kill_service(name_of(service));
   }
 
-  void complete(int service) {
-    record({Kind::kComplete, service});
-    m_vesk.complete_binds(name_of(service));
-  }
-
   void change_services() {
     const int service = one_in(3) ? kDelegate : static_cast<int>(below(kServiceCount));
     const std::size_t what = below(16);
@@ -117,7 +112,8 @@ class World {
       m_vesk.hold_binds(name_of(service));
     } else {
       for (int each = 0; each < kServiceCount; ++each) {
-        complete(each);
+        record({Kind::kComplete, each});
+        m_vesk.complete_binds(name_of(each));
         start(each);
       }
     }
