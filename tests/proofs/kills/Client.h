@@ -1,6 +1,7 @@
 // One client of a run, and what it has said so far.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <fstream>
@@ -64,10 +65,7 @@ class Client {
     await("was not told " + value + " as " + key, [&] { return latest("notice", key).value == value; });
   }
 
-  bool hasGivenUp() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_gaveUp;
-  }
+  bool hasGivenUp() const { return m_gaveUp; }
 
   // Lets it shut down, and gives all that it has said.
   std::vector<Record> end() {
@@ -95,7 +93,7 @@ class Client {
       const std::lock_guard<std::mutex> lock(m_mutex);
       m_records.push_back(record);
       m_latest[{record.what, record.what == "notice" ? record.key : record.who}] = record;
-      m_gaveUp = m_gaveUp || record.what == "gaveup";
+      if (record.what == "gaveup") m_gaveUp = true;
       m_news.notify_all();
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -111,7 +109,7 @@ class Client {
   std::condition_variable m_news;
   std::vector<Record> m_records;
   std::map<std::pair<std::string, std::string>, Record> m_latest;  // by kind, and service or key
-  bool m_gaveUp = false;
+  std::atomic<bool> m_gaveUp{false};
   bool m_over = false;  // it says no more
 
   std::thread m_reading;
