@@ -1,50 +1,69 @@
-// Each use of libvesk, and each allocation, that every public method makes fails in turn.
-#include <algorithm>
-#include <initializer_list>
-#include <new>
+// At each use that the library makes of libvesk something happens: the use fails, under every public method, or while a
+// service is bound; or another thread shuts the client down, also at each of the library's sleeps.
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "Allocations.h"
+#include "binder/Waiting.h"
 #include "support/ClientFixture.h"
 #include "support/LogRecorder.h"
 #include "support/Runner.h"
 
 namespace {
 
-using namespace orvel::fuzz;  // NOLINT(google-build-using-namespace)
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 
-// When operations of libvesk are used.
-enum When { kInStarts, kInBinds, kInReleases, kInRequests, kInReplies };
-const std::vector<const char*> kOperations[] = {
-    {"vesk_get_runtime", "vesk_run_loop"},
-    {"vesk_service_bind", "vesk_binder_servicemanager_get", "vesk_handle_acquire", "vesk_handle_link_to_death"},
-    // What cannot be let go of stays: there is nothing that a client could do, but go on.
-    {"vesk_handle_is_valid", "vesk_handle_unlink_to_death", "vesk_handle_release", "vesk_service_unbind"},
-    // Their failure is that of the call, or of the registration.
-    {"vesk_payload_alloc", "vesk_buffer_alloc", "vesk_write_i32", "vesk_write_i64", "vesk_write_f64",
-     "vesk_write_utf16_cstring", "vesk_write_array_length", "vesk_write_endpoint", "vesk_payload_set_position",
-     "vesk_call", "vesk_service_register"},
-    // A read that fails leaves what a reply that was cut there would.
-    {"vesk_reply_done", "vesk_read_i32", "vesk_read_i64", "vesk_read_array_length", "vesk_read_utf16_string"}};
+// Their failure is that of the call, or of the registration. A read that fails leaves what a reply that was cut there
+// would.
+const std::set<std::string_view> kFailTheCall = {"vesk_payload_alloc",
+                                                 "vesk_buffer_alloc",
+                                                 "vesk_write_i32",
+                                                 "vesk_write_i64",
+                                                 "vesk_write_f64",
+                                                 "vesk_write_utf16_cstring",
+                                                 "vesk_write_array_length",
+                                                 "vesk_write_endpoint",
+                                                 "vesk_payload_set_position",
+                                                 "vesk_call",
+                                                 "vesk_service_register"};
 
-// Has `fail(operation, nth)` let each use of these operations fail, until it returns that there are no more.
-template <typename Fail>
-void fail_each(std::initializer_list<When> when, Fail fail) {
-  for (const When moment : when) {
-    for (const char* operation : kOperations[moment]) {
-      for (int nth = 1; fail(operation, nth);) ++nth;
-    }
+// What these cannot let go of stays: there is nothing that a client could do, but go on.
+const std::set<std::string_view> kLetGo = {"vesk_handle_is_valid", "vesk_handle_release"};
+
+// A service that is away: from before the start of the client, or from its death on. It comes back, ready to be bound
+// or not yet, at a sleep of that number.
+struct Absence {
+  std::string name;
+  std::string service;
+  bool at_start;
+  bool bind_is_held;
+  int back_at;
+};
+
+std::vector<Absence> absences() {
+  std::vector<Absence> all;
+  for (const Service service : {kDelegate, kDirectives, kPackages}) {
+    const std::string name = kServices.at(service);
+    all.push_back({name + "/start", name, true, false, 2});
+    all.push_back({name + "/start-that-waits", name, true, true, 2});
+    all.push_back({name + "/after-the-pause", name, false, false, 1});
+    all.push_back({name + "/at-the-second-sleep-for-readiness", name, false, true, 3});
+    all.push_back({name + "/at-the-third-attempt", name, false, false, 24});
   }
+  return all;
 }
 
-long g_injected = 0;
+// What happens at a use: it fails, or another thread calls shutdown() and is so far when the library goes on.
+enum Trouble { kFails, kShutdownAnywhere, kInterrupting, kRuntimeShutDown, kTroubles };
+
+long g_troubles = 0;
 bool g_canary = false;
 
-// A client on its device, and how both are put to the test.
 class Bench final : public ClientFixture {
  public:
   Bench() {
@@ -54,206 +73,165 @@ class Bench final : public ClientFixture {
   }
   ~Bench() override { m_client.shutdown(); }
 
-  void serve(const std::string& service) override {
-    m_vesk.add_service(service, [](const Transaction& call) {
-      const Unarmed mine;
-      return Reply{good_reply(call.service, call.code), 0};
+  // The run loop has begun when it returns.
+  void start() {
+    m_client.initialize();
+    await_run_loop();
+  }
+  void await_run_loop() {
+    while (m_vesk.uses("vesk_run_loop") == 0) std::this_thread::yield();
+  }
+
+  // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the
+  // service comes back when that is the same.
+  void bind(
+      const Absence& what, int at_sleep = 0, const std::function<void()>& step = [] {}) {
+    m_clock.at_sleep(what.back_at, [this, &what, same = at_sleep == what.back_at, step] {
+      if (same) step();
+      m_vesk.complete_binds(what.service);
+      serve(what.service);
     });
-    if (m_failing != 0) arm(std::exchange(m_failing, 0));
+    if (at_sleep != what.back_at) m_clock.at_sleep(at_sleep, step);
+    if (!what.bind_is_held || !what.at_start) m_vesk.kill_service(what.service);
+    what.at_start ? void(m_client.initialize()) : m_vesk.drain();
   }
 
-  // The service dies and comes back; the run loop's allocation of that number after the pause, if any, fails. How many
-  // allocations there were then.
-  long die(const char* service, long failing_allocation = 0) {
-    long count = 0;
-    m_failing = failing_allocation;
-    ClientFixture::die(service);
-    m_vesk.post([&count] { count = disarm(); });
-    m_vesk.drain();
-    return count;
-  }
-
-  std::ptrdiff_t published() const {
-    const std::vector<std::string> all = m_vesk.bindings();
-    return std::count_if(all.begin(), all.end(), [](const std::string& each) { return each[0] == '='; });
-  }
-
+  // Another thread finds every lock free.
   void expect_unlocked() {
-    std::thread([this] {
-      m_client.isMaroConnected();
-      m_client.getDeviceName();
-    }).join();
+    std::thread([this] { m_client.getDeviceName(); }).join();
   }
 
   void expect_works(const Method& tried) {
-    expect_unlocked();
     const std::string result = tried.call(m_client, {});
     require(result == tried.result, std::string(tried.name) + " gives " + result + " afterwards");
   }
 
-  // After any fault the client can be started again, and everything works.
-  void expect_starts_again() {
+  // Nothing fails any more: the next deaths bring everything back, and every method works.
+  void expect_recovers(const Absence& what) {
     m_vesk.repair();
+    m_vesk.complete_binds(what.service);
+    start_services();
     expect_unlocked();
-    m_client.shutdown();
-    require(m_client.initialize(), "it starts again");
-    for (const Method& each : kMethods) expect_works(each);
-  }
-
-  // A death after which nothing fails any more brings everything back.
-  void expect_rebinds() {
-    m_vesk.repair();
-    const std::ptrdiff_t before = published();
+    // Where the fault has cost a connection for good, a start brings it back; the subscriptions are the caller's.
+    if (what.at_start || m_client.getDeviceName().empty() || m_vesk.live().death_references < kServiceCount) {
+      m_client.shutdown();
+      require(m_client.initialize(), "it starts again");
+      subscribe(m_client);
+    }
+    const std::size_t before = m_vesk.published().size();
     die(kServices[kDelegate]);
+    m_vesk.drain();
     require(registrations().size() == kRegistrations, "the next death renews every registration");
     die(kServices[kDirectives]);
-    require(published() == before + 1, "the next death publishes the namespace again");
-  }
-
-  // `forgotten`: requests and replies may be left, on purpose.
-  void expect_nothing_left(bool forgotten) {
-    m_client.shutdown();
-    require(left(forgotten));
+    m_vesk.drain();
+    require(m_vesk.published().size() == before && before > 0, "the next death publishes the namespace again");
+    for (const Method& each : kMethods) expect_works(each);
   }
 
   Client& m_client = Client::getClient();
 
  private:
   PayloadPtr m_planted;
-  long m_failing = 0;
 };
 
-// A network registration leaves its request and its reply behind when another call follows.
-bool forgets(const Method& tried) {
-  return tried.service == kConnectivity;
-}
-
-// A use of libvesk fails, that one or it and all that follow. False when the method makes fewer uses.
-bool fail_use(const Method& tried, When when, const char* operation, int nth, bool always) {
+// One use under a method fails, that one alone or it and all of its kind that follow. False when there are fewer uses.
+bool fail_use(const Method& tried, int nth, bool always) {
+  begin(std::string(tried.name) + ", use " + std::to_string(nth) + (always ? " and later" : ""));
+  std::string failed;
   Bench bench;
-  begin(std::string(tried.name) + ", " + operation + (always ? " always from " : " at ") + std::to_string(nth));
-  bench.m_client.initialize();
-  const int before = bench.m_vesk.uses(operation);
-  always ? bench.m_vesk.fail_always(operation, nth) : bench.m_vesk.fail_once(operation, nth);
-  const std::string result = tried.call(bench.m_client, {});
-  if (bench.m_vesk.uses(operation) - before < nth) return false;
-  ++g_injected;
-  // A launch whose question failed has an empty intent, which is then sent.
-  const bool goes_on = tried.name == std::string("launchApplicationWithPackageName") && result == tried.result;
-  require(when == kInReplies || goes_on || result == tried.failure, "it gives " + result + ", not " + tried.failure);
-  bench.m_vesk.repair();
-  bench.expect_works(tried);
-  bench.expect_nothing_left(forgets(tried));
-  return true;
-}
-
-// An allocation on the caller's thread fails: std::bad_alloc, or the result of a failure. False when there are fewer.
-bool fail_allocation(Bench& bench, const Method& tried, long nth) {
-  begin(std::string(tried.name) + ", allocation " + std::to_string(nth));
-  std::string result = "bad_alloc";
-  arm(nth);
-  try {
-    result = tried.call(bench.m_client, {});
-  } catch (const std::bad_alloc&) {
-  }
-  if (disarm() < nth) return false;
-  ++g_injected;
-  require(result == "bad_alloc" || result == tried.failure || result == tried.result, "it gives " + result);
-  bench.expect_works(tried);
-  return true;
-}
-
-void fail_method(const Method& tried) {
-  for (const When when : {kInRequests, kInReplies}) {
-    for (const bool always : {false, true}) {
-      fail_each({when}, [&](const char* operation, int nth) { return fail_use(tried, when, operation, nth, always); });
-    }
-  }
-  Bench bench;
-  bench.m_client.initialize();
-  tried.call(bench.m_client, {});
-  for (long nth = 1; fail_allocation(bench, tried, nth);) ++nth;
-  bench.expect_nothing_left(forgets(tried));
-}
-
-void fail_starts() {
-  fail_each({kInStarts, kInBinds, kInReleases}, [](const char* operation, int nth) {
-    Bench bench;
-    begin(std::string("initialize, ") + operation + " at " + std::to_string(nth));
-    bench.m_vesk.fail_once(operation, nth);
-    bench.m_client.initialize();
-    bench.m_client.shutdown();
-    if (bench.m_vesk.uses(operation) < nth) return false;
-    ++g_injected;
-    bench.expect_starts_again();
-    return true;
+  bench.start();
+  bench.m_vesk.at_use(nth, [&](std::string_view operation) {
+    failed = operation;
+    always ? bench.m_vesk.fail_always(operation, 0) : bench.m_vesk.fail_once(operation, 0);
   });
-  for (long nth = 1;; ++nth) {
-    Bench bench;
-    begin("initialize, allocation " + std::to_string(nth));
-    arm(nth);
-    try {
-      bench.m_client.initialize();
-    } catch (const std::bad_alloc&) {
-      const Unarmed mine;
-      require(bench.left(/*forgotten=*/false));
-    }
-    if (disarm() < nth) return;
-    ++g_injected;
-    bench.expect_starts_again();
-    bench.expect_nothing_left(true);
+  const std::string result = tried.call(bench.m_client, {});
+  bench.m_vesk.at_use(0, {});  // none any more
+  if (failed.empty()) return false;
+  ++g_troubles;
+  // A launch whose question failed has an empty intent, which is then sent.
+  const bool goes_on = tried.name == std::string_view("launchApplicationWithPackageName") && result == tried.result;
+  require(kFailTheCall.count(failed) == 0 || goes_on || result == tried.failure, failed + " fails and gives " + result);
+  bench.m_vesk.repair();
+  bench.expect_unlocked();
+  bench.expect_works(tried);
+  bench.m_client.shutdown();
+  // A network registration leaves its request and its reply behind, on purpose, when another call follows.
+  require(bench.left(/*forgotten=*/tried.service == kConnectivity));
+  return true;
+}
+
+void fail_uses(const Method& tried) {
+  for (const bool always : {false, true}) {
+    for (int nth = 1; fail_use(tried, nth, always);) ++nth;
   }
 }
 
-// One rebind in which `die` lets something fail; false when it fails nothing.
-template <typename Die>
-bool fail_rebind(Service service, const std::string& what, Die die) {
-  Bench bench;
-  begin(std::string("rebind of ") + kServices.at(service) + ", " + what);
-  bench.m_client.initialize();
-  Bench::subscribe(bench.m_client);
-  if (!die(bench)) return false;
-  ++g_injected;
-  bench.expect_unlocked();
-  // Where the fault has cost the connection for good, a start brings it back, and the subscriptions are the caller's.
-  if (service == kDelegate ? bench.m_client.getDeviceName().empty()
-                           : bench.m_vesk.live().death_references < kServiceCount) {
-    bench.expect_starts_again();
-    bench.m_client.shutdown();
-    bench.m_client.initialize();
+void prepare(Bench& bench, const Absence& what) {
+  if (!what.at_start) {
+    bench.start();
     Bench::subscribe(bench.m_client);
   }
-  bench.expect_rebinds();
-  bench.expect_nothing_left(true);
-  return true;
+  if (what.bind_is_held) bench.m_vesk.hold_binds(what.service);
 }
 
-void fail_rebinds(Service service) {
-  fail_each({kInBinds, kInRequests, kInReplies}, [&](const char* operation, int nth) {
-    return fail_rebind(service, std::string(operation) + " at " + std::to_string(nth), [&](Bench& bench) {
-      const int before = bench.m_vesk.uses(operation);
-      bench.m_vesk.fail_once(operation, nth);
-      bench.die(kServices.at(service));
-      return bench.m_vesk.uses(operation) - before >= nth;
-    });
-  });
-  long nth = 1;
-  const auto die = [&](Bench& bench) { return bench.die(kServices.at(service), nth) >= nth; };
-  while (fail_rebind(service, "allocation " + std::to_string(nth), die)) ++nth;
+void trouble_at(const Absence& what, Trouble trouble, bool at_sleep, int point) {
+  begin(what.name + (at_sleep ? ", sleep " : ", use ") + std::to_string(point) + ", trouble " +
+        std::to_string(trouble));
+  Bench bench;
+  prepare(bench, what);
+  std::thread stopper;
+  std::atomic<bool> reached{false};
+  bool stays = false;
+  const auto step = [&](std::string_view operation) {
+    reached = true;
+    stays = trouble == kFails && kLetGo.count(operation) != 0;
+    if (trouble == kFails) return bench.m_vesk.fail_once(operation, 0);
+    stopper = std::thread([&] { bench.m_client.shutdown(); });
+    if (trouble == kInterrupting)
+      while (!orvel::service_apis::waiting::interrupted()) std::this_thread::yield();
+    // A shutdown waits for what binds, publishes or gets the runtime, so that nothing does so after it.
+    static const std::set<std::string_view> waited_for = {"vesk_service_bind", "vesk_binder_servicemanager_get",
+                                                          "vesk_service_register", "vesk_get_runtime"};
+    if (trouble == kRuntimeShutDown && waited_for.count(operation) == 0)
+      while (bench.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
+  };
+  if (!at_sleep) bench.m_vesk.at_use(point, step);
+  bench.bind(what, at_sleep ? point : 0, [&] { step(""); });
+  if (trouble == kFails) bench.expect_recovers(what);
+  bench.m_client.shutdown();
+  if (stopper.joinable()) stopper.join();
+  require(reached, "the point is reached");
+  require(stays ? "" : bench.left(/*forgotten=*/trouble == kFails));
+  ++g_troubles;
+}
+
+void trouble_everywhere(const Absence& what) {
+  int sleeps = 0;
+  int uses = 0;
+  {
+    Bench undisturbed;
+    prepare(undisturbed, what);
+    uses = undisturbed.m_vesk.uses();
+    undisturbed.bind(what);
+    undisturbed.await_run_loop();
+    uses = undisturbed.m_vesk.uses() - uses;
+    sleeps = static_cast<int>(undisturbed.m_clock.sleeps().size());
+  }
+  for (int n = kFails; n < kTroubles; ++n) {
+    const auto trouble = static_cast<Trouble>(n);
+    for (int use = 1; use <= uses; ++use) trouble_at(what, trouble, false, use);
+    for (int sleep = 1; sleep <= sleeps && trouble != kFails; ++sleep) trouble_at(what, trouble, true, sleep);
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Runner runner("orvel-faults",
-                "Each use of libvesk, and each allocation, that every public method makes fails in turn");
-  for (const Method& each : kMethods) runner.add(each.name, [&each] { fail_method(each); });
-  runner.add("initialize", fail_starts);
-  for (const Service service : {kDelegate, kDirectives}) {
-    runner.add(std::string("rebind/") + kServices.at(service), [service] { fail_rebinds(service); });
-  }
+  Runner runner("orvel-faults", "Each use that is made of libvesk fails in turn, or the client is shut down there");
+  for (const Method& each : kMethods) runner.add(each.name, [&each] { fail_uses(each); });
+  for (const Absence& what : absences()) runner.add("bind/" + what.name, [what] { trouble_everywhere(what); });
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
   discard_log();
-  return runner.run([] { return std::to_string(g_injected) + " faults"; });
+  return runner.run([] { return std::to_string(g_troubles) + " faults and shutdowns"; });
 }

@@ -1,4 +1,4 @@
-// Judges a run by what a client and the device have written down, and by nothing else.
+// Judges a run by what its clients and its device have said, and by nothing else.
 #pragma once
 
 #include <cstdint>
@@ -6,22 +6,22 @@
 #include <string>
 #include <vector>
 
-#include "History.h"
+#include "Record.h"
 
 namespace orvel::kills {
 
 // How often each rule was put to the test, and what it found.
 struct Findings {
-  // "calls", "owed" (notices that had to arrive), "open" (that a death left open), "withheld" (that must not arrive),
-  // "events", "replays" (complete ones, after a death of the delegate service), and what may look like a loss and is
-  // not one: "given up" (services that stayed away too long), "refused replays" (made on the next connection), "not
-  // restored" (notices that came when the network callback was gone), "dead events" (whose service died before their
-  // status), "refused notices" (that the device says it could not send).
+  // "calls", "events", "replays" (complete ones, after a death of the delegate service); notices that were "owed", left
+  // "open" by a death, or "withheld"; and what may look like a loss and is not one: "given up" (services that stayed
+  // away too long), "refused replays" (made on the next connection), "not restored" (notices that came when the network
+  // callback was gone), "dead events" (whose service died before their status), "refused notices" (by the device).
   std::map<std::string, std::int64_t> counts;
-  std::vector<std::string> complaints;  // each with the client, the registration or call, and what is wrong
+  std::vector<std::string> complaints;  // each with the client, what is wrong, and about which registration or call
 };
 
-// Adds what it finds about one client. Asserts:
+// Takes the device's records, and those of each client by its name in the order in which it wrote them. Complains of a
+// registration once, because the rest may follow from it. Asserts:
 //  - a call returns once, and at most a second after its limit
 //  - a registration is told everything it is owed, once, in order, and nothing else. It is owed what the device was
 //    told to tell while the registration was in force: between its being made with a process of the service and that
@@ -31,7 +31,6 @@ struct Findings {
 //  - a network callback is never made again by itself
 //  - a service is given up on when it has been away for 300 s, and nothing comes of it from then on
 //  - an event that is taken has one status, and none when its service died first
-void check(const std::vector<Record>& device, const std::string& name, const std::vector<Record>& client,
-           Findings& findings);
+Findings check(std::vector<Record> device, const std::map<std::string, std::vector<Record>>& clients);
 
 }  // namespace orvel::kills

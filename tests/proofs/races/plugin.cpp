@@ -8,36 +8,34 @@
 
 namespace {
 
-int g_broken = 0;
-
-void require(bool condition, const char* promise) {
-  if (condition) return;
-  ++g_broken;
-  std::printf("broken: %s\n", promise);
+void require(bool holds, const char* promise) {
+  if (holds) return;
+  std::printf("orvel-races-plugin: broken: %s\n", promise);
+  std::exit(1);
 }
 
 // A method as the dynamic loader gives it: a function whose first argument is the object.
 template <typename Function>
-Function* find(void* library, const std::string& name_and_arguments) {
-  void* const address = dlsym(library, ("_ZN5orvel12service_apis19OrvelDelegateClient" + name_and_arguments).c_str());
-  if (address != nullptr) return reinterpret_cast<Function*>(address);
-  std::printf("broken: no %s\n", name_and_arguments.c_str());
-  std::exit(1);
+Function* find(void* library, const char* name_and_arguments) {
+  const std::string name = std::string("_ZN5orvel12service_apis19OrvelDelegateClient") + name_and_arguments;
+  void* const address = dlsym(library, name.c_str());
+  require(address != nullptr, name.c_str());
+  return reinterpret_cast<Function*>(address);
 }
 
 // A client that was not shut down is there for the next load.
 void load(const char* file, bool shut_down) {
   static void* s_client = nullptr;
   void* const library = dlopen(file, RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) return require(false, dlerror());
+  require(library != nullptr, "it loads");
   void* const client = find<void*()>(library, "9getClientEv")();
   auto* const device_name = find<std::string(void*)>(library, "13getDeviceNameB5cxx11Ev");
-  auto* const on_screen =
-      find<bool(void*, std::function<void(bool)>)>(library, "28registerForScreenStateChangeESt8functionIFvbEE");
   require(s_client == nullptr || client == s_client, "the client is the same after an unload");
   s_client = client;
   require(find<bool(void*)>(library, "10initializeEv")(client), "it starts");
   require(!device_name(client).empty(), "it answers");
+  auto* const on_screen =
+      find<bool(void*, std::function<void(bool)>)>(library, "28registerForScreenStateChangeESt8functionIFvbEE");
   require(on_screen(client, [](bool) {}), "it registers");
   if (shut_down) find<void(void*)>(library, "8shutdownEv")(client);
   dlclose(library);
@@ -48,9 +46,7 @@ void load(const char* file, bool shut_down) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return std::fprintf(stderr, "usage: orvel-races-plugin LIBRARY\n"), 2;
+  require(argc == 2, "its argument is the library");
   load(argv[1], /*shut_down=*/true);
   load(argv[1], /*shut_down=*/false);
-  std::printf("orvel-races-plugin: 2 loads; %d promises broken\n", g_broken);
-  return g_broken == 0 ? 0 : 1;
 }

@@ -1,56 +1,34 @@
 #include "Trace.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "support/Notifications.h"
 
 namespace orvel::test::simulation {
-namespace {
-
-std::string initialize(Client& client, const Hear&) {
-  return client.initialize() ? "true" : "false";
-}
-
-std::string shut_down(Client& client, const Hear&) {
-  client.shutdown();
-  return "";
-}
-
-std::string unregister_network(Client& client, const Hear&) {
-  return client.unregisterForNetworkConnectivityChange() ? "true" : "false";
-}
-
-template <std::size_t kNumber>
-std::string register_namespace(Client& client, const Hear& hear) {
-  const auto told = [hear](const std::string& first, const auto&... more) { hear((first + ... + ("," + more))); };
-  return client.registerForDirective(kNamespaces[kNumber], told) ? "true" : "false";
-}
-
-template <std::size_t kNumber>
-Method directive() {
-  return {"registerForDirective", register_namespace<kNumber>, kDirectives, {}, "true", "false", "false"};
-}
-
-}  // namespace
 
 const std::vector<Method>& methods() {
   static const std::vector<Method> all = [] {
+    const std::set<std::string> without = {"registerForDirective", "unregisterForNetworkConnectivityChange",
+                                           "launchApplicationWithPackageName", "acquirePartialWakeLock"};
     std::vector<Method> rows;
-    for (const Method& each : kMethods) {
-      const std::string name = each.name;
-      if (name != "registerForDirective" && name != "unregisterForNetworkConnectivityChange") rows.push_back(each);
+    std::copy_if(kMethods.begin(), kMethods.end(), std::back_inserter(rows),
+                 [&](const Method& each) { return without.count(each.name) == 0; });
+    const auto add = [&](const char* name, int service, const Request& request, const char* failure, auto call) {
+      const auto as_text = [call](Client& client, const Hear& hear) { return call(client, hear) ? "true" : "false"; };
+      rows.push_back({name, as_text, service, {{request}}, "true", failure, "false"});
+    };
+    add("initialize", Method::kNoService, {}, "false", [](Client& client, const Hear&) { return client.initialize(); });
+    add("shutdown", Method::kNoService, {}, "true",
+        [](Client& client, const Hear&) { return client.shutdown(), true; });
+    add("unregisterForNetworkConnectivityChange", kConnectivity, {5}, "true",
+        [](Client& client, const Hear&) { return client.unregisterForNetworkConnectivityChange(); });
+    for (const char* nspace : kNamespaces) {
+      add("registerForDirective", kDirectives, {}, "false", [nspace](Client& client, const Hear& hear) {
+        return client.registerForDirective(nspace, [hear](const std::string& first, const auto&...) { hear(first); });
+      });
     }
-    rows.push_back({"initialize", initialize, Method::kNoService, {}, "true", "false", "false"});
-    rows.push_back({"shutdown", shut_down, Method::kNoService, {}, "", "", ""});
-    rows.push_back({"unregisterForNetworkConnectivityChange",
-                    unregister_network,
-                    kConnectivity,
-                    {{{5}}},
-                    "true",
-                    "true",
-                    "false"});
-    for (const Method& each : {directive<0>(), directive<1>(), directive<2>()}) rows.push_back(each);
     return rows;
   }();
   return all;
@@ -65,67 +43,58 @@ int row_of(const std::string& name) {
   return static_cast<int>(std::find_if(methods().begin(), methods().end(), is_it) - methods().begin());
 }
 
-Bytes head_of(const RequestOf& request) {
-  const Method& row = method_at(request.row);
-  const char* interface = kInterfaces.at(static_cast<std::size_t>(row.service));
-  return test::request(interface, wire(row.requests.at(static_cast<std::size_t>(request.place)).arguments));
+Bytes RequestOf::head() const {
+  return test::request(kInterfaces.at(static_cast<std::size_t>(method->service)), wire(request->arguments));
 }
 
 const std::vector<Notice>& notices() {
-  const auto of = [](const char* method, int place = 0) { return RequestOf{row_of(method), place}; };
-  const auto with = [](const char* extras, int count) { return broadcast("a.P", "", count, wire(extras)); };
+  const auto of = [](const char* name, std::size_t place = 0) {
+    const Method& method = method_at(row_of(name));
+    return RequestOf{&method, &method.requests.at(place)};
+  };
   static const std::vector<Notice> all = {
-      {of("registerForDeviceNameChange"), 1, false, with("'com.quarlo.hux.sso.property.devicename' 0 'x'", 1), "x"},
-      {of("registerForDeviceNameChange"), 1, false, with("", 0), nullptr},
-      {of("registerForDeviceRegistrationChange"), 1, false, with("", 0), "true"},
-      {of("registerForDeviceRegistrationChange", 1), 1, false, with("", 0), "false"},
-      {of("registerForMaroConnectivityChange"), 1, false, with("'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 1", 1),
-       "true"},
-      {of("registerForMaroConnectivityChange"), 1, false, with("", 0), "false"},
-      {of("registerForScreenStateChange"), 1, false, with("", 0), "true"},
-      {of("registerForScreenStateChange", 1), 1, false, with("", 0), "false"},
-      {of("registerForPackageAction"), 1, false, broadcast("a.P", "package:q"), "a.P,q"},
-      {of("registerForTimeSync"), 1, false,
-       with("'com.quarlo.velmos.service.timeservice.clock.OLD_TIME_MILLIS' 6 3L "
-            "'com.quarlo.velmos.service.timeservice.clock.NEW_TIME_MILLIS' 6 4L",
-            2),
+      {of("registerForDeviceNameChange"), 1,
+       broadcast("a", "", 1, wire("'com.quarlo.hux.sso.property.devicename' 0 'x'")), "x"},
+      {of("registerForDeviceRegistrationChange"), 1, broadcast("a", ""), "true"},
+      {of("registerForDeviceRegistrationChange", 1), 1, broadcast("a", ""), "false"},
+      {of("registerForMaroConnectivityChange"), 1,
+       broadcast("a", "", 1, wire("'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 1")), "true"},
+      {of("registerForMaroConnectivityChange"), 1, broadcast("a", ""), "false"},
+      {of("registerForScreenStateChange"), 1, broadcast("a", ""), "true"},
+      {of("registerForScreenStateChange", 1), 1, broadcast("a", ""), "false"},
+      {of("registerForPackageAction"), 1, broadcast("a.P", "package:q"), "a.P,q"},
+      {of("registerForTimeSync"), 1,
+       broadcast("a", "", 2,
+                 wire("'com.quarlo.velmos.service.timeservice.clock.OLD_TIME_MILLIS' 6 3L "
+                      "'com.quarlo.velmos.service.timeservice.clock.NEW_TIME_MILLIS' 6 4L")),
        "3,4"},
-      {of("registerForSecureSettingIntChange"), 1, true, setting("k", "12"), "12"},
-      {of("registerForSecureSettingIntChange"), 1, true, setting("k", ""), "7"},
-      {of("registerForNetworkConnectivityChange"), 1, false, {}, "true"},
-      {of("registerForNetworkConnectivityChange"), 6, false, {}, "false"},
-      {of("registerForNetworkConnectivityChange"), 2, false, {}, nullptr},
-      {of("unregisterForNetworkConnectivityChange"), 1, false, {}, "true"},
-      {of("sendEvent"), 1, false, notification(wire("1 0")), "SUCCESS,false"},
-      {of("sendEvent"), 1, false, notification(wire("1 4")), "TIMEOUT,true"},
-      {of("registerForDirective"), 1, false, wire("'1' '2' '4' '3' '5' '6' '7'"), "1,2,3,4,5,6,7"},
+      {of("registerForSecureSettingIntChange"), 1, setting("k", "12"), "12"},
+      {of("registerForNetworkConnectivityChange"), 1, {}, "true"},
+      {of("registerForNetworkConnectivityChange"), 6, {}, "false"},
+      {of("unregisterForNetworkConnectivityChange"), 1, {}, "true"},
+      {of("sendEvent"), 1, notification(wire("1 0")), "SUCCESS,false"},
+      {of("registerForDirective"), 1, wire("'1' '2' '4' '3' '5' '6' '7'"), "1"},
   };
   return all;
 }
 
+const Notice& notice_at(int place) {
+  return notices().at(static_cast<std::size_t>(place));
+}
+
 std::string describe(const Event& event) {
   // clang-format off
-  static constexpr std::array<const char*, 20> kWords = {
-      "start", "kill", "refuse binds of", "hold binds of", "complete binds of", "another process takes",
-      "send to", "call", "stop", "stopped", "drain", "drained", "reply", "awake", "callback ends",
-      "SLEEP", "REQUEST", "CALLBACK", "RETURN", "ANSWER"};
+  static constexpr std::array<const char*, 15> kWords = {
+      "start", "kill",  "hold binds of", "complete binds of", "send to", "call",
+      "drain", "drained", "reply", "awake", "callback ends", "SLEEP", "REQUEST", "CALLBACK", "RETURN"};
   // clang-format on
   std::ostringstream out;
-  out << kWords.at(static_cast<std::size_t>(event.kind));
-  if (event.kind <= Kind::kComplete || event.kind == Kind::kRequest) {
-    out << ' ' << kServices.at(static_cast<std::size_t>(event.a)) << ' ' << event.b;
-  } else if (event.kind == Kind::kCall) {
-    out << ' ' << method_at(event.a).name << ", callback " << event.b;
-  } else if (event.kind == Kind::kSend) {
-    const Notice& notice = notices().at(static_cast<std::size_t>(event.b));
-    out << ' ' << event.a << ": " << (notice.told != nullptr ? notice.told : "nothing") << " for "
-        << method_at(notice.to.row).name;
-  } else {
-    out << ' ' << event.a;
-  }
+  out << kWords.at(static_cast<std::size_t>(event.kind)) << ' ' << event.a << ' ' << event.b;
+  if (event.kind <= Kind::kComplete || event.kind == Kind::kRequest) out << ' ' << name_of(event.a);
+  if (event.kind == Kind::kCall) out << ' ' << method_at(event.a).name;
+  if (event.kind == Kind::kSend) out << " for " << notice_at(event.b).to.method->name << ' ' << notice_at(event.b).told;
   if (!event.text.empty()) out << " \"" << event.text << '"';
   if (event.bytes.size() > 0) out << ' ' << event.bytes;
-  if (event.flag) out << (event.kind == Kind::kSend ? " two-way" : event.kind == Kind::kRequest ? " +" : " throwing");
   return out.str();
 }
 
@@ -134,6 +103,13 @@ std::string describe(const Trace& trace, std::size_t count) {
   for (std::size_t n = 0; n < std::min(count, trace.size()); ++n)
     text += std::to_string(n) + ": " + describe(trace[n]) + "\n";
   return text;
+}
+
+std::string describe_end(const std::vector<std::string>& bindings, const Live& live, long callbacks, bool maro) {
+  std::ostringstream text;
+  for (const std::string& each : bindings) text << each << '\n';
+  text << "left: " << live << ", callbacks: " << callbacks << ", the assistant is connected: " << maro << '\n';
+  return text.str();
 }
 
 }  // namespace orvel::test::simulation

@@ -3,8 +3,8 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "support/Methods.h"
@@ -12,52 +12,60 @@
 
 namespace orvel::test::simulation {
 
-// The table of the public methods, and behind it what only orders of events need: starting and stopping, an end of the
-// network notifications by itself, and a row of registerForDirective for each of kNamespaces.
+inline const char* name_of(int service) {
+  return kServices.at(static_cast<std::size_t>(service));
+}
+
+constexpr std::array<const char*, 3> kNamespaces = {"N", "M", "O"};
+// The name under which the broker finds the client's endpoint for a namespace.
+inline std::string published_name(const std::string& nspace) {
+  return "sim_broker_service_" + nspace + "_vesk_endpoint";
+}
+
+// The table of the public methods without those whose second request depends on an answer, and behind it what only
+// orders of events need: starting and stopping, an end of the network notifications by itself, and last a row of
+// registerForDirective for each of kNamespaces.
 const std::vector<Method>& methods();
 const Method& method_at(int row);
 int row_of(const std::string& name);
 
-// A request's code and arguments, as the row at `row` makes it; its endpoint would follow.
+// One of the requests that a method makes.
 struct RequestOf {
-  int row;
-  int place;  // among the row's requests
+  const Method* method;
+  const Request* request;
+
+  // What it begins with on the wire; its endpoint would follow.
+  [[nodiscard]] Bytes head() const;
 };
-Bytes head_of(const RequestOf& request);
 
 // One message to an endpoint, and what its callback is told.
 struct Notice {
   RequestOf to;  // the request that brings such an endpoint
   unsigned code;
-  bool two_way;
   Bytes message;
-  const char* told;  // null: nothing
+  const char* told;
 };
-const std::vector<Notice>& notices();
+const std::vector<Notice>& notices();  // a directive is the last
+const Notice& notice_at(int place);
 
 enum class Kind {
   // What the run decided.
   kStart,     // a: service
   kKill,      // a: service
-  kRefuse,    // a: service, b: how often
   kHold,      // a: service
   kComplete,  // a: service
-  kTakeName,  // text: a name that another process serves from now on
-  kSend,      // a: the transfer of the endpoint, -1 for the one named text; b: the notice; flag: two-way
+  kSend,      // a: the transfer of the endpoint, -1 for the one named text; b: the notice
   kCall,      // a: row of the method, b: the number of its callback
-  kStop,      // another thread begins a shutdown ...
-  kStopped,   // ... which has ended
-  kDrain,
-  kDrained,      // the run loop runs what waits for it
-  kReply,        // a: 0, or what the call fails with; kExceptionReply for an exception of the service
-  kAwake,        // the end of a sleep
-  kCallbackEnd,  // flag: it throws
+  kDrain,     // the run loop runs what waits for it ...
+  kDrained,   // ... all of it
+  kReply,     // a: 0, or what the call fails with; kExceptionReply for an exception of the service
+  kAwake,     // the end of a sleep
+  kCallbackEnd,
   // What the client did.
   kSleep,     // a: seconds
-  kRequest,   // a: service, b: code, bytes, flag: with an endpoint
+  kRequest,   // a: service, b: code, bytes
   kCallback,  // a: callback, text: what it is told
-  kReturn,    // text
-  kAnswer     // a: result of a two-way call to an endpoint
+  kReturn     // text
 };
 constexpr int kExceptionReply = 1;
 
@@ -67,12 +75,6 @@ struct Event {
   int b = 0;
   std::string text = {};
   Bytes bytes = {};
-  bool flag = false;
-
-  // Whether all but the bytes is the same.
-  bool is_like(const Event& other) const {
-    return std::tie(kind, a, b, text, flag) == std::tie(other.kind, other.a, other.b, other.text, other.flag);
-  }
 };
 using Trace = std::vector<Event>;
 
@@ -80,10 +82,17 @@ std::string describe(const Event& event);
 // The first `count` events, one a line.
 std::string describe(const Trace& trace, std::size_t count);
 
-// The name under which the broker finds the client's endpoint for a namespace.
-inline std::string published_name(const std::string& nspace) {
-  return "sim_broker_service_" + nspace + "_vesk_endpoint";
-}
-constexpr std::array<const char*, 3> kNamespaces = {"N", "M", "O"};
+// What is left when a run is over: names bound, unbound and published in their order, what libvesk is owed, callbacks
+// that are still held, and whether the assistant is connected.
+std::string describe_end(const std::vector<std::string>& bindings, const Live& live, long callbacks, bool maro);
+
+// Runs one program of public calls against services, deaths, notifications and time that `seed` decides, the same on
+// every machine, and adds all that happens to `trace`. The client is shut down afterwards. Returns describe_end().
+std::string run_world(std::uint64_t seed, Trace& trace);
+
+// What a caller of the client is promised: takes over what the run decided, and says in advance all that the client
+// does. `pause` is how long a client waits after a death before it binds again, in seconds; `maro` says whether the
+// assistant was connected before. Returns describe_end(); throws std::runtime_error with what was not as promised.
+std::string model_end(const Trace& trace, int pause, bool maro);
 
 }  // namespace orvel::test::simulation
