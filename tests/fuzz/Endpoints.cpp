@@ -1,7 +1,6 @@
 // What services send to each endpoint of the library: which endpoint, the kind of the call and its code come from the
 // input, and then the message.
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "Match.h"
@@ -49,7 +48,7 @@ void check(const Message& message, bool servesTwoWay, bool isNews, const Expect&
 void checkSettings(const Message& message) {
   check<SettingsReceiverEndpoint, std::string, std::string>(
       message, true, true, [](Match& wire, const std::string& key, const std::string& value) {
-        wire.skip_header();
+        wire.skipHeader();
         wire.expectAll(key, value);
       });
 }
@@ -57,17 +56,8 @@ void checkSettings(const Message& message) {
 void checkBroadcast(const Message& message) {
   check<BroadcastReceiverEndpoint, std::string, std::string, Bundle>(
       message, false, true, [](Match& wire, const std::string& action, const std::string& data, const Bundle& extras) {
-        wire.skip_header();
-        // What the callback does not get is filled in as it stands on the wire.
-        orvel::test::Intent whole = Match(wire).intent();
-        OrvelIntent received;
-        received.action = action;
-        received.data = data;
-        received.text3 = std::move(whole.text3);
-        received.package = std::move(whole.package);
-        received.component = {whole.component.first, whole.component.second};
-        received.extras = extras;
-        wire.expect(received);
+        wire.skipHeader();
+        wire.expectBroadcast(action, data, extras);
       });
 }
 
@@ -84,11 +74,11 @@ void checkDirective(const Message& message) {
 }
 
 void checkEventStatus(const Message& message) {
-  check<OrvelSimEventStatusCallbackEndpoint, OrvelSimEventResult_t>(message, false, true,
-                                                                    [](Match& wire, OrvelSimEventResult_t result) {
-                                                                      wire.skip_header();
-                                                                      wire.expect(result);
-                                                                    });
+  const auto expect = [](Match& wire, OrvelSimEventResult_t result) {
+    wire.skipHeader();
+    wire.expect(result);
+  };
+  check<OrvelSimEventStatusCallbackEndpoint, OrvelSimEventResult_t>(message, false, true, expect);
 }
 
 }  // namespace

@@ -45,13 +45,6 @@ void writeText(Choices& choices, Parcel& parcel) {
   require(after.substr(parcel.position()) == before.substr(end), "what is behind a text stays");
 }
 
-void moveTo(std::size_t position, Parcel& parcel) {
-  const bool wasGood = parcel.error() == 0;
-  const bool good = wasGood && position <= parcel.bytes().size() && position % 4 == 0;
-  require((parcel.set_position(position) == 0) == good, "only a boundary inside is a position");
-  require(!good || parcel.position() == position, "a position is kept");
-}
-
 void cutTo(std::size_t size, Parcel& parcel) {
   const std::string before = bytesOf(parcel);
   require((parcel.truncate(size) == 0) == (size <= before.size()), "only what is there is cut");
@@ -64,7 +57,7 @@ void apply(unsigned operation, Choices& choices, Parcel& parcel) {
   if (operation == 2) parcel.write_f64(choices.number<double>());
   if (operation == 3) writeText(choices, parcel);
   if (operation == 4) parcel.write_endpoint_mark(choices.byte());
-  if (operation == 5) moveTo(choices.number<std::uint16_t>(), parcel);
+  if (operation == 5) parcel.set_position(choices.number<std::uint16_t>());
   if (operation == 6) cutTo(choices.number<std::uint16_t>(), parcel);
 }
 

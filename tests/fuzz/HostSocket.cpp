@@ -3,12 +3,12 @@
 #include <sys/socket.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <thread>
 
 #include "Fuzz.h"
 #include "support/BusMessage.h"
+#include "support/Process.h"
 #include "vesk/vesk_service.h"
 
 namespace {
@@ -44,10 +44,7 @@ int serve(void* runtime, vesk_endpoint* self, unsigned code, vesk_identity* call
 class Server {
  public:
   Server() {
-    std::string folder = (std::filesystem::temp_directory_path() / "orvel-fuzz-XXXXXX").string();
-    require(::mkdtemp(folder.data()) != nullptr, "there is a place for the directory");
-    m_folder = folder;
-    ::setenv("ORVEL_RUNTIME_DIR", (m_folder / "device").c_str(), 1);
+    ::setenv("ORVEL_RUNTIME_DIR", m_folder.path().c_str(), 1);
     require(vesk_serve_device(&m_runtime) == 0 && vesk_service_register(m_runtime, kServiceName, &m_endpoint) == 0,
             "a name can be served");
     m_loop = std::thread([this] { vesk_run_loop(m_runtime); });
@@ -56,12 +53,11 @@ class Server {
   ~Server() {
     vesk_shutdown(m_runtime);
     m_loop.join();
-    std::filesystem::remove_all(m_folder);
   }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  [[nodiscard]] BusLine connect() const { return BusLine::to(m_folder / "device" / kServiceName); }
+  [[nodiscard]] BusLine connect() const { return BusLine::to(m_folder.path() / kServiceName); }
 
   void expectAnswer(int number) {
     const PayloadPtr request(vesk_payload_alloc());
@@ -76,7 +72,7 @@ class Server {
   static constexpr vesk_endpoint_fn kFunctions{serve, serveOneWay, [](void*, vesk_endpoint*) { return 0; },
                                                [](void*, vesk_endpoint*) { return 0; }};
 
-  std::filesystem::path m_folder;
+  TemporaryDirectory m_folder;
   void* m_runtime = nullptr;
   vesk_endpoint m_endpoint{&kFunctions, nullptr};
   vesk_handle m_handle{};
