@@ -41,14 +41,12 @@ class BusBody {
 enum BusType : std::uint8_t { kBusCall = 1, kBusReturn = 2, kBusError = 3, kBusSignal = 4 };
 constexpr std::uint8_t kNoReplyExpected = 1;
 
-// One message. What is not set is left out; lengths are by default what they ought to be.
+// One message. What is not set is left out; the length of the body is by default what it ought to be.
 struct BusMessage {
   std::uint8_t type = kBusCall;
   std::uint8_t flags = 0;
-  std::uint8_t version = 1;
   std::uint32_t serial = 1;
   std::optional<std::uint32_t> body_length;
-  std::optional<std::uint32_t> fields_length;
   std::optional<std::string> path;
   std::optional<std::string> interface = "vesk.Peer";
   std::optional<std::string> member;
@@ -64,10 +62,9 @@ struct BusMessage {
 // The numbers of what travels with a call; nothing for one that is of a kind without them.
 using Endpoints = std::optional<std::vector<std::uint64_t>>;
 
-std::string_view view_of(const Bytes& bytes);
-
-// The object path of a service.
-std::string bus_path(const std::string& service);
+inline std::string_view view_of(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 // The messages of a client: the first one, which names the service, and a call with its code and its bytes. A call with
 // endpoints has their numbers, and the descriptor of the callback channel unless the channel is there already.
@@ -84,7 +81,6 @@ BusMessage bus_release(std::uint64_t endpoint, std::uint32_t count);
 // A message that came in.
 struct BusReceived {
   std::uint8_t type = 0;
-  std::uint8_t flags = 0;
   std::uint32_t serial = 0;
   std::uint32_t reply_serial = 0;
   std::string member;

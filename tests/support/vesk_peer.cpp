@@ -17,8 +17,6 @@
 namespace orvel::test {
 namespace {
 
-constexpr rlim_t kPeerFiles = 1024;
-
 struct {
   void* runtime = nullptr;
   std::vector<vesk_remote*> kept;
@@ -53,8 +51,7 @@ void answer_ask(void* context, int error, vesk_buffer* answer) {
 }
 
 void forget(void*, vesk_remote* gone) {
-  const auto found = std::find(peer.kept.begin(), peer.kept.end(), gone);
-  peer.kept.erase(found);
+  peer.kept.erase(std::find(peer.kept.begin(), peer.kept.end(), gone));
   vesk_remote_release(gone);
 }
 
@@ -86,12 +83,10 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
         ::_exit(0);
       }
       return std::raise(SIGKILL);
-    case kKeep: {
-      vesk_remote* remote = vesk_read_endpoint(request);
-      vesk_write_i32(reply, !peer.kept.empty() && vesk_remote_equal(peer.kept.back(), remote) != 0 ? 1 : 0);
-      peer.kept.push_back(remote);
-      return 0;
-    }
+    case kKeep:
+      peer.kept.push_back(vesk_read_endpoint(request));
+      return vesk_write_i32(
+          reply, peer.kept.size() > 1 && vesk_remote_equal(peer.kept.end()[-2], peer.kept.back()) != 0 ? 1 : 0);
     case kLetGo:
       vesk_remote_release(peer.kept.back());
       peer.kept.pop_back();
@@ -129,17 +124,13 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
   }
 }
 
-const vesk_endpoint_fn kFunctions{
-    serve,
-    [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
-    [](void*, vesk_endpoint*) { return 0; },
-    [](void*, vesk_endpoint*) { return 0; },
-};
+const vesk_endpoint_fn kFunctions{serve,
+                                  [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
+                                  [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
 
 int run(const char* name) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  // A process takes as many connections as it may have files open; few enough for a test to reach that.
-  const rlimit files{kPeerFiles, kPeerFiles};
+  const rlimit files{1024, 1024};  // as many connections as it takes, few enough for a test to reach that
   vesk_endpoint endpoint{&kFunctions, nullptr};
   if (::setrlimit(RLIMIT_NOFILE, &files) != 0) return 1;
   if (vesk_serve_device(&peer.runtime) != 0 || vesk_service_register(peer.runtime, name, &endpoint) != 0) return 1;
