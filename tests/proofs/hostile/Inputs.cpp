@@ -38,13 +38,13 @@ void Visit::serve_well(const std::function<void(Visit&, BusLine& channel)>& act)
   std::deque<BusLine> channels;
   line.send(test::kBusAnswer);
   while (const auto call = next_call()) {
-    line.send(name_answer(*call).bytes());
+    const std::size_t known = channels.size();
     for (vesk::UniqueFd& socket : line.received_descriptors()) {
-      BusLine& channel = channels.emplace_back(std::move(socket));
-      channel.send(test::kBusAnswer);
-      act(*this, channel);
+      channels.emplace_back(std::move(socket)).send(test::kBusAnswer);
     }
     line.received_descriptors().clear();
+    line.send(name_answer(*call).bytes());
+    if (channels.size() != known) act(*this, channels.back());
   }
 }
 

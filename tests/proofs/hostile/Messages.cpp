@@ -205,8 +205,11 @@ void add_channels(Inputs& inputs) {
     inputs.push_back({name, nullptr, [act](Visit& visit) { visit.serve_well(act); }, kTaken});
   };
   of_service("service/callback/good", [](Visit&, BusLine& channel) {
-    channel.send(setting_news().bytes());
-    const auto answer = channel.receive(5000);
+    std::optional<test::BusReceived> answer;
+    for (int n = 0; !answer && n < 25; ++n) {  // sd-bus looks at what came with the handshake only when more comes
+      channel.send(setting_news().bytes());
+      answer = channel.receive(200);
+    }
     if (!answer || answer->type != test::kBusReturn) throw Broken("a good callback was not answered");
   });
   of_service("service/callback/channel-closed", [](Visit&, BusLine& channel) { channel.close(); });
