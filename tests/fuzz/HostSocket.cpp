@@ -26,7 +26,6 @@ int serveOneWay(void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer* re
   vesk_remote* remote = vesk_read_endpoint(request);
   if (remote == nullptr) return 0;
   const PayloadPtr news(vesk_payload_alloc());
-  vesk_write_i32(news.get(), 7);
   vesk_remote_call_oneway(remote, 1, news.get());
   vesk_remote_call(
       remote, 2, news.get(), kCallTimeoutMs, [](void*, int, vesk_buffer*) {}, nullptr);

@@ -35,19 +35,6 @@ BusBody& BusBody::number(std::uint64_t value, int size) {
   return *this;
 }
 
-BusBody& BusBody::text(std::string_view value) {
-  return array(value).raw("\0"sv);
-}
-
-BusBody& BusBody::signature(std::string_view value) {
-  m_bytes += static_cast<char>(value.size());
-  return raw(value).raw("\0"sv);
-}
-
-BusBody& BusBody::array(std::string_view bytes) {
-  return u32(static_cast<std::uint32_t>(bytes.size())).raw(bytes);
-}
-
 BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
   u32(static_cast<std::uint32_t>(numbers.size() * 8)).align(8);
   for (const std::uint64_t value : numbers) u64(value);
@@ -56,11 +43,12 @@ BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
 
 std::string BusMessage::bytes() const {
   BusBody fields;  // in a message they begin at a multiple of 8
+  const char size = static_cast<char>(signature.value_or("").size());
   if (path) fields.align(8).raw("\1\1o\0"sv).text(*path);
   if (interface) fields.align(8).raw("\2\1s\0"sv).text(*interface);
   if (member) fields.align(8).raw("\3\1s\0"sv).text(*member);
   if (reply_serial) fields.align(8).raw("\5\1u\0"sv).u32(*reply_serial);
-  if (signature) fields.align(8).raw("\x8\1g\0"sv).signature(*signature);
+  if (signature) fields.align(8).raw("\x8\1g\0"sv).raw({&size, 1}).raw(*signature).raw("\0"sv);
   if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
   if (!extra_fields.empty()) fields.align(8).raw(extra_fields);
 

@@ -38,9 +38,9 @@ PayloadPtr payload_of(std::int32_t number) {
   return payload;
 }
 
-void write_outcome(vesk_payload* reply, int error, vesk_buffer* answer) {
+int write_outcome(vesk_payload* reply, int error, vesk_buffer* answer) {
   vesk_write_i32(reply, error == 0 ? 0 : 1);
-  if (error == 0) vesk_write_i32(reply, vesk_read_i32(answer));
+  return error == 0 ? vesk_write_i32(reply, vesk_read_i32(answer)) : 0;
 }
 
 // The completion of kAsk; `context` is the answer that is still owed.
@@ -55,14 +55,10 @@ void forget(void*, vesk_remote* gone) {
   vesk_remote_release(gone);
 }
 
-void answer_late() {
-  const PayloadPtr reply = payload_of(-1);
-  for (vesk_deferred* late : peer.unanswered) vesk_deferred_answer(late, 0, reply.get());
-  peer.unanswered.clear();
-}
-
 int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
-  if (code != kHang) answer_late();
+  for (; code != kHang && !peer.unanswered.empty(); peer.unanswered.pop_back()) {
+    vesk_deferred_answer(peer.unanswered.back(), 0, payload_of(-1).get());
+  }
   switch (code) {
     case kEcho:
       while (vesk_buffer_remaining(request) > 0) vesk_write_i32(reply, vesk_read_i32(request));
@@ -106,16 +102,13 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       if (error != 0) answer_ask(owed, error, nullptr);
       return 0;
     }
-    case kSendToName: {
-      const PayloadPtr message = payload_of(vesk_read_i32(request));
-      return vesk_call_oneway(peer.runtime, look_up(read_ascii(request)), kNews, message.get());
-    }
+    case kSendToName:
     case kAskName: {
       const PayloadPtr question = payload_of(vesk_read_i32(request));
       const BufferPtr answer(vesk_buffer_alloc());
       vesk_handle* handle = look_up(read_ascii(request));
-      write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
-      return 0;
+      if (code == kSendToName) return vesk_call_oneway(peer.runtime, handle, kNews, question.get());
+      return write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
     }
     case kNews:
       return vesk_write_i32(reply, vesk_read_i32(request) + 100);

@@ -42,11 +42,9 @@ bool fails(const char* function) {
   return true;
 }
 
-// A function and how it fails, from the `first` use on. Each is in the list by being there.
+// A function and how it fails. Each is in the list by being there.
 struct Kind {
-  Kind(const char* of, std::vector<int> with, int from = 1) : function(of), errors(std::move(with)), first(from) {
-    all().push_back(this);
-  }
+  Kind(const char* of, std::vector<int> with) : function(of), errors(std::move(with)) { all().push_back(this); }
   static std::vector<const Kind*>& all() {
     static std::vector<const Kind*> s_kinds;
     return s_kinds;
@@ -54,7 +52,6 @@ struct Kind {
 
   const char* function;
   std::vector<int> errors;
-  int first;
 };
 
 template <typename Function>
@@ -87,8 +84,6 @@ Function* real(const char* name) {
 STAND_IN(int, socket, (int a, int b, int c), (a, b, c), EMFILE, ENFILE, ENOBUFS, ENOMEM)
 STAND_IN(int, socketpair, (int a, int b, int c, int* d), (a, b, c, d), EMFILE, ENFILE, ENOMEM)
 STAND_IN(int, connect, (int a, const sockaddr* b, socklen_t c), (a, b, c), EAGAIN, EINTR, ENOMEM)
-// The first asks whether the device lives, whose word is taken for it.
-const Kind kNoPeer("connect", {ECONNREFUSED, ENOENT}, 2);
 STAND_IN(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), EADDRINUSE, ENOSPC, EROFS, ENOMEM)
 STAND_IN(int, listen, (int a, int b), (a, b), EADDRINUSE, ENOBUFS)
 STAND_IN(int, accept4, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d), EINTR, EMFILE, ECONNABORTED, ENOMEM)
@@ -182,7 +177,7 @@ bool inject(const char* function, int error, int n) {
 // The first uses one after the other, and then some further and further apart.
 void inject_each(const Kind& kind, int most) {
   for (const int error : kind.errors) {
-    for (int n = kind.first; inject(kind.function, error, n);) n += n < most ? 1 : n;
+    for (int n = 1; inject(kind.function, error, n);) n += n < most ? 1 : n;
   }
 }
 
