@@ -40,6 +40,7 @@ class Choices {
   [[nodiscard]] bool ended() const { return m_left.size == 0; }
   // Everything that has not been drawn.
   [[nodiscard]] Input rest() const { return m_left; }
+  [[nodiscard]] std::string text() const { return {reinterpret_cast<const char*>(m_left.data), m_left.size}; }
 
   std::uint8_t byte() { return number<std::uint8_t>(); }
 
@@ -69,10 +70,5 @@ class Choices {
 
   Input m_left;
 };
-
-// The bytes of an input as a text.
-inline std::string textOf(Input input) {
-  return {reinterpret_cast<const char*>(input.data), input.size};
-}
 
 }  // namespace orvel::fuzz

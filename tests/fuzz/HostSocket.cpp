@@ -95,18 +95,18 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (form >= kOpened) send(bus_open(kServiceName).bytes());
   if (form == kBody || form == kOneWayBody) {
     const unsigned code = choices.byte();
-    BusMessage call = bus_call(kServiceName, 2, code, textOf(choices.rest()));
+    BusMessage call = bus_call(kServiceName, 2, code, choices.text());
     if (form == kOneWayBody) call.flags = kNoReplyExpected;
     send(call.bytes());
   } else if (form == kChannel) {
     // The peer keeps one endpoint, and what it writes to its channel is the input.
     auto [mine, theirs] = socket_pair(SOCK_STREAM);
     const bool greets = choices.byte() % 2 == 1;
-    BusLine(std::move(mine)).send((greets ? kBusHello : "") + textOf(choices.rest()));
+    BusLine(std::move(mine)).send((greets ? kBusHello : "") + choices.text());
     const Bytes mark = Bytes().i32(0x56455350).i32(0);
     line.send(bus_call(kServiceName, 2, 2, view_of(mark), {{5}}).bytes(), {theirs.get()});
   } else {
-    send(textOf(choices.rest()));
+    send(choices.text());
   }
   ::shutdown(line.descriptor(), SHUT_WR);
   require(line.is_dropped(kPatienceMs), "a connection that is shut ends");

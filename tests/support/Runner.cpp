@@ -33,10 +33,15 @@ State& state() {
   return instance;
 }
 
-std::array<char, 400> g_hanging;  // the report that is ready for a signal handler
+std::array<char, 400> g_report;  // is ready for a signal handler
 
-void hung(int) {
-  if (write(STDOUT_FILENO, g_hanging.data(), std::strlen(g_hanging.data())) >= 0) std::abort();
+void stopped(int number) {
+  const char* const how = number == SIGALRM ? "HUNG: " : "ABORTED: ";
+  std::signal(SIGABRT, SIG_DFL);
+  if (write(STDOUT_FILENO, how, std::strlen(how)) >= 0 &&
+      write(STDOUT_FILENO, g_report.data(), std::strlen(g_report.data())) >= 0) {
+    std::abort();
+  }
   _exit(1);
 }
 
@@ -45,8 +50,8 @@ void hung(int) {
 void begin(const std::string& what) {
   const std::lock_guard<std::mutex> lock(state().mutex);
   state().now = what;
-  std::snprintf(g_hanging.data(), g_hanging.size(), "HUNG: %s; again with %s\n", what.c_str(), state().again.c_str());
-  std::signal(SIGALRM, hung);
+  std::snprintf(g_report.data(), g_report.size(), "%s; again with %s\n", what.c_str(), state().again.c_str());
+  for (const int number : {SIGALRM, SIGABRT}) std::signal(number, stopped);
   alarm(kLimitSeconds);
 }
 

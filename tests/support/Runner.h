@@ -61,8 +61,8 @@ class Runner {
   bool m_canary = false;
 };
 
-// Says what is tried from here on, for the report of a fault or a hang, and winds the alarm up again: what takes longer
-// than 30 s ends the process with SIGABRT, whose core file has every thread. Any thread.
+// Says what is tried from here on, for the report of a fault, an abort or a hang, and winds the alarm up again: what
+// takes longer than 30 s ends the process with SIGABRT, whose core file has every thread. Any thread.
 void begin(const std::string& what);
 
 // Reports, each case once, what does not hold. Any thread.

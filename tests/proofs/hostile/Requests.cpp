@@ -52,13 +52,9 @@ void damage(Attacked method, const std::string& header, const std::string& argum
     }
   }
   method.expect(kDenied, "one byte too many", whole + "x");
-  for (std::size_t size = 0; size < header.size(); size += 12) {
-    method.expect(kDenied, "header cut to " + std::to_string(size), whole.substr(0, size));
-  }
-  for (const std::size_t at : {2U, 6U, 10U}) {
-    std::string bytes = whole;
-    bytes[at] ^= 1;
-    method.expect(kDenied, "a wrong word of the header", bytes);
+  for (const std::size_t size : {0, 12}) method.expect(kDenied, "a cut header", whole.substr(0, size));
+  for (const std::size_t at : {2, 6, 10}) {
+    method.expect(kDenied, "a wrong word of the header", std::string(whole).replace(at, 1, "?"));
   }
   for (const std::string interface : {"~", "'com.quarlo.orveldelegate.INothing'"}) {
     const Bytes other = test::wire("0 -1 1398362964 " + interface);

@@ -54,25 +54,21 @@ struct Kind {
   std::vector<int> errors;
 };
 
-template <typename Function>
-Function* real(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
+#define LIBCS(type, name, parameters) reinterpret_cast<type(*) parameters>(::dlsym(RTLD_NEXT, #name))
 // A function that stands in for libc's, and the errors with which it fails.
-#define STAND_IN(type, name, parameters, arguments, ...)    \
-  EXPORTED type name parameters {                           \
-    static auto* const libc = real<type parameters>(#name); \
-    return fails(#name) ? type(-1) : libc arguments;        \
-  }                                                         \
+#define STAND_IN(type, name, parameters, arguments, ...)     \
+  EXPORTED type name parameters {                            \
+    static auto* const libc = LIBCS(type, name, parameters); \
+    return fails(#name) ? type(-1) : libc arguments;         \
+  }                                                          \
   const Kind kind_of_##name(#name, {__VA_ARGS__});
 // With one argument more, `rest`, which may be absent.
 #define STAND_IN_VARIADIC(name, last, parameters, arguments, ...) \
   EXPORTED int name parameters {                                  \
-    static auto* const libc = real<int parameters>(#name);        \
+    static auto* const libc = LIBCS(int, name, parameters);       \
     va_list list;                                                 \
     va_start(list, last);                                         \
     void* const rest = va_arg(list, void*);                       \
