@@ -1,6 +1,5 @@
 // What all fuzz targets share: promises, what an input makes the code allocate, and values drawn from an input. A
-// target is one function, which libFuzzer calls where clang builds with AddressSanitizer, and replay.cpp in every other
-// build.
+// target is one function, called by libFuzzer where clang builds with AddressSanitizer, elsewhere by replay.cpp.
 #pragma once
 
 #include <algorithm>

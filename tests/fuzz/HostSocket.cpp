@@ -20,7 +20,6 @@ using orvel::fuzz::require;
 constexpr int kPatienceMs = 20'000;
 constexpr char kServiceName[] = "fuzz";
 constexpr unsigned kEcho = 1;  // answers with a number of the request; every other code calls what came along
-constexpr unsigned kCallTimeoutMs = 20;
 
 int serveOneWay(void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer* request) {
   vesk_remote* remote = vesk_read_endpoint(request);
@@ -28,7 +27,7 @@ int serveOneWay(void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer* re
   const PayloadPtr news(vesk_payload_alloc());
   vesk_remote_call_oneway(remote, 1, news.get());
   vesk_remote_call(
-      remote, 2, news.get(), kCallTimeoutMs, [](void*, int, vesk_buffer*) {}, nullptr);
+      remote, 2, news.get(), /*timeout_ms=*/20, [](void*, int, vesk_buffer*) {}, nullptr);
   vesk_remote_release(remote);
   return 0;
 }
@@ -47,7 +46,8 @@ class Server {
     require(vesk_serve_device(&m_runtime) == 0 && vesk_service_register(m_runtime, kServiceName, &m_endpoint) == 0,
             "a name can be served");
     m_loop = std::thread([this] { vesk_run_loop(m_runtime); });
-    require(vesk_binder_servicemanager_get(m_runtime, kServiceName, &m_handle) == 0, "the name is found");
+    m_line = connect();
+    m_line.send(kBusHello + bus_open(kServiceName).bytes());
   }
   ~Server() {
     vesk_shutdown(m_runtime);
@@ -58,13 +58,11 @@ class Server {
 
   [[nodiscard]] BusLine connect() const { return BusLine::to(m_folder.path() / kServiceName); }
 
-  void expectAnswer(int number) {
-    const PayloadPtr request(vesk_payload_alloc());
-    const BufferPtr reply(vesk_buffer_alloc());
-    vesk_write_i32(request.get(), number);
-    require(
-        vesk_call(m_runtime, &m_handle, kEcho, request.get(), reply.get()) == 0 && vesk_read_i32(reply.get()) == number,
-        "the process still answers others");
+  // Over a connection from before the attacks.
+  void expectAnswer(std::uint32_t serial) {
+    m_line.send(bus_call(kServiceName, serial, kEcho, "1234").bytes());
+    const auto answer = m_line.receive(kPatienceMs);
+    require(answer && answer->reply_serial == serial && answer->body.substr(8) == "1234", "it still answers others");
   }
 
  private:
@@ -74,7 +72,7 @@ class Server {
   TemporaryDirectory m_folder;
   void* m_runtime = nullptr;
   vesk_endpoint m_endpoint{&kFunctions, nullptr};
-  vesk_handle m_handle{};
+  BusLine m_line{vesk::UniqueFd()};
   std::thread m_loop;
 };
 
@@ -85,7 +83,7 @@ enum Form : unsigned { kRaw, kAuthenticated, kOpened, kBody, kOneWayBody, kChann
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Server server;
-  static int number = 0;
+  static std::uint32_t serial = 1;
   Choices choices({data, size});
   const unsigned form = choices.byte() % kForms;
   const std::size_t piece = choices.byte();
@@ -110,6 +108,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   }
   ::shutdown(line.descriptor(), SHUT_WR);
   require(line.is_dropped(kPatienceMs), "a connection that is shut ends");
-  server.expectAnswer(++number);
+  server.expectAnswer(++serial);
   return 0;
 }

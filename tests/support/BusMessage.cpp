@@ -50,7 +50,6 @@ std::string BusMessage::bytes() const {
   if (reply_serial) fields.align(8).raw("\5\1u\0"sv).u32(*reply_serial);
   if (signature) fields.align(8).raw("\x8\1g\0"sv).raw({&size, 1}).raw(*signature).raw("\0"sv);
   if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
-  if (!extra_fields.empty()) fields.align(8).raw(extra_fields);
 
   BusBody whole;
   const char start[] = {'l', static_cast<char>(type), static_cast<char>(flags), 1};

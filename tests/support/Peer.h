@@ -28,7 +28,7 @@ enum PeerCode : unsigned {
 // The code of what the peer sends: one number.
 constexpr unsigned kNews = 70;
 
-// Runs from construction until kill() or destruction, whichever comes first.
+// Runs from construction until kill() or destruction.
 class Peer {
  public:
   explicit Peer(std::string name);

@@ -35,13 +35,9 @@ State& state() {
 
 std::array<char, 400> g_report;  // is ready for a signal handler
 
-void stopped(int number) {
-  const char* const how = number == SIGALRM ? "HUNG: " : "ABORTED: ";
+void stopped(int) {
   std::signal(SIGABRT, SIG_DFL);
-  if (write(STDOUT_FILENO, how, std::strlen(how)) >= 0 &&
-      write(STDOUT_FILENO, g_report.data(), std::strlen(g_report.data())) >= 0) {
-    std::abort();
-  }
+  if (write(STDOUT_FILENO, g_report.data(), std::strlen(g_report.data())) >= 0) std::abort();
   _exit(1);
 }
 
@@ -50,7 +46,8 @@ void stopped(int number) {
 void begin(const std::string& what) {
   const std::lock_guard<std::mutex> lock(state().mutex);
   state().now = what;
-  std::snprintf(g_report.data(), g_report.size(), "%s; again with %s\n", what.c_str(), state().again.c_str());
+  std::snprintf(g_report.data(), g_report.size(), "HUNG OR ABORTED: %s; again with %s\n", what.c_str(),
+                state().again.c_str());
   for (const int number : {SIGALRM, SIGABRT}) std::signal(number, stopped);
   alarm(kLimitSeconds);
 }
@@ -95,8 +92,8 @@ int Runner::run(const std::function<std::string()>& summary) {
   for (const Part& part : m_parts) {
     if (!isChosen(part.name)) continue;
     ++parts;
-    const std::string draws = "' --seed " + std::to_string(m_seed) + " --count " + std::to_string(m_count);
-    state().again = "--only '" + part.name + draws;
+    state().again =
+        "--only '" + part.name + "' --seed " + std::to_string(m_seed) + " --count " + std::to_string(m_count);
     begin(part.name);
     try {
       part.run();

@@ -60,7 +60,6 @@ class Visit {
 
 // What an input must lead to, apart from harm to no other process.
 enum Outcome {
-  kEither,
   kRefused,  // the device ends the connection; the client does not learn the name of the service
   kTaken,    // the connection goes on; the client learns the name
 };
@@ -70,15 +69,13 @@ struct Input {
   std::string name;
   std::function<void(Attack&)> at_device;
   std::function<void(Visit&)> at_client = nullptr;
-  Outcome outcome = kEither;  // of a client
+  Outcome outcome = kTaken;  // of a client
 };
 using Inputs = std::vector<Input>;
 
 void add_requests(Inputs& inputs);  // what the connection takes, and a service of the device does not
 void add_messages(Inputs& inputs);  // a table of bytes, for either side
 void add_channels(Inputs& inputs);  // what becomes of callback channels
-
-// ---- What they are made of ----
 
 struct Answer {
   std::int32_t status = -1;    // of the runtime

@@ -85,18 +85,7 @@ void add_methods(Inputs& inputs) {
   }
 }
 
-// An endpoint that there is not, an index beyond the last one and below the first, and one without its mark.
-void refer_wrongly(Attack& attack) {
-  for (const char* endpoint : {"1447383888 1", "1447383888 -1", "707406378 0", "1447383888 0"}) {
-    const Bytes arguments = test::wire(std::string("'key' ") + endpoint);
-    const Bytes bytes = test::request(test::kInterfaces[test::kDelegate], arguments);
-    const bool with_endpoint = endpoint != std::string("1447383888 0");
-    Attacked{attack, test::kDelegate, 34, with_endpoint}.expect(kDenied, endpoint, view_of(bytes));
-  }
-}
-
-// The device's own commands send their orders in the same way. The answer is an error, or a text that says what is
-// wrong.
+// The device's own commands send their orders so; the answer is an error, or a text that says what is wrong.
 void order(Attack& attack) {
   for (const char* text : {"", R"({"order":)", R"({"order":7})", "[[[[[[[[[[[["}) {
     const std::string control = "orvel-sim-control";
@@ -110,7 +99,6 @@ void order(Attack& attack) {
 
 void add_requests(Inputs& inputs) {
   add_methods(inputs);
-  inputs.push_back({"device/references", refer_wrongly});
   inputs.push_back({"device/control", order});
 }
 

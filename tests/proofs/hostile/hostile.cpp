@@ -1,7 +1,6 @@
 // Throws every input at the simulated device or at a client, and looks after each whether it is alive, and whether the
 // device serves all others as before and keeps nothing.
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -176,8 +175,6 @@ int main(int argc, char** argv) {
                              "Hostile clients against the simulated device, and a hostile service against clients");
   if (const auto status = runner.parse(argc, argv)) return *status;
   std::signal(SIGPIPE, SIG_IGN);
-  const rlimit usual{1024, 1024};  // what the device's own limits are made for, whatever this machine allows
-  ::setrlimit(RLIMIT_NOFILE, &usual);
   hostile::Inputs inputs;
   hostile::add_requests(inputs);
   hostile::add_messages(inputs);
