@@ -175,7 +175,7 @@ void add_channels(Inputs& inputs) {
   of_client("client/channel/silent",
             [](Attack& attack, BusLine& line) { attack.keep(send_with_channel(line, registration(), false)); });
   of_client("client/channel/twice", [](Attack& attack, BusLine& line) {
-    for (const std::uint32_t serial : {2, 3}) attack.keep(send_with_channel(line, registration(serial)));
+    for (const std::uint32_t serial : {2U, 3U}) attack.keep(send_with_channel(line, registration(serial)));
   });
   of_client("client/channel/5000-endpoints", [](Attack& attack, BusLine& line) {
     const std::vector<std::uint64_t> numbers(5000, 1);

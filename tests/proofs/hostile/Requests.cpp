@@ -52,8 +52,8 @@ void damage(Attacked method, const std::string& header, const std::string& argum
     }
   }
   method.expect(kDenied, "one byte too many", whole + "x");
-  for (const std::size_t size : {0, 12}) method.expect(kDenied, "a cut header", whole.substr(0, size));
-  for (const std::size_t at : {2, 6, 10}) {
+  for (const std::size_t size : {0U, 12U}) method.expect(kDenied, "a cut header", whole.substr(0, size));
+  for (const std::size_t at : {2U, 6U, 10U}) {
     method.expect(kDenied, "a wrong word of the header", std::string(whole).replace(at, 1, "?"));
   }
   for (const std::string interface : {"~", "'com.quarlo.orveldelegate.INothing'"}) {
