@@ -1,6 +1,5 @@
 // What all fuzz targets share: promises, what an input makes the code allocate, and values drawn from an input. A
-// target is one function, which libFuzzer calls where clang builds with AddressSanitizer, and replay.cpp in every other
-// build.
+// target is one function, called by libFuzzer where clang builds with AddressSanitizer, elsewhere by replay.cpp.
 #pragma once
 
 #include <algorithm>
@@ -40,6 +39,7 @@ class Choices {
   [[nodiscard]] bool ended() const { return m_left.size == 0; }
   // Everything that has not been drawn.
   [[nodiscard]] Input rest() const { return m_left; }
+  [[nodiscard]] std::string text() const { return {reinterpret_cast<const char*>(m_left.data), m_left.size}; }
 
   std::uint8_t byte() { return number<std::uint8_t>(); }
 
@@ -69,10 +69,5 @@ class Choices {
 
   Input m_left;
 };
-
-// The bytes of an input as a text.
-inline std::string textOf(Input input) {
-  return {reinterpret_cast<const char*>(input.data), input.size};
-}
 
 }  // namespace orvel::fuzz

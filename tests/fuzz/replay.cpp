@@ -1,7 +1,5 @@
 // Runs a fuzz target without libFuzzer: on each input of its corpus.
 #include <CLI/CLI.hpp>
-#include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,16 +12,7 @@
 
 namespace {
 
-char g_current[4096];  // the input that the target has, for the last words of the process
-
-void onSignal(int number) {
-  std::fprintf(stderr, "failed on %s\n", g_current);
-  std::signal(number, SIG_DFL);
-  std::raise(number);
-}
-
 void run(const std::string& file) {
-  std::snprintf(g_current, sizeof(g_current), "%s", file.c_str());
   std::ifstream stream(file, std::ios::binary);
   // Of just that size, so that a sanitizer sees each byte that is read behind the last one.
   std::vector<std::uint8_t> input{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
@@ -34,21 +23,14 @@ void run(const std::string& file) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> paths;
+  std::string corpus;
   const std::string program = std::filesystem::path(argv[0]).filename();
   orvel::test::Runner runner(program, "Runs a fuzz target on the inputs of its corpus.");
-  runner.options().add_option("inputs", paths, "Files, and folders of files")->required()->check(CLI::ExistingPath);
+  runner.options().add_option("corpus", corpus, "A folder of files")->required()->check(CLI::ExistingDirectory);
   if (const auto status = runner.parse(argc, argv)) return *status;
-  for (const int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) std::signal(number, onSignal);
-
-  std::set<std::string> files = {"/dev/null"};  // that no bytes at all are harmless is checked too
-  for (const std::string& path : paths) {
-    if (!std::filesystem::is_directory(path)) {
-      files.insert(path);
-      continue;
-    }
-    for (const auto& entry : std::filesystem::directory_iterator(path)) files.insert(entry.path());
-  }
-  for (const std::string& file : files) runner.add(file, [&file] { run(file); });
+  const std::filesystem::directory_iterator begin(corpus);
+  std::set<std::filesystem::path> files(begin, std::filesystem::directory_iterator());
+  files.insert("/dev/null");  // that no bytes at all are harmless is checked too
+  for (const std::filesystem::path& file : files) runner.add(file, [&file] { run(file); });
   return runner.run([] { return "all read"; });
 }

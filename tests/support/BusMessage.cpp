@@ -35,19 +35,6 @@ BusBody& BusBody::number(std::uint64_t value, int size) {
   return *this;
 }
 
-BusBody& BusBody::text(std::string_view value) {
-  return array(value).raw("\0"sv);
-}
-
-BusBody& BusBody::signature(std::string_view value) {
-  m_bytes += static_cast<char>(value.size());
-  return raw(value).raw("\0"sv);
-}
-
-BusBody& BusBody::array(std::string_view bytes) {
-  return u32(static_cast<std::uint32_t>(bytes.size())).raw(bytes);
-}
-
 BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
   u32(static_cast<std::uint32_t>(numbers.size() * 8)).align(8);
   for (const std::uint64_t value : numbers) u64(value);
@@ -56,57 +43,51 @@ BusBody& BusBody::array(const std::vector<std::uint64_t>& numbers) {
 
 std::string BusMessage::bytes() const {
   BusBody fields;  // in a message they begin at a multiple of 8
+  const char size = static_cast<char>(signature.value_or("").size());
   if (path) fields.align(8).raw("\1\1o\0"sv).text(*path);
   if (interface) fields.align(8).raw("\2\1s\0"sv).text(*interface);
   if (member) fields.align(8).raw("\3\1s\0"sv).text(*member);
   if (reply_serial) fields.align(8).raw("\5\1u\0"sv).u32(*reply_serial);
-  if (signature) fields.align(8).raw("\x8\1g\0"sv).signature(*signature);
+  if (signature) fields.align(8).raw("\x8\1g\0"sv).raw({&size, 1}).raw(*signature).raw("\0"sv);
   if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
-  if (!extra_fields.empty()) fields.align(8).raw(extra_fields);
 
   BusBody whole;
-  const char start[] = {'l', static_cast<char>(type), static_cast<char>(flags), static_cast<char>(version)};
+  const char start[] = {'l', static_cast<char>(type), static_cast<char>(flags), 1};
   whole.raw({start, sizeof(start)});
   whole.u32(body_length.value_or(static_cast<std::uint32_t>(body.size()))).u32(serial);
-  whole.u32(fields_length.value_or(static_cast<std::uint32_t>(fields.bytes().size())));
-  return whole.raw(fields.bytes()).align(8).raw(body).bytes();
-}
-
-std::string_view view_of(const Bytes& bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-std::string bus_path(const std::string& service) {
-  constexpr char kHex[] = "0123456789abcdef";
-  std::string path = "/service/";
-  for (const char letter : service) {
-    const auto byte = static_cast<unsigned char>(letter);
-    if (std::isalnum(byte) != 0) {
-      path += letter;
-    } else {
-      path += {'_', kHex[byte >> 4U], kHex[byte & 0xFU]};
-    }
-  }
-  return path;
+  return whole.array(fields.bytes()).align(8).raw(body).bytes();
 }
 
 namespace {
 
-BusMessage message(std::string path, const char* member, std::string signature, std::string body) {
+// The object path of a service.
+std::string path_of(const std::string& service) {
+  std::string path = "/service/";
+  for (const char letter : service) {
+    constexpr char kHex[] = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(letter);
+    if (std::isalnum(byte) != 0) path += letter;
+    if (std::isalnum(byte) == 0) path += {'_', kHex[byte >> 4U], kHex[byte & 0xFU]};
+  }
+  return path;
+}
+
+BusMessage message(std::string path, const char* member, std::uint32_t serial, bool answered, const char* signature,
+                   const BusBody& body) {
   BusMessage message;
   message.path = std::move(path);
   message.member = member;
-  if (!signature.empty()) message.signature = std::move(signature);
-  message.body = std::move(body);
+  message.serial = serial;
+  message.flags = answered ? 0 : kNoReplyExpected;
+  if (!body.bytes().empty()) message.signature = signature;
+  message.body = body.bytes();
   return message;
 }
 
 }  // namespace
 
 BusMessage bus_open(const std::string& service) {
-  BusMessage open = message(bus_path(service), "Open", "", "");
-  open.flags = kNoReplyExpected;
-  return open;
+  return message(path_of(service), "Open", 1, false, "", {});
 }
 
 BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint32_t code, std::string_view bytes,
@@ -115,8 +96,8 @@ BusMessage bus_call(const std::string& service, std::uint32_t serial, std::uint3
   body.u32(code).array(bytes);
   if (endpoints) body.array(*endpoints);
   if (endpoints && channel) body.u32(0);
-  BusMessage call = message(bus_path(service), "Call", !endpoints ? "uay" : channel ? "uayath" : "uayat", body.bytes());
-  call.serial = serial;
+  const char* const signature = !endpoints ? "uay" : channel ? "uayath" : "uayat";
+  BusMessage call = message(path_of(service), "Call", serial, true, signature, body);
   if (endpoints && channel) call.descriptors = 1;
   return call;
 }
@@ -135,17 +116,11 @@ BusMessage bus_answer(std::uint32_t to, std::int32_t status, std::string_view by
 
 BusMessage bus_callback(std::uint32_t serial, std::uint64_t endpoint, std::uint32_t code, std::string_view bytes,
                         bool answered) {
-  BusMessage call = message("/", "Call", "tuay", BusBody().u64(endpoint).u32(code).array(bytes).bytes());
-  call.serial = serial;
-  call.flags = answered ? 0 : kNoReplyExpected;
-  return call;
+  return message("/", "Call", serial, answered, "tuay", BusBody().u64(endpoint).u32(code).array(bytes));
 }
 
 BusMessage bus_release(std::uint64_t endpoint, std::uint32_t count) {
-  BusMessage release = message("/", "Release", "tu", BusBody().u64(endpoint).u32(count).bytes());
-  release.serial = 50;
-  release.flags = kNoReplyExpected;
-  return release;
+  return message("/", "Release", 50, false, "tu", BusBody().u64(endpoint).u32(count));
 }
 
 // ---- Connections ----
@@ -250,17 +225,12 @@ std::optional<BusReceived> BusLine::receive(int limit_ms) {
   };
   if (!finish_handshake(limit_ms)) return std::nullopt;
   constexpr std::size_t kFixed = 16;
-  while (m_input.size() < kFixed) {
-    if (!read_more(limit_ms)) return std::nullopt;
-  }
-  const std::size_t body_at = kFixed + (word(12) + 7) / 8 * 8;
-  const std::size_t size = body_at + word(4);
-  while (m_input.size() < size) {
+  const auto body_at = [&] { return kFixed + (word(12) + 7) / 8 * 8; };
+  while (m_input.size() < kFixed || m_input.size() < body_at() + word(4)) {
     if (!read_more(limit_ms)) return std::nullopt;
   }
   BusReceived message;
   message.type = static_cast<std::uint8_t>(m_input[1]);
-  message.flags = static_cast<std::uint8_t>(m_input[2]);
   message.serial = word(8);
   const std::size_t end = kFixed + word(12);
   for (std::size_t at = kFixed; at + 8 <= end; at = (at + 7) / 8 * 8) {
@@ -270,8 +240,8 @@ std::optional<BusReceived> BusLine::receive(int limit_ms) {
     if (code == 3) message.member = m_input.substr(at + 8, word(at + 4));
     at += type == 'u' ? 8 : type == 'g' ? 6 + static_cast<unsigned char>(m_input[at + 4]) : 9 + word(at + 4);
   }
-  message.body = m_input.substr(body_at, size - body_at);
-  m_input.erase(0, size);
+  message.body = m_input.substr(body_at(), word(4));
+  m_input.erase(0, body_at() + word(4));
   return message;
 }
 

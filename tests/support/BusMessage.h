@@ -23,9 +23,8 @@ class BusBody {
  public:
   BusBody& u32(std::uint32_t value) { return number(value, 4); }
   BusBody& u64(std::uint64_t value) { return number(value, 8); }
-  BusBody& text(std::string_view value);  // string or object path
-  BusBody& signature(std::string_view value);
-  BusBody& array(std::string_view bytes);
+  BusBody& text(std::string_view value) { return array(value).raw({"", 1}); }  // string or object path
+  BusBody& array(std::string_view bytes) { return u32(static_cast<std::uint32_t>(bytes.size())).raw(bytes); }
   BusBody& array(const std::vector<std::uint64_t>& numbers);
   BusBody& raw(std::string_view bytes);
   BusBody& align(std::size_t boundary);
@@ -38,24 +37,21 @@ class BusBody {
   std::string m_bytes;
 };
 
-enum BusType : std::uint8_t { kBusCall = 1, kBusReturn = 2, kBusError = 3, kBusSignal = 4 };
+enum BusType : std::uint8_t { kBusCall = 1, kBusReturn = 2, kBusSignal = 4 };
 constexpr std::uint8_t kNoReplyExpected = 1;
 
-// One message. What is not set is left out; lengths are by default what they ought to be.
+// One message. What is not set is left out; the length of the body is by default what it ought to be.
 struct BusMessage {
   std::uint8_t type = kBusCall;
   std::uint8_t flags = 0;
-  std::uint8_t version = 1;
   std::uint32_t serial = 1;
   std::optional<std::uint32_t> body_length;
-  std::optional<std::uint32_t> fields_length;
   std::optional<std::string> path;
   std::optional<std::string> interface = "vesk.Peer";
   std::optional<std::string> member;
   std::optional<std::string> signature;
   std::optional<std::uint32_t> reply_serial;
   std::optional<std::uint32_t> descriptors;
-  std::string extra_fields;  // appended to the header fields as they are
   std::string body;
 
   [[nodiscard]] std::string bytes() const;
@@ -64,10 +60,9 @@ struct BusMessage {
 // The numbers of what travels with a call; nothing for one that is of a kind without them.
 using Endpoints = std::optional<std::vector<std::uint64_t>>;
 
-std::string_view view_of(const Bytes& bytes);
-
-// The object path of a service.
-std::string bus_path(const std::string& service);
+inline std::string_view view_of(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 // The messages of a client: the first one, which names the service, and a call with its code and its bytes. A call with
 // endpoints has their numbers, and the descriptor of the callback channel unless the channel is there already.
@@ -84,7 +79,6 @@ BusMessage bus_release(std::uint64_t endpoint, std::uint32_t count);
 // A message that came in.
 struct BusReceived {
   std::uint8_t type = 0;
-  std::uint8_t flags = 0;
   std::uint32_t serial = 0;
   std::uint32_t reply_serial = 0;
   std::string member;

@@ -1,8 +1,6 @@
 // A device for the client inside one process.
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -39,13 +37,13 @@ class FakeServices {
 
   // The registrations, calls with an endpoint, that the service has taken over the client's newest connection to it.
   std::vector<Transaction> registrations(const std::string& service = kServices[kDelegate]) const {
-    std::vector<Transaction> calls = m_vesk.transactions(service);
-    const std::uint32_t newest = calls.empty() ? 0 : calls.back().connection;
-    const auto is_other = [newest](const Transaction& call) {
-      return call.connection != newest || call.endpoints.empty() || call.result != 0;
-    };
-    calls.erase(std::remove_if(calls.begin(), calls.end(), is_other), calls.end());
-    return calls;
+    const std::vector<Transaction> calls = m_vesk.transactions(service);
+    std::vector<Transaction> taken;
+    for (const Transaction& call : calls) {
+      const bool is_newest = call.connection == calls.back().connection;
+      if (is_newest && !call.endpoints.empty() && call.result == 0) taken.push_back(call);
+    }
+    return taken;
   }
   // The setting key or the action that a registration with the delegate service is for.
   static std::string subject(const Transaction& registration) {

@@ -15,8 +15,7 @@ InprocessVesk& the_vesk() {
 
 Reply outcome(std::future<Reply> answer) {
   const Reply reply = answer.get();
-  if (reply.result != 0) return {Bytes().i32(1)};
-  return {Bytes().i32(0).append(reply.bytes)};
+  return {reply.result != 0 ? Bytes().i32(1) : Bytes().i32(0).append(reply.bytes)};
 }
 
 }  // namespace
@@ -34,11 +33,9 @@ struct Peer::Form {
       case kDie:
         vesk.kill_service(call.service);
         return {};
-      case kKeep: {
-        const bool same = !kept.empty() && kept.back() == call.endpoints.at(0);
+      case kKeep:
         kept.push_back(call.endpoints.at(0));
-        return {Bytes().i32(same ? 1 : 0)};
-      }
+        return {Bytes().i32(kept.size() > 1 && kept.end()[-2] == kept.back() ? 1 : 0)};
       case kLetGo: {
         vesk_endpoint* endpoint = kept.back();
         kept.pop_back();

@@ -1,5 +1,5 @@
-// A service in another process, as the contract of libvesk sees one, in two forms. With InprocessVesk it is a
-// scripted service (InprocessPeer.cpp), with the host runtime a real process (ProcessPeer.cpp runs vesk_peer.cpp).
+// A service in another process, as the contract of libvesk sees one, in two forms. With InprocessVesk it is a scripted
+// service (InprocessPeer.cpp), with the host runtime a real process (ProcessPeer.cpp runs vesk_peer.cpp).
 #pragma once
 
 #include <memory>
@@ -28,7 +28,7 @@ enum PeerCode : unsigned {
 // The code of what the peer sends: one number.
 constexpr unsigned kNews = 70;
 
-// Runs from construction until kill() or destruction, whichever comes first.
+// Runs from construction until kill() or destruction.
 class Peer {
  public:
   explicit Peer(std::string name);

@@ -34,15 +34,14 @@ std::vector<char*> pointersTo(const Words& words) {
 }
 
 // This process's environment with `given` in it, each variable once: a shell may take the second of two.
-Words environmentWith(Words given) {
-  const std::size_t count = given.size();
+Words environmentWith(const Words& given) {
+  Words all = given;
   for (char** variable = environ; *variable != nullptr; ++variable) {
     const std::string name(*variable, std::strcspn(*variable, "=") + 1);
     const auto isIt = [&](const std::string& other) { return other.rfind(name, 0) == 0; };
-    const auto end = given.begin() + static_cast<std::ptrdiff_t>(count);
-    if (std::none_of(given.begin(), end, isIt)) given.emplace_back(*variable);
+    if (std::none_of(given.begin(), given.end(), isIt)) all.emplace_back(*variable);
   }
-  return given;
+  return all;
 }
 
 // Polls until one is ready; false when the limit passes first.
@@ -52,13 +51,6 @@ bool pollUntil(pollfd* polled, nfds_t count, Clock::time_point limit) {
     const int ready = poll(polled, count, static_cast<int>(std::max<long>(left.count(), 0)));
     if (ready >= 0 || errno != EINTR) return check_errno(ready) > 0;
   }
-}
-
-bool waitForEndUntil(pid_t pid, Clock::time_point limit) {
-  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-  if (!process && errno == ESRCH) return true;
-  pollfd ended = {check_errno(process.get()), POLLIN, 0};
-  return pollUntil(&ended, 1, limit);
 }
 
 }  // namespace
@@ -124,16 +116,15 @@ std::string Process::waitFor(Stream& stream, const std::string& text, Limit limi
 }
 
 bool Process::readUntil(Clock::time_point end) {
-  Stream* const streams[] = {&m_output, &m_error};
   pollfd polled[] = {{m_output.descriptor.get(), POLLIN, 0}, {m_error.descriptor.get(), POLLIN, 0}};
   if (!m_output.descriptor && !m_error.descriptor) return false;
   if (!pollUntil(polled, 2, end)) fail("says no more");
-  for (int i = 0; i < 2; ++i) {
-    if (polled[i].fd < 0 || polled[i].revents == 0) continue;
+  for (Stream* stream : {&m_output, &m_error}) {
+    if (polled[stream == &m_output ? 0 : 1].revents == 0) continue;
     char bytes[4096];
-    const ssize_t size = ::read(polled[i].fd, bytes, sizeof(bytes));
-    if (size > 0) streams[i]->text.append(bytes, static_cast<std::size_t>(size));
-    if (size <= 0) streams[i]->descriptor.reset();
+    const ssize_t size = ::read(stream->descriptor.get(), bytes, sizeof(bytes));
+    if (size > 0) stream->text.append(bytes, static_cast<std::size_t>(size));
+    if (size <= 0) stream->descriptor.reset();
   }
   return true;
 }
@@ -142,7 +133,7 @@ int Process::wait(Limit limit) {
   const auto end = Clock::now() + limit;
   while (readUntil(end)) {
   }
-  if (m_status < 0 && !waitForEndUntil(m_pid, end)) fail("does not end");
+  if (m_status < 0) waitForEndOf(m_pid, std::chrono::ceil<Limit>(end - Clock::now()));
   hasEnded();
   return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status);
 }
@@ -164,9 +155,11 @@ Result run(const Words& words, const Words& environment) {
 }
 
 void waitForEndOf(pid_t pid, Limit limit) {
-  if (!waitForEndUntil(pid, Clock::now() + limit)) {
-    throw std::runtime_error("process " + std::to_string(pid) + " does not end");
-  }
+  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  if (!process && errno == ESRCH) return;
+  pollfd ended = {check_errno(process.get()), POLLIN, 0};
+  if (pollUntil(&ended, 1, Clock::now() + limit)) return;
+  throw std::runtime_error("process " + std::to_string(pid) + " does not end");
 }
 
 Usage usageOf(pid_t pid) {

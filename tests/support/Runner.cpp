@@ -19,24 +19,25 @@ namespace orvel::test {
 namespace {
 
 constexpr std::size_t kMostReported = 20;
+constexpr unsigned kLimitSeconds = 30;
 
-// Never destroyed: threads may outlive main().
+// Never destroyed: threads may outlive main(). The mutex guards the rest.
 struct State {
   std::mutex mutex;
-  std::string again;               // the options that try the same once more
-  std::string now;                 // what is tried
-  std::set<std::string> reported;  // guarded by the mutex, as all of these
+  std::string again;  // the options that try the same once more
+  std::string now;    // what is tried
+  std::set<std::string> reported;
 };
 State& state() {
   static State& instance = *new State;
   return instance;
 }
 
-std::array<char, 400> g_hanging;  // the report that is ready for a signal handler
-unsigned g_limit = 0;             // seconds; 0 before the program runs
+std::array<char, 400> g_report;  // is ready for a signal handler
 
-void hung(int) {
-  if (write(STDOUT_FILENO, g_hanging.data(), std::strlen(g_hanging.data())) >= 0) std::abort();
+void stopped(int) {
+  std::signal(SIGABRT, SIG_DFL);
+  if (write(STDOUT_FILENO, g_report.data(), std::strlen(g_report.data())) >= 0) std::abort();
   _exit(1);
 }
 
@@ -45,8 +46,10 @@ void hung(int) {
 void begin(const std::string& what) {
   const std::lock_guard<std::mutex> lock(state().mutex);
   state().now = what;
-  std::snprintf(g_hanging.data(), g_hanging.size(), "HUNG: %s; again with %s\n", what.c_str(), state().again.c_str());
-  alarm(g_limit);
+  std::snprintf(g_report.data(), g_report.size(), "HUNG OR ABORTED: %s; again with %s\n", what.c_str(),
+                state().again.c_str());
+  for (const int number : {SIGALRM, SIGABRT}) std::signal(number, stopped);
+  alarm(kLimitSeconds);
 }
 
 void require(bool holds, const std::string& promise) {
@@ -62,17 +65,11 @@ Runner::Runner(std::string program, const std::string& about, long count)
   m_options->add_option("--seed", m_seed, "what everything random comes from")->capture_default_str();
   m_options->add_option("--count", m_count, "how much is tried")->check(CLI::PositiveNumber)->capture_default_str();
   m_options->add_option("--only", m_only, "the part of this name, or all under a name that ends in a slash");
-  m_options->add_flag("--list", m_list, "show the names of the parts");
-  m_options->add_option("--limit", m_limit, "seconds after which what is tried hangs")->capture_default_str();
   m_options->add_flag("--canary", m_canary, "plant a fault; the status is 0 when it was found");
 }
 
 Runner::~Runner() {
   alarm(0);
-}
-
-void Runner::add(std::string name, std::function<void()> run) {
-  m_parts.push_back({std::move(name), std::move(run)});
 }
 
 std::optional<int> Runner::parse(int argc, char** argv) {
@@ -84,23 +81,17 @@ std::optional<int> Runner::parse(int argc, char** argv) {
   return std::nullopt;
 }
 
+bool Runner::isChosen(const std::string& name) const {
+  return m_only.empty() || std::any_of(m_only.begin(), m_only.end(), [&](const std::string& only) {
+           return name == only || (only.back() == '/' && name.compare(0, only.size(), only) == 0);
+         });
+}
+
 int Runner::run(const std::function<std::string()>& summary) {
-  const auto is_chosen = [this](const std::string& name) {
-    return m_only.empty() || std::any_of(m_only.begin(), m_only.end(), [&](const std::string& only) {
-             return name == only || (only.back() == '/' && name.compare(0, only.size(), only) == 0);
-           });
-  };
-  std::signal(SIGALRM, hung);
-  g_limit = m_limit;
   int parts = 0;
   for (const Part& part : m_parts) {
-    if (!is_chosen(part.name)) continue;
+    if (!isChosen(part.name)) continue;
     ++parts;
-    if (m_list) {
-      std::cout << part.name << '\n';
-      continue;
-    }
-    if (isatty(STDERR_FILENO) != 0) std::cerr << part.name << std::endl;
     state().again =
         "--only '" + part.name + "' --seed " + std::to_string(m_seed) + " --count " + std::to_string(m_count);
     begin(part.name);
@@ -111,15 +102,15 @@ int Runner::run(const std::function<std::string()>& summary) {
     }
   }
   alarm(0);
-  if (parts == 0) std::cerr << m_program << ": no part has such a name; --list shows them" << std::endl;
-  if (parts == 0 || m_list) return parts == 0 ? 2 : 0;
+  if (parts == 0) {
+    std::cerr << m_program << ": no part has such a name; there are";
+    for (const Part& part : m_parts) std::cerr << ' ' << part.name;
+    std::cerr << std::endl;
+    return 2;
+  }
   const std::size_t failed = state().reported.size();
   std::cout << m_program << ": seed " << m_seed << ", " << parts << " parts, " << summary() << "; " << failed
-            << " failed"
-            << (!m_canary     ? ""
-                : failed == 0 ? ": the planted fault was not found"
-                              : ": the planted fault was found")
-            << std::endl;
+            << " failed" << (m_canary ? ", because a fault was planted" : "") << std::endl;
   return (failed == 0) == m_canary ? 1 : 0;
 }
 

@@ -15,7 +15,7 @@ class App;
 
 namespace orvel::test {
 
-// A program with --seed, --count, --only, --list, --limit and --canary. One for each process.
+// A program with --seed, --count, --only and --canary. One for each process.
 class Runner {
  public:
   // `program` begins the line of result, `about` the help. `count` is what --count is unless it is given; what it
@@ -30,7 +30,7 @@ class Runner {
 
   // A part of what is proven, which --only chooses by its whole name, or by a beginning that ends in a slash. `run` is
   // called once, on the main thread; what it throws is a failure.
-  void add(std::string name, std::function<void()> run);
+  void add(std::string name, std::function<void()> run) { m_parts.push_back({std::move(name), std::move(run)}); }
 
   // Reads the command line. The status to exit with when that was all: after --help, or a mistake.
   std::optional<int> parse(int argc, char** argv);
@@ -50,19 +50,19 @@ class Runner {
     std::function<void()> run;
   };
 
+  bool isChosen(const std::string& name) const;
+
   const std::string m_program;
   const std::unique_ptr<CLI::App> m_options;
   std::vector<Part> m_parts;
   std::vector<std::string> m_only;
   std::uint64_t m_seed = 1;
   long m_count;
-  unsigned m_limit = 30;
-  bool m_list = false;
   bool m_canary = false;
 };
 
-// Says what is tried from here on, for the report of a fault or a hang, and winds the alarm up again: what takes longer
-// than --limit ends the process with SIGABRT, whose core file has every thread. Any thread.
+// Says what is tried from here on, for the report of a fault, an abort or a hang, and winds the alarm up again: what
+// takes longer than 30 s ends the process with SIGABRT, whose core file has every thread. Any thread.
 void begin(const std::string& what);
 
 // Reports, each case once, what does not hold. Any thread.

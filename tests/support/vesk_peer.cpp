@@ -17,8 +17,6 @@
 namespace orvel::test {
 namespace {
 
-constexpr rlim_t kPeerFiles = 1024;
-
 struct {
   void* runtime = nullptr;
   std::vector<vesk_remote*> kept;
@@ -40,9 +38,9 @@ PayloadPtr payload_of(std::int32_t number) {
   return payload;
 }
 
-void write_outcome(vesk_payload* reply, int error, vesk_buffer* answer) {
+int write_outcome(vesk_payload* reply, int error, vesk_buffer* answer) {
   vesk_write_i32(reply, error == 0 ? 0 : 1);
-  if (error == 0) vesk_write_i32(reply, vesk_read_i32(answer));
+  return error == 0 ? vesk_write_i32(reply, vesk_read_i32(answer)) : 0;
 }
 
 // The completion of kAsk; `context` is the answer that is still owed.
@@ -53,19 +51,14 @@ void answer_ask(void* context, int error, vesk_buffer* answer) {
 }
 
 void forget(void*, vesk_remote* gone) {
-  const auto found = std::find(peer.kept.begin(), peer.kept.end(), gone);
-  peer.kept.erase(found);
+  peer.kept.erase(std::find(peer.kept.begin(), peer.kept.end(), gone));
   vesk_remote_release(gone);
 }
 
-void answer_late() {
-  const PayloadPtr reply = payload_of(-1);
-  for (vesk_deferred* late : peer.unanswered) vesk_deferred_answer(late, 0, reply.get());
-  peer.unanswered.clear();
-}
-
 int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
-  if (code != kHang) answer_late();
+  for (; code != kHang && !peer.unanswered.empty(); peer.unanswered.pop_back()) {
+    vesk_deferred_answer(peer.unanswered.back(), 0, payload_of(-1).get());
+  }
   switch (code) {
     case kEcho:
       while (vesk_buffer_remaining(request) > 0) vesk_write_i32(reply, vesk_read_i32(request));
@@ -86,12 +79,10 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
         ::_exit(0);
       }
       return std::raise(SIGKILL);
-    case kKeep: {
-      vesk_remote* remote = vesk_read_endpoint(request);
-      vesk_write_i32(reply, !peer.kept.empty() && vesk_remote_equal(peer.kept.back(), remote) != 0 ? 1 : 0);
-      peer.kept.push_back(remote);
-      return 0;
-    }
+    case kKeep:
+      peer.kept.push_back(vesk_read_endpoint(request));
+      return vesk_write_i32(
+          reply, peer.kept.size() > 1 && vesk_remote_equal(peer.kept.end()[-2], peer.kept.back()) != 0 ? 1 : 0);
     case kLetGo:
       vesk_remote_release(peer.kept.back());
       peer.kept.pop_back();
@@ -111,16 +102,13 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       if (error != 0) answer_ask(owed, error, nullptr);
       return 0;
     }
-    case kSendToName: {
-      const PayloadPtr message = payload_of(vesk_read_i32(request));
-      return vesk_call_oneway(peer.runtime, look_up(read_ascii(request)), kNews, message.get());
-    }
+    case kSendToName:
     case kAskName: {
       const PayloadPtr question = payload_of(vesk_read_i32(request));
       const BufferPtr answer(vesk_buffer_alloc());
       vesk_handle* handle = look_up(read_ascii(request));
-      write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
-      return 0;
+      if (code == kSendToName) return vesk_call_oneway(peer.runtime, handle, kNews, question.get());
+      return write_outcome(reply, vesk_call(peer.runtime, handle, kNews, question.get(), answer.get()), answer.get());
     }
     case kNews:
       return vesk_write_i32(reply, vesk_read_i32(request) + 100);
@@ -129,17 +117,13 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
   }
 }
 
-const vesk_endpoint_fn kFunctions{
-    serve,
-    [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
-    [](void*, vesk_endpoint*) { return 0; },
-    [](void*, vesk_endpoint*) { return 0; },
-};
+const vesk_endpoint_fn kFunctions{serve,
+                                  [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
+                                  [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
 
 int run(const char* name) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  // A process takes as many connections as it may have files open; few enough for a test to reach that.
-  const rlimit files{kPeerFiles, kPeerFiles};
+  const rlimit files{1024, 1024};  // as many connections as it takes, few enough for a test to reach that
   vesk_endpoint endpoint{&kFunctions, nullptr};
   if (::setrlimit(RLIMIT_NOFILE, &files) != 0) return 1;
   if (vesk_serve_device(&peer.runtime) != 0 || vesk_service_register(peer.runtime, name, &endpoint) != 0) return 1;

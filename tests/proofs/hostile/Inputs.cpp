@@ -2,94 +2,100 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstring>
+
+#include "support/Methods.h"
+#include "support/Process.h"
+#include "vesk/vesk_service.h"
 
 namespace orvel::hostile {
 
-using namespace std::string_literals;
+using test::view_of;
 
-std::int32_t Answer::word(std::size_t index) const {
-  std::int32_t value = 0;
-  if (bytes.size() < (index + 1) * sizeof(value)) {
-    throw Broken("an answer of " + std::to_string(bytes.size()) + " bytes");
-  }
-  std::memcpy(&value, bytes.data() + index * sizeof(value), sizeof(value));
-  return value;
-}
-
-// ---- Target ----
-
-BusLine& Target::connect_to(const std::string& name) {
-  return keep(BusLine::to(m_directory + '/' + name));
-}
-
-BusLine& Target::connect(test::Service service) {
-  return connect_to(test::kServices.at(service));
-}
-
-BusLine& Target::open(const std::string& name) {
-  BusLine& line = connect_to(name);
-  line.send(test::kBusHello + test::bus_open(name).bytes());
-  // Descriptors belong to messages: what comes with the handshake ends the connection.
-  if (!line.finish_handshake(m_limit_ms)) throw Broken("no answer to a good handshake");
+BusLine& Attack::connect(const std::string& service) {
+  BusLine& line = keep(BusLine::to(std::string(vesk_runtime_directory()) + '/' + service));
+  line.send(test::kBusHello);
+  if (!line.finish_handshake(kPatienceMs)) throw Broken("no answer to a good handshake");
   return line;
 }
 
-void Target::expect_dropped(BusLine& line) const {
-  if (!line.is_dropped(m_limit_ms)) throw Broken("the connection was not closed");
+BusLine& Attack::open(const std::string& service) {
+  BusLine& line = connect(service);
+  line.send(test::bus_open(service).bytes());
+  return line;
 }
 
-Answer Target::expect_answer(BusLine& line, std::uint32_t serial) const {
-  while (const auto message = line.receive(m_limit_ms)) {
+std::optional<std::uint32_t> Visit::next_call() {
+  constexpr int kVisitMs = 5000;  // longer than any client of these tests waits
+  m_waits = true;
+  auto message = line.receive(kVisitMs);
+  while (message && message->member != "Call") message = line.receive(kVisitMs);
+  m_waits = false;
+  return message ? std::optional(message->serial) : std::nullopt;
+}
+
+void Visit::serve_well(const std::function<void(Visit&, BusLine& channel)>& act) {
+  std::deque<BusLine> channels;
+  line.send(test::kBusAnswer);
+  while (const auto call = next_call()) {
+    const std::size_t known = channels.size();
+    for (vesk::UniqueFd& socket : line.received_descriptors()) {
+      channels.emplace_back(std::move(socket)).send(test::kBusAnswer);
+    }
+    line.received_descriptors().clear();
+    line.send(name_answer(*call).bytes());
+    if (channels.size() != known) act(*this, channels.back());
+  }
+}
+
+Answer expect_answer(BusLine& line, std::uint32_t serial) {
+  while (const auto message = line.receive(kPatienceMs)) {
     if (message->type != test::kBusReturn || message->reply_serial != serial) continue;
-    std::int32_t head[2] = {};
-    if (message->body.size() < sizeof(head)) break;
-    std::memcpy(head, message->body.data(), sizeof(head));
-    return {head[0], message->body.substr(sizeof(head))};
+    constexpr std::size_t kHead = 8;  // the status, and the length of the bytes
+    if (message->body.size() < kHead) break;
+    Answer answer;
+    std::memcpy(&answer.status, message->body.data(), sizeof(answer.status));
+    answer.bytes = message->body.substr(kHead);
+    if (answer.bytes.size() >= 4) std::memcpy(&answer.exception, answer.bytes.data(), sizeof(answer.exception));
+    return answer;
   }
   throw Broken("no answer");
 }
 
-// ---- Visit ----
-
-constexpr int kVisitMs = 5000;  // longer than any client of these tests waits
-
-std::optional<BusReceived> Visit::next_call() {
-  m_waits = true;
-  auto message = line.receive(kVisitMs);
-  while (message && (message->type != test::kBusCall || message->member != "Call")) message = line.receive(kVisitMs);
-  m_waits = false;
-  return message;
+void expect_dropped(BusLine& line) {
+  if (!line.is_dropped(kPatienceMs)) throw Broken("the connection was not closed");
 }
 
-std::optional<BusLine> Visit::wait_for_channel() {
-  while (const auto call = next_call()) {
-    auto& descriptors = line.received_descriptors();
-    const Bytes result = descriptors.empty() ? Bytes().i32(0).utf16("Rogue") : Bytes().i32(0);
-    std::optional<BusLine> channel;
-    if (!descriptors.empty()) {
-      channel.emplace(std::move(descriptors.front()));
-      descriptors.clear();
-      channel->send(test::kBusAnswer);
-    }
-    line.send(test::bus_answer(call->serial, 0, view_of(result)).bytes());
-    if (channel) return channel;
-  }
-  return std::nullopt;
+void expect_served(BusLine& line, std::uint32_t serial) {
+  constexpr std::uint32_t kIsInteractive = 1;
+  line.send(call_to(test::kPower, serial, kIsInteractive).bytes());
+  const Answer answer = expect_answer(line, serial);
+  if (answer.status != 0 || answer.bytes != view_of(test::wire("0 1"))) throw Broken("a wrong answer");
 }
 
-void Visit::serve_well() {
-  const Bytes result = Bytes().i32(0).utf16("Rogue");
-  while (const auto call = next_call()) line.send(test::bus_answer(call->serial, 0, view_of(result)).bytes());
-}
-
-// ---- Messages ----
-
-BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const Bytes& arguments,
+BusMessage call_to(test::Service service, std::uint32_t serial, std::uint32_t code, const std::string& arguments,
                    const test::Endpoints& endpoints) {
-  return test::bus_call(test::kServices.at(service), serial, code,
-                        view_of(test::request(test::kInterfaces.at(service), arguments)), endpoints);
+  const test::Bytes request = test::request(test::kInterfaces.at(service), test::wire(arguments));
+  return test::bus_call(test::kServices.at(service), serial, code, view_of(request), endpoints);
+}
+
+BusMessage registration(std::uint32_t serial, const std::vector<std::uint64_t>& endpoints) {
+  return call_to(test::kDelegate, serial, 34, "'hostile' 1447383888 0", endpoints);
+}
+
+void change_setting() {
+  static int s_value = 0;
+  test::run({"orvel-sim", "set", "settings", "hostile", std::to_string(++s_value)});
+}
+
+BusMessage name_answer(std::uint32_t to) {
+  return test::bus_answer(to, 0, view_of(test::wire("0 'Rogue'")));
+}
+
+BusMessage setting_news(bool answered) {
+  const test::Bytes news =
+      test::request("com.quarlo.orveldelegate.ISettingsReceiver", test::wire("'volume_alarm' '7'"));
+  return test::bus_callback(1, 1, 1, view_of(news), answered);
 }
 
 BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted) {
@@ -98,27 +104,6 @@ BusLine send_with_channel(BusLine& line, const BusMessage& call, bool greeted) {
   if (greeted) channel.send(test::kBusHello);
   line.send(call.bytes(), {theirs.get()});
   return channel;
-}
-
-BusMessage error_to(std::uint32_t serial) {
-  BusMessage error = test::bus_answer(serial, 0, "");
-  error.type = test::kBusError;
-  error.extra_fields = "\4\1s\0\3\0\0\0a.b\0"s;
-  return error;
-}
-
-std::string mutated(std::string text, std::mt19937_64& random) {
-  const auto below = [&](std::size_t limit) {
-    return static_cast<std::size_t>(random() % std::max<std::size_t>(limit, 1));
-  };
-  for (std::size_t changes = 1 + below(6); changes > 0 && !text.empty(); --changes) {
-    const std::size_t at = below(text.size());
-    const std::size_t kind = below(3);
-    if (kind == 0) text[at] = static_cast<char>(random());
-    if (kind == 1) text.erase(at, 1 + below(8));
-    if (kind == 2) text.insert(at, text.substr(below(text.size()), 1 + below(16)));
-  }
-  return text;
 }
 
 }  // namespace orvel::hostile
