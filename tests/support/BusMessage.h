@@ -37,7 +37,7 @@ class BusBody {
   std::string m_bytes;
 };
 
-enum BusType : std::uint8_t { kBusCall = 1, kBusReturn = 2, kBusSignal = 4 };
+enum BusType : std::uint8_t { kBusCall = 1, kBusReturn = 2, kBusError = 3, kBusSignal = 4 };
 constexpr std::uint8_t kNoReplyExpected = 1;
 
 // One message. What is not set is left out; the length of the body is by default what it ought to be.
@@ -49,6 +49,7 @@ struct BusMessage {
   std::optional<std::string> path;
   std::optional<std::string> interface = "vesk.Peer";
   std::optional<std::string> member;
+  std::optional<std::string> error_name;
   std::optional<std::string> signature;
   std::optional<std::uint32_t> reply_serial;
   std::optional<std::uint32_t> descriptors;

@@ -125,7 +125,7 @@ TEST_F(HostRuntime, AServiceThatAnswersWithNonsenseFailsOnlyItsOwnCalls) {
       {"an error with the body of a success",
        [](BusMessage& answer) {
          answer.type = kBusError;
-         answer.extra_fields = "\4\1s\0\3\0\0\0a.b\0"s;
+         answer.error_name = "a.b";
        }},
   };
   const UniqueFd listener = listen_as("rogue", 8);
