@@ -1,6 +1,5 @@
 // The files that people hand to the simulated device. Each input is read as a scenario and as a recording: it is
 // refused with a line that says where the mistake is, or it can be used and written again.
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -8,8 +8,6 @@
 // directory or meet one of its own files. A process that publishes a name holds flock on the directory.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <ctime>
 #include <string>

@@ -1,5 +1,4 @@
 // Registrations with the delegate service, and what becomes of them when it dies.
-#include <algorithm>
 #include <atomic>
 #include <set>
 #include <thread>

@@ -1,16 +1,13 @@
 // What the host runtime promises beyond the contract: peers that break every rule harm nobody else, and nothing is left
 // behind.
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <iterator>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include <sys/socket.h>
 #include <sys/un.h>
