@@ -1,14 +1,16 @@
-// At each use that the library makes of libvesk something happens: the use fails, under every public method, or while a
-// service is bound; or another thread shuts the client down, also at each of the library's sleeps.
+// Each use of libvesk and each allocation that the library makes fails in turn, under every public method and while a
+// service is bound; or another thread shuts the client down at such a use, or at one of the library's sleeps.
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <new>
 #include <set>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "Allocations.h"
 #include "binder/Waiting.h"
 #include "support/ClientFixture.h"
 #include "support/LogRecorder.h"
@@ -30,7 +32,8 @@ const std::set<std::string_view> kFailTheCall = {"vesk_payload_alloc",
                                                  "vesk_write_endpoint",
                                                  "vesk_payload_set_position",
                                                  "vesk_call",
-                                                 "vesk_service_register"};
+                                                 "vesk_service_register",
+                                                 "operator new"};
 
 // What these cannot let go of stays: there is nothing that a client could do, but go on.
 const std::set<std::string_view> kLetGo = {"vesk_handle_is_valid", "vesk_handle_release"};
@@ -53,12 +56,20 @@ std::vector<Absence> absences() {
     all.push_back({name + "/start-that-waits", name, true, true, 2});
     all.push_back({name + "/after-the-pause", name, false, false, 1});
     all.push_back({name + "/at-the-second-sleep-for-readiness", name, false, true, 3});
-    all.push_back({name + "/at-the-third-attempt", name, false, false, 24});
+    // An attempt that looks the service up without waiting for it sleeps only before the next one.
+    all.push_back({name + "/at-the-third-attempt", name, false, false, service == kDirectives ? 3 : 24});
   }
   return all;
 }
 
-// What happens at a use: it fails, or another thread calls shutdown() and is so far when the library goes on.
+// What is counted to say when something happens: uses of libvesk, the library's sleeps or its allocations.
+enum Point { kUse, kUseAndLater, kSleep, kAllocation, kAllocationOnException };
+const char* const kPoints[] = {", use ", ", use and later ", ", sleep ", ", allocation ", ", exception, allocation "};
+
+// Its texts are so long that a string has to allocate.
+constexpr char kException[] = "-3 'the-service-refuses-the-call' 1 'its-stack-at-that-time'";
+
+// What happens then: it fails, or another thread calls shutdown() and is so far when the library goes on.
 enum Trouble { kFails, kShutdownAnywhere, kInterrupting, kRuntimeShutDown, kTroubles };
 
 long g_troubles = 0;
@@ -73,6 +84,13 @@ class Bench final : public ClientFixture {
   }
   ~Bench() override { m_client.shutdown(); }
 
+  void serve(const std::string& service) override {
+    m_vesk.add_service(service, [this](const Transaction& call) {
+      const Uncounted of_the_service;
+      return Reply{m_refuses ? wire(kException) : good_reply(call.service, call.code), 0};
+    });
+  }
+
   // The run loop has begun when it returns.
   void start() {
     m_client.initialize();
@@ -83,17 +101,30 @@ class Bench final : public ClientFixture {
   }
 
   // The client starts, or binds the service again. `step` runs at the sleep of that number, if any, and before the
-  // service comes back when that is the same.
+  // service comes back when that is the same. The allocation of the number `failing`, if any, fails.
   void bind(
-      const Absence& what, int at_sleep = 0, const std::function<void()>& step = [] {}) {
+      const Absence& what, int at_sleep = 0, const std::function<void()>& step = [] {}, long failing = 0) {
     m_clock.at_sleep(what.back_at, [this, &what, same = at_sleep == what.back_at, step] {
+      const Uncounted of_the_device;
       if (same) step();
       m_vesk.complete_binds(what.service);
       serve(what.service);
     });
     if (at_sleep != what.back_at) m_clock.at_sleep(at_sleep, step);
-    if (!what.bind_is_held || !what.at_start) m_vesk.kill_service(what.service);
-    what.at_start ? void(m_client.initialize()) : m_vesk.drain();
+    if (what.at_start) {
+      if (!what.bind_is_held) m_vesk.kill_service(what.service);
+      count_allocations(failing);
+      try {
+        m_client.initialize();
+      } catch (const std::bad_alloc&) {
+      }
+      m_made = counted_allocations();
+    } else {
+      m_vesk.post([failing] { count_allocations(failing); });
+      m_vesk.kill_service(what.service);
+      m_vesk.post([this] { m_made = counted_allocations(); });
+      m_vesk.drain();
+    }
   }
 
   // Another thread finds every lock free.
@@ -107,7 +138,8 @@ class Bench final : public ClientFixture {
   }
 
   // Nothing fails any more: the next deaths bring everything back, and every method works.
-  void expect_recovers(const Absence& what) {
+  void expect_recovers(const Absence& what, bool stays) {
+    require(messages() == 0, "no request or reply is left");
     m_vesk.repair();
     m_vesk.complete_binds(what.service);
     start_services();
@@ -115,6 +147,7 @@ class Bench final : public ClientFixture {
     // Where the fault has cost a connection for good, a start brings it back; the subscriptions are the caller's.
     if (what.at_start || m_client.getDeviceName().empty() || m_vesk.live().death_references < kServiceCount) {
       m_client.shutdown();
+      require(stays ? "" : left(/*forgotten=*/false));
       require(m_client.initialize(), "it starts again");
       subscribe(m_client);
     }
@@ -129,28 +162,41 @@ class Bench final : public ClientFixture {
   }
 
   Client& m_client = Client::getClient();
+  std::atomic<long> m_made{0};  // allocations of the thread that binds, in bind()
+  bool m_refuses = false;       // the services answer every call with an exception
 
  private:
   PayloadPtr m_planted;
 };
 
-// One use under a method fails, that one alone or it and all of its kind that follow. False when there are fewer uses.
-bool fail_use(const Method& tried, int nth, bool always) {
-  begin(std::string(tried.name) + ", use " + std::to_string(nth) + (always ? " and later" : ""));
+// The fault happens at the `nth` use or allocation under a method. False when there are fewer.
+bool fail(const Method& tried, Point fault, int nth) {
+  begin(tried.name + std::string(kPoints[fault]) + std::to_string(nth));
+  const bool is_use = fault == kUse || fault == kUseAndLater;
   std::string failed;
   Bench bench;
   bench.start();
-  bench.m_vesk.at_use(nth, [&](std::string_view operation) {
+  bench.m_refuses = fault == kAllocationOnException;
+  bench.m_vesk.at_use(is_use ? nth : 0, [&](std::string_view operation) {
     failed = operation;
-    always ? bench.m_vesk.fail_always(operation, 0) : bench.m_vesk.fail_once(operation, 0);
+    fault == kUseAndLater ? bench.m_vesk.fail_always(operation, 0) : bench.m_vesk.fail_once(operation, 0);
   });
-  const std::string result = tried.call(bench.m_client, {});
+  std::string result = "std::bad_alloc";
+  count_allocations(is_use ? 0 : nth);
+  try {
+    result = tried.call(bench.m_client, {});
+  } catch (const std::bad_alloc&) {
+  }
+  if (counted_allocations() >= nth && !is_use) failed = "operator new";
   bench.m_vesk.at_use(0, {});  // none any more
+  bench.m_refuses = false;
   if (failed.empty()) return false;
   ++g_troubles;
   // A launch whose question failed has an empty intent, which is then sent.
   const bool goes_on = tried.name == std::string_view("launchApplicationWithPackageName") && result == tried.result;
-  require(kFailTheCall.count(failed) == 0 || goes_on || result == tried.failure, failed + " fails and gives " + result);
+  const bool throws = !is_use && result == "std::bad_alloc";
+  require(kFailTheCall.count(failed) == 0 || goes_on || throws || result == tried.failure,
+          failed + " fails and gives " + result);
   bench.m_vesk.repair();
   bench.expect_unlocked();
   bench.expect_works(tried);
@@ -160,9 +206,9 @@ bool fail_use(const Method& tried, int nth, bool always) {
   return true;
 }
 
-void fail_uses(const Method& tried) {
-  for (const bool always : {false, true}) {
-    for (int nth = 1; fail_use(tried, nth, always);) ++nth;
+void fail_everywhere(const Method& tried) {
+  for (const Point fault : {kUse, kUseAndLater, kAllocation, kAllocationOnException}) {
+    for (int nth = 1; fail(tried, fault, nth);) ++nth;
   }
 }
 
@@ -174,14 +220,14 @@ void prepare(Bench& bench, const Absence& what) {
   if (what.bind_is_held) bench.m_vesk.hold_binds(what.service);
 }
 
-void trouble_at(const Absence& what, Trouble trouble, bool at_sleep, int point) {
-  begin(what.name + (at_sleep ? ", sleep " : ", use ") + std::to_string(point) + ", trouble " +
-        std::to_string(trouble));
+// Returns whether the library gets to the `nth` of these points.
+bool trouble_at(const Absence& what, Trouble trouble, Point point, int nth) {
+  begin(what.name + kPoints[point] + std::to_string(nth) + ", trouble " + std::to_string(trouble));
   Bench bench;
   prepare(bench, what);
   std::thread stopper;
   std::atomic<bool> reached{false};
-  bool stays = false;
+  std::atomic<bool> stays{false};
   const auto step = [&](std::string_view operation) {
     reached = true;
     stays = trouble == kFails && kLetGo.count(operation) != 0;
@@ -195,14 +241,16 @@ void trouble_at(const Absence& what, Trouble trouble, bool at_sleep, int point) 
     if (trouble == kRuntimeShutDown && waited_for.count(operation) == 0)
       while (bench.m_vesk.uses("vesk_shutdown") == 0) std::this_thread::yield();
   };
-  if (!at_sleep) bench.m_vesk.at_use(point, step);
-  bench.bind(what, at_sleep ? point : 0, [&] { step(""); });
-  if (trouble == kFails) bench.expect_recovers(what);
+  if (point == kUse) bench.m_vesk.at_use(nth, step);
+  bench.bind(
+      what, point == kSleep ? nth : 0, [&] { step(""); }, point == kAllocation ? nth : 0);
+  if (point == kAllocation) reached = bench.m_made >= nth;
+  if (trouble == kFails) bench.expect_recovers(what, stays);
   bench.m_client.shutdown();
   if (stopper.joinable()) stopper.join();
-  require(reached, "the point is reached");
   require(stays ? "" : bench.left(/*forgotten=*/trouble == kFails));
-  ++g_troubles;
+  if (reached) ++g_troubles;
+  return reached;
 }
 
 void trouble_everywhere(const Absence& what) {
@@ -219,16 +267,20 @@ void trouble_everywhere(const Absence& what) {
   }
   for (int n = kFails; n < kTroubles; ++n) {
     const auto trouble = static_cast<Trouble>(n);
-    for (int use = 1; use <= uses; ++use) trouble_at(what, trouble, false, use);
-    for (int sleep = 1; sleep <= sleeps && trouble != kFails; ++sleep) trouble_at(what, trouble, true, sleep);
+    for (int use = 1; use <= uses; ++use) require(trouble_at(what, trouble, kUse, use), "the use is reached");
+    for (int sleep = 1; sleep <= sleeps && trouble != kFails; ++sleep) {
+      require(trouble_at(what, trouble, kSleep, sleep), "the sleep is reached");
+    }
   }
+  for (int nth = 1; trouble_at(what, kFails, kAllocation, nth);) ++nth;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Runner runner("orvel-faults", "Each use that is made of libvesk fails in turn, or the client is shut down there");
-  for (const Method& each : kMethods) runner.add(each.name, [&each] { fail_uses(each); });
+  Runner runner("orvel-faults",
+                "Each use of libvesk and each allocation fails in turn, or the client is shut down there");
+  for (const Method& each : kMethods) runner.add(each.name, [&each] { fail_everywhere(each); });
   for (const Absence& what : absences()) runner.add("bind/" + what.name, [what] { trouble_everywhere(what); });
   if (const auto ended = runner.parse(argc, argv)) return *ended;
   g_canary = runner.canary();
