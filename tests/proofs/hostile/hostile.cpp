@@ -138,7 +138,8 @@ class Hostilities {
       client.waitForOutput("ready\n");
       const auto ask = [&client](const std::string& method) {
         client.write("ask " + method);
-        const std::string answer = client.waitForOutput("answer '", Limit(kLimitMs + 1000));
+        // A second longer than two calls, which some methods make.
+        const std::string answer = client.waitForOutput("answer '", Limit(2 * kLimitMs + 1000));
         return answer.substr(0, answer.find('\''));
       };
       const std::string name = ask("getDeviceName");
