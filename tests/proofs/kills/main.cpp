@@ -141,7 +141,6 @@ class Loop {
     killAndRecover({kDelegate});
     m_device.order({{"order", "change"}, {"change", {{"path", fault + "/exception"}}}});
     act();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the device obeys before the last are told
     killAndRecover({kDelegate});
     actAndAwait();
   }
