@@ -45,6 +45,9 @@ struct Peer::Form {
       case kSend:
         for (int n = 0; n < number; ++n) vesk.send(kept.back(), kNews, Bytes().i32(n));
         return {call.request};
+      case kAskAll:
+        for (int n = 0; n < number; ++n) vesk.call(kept.back(), kNews, Bytes().i32(n));
+        return {};
       case kAsk:
         return outcome(vesk.call(kept.back(), kNews, Bytes().i32(number)));
       case kSendToName:

@@ -19,6 +19,7 @@ enum PeerCode : unsigned {
   kKeep,      // (endpoint) keeps one more reference; answers whether it equals the one kept before
   kLetGo,     // gives one reference to the kept endpoint back
   kSend,      // (n) sends kNews 0 to n-1 to the kept endpoint, one-way, until one is refused; answers how many were not
+  kAskAll,    // (n) calls the kept endpoint with kNews 0 to n-1, and waits for none of the answers
   kAsk,       // (value) calls the kept endpoint with kNews; answers 0 and its answer, or 1
   kSendToName,  // (value, name) sends kNews to what is published under the name, one-way
   kAskName,     // (value, name) calls it; answers like kAsk

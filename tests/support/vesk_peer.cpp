@@ -93,6 +93,14 @@ int serve(void*, vesk_endpoint*, unsigned code, vesk_identity* caller, vesk_buff
       while (sent < count && vesk_remote_call_oneway(peer.kept.back(), kNews, payload_of(sent).get()) == 0) ++sent;
       return vesk_write_i32(reply, sent);
     }
+    case kAskAll: {
+      const int count = vesk_read_i32(request);
+      const auto ignore = [](void*, int, vesk_buffer*) {};
+      for (int n = 0; n < count; ++n) {
+        if (vesk_remote_call(peer.kept.back(), kNews, payload_of(n).get(), 60'000, ignore, nullptr) != 0) return 1;
+      }
+      return 0;
+    }
     case kAsk:
     case kAskInHaste: {
       const PayloadPtr question = payload_of(vesk_read_i32(request));

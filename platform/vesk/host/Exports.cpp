@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "Descriptors.h"
 #include "Dispatch.h"
 
 namespace vesk {
@@ -96,14 +97,15 @@ void ExportTable::close() {
 }
 
 std::shared_ptr<CallbackChannel> CallbackChannel::create(ExportTable& exports, pid_t peer,
-                                                         std::function<void()> on_broken, UniqueFd* peer_end) {
+                                                         std::function<void()> on_broken) {
   int ends[2] = {-1, -1};
   check_errno(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends));
   UniqueFd ours(ends[0]);
   UniqueFd theirs(ends[1]);
+  remember_descriptor(theirs.get());
   std::shared_ptr<CallbackChannel> channel(new CallbackChannel(exports, peer, std::move(on_broken)));
+  channel->m_peer_end = std::move(theirs);
   channel->m_bus = start_bus(std::move(ours), HandshakeRole::kConnecting, &CallbackChannel::on_message, channel.get());
-  *peer_end = std::move(theirs);
   return channel;
 }
 
@@ -123,7 +125,7 @@ void CallbackChannel::attach(const Loop& loop) {
 bool CallbackChannel::drain(const Loop& loop) {
   const auto keep_alive = shared_from_this();
   m_watch.stop();
-  // What lies in the socket stays there to be read; without this, a peer that goes on sending would never be dead.
+  // What lies in the socket stays there to be read; without this, the end of it would never be read.
   if (m_bus) ::shutdown(sd_bus_get_fd(m_bus.get()), SHUT_RD);
   while (m_bus && !loop.is_winding_down()) {
     if (sd_bus_process(m_bus.get(), nullptr) <= 0) return true;
@@ -134,6 +136,7 @@ bool CallbackChannel::drain(const Loop& loop) {
 void CallbackChannel::close() {
   m_watch.stop();
   m_bus.reset();
+  m_peer_end.reset();
 }
 
 int CallbackChannel::on_message(sd_bus_message* message, void* self, sd_bus_error*) {

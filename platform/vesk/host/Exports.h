@@ -84,12 +84,17 @@ class ExportTable {
 //
 // The handshake never waits for a run loop: this half of it lies in the socket before the reference leaves, and the
 // receiver answers before it dispatches the request.
+//
+// The channel keeps the receiver's end open too. Otherwise the first answer to a receiver that has died would fail, and
+// sd-bus would throw away the messages behind the one that is answered. That the receiver is gone shows on the
+// connection, which it closes together with the channel.
 class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
  public:
-  // `on_broken` is called on the loop when the peer closed the channel or sent what it must not. `peer_end` gets the
-  // descriptor that travels to the receiver.
-  static std::shared_ptr<CallbackChannel> create(ExportTable& exports, pid_t peer, std::function<void()> on_broken,
-                                                 UniqueFd* peer_end);
+  // `on_broken` is called on the loop when the peer sent what it must not.
+  static std::shared_ptr<CallbackChannel> create(ExportTable& exports, pid_t peer, std::function<void()> on_broken);
+
+  // What travels to the receiver; stays the channel's.
+  [[nodiscard]] int peer_end() const { return m_peer_end.get(); }
 
   // On the sending thread, once the call is over. False when the receiver has not done its half yet, which it has
   // before it answers; the loop then waits for it.
@@ -117,6 +122,7 @@ class CallbackChannel : public std::enable_shared_from_this<CallbackChannel> {
   pid_t m_peer;
   std::function<void()> m_on_broken;
   Outbox m_answers;
+  UniqueFd m_peer_end;
   BusPtr m_bus;
   BusWatch m_watch;  // Last: it must stop before the bus closes its descriptor.
 };

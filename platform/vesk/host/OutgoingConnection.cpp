@@ -167,9 +167,8 @@ int OutgoingConnection::transact(unsigned int code, const Parcel& request, Attem
     const auto on_broken = [weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->hang_up();
     };
-    UniqueFd peer_end;
-    channel = CallbackChannel::create(m_exports, m_peer, on_broken, &peer_end);
-    check(sd_bus_message_append(message.get(), "h", peer_end.get()));  // keeps a descriptor of its own
+    channel = CallbackChannel::create(m_exports, m_peer, on_broken);
+    check(sd_bus_message_append(message.get(), "h", channel->peer_end()));  // takes a copy
   }
 
   const MessagePtr answer = exchange(message.get(), request.bytes().size(), deadline);
