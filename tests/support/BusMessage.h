@@ -23,7 +23,7 @@ class BusBody {
  public:
   BusBody& u32(std::uint32_t value) { return number(value, 4); }
   BusBody& u64(std::uint64_t value) { return number(value, 8); }
-  BusBody& text(std::string_view value) { return array(value).raw({"", 1}); }  // string or object path
+  BusBody& text(std::string_view value) { return array(value).raw({"\0", 1}); }  // string or object path
   BusBody& array(std::string_view bytes) { return u32(static_cast<std::uint32_t>(bytes.size())).raw(bytes); }
   BusBody& array(const std::vector<std::uint64_t>& numbers);
   BusBody& raw(std::string_view bytes);

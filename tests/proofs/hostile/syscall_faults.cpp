@@ -56,6 +56,7 @@ struct Kind {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name): types, and libc's names
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 #define LIBCS(type, name, parameters) reinterpret_cast<type(*) parameters>(::dlsym(RTLD_NEXT, #name))
 // A function that stands in for libc's, and the errors with which it fails.
@@ -103,6 +104,7 @@ STAND_IN(int, inotify_add_watch, (int a, const char* b, std::uint32_t c), (a, b,
 STAND_IN_VARIADIC(open, b, (const char* a, int b, ...), (a, b, rest), EMFILE, ENFILE, EACCES, EINTR)
 STAND_IN_VARIADIC(openat, c, (int a, const char* b, int c, ...), (a, b, c, rest), EMFILE, ENFILE, ENOSPC, EINTR)
 STAND_IN_VARIADIC(fcntl, b, (int a, int b, ...), (a, b, rest), EMFILE, EINVAL, ENOLCK, EINTR)
+// NOLINTEND(bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name)
 
 namespace orvel::hostile {
 namespace {

@@ -16,7 +16,7 @@ namespace orvel::test::simulation {
 namespace {
 
 struct Connection {
-  int service;
+  int service = 0;
   bool dead = false;
   bool closed = false;
   bool linked = false;

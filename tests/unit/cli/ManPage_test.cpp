@@ -29,8 +29,8 @@ TEST(ManPage, HasEachSubcommandOnceAndAsTextWhatRoffWouldTakeForItsOwn) {
            "\\fB\\-o\\fR, \\fB\\-\\-out\\-file\\fR \\fIFILE\\fR\n\\&.file of the result",
            "no colours; not with \\-\\-bold; not with \\-\\-tint\n",
            ".PP\n\\&.so much\n",
-           ".SH FILES\n.RS 2\n.nf\n\\(aq.ctl\\(aq  \\(tiuser \\(gax\\(ga \\(ha\n\\&.   a dot\n.fi\n.RE\n.PP\nAs a "
-           "text\n",
+           (".SH FILES\n.RS 2\n.nf\n\\(aq.ctl\\(aq  \\(tiuser \\(gax\\(ga \\(ha\n\\&.   a dot\n.fi\n.RE\n.PP\n"
+            "As a text\n"),
            ".SH EXAMPLES\n.RS 2\n.nf\nctl one\n.fi\n.RE\n",
            ".SH SEE ALSO\n\\fBother\\fR(1)\n",
            ".SS ctl group\nctl group [OPTIONS] SUBCOMMAND\n.PP\nIs a group.\n.SS ctl group one\n",

@@ -16,7 +16,6 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 class Methods : public StoppedClient {
  protected:
@@ -57,7 +56,8 @@ TEST_F(Methods, EachMakesItsRequestsAndUnderstandsTheAnswers) {
   std::size_t before = 0;
   for (const Method& each : kMethods) {
     EXPECT_EQ(each.call(m_client, {}), each.result) << each.name;
-    Made made, expected;
+    Made made;
+    Made expected;
     const std::vector<Transaction> all = m_vesk.transactions();
     for (; before < all.size(); ++before) {
       const Transaction& call = all[before];
@@ -205,7 +205,8 @@ TEST_F(Queries, SettingsAreNumbersOrThrowAndLeaveTheClientUsable) {
 TEST_F(Queries, WhatIsNotInAnAnswerIsNotFoundAndOfSeveralTheFirstCounts) {
   EXPECT_EQ(m_client.getApplicationInfoMetaData("p", 0, "l", "-"), "-");
   const auto state = [this](const char* package) {
-    bool found = false, focused = false;
+    bool found = false;
+    bool focused = false;
     int importance = 55;
     EXPECT_TRUE(m_client.getAppProcessState(package, found, importance, focused));
     return std::tuple(found, importance, focused);

@@ -148,7 +148,8 @@ TEST_F(Registrations, NoneIsLostOrDoubledWhileThreadsRegisterAndTheServiceDies) 
     }
   };
   const RunLoop loop(m_runtime);
-  std::thread one(register_each, 0), another(register_each, kEach);
+  std::thread one(register_each, 0);
+  std::thread another(register_each, kEach);
   register_each(2 * kEach);
   one.join();
   another.join();

@@ -213,7 +213,8 @@ TEST_F(Assistant, ANamespaceThatIsRefusedMayBeTriedAgainAndOneThatIsThereKeepsIt
   m_vesk.fail_once("vesk_service_register", 1, -17);
   EXPECT_FALSE(hear(client, "A"));
   EXPECT_TRUE(hear(client, "A") && hear(client, "A"));
-  const std::string line = "E registerForDirective", invalid = ":Invalid parameter(s)";
+  const std::string line = "E registerForDirective";
+  const std::string invalid = ":Invalid parameter(s)";
   EXPECT_THAT(m_log.take(), ElementsAre(line + invalid, line + invalid, line + invalid, line + "Internal" + invalid,
                                         line + "Internal" + invalid,
                                         line + "Internal:vesk service register failed. nspace=A, err=-17",
