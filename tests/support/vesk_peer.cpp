@@ -129,7 +129,7 @@ const vesk_endpoint_fn kFunctions{serve,
                                   [](void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer*) { return 1; },
                                   [](void*, vesk_endpoint*) { return 0; }, [](void*, vesk_endpoint*) { return 0; }};
 
-int run(const char* name) {
+int run_peer(const char* name) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   const rlimit files{1024, 1024};  // as many connections as it takes, few enough for a test to reach that
   vesk_endpoint endpoint{&kFunctions, nullptr};
@@ -143,5 +143,5 @@ int run(const char* name) {
 }  // namespace orvel::test
 
 int main(int argc, char** argv) {
-  return argc == 2 ? orvel::test::run(argv[1]) : 2;
+  return argc == 2 ? orvel::test::run_peer(argv[1]) : 2;
 }

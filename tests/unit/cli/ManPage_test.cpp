@@ -34,9 +34,9 @@ TEST(ManPage, HasEachSubcommandOnceAndAsTextWhatRoffWouldTakeForItsOwn) {
            ".SH EXAMPLES\n.RS 2\n.nf\nctl one\n.fi\n.RE\n",
            ".SH SEE ALSO\n\\fBother\\fR(1)\n",
            ".SS ctl group\nctl group [OPTIONS] SUBCOMMAND\n.PP\nIs a group.\n.SS ctl group one\n",
-           "ctl group one [OPTIONS] value [bare]\n.br\nAlso \\fBone\\-too\\fR.\n.PP\nDoes one.\n"
-           ".TP\n\\fBvalue\\fR\nwhat; one of a, b\n"
-           ".PP\nValues:\n.RS 2\n.nf\na  first\nb  second\n.fi\n.RE\n",
+           ("ctl group one [OPTIONS] value [bare]\n.br\nAlso \\fBone\\-too\\fR.\n.PP\nDoes one.\n"
+            ".TP\n\\fBvalue\\fR\nwhat; one of a, b\n"
+            ".PP\nValues:\n.RS 2\n.nf\na  first\nb  second\n.fi\n.RE\n"),
            ".PP\nValues: as for \\fBctl group one\\fR.\n",
        }) {
     EXPECT_NE(page.find(part), std::string::npos) << part << "\nis not in\n" << page;
