@@ -24,7 +24,7 @@ constexpr unsigned kEcho = 1;  // answers with a number of the request; every ot
 int serveOneWay(void*, vesk_endpoint*, unsigned, vesk_identity*, vesk_buffer* request) {
   vesk_remote* remote = vesk_read_endpoint(request);
   if (remote == nullptr) return 0;
-  const PayloadPtr news(vesk_payload_alloc());
+  const vesk::PayloadPtr news(vesk_payload_alloc());
   vesk_remote_call_oneway(remote, 1, news.get());
   vesk_remote_call(
       remote, 2, news.get(), /*timeout_ms=*/20, [](void*, int, vesk_buffer*) {}, nullptr);
