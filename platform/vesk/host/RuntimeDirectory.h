@@ -69,8 +69,7 @@ UniqueFd connect_to_service(int directory, const std::string& file);
 // A socket that listens on `file`, which must not exist.
 UniqueFd listen_on(int directory, const std::string& file);
 
-// The socket that a name's link points to; empty where there is no such link. A link to anywhere else is nobody's
-// service.
+// The socket that a name's link points to; empty where there is no such link. A link to anywhere else names no service.
 std::string link_target(int directory, const std::string& file);
 
 // Whether the process that made this socket lives. What it has not accepted yet, this does not wait for.
