@@ -262,6 +262,8 @@ TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
        ":2: /arguments: no extra is of the type \"shoe\""},
       {kHeader + line(0, told + R"("arguments":{"action":"a"})"), ":2: key 'endpoint' not found"},
   };
+  expectRows({{"orvel-sim replay $T/absent.jsonl", "", 2, "absent.jsonl: cannot be read"},
+              {"orvel-sim replay $T", "", 2, ": cannot be read"}});
   for (const auto& [lines, error] : rows) {
     std::ofstream(file("hand.jsonl")) << lines;
     expectRows({{"orvel-sim replay $T/hand.jsonl", "", 2, error},
