@@ -66,7 +66,7 @@ const Field& sectionWith(const std::string& word) {
     names.push_back(section.key);
     last = &section;
   }
-  if (names.empty()) throw ScenarioError("no value is called " + word + "; there are\n" + describeScenario());
+  if (last == nullptr) throw ScenarioError("no value is called " + word + "; there are\n" + describeScenario());
   if (names.size() > 1) throw ScenarioError(word + " is a field of several services, say of which: " + joined(names));
   return *last;
 }
