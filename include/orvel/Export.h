@@ -3,7 +3,7 @@
 #pragma once
 
 /// Marks what the shared library exports.
-#define ORVEL_API __attribute__((visibility("default")))
+#define ORVEL_API [[gnu::visibility("default")]]
 
 /// Marks the private parts of an exported class, which the library does not export.
-#define ORVEL_LOCAL __attribute__((visibility("hidden")))
+#define ORVEL_LOCAL [[gnu::visibility("hidden")]]

@@ -2,11 +2,20 @@
 /// The one object through which a native process reaches the device's platform services.
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "orvel/AssistantEvent.h"
+#include "orvel/CallStatus.h"
+#include "orvel/Executor.h"
 #include "orvel/Export.h"
+#include "orvel/Links.h"
+#include "orvel/StartOptions.h"
+#include "orvel/Subscription.h"
+#include "orvel/Version.h"
 
 namespace orvel::service_apis {
 
@@ -260,6 +269,114 @@ class ORVEL_API OrvelDelegateClient {
   /// Records an event. The metrics service does not say whether it took it. An event that holds an unset value is not
   /// sent; null is refused with an error line. The event is borrowed for the call.
   void recordTarselMetricEvent(const TarselMetricEvent* event);
+
+  /// @}
+  /// @name Starting with what one needs (1.1)
+  /// @{
+
+  /// True when the required services are up; false, with the reason in lastCall(), when there is no device, when the
+  /// deadline has passed, when one of them was given up, and when shutdown() interrupts. Starts the run-loop thread, and
+  /// looks for all services at once, each on a thread of its own. Without a device nothing is started. Otherwise the
+  /// client is initialised from now on, also when this returns false: the services that are not up yet go on being
+  /// looked for, for as long as in initialize(); subscribeLink() tells when they are up, and calls of them fail at once
+  /// until then. On a client that is initialised it only waits. With `wait` and no required service it does nothing, and
+  /// is false. In a callback it does not wait.
+  bool start(const StartOptions& options);
+
+  /// @}
+  /// @name Links (1.1)
+  /// @{
+
+  /// How the client stands with the service now. Waits for nothing. Any time, in every callback.
+  Link state(Service service) const;
+
+  /// Tells how the client stands with the service each time that it has changed, and at first how it stands now. Lasts
+  /// over shutdown() and initialize(). States may be merged when they follow each other fast; the last one is always
+  /// told. After a death, the link is up when the subscriptions were made again, and is told before the first
+  /// notification of the new epoch.
+  ///
+  /// The callback runs first in this call, on the calling thread; then on a thread of the library: on the run-loop
+  /// thread after a death, on that of start() or rebind() which has found the service; and for a stop on the thread that
+  /// calls shutdown(). For one subscription, one at a time. It may call the client, shutdown() excepted. With an executor
+  /// it runs there. What it throws is logged. Never fails, but for an empty callback.
+  [[nodiscard]] Subscription subscribeLink(Service service, LinkCallback callback);
+  /// The same for all services: at first one snapshot of each.
+  [[nodiscard]] Subscription subscribeLink(LinkCallback callback);
+
+  /// True as soon as the link is in that state; false when the limit has passed, and when shutdown() interrupts. Where
+  /// it cannot come about while this waits, inside a callback, it does not wait.
+  [[nodiscard]] bool waitFor(Service service, LinkState state, std::chrono::nanoseconds limit) const;
+
+  /// Looks again for a service that was given up, on a thread of its own, for as long as initialize() does;
+  /// its subscriptions are made again then. True, too, for a service that is up or looked for already; false when the
+  /// client is not initialised.
+  bool rebind(Service service);
+
+  /// @}
+  /// @name Subscriptions that end (1.1)
+  /// Each does what the registerFor method of its name does, and returns the subscription; an empty one where that
+  /// returns false. A callback that is empty gives an empty one, too. subscribeDeviceRegistrationChange() and
+  /// subscribeScreenStateChange() are made whole or not at all.
+  /// @{
+
+  /// The new name of the device.
+  [[nodiscard]] Subscription subscribeDeviceNameChange(std::function<void(std::string)> callback);
+  /// Whether an account was added to the device or removed.
+  [[nodiscard]] Subscription subscribeDeviceRegistrationChange(std::function<void(bool)> callback);
+  /// Whether the voice assistant is connected. Unlike the registered callback this one runs under no lock, and may call
+  /// the client; isMaroConnected() has the new value by then.
+  [[nodiscard]] Subscription subscribeMaroConnectivityChange(std::function<void(bool)> callback);
+  /// Whether the device has a default network. Is not made again after its service died, either: the link then says
+  /// `network_lost`.
+  [[nodiscard]] Subscription subscribeNetworkConnectivityChange(std::function<void(bool)> callback);
+  /// Whether the screen was switched on or off.
+  [[nodiscard]] Subscription subscribeScreenStateChange(std::function<void(bool)> callback);
+  /// The action and the package of broadcasts about packages.
+  [[nodiscard]] Subscription subscribePackageAction(
+      std::string action, std::vector<std::string> dataTypes, std::vector<std::string> schemes,
+      std::function<void(std::string action, std::string package)> callback);
+  /// The time before and after the clock was set.
+  [[nodiscard]] Subscription subscribeTimeSync(std::function<void(long long old_time, long long new_time)> callback);
+  /// The new value of a secure setting that is a number.
+  [[nodiscard]] Subscription subscribeSecureSettingIntChange(const std::string& key, int defaultValue,
+                                                             std::function<void(int)> callback);
+  /// The directives of a namespace. When the subscription has ended, the client may subscribe to the namespace again;
+  /// other processes may not as long as this one lives and is not shut down.
+  [[nodiscard]] Subscription subscribeDirective(const std::string& nspace, DirectiveCallback callback);
+
+  /// @}
+  /// @name What could not be heard or read before (1.1)
+  /// @{
+
+  /// Tells every broadcast of `action` that has one of the MIME types and one of the URI schemes, whole, as it arrived:
+  /// without categories and flags, which are not sent along. Two empty lists are for broadcasts without data.
+  [[nodiscard]] Subscription subscribeBroadcast(const std::string& action, const std::vector<std::string>& dataTypes,
+                                                const std::vector<std::string>& schemes,
+                                                std::function<void(const OrvelIntent&)> callback);
+
+  /// The secure setting `key` as it is; nothing when it is unset or empty, which the device does not tell apart
+  /// everywhere, and on failure. Never throws for what the setting holds.
+  std::optional<std::string> getSecureSetting(const std::string& key);
+
+  /// Tells the new value of the secure setting `key` as it is; nothing when it was emptied or removed.
+  [[nodiscard]] Subscription subscribeSecureSetting(const std::string& key,
+                                                    std::function<void(std::optional<std::string>)> callback);
+
+  /// True if the assistant accepted the event; then `callback` gets its outcome, exactly once, on the run-loop thread as
+  /// a rule and possibly before this returns: "LOST" after the service's death and at shutdown(), on the thread that
+  /// calls it; "TIMEOUT" after the event's deadline, on a thread of the library. False if the assistant refused or the
+  /// call failed; then the callback is not called. At exit no outcome is told.
+  bool send(const AssistantEvent& event, EventOutcomeCallback callback);
+
+  /// @}
+  /// @name Loops of one's own (1.1)
+  /// @{
+
+  /// From now on callbacks are handed to `executor`, on the threads that would have run them, and run where that runs
+  /// them; an empty one puts them back. For CallbackQueue and for loops that take functions. A callback of
+  /// registerForMaroConnectivityChange() runs under no lock then. shutdown() waits for callbacks that run, and what
+  /// still waits then is dropped, but for links and outcomes of events. Set it before you subscribe: what is on its way already may arrive out of order.
+  void setExecutor(Executor executor);
 
   /// @}
 

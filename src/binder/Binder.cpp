@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "binder/CallRecord.h"
 #include "binder/OrvelLogger.h"
 #include "binder/ServiceBinding.h"
 #include "binder/Waiting.h"
@@ -26,7 +27,9 @@ constexpr std::chrono::seconds kPauseAfterDeath{6};
 // The three words in front of every request, which have a meaning to the services only.
 constexpr std::int32_t kRequestHeader[] = {0, -1, 0x53595354 /* "SYST" */};
 
-constexpr char kCall[] = "call";  // what the log lines of a transaction begin with
+// What the log lines of a transaction and of a bind begin with.
+constexpr char kCall[] = "call";
+constexpr char kBind[] = "bind_to_service";
 
 long long seconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
@@ -35,15 +38,19 @@ long long seconds(std::chrono::nanoseconds duration) {
 }  // namespace
 
 Binder::Binder(void* runtime, const char* service_name, bool is_android_service,
-               std::function<void()> reconnect_callback)
+               std::function<void()> reconnect_callback, LinkRecord& link, Bind bind)
     : m_runtime(runtime),
       m_service_name(service_name),
       m_is_android_service(is_android_service),
-      m_reconnect_callback(std::move(reconnect_callback)) {
-  bind_to_service();
+      m_reconnect_callback(std::move(reconnect_callback)),
+      m_link(link),
+      m_epochs_before(link.epoch()) {
+  m_link.look_for();
+  if (bind == Bind::kNow && bind_to_service()) m_link.up(m_link.epoch());
 }
 
 Binder::~Binder() {
+  m_link.stopped();
   free_messages();
   if (m_handle) vesk_service_unbind(m_runtime, m_handle->get());
   m_handle.reset();  // Here and not by its own destructor: the death listener that it unlinks uses the other members.
@@ -55,8 +62,13 @@ std::unique_ptr<vesk::IpcHandle> Binder::look_up() const {
 }
 
 bool Binder::bind_to_service() {
+  std::unique_ptr<vesk::IpcHandle> handle = find();
+  return handle && install(std::move(handle));
+}
+
+std::unique_ptr<vesk::IpcHandle> Binder::find() {
   const char* const name = m_service_name.c_str();
-  s_binder_logger.i("%s:Binding to service: %s", __func__, name);
+  s_binder_logger.i("%s:Binding to service: %s", kBind, name);
 
   std::unique_ptr<vesk::IpcHandle> handle;
   const waiting::TimePoint deadline = waiting::now() + kBindTimeout;
@@ -64,28 +76,53 @@ bool Binder::bind_to_service() {
   while (waiting::now() < deadline) {
     handle = look_up();
     if (handle) break;
-    if (waiting::interrupted()) return false;
-    s_binder_logger.e("%s:Failed to connect to service (%s), retrying in %llds (%llds remaining)", __func__, name,
+    if (waiting::interrupted()) return nullptr;
+    s_binder_logger.e("%s:Failed to connect to service (%s), retrying in %llds (%llds remaining)", kBind, name,
                       seconds(delay), seconds(deadline - waiting::now()));
-    if (!waiting::sleep_for(delay)) return false;
+    if (!waiting::sleep_for(delay)) return nullptr;
     delay = std::min(2 * delay, kMaxRetryDelay);
   }
   if (!handle) {
-    s_binder_logger.e("%s:Giving up connecting to service (%s) after %llds timeout", __func__, name,
+    s_binder_logger.e("%s:Giving up connecting to service (%s) after %llds timeout", kBind, name,
                       seconds(kBindTimeout));
-    return false;
+    m_link.given_up("the service was not found within 300 s");
   }
+  return handle;
+}
 
-  // No death notice comes before m_handle is set: this is the run-loop thread, or that thread has not been started yet.
+bool Binder::install(std::unique_ptr<vesk::IpcHandle> handle) {
+  const char* const name = m_service_name.c_str();
+  std::unique_ptr<vesk::IpcHandle> unwatched;  // Outlives the lock: its destructor calls libvesk.
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  // Under the lock, for which on_binder_died() waits: a notice may come while this is a thread beside the run loop.
   if (!handle->set_death_listener([this] { on_binder_died(); })) {
-    s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", __func__, name);
+    s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", kBind, name);
+    unwatched = std::move(handle);
+    m_link.given_up("the death of the service cannot be watched");
     return false;
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
   m_handle = std::move(handle);
   ++m_connection;
-  s_binder_logger.i("%s:Bound to service: %s", __func__, name);
+  m_link.bound();
+  s_binder_logger.i("%s:Bound to service: %s", kBind, name);
   return true;
+}
+
+void Binder::restore() {
+  const std::uint64_t epoch = m_link.epoch();
+  m_reconnect_callback();
+  m_link.up(epoch);
+}
+
+void Binder::bind_beside() {
+  LinkBoard::instance().tell();
+  if (std::unique_ptr<vesk::IpcHandle> handle = find()) {
+    const LinkBoard::Restoring restoring;
+    if (install(std::move(handle))) restore();
+    LinkBoard::instance().tell();
+  } else {
+    LinkBoard::instance().tell();
+  }
 }
 
 void Binder::on_binder_died() {
@@ -94,14 +131,18 @@ void Binder::on_binder_died() {
     std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: its destructor calls libvesk.
     const std::lock_guard<std::mutex> lock(m_mutex);
     dead = std::move(m_handle);
+    m_link.died();
     s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);
   }
-  if (!waiting::sleep_for(kPauseAfterDeath) || !bind_to_service()) {
+  LinkBoard& links = LinkBoard::instance();
+  links.tell();
+  if (waiting::sleep_for(kPauseAfterDeath) && bind_to_service()) {
+    restore();
+    s_binder_logger.i("%s:Death callback completed", __func__);
+  } else {
     s_binder_logger.e("%s:Failed to reconnect to service (%s), death callback completed", __func__, name);
-    return;
   }
-  m_reconnect_callback();
-  s_binder_logger.i("%s:Death callback completed", __func__);
+  links.tell();
 }
 
 Binder::Reply Binder::call(const char* descriptor, unsigned int code, const RequestWriter& writer) {
@@ -114,7 +155,10 @@ std::optional<Binder::Reply> Binder::call_if_bound(const char* descriptor, unsig
                                                    const RequestWriter& writer, Connection required_connection) {
   Reply reply(m_transaction);
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (!m_handle) return std::nullopt;
+  if (!m_handle) {
+    CallRecord::fail_unbound(m_link.get());
+    return std::nullopt;
+  }
   if (required_connection != kNoConnection && required_connection != m_connection) return std::nullopt;
   reply.m_binder = this;  // Before the call: what a writer throws leaves a request behind.
   reply.m_buffer = send(descriptor, code, writer);
@@ -126,15 +170,18 @@ vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const Reque
   m_payload = vesk_payload_alloc();
   if (!m_payload) {
     s_binder_logger.e("%s:Failed to alloc payload", kCall);
+    CallRecord::fail_with(-ENOMEM);
     return nullptr;
   }
   m_buffer = vesk_buffer_alloc();
   if (!m_buffer) {
     s_binder_logger.e("%s:Failed to alloc buffer", kCall);
+    CallRecord::fail_with(-ENOMEM);
     return nullptr;
   }
   if (!writeHeaders(m_payload)) {
     s_binder_logger.e("%s:Failed to write headers", kCall);
+    CallRecord::fail_with(-ENOMEM);
     return nullptr;
   }
   String::write(m_payload, descriptor);
@@ -142,10 +189,13 @@ vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const Reque
   const int write_error = vesk_payload_last_error(m_payload);
   if (!complete || write_error != 0) {
     s_binder_logger.e("%s:Serialize payload failed with error %d", kCall, write_error != 0 ? write_error : -EINVAL);
+    if (write_error != 0) CallRecord::fail_with(write_error);
+    CallRecord::fail(CallStatus::Code::kInvalidArgument, "an argument cannot be sent", -EINVAL);
     return nullptr;
   }
   if (const int error = vesk_call(m_handle->runtime(), m_handle->get(), code, m_payload, m_buffer); error != 0) {
     s_binder_logger.e("%s:VESK call failed with error %d", kCall, error);
+    CallRecord::fail_with(error);
     return nullptr;
   }
   if (exceptionOccurred(m_buffer)) {
@@ -153,6 +203,13 @@ vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const Reque
     return nullptr;
   }
   return m_buffer;
+}
+
+Binder::Reply::~Reply() {
+  if (m_buffer && m_binder && vesk_buffer_last_error(m_buffer) != 0) {
+    CallRecord::fail(CallStatus::Code::kCutReply, "the reply of the service ended too early");
+  }
+  if (m_binder) m_binder->done();
 }
 
 void Binder::done() {
@@ -168,6 +225,7 @@ void Binder::free_messages() {
 
 bool Binder::good() {
   const std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_handle) CallRecord::fail_unbound(m_link.get());
   return m_handle != nullptr;
 }
 
@@ -189,6 +247,8 @@ bool Binder::exceptionOccurred(vesk_buffer* buffer) {
   if (code == 0) return false;
   const std::string message = String::read(buffer);
   s_binder_logger.e("%s:Received error: %d [%s]", __func__, code, message.c_str());
+  CallRecord::fail(CallStatus::Code::kException, message.empty() ? "the service answered with an exception" : message,
+                   code);
   if (Int32::read(buffer) >= 1) {
     const std::string trace = String::read(buffer);
     s_binder_logger.e("%s:Stack Trace: %s", __func__, trace.c_str());

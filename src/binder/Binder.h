@@ -14,6 +14,7 @@
 
 #include "binder/Disposal.h"
 #include "binder/IpcHandle.h"
+#include "binder/LinkBoard.h"
 #include "binder/ThreadAnnotations.h"
 #include "vesk/vesk.h"
 
@@ -54,23 +55,28 @@ constexpr Connection kNoConnection = 0;
 //
 //   unbound --bind_to_service()--> bound --the service dies--> unbound --6 s pause, bind_to_service()--> bound
 //
-// Once bind_to_service() has given up, after 300 s, nothing tries again and every call fails.
+// Once bind_to_service() has given up, after 300 s, every call fails, and only bind_beside() tries again.
 //
 //   idle --call()--> reply held --done()--> idle
 //
-// Threads: construction and destruction on the caller's, the rebind on the run-loop thread, everything else on any.
+// Threads: construction and destruction on the caller's, the rebind on the run-loop thread, bind_beside() on one of the
+// library's, everything else on any.
 // Locks, in order: m_transaction, from before a call until its reply has been read (Reply); m_mutex, across the call
 // and briefly elsewhere. No lock is held while waiting, so that calls made during a rebind fail at once.
 class Binder {
  public:
   class Reply;
 
-  // Blocks until the service is bound or given up. `runtime` is borrowed. With `is_android_service` the service is
-  // looked up in the Android service manager. `reconnect_callback` runs on the run-loop thread after each successful
-  // rebind.
+  // When a Binder looks for its service.
+  enum class Bind { kNow, kBeside };
+
+  // Blocks until the service is bound or given up; with kBeside it does not, and bind_beside() is due. `runtime` is
+  // borrowed. With `is_android_service` the service is looked up in the Android service manager. `reconnect_callback`
+  // runs after each successful rebind, on its thread. `link` is kept true; it lives as long as the process.
   Binder(
       void* runtime, const char* service_name, bool is_android_service,
-      std::function<void()> reconnect_callback = [] {});
+      std::function<void()> reconnect_callback = [] {}, LinkRecord& link = LinkRecord::unlisted(),
+      Bind bind = Bind::kNow);
   ~Binder();
 
   Binder(const Binder&) = delete;
@@ -82,6 +88,14 @@ class Binder {
 
   // Binds the service again, after a pause. Run-loop thread.
   void on_binder_died() ORVEL_EXCLUDES(m_mutex);
+
+  // Binds the service beside the run loop, which meanwhile runs: for the first time, or after it was given up. On a
+  // thread of the library's own, one at a time: the thread that got true from link().look_for().
+  void bind_beside() ORVEL_EXCLUDES(m_mutex);
+
+  [[nodiscard]] LinkRecord& link() const { return m_link; }
+  // The epoch of the link that the connection is.
+  [[nodiscard]] std::uint64_t epoch_of(Connection connection) const { return m_epochs_before + connection; }
 
   // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`, and returns the reply, which
   // is null on any failure and for a remote exception. Each of these is logged, an unbound service too.
@@ -112,6 +126,12 @@ class Binder {
 
  private:
   std::unique_ptr<vesk::IpcHandle> look_up() const;
+  // Looks for the service until it is found; null, with the link given up, in all other cases.
+  std::unique_ptr<vesk::IpcHandle> find();
+  // True when the service is bound with a death listener; false, with the link given up, when it cannot be watched.
+  bool install(std::unique_ptr<vesk::IpcHandle> handle) ORVEL_EXCLUDES(m_mutex);
+  // Makes the registrations again and tells that the link is up.
+  void restore();
   vesk_buffer* send(const char* descriptor, unsigned int code, const RequestWriter& writer) ORVEL_REQUIRES(m_mutex);
   void free_messages() ORVEL_REQUIRES(m_mutex);
 
@@ -126,6 +146,8 @@ class Binder {
   vesk_buffer* m_buffer ORVEL_GUARDED_BY(m_mutex) = nullptr;
   std::atomic<Connection> m_connection{kNoConnection};  // changes under m_mutex
   const std::function<void()> m_reconnect_callback;
+  LinkRecord& m_link;
+  const std::uint64_t m_epochs_before;  // of the link, whose epochs go on over shutdown()
 };
 
 // The reply of one transaction, which ends with it. Until then its thread is the only one with a transaction on the
@@ -139,9 +161,7 @@ class Binder::Reply {
         m_buffer(other.m_buffer),
         m_connection(other.m_connection) {}
   Reply& operator=(Reply&&) = delete;
-  ~Reply() {
-    if (m_binder) m_binder->done();
-  }
+  ~Reply();
 
   // The reply, behind its exception code; null when the call failed. Borrowed.
   [[nodiscard]] vesk_buffer* get() const { return m_buffer; }

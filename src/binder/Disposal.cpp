@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "binder/CallRecord.h"
+
 namespace orvel::service_apis {
 namespace {
 
@@ -18,6 +20,8 @@ Disposal::Disposal() {
 
 Disposal::~Disposal() {
   if (--t_disposals > 0) return;
+  if (!t_first) return;
+  const UserCode user_code;
   // What a destructor disposes of in turn is destroyed at once, because no Disposal exists any more.
   Disposable* object = std::exchange(t_first, nullptr);
   while (object) delete std::exchange(object, object->m_next);
@@ -25,6 +29,7 @@ Disposal::~Disposal() {
 
 void Disposal::dispose(Disposable* object) noexcept {
   if (t_disposals == 0) {
+    const UserCode user_code;
     delete object;
     return;
   }

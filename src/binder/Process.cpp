@@ -26,6 +26,8 @@ class SignalsBlocked {
   sigset_t m_before{};
 };
 
+thread_local bool t_is_library_thread = false;
+
 // Atomic and under no lock: no thread of the child could unlock it.
 std::atomic<bool> g_client_running{false};
 std::atomic<bool> g_forked{false};
@@ -36,12 +38,23 @@ void note_fork() {
 
 }  // namespace
 
-std::thread start_library_thread(const char* name, std::function<void()> body) {
+std::thread start_quiet_thread(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;
   return std::thread([name, body = std::move(body)] {
     pthread_setname_np(pthread_self(), name);
     body();
   });
+}
+
+std::thread start_library_thread(const char* name, std::function<void()> body) {
+  return start_quiet_thread(name, [body = std::move(body)] {
+    t_is_library_thread = true;
+    body();
+  });
+}
+
+bool on_library_thread() {
+  return t_is_library_thread;
 }
 
 void set_client_running(bool running) {

@@ -2,8 +2,10 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 #include "binder/ThreadAnnotations.h"
 
@@ -79,6 +81,36 @@ bool sleep_for(std::chrono::nanoseconds duration) {
   }
   return false;
 }
+
+// Bells share the condition of the sleeps: they are rare, and an interrupt ends their waits too.
+struct Bell::State {
+  bool rung = false;  // guarded by the mutex of the interrupts
+};
+
+Bell::Bell() : m_state(std::make_unique<State>()) {}
+Bell::~Bell() = default;
+
+bool Bell::wait(std::chrono::nanoseconds limit) {
+  constexpr std::chrono::hours kLongest(24 * 365);  // The end of a longer wait may be beyond what the clock can tell.
+  Interrupts& state = interrupts();
+  const TimePoint end = std::chrono::steady_clock::now() + std::min<std::chrono::nanoseconds>(limit, kLongest) / kSpeed;
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  while (state.count == 0 && !m_state->rung) {
+    if (!state.raised.wait_until(state.mutex, end)) break;
+  }
+  return std::exchange(m_state->rung, false) && state.count == 0;
+}
+
+void Bell::ring() {
+  Interrupts& state = interrupts();
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  m_state->rung = true;
+  state.raised.notify_all();
+}
+
+// The machine's clock needs to know of no thread.
+Background::Background() = default;
+Background::~Background() = default;
 
 bool interrupted() {
   Interrupts& state = interrupts();

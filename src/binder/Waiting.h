@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 
 namespace orvel::service_apis::waiting {
 
@@ -26,6 +27,34 @@ class Interrupt {
 
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
+};
+
+// Wakes one thread. Its thread makes it, waits and destroys it; it is rung on any.
+class Bell {
+ public:
+  Bell();
+  ~Bell();
+  Bell(const Bell&) = delete;
+  Bell& operator=(const Bell&) = delete;
+
+  // True when it has been rung since the last wait, at once or within `limit`; false when the limit has passed, and
+  // while an Interrupt exists.
+  [[nodiscard]] bool wait(std::chrono::nanoseconds limit);
+  void ring();
+
+ private:
+  struct State;
+  const std::unique_ptr<State> m_state;
+};
+
+// Announces a thread beside the run loop's, from before it is made until it ends: a virtual clock stands still while
+// that thread works, and it passes no time by itself.
+class Background {
+ public:
+  Background();
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
 };
 
 }  // namespace orvel::service_apis::waiting

@@ -1,9 +1,11 @@
 // The voice assistant's events and directives, and the device's metrics.
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "client/ClientState.h"
 #include "client/Listeners.h"
+#include "client/PendingEvents.h"
 #include "orvel/OrvelDelegateClient.h"
 
 namespace orvel::service_apis {
@@ -22,10 +24,35 @@ bool OrvelDelegateClient::sendEvent(const std::string& nspace, const std::string
   });
 }
 
+bool OrvelDelegateClient::send(const AssistantEvent& event, EventOutcomeCallback callback) {
+  const char* const method = __func__;
+  const CallRecord record(method, IOrvelSimEventClient::kService);
+  if (!callback) {
+    s_client_logger.e("%s:The callback is empty", method);
+    CallRecord::fail(CallStatus::Code::kInvalidArgument, "the callback is empty");
+    return false;
+  }
+  const EventHolder holder(std::make_shared<PendingEvent>(std::move(callback)));
+  const auto told = [this, holder](OrvelSimEventResult_t result) {
+    m_state.events().forget(holder.event());
+    holder.event().tell(outcome_of(result));
+  };
+  const bool accepted = m_state.ask<IOrvelSimEventClient>(method, [&](IOrvelSimEventClient& events) {
+    const OrvelSimEventMetadata metadata{event.nspace, event.name,   event.event3, event.event4,
+                                         event.event5, event.event6, event.event7, event.flag};
+    return events.sendEvent(metadata, event.payload, told);
+  });
+  // An outcome that is told already says that the assistant has accepted the event, whatever became of the answer.
+  if (!accepted && holder.event().close()) return false;
+  if (event.deadline.count() > 0) m_state.events().limit(holder.shared(), event.deadline);
+  return true;
+}
+
 bool OrvelDelegateClient::registerForDirective(const std::string& nspace, DirectiveCallback callback) {
   const char* const method = __func__;
   return m_state.ask<IOrvelSimDirectiveClient>(method, [&](IOrvelSimDirectiveClient& directives) {
-    const bool registered = directives.registerForDirective(nspace, DirectiveListener(std::move(callback)));
+    const bool registered =
+        directives.registerForDirective(nspace, DirectiveListener(SharedCallback(std::move(callback), method)));
     s_client_logger.i("%s:registerForDirective, status=%d", method, registered ? 1 : 0);
     return registered;
   });
@@ -34,6 +61,8 @@ bool OrvelDelegateClient::registerForDirective(const std::string& nspace, Direct
 void OrvelDelegateClient::recordTarselMetricEvent(const TarselMetricEvent* event) {
   if (!event) {
     s_client_logger.e("%s:event is null", __func__);
+    const CallRecord record(__func__, Service::kMetrics);
+    CallRecord::fail(CallStatus::Code::kInvalidArgument, "the event is null");
     return;
   }
   m_state.ask<ITarselMetric>(__func__, [&](ITarselMetric& metrics) { return metrics.recordTarselMetricEvent(*event); });

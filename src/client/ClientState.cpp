@@ -13,8 +13,6 @@ const OrvelLogger& s_client_logger = *new OrvelLogger("OrvelDelegateClient");
 
 namespace {
 
-thread_local bool t_is_run_loop = false;
-
 // As long as one exists, no sleep of the library goes on, and the library binds and publishes nothing.
 struct Stopping {
   const waiting::Interrupt interrupt;  // First: a thread that is not admitted must find itself interrupted.
@@ -22,10 +20,6 @@ struct Stopping {
 };
 
 }  // namespace
-
-bool ClientState::on_run_loop_thread() {
-  return t_is_run_loop;
-}
 
 void ClientState::stop_for_good() {
   static const Stopping& for_good = *new Stopping;  // never destroyed: the process ends
@@ -36,10 +30,12 @@ void ClientState::stop_for_good() {
 bool ClientState::refused(const char* method) const {
   if (in_forked_child()) {
     s_client_logger.e("%s:Called in the child of a fork", method);
+    CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
     return true;
   }
   if (!m_facade.held_by_this_thread()) return false;
   s_client_logger.e("%s:Called from the connectivity callback", method);
+  CallRecord::fail(CallStatus::Code::kRefused, "called from the connectivity callback");
   return true;
 }
 
@@ -58,9 +54,24 @@ void ClientState::stop_runtime() {
   m_runtime_runs = false;
 }
 
+void* ClientState::runtime_for(const char* method) {
+  void* runtime = nullptr;
+  if (const int error = get_runtime(&runtime); error != 0) {
+    s_client_logger.e("%s:Failed to get VESK runtime, error=%d", method, error);
+    CallRecord::fail(CallStatus::Code::kFailed, "there is no device", error);
+    return nullptr;
+  }
+  if (!runtime) {
+    s_client_logger.e("%s:VESK runtime is null", method);
+    CallRecord::fail(CallStatus::Code::kFailed, "there is no device");
+  }
+  return runtime;
+}
+
 bool ClientState::initialize() {
+  const CallRecord record(__func__);
   if (refused(__func__)) return false;
-  if (on_run_loop_thread()) {
+  if (Callback::keeps_shutdown_waiting()) {
     // Callbacks run only while the client is initialised or initialize() is about to let go of this lock.
     const std::lock_guard<OwnedMutex> facade(m_facade);
     s_client_logger.i("%s:Already initialized", __func__);
@@ -74,30 +85,23 @@ bool ClientState::initialize() {
     s_client_logger.i("%s:Already initialized", __func__);
     return true;
   }
-  void* runtime = nullptr;
-  if (const int error = get_runtime(&runtime); error != 0) {
-    s_client_logger.e("%s:Failed to get VESK runtime, error=%d", __func__, error);
-    return false;
-  }
-  if (!runtime) {
-    s_client_logger.e("%s:VESK runtime is null", __func__);
-    return false;
-  }
-  if (!start(runtime)) {
+  void* const runtime = runtime_for(__func__);
+  if (!runtime) return false;
+  if (!launch(runtime, Binder::Bind::kNow)) {
     s_client_logger.e("%s:Interrupted by shutdown", __func__);
+    CallRecord::fail(CallStatus::Code::kNotInitialised, "shutdown() has interrupted");
     return false;
   }
-  m_initialized = true;
   s_client_logger.i("%s:OrvelDelegateClient initialized", __func__);
   return true;
 }
 
 template <typename... Proxies>
-bool ClientState::create(void* runtime) {
-  return ((proxy<Proxies>() = std::make_unique<Proxies>(runtime), !waiting::interrupted()) && ...);
+bool ClientState::create(void* runtime, Binder::Bind bind) {
+  return ((proxy<Proxies>() = std::make_unique<Proxies>(runtime, bind), !waiting::interrupted()) && ...);
 }
 
-bool ClientState::start(void* runtime) {
+bool ClientState::launch(void* runtime, Binder::Bind bind) {
   // Runs on an interruption and on an exception.
   struct Undo {
     ClientState* state;
@@ -110,14 +114,16 @@ bool ClientState::start(void* runtime) {
   } undo{this};
 
   if (!create<IDelegateService, IPowerManagerService, IOrvelSimEventClient, IOrvelSimDirectiveClient, IActivityManager,
-              ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>(runtime)) {
+              ITarselMetric, IOrvelPackageManager, IAndroidConnectivityManager>(runtime, bind)) {
     return false;
   }
+  Callback::begin_life();
   m_run_loop = start_library_thread("orvel-loop", [runtime] {
-    t_is_run_loop = true;
+    LinkBoard::instance().tell();  // what initialize() could not, under its locks
     vesk_run_loop(runtime);
   });
   undo.state = nullptr;
+  m_initialized = true;
   return true;
 }
 
@@ -133,8 +139,11 @@ void ClientState::destroy_proxies() {
 }
 
 void ClientState::shutdown() {
-  if (on_run_loop_thread() || in_forked_child()) {
-    s_client_logger.e("%s:Called %s", __func__, in_forked_child() ? "in the child of a fork" : "from a callback");
+  const CallRecord record(__func__);
+  if (Callback::keeps_shutdown_waiting() || in_forked_child()) {
+    const std::string where = in_forked_child() ? "in the child of a fork" : "from a callback";
+    s_client_logger.e("%s:Called %s", __func__, where.c_str());
+    CallRecord::fail(CallStatus::Code::kRefused, "called " + where);
     return;
   }
   s_client_logger.i("%s:OrvelDelegateClient shutting down", __func__);
@@ -146,6 +155,8 @@ void ClientState::shutdown() {
   if (running) {
     stop_runtime();  // for an initialize() that has succeeded since the first
     m_run_loop.join();
+    m_beside.join();
+    Callback::end_life();
   }
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (running) {
@@ -158,12 +169,14 @@ void ClientState::shutdown() {
 }
 
 bool ClientState::isMaroConnected() {
+  const CallRecord record(__func__);
   if (refused(__func__)) return false;
   const std::lock_guard<OwnedMutex> facade(m_facade);
   return m_maro_connected;
 }
 
 bool ClientState::isNetworkConnected() {
+  const CallRecord record(__func__);
   if (refused(__func__)) return false;
   // Waits for its turn like every method, although the answer never changes: the state is delivered by notification
   // only.
@@ -171,9 +184,16 @@ bool ClientState::isNetworkConnected() {
   return false;
 }
 
-void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback) {
-  const std::lock_guard<OwnedMutex> facade(m_facade);
-  m_maro_connected = connected;
+void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock) {
+  const Disposal disposal;
+  {
+    const std::lock_guard<OwnedMutex> facade(m_facade);
+    m_maro_connected = connected;
+    if (under_lock && !Callback::executor()) {
+      callback(connected);
+      return;
+    }
+  }
   callback(connected);
 }
 

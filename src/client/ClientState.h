@@ -8,11 +8,15 @@
 #include <tuple>
 #include <type_traits>
 
+#include "binder/CallRecord.h"
+#include "binder/Callback.h"
 #include "binder/Disposal.h"
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
+#include "client/LibraryThreads.h"
 #include "client/OwnedMutex.h"
-#include "client/SharedCallback.h"
+#include "client/PendingEvents.h"
+#include "orvel/StartOptions.h"
 #include "services/IActivityManager.h"
 #include "services/IAndroidConnectivityManager.h"
 #include "services/IDelegateService.h"
@@ -27,7 +31,7 @@ namespace orvel::service_apis {
 // The logger of all sources of the public class.
 extern const OrvelLogger& s_client_logger;
 
-// The four methods in lowerCamel implement the public methods of their name, because log lines carry the name.
+// The methods in lowerCamel implement the public methods of their name, because log lines carry the name.
 //
 // Locks, in order: m_lifecycle, m_facade, m_runtime_mutex, then the Binder's. m_lifecycle keeps initialize() and
 // shutdown() from overlapping; the run-loop thread never takes it, because shutdown() holds it while it joins that
@@ -42,7 +46,9 @@ extern const OrvelLogger& s_client_logger;
 class ClientState {
  public:
   bool initialize() ORVEL_EXCLUDES(m_lifecycle, m_facade);
+  bool start(const StartOptions& options) ORVEL_EXCLUDES(m_lifecycle, m_facade);
   void shutdown() ORVEL_EXCLUDES(m_lifecycle, m_facade);
+  bool rebind(Service service) ORVEL_EXCLUDES(m_facade);
   bool isMaroConnected() ORVEL_EXCLUDES(m_facade);
   bool isNetworkConnected() ORVEL_EXCLUDES(m_facade);
 
@@ -50,11 +56,13 @@ class ClientState {
   // the connectivity callback and in the child of a fork. Queries run one at a time. `method` is the public method.
   template <typename Proxy, typename Query, typename Result = std::invoke_result_t<Query, Proxy&>>
   Result ask(const char* method, Query query, Result failure = {}) ORVEL_EXCLUDES(m_facade) {
+    const CallRecord record(method, Proxy::kService);
     if (refused(method)) return failure;
     const Disposal disposal;
     const std::lock_guard<OwnedMutex> facade(m_facade);
     if (!m_initialized) {
       s_client_logger.e("%s:Client is not initialized", method);
+      CallRecord::fail(CallStatus::Code::kNotInitialised, "the client is not initialised");
       return failure;
     }
     return std::invoke(query, *proxy<Proxy>());
@@ -66,14 +74,16 @@ class ClientState {
     return ask<Proxy>(method, [&](Proxy& proxy) { return (proxy.*query)(arguments...); });
   }
 
-  // Notes whether the assistant is connected and calls `callback`, both under the facade lock. Run-loop thread.
-  void maro_connectivity_changed(bool connected, const StateCallback& callback) ORVEL_EXCLUDES(m_facade);
+  // Notes whether the assistant is connected and calls `callback`; that under the facade lock too, if told to and where
+  // no executor runs it. Run-loop thread.
+  void maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock)
+      ORVEL_EXCLUDES(m_facade);
 
-  // True inside a callback.
-  static bool on_run_loop_thread();
+  // The events whose outcome is not told yet.
+  PendingEvents& events() { return m_events; }
 
   // Makes the run loop return after the callback that calls this, because the process ends: nothing is bound or
-  // published any more. Run-loop thread.
+  // published any more. A thread of the library.
   void stop_for_good() ORVEL_EXCLUDES(m_runtime_mutex);
 
  private:
@@ -87,8 +97,21 @@ class ClientState {
   // Calls vesk_shutdown, unless another thread or an earlier call has done so.
   void stop_runtime() ORVEL_EXCLUDES(m_runtime_mutex);
 
+  // The runtime; null, with an error line that begins with `method`, when there is none.
+  void* runtime_for(const char* method) ORVEL_EXCLUDES(m_runtime_mutex);
+
   // True when the proxies and the thread are made; false, with all of it undone, when a shutdown() interrupts.
-  bool start(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
+  bool launch(void* runtime, Binder::Bind bind) ORVEL_REQUIRES(m_lifecycle, m_facade);
+
+  // Initialises the client, unless it is, without waiting for services; false when there is no device or a shutdown()
+  // interrupts.
+  bool launch_beside() ORVEL_EXCLUDES(m_lifecycle, m_facade);
+
+  // The Binder of the service's proxy.
+  Binder& binder_of(Service service) ORVEL_REQUIRES(m_facade);
+
+  // Looks for the service on a thread of its own.
+  void bind_beside(Binder& binder);
 
   template <typename Proxy>
   std::unique_ptr<Proxy>& proxy() ORVEL_REQUIRES(m_facade) {
@@ -98,7 +121,7 @@ class ClientState {
   // True when all proxies are made, in the order given; false as soon as a shutdown() interrupts. Each proxy blocks
   // until its service is bound or given up.
   template <typename... Proxies>
-  bool create(void* runtime) ORVEL_REQUIRES(m_lifecycle, m_facade);
+  bool create(void* runtime, Binder::Bind bind) ORVEL_REQUIRES(m_lifecycle, m_facade);
 
   template <typename... Proxies>
   void destroy() ORVEL_REQUIRES(m_facade);
@@ -119,6 +142,9 @@ class ClientState {
              std::unique_ptr<IActivityManager>, std::unique_ptr<ITarselMetric>, std::unique_ptr<IOrvelPackageManager>,
              std::unique_ptr<IAndroidConnectivityManager>>
       m_proxies ORVEL_GUARDED_BY(m_facade);
+
+  LibraryThreads m_beside;  // beside the run loop's
+  PendingEvents m_events{m_beside};
 };
 
 }  // namespace orvel::service_apis

@@ -1,4 +1,5 @@
 // The device's identity, settings and power.
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -7,6 +8,11 @@
 #include "orvel/OrvelDelegateClient.h"
 
 namespace orvel::service_apis {
+namespace {
+
+constexpr char kNoNumber[] = "the value of the setting is not a number that fits in an int";
+
+}  // namespace
 
 std::string OrvelDelegateClient::getDeviceName() {
   return m_state.ask(__func__, &IDelegateService::getDeviceName);
@@ -35,12 +41,23 @@ std::string OrvelDelegateClient::getPreferredMarketPlace() {
 
 int OrvelDelegateClient::getSecureSettingInt(const std::string& key, int defaultValue) {
   const auto query = [&](IDelegateService& delegate) {
-    return setting_to_int(delegate.getSecureSetting(key.c_str()), defaultValue);
+    const std::string value = delegate.getSecureSetting(key.c_str());
+    CallRecord::fail(CallStatus::Code::kInvalidArgument, kNoNumber);  // unless it is one: the conversion may throw
+    const int number = setting_to_int(value, defaultValue);
+    CallRecord::take_back(kNoNumber);
+    return number;
   };
   return m_state.ask<IDelegateService>(__func__, query, defaultValue);
 }
 
+std::optional<std::string> OrvelDelegateClient::getSecureSetting(const std::string& key) {
+  std::string value = m_state.ask(__func__, &IDelegateService::getSecureSetting, key.c_str());
+  if (value.empty()) return std::nullopt;
+  return value;
+}
+
 bool OrvelDelegateClient::isDeviceRegistered() {
+  const CallRecord record(__func__, Service::kDelegate);
   return !getCustomerDirectedID().empty();
 }
 

@@ -23,6 +23,8 @@ template <typename Send>
 bool send_intent(ClientState& state, const char* method, const OrvelIntent* intent, Send send) {
   if (!intent) {
     s_client_logger.e("%s:intent is null", method);
+    const CallRecord record(method, Service::kDelegate);
+    CallRecord::fail(CallStatus::Code::kInvalidArgument, "the intent is null");
     return false;
   }
   return state.ask<IDelegateService>(method,

@@ -45,7 +45,7 @@ void StateListener::operator()(const std::string&, const std::string&, const Bun
 }
 
 void MaroConnectivityListener::operator()(const std::string&, const std::string&, const Bundle& extras) const {
-  m_client->maro_connectivity_changed(extras.get(kConnectivityExtra, 0) != 0, m_callback);
+  m_client->maro_connectivity_changed(extras.get(kConnectivityExtra, 0) != 0, m_callback, m_under_lock);
 }
 
 void PackageListener::operator()(const std::string& action, const std::string& data, const Bundle& extras) const {
@@ -66,11 +66,20 @@ void SettingIntListener::operator()(const std::string&, const std::string& value
   m_callback(setting_to_int(value, m_default));
 }
 
-void EventResultListener::operator()(OrvelSimEventResult_t result) const {
+void SettingListener::operator()(const std::string&, const std::string& value) const {
+  m_callback(value.empty() ? std::nullopt : std::optional<std::string>(value));
+}
+
+EventOutcome outcome_of(OrvelSimEventResult_t result) {
   const auto [name, retryable] = kEventResults.at(std::min<std::size_t>(result, kEventResults.size() - 1));
-  s_client_logger.i("%s:OrvelSimEventStatusCallback, result_str=%s, is_retryable=%s", __func__, name,
+  s_client_logger.i("%s:OrvelSimEventStatusCallback, result_str=%s, is_retryable=%s", "operator()", name,
                     retryable ? "true" : "false");
-  m_callback(name, retryable);
+  return {name, retryable};
+}
+
+void EventResultListener::operator()(OrvelSimEventResult_t result) const {
+  EventOutcome outcome = outcome_of(result);
+  m_callback(std::move(outcome.result), outcome.retryable);
 }
 
 void DirectiveListener::operator()(const OrvelSimDirective& directive) const {

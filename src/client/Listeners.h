@@ -1,6 +1,5 @@
 // Function objects that turn a raw notification into the one value that a caller of the client asked for. The copies of
-// a listener share the caller's callback and call it on the run-loop thread; an empty one throws std::bad_function_call
-// there.
+// a listener share the caller's callback. Run-loop thread.
 #pragma once
 
 #include <functional>
@@ -8,7 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "client/SharedCallback.h"
+#include "binder/Callback.h"
+#include "orvel/AssistantEvent.h"
 #include "orvel/Bundle.h"
 #include "orvel/OrvelDelegateClient.h"
 #include "parcel/OrvelSimDirective.h"
@@ -22,7 +22,7 @@ class ClientState;
 
 class DeviceNameListener {
  public:
-  explicit DeviceNameListener(std::function<void(std::string)> callback) : m_callback(std::move(callback)) {}
+  explicit DeviceNameListener(SharedCallback<std::function<void(std::string)>> callback) : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
@@ -40,22 +40,23 @@ class StateListener {
   StateCallback m_callback;
 };
 
-// Calls back under the facade lock. The client must outlive it.
+// Tells the client, too, which must outlive it; calls back under the facade lock if told to.
 class MaroConnectivityListener {
  public:
-  MaroConnectivityListener(ClientState& client, std::function<void(bool)> callback)
-      : m_client(&client), m_callback(std::move(callback)) {}
+  MaroConnectivityListener(ClientState& client, StateCallback callback, bool under_lock)
+      : m_client(&client), m_callback(std::move(callback)), m_under_lock(under_lock) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
   ClientState* m_client;
   StateCallback m_callback;
+  bool m_under_lock;
 };
 
 // Calls back once for every broadcast, even for one that names no package.
 class PackageListener {
  public:
-  explicit PackageListener(std::function<void(std::string, std::string)> callback) : m_callback(std::move(callback)) {}
+  explicit PackageListener(SharedCallback<std::function<void(std::string, std::string)>> callback) : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
@@ -64,7 +65,7 @@ class PackageListener {
 
 class TimeSyncListener {
  public:
-  explicit TimeSyncListener(std::function<void(long long, long long)> callback) : m_callback(std::move(callback)) {}
+  explicit TimeSyncListener(SharedCallback<std::function<void(long long, long long)>> callback) : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
@@ -76,7 +77,7 @@ class TimeSyncListener {
 // Throws what setting_to_int throws.
 class SettingIntListener {
  public:
-  SettingIntListener(int default_value, std::function<void(int)> callback)
+  SettingIntListener(int default_value, SharedCallback<std::function<void(int)>> callback)
       : m_default(default_value), m_callback(std::move(callback)) {}
   void operator()(const std::string& key, const std::string& value) const;
 
@@ -85,12 +86,27 @@ class SettingIntListener {
   SharedCallback<std::function<void(int)>> m_callback;
 };
 
+// Tells nothing for an empty value, which a setting has that was removed.
+class SettingListener {
+ public:
+  using Function = std::function<void(std::optional<std::string>)>;
+
+  explicit SettingListener(SharedCallback<Function> callback) : m_callback(std::move(callback)) {}
+  void operator()(const std::string& key, const std::string& value) const;
+
+ private:
+  SharedCallback<Function> m_callback;
+};
+
 // ---- The voice assistant ----
 
-// Tells the name of an event's result, and whether the event may be sent again.
+// Returns the name of an event's result, and whether the event may be sent again. Logs it.
+EventOutcome outcome_of(OrvelSimEventResult_t result);
+
 class EventResultListener {
  public:
-  explicit EventResultListener(OrvelDelegateClient::EventResultCallback callback) : m_callback(std::move(callback)) {}
+  explicit EventResultListener(OrvelDelegateClient::EventResultCallback callback)
+      : m_callback(std::move(callback), "sendEvent") {}
   void operator()(OrvelSimEventResult_t result) const;
 
  private:
@@ -99,7 +115,8 @@ class EventResultListener {
 
 class DirectiveListener {
  public:
-  explicit DirectiveListener(OrvelDelegateClient::DirectiveCallback callback) : m_callback(std::move(callback)) {}
+  explicit DirectiveListener(SharedCallback<OrvelDelegateClient::DirectiveCallback> callback)
+      : m_callback(std::move(callback)) {}
   void operator()(const OrvelSimDirective& directive) const;
 
  private:

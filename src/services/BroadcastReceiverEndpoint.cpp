@@ -1,6 +1,5 @@
 #include "services/BroadcastReceiverEndpoint.h"
 
-#include "orvel/OrvelIntent.h"
 #include "services/Incoming.h"
 
 namespace orvel::service_apis {
@@ -9,7 +8,11 @@ int BroadcastReceiverEndpoint::call_oneway(void* /*cookie*/, unsigned int /*code
                                            vesk_buffer* in) {
   skip_header(in);
   const OrvelIntent intent = OrvelIntent::read(in);
-  m_callback(intent.action, intent.data, intent.extras);
+  if (m_intent_callback) {
+    m_intent_callback(intent);
+  } else {
+    m_callback(intent.action, intent.data, intent.extras);
+  }
   return 0;
 }
 

@@ -14,8 +14,8 @@ constexpr unsigned int kGetRunningAppProcesses = 2;
 
 }  // namespace
 
-IActivityManager::IActivityManager(void* runtime)
-    : m_binder(runtime, service_names::kActivityManager, /*is_android_service=*/false) {}
+IActivityManager::IActivityManager(void* runtime, Binder::Bind bind)
+    : m_binder(runtime, service_names::kActivityManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
 
 bool IActivityManager::getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes) {
   processes.clear();

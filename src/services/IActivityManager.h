@@ -12,11 +12,15 @@ namespace orvel::service_apis {
 // Threads: any.
 class IActivityManager {
  public:
-  // Blocks until the service is bound or given up. `runtime` is borrowed.
-  explicit IActivityManager(void* runtime);
+  static constexpr Service kService = Service::kActivity;
+
+  // Blocks until the service is bound or given up, unless `bind` says otherwise. `runtime` is borrowed.
+  explicit IActivityManager(void* runtime, Binder::Bind bind = Binder::Bind::kNow);
 
   // True when `processes` was replaced by those that run; false, and `processes` empty, on failure.
   bool getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes);
+
+  Binder& binder() { return m_binder; }
 
  private:
   Binder m_binder;

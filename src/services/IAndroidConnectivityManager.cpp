@@ -22,16 +22,21 @@ RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& e
 
 }  // namespace
 
-IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime)
-    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false) {}
+IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime, Binder::Bind bind)
+    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
 
-bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback) {
+bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback,
+                                                                 const std::shared_ptr<Callback>& ends) {
   if (!m_binder.good()) return false;
   s_logger.d("%s:call registerDefaultNetworkCallback", __func__);
   m_network_callback = vesk::make_endpoint<NetworkCallbackEndpoint>(callback);
   const LeakCheckPause forgotten;
   // Deliberately not ended by done(): the request and the reply stay with the Binder, and its next call forgets them.
-  m_binder.call(kDescriptor, kRegisterDefaultNetworkCallback, endpoint_alone(m_network_callback)).keep();
+  Binder::Reply reply = m_binder.call(kDescriptor, kRegisterDefaultNetworkCallback, endpoint_alone(m_network_callback));
+  LinkRecord& link = m_binder.link();
+  if (reply.get()) link.network_taken(m_binder.epoch_of(reply.connection()), m_network_callback.get());
+  if (ends) ends->at_end([&link, holder = m_network_callback.get()] { link.network_ended(holder); });
+  reply.keep();
   return true;
 }
 
@@ -43,6 +48,7 @@ bool IAndroidConnectivityManager::unregisterNetworkCallback() {
   }
   s_logger.d("%s:call unregisterNetworkCallback", __func__);
   static_cast<void>(m_binder.call(kDescriptor, kUnregisterNetworkCallback, endpoint_alone(m_network_callback)));
+  m_binder.link().network_ended(m_network_callback.get());
   return true;
 }
 

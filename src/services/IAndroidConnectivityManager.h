@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "binder/Binder.h"
 #include "services/NetworkCallbackEndpoint.h"
@@ -12,16 +13,22 @@ namespace orvel::service_apis {
 // at a time.
 class IAndroidConnectivityManager {
  public:
-  // Blocks until the service is bound or given up. `runtime` is borrowed.
-  explicit IAndroidConnectivityManager(void* runtime);
+  static constexpr Service kService = Service::kConnectivity;
+
+  // Blocks until the service is bound or given up, unless `bind` says otherwise. `runtime` is borrowed.
+  explicit IAndroidConnectivityManager(void* runtime, Binder::Bind bind = Binder::Bind::kNow);
 
   // True, even when the call failed; false when the service is not bound. Registers `callback`, in place of an earlier
-  // one.
-  bool registerDefaultNetworkCallback(const std::function<void(bool)>& callback);
+  // one; what the link holds for this service counts it from then on, until its end, the service's death, or
+  // unregisterNetworkCallback(). `ends`, if there is one, is what ends it.
+  bool registerDefaultNetworkCallback(const std::function<void(bool)>& callback,
+                                      const std::shared_ptr<Callback>& ends = nullptr);
 
   // True, even when the call failed; false when the service is not bound. Asks the service to end its notices; without
   // a registration nothing is sent.
   bool unregisterNetworkCallback();
+
+  Binder& binder() { return m_binder; }
 
  private:
   Binder m_binder;

@@ -3,6 +3,7 @@
 #include <optional>
 #include <utility>
 
+#include "binder/CallRecord.h"
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/Int64.h"
@@ -52,6 +53,7 @@ std::optional<std::string> query(Binder& binder, Transaction code) {
 bool is_missing(const char* method, const char* argument, const char* what) {
   if (argument && *argument != '\0') return false;
   s_logger.e("%s:%s is null or empty", method, what);
+  CallRecord::fail(CallStatus::Code::kInvalidArgument, std::string(what) + " is empty");
   return true;
 }
 
@@ -60,6 +62,7 @@ bool is_missing(const char* method, const char* argument, const char* what) {
 bool is_empty(Binder& binder, const char* method, const std::string& argument, const char* what) {
   if (!argument.empty()) return false;
   if (binder.good()) s_logger.e("%s:%s is empty", method, what);
+  CallRecord::fail(CallStatus::Code::kInvalidArgument, std::string(what) + " is empty");
   return true;
 }
 
@@ -86,13 +89,12 @@ std::unique_ptr<Record> query(Binder& binder, Transaction code, const char* meth
   return transact(binder, kDescriptor, code, write, read).value_or(nullptr);
 }
 
-// Sends a registration: its arguments, then a new endpoint that holds the callback. The service keeps the endpoint for
-// as long as it may call it. Returns the connection that has taken the registration, kNoConnection when none has; empty
+// Sends a registration: its arguments, then the endpoint that holds the callback. The service keeps the endpoint for as
+// long as it may call it. Returns the connection that has taken the registration, kNoConnection when none has; empty
 // when the service is not bound, or not by `required_connection`.
-template <typename Endpoint, typename Callback>
+template <typename Endpoint>
 std::optional<Connection> publish(Binder& binder, Transaction code, const RequestWriter& write_arguments,
-                                  Callback callback, Connection required_connection) {
-  const auto endpoint = vesk::make_endpoint<Endpoint>(std::move(callback));
+                                  const vesk::EndpointPtr<Endpoint>& endpoint, Connection required_connection) {
   const auto write = [&](vesk_payload* request) {
     write_arguments(request);
     vesk_write_endpoint(request, endpoint->get_endpoint());
@@ -105,18 +107,20 @@ std::optional<Connection> publish(Binder& binder, Transaction code, const Reques
 }  // namespace
 
 // A registration that fails to be renewed is tried again on the next connection.
-IDelegateService::IDelegateService(void* runtime)
+IDelegateService::IDelegateService(void* runtime, Binder::Bind bind)
     : m_settings(m_binder,
                  [this](const SettingRegistration& setting, Connection connection) {
-                   registerForSecureSettingsInternal(setting.first.c_str(), setting.second, connection);
+                   return registerForSecureSettingsInternal(setting.first.c_str(), setting.second, connection) !=
+                          kNoConnection;
                  }),
       m_broadcasts(m_binder,
                    [this](const OrvelIntentFilter& filter, Connection connection) {
-                     registerForBroadcastWithDataTypeOrSchemeInternal(filter.action.c_str(), filter.dataTypes,
-                                                                      filter.dataSchemes, filter.callback, connection);
+                     return registerForBroadcastWithDataTypeOrSchemeInternal(
+                                filter.action.c_str(), filter.dataTypes, filter.dataSchemes, filter.callback,
+                                connection, filter.intent_callback) != kNoConnection;
                    }),
       m_binder(runtime, service_names::kDelegate, /*is_android_service=*/false,
-               [this] { onBinderReconnectedCallback(); }) {}
+               [this] { onBinderReconnectedCallback(); }, LinkBoard::instance().record(kService), bind) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
   std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);
@@ -179,11 +183,12 @@ std::string IDelegateService::getSecureSetting(const char* key) {
   return *std::move(value);
 }
 
-bool IDelegateService::registerForSecureSettings(const char* key, SettingCallback callback) {
+bool IDelegateService::registerForSecureSettings(const char* key, SettingCallback callback,
+                                                 const std::shared_ptr<Callback>& ends) {
   if (is_missing(__func__, key, "Setting key")) return false;
   const Connection taken_by = registerForSecureSettingsInternal(key, callback);
   if (taken_by == kNoConnection) return false;
-  m_settings.add({key, std::move(callback)}, taken_by);
+  m_settings.add({key, std::move(callback)}, taken_by, ends);
   return true;
 }
 
@@ -191,8 +196,8 @@ Connection IDelegateService::registerForSecureSettingsInternal(const char* key, 
                                                                Connection required_connection) {
   if (is_missing(__func__, key, "Setting key")) return kNoConnection;
   const auto write = [key](vesk_payload* request) { String::write(request, key); };
-  const auto taken_by = publish<SettingsReceiverEndpoint>(m_binder, kRegisterForSecureSettings, write,
-                                                          std::move(callback), required_connection);
+  const auto endpoint = vesk::make_endpoint<SettingsReceiverEndpoint>(std::move(callback));
+  const auto taken_by = publish(m_binder, kRegisterForSecureSettings, write, endpoint, required_connection);
   if (!taken_by) return kNoConnection;
   s_logger.i("%s:Registered for updates to setting key [%s] (result=%d)", __func__, key,
              *taken_by != kNoConnection ? 1 : 0);
@@ -204,24 +209,30 @@ bool IDelegateService::registerForBroadcastWithDataTypeOrScheme(const char* acti
                                                                 const std::vector<std::string>& dataSchemes,
                                                                 BroadcastCallback callback) {
   if (is_missing(__func__, action, "Intent")) return false;
+  return registerForBroadcast({action, dataTypes, dataSchemes, std::move(callback)}, nullptr);
+}
+
+bool IDelegateService::registerForBroadcast(OrvelIntentFilter filter, const std::shared_ptr<Callback>& ends) {
   const Connection taken_by =
-      registerForBroadcastWithDataTypeOrSchemeInternal(action, dataTypes, dataSchemes, callback);
+      registerForBroadcastWithDataTypeOrSchemeInternal(filter.action.c_str(), filter.dataTypes, filter.dataSchemes,
+                                                       filter.callback, kNoConnection, filter.intent_callback);
   if (taken_by == kNoConnection) return false;
-  m_broadcasts.add({action, dataTypes, dataSchemes, std::move(callback)}, taken_by);
+  m_broadcasts.add(std::move(filter), taken_by, ends);
   return true;
 }
 
 Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
     const char* action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& dataSchemes,
-    BroadcastCallback callback, Connection required_connection) {
+    BroadcastCallback callback, Connection required_connection, IntentCallback intent_callback) {
   if (is_missing(__func__, action, "Intent")) return kNoConnection;
   const auto write = [&](vesk_payload* request) {
     String::write(request, action);
     StringArray::write(request, dataTypes);
     StringArray::write(request, dataSchemes);
   };
-  const auto taken_by = publish<BroadcastReceiverEndpoint>(m_binder, kRegisterForBroadcast, write, std::move(callback),
-                                                           required_connection);
+  const auto endpoint =
+      vesk::make_endpoint<BroadcastReceiverEndpoint>(std::move(intent_callback), std::move(callback));
+  const auto taken_by = publish(m_binder, kRegisterForBroadcast, write, endpoint, required_connection);
   if (!taken_by) return kNoConnection;
   s_logger.i("%s:Registered to receive broadcasts for intent [%s] (result=%d)", __func__, action,
              *taken_by != kNoConnection ? 1 : 0);

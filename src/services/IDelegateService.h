@@ -23,11 +23,13 @@ namespace orvel::service_apis {
 //
 // The service forgets all registrations when it dies, so they are kept and made again each time that it has been bound
 // anew: settings first, then broadcasts, each in the order of insertion. Registering the same key or action twice makes
-// two registrations. A registration that the service refused is not kept, and none is ever removed. Threads: any.
+// two registrations. A registration that the service refused is not kept. Threads: any.
 class IDelegateService {
  public:
-  // Blocks until the service is bound or given up. `runtime` is borrowed.
-  explicit IDelegateService(void* runtime);
+  static constexpr Service kService = Service::kDelegate;
+
+  // Blocks until the service is bound or given up, unless `bind` says otherwise. `runtime` is borrowed.
+  explicit IDelegateService(void* runtime, Binder::Bind bind = Binder::Bind::kNow);
 
   DeviceInfo getDeviceInfo();
 
@@ -49,8 +51,10 @@ class IDelegateService {
   std::string getSecureSetting(const char* key);
 
   // True when the service has taken the registration: from then on `callback` gets the key and each new value of the
-  // secure setting. False otherwise, and for a null or empty key.
-  bool registerForSecureSettings(const char* key, SettingCallback callback);
+  // secure setting. False otherwise, and for a null or empty key. `ends`, if there is one, is what ends the
+  // registration.
+  bool registerForSecureSettings(const char* key, SettingCallback callback,
+                                 const std::shared_ptr<Callback>& ends = nullptr);
 
   // True when the service has taken the registration: from then on `callback` gets the action, the data and the extras
   // of every broadcast of that action which has one of the MIME types and one of the URI schemes; two empty lists are
@@ -58,6 +62,8 @@ class IDelegateService {
   bool registerForBroadcastWithDataTypeOrScheme(const char* action, const std::vector<std::string>& dataTypes,
                                                 const std::vector<std::string>& dataSchemes,
                                                 BroadcastCallback callback);
+  // The same with all that a registration has, and with what ends it, if anything does.
+  bool registerForBroadcast(OrvelIntentFilter filter, const std::shared_ptr<Callback>& ends);
 
   // The connection that has taken the registration, which is not kept; kNoConnection when none has, and for a null or
   // empty key or action. With `required_connection`, it is made on that connection or not at all.
@@ -67,7 +73,8 @@ class IDelegateService {
                                                               const std::vector<std::string>& dataTypes,
                                                               const std::vector<std::string>& dataSchemes,
                                                               BroadcastCallback callback,
-                                                              Connection required_connection = kNoConnection);
+                                                              Connection required_connection = kNoConnection,
+                                                              IntentCallback intent_callback = {});
 
   // True when the service answered. It does not say what became of the intent: an activity may not have been started.
   bool sendBroadcast(OrvelIntent intent);
@@ -103,6 +110,8 @@ class IDelegateService {
   // Makes all registrations again. For the Binder, on the run-loop thread, after each successful rebind; takes no lock
   // of its own.
   void onBinderReconnectedCallback();
+
+  Binder& binder() { return m_binder; }
 
  private:
   using SettingRegistration = std::pair<std::string, SettingCallback>;

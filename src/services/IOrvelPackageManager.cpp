@@ -18,8 +18,8 @@ constexpr unsigned int kGetPackages = 2;
 
 }  // namespace
 
-IOrvelPackageManager::IOrvelPackageManager(void* runtime)
-    : m_binder(runtime, service_names::kPackageManager, /*is_android_service=*/false) {}
+IOrvelPackageManager::IOrvelPackageManager(void* runtime, Binder::Bind bind)
+    : m_binder(runtime, service_names::kPackageManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
 
 bool IOrvelPackageManager::getPackages(std::vector<std::string>& packages) {
   packages.clear();

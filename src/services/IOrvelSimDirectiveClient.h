@@ -1,8 +1,9 @@
 // Directives of the voice assistant, by namespace.
 #pragma once
 
+#include <memory>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 #include "binder/Binder.h"
@@ -13,19 +14,26 @@ namespace orvel::service_apis {
 
 // Asks no service: it publishes an endpoint under a name made from the namespace, where the device's directive broker
 // finds it. The coordinating service is bound only to learn that it is back after a death, because the broker has then
-// forgotten every endpoint; all of them are published again. A namespace is never given up.
+// forgotten every endpoint; all of them are published again. A namespace stays published, also when the callback for
+// its directives has ended: libvesk withdraws no name. It may be registered anew then.
 //
 // Threads: registering on any, one at a time; the replay on the run loop's.
 class IOrvelSimDirectiveClient {
  public:
-  // Blocks until the coordinating service is bound or given up; publishing works either way. `runtime` is borrowed.
-  explicit IOrvelSimDirectiveClient(void* runtime);
+  static constexpr Service kService = Service::kCoordinator;
+
+  // Blocks until the coordinating service is bound or given up, unless `bind` says otherwise; publishing works either
+  // way. `runtime` is borrowed.
+  explicit IOrvelSimDirectiveClient(void* runtime, Binder::Bind bind = Binder::Bind::kNow);
 
   // True when the endpoint is published: from then on `callback` gets every directive of the namespace. False for an
   // empty namespace or callback, for a namespace with a NUL, and when libvesk refuses the name, for example because
   // another process has it. Deliberately true, too, for a namespace that is registered already: it keeps its callback,
-  // and the new one is dropped.
-  bool registerForDirective(const std::string& nspace, DirectiveCallback callback);
+  // and the new one is dropped. `ends`, if there is one, is what ends the registration.
+  bool registerForDirective(const std::string& nspace, DirectiveCallback callback,
+                            const std::shared_ptr<Callback>& ends = nullptr);
+  // Whether that would do nothing.
+  bool is_registered(const std::string& nspace) const;
 
   // The same without keeping the registration, for the above and for the replay after a death.
   bool registerForDirectiveInternal(const std::string& nspace, DirectiveCallback callback);
@@ -34,11 +42,13 @@ class IOrvelSimDirectiveClient {
   // its own.
   void onOscReconnectedCallback();
 
+  Binder& binder() { return m_binder; }
+
  private:
   using DirectiveRegistration = std::pair<std::string, DirectiveCallback>;
 
   void* const m_runtime;
-  std::unordered_set<std::string> m_namespaces;  // those of m_registrations, by name
+  std::unordered_map<std::string, std::shared_ptr<Callback>> m_namespaces;  // with what ends them, if anything does
   ReplayList<DirectiveRegistration> m_registrations;
   Binder m_binder;  // Last: what it calls back uses the rest.
 };

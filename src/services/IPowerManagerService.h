@@ -8,8 +8,10 @@ namespace orvel::service_apis {
 // Every method is one transaction, except where noted. Threads: any.
 class IPowerManagerService {
  public:
-  // Blocks until the service is bound or given up. `runtime` is borrowed.
-  explicit IPowerManagerService(void* runtime);
+  static constexpr Service kService = Service::kPower;
+
+  // Blocks until the service is bound or given up, unless `bind` says otherwise. `runtime` is borrowed.
+  explicit IPowerManagerService(void* runtime, Binder::Bind bind = Binder::Bind::kNow);
 
   // True when the screen is interactive; false when it is not and on failure.
   bool isInteractive();
@@ -30,6 +32,8 @@ class IPowerManagerService {
 
   // As wakeUpDevice().
   bool acquireFullWakeLock();
+
+  Binder& binder() { return m_binder; }
 
  private:
   Binder m_binder;

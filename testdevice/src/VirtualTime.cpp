@@ -2,12 +2,24 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
+#include "binder/Process.h"
 #include "binder/Waiting.h"
 #include "device/Timer.h"
 #include "vesk/inprocess/InprocessVesk.h"
 
 namespace orvel::testing {
+
+namespace {
+
+thread_local std::string t_missed;
+
+bool is_beside() {
+  return service_apis::on_library_thread() && !vesk::inprocess::InprocessVesk::on_run_loop();
+}
+
+}  // namespace
 
 // Never destroyed: the client's destructor, an exit handler, interrupts waits.
 VirtualTime& VirtualTime::instance() {
@@ -79,17 +91,24 @@ void VirtualTime::stop_timer(const TimerId& timer) {
 bool VirtualTime::wait(Wait& wait, Duration limit) {
   Lock lock(m_mutex);
   const bool sleeps = wait.kind == Wait::Kind::kSleep;
-  if (sleeps && m_interrupts > 0) return true;
+  const bool calls = wait.kind == Wait::Kind::kCall;
+  if (!calls && m_interrupts > 0) return true;
   if (!wait.over) {
     wait.id = {m_now + limit, ++m_last_id};
     m_waits.emplace(wait.id, &wait);
     wait.of_loop = vesk::inprocess::InprocessVesk::on_run_loop();
     m_loop_waits = m_loop_waits || wait.of_loop;
-    if (sleeps && !wait.of_loop) ++m_sleepers;
+    wait.of_beside = is_beside();
+    if (wait.of_beside) {
+      ++m_beside_waits;
+      if (sleeps) wait.missed = t_missed;
+    } else if (sleeps && !wait.of_loop) {
+      ++m_sleepers;
+    }
     m_changed.notify_all();
   }
   while (!wait.over) {
-    if (sleeps && wait.of_loop) {
+    if (!calls && (wait.of_loop || wait.of_beside)) {
       m_changed.wait(lock);
     } else {
       pass(lock, TimePoint::max());
@@ -110,7 +129,11 @@ void VirtualTime::finish(Wait& wait, bool expired) {
   wait.expired = expired;
   m_waits.erase(wait.id);
   if (wait.of_loop) m_loop_waits = false;
-  if (wait.kind == Wait::Kind::kSleep && !wait.of_loop) --m_sleepers;
+  if (wait.of_beside) {
+    --m_beside_waits;
+  } else if (wait.kind == Wait::Kind::kSleep && !wait.of_loop) {
+    --m_sleepers;
+  }
   m_changed.notify_all();
 }
 
@@ -127,7 +150,7 @@ void VirtualTime::interrupt() {
   ++m_interrupts;
   for (auto next = m_waits.begin(); next != m_waits.end();) {
     Wait& wait = *(next++)->second;
-    if (wait.kind == Wait::Kind::kSleep) finish(wait, false);
+    if (wait.kind != Wait::Kind::kCall) finish(wait, false);
   }
 }
 
@@ -147,7 +170,17 @@ void VirtualTime::set_loop_busy(bool busy) {
   m_changed.notify_all();
 }
 
+void VirtualTime::count_beside(int change) {
+  const Lock lock(m_mutex);
+  m_beside += change;
+  m_changed.notify_all();
+}
+
 void VirtualTime::set_missed(const std::string& service) {
+  if (is_beside()) {
+    t_missed = service;
+    return;
+  }
   const Lock lock(m_mutex);
   m_missed = service;
 }
@@ -155,6 +188,9 @@ void VirtualTime::set_missed(const std::string& service) {
 void VirtualTime::service_started(const std::string& service) {
   const Lock lock(m_mutex);
   if (m_missed == service) m_missed.clear();
+  for (const auto& [id, wait] : m_waits) {
+    if (wait->missed == service) wait->missed.clear();
+  }
 }
 
 bool VirtualTime::timer_is_due() const {
@@ -163,7 +199,14 @@ bool VirtualTime::timer_is_due() const {
 
 // A thread that sleeps outside the run loop is initialising the client: there is no loop before that ends.
 bool VirtualTime::quiet() const {
-  return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0);
+  return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0) &&
+         m_beside == m_beside_waits;
+}
+
+// All that the client's threads still do is to look for services that are not there.
+bool VirtualTime::only_misses() const {
+  const auto hopes = [](const auto& wait) { return wait.second->of_beside && wait.second->missed.empty(); };
+  return (!m_loop_busy || !m_missed.empty()) && std::none_of(m_waits.begin(), m_waits.end(), hopes);
 }
 
 // Waits for a change where a thread is busy, else goes on to the next deadline; false, at once, when that is beyond the
@@ -192,7 +235,7 @@ bool VirtualTime::settle(Duration limit) {
   const TimePoint end = m_now + limit;
   const auto is_settled = [this] {
     const auto ends = [](const auto& timer) { return !timer.second.endless; };
-    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && (!m_loop_busy || !m_missed.empty());
+    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && only_misses();
   };
   while (!is_settled()) {
     if (!pass(lock, end)) return false;
@@ -228,6 +271,43 @@ bool sleep_for(std::chrono::nanoseconds duration) {
 
 bool interrupted() {
   return VirtualTime::instance().interrupted();
+}
+
+struct Bell::State {
+  std::mutex mutex;
+  bool rung = false;
+  VirtualTime::Wait* wait = nullptr;  // of the thread that waits
+};
+
+Bell::Bell() : m_state(std::make_unique<State>()) {}
+Bell::~Bell() = default;
+
+bool Bell::wait(std::chrono::nanoseconds limit) {
+  VirtualTime::Wait wait{VirtualTime::Wait::Kind::kBell};
+  {
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    if (std::exchange(m_state->rung, false)) return !interrupted();
+    m_state->wait = &wait;
+  }
+  const std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
+  VirtualTime::instance().wait(wait, std::min(limit, longest));
+  const std::lock_guard<std::mutex> lock(m_state->mutex);
+  m_state->wait = nullptr;
+  return std::exchange(m_state->rung, false) && !interrupted();
+}
+
+void Bell::ring() {
+  const std::lock_guard<std::mutex> lock(m_state->mutex);
+  m_state->rung = true;
+  if (m_state->wait) VirtualTime::instance().end(*m_state->wait);
+}
+
+Background::Background() {
+  VirtualTime::instance().count_beside(+1);
+}
+
+Background::~Background() {
+  VirtualTime::instance().count_beside(-1);
 }
 
 Interrupt::Interrupt() {

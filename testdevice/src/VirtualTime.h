@@ -20,7 +20,7 @@ namespace orvel::testing {
 // loop have nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
 //
 // The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and
-// starts it again must not find that the client has given up meanwhile.
+// starts it again must not find that the client has given up meanwhile. So do the client's threads beside the run loop.
 class VirtualTime {
  public:
   using Duration = std::chrono::nanoseconds;
@@ -30,10 +30,12 @@ class VirtualTime {
 
   // A wait that has a limit. It lives until wait() has returned.
   struct Wait {
-    enum class Kind { kCall, kSleep } kind;
+    enum class Kind { kCall, kSleep, kBell } kind;
     bool over = false;
     bool expired = false;
-    bool of_loop = false;  // the client's run loop is in it
+    bool of_loop = false;     // the client's run loop is in it
+    bool of_beside = false;   // one of the client's threads beside it is
+    std::string missed = {};  // what that thread looks for: nothing that time alone ends well
     TimerId id{};
   };
 
@@ -56,8 +58,8 @@ class VirtualTime {
 
   // ---- Waits ----
 
-  // Waits for end(); false when the limit passed before. A sleep of the run loop's does not let time pass itself,
-  // everything else does.
+  // Waits for end(); false when the limit passed before. What the client's own threads wait for, but in calls, does not
+  // let time pass itself; everything else does.
   bool wait(Wait& wait, Duration limit);
   void end(Wait& wait);
   // Ends the calls that wait: their connections are going.
@@ -71,7 +73,10 @@ class VirtualTime {
   // ---- What the client does ----
 
   void set_loop_busy(bool busy);
-  // What the run loop has looked for in vain, and now waits for: nothing that time alone ends well. Empty: nothing.
+  // A thread beside the run loop begins or ends.
+  void count_beside(int change);
+  // What this thread of the client's has looked for in vain, and now waits for: nothing that time alone ends well.
+  // Empty: nothing.
   void set_missed(const std::string& service);
   void service_started(const std::string& service);
 
@@ -91,6 +96,7 @@ class VirtualTime {
   };
 
   bool quiet() const;
+  bool only_misses() const;
   bool timer_is_due() const;
   bool pass(Lock& lock, TimePoint limit);
   void finish(Wait& wait, bool expired);
@@ -112,6 +118,8 @@ class VirtualTime {
   bool m_loop_busy = false;   // it has something to do ...
   bool m_loop_waits = false;  // ... but is in one of the waits
   std::string m_missed;
+  int m_beside = 0;        // threads of the client's beside the run loop ...
+  int m_beside_waits = 0;  // ... of which so many are in one of the waits
 };
 
 }  // namespace orvel::testing

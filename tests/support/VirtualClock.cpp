@@ -60,6 +60,32 @@ bool sleep_for(std::chrono::nanoseconds duration) {
   return !interrupted();
 }
 
+// A wait for a bell that has not been rung is a sleep that lasts its whole limit.
+struct Bell::State {
+  bool rung = false;  // guarded by g_mutex
+};
+
+Bell::Bell() : m_state(std::make_unique<State>()) {}
+Bell::~Bell() = default;
+
+bool Bell::wait(std::chrono::nanoseconds limit) {
+  Lock lock(g_mutex);
+  if (!m_state->rung) {
+    lock.unlock();
+    static_cast<void>(sleep_for(limit));
+    lock.lock();
+  }
+  return std::exchange(m_state->rung, false) && g_interrupts == 0;
+}
+
+void Bell::ring() {
+  const Lock lock(g_mutex);
+  m_state->rung = true;
+}
+
+Background::Background() = default;
+Background::~Background() = default;
+
 bool interrupted() {
   const Lock lock(g_mutex);
   return g_interrupts > 0;

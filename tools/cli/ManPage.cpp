@@ -42,7 +42,7 @@ class Page {
   Page(const CLI::App& app, const std::string& see_also) {
     const std::string& name = app.get_name();
     m_roff << ".\\\" Made from the program's own description of its arguments.\n"
-           << ".TH " << upper(name) << " 1 \"" << ORVEL_RELEASED << "\" \"OrvelDelegateClient " << ORVEL_VERSION
+           << ".TH " << upper(name) << " 1 \"" << ORVEL_RELEASED << "\" \"OrvelDelegateClient " << ORVEL_PROGRAM_VERSION
            << "\" \"User Commands\"\n";
     const std::string about = app.get_description();
     section("NAME");

@@ -109,7 +109,7 @@ class Examination {
   void add(Check check) { m_checks.push_back(std::move(check)); }
 
   void lookAtPrograms() {
-    add({"orvelctl", State::kOk, ORVEL_VERSION});
+    add({"orvelctl", State::kOk, ORVEL_PROGRAM_VERSION});
     // The functions by which the libraries are known; the client's is that which the others are called by.
     const std::pair<const char*, const char*> libraries[] = {
         {"client", "_ZN5orvel12service_apis19OrvelDelegateClient9getClientEv"},

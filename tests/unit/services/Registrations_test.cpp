@@ -107,6 +107,7 @@ TEST_F(Registrations, AListRenewsExactlyOnceWhenADeathOverlapsIt) {
   ReplayList<std::string> list(binder, [&](const std::string& entry, Connection on) {
     if (entry == "early") std::exchange(while_replaying, [] {})();
     renewed.push_back(entry + std::to_string(on));
+    return true;
   });
   list.add("early", binder.connection());
   EXPECT_THAT(renewed, IsEmpty());

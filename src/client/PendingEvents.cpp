@@ -1,0 +1,78 @@
+#include "client/PendingEvents.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "client/ClientState.h"
+
+namespace orvel::service_apis {
+namespace {
+
+std::atomic<bool> g_quiet{false};
+
+}  // namespace
+
+bool PendingEvent::tell(const EventOutcome& outcome) {
+  if (!close()) return false;
+  m_callback(outcome);
+  return true;
+}
+
+EventHolder::Held::~Held() {
+  if (g_quiet) return;
+  try {
+    event->tell({"LOST", true});
+  } catch (const std::exception& error) {
+    s_client_logger.e("%s:A callback for the outcome of an event threw: %s", __func__, error.what());
+  }
+}
+
+void PendingEvents::keep_quiet() {
+  g_quiet = true;
+}
+
+void PendingEvents::limit(const PendingEventPtr& event, std::chrono::nanoseconds deadline) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (event->is_over()) return;
+  m_deadlines.emplace(waiting::now() + deadline, event);
+  if (m_bell) m_bell->ring();
+  if (!m_is_watched) m_is_watched = m_threads.start("orvel-events", [this] { watch(); });
+}
+
+void PendingEvents::forget(const PendingEvent& event) {
+  PendingEventPtr over;  // destroyed behind the lock
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  const auto found = std::find_if(m_deadlines.begin(), m_deadlines.end(),
+                                  [&](const auto& deadline) { return deadline.second.get() == &event; });
+  if (found == m_deadlines.end()) return;
+  over = std::move(found->second);
+  m_deadlines.erase(found);
+  if (m_bell) m_bell->ring();
+}
+
+void PendingEvents::watch() {
+  waiting::Bell bell;
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_bell = &bell;
+  while (!m_deadlines.empty() && !waiting::interrupted()) {
+    const auto next = m_deadlines.begin();
+    const std::chrono::nanoseconds left = next->first - waiting::now();
+    if (left.count() > 0) {
+      lock.unlock();
+      static_cast<void>(bell.wait(left));
+      lock.lock();
+      continue;
+    }
+    const PendingEventPtr late = std::move(next->second);
+    m_deadlines.erase(next);
+    lock.unlock();
+    late->tell({"TIMEOUT", true});
+    lock.lock();
+  }
+  m_bell = nullptr;
+  m_is_watched = false;
+  m_deadlines.clear();
+}
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,80 @@
+// Events of the assistant whose outcome is told exactly once.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "binder/Callback.h"
+#include "binder/Disposal.h"
+#include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
+#include "client/LibraryThreads.h"
+#include "orvel/AssistantEvent.h"
+
+namespace orvel::service_apis {
+
+// One event, from before it is sent on. Threads: any.
+class PendingEvent {
+ public:
+  explicit PendingEvent(EventOutcomeCallback callback)
+      : m_callback(std::move(callback), "send", Callback::Lasts::kBeyond) {}
+
+  // Tells the outcome, unless one was told. True when this did so.
+  bool tell(const EventOutcome& outcome);
+  // From now on none is told; false when one was told already.
+  bool close() { return !m_is_over.exchange(true); }
+  [[nodiscard]] bool is_over() const { return m_is_over; }
+
+ private:
+  const SharedCallback<EventOutcomeCallback> m_callback;
+  std::atomic<bool> m_is_over{false};
+};
+
+using PendingEventPtr = std::shared_ptr<PendingEvent>;
+
+// Held by all who may still bring the outcome: the call that sends the event, and the endpoint for its result, which
+// the service holds. The last one to let go tells that the event is lost, where no lock is held.
+class EventHolder {
+ public:
+  explicit EventHolder(PendingEventPtr event) : m_held(new Held(std::move(event))) {}
+
+  [[nodiscard]] PendingEvent& event() const { return *static_cast<const Held*>(m_held.get())->event; }
+  [[nodiscard]] PendingEventPtr shared() const { return static_cast<const Held*>(m_held.get())->event; }
+
+ private:
+  struct Held : Disposable {
+    explicit Held(PendingEventPtr held) : event(std::move(held)) {}
+    ~Held() override;
+    const PendingEventPtr event;
+  };
+
+  DisposablePtr m_held;
+};
+
+// The deadlines of events, on a thread that exists while there are any. Threads: any.
+class PendingEvents {
+ public:
+  explicit PendingEvents(LibraryThreads& threads) : m_threads(threads) {}
+
+  // Tells "TIMEOUT" when the deadline has passed from now.
+  void limit(const PendingEventPtr& event, std::chrono::nanoseconds deadline) ORVEL_EXCLUDES(m_mutex);
+  // The event is over.
+  void forget(const PendingEvent& event) ORVEL_EXCLUDES(m_mutex);
+
+  // From now on no event is told to be lost, because the process ends.
+  static void keep_quiet();
+
+ private:
+  void watch() ORVEL_EXCLUDES(m_mutex);
+
+  LibraryThreads& m_threads;
+  std::mutex m_mutex;
+  std::multimap<waiting::TimePoint, PendingEventPtr> m_deadlines ORVEL_GUARDED_BY(m_mutex);
+  bool m_is_watched ORVEL_GUARDED_BY(m_mutex) = false;  // by a thread, which ends when there is no deadline
+  waiting::Bell* m_bell ORVEL_GUARDED_BY(m_mutex) = nullptr;  // of that thread
+};
+
+}  // namespace orvel::service_apis

@@ -1,0 +1,54 @@
+#include "client/Subscriptions.h"
+
+#include <utility>
+
+#include "binder/CallRecord.h"
+#include "binder/LinkBoard.h"
+
+namespace orvel::service_apis {
+
+Subscription::Subscription() noexcept = default;
+
+Subscription::Subscription(std::weak_ptr<Callback> callback) noexcept
+    : m_callback(std::move(callback)), m_made(true) {}
+
+Subscription::~Subscription() {
+  end();
+}
+
+Subscription::Subscription(Subscription&& other) noexcept
+    : m_callback(std::move(other.m_callback)), m_made(std::exchange(other.m_made, false)) {}
+
+Subscription& Subscription::operator=(Subscription&& other) noexcept {
+  if (this == &other) return *this;
+  end();
+  m_callback = std::move(other.m_callback);
+  m_made = std::exchange(other.m_made, false);
+  return *this;
+}
+
+void Subscription::end() noexcept {
+  m_made = false;
+  const std::shared_ptr<Callback> callback = std::exchange(m_callback, {}).lock();
+  if (callback) callback->end();
+}
+
+void Subscription::keep() noexcept {
+  m_made = false;
+  m_callback.reset();
+}
+
+Subscription Subscriptions::of(const std::shared_ptr<Callback>& callback, bool taken) {
+  if (taken) return Subscription(callback);
+  callback->end();
+  return {};
+}
+
+Subscription Subscriptions::to_links(std::optional<Service> service, LinkCallback callback) {
+  const CallRecord record("subscribeLink", service);
+  if (callback) return Subscription(LinkBoard::instance().subscribe(service, std::move(callback)));
+  CallRecord::fail(CallStatus::Code::kInvalidArgument, "the callback is empty");
+  return {};
+}
+
+}  // namespace orvel::service_apis
