@@ -156,7 +156,7 @@ std::optional<Binder::Reply> Binder::call_if_bound(const char* descriptor, unsig
   Reply reply(m_transaction);
   const std::lock_guard<std::mutex> lock(m_mutex);
   if (!m_handle) {
-    CallRecord::fail_unbound(m_link.get());
+    CallRecord::fail_unbound(m_link);
     return std::nullopt;
   }
   if (required_connection != kNoConnection && required_connection != m_connection) return std::nullopt;
@@ -225,7 +225,7 @@ void Binder::free_messages() {
 
 bool Binder::good() {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (!m_handle) CallRecord::fail_unbound(m_link.get());
+  if (!m_handle) CallRecord::fail_unbound(m_link);
   return m_handle != nullptr;
 }
 

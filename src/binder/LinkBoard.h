@@ -65,8 +65,8 @@ class LinkRecord {
   Link m_link ORVEL_GUARDED_BY(m_mutex);
   bool m_is_bound ORVEL_GUARDED_BY(m_mutex) = false;
   const void* m_network_holder ORVEL_GUARDED_BY(m_mutex) = nullptr;  // null while there is none
-  std::atomic<std::uint64_t> m_epoch{0};                   // that of m_link
-  std::atomic<LinkState> m_state{LinkState::kStopped};  // likewise
+  std::atomic<std::uint64_t> m_epoch{0};                             // that of m_link
+  std::atomic<LinkState> m_state{LinkState::kStopped};               // likewise
 };
 
 // The links to all services. Lives as long as the process. Threads: any.

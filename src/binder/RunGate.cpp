@@ -37,7 +37,8 @@ bool RunGate::enter() {
 
 void RunGate::leave() {
   if ((m_state.fetch_sub(kOneEntry) & kClosed) == 0) return;
-  Leaving& state = leaving();  // which outlives this gate: the waiting thread may destroy that as soon as it sees the count
+  Leaving& state =
+      leaving();  // which outlives this gate: the waiting thread may destroy that as soon as it sees the count
   const std::lock_guard<std::mutex> lock(state.mutex);
   state.left.notify_all();
 }

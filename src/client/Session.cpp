@@ -145,8 +145,7 @@ bool Session::waitFor(std::chrono::nanoseconds limit) const {
   do {
     const auto left = std::max(end - std::chrono::steady_clock::now(), std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timespec time = {static_cast<std::time_t>(seconds.count()),
-                           static_cast<long>((left - seconds).count())};
+    const timespec time = {static_cast<std::time_t>(seconds.count()), static_cast<long>((left - seconds).count())};
     if (ppoll(&come, 1, &time, nullptr) > 0) return true;
   } while (std::chrono::steady_clock::now() < end);  // a handler of the program's may have run
   return false;
