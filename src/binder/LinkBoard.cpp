@@ -140,7 +140,7 @@ class LinkBoard::Listener {
   void catch_up(LinkBoard& board) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const std::thread::id self = std::this_thread::get_id();
-    while (m_teller != std::thread::id() && m_teller != self && on_library_thread()) m_idle.wait(lock);
+    m_idle.wait(lock, [&] { return m_teller == std::thread::id() || m_teller == self || !on_library_thread(); });
     if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
     m_teller = self;
     while (const std::optional<Link> link = next(board)) {
@@ -177,7 +177,7 @@ class LinkBoard::Listener {
   const std::optional<Service> m_service;
   const SharedCallback<LinkCallback> m_callback;
   std::mutex m_mutex;
-  std::condition_variable m_idle;
+  waiting::Condition m_idle;
   std::thread::id m_teller ORVEL_GUARDED_BY(m_mutex);
   std::array<std::optional<Link>, kAllServices.size()> m_told ORVEL_GUARDED_BY(m_mutex);
 };

@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -112,7 +111,7 @@ class LinkBoard {
   std::vector<std::shared_ptr<Listener>> m_listeners ORVEL_GUARDED_BY(m_mutex);
   std::vector<waiting::Bell*> m_waiting ORVEL_GUARDED_BY(m_mutex);
   std::atomic<int> m_restoring{0};
-  std::condition_variable m_restored;
+  waiting::Condition m_restored;
 };
 
 }  // namespace orvel::service_apis

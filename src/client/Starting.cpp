@@ -43,7 +43,7 @@ std::string missing(const std::vector<Service>& services) {
 
 bool ClientState::launch_beside() {
   const Disposal disposal;
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) return true;
   void* const runtime = runtime_for("start");

@@ -1,6 +1,7 @@
 // The clocks of the client and of the device, on one virtual time.
 #include <algorithm>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "VirtualTime.h"
@@ -53,6 +54,28 @@ void Bell::ring() {
   const std::lock_guard<std::mutex> lock(m_state->mutex);
   m_state->rung = true;
   if (m_state->wait) VirtualTime::instance().end(*m_state->wait);
+}
+
+void Mutex::lock() {
+  VirtualTime::instance().lock(m_mutex);
+}
+
+void Mutex::unlock() {
+  m_mutex.unlock();
+  VirtualTime::instance().release(&m_mutex);
+}
+
+// Under the lock that guards the condition, until the thread counts as waiting: notify_all() cannot come in between.
+void Condition::wait(std::unique_lock<std::mutex>& lock) {
+  VirtualTime::Blocked blocked{this};
+  VirtualTime::instance().begin(blocked);
+  m_changed.wait(lock);
+  VirtualTime::instance().end(blocked);
+}
+
+void Condition::notify_all() {
+  VirtualTime::instance().release(this);
+  m_changed.notify_all();
 }
 
 Background::Background() {

@@ -12,16 +12,17 @@ namespace {
 
 thread_local std::string t_missed;
 
-bool is_beside() {
-  return service_apis::on_library_thread() && !vesk::inprocess::InprocessVesk::on_run_loop();
-}
-
 }  // namespace
 
 // Never destroyed: the client's destructor, an exit handler, interrupts waits.
 VirtualTime& VirtualTime::instance() {
   static VirtualTime& time = *new VirtualTime;
   return time;
+}
+
+VirtualTime::Who VirtualTime::this_thread() {
+  if (vesk::inprocess::InprocessVesk::on_run_loop()) return kLoop;
+  return service_apis::on_library_thread() ? kBeside : kTest;
 }
 
 VirtualTime::TimePoint VirtualTime::now() {
@@ -32,6 +33,7 @@ VirtualTime::TimePoint VirtualTime::now() {
 void VirtualTime::run_device() {
   Lock lock(m_mutex);
   m_device_stops = false;
+  m_alive.clear();
   while (!m_device_stops) {
     Task task;
     if (!m_tasks.empty()) {
@@ -87,25 +89,21 @@ void VirtualTime::stop_timer(const TimerId& timer) {
 
 bool VirtualTime::wait(Wait& wait, Duration limit) {
   Lock lock(m_mutex);
-  const bool sleeps = wait.kind == Wait::Kind::kSleep;
   const bool calls = wait.kind == Wait::Kind::kCall;
   if (!calls && m_interrupts > 0) return true;
+  wait.who = this_thread();
   if (!wait.over) {
     wait.id = {m_now + limit, ++m_last_id};
     m_waits.emplace(wait.id, &wait);
-    wait.of_loop = vesk::inprocess::InprocessVesk::on_run_loop();
-    m_loop_waits = m_loop_waits || wait.of_loop;
-    wait.of_beside = is_beside();
-    if (wait.of_beside) {
-      ++m_beside_waits;
-      if (sleeps) wait.missed = t_missed;
-    } else if (sleeps && !wait.of_loop) {
-      ++m_sleepers;
+    ++m_waiting.at(wait.who);
+    if (wait.kind == Wait::Kind::kSleep) {
+      wait.missed = t_missed;
+      if (wait.who == kTest) ++m_sleepers;
     }
     m_changed.notify_all();
   }
   while (!wait.over) {
-    if (!calls && (wait.of_loop || wait.of_beside)) {
+    if (!calls && wait.who != kTest) {
       m_changed.wait(lock);
     } else {
       pass(lock, TimePoint::max());
@@ -124,14 +122,54 @@ void VirtualTime::finish(Wait& wait, bool expired) {
   if (wait.over) return;
   wait.over = true;
   wait.expired = expired;
-  m_waits.erase(wait.id);
-  if (wait.of_loop) m_loop_waits = false;
-  if (wait.of_beside) {
-    --m_beside_waits;
-  } else if (wait.kind == Wait::Kind::kSleep && !wait.of_loop) {
-    --m_sleepers;
+  if (m_waits.erase(wait.id) == 0) return;  // it has not begun yet
+  --m_waiting.at(wait.who);
+  if (wait.kind == Wait::Kind::kSleep && wait.who == kTest) --m_sleepers;
+  m_changed.notify_all();
+}
+
+void VirtualTime::add(Blocked& blocked) {
+  blocked.who = this_thread();
+  m_blocked.push_back(&blocked);
+  ++m_waiting.at(blocked.who);
+  m_changed.notify_all();
+}
+
+bool VirtualTime::remove(const Blocked& blocked) {
+  const auto found = std::find(m_blocked.begin(), m_blocked.end(), &blocked);
+  if (found == m_blocked.end()) return false;
+  m_blocked.erase(found);
+  --m_waiting.at(blocked.who);
+  return true;
+}
+
+void VirtualTime::begin(Blocked& blocked) {
+  const Lock lock(m_mutex);
+  add(blocked);
+}
+
+void VirtualTime::end(Blocked& blocked) {
+  const Lock lock(m_mutex);
+  remove(blocked);
+}
+
+void VirtualTime::release(const void* on) {
+  const Lock lock(m_mutex);
+  const std::vector<Blocked*> all = m_blocked;
+  for (const Blocked* blocked : all) {
+    if (blocked->on == on) remove(*blocked);
   }
   m_changed.notify_all();
+}
+
+void VirtualTime::lock(std::mutex& mutex) {
+  if (mutex.try_lock()) return;
+  Lock lock(m_mutex);
+  while (!mutex.try_lock()) {
+    Blocked blocked{&mutex};
+    add(blocked);
+    m_changed.wait(lock, [&] { return std::find(m_blocked.begin(), m_blocked.end(), &blocked) == m_blocked.end(); });
+  }
 }
 
 void VirtualTime::end_calls() {
@@ -174,36 +212,38 @@ void VirtualTime::count_beside(int change) {
 }
 
 void VirtualTime::set_missed(const std::string& service) {
-  if (is_beside()) {
-    t_missed = service;
-    return;
-  }
-  const Lock lock(m_mutex);
-  m_missed = service;
+  t_missed = service;
 }
 
 void VirtualTime::service_started(const std::string& service) {
   const Lock lock(m_mutex);
-  if (m_missed == service) m_missed.clear();
-  for (const auto& [id, wait] : m_waits) {
-    if (wait->missed == service) wait->missed.clear();
-  }
+  m_alive.insert(service);
+}
+
+void VirtualTime::service_died(const std::string& service) {
+  const Lock lock(m_mutex);
+  m_alive.erase(service);
 }
 
 bool VirtualTime::timer_is_due() const {
   return !m_timers.empty() && m_timers.begin()->first.first <= m_now;
 }
 
-// A thread that sleeps outside the run loop is initialising the client: there is no loop before that ends.
+// A thread that sleeps outside the client's own is initialising the client: there is no run loop before that ends.
 bool VirtualTime::quiet() const {
-  return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0) &&
-         m_beside == m_beside_waits;
+  return m_tasks.empty() && !m_device_busy && !timer_is_due() &&
+         (!m_loop_busy || m_waiting.at(kLoop) > 0 || m_sleepers > 0) && m_beside == m_waiting.at(kBeside);
 }
 
 // All that the client's threads still do is to look for services that are not there.
 bool VirtualTime::only_misses() const {
-  const auto hopes = [](const auto& wait) { return wait.second->of_beside && wait.second->missed.empty(); };
-  return (!m_loop_busy || !m_missed.empty()) && std::none_of(m_waits.begin(), m_waits.end(), hopes);
+  const auto misses = [this](Who who) {
+    return std::count_if(m_waits.begin(), m_waits.end(), [&](const auto& entry) {
+      const Wait& wait = *entry.second;
+      return wait.who == who && !wait.missed.empty() && m_alive.count(wait.missed) == 0;
+    });
+  };
+  return (!m_loop_busy || misses(kLoop) > 0) && misses(kBeside) == m_beside;
 }
 
 // Waits for a change where a thread is busy, else goes on to the next deadline; false, at once, when that is beyond the

@@ -1,6 +1,7 @@
 // The time of the process under test, which no clock drives, and the thread of the device, whose work takes none.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -8,8 +9,10 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace orvel::testing {
 
@@ -28,15 +31,24 @@ class VirtualTime {
   using Task = std::function<void()>;
   using TimerId = std::pair<TimePoint, std::uint64_t>;
 
+  // The threads that a wait may be of: the test's, the client's run loop, the client's others.
+  enum Who { kTest, kLoop, kBeside };
+
   // A wait that has a limit. It lives until wait() has returned.
   struct Wait {
     enum class Kind { kCall, kSleep, kBell } kind;
     bool over = false;
     bool expired = false;
-    bool of_loop = false;     // the client's run loop is in it
-    bool of_beside = false;   // one of the client's threads beside it is
-    std::string missed = {};  // what that thread looks for: nothing that time alone ends well
+    Who who = kTest;
+    std::string missed =
+        {};  // the service that its thread looks for: as long as that is dead, time does not end it well
     TimerId id{};
+  };
+
+  // A wait for another of the client's threads: it has no limit, and time goes on meanwhile. It lives until it is over.
+  struct Blocked {
+    const void* on;
+    Who who = kTest;
   };
 
   static VirtualTime& instance();
@@ -65,6 +77,13 @@ class VirtualTime {
   // Ends the calls that wait: their connections are going.
   void end_calls();
 
+  void begin(Blocked& blocked);
+  void end(Blocked& blocked);
+  // Ends all that are blocked on that, before one of their threads runs: none of them is taken for idle meanwhile.
+  void release(const void* on);
+  // Locks the mutex, which release() follows the unlocking of.
+  void lock(std::mutex& mutex);
+
   // No thread sleeps, and none falls asleep, as long as there are interrupts.
   void interrupt();
   void end_interrupt();
@@ -75,10 +94,10 @@ class VirtualTime {
   void set_loop_busy(bool busy);
   // A thread beside the run loop begins or ends.
   void count_beside(int change);
-  // What this thread of the client's has looked for in vain, and now waits for: nothing that time alone ends well.
-  // Empty: nothing.
-  void set_missed(const std::string& service);
+  // What this thread has looked for in vain; empty: nothing.
+  static void set_missed(const std::string& service);
   void service_started(const std::string& service);
+  void service_died(const std::string& service);
 
   // ---- The test ----
 
@@ -95,11 +114,14 @@ class VirtualTime {
     bool endless;
   };
 
+  static Who this_thread();
   bool quiet() const;
   bool only_misses() const;
   bool timer_is_due() const;
   bool pass(Lock& lock, TimePoint limit);
   void finish(Wait& wait, bool expired);
+  void add(Blocked& blocked);
+  bool remove(const Blocked& blocked);
 
   std::mutex m_mutex;  // guards everything below; never held while a task runs
   std::condition_variable m_changed;
@@ -112,14 +134,14 @@ class VirtualTime {
   bool m_device_stops = false;
 
   std::map<TimerId, Wait*> m_waits;
+  std::vector<Blocked*> m_blocked;
+  std::array<int, 3> m_waiting{};  // how many of the threads are in a wait of either kind, by Who
   int m_interrupts = 0;
-  int m_sleepers = 0;  // outside the run loop
+  int m_sleepers = 0;  // outside the client's own threads
 
-  bool m_loop_busy = false;   // it has something to do ...
-  bool m_loop_waits = false;  // ... but is in one of the waits
-  std::string m_missed;
-  int m_beside = 0;        // threads of the client's beside the run loop ...
-  int m_beside_waits = 0;  // ... of which so many are in one of the waits
+  bool m_loop_busy = false;  // it has something to do
+  int m_beside = 0;          // how many threads the client has beside the run loop
+  std::set<std::string> m_alive;
 };
 
 }  // namespace orvel::testing
