@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <exception>
+#include <iostream>
 #include <utility>
 
 #include "Records.h"
@@ -42,7 +44,17 @@ TestDevice::LocalDevice::LocalDevice(Json scenario)
 }
 
 TestDevice::LocalDevice::~LocalDevice() {
-  service_apis::OrvelDelegateClient::getClient().shutdown();
+  auto& client = service_apis::OrvelDelegateClient::getClient();
+  m_time.end_acts();
+  client.shutdown();                              // ends what an act waits for
+  if (m_time.wait_for_acts()) client.shutdown();  // in case it has initialised the client since
+  try {
+    if (const std::exception_ptr thrown = m_time.take_thrown()) std::rethrow_exception(thrown);
+  } catch (const std::exception& thrown) {
+    std::cerr << "TestDevice: an act threw: " << thrown.what() << std::endl;
+  } catch (...) {
+    std::cerr << "TestDevice: an act threw" << std::endl;
+  }
   perform([this] { stop(); });
   m_time.stop_device();
   m_thread.join();

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "DeviceTransport.h"
@@ -83,6 +84,11 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
 
   VirtualTime& time() { return m_time; }
   [[nodiscard]] VirtualTime::Duration elapsed() const { return m_time.now() - m_start; }
+
+  // Any thread.
+  void actAt(VirtualTime::Duration elapsed, VirtualTime::Task act) {
+    m_time.add_act(m_start + elapsed, std::move(act));
+  }
 
   void record(sim::Json entry) override;
   void recordSoon(sim::Json entry) override { record(std::move(entry)); }

@@ -1,6 +1,7 @@
 #include "VirtualTime.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "binder/Process.h"
@@ -11,6 +12,12 @@ namespace orvel::testing {
 namespace {
 
 thread_local std::string t_missed;
+thread_local bool t_in_act = false;
+
+// Whether the thread is none of the client's own.
+bool is_outside(VirtualTime::Who who) {
+  return who == VirtualTime::kTest || who == VirtualTime::kAct;
+}
 
 }  // namespace
 
@@ -22,7 +29,8 @@ VirtualTime& VirtualTime::instance() {
 
 VirtualTime::Who VirtualTime::this_thread() {
   if (vesk::inprocess::InprocessVesk::on_run_loop()) return kLoop;
-  return service_apis::on_library_thread() ? kBeside : kTest;
+  if (service_apis::on_library_thread()) return kBeside;
+  return t_in_act ? kAct : kTest;
 }
 
 VirtualTime::TimePoint VirtualTime::now() {
@@ -33,6 +41,7 @@ VirtualTime::TimePoint VirtualTime::now() {
 void VirtualTime::run_device() {
   Lock lock(m_mutex);
   m_device_stops = false;
+  m_acts_end = false;
   m_alive.clear();
   while (!m_device_stops) {
     Task task;
@@ -98,12 +107,12 @@ bool VirtualTime::wait(Wait& wait, Duration limit) {
     ++m_waiting.at(wait.who);
     if (wait.kind == Wait::Kind::kSleep) {
       wait.missed = t_missed;
-      if (wait.who == kTest) ++m_sleepers;
+      if (is_outside(wait.who)) ++m_sleepers;
     }
     m_changed.notify_all();
   }
   while (!wait.over) {
-    if (!calls && wait.who != kTest) {
+    if (!calls && !is_outside(wait.who)) {
       m_changed.wait(lock);
     } else {
       pass(lock, TimePoint::max());
@@ -124,7 +133,7 @@ void VirtualTime::finish(Wait& wait, bool expired) {
   wait.expired = expired;
   if (m_waits.erase(wait.id) == 0) return;  // it has not begun yet
   --m_waiting.at(wait.who);
-  if (wait.kind == Wait::Kind::kSleep && wait.who == kTest) --m_sleepers;
+  if (wait.kind == Wait::Kind::kSleep && is_outside(wait.who)) --m_sleepers;
   m_changed.notify_all();
 }
 
@@ -225,6 +234,56 @@ void VirtualTime::service_died(const std::string& service) {
   m_alive.erase(service);
 }
 
+void VirtualTime::add_act(TimePoint when, Task act) {
+  const Lock lock(m_mutex);
+  if (!m_acts_end) m_acts.emplace(TimerId(when, ++m_last_id), std::move(act));
+}
+
+void VirtualTime::end_acts() {
+  std::map<TimerId, Task> dropped;  // destroyed after the lock
+  const Lock lock(m_mutex);
+  m_acts_end = true;
+  dropped.swap(m_acts);
+}
+
+bool VirtualTime::wait_for_acts() {
+  Lock lock(m_mutex);
+  const bool were = m_acts_running > 0;
+  m_changed.wait(lock, [this] { return m_acts_running == 0; });
+  return were;
+}
+
+bool VirtualTime::in_act() {
+  return t_in_act;
+}
+
+std::exception_ptr VirtualTime::take_thrown() {
+  const Lock lock(m_mutex);
+  return std::exchange(m_thrown, nullptr);
+}
+
+// It counts as running from here on, and its thread may take as long as it wants to begin.
+void VirtualTime::begin_act(std::map<TimerId, Task>::iterator due) {
+  const auto act = std::make_shared<Task>(m_acts.extract(due).mapped());
+  service_apis::start_quiet_thread("orvel-act", [this, act] { run_act(std::move(*act)); }).detach();
+  ++m_acts_running;
+}
+
+void VirtualTime::run_act(Task act) {
+  t_in_act = true;
+  std::exception_ptr thrown;
+  try {
+    act();
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  act = {};  // before any thread hears that it has ended
+  const Lock lock(m_mutex);
+  if (!m_thrown) m_thrown = thrown;
+  --m_acts_running;
+  m_changed.notify_all();
+}
+
 bool VirtualTime::timer_is_due() const {
   return !m_timers.empty() && m_timers.begin()->first.first <= m_now;
 }
@@ -232,7 +291,8 @@ bool VirtualTime::timer_is_due() const {
 // A thread that sleeps outside the client's own is initialising the client: there is no run loop before that ends.
 bool VirtualTime::quiet() const {
   return m_tasks.empty() && !m_device_busy && !timer_is_due() &&
-         (!m_loop_busy || m_waiting.at(kLoop) > 0 || m_sleepers > 0) && m_beside == m_waiting.at(kBeside);
+         (!m_loop_busy || m_waiting.at(kLoop) > 0 || m_sleepers > 0) && m_beside == m_waiting.at(kBeside) &&
+         m_acts_running == m_waiting.at(kAct);
 }
 
 // All that the client's threads still do is to look for services that are not there.
@@ -256,11 +316,14 @@ bool VirtualTime::pass(Lock& lock, TimePoint limit) {
   constexpr TimerId kNone(TimePoint::max(), UINT64_MAX);
   const TimerId timer = m_timers.empty() ? kNone : m_timers.begin()->first;
   const TimerId wait = m_waits.empty() ? kNone : m_waits.begin()->first;
-  const TimerId next = std::min(timer, wait);
+  const TimerId act = m_acts.empty() ? kNone : m_acts.begin()->first;
+  const TimerId next = std::min({timer, wait, act});
   if (next == kNone || next.first > limit) return false;
   m_now = std::max(m_now, next.first);
   if (next == wait) {
     finish(*m_waits.begin()->second, true);
+  } else if (next == act) {
+    begin_act(m_acts.begin());
   } else {
     m_changed.notify_all();  // the device's thread takes it from here
   }
@@ -272,7 +335,8 @@ bool VirtualTime::settle(Duration limit) {
   const TimePoint end = m_now + limit;
   const auto is_settled = [this] {
     const auto ends = [](const auto& timer) { return !timer.second.endless; };
-    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && only_misses();
+    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && m_acts.empty() && m_acts_running == 0 &&
+           only_misses();
   };
   while (!is_settled()) {
     if (!pass(lock, end)) return false;

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -19,8 +20,8 @@ namespace orvel::testing {
 // One for the process; it outlives everything. Any thread may use it.
 //
 // Time passes only while a thread waits for it: inside settle() and advance(), and inside a wait that passes time
-// itself. It then goes from one deadline to the next, and to each only when the device's thread and the client's run
-// loop have nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
+// itself. It then goes from one deadline to the next, and to each only when the device's thread, the client's threads
+// and the acts of the test have nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
 //
 // The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and
 // starts it again must not find that the client has given up meanwhile. So do the client's threads beside the run loop.
@@ -31,8 +32,8 @@ class VirtualTime {
   using Task = std::function<void()>;
   using TimerId = std::pair<TimePoint, std::uint64_t>;
 
-  // The threads that a wait may be of: the test's, the client's run loop, the client's others.
-  enum Who { kTest, kLoop, kBeside };
+  // The threads that a wait may be of: the test's, the client's run loop, the client's others, those of acts.
+  enum Who { kTest, kLoop, kBeside, kAct };
 
   // A wait that has a limit. It lives until wait() has returned.
   struct Wait {
@@ -99,6 +100,18 @@ class VirtualTime {
   void service_started(const std::string& service);
   void service_died(const std::string& service);
 
+  // ---- Acts of the test ----
+
+  // Runs `act` on a thread of its own when time has come to `when`, or goes on from beyond it. Dropped after
+  // end_acts().
+  void add_act(TimePoint when, Task act);
+  // No further act begins. On the device's end, in front of wait_for_acts(), which is true when one was running.
+  void end_acts();
+  bool wait_for_acts();
+  static bool in_act();
+  // What the first act threw that was not taken yet; null for none.
+  std::exception_ptr take_thrown();
+
   // ---- The test ----
 
   // Waits until nothing is under way any more; time passes as far as that needs, but no further than `limit` from now.
@@ -120,6 +133,8 @@ class VirtualTime {
   bool timer_is_due() const;
   bool pass(Lock& lock, TimePoint limit);
   void finish(Wait& wait, bool expired);
+  void begin_act(std::map<TimerId, Task>::iterator due);
+  void run_act(Task act);
   void add(Blocked& blocked);
   bool remove(const Blocked& blocked);
 
@@ -133,9 +148,14 @@ class VirtualTime {
   bool m_device_busy = false;
   bool m_device_stops = false;
 
+  std::map<TimerId, Task> m_acts;  // that have not begun
+  int m_acts_running = 0;
+  bool m_acts_end = false;
+  std::exception_ptr m_thrown;
+
   std::map<TimerId, Wait*> m_waits;
   std::vector<Blocked*> m_blocked;
-  std::array<int, 3> m_waiting{};  // how many of the threads are in a wait of either kind, by Who
+  std::array<int, 4> m_waiting{};  // how many of the threads are in a wait of either kind, by Who
   int m_interrupts = 0;
   int m_sleepers = 0;  // outside the client's own threads
 

@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "Fixture.h"
@@ -61,6 +63,99 @@ TEST(VirtualTimeTest, SettlingWaitsForACallbackAlthoughAServiceWasGivenUpBefore)
   EXPECT_TRUE(s.device.settle());
   EXPECT_EQ(asked, 1);
   EXPECT_EQ(s.device.elapsed(), 430s);
+}
+
+TEST(VirtualTimeTest, ANotificationWaitsUntilASlowServiceHasTakenEverythingAgain) {
+  Session s;
+  Texts heard;
+  EXPECT_TRUE(s.hear_names());
+  EXPECT_TRUE(client().registerForNetworkConnectivityChange([&](bool) { heard.emplace_back("network"); }));
+  s.device.kill("delegate");
+  s.device.advance(400s);
+  s.device.delay("delegate", 100ms);
+  s.device.restart("delegate");
+  const auto links =
+      client().subscribeLink(Service::kDelegate, [&](const Link& link) { heard.emplace_back(nameOf(link.state)); });
+  s.device.at(s.device.elapsed() + 50ms, [&] { s.device.set("networkConnected", "false"); });
+  EXPECT_TRUE(client().rebind(Service::kDelegate));
+  EXPECT_TRUE(s.device.settle());
+  EXPECT_THAT(heard, ElementsAre("given up", "away", "up", "network"));
+}
+
+// ---- Acts ----
+
+TEST(ActsTest, ChangeTheDeviceWhileTheClientWaits) {
+  TestDevice device(R"({"delegate": {"alive": false}, "power": {"alive": false}})");
+  device.at(50ms, [&] { device.restart("delegate"); });
+  device.at(7s, [&] {
+    device.restart("power");
+    EXPECT_EQ(client().getDeviceName(), "Kitchen Display") << "waits for initialize(), whose lock it needs";
+  });
+  EXPECT_TRUE(client().initialize());
+  EXPECT_EQ(device.elapsed(), 8s) << "two retries after 2 s, one after 4 s";
+  EXPECT_TRUE(device.settle());
+  EXPECT_EQ(client().state(Service::kPower).state, LinkState::kUp);
+}
+
+TEST(ActsTest, InterruptEveryCallThatWaits) {
+  const auto require_delegate = [] { return client().start({{Service::kDelegate}, 60s}); };
+  const struct {
+    const char* name;
+    std::function<bool()> wait;
+  } rows[] = {
+      {"initialize", [] { return client().initialize(); }},
+      {"start", require_delegate},
+      {"waitFor",
+       [] {
+         EXPECT_TRUE(client().start({{}, {}, /*wait=*/false}));
+         return client().waitFor(Service::kDelegate, LinkState::kUp, 60s);
+       }},
+      {"isScreenOn",
+       [] {
+         EXPECT_TRUE(client().start({{Service::kPower}}));
+         return client().isScreenOn();
+       }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    TestDevice device(R"({"delegate": {"alive": false}, "power": {"faults": {"*": {"hang": true}}}})");
+    device.at(1s, [] { client().shutdown(); });
+    EXPECT_FALSE(row.wait());
+    EXPECT_EQ(device.elapsed(), 1s);
+    EXPECT_TRUE(device.settle());
+    EXPECT_EQ(client().state(Service::kPower).state, LinkState::kStopped);
+    device.restart("delegate");
+    EXPECT_TRUE(client().initialize()) << "and it can be tried again";
+  }
+}
+
+TEST(ActsTest, RunInTheOrderOfTheirTimesAndEndWithTheDevice) {
+  Texts order;
+  const auto held = std::make_shared<int>();
+  {
+    TestDevice device;
+    const auto note = [&](const char* what) { return [&, what] { order.emplace_back(what); }; };
+    device.at(2s, note("second"));
+    device.at(2s, note("third"));
+    device.at(1s, [&] {
+      note("first")();
+      device.at(0s, note("late"));
+      device.at(3s, note("last"));
+      EXPECT_THROW(device.settle(), std::logic_error);
+    });
+    device.at(2h, [held] { ADD_FAILURE() << "not due"; });
+    device.advance(2s);
+    EXPECT_THAT(order, ElementsAre("first", "late", "second", "third"));
+    EXPECT_FALSE(device.settle()) << "the last one is more than an hour away";
+    EXPECT_THAT(order, ElementsAre("first", "late", "second", "third", "last"));
+    device.at(0s, [&] { device.restart("delgate"); });
+    EXPECT_THROW(device.advance(0s), std::invalid_argument) << "what it threw";
+    device.at(0s, [] { client().initialize(); });  // waits when the device ends
+    device.kill("delegate");
+    device.advance(0s);
+  }
+  EXPECT_EQ(held.use_count(), 1) << "dropped";
+  EXPECT_EQ(client().state(Service::kPower).state, LinkState::kStopped);
 }
 
 }  // namespace
