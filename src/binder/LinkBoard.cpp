@@ -217,7 +217,7 @@ void LinkBoard::tell() {
   for (const auto& listener : listeners) listener->catch_up(*this);
 }
 
-bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
+LinkBoard::Waited LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
   const waiting::TimePoint start = waiting::now();
   waiting::Bell changed;
   {
@@ -226,9 +226,11 @@ bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanosecon
   }
   bool goes_on = true;
   while (!wanted() && goes_on) goes_on = changed.wait(limit - (waiting::now() - start));
+  const bool is_late = waiting::now() - start >= limit;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &changed), m_waiting.end());
-  return wanted();
+  if (wanted()) return Waited::kWanted;
+  return is_late ? Waited::kLate : Waited::kInterrupted;
 }
 
 void LinkBoard::wake_waiting() {

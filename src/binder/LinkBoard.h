@@ -83,9 +83,10 @@ class LinkBoard {
   // leaves it to that one. Called under no lock.
   void tell() ORVEL_EXCLUDES(m_mutex);
 
-  // True as soon as `wanted` is; false when the limit has passed, and when a shutdown interrupts. `wanted` is asked
+  enum class Waited { kWanted, kLate, kInterrupted };
+  // Returns as soon as `wanted` is true, when the limit has passed, and when a shutdown interrupts. `wanted` is asked
   // again after each change.
-  bool wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
+  Waited wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
 
   // Exists while a thread beside the run loop's brings a service up. No notification is delivered meanwhile, so that
   // each comes after the link is told to be up.

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Fixture.h"
+#include "orvel/CallStatus.h"
 #include "orvel/Links.h"
 #include "orvel/Service.h"
 #include "orvel/testing/TestDevice.h"
@@ -16,6 +17,8 @@ namespace orvel::testing {
 namespace {
 
 using namespace std::chrono_literals;
+using service_apis::CallStatus;
+using service_apis::lastCall;
 using service_apis::Link;
 using service_apis::LinkState;
 using service_apis::Service;
@@ -102,6 +105,7 @@ TEST(ActsTest, InterruptEveryCallThatWaits) {
   const struct {
     const char* name;
     std::function<bool()> wait;
+    const char* why = "shutdown() has interrupted";
   } rows[] = {
       {"initialize", [] { return client().initialize(); }},
       {"start", require_delegate},
@@ -114,13 +118,16 @@ TEST(ActsTest, InterruptEveryCallThatWaits) {
        [] {
          EXPECT_TRUE(client().start({{Service::kPower}}));
          return client().isScreenOn();
-       }},
+       },
+       "shutdown() has ended the call"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     TestDevice device(R"({"delegate": {"alive": false}, "power": {"faults": {"*": {"hang": true}}}})");
     device.at(1s, [] { client().shutdown(); });
     EXPECT_FALSE(row.wait());
+    EXPECT_EQ(lastCall().text, row.why);
+    EXPECT_EQ(lastCall().code, CallStatus::Code::kNotInitialised);
     EXPECT_EQ(device.elapsed(), 1s);
     EXPECT_TRUE(device.settle());
     EXPECT_EQ(client().state(Service::kPower).state, LinkState::kStopped);
