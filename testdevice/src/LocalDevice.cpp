@@ -1,5 +1,6 @@
 #include "LocalDevice.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <utility>
 
 #include "Records.h"
+#include "device/ServiceNames.h"
 #include "orvel/OrvelDelegateClient.h"
 
 namespace orvel::testing {
@@ -80,6 +82,22 @@ Json TestDevice::LocalDevice::notify(const char* service, const Json& event) {
   Json answered;
   Device::event(sim::serviceCalled(service), event, [&](const Json& answer) { answered = answer; });
   return answered;
+}
+
+void TestDevice::LocalDevice::holdNamespace(const std::string& nspace) {
+  if (nspace.empty()) throw std::invalid_argument("the namespace is empty");
+  const std::string name = sim::holderName(nspace);
+  const std::vector<std::string> published = publishedNames();
+  if (std::find(published.begin(), published.end(), name) != published.end()) {
+    throw std::invalid_argument("the client has the namespace " + nspace + " itself");
+  }
+  if (!m_foreign.insert(nspace).second) throw std::invalid_argument(nspace + " is held already");
+  vesk.add_service(name);
+}
+
+void TestDevice::LocalDevice::releaseNamespace(const std::string& nspace) {
+  if (m_foreign.erase(nspace) == 0) throw std::invalid_argument("no other process has the namespace " + nspace);
+  vesk.kill_service(sim::holderName(nspace));
 }
 
 void TestDevice::LocalDevice::apply(void (Device::*act)(const sim::ServiceType&, const sim::Done&),

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -101,6 +102,9 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
 
   // The answer of the service called so.
   sim::Json notify(const char* service, const sim::Json& event);
+  // Another process takes the namespace, and ends.
+  void holdNamespace(const std::string& nspace);
+  void releaseNamespace(const std::string& nspace);
   // Kills or restarts the service called so.
   void apply(void (sim::Device::*act)(const sim::ServiceType&, const sim::Done&), const std::string& service);
 
@@ -108,7 +112,8 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
   VirtualTime& m_time = VirtualTime::instance();
   const VirtualTime::TimePoint m_start = m_time.now();
   std::vector<sim::Json> m_traffic;
-  std::uint64_t m_sequence = 0;  // of the last call or notification
+  std::set<std::string> m_foreign;  // the namespaces that another process has
+  std::uint64_t m_sequence = 0;     // of the last call or notification
   std::thread m_thread;
 };
 

@@ -194,6 +194,14 @@ void TestDevice::repair(const std::string& service) {
   m_device->change_to(flapChange, service, Json::object());
 }
 
+void TestDevice::holdNamespace(const std::string& nspace) {
+  m_device->on_device(&LocalDevice::holdNamespace, nspace);
+}
+
+void TestDevice::releaseNamespace(const std::string& nspace) {
+  m_device->on_device(&LocalDevice::releaseNamespace, nspace);
+}
+
 // ---- Time ----
 
 bool TestDevice::settle() {

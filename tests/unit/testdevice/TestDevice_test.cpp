@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -153,6 +154,23 @@ TEST(TestDeviceTest, WhatTheClientEndsIsNotARegistrationAnyMore) {
   EXPECT_THAT(s.registered(), ElementsAre());
   EXPECT_THROW(s.device.directive("Alerts", {"2"}), std::invalid_argument);
   EXPECT_EQ(s.device.broadcast("android.intent.action.SCREEN_ON"), 0);
+}
+
+TEST(TestDeviceTest, ANamespaceThatAnotherProcessHasIsItsOwn) {
+  Session s;
+  s.device.holdNamespace("Alerts");
+  const auto ignore = [](auto&&...) {};
+  EXPECT_FALSE(client().registerForDirective("Alerts", ignore));
+  EXPECT_EQ(service_apis::lastCall().error, -EADDRINUSE) << "the host runtime's code";
+  EXPECT_FALSE(client().subscribeDirective("Alerts", ignore));
+  EXPECT_EQ(service_apis::lastCall().text, "the call failed: Address already in use (-98)");
+  EXPECT_THROW(s.device.directive("Alerts", {"1"}), std::invalid_argument);
+  s.device.releaseNamespace("Alerts");
+  const auto alerts = client().subscribeDirective("Alerts", ignore);
+  EXPECT_TRUE(alerts) << service_apis::lastCall().text;
+  EXPECT_THAT([&] { s.device.holdNamespace("Alerts"); },
+              ThrowsMessage<std::invalid_argument>(HasSubstr("the client has the namespace Alerts itself")));
+  EXPECT_THROW(s.device.releaseNamespace("Alerts"), std::invalid_argument);
 }
 
 TEST(TestDeviceTest, ARecordOfWhatBothSidesSaidInItsOrder) {

@@ -150,6 +150,11 @@ class TestDevice {
   void flap(const std::string& service, std::chrono::milliseconds period, int times = 0);
   /// Ends all that goes wrong with the service but its death.
   void repair(const std::string& service);
+  /// From now on another process, of which there is nothing else here, has the directives of the namespace: the client
+  /// cannot register for them, and directive() finds nobody. Refused while the client has them.
+  void holdNamespace(const std::string& nspace);
+  /// That process has ended.
+  void releaseNamespace(const std::string& nspace);
   /// @}
 
   /// @name Time
