@@ -140,7 +140,7 @@ class LinkBoard::Listener {
   void catch_up(LinkBoard& board) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const std::thread::id self = std::this_thread::get_id();
-    while (m_teller != std::thread::id() && m_teller != self && on_library_thread()) m_idle.wait(lock);
+    m_idle.wait(lock, [&] { return m_teller == std::thread::id() || m_teller == self || !on_library_thread(); });
     if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
     m_teller = self;
     while (const std::optional<Link> link = next(board)) {
@@ -177,7 +177,7 @@ class LinkBoard::Listener {
   const std::optional<Service> m_service;
   const SharedCallback<LinkCallback> m_callback;
   std::mutex m_mutex;
-  std::condition_variable m_idle;
+  waiting::Condition m_idle;
   std::thread::id m_teller ORVEL_GUARDED_BY(m_mutex);
   std::array<std::optional<Link>, kAllServices.size()> m_told ORVEL_GUARDED_BY(m_mutex);
 };
@@ -217,7 +217,7 @@ void LinkBoard::tell() {
   for (const auto& listener : listeners) listener->catch_up(*this);
 }
 
-bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
+LinkBoard::Waited LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
   const waiting::TimePoint start = waiting::now();
   waiting::Bell changed;
   {
@@ -226,9 +226,11 @@ bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanosecon
   }
   bool goes_on = true;
   while (!wanted() && goes_on) goes_on = changed.wait(limit - (waiting::now() - start));
+  const bool is_late = waiting::now() - start >= limit;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &changed), m_waiting.end());
-  return wanted();
+  if (wanted()) return Waited::kWanted;
+  return is_late ? Waited::kLate : Waited::kInterrupted;
 }
 
 void LinkBoard::wake_waiting() {

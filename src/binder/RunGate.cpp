@@ -1,7 +1,8 @@
 #include "binder/RunGate.h"
 
-#include <condition_variable>
 #include <mutex>
+
+#include "binder/Waiting.h"
 
 namespace orvel::service_apis {
 namespace {
@@ -11,7 +12,7 @@ thread_local RunGate::Entry* t_innermost = nullptr;
 // Of all gates, because a thread rarely waits at one. Never destroyed: gates are used in exit handlers too.
 struct Leaving {
   std::mutex mutex;
-  std::condition_variable left;
+  waiting::Condition left;
 };
 Leaving& leaving() {
   static Leaving& instance = *new Leaving;
