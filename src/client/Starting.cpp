@@ -39,6 +39,8 @@ std::string missing(const std::vector<Service>& services) {
   return text;
 }
 
+constexpr char kInterrupted[] = "shutdown() has interrupted";
+
 }  // namespace
 
 bool ClientState::launch_beside() {
@@ -50,7 +52,7 @@ bool ClientState::launch_beside() {
   if (!runtime) return false;
   if (!launch(runtime, Binder::Bind::kBeside)) {
     s_client_logger.e("%s:Interrupted by shutdown", "start");
-    CallRecord::fail(CallStatus::Code::kNotInitialised, "shutdown() has interrupted");
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
     return false;
   }
   for (const Service service : kAllServices) bind_beside(binder_of(service));
@@ -78,7 +80,9 @@ bool ClientState::start(const StartOptions& options) {
   if (all_are(options.required, LinkState::kUp)) return true;
   const std::string still = missing(options.required);
   s_client_logger.e("%s:Not all required services are up: %s", __func__, still.c_str());
-  if (is_decided() || !waits) {
+  if (waiting::interrupted() || one_is(options.required, LinkState::kStopped)) {
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
+  } else if (is_decided() || !waits) {
     CallRecord::fail(CallStatus::Code::kNotBound, still);
   } else {
     CallRecord::fail(CallStatus::Code::kTimedOut, "the deadline has passed, and " + still);
@@ -147,8 +151,15 @@ bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono:
     CallRecord::fail(CallStatus::Code::kRefused, "called from a callback, which keeps the link as it is");
     return false;
   }
-  if (LinkBoard::instance().wait(is_there, limit)) return true;
-  CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
+  const bool was_stopped = link_to(service).state() == LinkState::kStopped;
+  const auto has_stopped = [&] { return !was_stopped && link_to(service).state() == LinkState::kStopped; };
+  LinkBoard::instance().wait([&] { return is_there() || has_stopped(); }, limit);
+  if (is_there()) return true;
+  if (waiting::interrupted() || has_stopped()) {
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
+  } else {
+    CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
+  }
   return false;
 }
 

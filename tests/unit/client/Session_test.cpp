@@ -19,6 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using service_apis::CallStatus;
+using service_apis::LinkState;
 using service_apis::Service;
 
 bool is_blocked(int signal) {
@@ -70,6 +71,7 @@ TEST_F(SessionTest, ASignalDuringTheStartEndsThatAndEachWaitWithItsReason) {
   expect_interrupted(static_cast<bool>(session));
   expect_interrupted(session->initialize());
   expect_interrupted(session->start({{Service::kPower}}));
+  expect_interrupted(session->waitFor(Service::kPower, LinkState::kUp, 1h));
   EXPECT_TRUE(session.waitFor(20s));
 }
 
