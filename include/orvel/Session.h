@@ -61,7 +61,7 @@ class ORVEL_API Session {
   int fd() const;
 
  private:
-  class Signals;
+  class ORVEL_LOCAL Signals;
 
   const std::unique_ptr<Signals> m_signals;
   bool m_started = false;
