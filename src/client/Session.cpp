@@ -115,8 +115,8 @@ class Session::Signals {
     pollfd events[] = {{m_over.get(), POLLIN, 0}, {m_taken.get(), POLLIN, 0}};
     while (poll(events, 2, -1) < 0 || events[0].revents == 0) {
       if (!take_one() || interrupt) continue;
+      eventfd_write(m_come.get(), 1);  // First: what the interrupt ends finds that a signal has come.
       interrupt.emplace();
-      eventfd_write(m_come.get(), 1);
       OrvelDelegateClient::getClient().shutdown();
     }
   }
