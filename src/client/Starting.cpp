@@ -41,6 +41,8 @@ std::string missing(const std::vector<Service>& services) {
   return text;
 }
 
+constexpr char kInterrupted[] = "shutdown() has interrupted";
+
 }  // namespace
 
 bool ClientState::launch_beside() {
@@ -152,16 +154,15 @@ bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono:
     CallRecord::fail(CallStatus::Code::kRefused, "called from a callback, which keeps the link as it is");
     return false;
   }
-  switch (LinkBoard::instance().wait(is_there, limit)) {
-    case LinkBoard::Waited::kWanted:
-      return true;
-    case LinkBoard::Waited::kInterrupted:
-      CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
-      return false;
-    case LinkBoard::Waited::kLate:
-      break;
+  const bool was_stopped = link_to(service).state() == LinkState::kStopped;
+  const auto has_stopped = [&] { return !was_stopped && link_to(service).state() == LinkState::kStopped; };
+  const auto waited = LinkBoard::instance().wait([&] { return is_there() || has_stopped(); }, limit);
+  if (is_there()) return true;
+  if (waited == LinkBoard::Waited::kInterrupted || has_stopped()) {
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
+  } else {
+    CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
   }
-  CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
   return false;
 }
 
