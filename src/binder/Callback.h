@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -85,7 +86,7 @@ class Callback {
   const std::shared_ptr<RunGate> m_life;  // null for one that lasts beyond
   RunGate m_gate;
   std::optional<DisposablePtr> m_function;
-  std::atomic<bool> m_ended_inside{false};  // the thread that is inside drops the function when it leaves
+  std::atomic<std::thread::id> m_ended_by{};  // a thread that is inside, and drops the function when it leaves
   std::mutex m_mutex;
   std::vector<std::function<void()>> m_hooks ORVEL_GUARDED_BY(m_mutex);
 };

@@ -80,6 +80,33 @@ TEST_F(Misuse, ASubscriptionEndedInAnotherCallbackIsNotToldWhatIsOnItsWay) {
   EXPECT_THAT(m_heard, IsEmpty());
 }
 
+TEST_F(Misuse, ACallbackOnTwoThreadsThatEndsItselfOnOneKeepsItsCapturesThere) {
+  std::vector<CallbackTask> tasks;
+  m_client.setExecutor([&](CallbackTask task) { tasks.push_back(std::move(task)); });
+  std::weak_ptr<int> captured;
+  std::atomic<int> inside{0};
+  Subscription own;
+  own = subscribe(
+      [&] {
+        const bool ends = ++inside == 1;
+        while (inside < 2) std::this_thread::yield();
+        if (ends) {
+          own.end();  // waits for the other thread
+          EXPECT_FALSE(captured.expired());
+        } else {
+          // Goes when the end is waiting for it, as far as can be seen.
+          while (m_client.state(To::kDelegate).held > 0) std::this_thread::yield();
+          for (int n = 0; n < 1000; ++n) std::this_thread::yield();
+        }
+      },
+      &captured);
+  for (int n = 0; n < 2; ++n) notify();
+  std::thread second(tasks.at(1));
+  tasks.at(0)();
+  second.join();
+  EXPECT_TRUE(captured.expired());
+}
+
 TEST_F(Misuse, AQueueThatIsNeverDispatchedKeepsTheNewestAndNothingBeyondTheEndOfItsSubscription) {
   service_apis::CallbackQueue queue(2);
   m_client.setExecutor(queue.executor());
