@@ -104,6 +104,8 @@ void Callback::post(const Executor& executor, std::function<void()> body) const 
     executor(CallbackTask(m_method, std::move(body)));
   } catch (const std::exception& error) {
     s_logger.e("%s:The executor threw, and a callback of %s is lost: %s", __func__, m_method, error.what());
+  } catch (...) {
+    s_logger.e("%s:The executor threw, and a callback of %s is lost", __func__, m_method);
   }
 }
 

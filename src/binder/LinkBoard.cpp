@@ -178,6 +178,8 @@ class LinkBoard::Listener {
       m_callback(link);
     } catch (const std::exception& error) {
       s_logger.e("%s:A callback for links threw: %s", __func__, error.what());
+    } catch (...) {
+      s_logger.e("%s:A callback for links threw", __func__);
     }
   }
 

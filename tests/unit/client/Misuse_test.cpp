@@ -107,6 +107,21 @@ TEST_F(Misuse, ACallbackOnTwoThreadsThatEndsItselfOnOneKeepsItsCapturesThere) {
   EXPECT_TRUE(captured.expired());
 }
 
+TEST_F(Misuse, WhatAnExecutorThrowsIsLoggedAndOtherCallbacksGoOn) {
+  int posted = 0;
+  m_client.setExecutor([&](const CallbackTask& task) {
+    if (++posted == 1) throw std::runtime_error("full");
+    if (posted == 2) throw 42;  // NOLINT(hicpp-exception-baseclass): as a user might
+    task();
+  });
+  const Subscription three = subscribe([this] { m_heard.emplace_back("told"); });
+  for (int n = 0; n < 3; ++n) notify();
+  EXPECT_THAT(m_heard, ElementsAre("told"));
+  const std::string lost = "E OrvelDelegateClient:Callback post:The executor threw, and a callback of ";
+  EXPECT_THAT(m_log.take("E"),
+              ElementsAre(lost + "subscribeTimeSync is lost: full", lost + "subscribeTimeSync is lost"));
+}
+
 TEST_F(Misuse, AQueueThatIsNeverDispatchedKeepsTheNewestAndNothingBeyondTheEndOfItsSubscription) {
   service_apis::CallbackQueue queue(2);
   m_client.setExecutor(queue.executor());
