@@ -147,7 +147,9 @@ class LinkBoard::Listener {
   void catch_up(LinkBoard& board) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const std::thread::id self = std::this_thread::get_id();
-    while (m_teller != std::thread::id() && m_teller != self && on_library_thread()) m_idle.wait(lock);
+    // Not in a callback, where two threads could wait for each other.
+    const bool waits = on_library_thread() && !RunGate::inside_one();
+    while (m_teller != std::thread::id() && m_teller != self && waits) m_idle.wait(lock);
     if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
     m_teller = self;
     while (const std::optional<Link> link = next(board)) {
@@ -205,6 +207,7 @@ LinkBoard::LinkBoard() {
 
 std::shared_ptr<Callback> LinkBoard::subscribe(std::optional<Service> service, LinkCallback callback) {
   const auto listener = std::make_shared<Listener>(service, std::move(callback));
+  listener->catch_up(*this);  // before other threads know it, so that it begins on this one
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_listeners.push_back(listener);

@@ -217,5 +217,27 @@ TEST_F(Misuse, EndsInAShutdownAndAfterItLeaveTheNextLifeAlone) {
   EXPECT_EQ(m_client.state(To::kConnectivity).held, 1U);
 }
 
+TEST_F(Misuse, ALinkCallbackMayEndACallbackThatStartsTheClient) {
+  m_client.shutdown();
+  m_vesk.kill_service(kServices[kPower]);
+  ASSERT_TRUE(m_client.initialize());
+  serve(kServices[kPower]);
+  std::promise<void> up;
+  Subscription busy = subscribe([&] {
+    m_client.rebind(To::kPower);
+    up.get_future().wait();
+    m_client.initialize();
+  });
+  const Subscription links = m_client.subscribeLink(To::kPower, [&](const Link& link) {
+    if (link.state != LinkState::kUp) return;
+    up.set_value();
+    busy.end();
+    m_heard.emplace_back("ended");
+  });
+  notify();
+  m_client.shutdown();
+  EXPECT_THAT(m_heard, ElementsAre("ended"));
+}
+
 }  // namespace
 }  // namespace orvel::test
