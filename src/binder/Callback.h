@@ -104,7 +104,14 @@ class SharedCallback {
   // Calls the function here, or has the executor call it with copies of the values.
   template <typename... Values>
   void operator()(Values&&... values) const {
-    m_callback->wait_for_turn();
+    wait_for_turn();
+    now(std::forward<Values>(values)...);
+  }
+
+  // Its two halves, for a caller that takes a lock in between: the thread that is waited for may need it.
+  void wait_for_turn() const { m_callback->wait_for_turn(); }
+  template <typename... Values>
+  void now(Values&&... values) const {
     if (const auto executor = Callback::executor()) {
       m_callback->post(*executor, [callback = m_callback,
                                    kept = std::tuple<std::decay_t<Values>...>(std::forward<Values>(values)...)] {

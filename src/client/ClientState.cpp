@@ -186,15 +186,16 @@ bool ClientState::isNetworkConnected() {
 
 void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock) {
   const Disposal disposal;
+  callback.wait_for_turn();
   {
     const std::lock_guard<OwnedMutex> facade(m_facade);
     m_maro_connected = connected;
     if (under_lock && !Callback::executor()) {
-      callback(connected);
+      callback.now(connected);
       return;
     }
   }
-  callback(connected);
+  callback.now(connected);
 }
 
 }  // namespace orvel::service_apis

@@ -239,5 +239,30 @@ TEST_F(Misuse, ALinkCallbackMayEndACallbackThatStartsTheClient) {
   EXPECT_THAT(m_heard, ElementsAre("ended"));
 }
 
+TEST_F(Misuse, ALinkCallbackMayCallTheClientWhileTheAssistantsConnectionIsTold) {
+  m_client.shutdown();
+  m_vesk.kill_service(kServices[kPower]);
+  ASSERT_TRUE(m_client.initialize());
+  serve(kServices[kPower]);
+  const Bytes connected = broadcast("any", "", 1, wire("'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 1"));
+  std::promise<pid_t> loop;
+  m_vesk.post([&] { loop.set_value(gettid()); });
+  EXPECT_TRUE(m_client.registerForMaroConnectivityChange([this](bool) { m_heard.emplace_back("told"); }));
+  const Subscription links =
+      m_client.subscribeLink(To::kPower, [&, thread = loop.get_future().get()](const Link& link) {
+        if (link.state != LinkState::kUp) return;
+        const int read = m_vesk.uses("vesk_read_i32");
+        send("com.quarlo.speech.CONNECTIVITY_ACTION", connected);
+        while (m_vesk.uses("vesk_read_i32") == read) std::this_thread::yield();
+        wait_until_blocked(thread);
+        m_client.getDeviceName();
+        m_heard.emplace_back("up");
+      });
+  m_client.rebind(To::kPower);
+  while (m_vesk.transactions(kServices[kDelegate]).back().code != 33) std::this_thread::yield();
+  m_vesk.drain();
+  EXPECT_THAT(m_heard, ElementsAre("up", "told"));
+}
+
 }  // namespace
 }  // namespace orvel::test
