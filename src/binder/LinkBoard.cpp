@@ -221,6 +221,7 @@ std::shared_ptr<Callback> LinkBoard::subscribe(std::optional<Service> service, L
 }
 
 void LinkBoard::tell() {
+  if (in_forked_child()) return;  // whose callbacks belong to the parent
   std::vector<std::shared_ptr<Listener>> listeners;
   {
     const std::lock_guard<std::mutex> lock(m_mutex);

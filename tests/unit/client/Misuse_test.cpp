@@ -264,5 +264,26 @@ TEST_F(Misuse, ALinkCallbackMayCallTheClientWhileTheAssistantsConnectionIsTold) 
   EXPECT_THAT(m_heard, ElementsAre("up", "told"));
 }
 
+TEST_F(Misuse, TheChildOfAForkEndsASubscriptionThatRunsInTheParentAndHearsOfNoLink) {
+  std::promise<void> entered;
+  std::promise<void> leave;
+  Subscription busy = subscribe([&] {
+    entered.set_value();
+    leave.get_future().wait();
+  });
+  send(kTime, broadcast("any", ""));
+  entered.get_future().wait();
+  const auto child = [&] {
+    busy.end();
+    const bool refused = !m_client.subscribeLink([](const Link&) {}) && lastCall().code == Code::kRefused &&
+                         !m_client.waitFor(To::kPower, LinkState::kUp, std::chrono::hours(1)) &&
+                         lastCall().text == "called in the child of a fork";
+    _exit(refused && m_client.state(To::kPower).state == LinkState::kStopped ? 0 : 1);
+  };
+  EXPECT_EXIT(child(), ExitedWithCode(0), "");
+  leave.set_value();
+  m_vesk.drain();
+}
+
 }  // namespace
 }  // namespace orvel::test
