@@ -206,10 +206,19 @@ vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const Reque
 }
 
 Binder::Reply::~Reply() {
+  note_whether_cut();
+  if (m_binder) m_binder->done();
+}
+
+void Binder::Reply::keep() {
+  note_whether_cut();
+  m_binder = nullptr;
+}
+
+void Binder::Reply::note_whether_cut() const {
   if (m_buffer && m_binder && vesk_buffer_last_error(m_buffer) != 0) {
     CallRecord::fail(CallStatus::Code::kCutReply, "the reply of the service ended too early");
   }
-  if (m_binder) m_binder->done();
 }
 
 void Binder::done() {

@@ -171,12 +171,13 @@ class Binder::Reply {
   [[nodiscard]] Connection connection() const { return m_connection; }
 
   // Leaves the request and the reply to the Binder, whose next call forgets them.
-  void keep() { m_binder = nullptr; }
+  void keep();
 
  private:
   friend class Binder;
   Reply() = default;
   explicit Reply(waiting::Mutex& transaction) : m_lock(transaction) {}
+  void note_whether_cut() const;
 
   Disposal m_disposal;  // First: the endpoints that end with the request are disposed of when the lock is free.
   std::unique_lock<waiting::Mutex> m_lock;

@@ -51,6 +51,10 @@ void RunGate::wait() {
   state.left.wait(lock, [&] { return (m_state.load() & ~kClosed) == own; });
 }
 
+bool RunGate::inside_one() {
+  return t_innermost != nullptr;
+}
+
 unsigned RunGate::entries_of_this_thread() const {
   unsigned entries = 0;
   for (const Entry* entry = t_innermost; entry; entry = entry->m_outer) {

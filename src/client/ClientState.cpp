@@ -28,12 +28,15 @@ void ClientState::stop_for_good() {
   stop_runtime();
 }
 
+bool ClientState::refused_in_child(const char* method) {
+  if (!in_forked_child()) return false;
+  s_client_logger.e("%s:Called in the child of a fork", method);
+  CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
+  return true;
+}
+
 bool ClientState::refused(const char* method) const {
-  if (in_forked_child()) {
-    s_client_logger.e("%s:Called in the child of a fork", method);
-    CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
-    return true;
-  }
+  if (refused_in_child(method)) return true;
   if (!m_facade.held_by_this_thread()) return false;
   s_client_logger.e("%s:Called from the connectivity callback", method);
   CallRecord::fail(CallStatus::Code::kRefused, "called from the connectivity callback");
@@ -189,15 +192,16 @@ bool ClientState::isNetworkConnected() {
 
 void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock) {
   const Disposal disposal;
+  callback.wait_for_turn();
   {
     const std::lock_guard<OwnedMutex> facade(m_facade);
     m_maro_connected = connected;
     if (under_lock && !Callback::executor()) {
-      callback(connected);
+      callback.now(connected);
       return;
     }
   }
-  callback(connected);
+  callback.now(connected);
 }
 
 }  // namespace orvel::service_apis

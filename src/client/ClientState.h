@@ -80,6 +80,9 @@ class ClientState {
   void maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock)
       ORVEL_EXCLUDES(m_facade);
 
+  // True, with an error line, in the child of a fork.
+  static bool refused_in_child(const char* method);
+
   // The events whose outcome is not told yet.
   PendingEvents& events() { return m_events; }
 

@@ -41,8 +41,6 @@ std::string missing(const std::vector<Service>& services) {
   return text;
 }
 
-constexpr char kInterrupted[] = "shutdown() has interrupted";
-
 }  // namespace
 
 bool ClientState::launch_beside() {
@@ -134,7 +132,11 @@ bool OrvelDelegateClient::start(const StartOptions& options) {
 }
 
 Link OrvelDelegateClient::state(Service service) const {
-  return link_to(service).get();
+  if (!in_forked_child()) return link_to(service).get();
+  Link none;  // its lock may be held by a thread that does not exist here
+  none.service = service;
+  none.cause = "this is the child of a fork";
+  return none;
 }
 
 Subscription OrvelDelegateClient::subscribeLink(Service service, LinkCallback callback) {
@@ -147,6 +149,7 @@ Subscription OrvelDelegateClient::subscribeLink(LinkCallback callback) {
 
 bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono::nanoseconds limit) const {
   const CallRecord record(__func__, service);
+  if (ClientState::refused_in_child(__func__)) return false;
   const auto is_there = [&] { return link_to(service).state() == state; };
   if (is_there()) return true;
   if (Callback::keeps_shutdown_waiting()) {
@@ -172,6 +175,7 @@ bool OrvelDelegateClient::rebind(Service service) {
 
 void OrvelDelegateClient::setExecutor(Executor executor) {
   const CallRecord record(__func__);
+  if (ClientState::refused_in_child(__func__)) return;
   Callback::set_executor(std::move(executor));
 }
 

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "binder/CallRecord.h"
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/Int64.h"
@@ -66,6 +67,7 @@ bool IPowerManagerService::wakeUpDeviceCustom(int kind, long long duration_ms) {
 bool IPowerManagerService::acquirePartialWakeLock() {
   if (const int version = getVersion(); version < kFirstVersionWithCustomWakeUp) {
     s_logger.e("%s:wakeUpDeviceCustom() is not available in interface version %d", __func__, version);
+    CallRecord::fail(CallStatus::Code::kFailed, "the power manager is too old to keep the processor awake");
     return false;
   }
   return wakeUpDeviceCustom(kPartialWakeUp, kPartialWakeUpMs);
