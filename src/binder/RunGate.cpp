@@ -38,8 +38,8 @@ bool RunGate::enter() {
 
 void RunGate::leave() {
   if ((m_state.fetch_sub(kOneEntry) & kClosed) == 0) return;
-  Leaving& state =
-      leaving();  // which outlives this gate: the waiting thread may destroy that as soon as it sees the count
+  // It outlives this gate, which the waiting thread may destroy as soon as it sees the count.
+  Leaving& state = leaving();
   const std::lock_guard<std::mutex> lock(state.mutex);
   state.left.notify_all();
 }
