@@ -43,8 +43,7 @@ bool LinkRecord::look_for() {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_link.state != LinkState::kStopped && m_link.state != LinkState::kGivenUp) return false;
-    const bool was_up = m_link.state == LinkState::kGivenUp && m_link.held > 0;
-    change_to(was_up ? LinkState::kAway : LinkState::kConnecting, "the service is looked for");
+    change_to(m_has_been_up ? LinkState::kAway : LinkState::kConnecting, "the service is looked for");
   }
   LinkBoard::instance().wake_waiting();
   return true;
@@ -69,6 +68,7 @@ void LinkRecord::up(std::uint64_t epoch) {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_is_bound || m_link.epoch != epoch) return;
+    m_has_been_up = true;
     change_to(LinkState::kUp, "");
   }
   LinkBoard::instance().wake_waiting();
@@ -100,6 +100,7 @@ void LinkRecord::stopped() {
     m_network = 0;
     m_link.network_lost = false;
     m_link.held = 0;
+    m_has_been_up = false;
     ++m_life;
     change_to(LinkState::kStopped, "the client is not initialised");
   }
