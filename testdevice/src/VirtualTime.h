@@ -48,7 +48,7 @@ class VirtualTime {
 
   // A wait for another of the client's threads: it has no limit, and time goes on meanwhile. It lives until it is over.
   struct Blocked {
-    const void* on;
+    const void* on = nullptr;
     Who who = kTest;
   };
 
