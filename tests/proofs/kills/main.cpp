@@ -294,7 +294,7 @@ std::string run(const test::Runner& runner, std::size_t clients) {
   Findings findings = loop.judge();
   for (const std::string& complaint : findings.complaints) test::require(complaint);
   // What must have happened in a run for its result to mean anything.
-  for (const char* what : {"given up", "refused replays", "not restored", "owed", "replays"})
+  for (const char* what : {"given up", "refused replays", "not restored", "owed", "replays", "links"})
     test::require(findings.counts[what] > 0, std::string("the run never counted: ") + what);
   std::string summary = loop.summary();
   for (const auto& [what, count] : findings.counts) summary += ", " + std::to_string(count) + ' ' + what;
