@@ -12,10 +12,11 @@ namespace orvel::kills {
 
 // How often each rule was put to the test, and what it found.
 struct Findings {
-  // "calls", "events", "replays" (complete ones, after a death of the delegate service), "links" (brought up again); notices that were "owed", left
-  // "open" by a death, or "withheld"; and what may look like a loss and is not one: "given up" (services that stayed
-  // away too long), "refused replays" (made on the next connection), "not restored" (notices that came when the network
-  // callback was gone), "dead events" (whose service died before their status), "refused notices" (by the device).
+  // "calls", "events", "replays" (complete ones, after a death of the delegate service), "links" (brought up again);
+  // notices that were "owed", left "open" by a death, or "withheld"; and what may look like a loss and is not one:
+  // "given up" (services that stayed away too long), "refused replays" (made on the next connection), "not restored"
+  // (notices that came when the network callback was gone), "dead events" (whose service died before their status),
+  // "refused notices" (by the device).
   std::map<std::string, std::int64_t> counts;
   std::vector<std::string> complaints;  // each with the client, what is wrong, and about which registration or call
 };

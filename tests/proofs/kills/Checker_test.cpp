@@ -120,10 +120,12 @@ const Fault kFaults[] = {
      "orvel_delegate was told to be up after being up"},
     {"UpUntold", [](History& it) { it.drop("link", 0, "orvel_delegate up"), it.drop("link", 0, kUp); },
      "orvel_delegate was told to be away after being stopped"},
-    {"DeathUntold", [](History& it) { it.drop("link", 0, kEvents + std::string(" away")), it.drop("link", 0, kEvents + std::string(" up")),
-                                      it.drop("link", 0, kEvents + std::string(" up")), it.link(15, kEvents, "up", "1 0 0 0"); },
+    {"DeathUntold", [](History& it) { for (const char* state : {" away", " up", " up"})
+                                        it.drop("link", 0, std::string(kEvents) + state);
+                                      it.link(15, kEvents, "up", "1 0 0 0"); },
      "was not told to be away when it had died"},
-    {"DeathInvented", [](History& it) { it.link(7000, kEvents, "away", "2 0 0 0"), it.link(7001, kEvents, "up", "3 0 0 0"); },
+    {"DeathInvented", [](History& it) { it.link(7000, kEvents, "away", "2 0 0 0");
+                                        it.link(7001, kEvents, "up", "3 0 0 0"); },
      "was told to be away though nothing had killed it"},
     {"EpochSkipped", [](History& it) { it.drop("link", 0, kUp), it.link(15, kDelegate, "up", "2 0 0 0"); },
      "orvel_delegate was told to be up in epoch 2 after 0"},
