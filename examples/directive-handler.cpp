@@ -2,34 +2,29 @@
 // and writes what became of the event. Ctrl-C ends it.
 //
 // Usage: directive-handler NAMESPACE
+#include <chrono>
 #include <iostream>
 #include <string>
 
-#include "Ending.h"
-#include "orvel/OrvelDelegateClient.h"
+#include "orvel/Session.h"
 
-using orvel::service_apis::OrvelDelegateClient;
+using namespace orvel::service_apis;
 
 namespace {
 
-// Runs on the client's own thread, as the result of the event does: one at a time, so that the lines need no lock. Work
-// that takes long belongs on another thread, since all other callbacks wait for this one.
-void handle(OrvelDelegateClient& client, const std::string& nspace, const std::string& what, const std::string& value) {
+// Runs on the client's own thread, as the event's outcome does. Work that takes long belongs on another thread, since
+// all other callbacks wait for this one.
+void handle(const std::string& nspace, const std::string& what, const std::string& value) {
   std::cout << nspace << '.' << what << ' ' << value << std::endl;
-  const std::string event = what + "Handled";
-  const auto result = [event](const std::string& outcome, bool retryable) {
-    std::cout << event << ": " << outcome << (retryable ? ", may be sent again" : "") << std::endl;
+  AssistantEvent event;
+  event.nspace = nspace;
+  event.name = what + "Handled";
+  event.payload = value;
+  event.deadline = std::chrono::minutes(1);
+  const auto tell = [name = event.name](const EventOutcome& outcome) {
+    std::cout << name << ": " << outcome.result << (outcome.retryable ? ", may be sent again" : "") << std::endl;
   };
-  if (!client.sendEvent(nspace, event, "", "", "", "", "", false, value, result)) {
-    std::cout << event << ": not accepted" << std::endl;
-  }
-}
-
-bool subscribe(OrvelDelegateClient& client, const std::string& nspace) {
-  const auto directive = [&client, nspace](const std::string& what, const std::string& value, const std::string&,
-                                           const std::string&, const std::string&, const std::string&,
-                                           const std::string&) { handle(client, nspace, what, value); };
-  return client.registerForDirective(nspace, directive);
+  if (!OrvelDelegateClient::getClient().send(event, tell)) std::cout << event.name << ": not accepted" << std::endl;
 }
 
 }  // namespace
@@ -40,15 +35,13 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string nspace = argv[1];
-  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
-  Ending ending;
-  const bool device = client.initialize();
-  if (!device || !subscribe(client, nspace)) {
-    if (ending.comesWithin({})) return 0;
-    std::cerr << "directive-handler: "
-              << (device ? "another process has the namespace " + nspace : "there is no device") << std::endl;
+  orvel::Session session(StartOptions{{Service::kCoordinator, Service::kEvents}});
+  const auto take = [&](const auto& what, const auto& value, const auto&...) { handle(nspace, what, value); };
+  const Subscription directives = session ? session->subscribeDirective(nspace, take) : Subscription();
+  if (!directives && !session.wasEnded()) {
+    std::cerr << "directive-handler: " << nspace << ": " << lastCall().text << std::endl;
     return 1;
   }
   std::cerr << "directive-handler: waiting for directives of " << nspace << "; Ctrl-C ends" << std::endl;
-  ending.wait();
+  session.wait();
 }

@@ -1,22 +1,20 @@
 // Shows the device's name, network and screen: one line that is rewritten on a terminal, a line for each change into a
 // pipe. Ctrl-C ends it.
 //
-// Usage: status-line [SECONDS] 2>LOG; the name is asked for again every so many seconds (60)
+// Usage: status-line 2>LOG
+#include <poll.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
-#include <mutex>
 #include <string>
 
-#include "Ending.h"
-#include "orvel/OrvelDelegateClient.h"
+#include "orvel/CallbackQueue.h"
+#include "orvel/Session.h"
 
-using orvel::service_apis::OrvelDelegateClient;
+using namespace orvel::service_apis;
 
 namespace {
 
-// Threads: any.
 class StatusLine {
  public:
   std::string name = "?", network = "?", screen = "?";
@@ -24,12 +22,7 @@ class StatusLine {
     if (m_terminal) std::cout << std::endl;
   }
 
-  // Changes members, and shows them if that made a difference. The change runs under the lock and may ask the client
-  // there: what a callback has to tell meanwhile waits, and is not overwritten by an older answer.
-  template <typename Change>
-  void update(Change change) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    change();
+  void show() {
     const std::string line = name + "  network " + network + "  screen " + screen;
     if (line == m_shown) return;
     m_shown = line;
@@ -38,42 +31,50 @@ class StatusLine {
   }
 
  private:
-  std::mutex m_mutex;
   std::string m_shown;
   const bool m_terminal = isatty(STDOUT_FILENO) == 1;
 };
 
-bool follow(OrvelDelegateClient& client, StatusLine& status) {
-  const auto name = [&](const std::string& now) { status.update([&] { status.name = now; }); };
-  const auto network = [&](bool now) { status.update([&] { status.network = now ? "connected" : "lost"; }); };
-  const auto screen = [&](bool now) { status.update([&] { status.screen = now ? "on" : "off"; }); };
-  return client.registerForDeviceNameChange(name) && client.registerForNetworkConnectivityChange(network) &&
-         client.registerForScreenStateChange(screen);
+int failed(const orvel::Session& session) {
+  if (session.wasEnded()) return 0;
+  std::cerr << "status-line: " << lastCall().text << std::endl;
+  return 1;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  const std::chrono::seconds period(argc > 1 ? std::atoi(argv[1]) : 60);
-  if (argc > 2 || period.count() < 1) {
-    std::cerr << "usage: status-line [SECONDS]" << std::endl;
-    return 2;
-  }
-  OrvelDelegateClient& client = OrvelDelegateClient::getClient();
+int main() {
   StatusLine status;
-  Ending ending;
-  if (!client.initialize() || !follow(client, status)) {
-    if (ending.comesWithin({})) return 0;
-    std::cerr << "status-line: there is no device, or its services do not answer" << std::endl;
-    return 1;
-  }
-  // After subscribing, so that no change falls in between. The network can only be heard of; the screen is asked for
-  // once, since a failure answers "off" too.
-  const auto ask = [&] {
-    if (const std::string now = client.getDeviceName(); !now.empty()) status.name = now;
-    if (status.screen == "?") status.screen = client.isScreenOn() ? "on" : "off";
+  CallbackQueue queue;
+  orvel::Session session(StartOptions{{Service::kDelegate, Service::kPower}});
+  if (!session) return failed(session);
+  session->setExecutor(queue.executor());  // the callbacks run in the loop below, on this thread: no lock is needed
+
+  const auto told = [&](std::string& value, const std::string& now) {
+    value = now;
+    status.show();
   };
-  do {  // and again, for what changed while a service was dead is not told
-    status.update(ask);
-  } while (!ending.comesWithin(period));
+  const auto names = session->subscribeDeviceNameChange([&](const std::string& now) { told(status.name, now); });
+  if (!names) return failed(session);
+  const auto screens = session->subscribeScreenStateChange([&](bool on) { told(status.screen, on ? "on" : "off"); });
+  if (!screens) return failed(session);
+  Subscription network;
+  // At first, and each time that a service is back: what changed while it was away is not told.
+  const auto links = session->subscribeLink([&](const Link& link) {
+    if (link.state != LinkState::kUp) return;
+    if (link.service == Service::kConnectivity) {  // the one subscription that the library does not make again
+      network = session->subscribeNetworkConnectivityChange(
+          [&](bool connected) { told(status.network, connected ? "connected" : "lost"); });
+    } else if (link.service == Service::kDelegate || link.service == Service::kPower) {
+      if (const auto name = checked([&] { return session->getDeviceName(); })) status.name = name.value;
+      if (const auto on = checked([&] { return session->isScreenOn(); })) status.screen = on.value ? "on" : "off";
+      status.show();
+    }
+  });
+
+  pollfd events[] = {{queue.fd(), POLLIN, 0}, {session.fd(), POLLIN, 0}};
+  while (!session.wasEnded()) {
+    queue.dispatch();
+    poll(events, 2, -1);
+  }
 }

@@ -9,7 +9,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 build_packages=(
   g++ cmake ninja-build pkgconf ccache
   android-liblog-dev android-libutils-dev libsystemd-dev
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev nlohmann-json3-dev libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 packaging_packages=(build-essential debhelper dpkg-dev)

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -27,17 +28,22 @@ namespace orvel::service_apis {
 ///     ... poll(queue.fd()) ...  queue.dispatch();
 ///
 /// The callbacks then run in dispatch(), on the thread that calls it, in the order in which they came, over all
-/// subscriptions. The queue is bounded: when it is full, and the loop does not dispatch, the oldest callback is dropped,
-/// so that the newest state is never lost; dropped() says how many there were.
+/// subscriptions. The queue is bounded: a callback that finds it full takes the place of the oldest, so that the newest
+/// state is never lost; dropped() says which ones went, the outcomes of events among them.
 ///
-/// Threads: executor() and what it returns on any, the rest on the loop's. May be destroyed while the client uses it:
-/// what waits is dropped then, and so is what comes later, until setExecutor() is called again.
+/// What waits keeps what its callback captured, after shutdown() too, until it is dispatched or the queue is destroyed.
+/// The queue may be destroyed while the client uses it, and in a callback that it runs: what waits is dropped then, and
+/// so is what comes later, until setExecutor() is called again.
+///
+/// Threads: executor() and what it returns on any, the rest on the loop's. Not for the child of a fork, which shares
+/// the descriptor with its parent.
 class CallbackQueue {
  public:
   /// As many callbacks as wait at most.
   static constexpr std::size_t kDefaultCapacity = 1024;
 
-  /// A queue for `capacity` callbacks, at least one. Throws std::system_error when there is no descriptor left.
+  /// A queue for `capacity` callbacks, for one where that is 0. Throws std::system_error when there is no descriptor
+  /// left.
   explicit CallbackQueue(std::size_t capacity = kDefaultCapacity) : m_state(std::make_shared<State>(capacity)) {}
   ~CallbackQueue() { m_state->close(); }
   CallbackQueue(const CallbackQueue&) = delete;
@@ -52,22 +58,26 @@ class CallbackQueue {
   int fd() const { return m_state->fd; }
 
   /// Runs the callbacks that wait now, and returns how many those were; what comes meanwhile is for the next time, so
-  /// that a loop is never kept. Never waits. What a callback throws passes through, and the rest is for the next time.
+  /// that the loop gets its turn. Never waits. What a callback throws passes through, and the rest is for the next
+  /// time.
   std::size_t dispatch() {
+    const std::shared_ptr<State> state = m_state;  // a callback may destroy the queue
+    const std::size_t waiting = state->size();
     std::size_t run = 0;
-    for (std::size_t waiting = m_state->begin(); waiting > 0; --waiting, ++run) {
-      const std::unique_ptr<CallbackTask> task = m_state->take();
+    for (; run < waiting; ++run) {
+      const std::optional<CallbackTask> task = state->take();
       if (!task) break;
       (*task)();
     }
     return run;
   }
 
-  /// How many callbacks were dropped since this was asked last, by the method they belong to.
+  /// How many callbacks were dropped since this was asked last, by the method that they were given to.
   std::map<std::string, std::uint64_t> dropped() { return m_state->take_dropped(); }
 
  private:
-  // Shared with the executor, which may outlive the queue.
+  // Shared with the executor, which may outlive the queue. Tasks are destroyed behind the lock, because what callbacks
+  // captured may call the client.
   struct State {
     explicit State(std::size_t most) : capacity(most > 0 ? most : 1), fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
       if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -77,31 +87,26 @@ class CallbackQueue {
     State& operator=(const State&) = delete;
 
     void add(CallbackTask task) {
-      std::deque<CallbackTask> out;  // destroyed behind the lock, since what callbacks captured may call the client
+      std::optional<CallbackTask> oldest;
       const std::lock_guard<std::mutex> lock(mutex);
-      if (closed) {
-        out.push_back(std::move(task));
-        return;
-      }
+      if (closed) return;
       if (tasks.size() == capacity) {
         ++dropped[tasks.front().method()];
-        out.push_back(std::move(tasks.front()));
-        tasks.pop_front();
+        oldest = pop();
       }
       tasks.push_back(std::move(task));
-      if (tasks.size() == 1) eventfd_write(fd, 1);
+      eventfd_write(fd, 1);  // each time: a loop may watch for changes only
     }
 
-    std::size_t begin() {
+    std::size_t size() {
       const std::lock_guard<std::mutex> lock(mutex);
       return tasks.size();
     }
 
-    std::unique_ptr<CallbackTask> take() {
+    std::optional<CallbackTask> take() {
       const std::lock_guard<std::mutex> lock(mutex);
-      if (tasks.empty()) return nullptr;
-      auto task = std::make_unique<CallbackTask>(std::move(tasks.front()));
-      tasks.pop_front();
+      if (tasks.empty()) return std::nullopt;
+      std::optional<CallbackTask> task = pop();
       eventfd_t ignored = 0;
       if (tasks.empty()) eventfd_read(fd, &ignored);
       return task;
@@ -113,10 +118,16 @@ class CallbackQueue {
     }
 
     void close() {
-      std::deque<CallbackTask> out;
+      std::deque<CallbackTask> waiting;
       const std::lock_guard<std::mutex> lock(mutex);
       closed = true;
-      out.swap(tasks);
+      waiting.swap(tasks);
+    }
+
+    std::optional<CallbackTask> pop() {
+      std::optional<CallbackTask> oldest(std::move(tasks.front()));
+      tasks.pop_front();
+      return oldest;
     }
 
     const std::size_t capacity;

@@ -17,13 +17,17 @@ namespace orvel {
 ///       ...                                  // what callbacks use: it outlives the session
 ///       orvel::Session session;
 ///       if (!session) return session.wasEnded() ? 0 : 1;
-///       ... session->subscribeScreenStateChange(...) ...
+///       const auto screen = session->subscribeScreenStateChange(...);
 ///       session.wait();                      // until a signal has come
 ///     }
 ///
+/// The first signal shuts the client down, an initialize() in progress included, and keeps it so until the session's
+/// end; further ones change nothing. One session at a time in a process.
+///
 /// Make it before other threads: it blocks the two signals in the thread that makes it, which threads made later
-/// inherit, and one of its own takes them. A signal shuts the client down, an initialize() in progress included. After
-/// the session both are unblocked in the thread that destroys it. One at a time in a process.
+/// inherit, and a thread of its own, "orvel-signals", takes them. Programs that are started meanwhile inherit the
+/// blocked signals too: unblock them between fork and exec (posix_spawnattr_setsigmask). The end of the session
+/// unblocks those that it has blocked.
 ///
 /// Threads: made and destroyed on one; the rest on any.
 class ORVEL_API Session {
@@ -45,19 +49,19 @@ class ORVEL_API Session {
   service_apis::OrvelDelegateClient* operator->() const;
 
   /// Whether a signal has come.
-  bool wasEnded() const;
+  [[nodiscard]] bool wasEnded() const;
 
   /// Returns when a signal has come.
   void wait() const;
 
-  /// True when a signal has come within that time, at once when it has; false when none has.
-  bool waitFor(std::chrono::nanoseconds limit) const;
+  /// True as soon as a signal has come; false when the limit has passed. On the machine's clock, with the test kit too.
+  [[nodiscard]] bool waitFor(std::chrono::nanoseconds limit) const;
 
   /// Readable once a signal has come: for a program with a loop of its own. Belongs to the session.
   int fd() const;
 
  private:
-  class Signals;
+  class ORVEL_LOCAL Signals;
 
   const std::unique_ptr<Signals> m_signals;
   bool m_started = false;

@@ -149,7 +149,7 @@ class LinkBoard::Listener {
     const std::thread::id self = std::this_thread::get_id();
     // Not in a callback, where two threads could wait for each other.
     const bool waits = on_library_thread() && !RunGate::inside_one();
-    while (m_teller != std::thread::id() && m_teller != self && waits) m_idle.wait(lock);
+    m_idle.wait(lock, [&] { return m_teller == std::thread::id() || m_teller == self || !waits; });
     if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
     m_teller = self;
     while (const std::optional<Link> link = next(board)) {
@@ -188,7 +188,7 @@ class LinkBoard::Listener {
   const std::optional<Service> m_service;
   const SharedCallback<LinkCallback> m_callback;
   std::mutex m_mutex;
-  std::condition_variable m_idle;
+  waiting::Condition m_idle;
   std::thread::id m_teller ORVEL_GUARDED_BY(m_mutex);
   std::array<std::optional<Link>, kAllServices.size()> m_told ORVEL_GUARDED_BY(m_mutex);
 };
@@ -230,7 +230,7 @@ void LinkBoard::tell() {
   for (const auto& listener : listeners) listener->catch_up(*this);
 }
 
-bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
+LinkBoard::Waited LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
   const waiting::TimePoint start = waiting::now();
   waiting::Bell changed;
   {
@@ -239,9 +239,11 @@ bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanosecon
   }
   bool goes_on = true;
   while (!wanted() && goes_on) goes_on = changed.wait(limit - (waiting::now() - start));
+  const bool is_late = waiting::now() - start >= limit;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &changed), m_waiting.end());
-  return wanted();
+  if (wanted()) return Waited::kWanted;
+  return is_late ? Waited::kLate : Waited::kInterrupted;
 }
 
 void LinkBoard::wake_waiting() {

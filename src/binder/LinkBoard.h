@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -68,8 +67,8 @@ class LinkRecord {
   bool m_is_bound ORVEL_GUARDED_BY(m_mutex) = false;
   std::uint64_t m_life ORVEL_GUARDED_BY(m_mutex) = 0;     // from one stop to the next
   std::uint64_t m_network ORVEL_GUARDED_BY(m_mutex) = 0;  // its number; 0 while there is none
-  std::atomic<std::uint64_t> m_epoch{0};                   // that of m_link
-  std::atomic<LinkState> m_state{LinkState::kStopped};  // likewise
+  std::atomic<std::uint64_t> m_epoch{0};                  // that of m_link
+  std::atomic<LinkState> m_state{LinkState::kStopped};    // likewise
 };
 
 // The links to all services. Lives as long as the process. Threads: any.
@@ -87,9 +86,10 @@ class LinkBoard {
   // leaves it to that one. Called under no lock.
   void tell() ORVEL_EXCLUDES(m_mutex);
 
-  // True as soon as `wanted` is; false when the limit has passed, and when a shutdown interrupts. `wanted` is asked
+  enum class Waited { kWanted, kLate, kInterrupted };
+  // Returns as soon as `wanted` is true, when the limit has passed, and when a shutdown interrupts. `wanted` is asked
   // again after each change.
-  bool wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
+  Waited wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
 
   // Exists while a thread beside the run loop's brings a service up. No notification is delivered meanwhile, so that
   // each comes after the link is told to be up.
@@ -115,7 +115,7 @@ class LinkBoard {
   std::vector<std::shared_ptr<Listener>> m_listeners ORVEL_GUARDED_BY(m_mutex);
   std::vector<waiting::Bell*> m_waiting ORVEL_GUARDED_BY(m_mutex);
   std::atomic<int> m_restoring{0};
-  std::condition_variable m_restored;
+  waiting::Condition m_restored;
 };
 
 }  // namespace orvel::service_apis

@@ -1,5 +1,6 @@
 #include "client/ClientState.h"
 
+#include <memory>
 #include <optional>
 
 #include "binder/Admission.h"
@@ -82,7 +83,7 @@ bool ClientState::initialize() {
   }
 
   const Disposal disposal;
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) {
     s_client_logger.i("%s:Already initialized", __func__);
@@ -121,8 +122,10 @@ bool ClientState::launch(void* runtime, Binder::Bind bind) {
     return false;
   }
   Callback::begin_life();
-  m_run_loop = start_library_thread("orvel-loop", [runtime] {
+  const auto begins = std::make_shared<std::optional<waiting::Background>>(std::in_place);
+  m_run_loop = start_library_thread("orvel-loop", [runtime, begins] {
     LinkBoard::instance().tell();  // what initialize() could not, under its locks
+    begins->reset();
     vesk_run_loop(runtime);
   });
   undo.state = nullptr;
@@ -153,7 +156,7 @@ void ClientState::shutdown() {
   const Disposal disposal;
   std::optional<Stopping> stopping(std::in_place);
   stop_runtime();  // Before m_lifecycle: initialize() may hold that lock in a call that hangs.
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const bool running = m_run_loop.joinable();
   if (running) {
     stop_runtime();  // for an initialize() that has succeeded since the first

@@ -13,6 +13,7 @@
 #include "binder/Disposal.h"
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
 #include "client/LibraryThreads.h"
 #include "client/OwnedMutex.h"
 #include "client/PendingEvents.h"
@@ -130,7 +131,7 @@ class ClientState {
   void destroy() ORVEL_REQUIRES(m_facade);
   void destroy_proxies() ORVEL_REQUIRES(m_facade);
 
-  std::mutex m_lifecycle;
+  waiting::Mutex m_lifecycle;
   std::thread m_run_loop ORVEL_GUARDED_BY(m_lifecycle);  // joinable while initialised
 
   std::mutex m_runtime_mutex;

@@ -61,16 +61,22 @@ struct Place {
   Place& operator=(const Place&) = delete;
 };
 
-// Blocks the signals on this thread, and on those that it makes.
+// Blocks the signals on this thread, and on those that it makes. Others may be blocked and unblocked meanwhile.
 class Blocked {
  public:
-  explicit Blocked(const sigset_t& signals) { pthread_sigmask(SIG_BLOCK, &signals, &m_before); }
-  ~Blocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+  explicit Blocked(const sigset_t& signals) : m_own(signals) {
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    for (const int each : {SIGINT, SIGTERM}) {
+      if (sigismember(&before, each) == 1) sigdelset(&m_own, each);
+    }
+  }
+  ~Blocked() { pthread_sigmask(SIG_UNBLOCK, &m_own, nullptr); }
   Blocked(const Blocked&) = delete;
   Blocked& operator=(const Blocked&) = delete;
 
  private:
-  sigset_t m_before{};
+  sigset_t m_own;  // those that were not blocked before
 };
 
 }  // namespace
@@ -82,8 +88,14 @@ class Session::Signals {
     m_thread = service_apis::start_quiet_thread("orvel-signals", [this] { take(); });
   }
   ~Signals() {
+    if (getpid() != m_process) {
+      m_thread.detach();  // The child of a fork has no such thread, and must not end that of its parent.
+      return;
+    }
     eventfd_write(m_over.get(), 1);
     m_thread.join();
+    while (take_one()) {  // What has come during a long shutdown() must not end the process when it is unblocked.
+    }
   }
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;
@@ -92,19 +104,24 @@ class Session::Signals {
   [[nodiscard]] int come() const { return m_come.get(); }
 
  private:
+  [[nodiscard]] bool take_one() const {
+    signalfd_siginfo signal = {};
+    return read(m_taken.get(), &signal, sizeof(signal)) == sizeof(signal);
+  }
+
   void take() {
     // From the first signal on, so that an initialize() that is about to begin ends at once, too.
     std::optional<service_apis::waiting::Interrupt> interrupt;
     pollfd events[] = {{m_over.get(), POLLIN, 0}, {m_taken.get(), POLLIN, 0}};
     while (poll(events, 2, -1) < 0 || events[0].revents == 0) {
-      signalfd_siginfo signal = {};
-      if (read(m_taken.get(), &signal, sizeof(signal)) != sizeof(signal) || interrupt) continue;
+      if (!take_one() || interrupt) continue;
+      eventfd_write(m_come.get(), 1);  // First: what the interrupt ends finds that a signal has come.
       interrupt.emplace();
-      eventfd_write(m_come.get(), 1);
       OrvelDelegateClient::getClient().shutdown();
     }
   }
 
+  const pid_t m_process = getpid();
   const Place m_place;
   const sigset_t m_signals = ending_signals();
   const Blocked m_blocked{m_signals};
@@ -135,20 +152,22 @@ bool Session::wasEnded() const {
 }
 
 void Session::wait() const {
-  while (!waitFor(std::chrono::hours(1))) {
+  pollfd come = {fd(), POLLIN, 0};
+  while (poll(&come, 1, -1) <= 0) {  // a handler of the program's may have run
   }
 }
 
+// On the machine's clock: these are the program's waits and not the library's.
 bool Session::waitFor(std::chrono::nanoseconds limit) const {
-  const auto end = std::chrono::steady_clock::now() + limit;
+  constexpr std::chrono::hours kLongest(24 * 365);  // The end of a longer wait may be beyond what the clock can tell.
+  const auto end = std::chrono::steady_clock::now() + std::min<std::chrono::nanoseconds>(limit, kLongest);
   pollfd come = {fd(), POLLIN, 0};
   do {
     const auto left = std::max(end - std::chrono::steady_clock::now(), std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timespec time = {static_cast<std::time_t>(seconds.count()),
-                           static_cast<long>((left - seconds).count())};
+    const timespec time = {static_cast<std::time_t>(seconds.count()), static_cast<long>((left - seconds).count())};
     if (ppoll(&come, 1, &time, nullptr) > 0) return true;
-  } while (std::chrono::steady_clock::now() < end);  // a handler of the program's may have run
+  } while (std::chrono::steady_clock::now() < end);
   return false;
 }
 

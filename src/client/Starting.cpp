@@ -14,6 +14,8 @@
 namespace orvel::service_apis {
 namespace {
 
+constexpr char kInterrupted[] = "shutdown() has interrupted";
+
 LinkRecord& link_to(Service service) {
   return LinkBoard::instance().record(service);
 }
@@ -43,14 +45,14 @@ std::string missing(const std::vector<Service>& services) {
 
 bool ClientState::launch_beside() {
   const Disposal disposal;
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) return true;
   void* const runtime = runtime_for("start");
   if (!runtime) return false;
   if (!launch(runtime, Binder::Bind::kBeside)) {
     s_client_logger.e("%s:Interrupted by shutdown", "start");
-    CallRecord::fail(CallStatus::Code::kNotInitialised, "shutdown() has interrupted");
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
     return false;
   }
   for (const Service service : kAllServices) bind_beside(binder_of(service));
@@ -74,11 +76,14 @@ bool ClientState::start(const StartOptions& options) {
     return all_are(options.required, LinkState::kUp) || one_is(options.required, LinkState::kGivenUp) ||
            one_is(options.required, LinkState::kStopped);
   };
-  if (waits) LinkBoard::instance().wait(is_decided, options.deadline);
+  auto waited = LinkBoard::Waited::kWanted;
+  if (waits) waited = LinkBoard::instance().wait(is_decided, options.deadline);
   if (all_are(options.required, LinkState::kUp)) return true;
   const std::string still = missing(options.required);
   s_client_logger.e("%s:Not all required services are up: %s", __func__, still.c_str());
-  if (is_decided() || !waits) {
+  if (waited == LinkBoard::Waited::kInterrupted || one_is(options.required, LinkState::kStopped)) {
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
+  } else if (is_decided() || !waits) {
     CallRecord::fail(CallStatus::Code::kNotBound, still);
   } else {
     CallRecord::fail(CallStatus::Code::kTimedOut, "the deadline has passed, and " + still);
@@ -152,8 +157,15 @@ bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono:
     CallRecord::fail(CallStatus::Code::kRefused, "called from a callback, which keeps the link as it is");
     return false;
   }
-  if (LinkBoard::instance().wait(is_there, limit)) return true;
-  CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
+  const bool was_stopped = link_to(service).state() == LinkState::kStopped;
+  const auto has_stopped = [&] { return !was_stopped && link_to(service).state() == LinkState::kStopped; };
+  const auto waited = LinkBoard::instance().wait([&] { return is_there() || has_stopped(); }, limit);
+  if (is_there()) return true;
+  if (waited == LinkBoard::Waited::kInterrupted || has_stopped()) {
+    CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
+  } else {
+    CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
+  }
   return false;
 }
 

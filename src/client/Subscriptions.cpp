@@ -11,8 +11,7 @@ namespace orvel::service_apis {
 
 Subscription::Subscription() noexcept = default;
 
-Subscription::Subscription(std::weak_ptr<Callback> callback) noexcept
-    : m_callback(std::move(callback)), m_made(true) {}
+Subscription::Subscription(std::weak_ptr<Callback> callback) noexcept : m_callback(std::move(callback)), m_made(true) {}
 
 Subscription::~Subscription() {
   end();
@@ -43,7 +42,7 @@ void Subscription::keep() noexcept {
 
 Subscription Subscriptions::of(const std::shared_ptr<Callback>& callback, bool taken) {
   if (taken) return Subscription(callback);
-  callback->end();
+  if (callback) callback->end();
   return {};
 }
 

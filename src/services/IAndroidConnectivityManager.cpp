@@ -29,7 +29,9 @@ RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& e
 }  // namespace
 
 IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kConnectivityManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback,
                                                                  const std::shared_ptr<Callback>& ends) {

@@ -37,7 +37,9 @@ Result value_or_unbound(const std::optional<Result>& result, Result failure, con
 }  // namespace
 
 IPowerManagerService::IPowerManagerService(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kPowerManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kPowerManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IPowerManagerService::isInteractive() {
   return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, no_arguments, Int32::read), 0, __func__) != 0;

@@ -32,7 +32,7 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvel-sim broadcast X --int k=2147483648", "--int k: expected a whole number from -2147483648 to 2147483647"},
       {"orvel-sim broadcast X --bool k=yes", "--bool k: expected true or false"},
       {"orvel-sim replay $T/none", "none: cannot be read"},
-      {"status-line 0", "usage: status-line [SECONDS]"},
+      {"directive-handler", "usage: directive-handler NAMESPACE"},
   };
   for (const auto& [command, error] : rows) expectRows({{command, "", 2, error}});
   expectRows({{"orvelctl watch --help", "...The network is the exception"}});
