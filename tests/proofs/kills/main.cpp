@@ -205,8 +205,8 @@ class Loop {
              happening("delegate", {{"action", kClock + "TIME_SYNC"}, {"extras", {from, to}}}));
   }
 
-  // A client that came back to a process that was just ending may have missed the last change, and hears of another. The
-  // checker knows what it was owed.
+  // A client that came back to a process that was just ending may have missed the last change, and hears of another.
+  // The checker knows what it was owed.
   void awaitTold() {
     try {
       awaitLast();
