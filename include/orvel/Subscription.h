@@ -15,17 +15,18 @@ class Callback;
 ///
 /// The destructor follows the rule of std::stop_callback. It ends the subscription, and then:
 /// - on another thread than the one that runs the callback it waits until that has returned. It waits for no other
-///   callback and for no service. Afterwards nothing of the callback runs, and what it captured is destroyed.
+///   callback and for no service. Afterwards nothing of the callback runs, and what it captured is destroyed; by a
+///   shutdown() that is under way on another thread, before that returns.
 /// - inside the callback itself it does not wait; what the callback captured is destroyed when it returns.
 ///
 /// An ended subscription is not made again when its service is back. The service is not told: what it still sends is
 /// dropped in this process. What waits for an executor is dropped, too.
 ///
-/// Two deadlocks are left: do not destroy it while you hold a lock that the callback takes, and let no two callbacks that
-/// run at the same time, on two threads, end each other.
+/// Two deadlocks are left: do not destroy it while you hold a lock that the callback takes, and let no two callbacks
+/// that run at the same time, on two threads, end each other.
 ///
-/// May outlive shutdown() and the client, and may be destroyed at any time, in exit handlers too. Threads: any, one at a
-/// time.
+/// May outlive shutdown() and the client, and may be destroyed at any time, in exit handlers too. Threads: any, one at
+/// a time.
 class [[nodiscard]] ORVEL_API Subscription {
  public:
   /// Empty.

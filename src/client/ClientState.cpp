@@ -191,9 +191,9 @@ bool ClientState::isNetworkConnected() {
 }
 
 void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock) {
-  const Disposal disposal;
   callback.wait_for_turn();
   {
+    const Disposal disposal;
     const std::lock_guard<OwnedMutex> facade(m_facade);
     m_maro_connected = connected;
     if (under_lock && !Callback::executor()) {

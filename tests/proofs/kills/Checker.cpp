@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <set>
+#include <sstream>
 #include <tuple>
 #include <utility>
 
@@ -85,6 +86,18 @@ struct Expected {
   const char* why = "";  // withheld
 };
 
+// What a link was told to be.
+struct Told {
+  explicit Told(const Record& made) : record(&made) {
+    std::istringstream(made.value) >> epoch >> held >> restored >> refused;
+  }
+  const Record* record;
+  long epoch = 0;
+  long held = 0;
+  long restored = 0;
+  long refused = 0;
+};
+
 // A call, or a registration: that has keys.
 struct Call {
   std::string who;
@@ -109,6 +122,7 @@ class ClientCheck {
     read();
     assign();
     checkReplays();
+    for (const auto& [service, told] : m_links) checkLink(service, told);
     for (const auto& [id, call] : m_calls) {
       checkCall(call);
       if (call.name.rfind("sendEvent", 0) == 0 && call.returns == 1) checkEvent(call);
@@ -128,6 +142,7 @@ class ClientCheck {
     for (const Record& record : m_records) {
       const std::string& what = record.what;
       if (what == "ending") m_ending = record.t;
+      if (what == "link") m_links[record.who].emplace_back(record);
       if (what == "begin") {
         m_begin = record.t;
         m_speed = std::stoll(record.key);
@@ -241,12 +256,12 @@ class ClientCheck {
       const bool isDeath = record.who == kDelegate && record.what == "died";
       if (replay.end == kNever || !(isDeath || record.what == "ending")) continue;
       const bool wasEnding = isDeath && !m_device.died(kDelegate, replay.begin, record.t);
-      if (!wasEnding && !m_device.died(kDelegate, replay.begin, replay.end)) checkReplay(replay);
+      if (!wasEnding && !m_device.died(kDelegate, replay.begin, replay.end)) checkReplay(replay, record.t);
       replay = {};
     }
   }
 
-  void checkReplay(const Span& replay) {
+  void checkReplay(const Span& replay, Time until) {
     ++m_findings.counts["replays"];
     std::vector<std::string> due;
     for (const bool settings : {true, false}) {
@@ -259,9 +274,12 @@ class ClientCheck {
     }
     const std::set<std::string> known(due.begin(), due.end());  // others may be made for the first time meanwhile
     std::vector<std::string> made;
+    long refused = 0;
     for (const Record& each : m_device.madeBy(m_process)) {
       const bool inTime = each.t >= replay.begin - kPrecision && each.t <= replay.end;
-      if (inTime && each.who == kDelegate && known.count(each.key) != 0) made.push_back(each.key);
+      if (!inTime || each.who != kDelegate || known.count(each.key) == 0) continue;
+      made.push_back(each.key);
+      if (!each.ok) ++refused;
     }
     for (const std::string& key : known) {
       if (std::count(due.begin(), due.end(), key) > std::count(made.begin(), made.end(), key))
@@ -269,6 +287,80 @@ class ClientCheck {
     }
     if (made != due && std::is_permutation(made.begin(), made.end(), due.begin(), due.end()))
       complain("registrations", " were made again in another order than at first");
+    if (made.size() == due.size()) checkNumbers(replay, until, static_cast<long>(due.size()), refused);
+  }
+
+  // Of the link that is up behind the replay, and before `until`.
+  void checkNumbers(const Span& replay, Time until, long due, long refused) {
+    const std::vector<Told>& told = m_links[kDelegate];
+    const auto is_it = [&](const Told& each) { return each.record->key == "up" && each.record->t >= replay.end; };
+    const auto up = std::find_if(told.begin(), told.end(), is_it);
+    if (up == told.end() || up->record->t > until) return;
+    long more = 0;  // registrations that were made meanwhile, or of which the client has a part
+    for (const auto& [id, each] : m_calls) {
+      const bool counted = each.ok && each.span.end <= replay.begin;
+      if (each.who == kDelegate && !counted && each.span.begin <= up->record->t)
+        more += static_cast<long>(each.keys.size());
+    }
+    const auto fits = [=](long number) { return number >= due && number <= due + more; };
+    if (!fits(up->held) || !fits(up->restored + up->refused) || (more == 0 && up->refused != refused))
+      complain("link", " has the numbers " + up->record->value + " and not those of the device");
+  }
+
+  // ---- Links ----
+
+  void checkLink(const std::string& service, const std::vector<Told>& all) {
+    const Told* before = nullptr;
+    for (const Told& told : all) {
+      const std::string wrong = before == nullptr ? "" : mistake(service, *before, told);
+      if (!wrong.empty()) return complain(service, wrong);
+      if (told.record->key == "up" && told.epoch > 1) ++m_findings.counts["links"];
+      before = &told;
+    }
+    if (before != nullptr && m_device.surelyDied(service, lastUp(all), m_ending - kOnItsWay))
+      complain(service, " was not told to be away when it had died");
+  }
+
+  // When the link came up that is up until the client ends; then when it is not.
+  Time lastUp(const std::vector<Told>& all) const {
+    Time up = m_ending;
+    for (const Told& told : all) {
+      if (told.record->t < m_ending) up = told.record->key == "up" ? told.record->t : m_ending;
+    }
+    return up;
+  }
+
+  std::string mistake(const std::string& service, const Told& before, const Told& told) {
+    const std::string& was = before.record->key;
+    const std::string& is = told.record->key;
+    const Time t = told.record->t;
+    const std::set<std::pair<std::string, std::string>> known = {
+        {"stopped", "up"}, {"stopped", "given up"}, {"up", "away"}, {"away", "up"}, {"away", "given up"}};
+    if (t < m_ending ? known.count({was, is}) == 0 : is != "stopped")
+      return " was told to be " + is + " after being " + was;
+    if (is != "stopped" && told.epoch != before.epoch + (is == "up" ? 1 : 0))
+      return " was told to be " + is + " in epoch " + std::to_string(told.epoch) + " after " +
+             std::to_string(before.epoch);
+    // A client may have come back to a process that was just ending.
+    const Time since = before.record->t - (t - before.record->t < kSecond ? kSecond : 0);
+    if (is == "away" && !m_device.died(service, since, t)) return " was told to be away though nothing had killed it";
+    if (is == "away" && service == kConnectivity && !told.record->ok && networkWasInForce(before.record->t, t))
+      return " did not say that the network was lost";
+    if (was != "away" || is != "up" || service == kCoordinator) return "";
+    for (const Record& record : m_records) {
+      const bool early = record.what == "notice" && record.t > before.record->t && record.t < t;
+      if (early && m_calls[record.id].who == service) return " told " + record.value + " before its link was up";
+    }
+    return "";
+  }
+
+  bool networkWasInForce(Time up, Time away) const {
+    const Call* newest = nullptr;
+    for (const auto& [id, call] : m_calls) {
+      if (call.keys == std::vector<std::string>{kNetwork} && call.span.begin < away) newest = &call;
+    }
+    return newest != nullptr && newest->span.begin > up && newest->span.end < away && newest->removed.begin > away &&
+           !newest->made.empty() && newest->made.back()->ok;
   }
 
   // ---- What registrations were told ----
@@ -368,6 +460,7 @@ class ClientCheck {
   std::int64_t m_speed = 1;
   std::map<std::int64_t, Call> m_calls;
   std::map<std::string, Time> m_gaveUp;  // by service
+  std::map<std::string, std::vector<Told>> m_links;
 };
 
 }  // namespace

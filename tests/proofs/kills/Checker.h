@@ -12,10 +12,11 @@ namespace orvel::kills {
 
 // How often each rule was put to the test, and what it found.
 struct Findings {
-  // "calls", "events", "replays" (complete ones, after a death of the delegate service); notices that were "owed", left
-  // "open" by a death, or "withheld"; and what may look like a loss and is not one: "given up" (services that stayed
-  // away too long), "refused replays" (made on the next connection), "not restored" (notices that came when the network
-  // callback was gone), "dead events" (whose service died before their status), "refused notices" (by the device).
+  // "calls", "events", "replays" (complete ones, after a death of the delegate service), "links" (brought up again);
+  // notices that were "owed", left "open" by a death, or "withheld"; and what may look like a loss and is not one:
+  // "given up" (services that stayed away too long), "refused replays" (made on the next connection), "not restored"
+  // (notices that came when the network callback was gone), "dead events" (whose service died before their status),
+  // "refused notices" (by the device).
   std::map<std::string, std::int64_t> counts;
   std::vector<std::string> complaints;  // each with the client, what is wrong, and about which registration or call
 };
@@ -30,6 +31,9 @@ struct Findings {
 //    first, in the order in which they were first made; one that is refused is made again with the next process only
 //  - a network callback is never made again by itself
 //  - a service is given up on when it has been away for 300 s, and nothing comes of it from then on
+//  - a link is up, away, and up again in the next epoch, or given up; it is away for each death and for nothing else,
+//    comes up before what the new process tells, and has the numbers of registrations that the device has. It says
+//    that the network was lost when the connectivity service died with a registration in force
 //  - an event that is taken has one status, and none when its service died first
 Findings check(std::vector<Record> device, const std::map<std::string, std::vector<Record>>& clients);
 

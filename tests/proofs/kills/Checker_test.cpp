@@ -35,11 +35,14 @@ class History {
   void make(Time ms, const std::string& service, const std::string& key, int process) {
     insert({ms, "made", service, key, "client", process, true});
   }
-  // Removes the first record of that kind, number and value.
+  void link(Time ms, const std::string& service, const std::string& state, const std::string& numbers) {
+    insert({ms, "link", service, state, numbers});
+  }
+  // Removes the first record of that kind, number and value; of a link, of the service and its state.
   Record drop(const std::string& what, int id, const std::string& value = "") {
     std::vector<Record>& all = recordsWith(what);
     const auto is_it = [&](const Record& it) {
-      return it.what == what && it.id == id && (value.empty() || it.value == value);
+      return it.what == what && it.id == id && (value.empty() || it.value == value || it.who + " " + it.key == value);
     };
     const auto found = std::find_if(all.begin(), all.end(), is_it);
     Record dropped = *found;
@@ -68,6 +71,9 @@ class History {
   std::vector<Record> m_device;
   std::vector<Record> m_client;
 };
+
+const std::string kAway = std::string(kDelegate) + " away";
+const std::string kUp = std::string(kDelegate) + " up";
 
 struct Fault {
   const char* name;
@@ -110,6 +116,26 @@ const Fault kFaults[] = {
      "name was made twice on one connection"},
     {"NotReplayed", [](History& it) { it.drop("made", 103), it.drop("act", 0, "4"), it.drop("notice", 2, "4"); },
      "setting:kill was not made again"},
+    {"UpWithoutAway", [](History& it) { it.drop("link", 0, kAway); },
+     "orvel_delegate was told to be up after being up"},
+    {"UpUntold", [](History& it) { it.drop("link", 0, "orvel_delegate up"), it.drop("link", 0, kUp); },
+     "orvel_delegate was told to be away after being stopped"},
+    {"DeathUntold", [](History& it) { for (const char* state : {" away", " up", " up"})
+                                        it.drop("link", 0, std::string(kEvents) + state);
+                                      it.link(15, kEvents, "up", "1 0 0 0"); },
+     "was not told to be away when it had died"},
+    {"DeathInvented", [](History& it) { it.link(7000, kEvents, "away", "2 0 0 0");
+                                        it.link(7001, kEvents, "up", "3 0 0 0"); },
+     "was told to be away though nothing had killed it"},
+    {"EpochSkipped", [](History& it) { it.drop("link", 0, kUp), it.link(15, kDelegate, "up", "2 0 0 0"); },
+     "orvel_delegate was told to be up in epoch 2 after 0"},
+    {"NumbersInvented", [](History& it) { it.drop("link", 0, "3 3 3 0"), it.link(2041, kDelegate, "up", "3 3 2 1"); },
+     "link has the numbers 3 3 2 1 and not those of the device"},
+    {"UpTooLate", [](History& it) { it.drop("link", 0, "2 3 2 1"), it.link(1103, kDelegate, "up", "2 3 2 1"); },
+     "orvel_delegate told kill 3 before its link was up"},
+    {"NetworkLossUntold", [](History& it) { it.drop("link", 0, kConnectivity + std::string(" away")),
+                                            it.link(3003, kConnectivity, "away", "1 0 0 0"); },
+     "did not say that the network was lost"},
     {"ReplayedInAnotherOrder", [](History& it) { it.move(2037, "made", 103); }, "made again in another order"},
 };
 // clang-format on
@@ -128,6 +154,7 @@ TEST(KillChecker, PassesASoundHistoryAndCountsWhatItAllowed) {
   for (const char* once : {"given up", "refused replays", "not restored", "dead events", "refused notices"})
     EXPECT_EQ(findings.counts[once], 1) << once;
   EXPECT_EQ(findings.counts["replays"], 2);
+  EXPECT_EQ(findings.counts["links"], 4);
   EXPECT_EQ(findings.counts["owed"], 14);
 }
 

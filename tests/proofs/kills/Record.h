@@ -10,6 +10,8 @@
 //     notice id key value   a registration is told something
 //     result id value       the status of the event that the call sent
 //     died, bound, rebound, gaveup who      as the library's log says
+//     link who key value ok the link to service `who` was told to be `key`; `value` is its epoch and the numbers of
+//                           registrations held, restored and refused; ok where it says that the network was lost
 //     obeyed id             all is registered for, and that many orders are carried out
 //     ending                the client begins to stop: what it is still owed then may stay out
 //

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iostream>
@@ -123,6 +124,12 @@ int run(const std::string& nspace) {
   __android_log_set_logger(learn);
   note({0, "begin", {}, std::to_string(ORVEL_CLOCK_SPEED), std::to_string(getpid())});
   Client& client = Client::getClient();
+  const auto links = client.subscribeLink([](const service_apis::Link& link) {
+    const std::string numbers = std::to_string(link.epoch) + ' ' + std::to_string(link.held) + ' ' +
+                                std::to_string(link.restored) + ' ' + std::to_string(link.refused);
+    note({0, "link", test::kServices.at(static_cast<std::size_t>(link.service)), service_apis::nameOf(link.state),
+          numbers, 0, link.network_lost});
+  });
   if (!client.initialize()) return 1;
   subscribeToAll(client, nspace);
   obey(client, "network");

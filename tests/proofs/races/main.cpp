@@ -37,6 +37,7 @@ namespace {
 
 using namespace orvel::test;  // NOLINT(google-build-using-namespace)
 using Random = std::mt19937_64;
+using orvel::service_apis::Subscription;
 
 // Registrations are for ever, and each death renews them all.
 constexpr long kCallsPerRound = 5000;
@@ -287,6 +288,23 @@ const struct Exit {
        g_device->m_vesk.hold_binds(kServices[kMetrics]);
        std::thread([] { Client::getClient().initialize(); }).detach();
        while (g_device->m_vesk.bindings().size() < kMetrics) std::this_thread::yield();
+     }},
+    {"exit-with-static-subscriptions",
+     [] {
+       static Subscription ends_after_the_client;
+       start_client();
+       static Subscription ends_before_the_client = Client::getClient().subscribeTimeSync([](long long, long long) {});
+       ends_after_the_client = Client::getClient().subscribeScreenStateChange([](bool) {});
+       static const Subscription links = Client::getClient().subscribeLink([](const auto&) {});
+     }},
+    {"exit-in-the-callback-of-a-static-subscription",
+     [] {
+       static Subscription own;
+       start_client();
+       static const Subscription links = Client::getClient().subscribeLink([](const auto&) {});
+       own = Client::getClient().subscribeTimeSync([](long long, long long) { std::exit(kExitStatus); });
+       g_device->m_vesk.send(g_device->registrations().back().endpoints.front(), 1, broadcast("any", ""));
+       for (;;) pause();
      }},
     {"exit-with-static-objects-that-use-the-client",
      [] {

@@ -22,9 +22,9 @@ inline std::string published_name(const std::string& nspace) {
   return "sim_broker_service_" + nspace + "_vesk_endpoint";
 }
 
-// The table of the public methods without those whose second request depends on an answer, and behind it what only
-// orders of events need: starting and stopping, an end of the network notifications by itself, and last a row of
-// registerForDirective for each of kNamespaces.
+// The table of the public methods without those whose second request depends on an answer or whose callback may end,
+// and behind it what only orders of events need: starting and stopping, an end of the network notifications by itself,
+// and last a row of registerForDirective for each of kNamespaces.
 const std::vector<Method>& methods();
 const Method& method_at(int row);
 int row_of(const std::string& name);

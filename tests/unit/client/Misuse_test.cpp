@@ -1,5 +1,5 @@
-// What a client must not do, or does at the worst moment: it gets a clear answer, and nothing hangs, leaks or goes wrong
-// later.
+// What a client must not do, or does at the worst moment: it gets a clear answer, and nothing hangs, leaks or goes
+// wrong later.
 #include <unistd.h>
 
 #include <atomic>
@@ -174,9 +174,7 @@ TEST_F(Misuse, EmptyCallbacksAndNamespacesInUseAreSaidAtOnce) {
       [&] { return bool(m_client.subscribeBroadcast("a", {}, {}, {})); },
       [&] { return bool(m_client.subscribeDirective("N", {})); },
       [&] { return bool(m_client.subscribeLink({})); },
-      [&] {
-        return m_client.send({}, {});
-      },
+      [&] { return m_client.send({}, {}); },
   };
   for (const auto& call : calls) {
     const auto [made, status] = checked(call);
