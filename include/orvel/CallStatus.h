@@ -30,12 +30,12 @@ struct CallStatus {
     kFailed,           ///< all else; `error` is the message library's, a negated errno value
   };
 
-  Code code = Code::kOk;               ///< the kind; the first failure of a method that makes several calls
-  std::optional<Service> service;      ///< the service that the method asks; none for a method that asks none
-  const char* method = "";             ///< the public method; empty before the first call
-  int error = 0;                       ///< the code of the exception or of the message library; 0 for neither
-  std::string text = "ok";             ///< the reason as a person reads it, the exception's own text; never empty
-  std::uint64_t epoch = 0;             ///< the service's newest connection, as in Link
+  Code code = Code::kOk;                 ///< the kind; the first failure of a method that makes several calls
+  std::optional<Service> service;        ///< the service that the method asks; none for a method that asks none
+  const char* method = "";               ///< the public method; empty before the first call
+  int error = 0;                         ///< the code of the exception or of the message library; 0 for neither
+  std::string text = "ok";               ///< the reason as a person reads it, the exception's own text; never empty
+  std::uint64_t epoch = 0;               ///< the service's newest connection, as in Link
   LinkState link = LinkState::kStopped;  ///< how the client stood with the service
 
   /// True when the call has succeeded.

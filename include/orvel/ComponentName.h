@@ -23,6 +23,13 @@ struct ORVEL_API ComponentName {
   static ComponentName read(vesk_buffer* buffer);
   /// True when everything was written.
   bool write(vesk_payload* payload) const;
+
+  /// True when both parts are equal.
+  friend bool operator==(const ComponentName& a, const ComponentName& b) {
+    return a.package_name == b.package_name && a.class_name == b.class_name;
+  }
+  /// The opposite.
+  friend bool operator!=(const ComponentName& a, const ComponentName& b) { return !(a == b); }
 };
 
 }  // namespace orvel::service_apis

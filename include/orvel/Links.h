@@ -35,16 +35,16 @@ constexpr const char* nameOf(LinkState state) {
 
 /// How the client stood with a service at one moment. A plain value.
 struct Link {
-  Service service = Service::kDelegate;    ///< the service
-  LinkState state = LinkState::kStopped;   ///< how the client stands with it
-  std::uint64_t epoch = 0;                 ///< its newest connection, dead or not; the process's first has 1
-  std::size_t held = 0;                    ///< the registrations that the client keeps for it; a state takes two
-  std::size_t restored = 0;                ///< of these, what the service took again when the epoch began ...
-  std::size_t refused = 0;                 ///< ... and what it did not take; that is tried again in the next epoch
+  Service service = Service::kDelegate;   ///< the service
+  LinkState state = LinkState::kStopped;  ///< how the client stands with it
+  std::uint64_t epoch = 0;                ///< its newest connection, dead or not; the process's first has 1
+  std::size_t held = 0;                   ///< the registrations that the client keeps for it; a state takes two
+  std::size_t restored = 0;               ///< of these, what the service took again when the epoch began ...
+  std::size_t refused = 0;                ///< ... and what it did not take; that is tried again in the next epoch
   /// Whether the subscription to the network ended with the service, for which it is not made again: only of
   /// Service::kConnectivity, and until the client registers anew.
   bool network_lost = false;
-  const char* cause = "";                        ///< why it is not up, "the service has died"; empty when it is up
+  const char* cause = "";                       ///< why it is not up, "the service has died"; empty when it is up
   std::chrono::steady_clock::time_point since;  ///< when the state began
 };
 

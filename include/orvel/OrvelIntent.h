@@ -31,6 +31,14 @@ struct ORVEL_API OrvelIntent {
   static OrvelIntent read(vesk_buffer* buffer);
   /// True when everything was written.
   bool write(vesk_payload* payload) const;
+
+  /// True when all members are equal.
+  friend bool operator==(const OrvelIntent& a, const OrvelIntent& b) {
+    return a.action == b.action && a.data == b.data && a.text3 == b.text3 && a.package == b.package &&
+           a.component == b.component && a.extras == b.extras && a.categories == b.categories && a.flags == b.flags;
+  }
+  /// The opposite.
+  friend bool operator!=(const OrvelIntent& a, const OrvelIntent& b) { return !(a == b); }
 };
 
 }  // namespace orvel::service_apis

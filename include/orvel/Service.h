@@ -21,8 +21,8 @@ enum class Service : std::uint8_t {
 };
 
 /// All of them, in the order in which initialize() binds them.
-constexpr std::array<Service, 8> kAllServices = {Service::kDelegate,    Service::kPower,    Service::kEvents,
-                                                 Service::kCoordinator, Service::kActivity, Service::kMetrics,
+constexpr std::array<Service, 8> kAllServices = {Service::kDelegate,    Service::kPower,       Service::kEvents,
+                                                 Service::kCoordinator, Service::kActivity,    Service::kMetrics,
                                                  Service::kPackages,    Service::kConnectivity};
 
 /// The word for a service, "delegate", which is that of `orvel-sim` and of the test kit.

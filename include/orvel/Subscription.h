@@ -21,7 +21,8 @@ class Callback;
 /// An ended subscription is not made again when its service is back. The service is not told: what it still sends is
 /// dropped in this process. What waits for an executor is dropped, too.
 ///
-/// One deadlock is left: do not destroy it while you hold a lock that the callback takes.
+/// Two deadlocks are left: do not destroy it while you hold a lock that the callback takes, and let no two callbacks that
+/// run at the same time, on two threads, end each other.
 ///
 /// May outlive shutdown() and the client, and may be destroyed at any time, in exit handlers too. Threads: any, one at a
 /// time.

@@ -93,7 +93,7 @@ std::unique_ptr<vesk::IpcHandle> Binder::find() {
 bool Binder::install(std::unique_ptr<vesk::IpcHandle> handle) {
   const char* const name = m_service_name.c_str();
   std::unique_ptr<vesk::IpcHandle> unwatched;  // Outlives the lock: its destructor calls libvesk.
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const std::lock_guard<waiting::Mutex> lock(m_mutex);
   // Under the lock, for which on_binder_died() waits: a notice may come while this is a thread beside the run loop.
   if (!handle->set_death_listener([this] { on_binder_died(); })) {
     s_binder_logger.e("%s:Failed to register death callback, service (%s) has likely died", kBind, name);
@@ -129,7 +129,7 @@ void Binder::on_binder_died() {
   const char* const name = m_service_name.c_str();
   {
     std::unique_ptr<vesk::IpcHandle> dead;  // Outlives the lock: its destructor calls libvesk.
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<waiting::Mutex> lock(m_mutex);
     dead = std::move(m_handle);
     m_link.died();
     s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);
@@ -154,9 +154,9 @@ Binder::Reply Binder::call(const char* descriptor, unsigned int code, const Requ
 std::optional<Binder::Reply> Binder::call_if_bound(const char* descriptor, unsigned int code,
                                                    const RequestWriter& writer, Connection required_connection) {
   Reply reply(m_transaction);
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const std::lock_guard<waiting::Mutex> lock(m_mutex);
   if (!m_handle) {
-    CallRecord::fail_unbound(m_link.get());
+    CallRecord::fail_unbound(m_link);
     return std::nullopt;
   }
   if (required_connection != kNoConnection && required_connection != m_connection) return std::nullopt;
@@ -206,14 +206,23 @@ vesk_buffer* Binder::send(const char* descriptor, unsigned int code, const Reque
 }
 
 Binder::Reply::~Reply() {
-  if (m_buffer && m_binder && vesk_buffer_last_error(m_buffer) != 0) {
-    CallRecord::fail(CallStatus::Code::kCutReply, "the reply of the service ended too early");
-  }
+  note_whether_cut();
   if (m_binder) m_binder->done();
 }
 
+void Binder::Reply::keep() {
+  note_whether_cut();
+  m_binder = nullptr;
+}
+
+void Binder::Reply::note_whether_cut() const {
+  if (m_buffer && m_binder && vesk_buffer_last_error(m_buffer) != 0) {
+    CallRecord::fail(CallStatus::Code::kCutReply, "the reply of the service ended too early");
+  }
+}
+
 void Binder::done() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const std::lock_guard<waiting::Mutex> lock(m_mutex);
   vesk_reply_done(m_runtime, m_buffer);
   free_messages();
 }
@@ -224,8 +233,8 @@ void Binder::free_messages() {
 }
 
 bool Binder::good() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  if (!m_handle) CallRecord::fail_unbound(m_link.get());
+  const std::lock_guard<waiting::Mutex> lock(m_mutex);
+  if (!m_handle) CallRecord::fail_unbound(m_link);
   return m_handle != nullptr;
 }
 

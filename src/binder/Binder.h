@@ -16,6 +16,7 @@
 #include "binder/IpcHandle.h"
 #include "binder/LinkBoard.h"
 #include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
 #include "vesk/vesk.h"
 
 namespace orvel::service_apis {
@@ -135,8 +136,8 @@ class Binder {
   vesk_buffer* send(const char* descriptor, unsigned int code, const RequestWriter& writer) ORVEL_REQUIRES(m_mutex);
   void free_messages() ORVEL_REQUIRES(m_mutex);
 
-  std::mutex m_transaction;
-  std::mutex m_mutex;
+  waiting::Mutex m_transaction;
+  waiting::Mutex m_mutex;
   void* const m_runtime;
   const std::string m_service_name;
   const bool m_is_android_service;
@@ -170,15 +171,16 @@ class Binder::Reply {
   [[nodiscard]] Connection connection() const { return m_connection; }
 
   // Leaves the request and the reply to the Binder, whose next call forgets them.
-  void keep() { m_binder = nullptr; }
+  void keep();
 
  private:
   friend class Binder;
   Reply() = default;
-  explicit Reply(std::mutex& transaction) : m_lock(transaction) {}
+  explicit Reply(waiting::Mutex& transaction) : m_lock(transaction) {}
+  void note_whether_cut() const;
 
   Disposal m_disposal;  // First: the endpoints that end with the request are disposed of when the lock is free.
-  std::unique_lock<std::mutex> m_lock;
+  std::unique_lock<waiting::Mutex> m_lock;
   Binder* m_binder = nullptr;  // whose done() is due
   vesk_buffer* m_buffer = nullptr;
   Connection m_connection = kNoConnection;

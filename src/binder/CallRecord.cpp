@@ -12,18 +12,25 @@ namespace orvel::service_apis {
 namespace {
 
 thread_local CallRecord* t_outermost = nullptr;
-thread_local bool t_ended = false;
+thread_local CallRecord::Outcome t_last;
+thread_local bool t_text_is_gone = false;
 
-// A thread may call the client in a destructor of a thread-local object of its own, when this one is gone.
-struct LastCall {
-  CallStatus status;
-  ~LastCall() { t_ended = true; }
+// The text of t_last, if that is a failure. A thread may call the client in the destructor of a thread-local object of
+// its own, when this one is gone: then the text is that of the code.
+struct LastText {
+  std::string text;
+  ~LastText() { t_text_is_gone = true; }
 };
 
-// Null in a thread that ends.
-CallStatus* last_call() {
-  thread_local LastCall last;
-  return t_ended ? nullptr : &last.status;
+std::string* last_text() {
+  thread_local LastText last;
+  return t_text_is_gone ? nullptr : &last.text;
+}
+
+void set_last(const CallRecord::Outcome& outcome, std::string&& text) {
+  t_last = outcome;
+  if (outcome.code == CallStatus::Code::kOk) return;
+  if (std::string* last = last_text()) *last = std::move(text);
 }
 
 CallStatus::Code code_of(int error) {
@@ -59,9 +66,9 @@ std::string text_of(CallStatus::Code code, int error) {
 }  // namespace
 
 const char* nameOf(CallStatus::Code code) {
-  constexpr std::array<const char*, 10> kNames = {"ok",        "not initialised", "not bound", "died",
-                                                  "timed out", "exception",       "cut reply", "refused",
-                                                  "invalid argument", "failed"};
+  constexpr std::array<const char*, 10> kNames = {
+      "ok",        "not initialised", "not bound",        "died",  "timed out", "exception",
+      "cut reply", "refused",         "invalid argument", "failed"};
   return kNames.at(static_cast<std::size_t>(code));
 }
 
@@ -71,64 +78,71 @@ CallStatus lastCall() {
 
 CallRecord::CallRecord(const char* method, std::optional<Service> service) : m_outer(t_outermost) {
   if (m_outer) return;
-  m_status.method = method;
-  m_status.service = service;
+  m_outcome.method = method;
+  m_outcome.service = service;
   t_outermost = this;
 }
 
 CallRecord::~CallRecord() {
   if (m_outer) return;
   t_outermost = nullptr;
-  if (m_status.service && m_status.code != CallStatus::Code::kNotBound) {
-    const LinkRecord& link = LinkBoard::instance().record(*m_status.service);
-    m_status.epoch = link.epoch();
-    m_status.link = link.state();
+  if (m_outcome.service && m_outcome.code != CallStatus::Code::kNotBound) {
+    const LinkRecord& link = LinkBoard::instance().record(*m_outcome.service);
+    m_outcome.epoch = link.epoch();
+    m_outcome.link = link.state();
   }
-  if (CallStatus* last = last_call()) *last = std::move(m_status);
+  set_last(m_outcome, std::move(m_text));
 }
 
 void CallRecord::fail(CallStatus::Code code, std::string text, int error) {
-  if (!t_outermost || !t_outermost->m_status) return;
-  CallStatus& status = t_outermost->m_status;
-  status.code = code;
-  status.error = error;
-  status.text = std::move(text);
+  if (!t_outermost || t_outermost->m_outcome.code != CallStatus::Code::kOk) return;
+  t_outermost->m_outcome.code = code;
+  t_outermost->m_outcome.error = error;
+  t_outermost->m_text = std::move(text);
 }
 
-void CallRecord::fail_unbound(const Link& link) {
-  if (!t_outermost || !t_outermost->m_status) return;
-  const std::string cause = *link.cause == '\0' ? "" : std::string(": ") + link.cause;
-  fail(CallStatus::Code::kNotBound, "the service is not bound (" + std::string(nameOf(link.state)) + cause + ")");
-  t_outermost->m_status.link = link.state;
-  t_outermost->m_status.epoch = link.epoch;
+void CallRecord::fail_unbound(const LinkRecord& link) {
+  if (!t_outermost || t_outermost->m_outcome.code != CallStatus::Code::kOk) return;
+  const Link now = link.get();
+  const std::string cause = *now.cause == '\0' ? "" : std::string(": ") + now.cause;
+  fail(CallStatus::Code::kNotBound, "the service is not bound (" + std::string(nameOf(now.state)) + cause + ")");
+  t_outermost->m_outcome.link = now.state;
+  t_outermost->m_outcome.epoch = now.epoch;
 }
 
 void CallRecord::fail_with(int error) {
-  if (!t_outermost || !t_outermost->m_status) return;
   const CallStatus::Code code = code_of(error);
   fail(code, text_of(code, error), error);
 }
 
 void CallRecord::take_back(const char* text) {
-  if (!t_outermost || t_outermost->m_status.text != text) return;
-  CallStatus& status = t_outermost->m_status;
-  status.code = CallStatus::Code::kOk;
-  status.error = 0;
-  status.text = "ok";
+  if (!t_outermost || t_outermost->m_text != text) return;
+  t_outermost->m_outcome.code = CallStatus::Code::kOk;
+  t_outermost->m_outcome.error = 0;
 }
 
 CallStatus CallRecord::last() {
-  const CallStatus* const last = last_call();
-  return last ? *last : CallStatus();
+  CallStatus status;
+  status.code = t_last.code;
+  status.service = t_last.service;
+  status.method = t_last.method;
+  status.error = t_last.error;
+  status.epoch = t_last.epoch;
+  status.link = t_last.link;
+  if (status) return status;
+  const std::string* const text = last_text();
+  status.text = text ? *text : nameOf(status.code);
+  return status;
 }
 
-UserCode::UserCode() : m_outer(std::exchange(t_outermost, nullptr)) {
-  if (CallStatus* last = last_call()) m_last = std::exchange(*last, {});
+UserCode::UserCode() : m_outer(std::exchange(t_outermost, nullptr)), m_last(std::exchange(t_last, {})) {
+  if (m_last.code == CallStatus::Code::kOk) return;
+  if (std::string* text = last_text()) m_last_text = std::move(*text);
 }
 
 UserCode::~UserCode() {
   t_outermost = m_outer;
-  if (CallStatus* last = last_call()) *last = std::move(m_last);
+  set_last(m_last, std::move(m_last_text));
 }
 
 }  // namespace orvel::service_apis

@@ -1,6 +1,7 @@
 // Why the call of a public method failed.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -8,6 +9,8 @@
 #include "orvel/Service.h"
 
 namespace orvel::service_apis {
+
+class LinkRecord;
 
 // Keeps the status of one call of a public method, from its entry to its exit, where it becomes its thread's last call.
 // On the stack of that call. A public method that calls another is one call: the outermost record counts.
@@ -24,7 +27,7 @@ class CallRecord {
   static void fail(CallStatus::Code code, std::string text, int error = 0);
 
   // The same, with the link that the service had then.
-  static void fail_unbound(const Link& link);
+  static void fail_unbound(const LinkRecord& link);
 
   // The same for a call to a service that libvesk has failed with `error`.
   static void fail_with(int error);
@@ -35,8 +38,19 @@ class CallRecord {
   // The last call of this thread.
   static CallStatus last();
 
+  // A status but for its text, so that a call that succeeds writes a few words and no more.
+  struct Outcome {
+    const char* method = "";
+    std::uint64_t epoch = 0;
+    int error = 0;
+    CallStatus::Code code = CallStatus::Code::kOk;
+    LinkState link = LinkState::kStopped;
+    std::optional<Service> service;
+  };
+
  private:
-  CallStatus m_status;
+  Outcome m_outcome;
+  std::string m_text;  // of a failure
   CallRecord* const m_outer;
 };
 
@@ -50,7 +64,8 @@ class UserCode {
 
  private:
   CallRecord* const m_outer;
-  CallStatus m_last;
+  const CallRecord::Outcome m_last;
+  std::string m_last_text;  // of a failure
 };
 
 }  // namespace orvel::service_apis

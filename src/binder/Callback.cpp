@@ -1,6 +1,7 @@
 #include "binder/Callback.h"
 
 #include <exception>
+#include <thread>
 
 #include "binder/LinkBoard.h"
 #include "binder/OrvelLogger.h"
@@ -48,7 +49,7 @@ void Callback::end() {
   }
   for (const auto& hook : hooks) hook();
   const bool inside = m_gate.inside();
-  m_ended_inside = inside;
+  if (inside) m_ended_by = std::this_thread::get_id();
   m_gate.wait();
   if (!inside) drop_function();
 }
@@ -72,7 +73,8 @@ Callback::Running::Running(Callback& callback) : m_callback(callback) {
 Callback::Running::~Running() {
   if (!m_function) return;
   if (m_callback.m_life) --t_until_shutdown;
-  const bool last = m_callback.m_ended_inside && m_entry->is_outermost();
+  // Another thread may be inside too, where an executor has several.
+  const bool last = m_callback.m_ended_by == std::this_thread::get_id() && m_entry->is_outermost();
   m_entry.reset();
   if (last) m_callback.drop_function();
 }
@@ -102,6 +104,8 @@ void Callback::post(const Executor& executor, std::function<void()> body) const 
     executor(CallbackTask(m_method, std::move(body)));
   } catch (const std::exception& error) {
     s_logger.e("%s:The executor threw, and a callback of %s is lost: %s", __func__, m_method, error.what());
+  } catch (...) {
+    s_logger.e("%s:The executor threw, and a callback of %s is lost", __func__, m_method);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -85,7 +86,7 @@ class Callback {
   const std::shared_ptr<RunGate> m_life;  // null for one that lasts beyond
   RunGate m_gate;
   std::optional<DisposablePtr> m_function;
-  std::atomic<bool> m_ended_inside{false};  // the thread that is inside drops the function when it leaves
+  std::atomic<std::thread::id> m_ended_by{};  // a thread that is inside, and drops the function when it leaves
   std::mutex m_mutex;
   std::vector<std::function<void()>> m_hooks ORVEL_GUARDED_BY(m_mutex);
 };
@@ -103,7 +104,14 @@ class SharedCallback {
   // Calls the function here, or has the executor call it with copies of the values.
   template <typename... Values>
   void operator()(Values&&... values) const {
-    m_callback->wait_for_turn();
+    wait_for_turn();
+    now(std::forward<Values>(values)...);
+  }
+
+  // Its two halves, for a caller that takes a lock in between: the thread that is waited for may need it.
+  void wait_for_turn() const { m_callback->wait_for_turn(); }
+  template <typename... Values>
+  void now(Values&&... values) const {
     if (const auto executor = Callback::executor()) {
       m_callback->post(*executor, [callback = m_callback,
                                    kept = std::tuple<std::decay_t<Values>...>(std::forward<Values>(values)...)] {

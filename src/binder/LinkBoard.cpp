@@ -78,8 +78,8 @@ void LinkRecord::died() {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_is_bound = false;
-    if (m_network_holder) m_link.network_lost = true;
-    hold_network(nullptr);
+    if (m_network != 0) m_link.network_lost = true;
+    hold_network(0);
     change_to(LinkState::kAway, "the service has died");
   }
   LinkBoard::instance().wake_waiting();
@@ -97,34 +97,41 @@ void LinkRecord::stopped() {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_is_bound = false;
-    m_network_holder = nullptr;
+    m_network = 0;
     m_link.network_lost = false;
     m_link.held = 0;
+    ++m_life;
     change_to(LinkState::kStopped, "the client is not initialised");
   }
   LinkBoard::instance().wake_waiting();
 }
 
-void LinkRecord::hold(int change) {
+std::uint64_t LinkRecord::hold() {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_link.held += static_cast<std::size_t>(change);
+  ++m_link.held;
+  return m_life;
 }
 
-void LinkRecord::hold_network(const void* holder) {
-  if (m_network_holder) --m_link.held;
-  if (holder) ++m_link.held;
-  m_network_holder = holder;
+void LinkRecord::let_go(std::uint64_t life) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (life == m_life) --m_link.held;
 }
 
-void LinkRecord::network_taken(std::uint64_t epoch, const void* holder) {
+void LinkRecord::hold_network(std::uint64_t number) {
+  if (m_network != 0) --m_link.held;
+  if (number != 0) ++m_link.held;
+  m_network = number;
+}
+
+void LinkRecord::network_taken(std::uint64_t epoch, std::uint64_t number) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_link.network_lost = !m_is_bound || m_link.epoch != epoch;
-  hold_network(m_link.network_lost ? nullptr : holder);
+  hold_network(m_link.network_lost ? 0 : number);
 }
 
-void LinkRecord::network_ended(const void* holder) {
+void LinkRecord::network_ended(std::uint64_t number) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (holder == m_network_holder) hold_network(nullptr);
+  if (number == m_network) hold_network(0);
 }
 
 // ---- Those who want to know ----
@@ -140,7 +147,9 @@ class LinkBoard::Listener {
   void catch_up(LinkBoard& board) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const std::thread::id self = std::this_thread::get_id();
-    while (m_teller != std::thread::id() && m_teller != self && on_library_thread()) m_idle.wait(lock);
+    // Not in a callback, where two threads could wait for each other.
+    const bool waits = on_library_thread() && !RunGate::inside_one();
+    m_idle.wait(lock, [&] { return m_teller == std::thread::id() || m_teller == self || !waits; });
     if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
     m_teller = self;
     while (const std::optional<Link> link = next(board)) {
@@ -171,13 +180,15 @@ class LinkBoard::Listener {
       m_callback(link);
     } catch (const std::exception& error) {
       s_logger.e("%s:A callback for links threw: %s", __func__, error.what());
+    } catch (...) {
+      s_logger.e("%s:A callback for links threw", __func__);
     }
   }
 
   const std::optional<Service> m_service;
   const SharedCallback<LinkCallback> m_callback;
   std::mutex m_mutex;
-  std::condition_variable m_idle;
+  waiting::Condition m_idle;
   std::thread::id m_teller ORVEL_GUARDED_BY(m_mutex);
   std::array<std::optional<Link>, kAllServices.size()> m_told ORVEL_GUARDED_BY(m_mutex);
 };
@@ -196,6 +207,7 @@ LinkBoard::LinkBoard() {
 
 std::shared_ptr<Callback> LinkBoard::subscribe(std::optional<Service> service, LinkCallback callback) {
   const auto listener = std::make_shared<Listener>(service, std::move(callback));
+  listener->catch_up(*this);  // before other threads know it, so that it begins on this one
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_listeners.push_back(listener);
@@ -209,6 +221,7 @@ std::shared_ptr<Callback> LinkBoard::subscribe(std::optional<Service> service, L
 }
 
 void LinkBoard::tell() {
+  if (in_forked_child()) return;  // whose callbacks belong to the parent
   std::vector<std::shared_ptr<Listener>> listeners;
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -217,7 +230,7 @@ void LinkBoard::tell() {
   for (const auto& listener : listeners) listener->catch_up(*this);
 }
 
-bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
+LinkBoard::Waited LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) {
   const waiting::TimePoint start = waiting::now();
   waiting::Bell changed;
   {
@@ -226,9 +239,11 @@ bool LinkBoard::wait(const std::function<bool()>& wanted, std::chrono::nanosecon
   }
   bool goes_on = true;
   while (!wanted() && goes_on) goes_on = changed.wait(limit - (waiting::now() - start));
+  const bool is_late = waiting::now() - start >= limit;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &changed), m_waiting.end());
-  return wanted();
+  if (wanted()) return Waited::kWanted;
+  return is_late ? Waited::kLate : Waited::kInterrupted;
 }
 
 void LinkBoard::wake_waiting() {

@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -50,23 +49,26 @@ class LinkRecord {
   void given_up(const char* cause) ORVEL_EXCLUDES(m_mutex);
   void stopped() ORVEL_EXCLUDES(m_mutex);
 
-  // The number of registrations that the client keeps has changed by so much.
-  void hold(int change) ORVEL_EXCLUDES(m_mutex);
-  // The one registration that is not made again was taken in that epoch; `holder` tells it from others.
-  void network_taken(std::uint64_t epoch, const void* holder) ORVEL_EXCLUDES(m_mutex);
+  // The client keeps one more registration. Returns what let_go() takes.
+  std::uint64_t hold() ORVEL_EXCLUDES(m_mutex);
+  // It has ended. Does nothing when the client was stopped meanwhile, with which all have ended.
+  void let_go(std::uint64_t life) ORVEL_EXCLUDES(m_mutex);
+  // The one registration that is not made again was taken in that epoch; `number` tells it from all others.
+  void network_taken(std::uint64_t epoch, std::uint64_t number) ORVEL_EXCLUDES(m_mutex);
   // It was ended, unless another one took its place.
-  void network_ended(const void* holder) ORVEL_EXCLUDES(m_mutex);
+  void network_ended(std::uint64_t number) ORVEL_EXCLUDES(m_mutex);
 
  private:
   void change_to(LinkState state, const char* cause) ORVEL_REQUIRES(m_mutex);
-  void hold_network(const void* holder) ORVEL_REQUIRES(m_mutex);
+  void hold_network(std::uint64_t number) ORVEL_REQUIRES(m_mutex);
 
   mutable std::mutex m_mutex;
   Link m_link ORVEL_GUARDED_BY(m_mutex);
   bool m_is_bound ORVEL_GUARDED_BY(m_mutex) = false;
-  const void* m_network_holder ORVEL_GUARDED_BY(m_mutex) = nullptr;  // null while there is none
-  std::atomic<std::uint64_t> m_epoch{0};                   // that of m_link
-  std::atomic<LinkState> m_state{LinkState::kStopped};  // likewise
+  std::uint64_t m_life ORVEL_GUARDED_BY(m_mutex) = 0;     // from one stop to the next
+  std::uint64_t m_network ORVEL_GUARDED_BY(m_mutex) = 0;  // its number; 0 while there is none
+  std::atomic<std::uint64_t> m_epoch{0};                  // that of m_link
+  std::atomic<LinkState> m_state{LinkState::kStopped};    // likewise
 };
 
 // The links to all services. Lives as long as the process. Threads: any.
@@ -84,9 +86,10 @@ class LinkBoard {
   // leaves it to that one. Called under no lock.
   void tell() ORVEL_EXCLUDES(m_mutex);
 
-  // True as soon as `wanted` is; false when the limit has passed, and when a shutdown interrupts. `wanted` is asked
+  enum class Waited { kWanted, kLate, kInterrupted };
+  // Returns as soon as `wanted` is true, when the limit has passed, and when a shutdown interrupts. `wanted` is asked
   // again after each change.
-  bool wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
+  Waited wait(const std::function<bool()>& wanted, std::chrono::nanoseconds limit) ORVEL_EXCLUDES(m_mutex);
 
   // Exists while a thread beside the run loop's brings a service up. No notification is delivered meanwhile, so that
   // each comes after the link is told to be up.
@@ -112,7 +115,7 @@ class LinkBoard {
   std::vector<std::shared_ptr<Listener>> m_listeners ORVEL_GUARDED_BY(m_mutex);
   std::vector<waiting::Bell*> m_waiting ORVEL_GUARDED_BY(m_mutex);
   std::atomic<int> m_restoring{0};
-  std::condition_variable m_restored;
+  waiting::Condition m_restored;
 };
 
 }  // namespace orvel::service_apis

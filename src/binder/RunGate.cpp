@@ -1,7 +1,8 @@
 #include "binder/RunGate.h"
 
-#include <condition_variable>
 #include <mutex>
+
+#include "binder/Waiting.h"
 
 namespace orvel::service_apis {
 namespace {
@@ -11,7 +12,7 @@ thread_local RunGate::Entry* t_innermost = nullptr;
 // Of all gates, because a thread rarely waits at one. Never destroyed: gates are used in exit handlers too.
 struct Leaving {
   std::mutex mutex;
-  std::condition_variable left;
+  waiting::Condition left;
 };
 Leaving& leaving() {
   static Leaving& instance = *new Leaving;
@@ -37,7 +38,8 @@ bool RunGate::enter() {
 
 void RunGate::leave() {
   if ((m_state.fetch_sub(kOneEntry) & kClosed) == 0) return;
-  Leaving& state = leaving();  // which outlives this gate: the waiting thread may destroy that as soon as it sees the count
+  // It outlives this gate, which the waiting thread may destroy as soon as it sees the count.
+  Leaving& state = leaving();
   const std::lock_guard<std::mutex> lock(state.mutex);
   state.left.notify_all();
 }
@@ -47,6 +49,10 @@ void RunGate::wait() {
   Leaving& state = leaving();
   std::unique_lock<std::mutex> lock(state.mutex);
   state.left.wait(lock, [&] { return (m_state.load() & ~kClosed) == own; });
+}
+
+bool RunGate::inside_one() {
+  return t_innermost != nullptr;
 }
 
 unsigned RunGate::entries_of_this_thread() const {

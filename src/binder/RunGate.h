@@ -46,6 +46,8 @@ class RunGate {
 
   // True when this thread is inside.
   [[nodiscard]] bool inside() const { return entries_of_this_thread() > 0; }
+  // True when this thread is inside any gate.
+  static bool inside_one();
 
  private:
   static constexpr unsigned kClosed = 1;

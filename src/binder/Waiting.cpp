@@ -108,6 +108,22 @@ void Bell::ring() {
   state.raised.notify_all();
 }
 
+void Mutex::lock() {
+  m_mutex.lock();
+}
+
+void Mutex::unlock() {
+  m_mutex.unlock();
+}
+
+void Condition::wait(std::unique_lock<std::mutex>& lock) {
+  m_changed.wait(lock);
+}
+
+void Condition::notify_all() {
+  m_changed.notify_all();
+}
+
 // The machine's clock needs to know of no thread.
 Background::Background() = default;
 Background::~Background() = default;

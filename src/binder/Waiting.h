@@ -4,7 +4,11 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+
+#include "binder/ThreadAnnotations.h"
 
 namespace orvel::service_apis::waiting {
 
@@ -45,6 +49,41 @@ class Bell {
  private:
   struct State;
   const std::unique_ptr<State> m_state;
+};
+
+// A mutex that a thread may hold while it sleeps, waits for a bell or calls a service. With std::mutex a virtual clock
+// would stand still for ever: the thread that waits for the mutex looks busy, and the one that holds it waits for time.
+class ORVEL_CAPABILITY("mutex") Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock() ORVEL_ACQUIRE();
+  void unlock() ORVEL_RELEASE();
+
+ private:
+  std::mutex m_mutex;
+};
+
+// A condition that such a thread brings about, for the same reason.
+class Condition {
+ public:
+  Condition() = default;
+  Condition(const Condition&) = delete;
+  Condition& operator=(const Condition&) = delete;
+
+  template <typename Wanted>
+  void wait(std::unique_lock<std::mutex>& lock, Wanted wanted) {
+    while (!wanted()) wait(lock);
+  }
+  // Behind the change that makes the condition true.
+  void notify_all();
+
+ private:
+  void wait(std::unique_lock<std::mutex>& lock);
+
+  std::condition_variable m_changed;
 };
 
 // Announces a thread beside the run loop's, from before it is made until it ends: a virtual clock stands still while

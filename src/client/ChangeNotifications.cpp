@@ -61,30 +61,52 @@ bool register_for_time(IDelegateService& delegate, const TimeCallback& callback,
   return register_for(delegate, kTimeSync, TimeSyncListener(callback), ends);
 }
 
+// A callable, borrowed for a call: what has code of its own for each kind of callback is this small.
+template <typename Proxy>
+class Registering {
+ public:
+  template <typename Callable>
+  explicit Registering(const Callable& callable)
+      : m_callable(&callable),
+        m_call([](const void* called, Proxy& proxy) { return (*static_cast<const Callable*>(called))(proxy); }) {}
+
+  bool operator()(Proxy& proxy) const { return m_call(m_callable, proxy); }
+
+ private:
+  const void* m_callable;
+  bool (*m_call)(const void* callable, Proxy& proxy);
+};
+
+// True unless the function of a subscription is empty.
+bool is_callable(const char* method, bool has_target) {
+  if (has_target) return true;
+  s_client_logger.e("%s:The callback is empty", method);
+  CallRecord::fail(CallStatus::Code::kInvalidArgument, "the callback is empty");
+  return false;
+}
+
 // Makes a registration that lasts until shutdown(). `make` gets the proxy, the callback and null.
 template <typename Proxy, typename Function, typename Make>
 bool keep(ClientState& state, const char* method, Function function, Make make) {
-  return state.ask<Proxy>(method, [&](Proxy& proxy) {
+  const auto registering = [&](Proxy& proxy) {
     return make(proxy, SharedCallback<Function>(std::move(function), method), nullptr);
-  });
+  };
+  return state.ask<Proxy>(method, Registering<Proxy>(registering));
 }
 
 // Makes one that ends. `make` gets the proxy, the callback and what ends it. An empty function is refused.
 template <typename Proxy, typename Function, typename Make>
 Subscription subscribe(ClientState& state, const char* method, Function function, Make make) {
   const CallRecord record(method, Proxy::kService);
-  if (!function) {
-    s_client_logger.e("%s:The callback is empty", method);
-    CallRecord::fail(CallStatus::Code::kInvalidArgument, "the callback is empty");
-    return {};
-  }
+  if (!is_callable(method, static_cast<bool>(function))) return {};
   std::shared_ptr<Callback> made;
-  const bool taken = state.ask<Proxy>(method, [&](Proxy& proxy) {
+  const auto registering = [&](Proxy& proxy) {
     const SharedCallback<Function> callback(std::move(function), method);
     made = callback.shared();
     return make(proxy, callback, made);
-  });
-  return made ? Subscriptions::of(made, taken) : Subscription();
+  };
+  const bool taken = state.ask<Proxy>(method, Registering<Proxy>(registering));
+  return Subscriptions::of(made, taken);
 }
 
 // The registrations that have arguments, for both.

@@ -1,5 +1,6 @@
 #include "client/ClientState.h"
 
+#include <memory>
 #include <optional>
 
 #include "binder/Admission.h"
@@ -27,12 +28,15 @@ void ClientState::stop_for_good() {
   stop_runtime();
 }
 
+bool ClientState::refused_in_child(const char* method) {
+  if (!in_forked_child()) return false;
+  s_client_logger.e("%s:Called in the child of a fork", method);
+  CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
+  return true;
+}
+
 bool ClientState::refused(const char* method) const {
-  if (in_forked_child()) {
-    s_client_logger.e("%s:Called in the child of a fork", method);
-    CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
-    return true;
-  }
+  if (refused_in_child(method)) return true;
   if (!m_facade.held_by_this_thread()) return false;
   s_client_logger.e("%s:Called from the connectivity callback", method);
   CallRecord::fail(CallStatus::Code::kRefused, "called from the connectivity callback");
@@ -79,7 +83,7 @@ bool ClientState::initialize() {
   }
 
   const Disposal disposal;
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) {
     s_client_logger.i("%s:Already initialized", __func__);
@@ -118,8 +122,10 @@ bool ClientState::launch(void* runtime, Binder::Bind bind) {
     return false;
   }
   Callback::begin_life();
-  m_run_loop = start_library_thread("orvel-loop", [runtime] {
+  const auto begins = std::make_shared<std::optional<waiting::Background>>(std::in_place);
+  m_run_loop = start_library_thread("orvel-loop", [runtime, begins] {
     LinkBoard::instance().tell();  // what initialize() could not, under its locks
+    begins->reset();
     vesk_run_loop(runtime);
   });
   undo.state = nullptr;
@@ -150,7 +156,7 @@ void ClientState::shutdown() {
   const Disposal disposal;
   std::optional<Stopping> stopping(std::in_place);
   stop_runtime();  // Before m_lifecycle: initialize() may hold that lock in a call that hangs.
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const bool running = m_run_loop.joinable();
   if (running) {
     stop_runtime();  // for an initialize() that has succeeded since the first
@@ -186,15 +192,16 @@ bool ClientState::isNetworkConnected() {
 
 void ClientState::maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock) {
   const Disposal disposal;
+  callback.wait_for_turn();
   {
     const std::lock_guard<OwnedMutex> facade(m_facade);
     m_maro_connected = connected;
     if (under_lock && !Callback::executor()) {
-      callback(connected);
+      callback.now(connected);
       return;
     }
   }
-  callback(connected);
+  callback.now(connected);
 }
 
 }  // namespace orvel::service_apis

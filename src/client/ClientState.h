@@ -13,6 +13,7 @@
 #include "binder/Disposal.h"
 #include "binder/OrvelLogger.h"
 #include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
 #include "client/LibraryThreads.h"
 #include "client/OwnedMutex.h"
 #include "client/PendingEvents.h"
@@ -79,6 +80,9 @@ class ClientState {
   void maro_connectivity_changed(bool connected, const StateCallback& callback, bool under_lock)
       ORVEL_EXCLUDES(m_facade);
 
+  // True, with an error line, in the child of a fork.
+  static bool refused_in_child(const char* method);
+
   // The events whose outcome is not told yet.
   PendingEvents& events() { return m_events; }
 
@@ -127,7 +131,7 @@ class ClientState {
   void destroy() ORVEL_REQUIRES(m_facade);
   void destroy_proxies() ORVEL_REQUIRES(m_facade);
 
-  std::mutex m_lifecycle;
+  waiting::Mutex m_lifecycle;
   std::thread m_run_loop ORVEL_GUARDED_BY(m_lifecycle);  // joinable while initialised
 
   std::mutex m_runtime_mutex;

@@ -22,7 +22,8 @@ class ClientState;
 
 class DeviceNameListener {
  public:
-  explicit DeviceNameListener(SharedCallback<std::function<void(std::string)>> callback) : m_callback(std::move(callback)) {}
+  explicit DeviceNameListener(SharedCallback<std::function<void(std::string)>> callback)
+      : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
@@ -56,7 +57,8 @@ class MaroConnectivityListener {
 // Calls back once for every broadcast, even for one that names no package.
 class PackageListener {
  public:
-  explicit PackageListener(SharedCallback<std::function<void(std::string, std::string)>> callback) : m_callback(std::move(callback)) {}
+  explicit PackageListener(SharedCallback<std::function<void(std::string, std::string)>> callback)
+      : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:
@@ -65,7 +67,8 @@ class PackageListener {
 
 class TimeSyncListener {
  public:
-  explicit TimeSyncListener(SharedCallback<std::function<void(long long, long long)>> callback) : m_callback(std::move(callback)) {}
+  explicit TimeSyncListener(SharedCallback<std::function<void(long long, long long)>> callback)
+      : m_callback(std::move(callback)) {}
   void operator()(const std::string& action, const std::string& data, const Bundle& extras) const;
 
  private:

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "binder/ThreadAnnotations.h"
+#include "binder/Waiting.h"
 
 namespace orvel::service_apis {
 
@@ -26,7 +26,7 @@ class ORVEL_CAPABILITY("mutex") OwnedMutex {
   bool held_by_this_thread() const { return m_owner.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
  private:
-  std::mutex m_mutex;
+  waiting::Mutex m_mutex;
   std::atomic<std::thread::id> m_owner{};
 };
 

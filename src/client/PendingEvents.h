@@ -73,7 +73,7 @@ class PendingEvents {
   LibraryThreads& m_threads;
   std::mutex m_mutex;
   std::multimap<waiting::TimePoint, PendingEventPtr> m_deadlines ORVEL_GUARDED_BY(m_mutex);
-  bool m_is_watched ORVEL_GUARDED_BY(m_mutex) = false;  // by a thread, which ends when there is no deadline
+  bool m_is_watched ORVEL_GUARDED_BY(m_mutex) = false;        // by a thread, which ends when there is no deadline
   waiting::Bell* m_bell ORVEL_GUARDED_BY(m_mutex) = nullptr;  // of that thread
 };
 

@@ -14,6 +14,8 @@
 namespace orvel::service_apis {
 namespace {
 
+constexpr char kInterrupted[] = "shutdown() has interrupted";
+
 LinkRecord& link_to(Service service) {
   return LinkBoard::instance().record(service);
 }
@@ -39,13 +41,11 @@ std::string missing(const std::vector<Service>& services) {
   return text;
 }
 
-constexpr char kInterrupted[] = "shutdown() has interrupted";
-
 }  // namespace
 
 bool ClientState::launch_beside() {
   const Disposal disposal;
-  const std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  const std::lock_guard<waiting::Mutex> lifecycle(m_lifecycle);
   const std::lock_guard<OwnedMutex> facade(m_facade);
   if (m_initialized) return true;
   void* const runtime = runtime_for("start");
@@ -76,11 +76,12 @@ bool ClientState::start(const StartOptions& options) {
     return all_are(options.required, LinkState::kUp) || one_is(options.required, LinkState::kGivenUp) ||
            one_is(options.required, LinkState::kStopped);
   };
-  if (waits) LinkBoard::instance().wait(is_decided, options.deadline);
+  auto waited = LinkBoard::Waited::kWanted;
+  if (waits) waited = LinkBoard::instance().wait(is_decided, options.deadline);
   if (all_are(options.required, LinkState::kUp)) return true;
   const std::string still = missing(options.required);
   s_client_logger.e("%s:Not all required services are up: %s", __func__, still.c_str());
-  if (waiting::interrupted() || one_is(options.required, LinkState::kStopped)) {
+  if (waited == LinkBoard::Waited::kInterrupted || one_is(options.required, LinkState::kStopped)) {
     CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
   } else if (is_decided() || !waits) {
     CallRecord::fail(CallStatus::Code::kNotBound, still);
@@ -131,7 +132,11 @@ bool OrvelDelegateClient::start(const StartOptions& options) {
 }
 
 Link OrvelDelegateClient::state(Service service) const {
-  return link_to(service).get();
+  if (!in_forked_child()) return link_to(service).get();
+  Link none;  // its lock may be held by a thread that does not exist here
+  none.service = service;
+  none.cause = "this is the child of a fork";
+  return none;
 }
 
 Subscription OrvelDelegateClient::subscribeLink(Service service, LinkCallback callback) {
@@ -144,6 +149,7 @@ Subscription OrvelDelegateClient::subscribeLink(LinkCallback callback) {
 
 bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono::nanoseconds limit) const {
   const CallRecord record(__func__, service);
+  if (ClientState::refused_in_child(__func__)) return false;
   const auto is_there = [&] { return link_to(service).state() == state; };
   if (is_there()) return true;
   if (Callback::keeps_shutdown_waiting()) {
@@ -153,9 +159,9 @@ bool OrvelDelegateClient::waitFor(Service service, LinkState state, std::chrono:
   }
   const bool was_stopped = link_to(service).state() == LinkState::kStopped;
   const auto has_stopped = [&] { return !was_stopped && link_to(service).state() == LinkState::kStopped; };
-  LinkBoard::instance().wait([&] { return is_there() || has_stopped(); }, limit);
+  const auto waited = LinkBoard::instance().wait([&] { return is_there() || has_stopped(); }, limit);
   if (is_there()) return true;
-  if (waiting::interrupted() || has_stopped()) {
+  if (waited == LinkBoard::Waited::kInterrupted || has_stopped()) {
     CallRecord::fail(CallStatus::Code::kNotInitialised, kInterrupted);
   } else {
     CallRecord::fail(CallStatus::Code::kTimedOut, std::string("the link is ") + nameOf(link_to(service).state()));
@@ -169,6 +175,7 @@ bool OrvelDelegateClient::rebind(Service service) {
 
 void OrvelDelegateClient::setExecutor(Executor executor) {
   const CallRecord record(__func__);
+  if (ClientState::refused_in_child(__func__)) return;
   Callback::set_executor(std::move(executor));
 }
 

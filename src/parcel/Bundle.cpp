@@ -1,5 +1,6 @@
 #include "orvel/Bundle.h"
 
+#include <set>
 #include <utility>
 
 #include "parcel/BundleEntries.h"
@@ -34,6 +35,18 @@ bool Bundle::put(const std::string& key, std::string value) {
 
 std::size_t Bundle::size() const {
   return m_integers.size() + m_strings.size();
+}
+
+bool Bundle::contains(const std::string& key) const {
+  return m_integers.count(key) + m_longs.count(key) + m_strings.count(key) > 0;
+}
+
+std::vector<std::string> Bundle::keys() const {
+  std::set<std::string> keys;
+  for (const auto& entry : m_integers) keys.insert(entry.first);
+  for (const auto& entry : m_longs) keys.insert(entry.first);
+  for (const auto& entry : m_strings) keys.insert(entry.first);
+  return {keys.begin(), keys.end()};
 }
 
 Bundle Bundle::read(vesk_buffer* buffer) {

@@ -15,7 +15,9 @@ constexpr unsigned int kGetRunningAppProcesses = 2;
 }  // namespace
 
 IActivityManager::IActivityManager(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kActivityManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kActivityManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IActivityManager::getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes) {
   processes.clear();

@@ -1,5 +1,8 @@
 #include "services/IAndroidConnectivityManager.h"
 
+#include <atomic>
+#include <cstdint>
+
 #include "binder/LeakCheck.h"
 #include "binder/OrvelLogger.h"
 #include "services/ServiceNames.h"
@@ -16,6 +19,9 @@ enum Transaction : unsigned int {
   kUnregisterNetworkCallback = 5,
 };
 
+// Over all lives of the client, since subscriptions may end later than the life that they were made in.
+std::atomic<std::uint64_t> s_registrations{0};
+
 RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
   return [endpoint](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); };
 }
@@ -23,7 +29,9 @@ RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& e
 }  // namespace
 
 IAndroidConnectivityManager::IAndroidConnectivityManager(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kConnectivityManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kConnectivityManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::function<void(bool)>& callback,
                                                                  const std::shared_ptr<Callback>& ends) {
@@ -33,11 +41,13 @@ bool IAndroidConnectivityManager::registerDefaultNetworkCallback(const std::func
   const LeakCheckPause forgotten;
   // Deliberately not ended by done(): the request and the reply stay with the Binder, and its next call forgets them.
   Binder::Reply reply = m_binder.call(kDescriptor, kRegisterDefaultNetworkCallback, endpoint_alone(m_network_callback));
+  const bool taken = reply.get() != nullptr;
   LinkRecord& link = m_binder.link();
-  if (reply.get()) link.network_taken(m_binder.epoch_of(reply.connection()), m_network_callback.get());
-  if (ends) ends->at_end([&link, holder = m_network_callback.get()] { link.network_ended(holder); });
+  m_number = ++s_registrations;
+  if (taken) link.network_taken(m_binder.epoch_of(reply.connection()), m_number);
+  if (ends) ends->at_end([&link, number = m_number] { link.network_ended(number); });
   reply.keep();
-  return true;
+  return taken || !ends;
 }
 
 bool IAndroidConnectivityManager::unregisterNetworkCallback() {
@@ -48,7 +58,7 @@ bool IAndroidConnectivityManager::unregisterNetworkCallback() {
   }
   s_logger.d("%s:call unregisterNetworkCallback", __func__);
   static_cast<void>(m_binder.call(kDescriptor, kUnregisterNetworkCallback, endpoint_alone(m_network_callback)));
-  m_binder.link().network_ended(m_network_callback.get());
+  m_binder.link().network_ended(m_number);
   return true;
 }
 

@@ -1,6 +1,7 @@
 // The connectivity manager: notices of the device's default network.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -20,7 +21,7 @@ class IAndroidConnectivityManager {
 
   // True, even when the call failed; false when the service is not bound. Registers `callback`, in place of an earlier
   // one; what the link holds for this service counts it from then on, until its end, the service's death, or
-  // unregisterNetworkCallback(). `ends`, if there is one, is what ends it.
+  // unregisterNetworkCallback(). `ends`, if there is one, is what ends it; then false when the call failed, too.
   bool registerDefaultNetworkCallback(const std::function<void(bool)>& callback,
                                       const std::shared_ptr<Callback>& ends = nullptr);
 
@@ -33,6 +34,7 @@ class IAndroidConnectivityManager {
  private:
   Binder m_binder;
   vesk::EndpointPtr<NetworkCallbackEndpoint> m_network_callback;  // null until registered
+  std::uint64_t m_number = 0;                                     // of that registration
 };
 
 }  // namespace orvel::service_apis

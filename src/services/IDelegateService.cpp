@@ -119,8 +119,9 @@ IDelegateService::IDelegateService(void* runtime, Binder::Bind bind)
                                 filter.action.c_str(), filter.dataTypes, filter.dataSchemes, filter.callback,
                                 connection, filter.intent_callback) != kNoConnection;
                    }),
-      m_binder(runtime, service_names::kDelegate, /*is_android_service=*/false,
-               [this] { onBinderReconnectedCallback(); }, LinkBoard::instance().record(kService), bind) {}
+      m_binder(
+          runtime, service_names::kDelegate, /*is_android_service=*/false, [this] { onBinderReconnectedCallback(); },
+          LinkBoard::instance().record(kService), bind) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
   std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);
@@ -230,8 +231,7 @@ Connection IDelegateService::registerForBroadcastWithDataTypeOrSchemeInternal(
     StringArray::write(request, dataTypes);
     StringArray::write(request, dataSchemes);
   };
-  const auto endpoint =
-      vesk::make_endpoint<BroadcastReceiverEndpoint>(std::move(intent_callback), std::move(callback));
+  const auto endpoint = vesk::make_endpoint<BroadcastReceiverEndpoint>(std::move(intent_callback), std::move(callback));
   const auto taken_by = publish(m_binder, kRegisterForBroadcast, write, endpoint, required_connection);
   if (!taken_by) return kNoConnection;
   s_logger.i("%s:Registered to receive broadcasts for intent [%s] (result=%d)", __func__, action,

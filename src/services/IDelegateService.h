@@ -69,12 +69,9 @@ class IDelegateService {
   // empty key or action. With `required_connection`, it is made on that connection or not at all.
   Connection registerForSecureSettingsInternal(const char* key, SettingCallback callback,
                                                Connection required_connection = kNoConnection);
-  Connection registerForBroadcastWithDataTypeOrSchemeInternal(const char* action,
-                                                              const std::vector<std::string>& dataTypes,
-                                                              const std::vector<std::string>& dataSchemes,
-                                                              BroadcastCallback callback,
-                                                              Connection required_connection = kNoConnection,
-                                                              IntentCallback intent_callback = {});
+  Connection registerForBroadcastWithDataTypeOrSchemeInternal(
+      const char* action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& dataSchemes,
+      BroadcastCallback callback, Connection required_connection = kNoConnection, IntentCallback intent_callback = {});
 
   // True when the service answered. It does not say what became of the intent: an activity may not have been started.
   bool sendBroadcast(OrvelIntent intent);

@@ -19,7 +19,9 @@ constexpr unsigned int kGetPackages = 2;
 }  // namespace
 
 IOrvelPackageManager::IOrvelPackageManager(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kPackageManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kPackageManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IOrvelPackageManager::getPackages(std::vector<std::string>& packages) {
   packages.clear();

@@ -35,8 +35,9 @@ IOrvelSimDirectiveClient::IOrvelSimDirectiveClient(void* runtime, Binder::Bind b
                       [this](const DirectiveRegistration& registration, Connection) {
                         return registerForDirectiveInternal(registration.first, registration.second);
                       }),
-      m_binder(runtime, service_names::kCoordinator, /*is_android_service=*/true,
-               [this] { onOscReconnectedCallback(); }, LinkBoard::instance().record(kService), bind) {}
+      m_binder(
+          runtime, service_names::kCoordinator, /*is_android_service=*/true, [this] { onOscReconnectedCallback(); },
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IOrvelSimDirectiveClient::is_registered(const std::string& nspace) const {
   const auto known = m_namespaces.find(nspace);

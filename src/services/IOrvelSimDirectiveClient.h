@@ -1,9 +1,9 @@
 // Directives of the voice assistant, by namespace.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <utility>
 
 #include "binder/Binder.h"
@@ -48,7 +48,7 @@ class IOrvelSimDirectiveClient {
   using DirectiveRegistration = std::pair<std::string, DirectiveCallback>;
 
   void* const m_runtime;
-  std::unordered_map<std::string, std::shared_ptr<Callback>> m_namespaces;  // with what ends them, if anything does
+  std::map<std::string, std::shared_ptr<Callback>> m_namespaces;  // with what ends them, if anything does
   ReplayList<DirectiveRegistration> m_registrations;
   Binder m_binder;  // Last: what it calls back uses the rest.
 };

@@ -21,7 +21,9 @@ constexpr int kAccepted = 1;
 }  // namespace
 
 IOrvelSimEventClient::IOrvelSimEventClient(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kEvents, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kEvents, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService),
+          bind) {}
 
 bool IOrvelSimEventClient::sendEvent(const OrvelSimEventMetadata& metadata, const std::string& payload,
                                      EventStatusCallback callback) {

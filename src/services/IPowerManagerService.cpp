@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "binder/CallRecord.h"
 #include "binder/OrvelLogger.h"
 #include "parcel/Int32.h"
 #include "parcel/Int64.h"
@@ -36,7 +37,9 @@ Result value_or_unbound(const std::optional<Result>& result, Result failure, con
 }  // namespace
 
 IPowerManagerService::IPowerManagerService(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kPowerManager, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kPowerManager, /*is_android_service=*/false, [] {},
+          LinkBoard::instance().record(kService), bind) {}
 
 bool IPowerManagerService::isInteractive() {
   return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, no_arguments, Int32::read), 0, __func__) != 0;
@@ -64,6 +67,7 @@ bool IPowerManagerService::wakeUpDeviceCustom(int kind, long long duration_ms) {
 bool IPowerManagerService::acquirePartialWakeLock() {
   if (const int version = getVersion(); version < kFirstVersionWithCustomWakeUp) {
     s_logger.e("%s:wakeUpDeviceCustom() is not available in interface version %d", __func__, version);
+    CallRecord::fail(CallStatus::Code::kFailed, "the power manager is too old to keep the processor awake");
     return false;
   }
   return wakeUpDeviceCustom(kPartialWakeUp, kPartialWakeUpMs);

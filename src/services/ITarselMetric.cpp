@@ -21,7 +21,9 @@ enum Transaction : unsigned int {
 }  // namespace
 
 ITarselMetric::ITarselMetric(void* runtime, Binder::Bind bind)
-    : m_binder(runtime, service_names::kMetrics, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService), bind) {}
+    : m_binder(
+          runtime, service_names::kMetrics, /*is_android_service=*/false, [] {}, LinkBoard::instance().record(kService),
+          bind) {}
 
 bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
   bool written = false;

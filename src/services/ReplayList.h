@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
@@ -77,16 +78,17 @@ class ReplayList {
   void append(const EntryPtr& entry) {
     const std::lock_guard<std::mutex> lock(m_entries->mutex);
     const auto place = m_entries->list.insert(m_entries->list.end(), entry);
-    m_binder.link().hold(+1);
+    LinkRecord& link = m_binder.link();
+    const std::uint64_t life = link.hold();
     if (!entry->callback) return;
-    entry->callback->at_end([entries = std::weak_ptr<Entries>(m_entries), place, &link = m_binder.link()] {
+    entry->callback->at_end([entries = std::weak_ptr<Entries>(m_entries), place, &link, life] {
       const auto alive = entries.lock();
       if (!alive) return;
       EntryPtr ended;  // destroyed behind the lock
       const std::lock_guard<std::mutex> locked(alive->mutex);
       ended = std::move(*place);
       alive->list.erase(place);
-      link.hold(-1);
+      link.let_go(life);
     });
   }
 

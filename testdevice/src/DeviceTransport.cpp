@@ -49,6 +49,7 @@ int DeviceTransport::serve(const char* name, vesk_endpoint* endpoint) {
 int DeviceTransport::withdraw(const std::string& name) {
   if (m_services.erase(name) == 0) return -ENOENT;
   m_vesk.kill_service(name);
+  m_time.service_died(name);
   return 0;
 }
 
@@ -254,15 +255,11 @@ void DeviceTransport::loop_has_work(bool has) {
 }
 
 void DeviceTransport::step_begins() {
-  m_time.set_missed({});
+  VirtualTime::set_missed({});
 }
 
 void DeviceTransport::looked_up(const std::string& service, bool found) {
-  if (found) {
-    m_time.service_started(service);
-  } else if (vesk::inprocess::InprocessVesk::on_run_loop()) {
-    m_time.set_missed(service);
-  }
+  VirtualTime::set_missed(found ? std::string() : service);
 }
 
 void DeviceTransport::closed(std::uint32_t connection) {

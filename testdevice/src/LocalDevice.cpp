@@ -1,10 +1,14 @@
 #include "LocalDevice.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <exception>
+#include <iostream>
 #include <utility>
 
 #include "Records.h"
+#include "device/ServiceNames.h"
 #include "orvel/OrvelDelegateClient.h"
 
 namespace orvel::testing {
@@ -42,7 +46,17 @@ TestDevice::LocalDevice::LocalDevice(Json scenario)
 }
 
 TestDevice::LocalDevice::~LocalDevice() {
-  service_apis::OrvelDelegateClient::getClient().shutdown();
+  auto& client = service_apis::OrvelDelegateClient::getClient();
+  m_time.end_acts();
+  client.shutdown();                              // ends what an act waits for
+  if (m_time.wait_for_acts()) client.shutdown();  // in case it has initialised the client since
+  try {
+    if (const std::exception_ptr thrown = m_time.take_thrown()) std::rethrow_exception(thrown);
+  } catch (const std::exception& thrown) {
+    std::cerr << "TestDevice: an act threw: " << thrown.what() << std::endl;
+  } catch (...) {
+    std::cerr << "TestDevice: an act threw" << std::endl;
+  }
   perform([this] { stop(); });
   m_time.stop_device();
   m_thread.join();
@@ -68,6 +82,22 @@ Json TestDevice::LocalDevice::notify(const char* service, const Json& event) {
   Json answered;
   Device::event(sim::serviceCalled(service), event, [&](const Json& answer) { answered = answer; });
   return answered;
+}
+
+void TestDevice::LocalDevice::holdNamespace(const std::string& nspace) {
+  if (nspace.empty()) throw std::invalid_argument("the namespace is empty");
+  const std::string name = sim::holderName(nspace);
+  const std::vector<std::string> published = publishedNames();
+  if (std::find(published.begin(), published.end(), name) != published.end()) {
+    throw std::invalid_argument("the client has the namespace " + nspace + " itself");
+  }
+  if (!m_foreign.insert(nspace).second) throw std::invalid_argument(nspace + " is held already");
+  vesk.add_service(name);
+}
+
+void TestDevice::LocalDevice::releaseNamespace(const std::string& nspace) {
+  if (m_foreign.erase(nspace) == 0) throw std::invalid_argument("no other process has the namespace " + nspace);
+  vesk.kill_service(sim::holderName(nspace));
 }
 
 void TestDevice::LocalDevice::apply(void (Device::*act)(const sim::ServiceType&, const sim::Done&),

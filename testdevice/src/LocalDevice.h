@@ -7,10 +7,12 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "DeviceTransport.h"
@@ -84,6 +86,11 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
   VirtualTime& time() { return m_time; }
   [[nodiscard]] VirtualTime::Duration elapsed() const { return m_time.now() - m_start; }
 
+  // Any thread.
+  void actAt(VirtualTime::Duration elapsed, VirtualTime::Task act) {
+    m_time.add_act(m_start + elapsed, std::move(act));
+  }
+
   void record(sim::Json entry) override;
   void recordSoon(sim::Json entry) override { record(std::move(entry)); }
   sim::Json moment() override;
@@ -95,6 +102,9 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
 
   // The answer of the service called so.
   sim::Json notify(const char* service, const sim::Json& event);
+  // Another process takes the namespace, and ends.
+  void holdNamespace(const std::string& nspace);
+  void releaseNamespace(const std::string& nspace);
   // Kills or restarts the service called so.
   void apply(void (sim::Device::*act)(const sim::ServiceType&, const sim::Done&), const std::string& service);
 
@@ -102,7 +112,8 @@ class TestDevice::LocalDevice : private DeviceParts, public sim::Device {
   VirtualTime& m_time = VirtualTime::instance();
   const VirtualTime::TimePoint m_start = m_time.now();
   std::vector<sim::Json> m_traffic;
-  std::uint64_t m_sequence = 0;  // of the last call or notification
+  std::set<std::string> m_foreign;  // the namespaces that another process has
+  std::uint64_t m_sequence = 0;     // of the last call or notification
   std::thread m_thread;
 };
 

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <stdexcept>
 #include <vector>
 
 #include "LocalDevice.h"
 #include "Records.h"
+#include "binder/Process.h"
 #include "device/Acts.h"
 #include "device/EventResults.h"
 #include "device/Scenario.h"
@@ -71,6 +73,18 @@ Json noFaults(const std::string& service) {
 
 Json flapChange(const std::string& service, const Json& values) {
   return sim::makeAct("flap", sim::serviceCalled(service).id, values);
+}
+
+// The thread that lets time pass must be none that this would wait for.
+void refuseToWait(const std::string& method) {
+  const bool in_callback = vesk::inprocess::InprocessVesk::on_run_loop() || service_apis::on_library_thread();
+  if (!in_callback && !VirtualTime::in_act()) return;
+  throw std::logic_error("TestDevice::" + method + (in_callback ? " in a callback" : " in an act") +
+                         ", which it would wait for");
+}
+
+void throwWhatActsThrew(VirtualTime& time) {
+  if (const std::exception_ptr thrown = time.take_thrown()) std::rethrow_exception(thrown);
 }
 
 }  // namespace
@@ -180,18 +194,32 @@ void TestDevice::repair(const std::string& service) {
   m_device->change_to(flapChange, service, Json::object());
 }
 
+void TestDevice::holdNamespace(const std::string& nspace) {
+  m_device->on_device(&LocalDevice::holdNamespace, nspace);
+}
+
+void TestDevice::releaseNamespace(const std::string& nspace) {
+  m_device->on_device(&LocalDevice::releaseNamespace, nspace);
+}
+
 // ---- Time ----
 
 bool TestDevice::settle() {
-  if (vesk::inprocess::InprocessVesk::on_run_loop())
-    throw std::logic_error("TestDevice::settle in a callback, which it would wait for");
-  return m_device->time().settle(kNoEnd);
+  refuseToWait("settle");
+  const bool settled = m_device->time().settle(kNoEnd);
+  throwWhatActsThrew(m_device->time());
+  return settled;
 }
 
 void TestDevice::advance(std::chrono::nanoseconds duration) {
-  if (vesk::inprocess::InprocessVesk::on_run_loop())
-    throw std::logic_error("TestDevice::advance in a callback, which it would wait for");
+  refuseToWait("advance");
   m_device->time().advance(duration);
+  throwWhatActsThrew(m_device->time());
+}
+
+void TestDevice::at(std::chrono::nanoseconds time, std::function<void()> act) {
+  if (!act) throw std::invalid_argument("TestDevice::at: the act is empty");
+  m_device->actAt(time, std::move(act));
 }
 
 std::chrono::nanoseconds TestDevice::elapsed() const {

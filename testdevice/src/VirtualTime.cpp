@@ -5,8 +5,6 @@
 #include <utility>
 
 #include "binder/Process.h"
-#include "binder/Waiting.h"
-#include "device/Timer.h"
 #include "vesk/inprocess/InprocessVesk.h"
 
 namespace orvel::testing {
@@ -14,9 +12,11 @@ namespace orvel::testing {
 namespace {
 
 thread_local std::string t_missed;
+thread_local bool t_in_act = false;
 
-bool is_beside() {
-  return service_apis::on_library_thread() && !vesk::inprocess::InprocessVesk::on_run_loop();
+// Whether the thread is none of the client's own.
+bool is_outside(VirtualTime::Who who) {
+  return who == VirtualTime::kTest || who == VirtualTime::kAct;
 }
 
 }  // namespace
@@ -27,6 +27,12 @@ VirtualTime& VirtualTime::instance() {
   return time;
 }
 
+VirtualTime::Who VirtualTime::this_thread() {
+  if (vesk::inprocess::InprocessVesk::on_run_loop()) return kLoop;
+  if (service_apis::on_library_thread()) return kBeside;
+  return t_in_act ? kAct : kTest;
+}
+
 VirtualTime::TimePoint VirtualTime::now() {
   const Lock lock(m_mutex);
   return m_now;
@@ -35,6 +41,8 @@ VirtualTime::TimePoint VirtualTime::now() {
 void VirtualTime::run_device() {
   Lock lock(m_mutex);
   m_device_stops = false;
+  m_acts_end = false;
+  m_alive.clear();
   while (!m_device_stops) {
     Task task;
     if (!m_tasks.empty()) {
@@ -90,25 +98,21 @@ void VirtualTime::stop_timer(const TimerId& timer) {
 
 bool VirtualTime::wait(Wait& wait, Duration limit) {
   Lock lock(m_mutex);
-  const bool sleeps = wait.kind == Wait::Kind::kSleep;
   const bool calls = wait.kind == Wait::Kind::kCall;
   if (!calls && m_interrupts > 0) return true;
+  wait.who = this_thread();
   if (!wait.over) {
     wait.id = {m_now + limit, ++m_last_id};
     m_waits.emplace(wait.id, &wait);
-    wait.of_loop = vesk::inprocess::InprocessVesk::on_run_loop();
-    m_loop_waits = m_loop_waits || wait.of_loop;
-    wait.of_beside = is_beside();
-    if (wait.of_beside) {
-      ++m_beside_waits;
-      if (sleeps) wait.missed = t_missed;
-    } else if (sleeps && !wait.of_loop) {
-      ++m_sleepers;
+    ++m_waiting.at(wait.who);
+    if (wait.kind == Wait::Kind::kSleep) {
+      wait.missed = t_missed;
+      if (is_outside(wait.who)) ++m_sleepers;
     }
     m_changed.notify_all();
   }
   while (!wait.over) {
-    if (!calls && (wait.of_loop || wait.of_beside)) {
+    if (!calls && !is_outside(wait.who)) {
       m_changed.wait(lock);
     } else {
       pass(lock, TimePoint::max());
@@ -127,14 +131,54 @@ void VirtualTime::finish(Wait& wait, bool expired) {
   if (wait.over) return;
   wait.over = true;
   wait.expired = expired;
-  m_waits.erase(wait.id);
-  if (wait.of_loop) m_loop_waits = false;
-  if (wait.of_beside) {
-    --m_beside_waits;
-  } else if (wait.kind == Wait::Kind::kSleep && !wait.of_loop) {
-    --m_sleepers;
+  if (m_waits.erase(wait.id) == 0) return;  // it has not begun yet
+  --m_waiting.at(wait.who);
+  if (wait.kind == Wait::Kind::kSleep && is_outside(wait.who)) --m_sleepers;
+  m_changed.notify_all();
+}
+
+void VirtualTime::add(Blocked& blocked) {
+  blocked.who = this_thread();
+  m_blocked.push_back(&blocked);
+  ++m_waiting.at(blocked.who);
+  m_changed.notify_all();
+}
+
+bool VirtualTime::remove(const Blocked& blocked) {
+  const auto found = std::find(m_blocked.begin(), m_blocked.end(), &blocked);
+  if (found == m_blocked.end()) return false;
+  m_blocked.erase(found);
+  --m_waiting.at(blocked.who);
+  return true;
+}
+
+void VirtualTime::begin(Blocked& blocked) {
+  const Lock lock(m_mutex);
+  add(blocked);
+}
+
+void VirtualTime::end(Blocked& blocked) {
+  const Lock lock(m_mutex);
+  remove(blocked);
+}
+
+void VirtualTime::release(const void* on) {
+  const Lock lock(m_mutex);
+  const std::vector<Blocked*> all = m_blocked;
+  for (const Blocked* blocked : all) {
+    if (blocked->on == on) remove(*blocked);
   }
   m_changed.notify_all();
+}
+
+void VirtualTime::lock(std::mutex& mutex) {
+  if (mutex.try_lock()) return;
+  Lock lock(m_mutex);
+  while (!mutex.try_lock()) {
+    Blocked blocked{&mutex};
+    add(blocked);
+    m_changed.wait(lock, [&] { return std::find(m_blocked.begin(), m_blocked.end(), &blocked) == m_blocked.end(); });
+  }
 }
 
 void VirtualTime::end_calls() {
@@ -177,36 +221,89 @@ void VirtualTime::count_beside(int change) {
 }
 
 void VirtualTime::set_missed(const std::string& service) {
-  if (is_beside()) {
-    t_missed = service;
-    return;
-  }
-  const Lock lock(m_mutex);
-  m_missed = service;
+  t_missed = service;
 }
 
 void VirtualTime::service_started(const std::string& service) {
   const Lock lock(m_mutex);
-  if (m_missed == service) m_missed.clear();
-  for (const auto& [id, wait] : m_waits) {
-    if (wait->missed == service) wait->missed.clear();
+  m_alive.insert(service);
+}
+
+void VirtualTime::service_died(const std::string& service) {
+  const Lock lock(m_mutex);
+  m_alive.erase(service);
+}
+
+void VirtualTime::add_act(TimePoint when, Task act) {
+  const Lock lock(m_mutex);
+  if (!m_acts_end) m_acts.emplace(TimerId(when, ++m_last_id), std::move(act));
+}
+
+void VirtualTime::end_acts() {
+  std::map<TimerId, Task> dropped;  // destroyed after the lock
+  const Lock lock(m_mutex);
+  m_acts_end = true;
+  dropped.swap(m_acts);
+}
+
+bool VirtualTime::wait_for_acts() {
+  Lock lock(m_mutex);
+  const bool were = m_acts_running > 0;
+  m_changed.wait(lock, [this] { return m_acts_running == 0; });
+  return were;
+}
+
+bool VirtualTime::in_act() {
+  return t_in_act;
+}
+
+std::exception_ptr VirtualTime::take_thrown() {
+  const Lock lock(m_mutex);
+  return std::exchange(m_thrown, nullptr);
+}
+
+// It counts as running from here on, and its thread may take as long as it wants to begin.
+void VirtualTime::begin_act(std::map<TimerId, Task>::iterator due) {
+  const auto act = std::make_shared<Task>(m_acts.extract(due).mapped());
+  service_apis::start_quiet_thread("orvel-act", [this, act] { run_act(std::move(*act)); }).detach();
+  ++m_acts_running;
+}
+
+void VirtualTime::run_act(Task act) {
+  t_in_act = true;
+  std::exception_ptr thrown;
+  try {
+    act();
+  } catch (...) {
+    thrown = std::current_exception();
   }
+  act = {};  // before any thread hears that it has ended
+  const Lock lock(m_mutex);
+  if (!m_thrown) m_thrown = thrown;
+  --m_acts_running;
+  m_changed.notify_all();
 }
 
 bool VirtualTime::timer_is_due() const {
   return !m_timers.empty() && m_timers.begin()->first.first <= m_now;
 }
 
-// A thread that sleeps outside the run loop is initialising the client: there is no loop before that ends.
+// A thread that sleeps outside the client's own is initialising the client: there is no run loop before that ends.
 bool VirtualTime::quiet() const {
-  return m_tasks.empty() && !m_device_busy && !timer_is_due() && (!m_loop_busy || m_loop_waits || m_sleepers > 0) &&
-         m_beside == m_beside_waits;
+  return m_tasks.empty() && !m_device_busy && !timer_is_due() &&
+         (!m_loop_busy || m_waiting.at(kLoop) > 0 || m_sleepers > 0) && m_beside == m_waiting.at(kBeside) &&
+         m_acts_running == m_waiting.at(kAct);
 }
 
 // All that the client's threads still do is to look for services that are not there.
 bool VirtualTime::only_misses() const {
-  const auto hopes = [](const auto& wait) { return wait.second->of_beside && wait.second->missed.empty(); };
-  return (!m_loop_busy || !m_missed.empty()) && std::none_of(m_waits.begin(), m_waits.end(), hopes);
+  const auto misses = [this](Who who) {
+    return std::count_if(m_waits.begin(), m_waits.end(), [&](const auto& entry) {
+      const Wait& wait = *entry.second;
+      return wait.who == who && !wait.missed.empty() && m_alive.count(wait.missed) == 0;
+    });
+  };
+  return (!m_loop_busy || misses(kLoop) > 0) && misses(kBeside) == m_beside;
 }
 
 // Waits for a change where a thread is busy, else goes on to the next deadline; false, at once, when that is beyond the
@@ -219,11 +316,14 @@ bool VirtualTime::pass(Lock& lock, TimePoint limit) {
   constexpr TimerId kNone(TimePoint::max(), UINT64_MAX);
   const TimerId timer = m_timers.empty() ? kNone : m_timers.begin()->first;
   const TimerId wait = m_waits.empty() ? kNone : m_waits.begin()->first;
-  const TimerId next = std::min(timer, wait);
+  const TimerId act = m_acts.empty() ? kNone : m_acts.begin()->first;
+  const TimerId next = std::min({timer, wait, act});
   if (next == kNone || next.first > limit) return false;
   m_now = std::max(m_now, next.first);
   if (next == wait) {
     finish(*m_waits.begin()->second, true);
+  } else if (next == act) {
+    begin_act(m_acts.begin());
   } else {
     m_changed.notify_all();  // the device's thread takes it from here
   }
@@ -235,7 +335,8 @@ bool VirtualTime::settle(Duration limit) {
   const TimePoint end = m_now + limit;
   const auto is_settled = [this] {
     const auto ends = [](const auto& timer) { return !timer.second.endless; };
-    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && only_misses();
+    return quiet() && std::none_of(m_timers.begin(), m_timers.end(), ends) && m_acts.empty() && m_acts_running == 0 &&
+           only_misses();
   };
   while (!is_settled()) {
     if (!pass(lock, end)) return false;
@@ -253,96 +354,3 @@ void VirtualTime::advance(Duration duration) {
 }
 
 }  // namespace orvel::testing
-
-// ---- The client's time ----
-
-namespace orvel::service_apis::waiting {
-
-using testing::VirtualTime;
-
-TimePoint now() {
-  return VirtualTime::instance().now();
-}
-
-bool sleep_for(std::chrono::nanoseconds duration) {
-  VirtualTime::Wait sleep{VirtualTime::Wait::Kind::kSleep};
-  return !VirtualTime::instance().wait(sleep, duration);
-}
-
-bool interrupted() {
-  return VirtualTime::instance().interrupted();
-}
-
-struct Bell::State {
-  std::mutex mutex;
-  bool rung = false;
-  VirtualTime::Wait* wait = nullptr;  // of the thread that waits
-};
-
-Bell::Bell() : m_state(std::make_unique<State>()) {}
-Bell::~Bell() = default;
-
-bool Bell::wait(std::chrono::nanoseconds limit) {
-  VirtualTime::Wait wait{VirtualTime::Wait::Kind::kBell};
-  {
-    const std::lock_guard<std::mutex> lock(m_state->mutex);
-    if (std::exchange(m_state->rung, false)) return !interrupted();
-    m_state->wait = &wait;
-  }
-  const std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
-  VirtualTime::instance().wait(wait, std::min(limit, longest));
-  const std::lock_guard<std::mutex> lock(m_state->mutex);
-  m_state->wait = nullptr;
-  return std::exchange(m_state->rung, false) && !interrupted();
-}
-
-void Bell::ring() {
-  const std::lock_guard<std::mutex> lock(m_state->mutex);
-  m_state->rung = true;
-  if (m_state->wait) VirtualTime::instance().end(*m_state->wait);
-}
-
-Background::Background() {
-  VirtualTime::instance().count_beside(+1);
-}
-
-Background::~Background() {
-  VirtualTime::instance().count_beside(-1);
-}
-
-Interrupt::Interrupt() {
-  VirtualTime::instance().interrupt();
-}
-
-Interrupt::~Interrupt() {
-  VirtualTime::instance().end_interrupt();
-}
-
-}  // namespace orvel::service_apis::waiting
-
-// ---- The device's ----
-
-namespace orvel::sim {
-
-using testing::VirtualTime;
-
-Clock::time_point Clock::now() {
-  return VirtualTime::instance().now();
-}
-
-Timer::Timer(void*, std::chrono::milliseconds delay, std::function<void()> action, Series series)
-    : m_action(std::move(action)) {
-  const auto fire = [this] {
-    const auto due = std::move(m_action);  // which may destroy this
-    due();
-  };
-  m_running.reset(
-      new VirtualTime::TimerId(VirtualTime::instance().start_timer(delay, fire, series == Series::kEndless)));
-}
-
-void Timer::Stop::operator()(void* running) const {
-  const std::unique_ptr<VirtualTime::TimerId> timer(static_cast<VirtualTime::TimerId*>(running));
-  VirtualTime::instance().stop_timer(*timer);
-}
-
-}  // namespace orvel::sim

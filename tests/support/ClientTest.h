@@ -2,8 +2,12 @@
 #pragma once
 
 #include <gmock/gmock.h>
+#include <sys/types.h>
 
+#include <atomic>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/ClientFixture.h"
@@ -12,6 +16,17 @@
 namespace orvel::test {
 
 using Lines = std::vector<std::string>;
+
+// Waits until the kernel has the thread asleep, which it is for a lock alone.
+inline void wait_until_blocked(const std::atomic<pid_t>& thread) {
+  char state = 0;
+  while (state != 'S') {
+    std::this_thread::yield();
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string name;
+    status >> name >> name >> state;
+  }
+}
 
 class ClientTest : public ::testing::Test, protected ClientFixture {
  protected:

@@ -1,6 +1,7 @@
 #include "support/Methods.h"
 
 #include <algorithm>
+#include <optional>
 #include <type_traits>
 #include <vector>
 
@@ -10,7 +11,9 @@
 namespace orvel::test {
 namespace {
 
+using service_apis::AssistantEvent;
 using service_apis::OrvelIntent;
+using service_apis::Subscription;
 using Texts = std::vector<std::string>;
 
 constexpr int kNone = Method::kNoService;
@@ -29,6 +32,21 @@ std::string shown(const Texts& texts) {
   std::string all;
   for (const std::string& text : texts) all += "[" + text + "]";
   return all;
+}
+std::string shown(const std::optional<std::string>& text) {
+  return text.value_or("nothing");
+}
+std::string shown(const OrvelIntent& intent) {
+  return intent.action + "," + intent.data;
+}
+std::string shown(const service_apis::EventOutcome& outcome) {
+  return outcome.result + "," + shown(outcome.retryable);
+}
+// One that is made lasts until shutdown().
+std::string shown(Subscription subscription) {
+  const bool made = static_cast<bool>(subscription);
+  subscription.keep();
+  return shown(made);
 }
 
 // A callback that tells `hear` its values.
@@ -99,6 +117,12 @@ std::string unsubscribe_network(Client& client, const Hear& hear) {
   return shown(client.unregisterForNetworkConnectivityChange());
 }
 
+// Ends at once, so that the namespace is free for the next.
+std::string subscribe_directive(Client& client, const Hear& hear) {
+  const Subscription made = client.subscribeDirective("S", to(hear));
+  return shown(static_cast<bool>(made));
+}
+
 constexpr char kDevice[] = "1 '1' '2' '3' 'type' '5' '6' '7' '8' '9' '10'";
 constexpr char kApplication[] = "1 1 ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ ~ 0 0 0 0 0 0 0 0 0 0 ~ ~ ~ 0 1 4 2 'k' 1 5 'k' 0 'v'";
 constexpr char kPackage[] = "1 1 'p' -7 '1.0' 1L 2L 0";
@@ -118,7 +142,7 @@ constexpr char kTimeSync[] = "'com.quarlo.velmos.service.timeservice.clock.TIME_
 }  // namespace
 
 // clang-format off
-const std::array<Method, 43>& kMethods = *new std::array<Method, 43>{{
+const std::array<Method, 56>& kMethods = *new std::array<Method, 56>{{
     {"isMaroConnected", ask(&Client::isMaroConnected), kNone, {}, "true", "true", "true"},
     {"isNetworkConnected", ask(&Client::isNetworkConnected), kNone, {}, "false", "false", "false"},
     {"getDeviceName", ask(&Client::getDeviceName), kDelegate, {{{33, "", "'Hall'"}}}, "Hall", "", ""},
@@ -155,6 +179,29 @@ const std::array<Method, 43>& kMethods = *new std::array<Method, 43>{{
     {"registerForTimeSync", subscribe(&Client::registerForTimeSync),
      kDelegate, {{{28, kTimeSync, ""}}}, "true", "false", "false", true},
     {"registerForSecureSettingIntChange", subscribe(&Client::registerForSecureSettingIntChange, "k", 7),
+     kDelegate, {{{34, "'k'", ""}}}, "true", "false", "false", true},
+
+    {"subscribeDeviceNameChange", subscribe(&Client::subscribeDeviceNameChange),
+     kDelegate, {{{28, kNameChanged, ""}}}, "true", "false", "false", true},
+    {"subscribeDeviceRegistrationChange", subscribe(&Client::subscribeDeviceRegistrationChange),
+     kDelegate, {{{28, kAccountAdded, ""}, {28, kAccountRemoved, ""}}}, "true", "false", "false", true},
+    {"subscribeMaroConnectivityChange", subscribe(&Client::subscribeMaroConnectivityChange),
+     kDelegate, {{{28, kMaroConnectivity, ""}}}, "true", "false", "false", true},
+    {"subscribeNetworkConnectivityChange", subscribe(&Client::subscribeNetworkConnectivityChange),
+     kConnectivity, {{{4, "", ""}}}, "true", "false", "false"},
+    {"subscribeScreenStateChange", subscribe(&Client::subscribeScreenStateChange),
+     kDelegate, {{{28, kScreenOn, ""}, {28, kScreenOff, ""}}}, "true", "false", "false", true},
+    {"subscribePackageAction", subscribe(&Client::subscribePackageAction, "a.P", Texts{"t"}, Texts{"package", "x"}),
+     kDelegate, {{{28, "'a.P' 1 't' 2 'package' 'x'", ""}}}, "true", "false", "false", true},
+    {"subscribeTimeSync", subscribe(&Client::subscribeTimeSync),
+     kDelegate, {{{28, kTimeSync, ""}}}, "true", "false", "false", true},
+    {"subscribeSecureSettingIntChange", subscribe(&Client::subscribeSecureSettingIntChange, "k", 7),
+     kDelegate, {{{34, "'k'", ""}}}, "true", "false", "false", true},
+    {"subscribeBroadcast", subscribe(&Client::subscribeBroadcast, "a.B", Texts{"t"}, Texts{"x"}),
+     kDelegate, {{{28, "'a.B' 1 't' 1 'x'", ""}}}, "true", "false", "false", true},
+    {"getSecureSetting", ask(&Client::getSecureSetting, "k"), kDelegate, {{{15, "'k'", "'42'"}}},
+     "42", "nothing", "nothing"},
+    {"subscribeSecureSetting", subscribe(&Client::subscribeSecureSetting, "k"),
      kDelegate, {{{34, "'k'", ""}}}, "true", "false", "false", true},
 
     {"broadcastIntentWithIntKey", ask(&Client::broadcastIntentWithIntKey, "A", "P", "K", "X", 5),
@@ -198,9 +245,12 @@ const std::array<Method, 43>& kMethods = *new std::array<Method, 43>{{
 
     {"sendEvent", subscribe(&Client::sendEvent, "1", "2", "3", "4", "5", "6", "7", true, "8"),
      kEvents, {{{2, "1 64 '1' '2' '3' '4' '5' '6' '7' 1 '8'", "1"}}}, "true", "false", "false"},
+    {"send", subscribe(&Client::send, AssistantEvent{"1", "2", "3", "4", "5", "6", "7", true, "8"}),
+     kEvents, {{{2, "1 64 '1' '2' '3' '4' '5' '6' '7' 1 '8'", "1"}}}, "true", "false", "false"},
     // Published under a name, not sent to the service.
     {"registerForDirective", subscribe(&Client::registerForDirective, "N"), kDirectives, {},
      "true", "false", "false", true},
+    {"subscribeDirective", subscribe_directive, kDirectives, {}, "true", "false", "false"},
     {"recordTarselMetricEvent", record_metric, kMetrics, {{{2, kMetric, ""}}}, "", "", ""},
 }};
 // clang-format on

@@ -41,7 +41,7 @@ struct Method {
 };
 
 // Never destroyed: threads may call when main() has returned.
-extern const std::array<Method, 43>& kMethods;
+extern const std::array<Method, 56>& kMethods;
 
 // The row of that name, the first of overloads. The name must be there.
 const Method& method(const std::string& name);

@@ -83,6 +83,22 @@ void Bell::ring() {
   m_state->rung = true;
 }
 
+void Mutex::lock() {
+  m_mutex.lock();
+}
+
+void Mutex::unlock() {
+  m_mutex.unlock();
+}
+
+void Condition::wait(std::unique_lock<std::mutex>& lock) {
+  m_changed.wait(lock);
+}
+
+void Condition::notify_all() {
+  m_changed.notify_all();
+}
+
 Background::Background() = default;
 Background::~Background() = default;
 

@@ -1,11 +1,17 @@
 // What all public methods have in common, for each row of the table: its requests, its result, and how it fails. Then
 // what single queries do besides.
+#include <cerrno>
+#include <cstdint>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 
+#include "orvel/CallbackQueue.h"
 #include "support/ClientTest.h"
 #include "support/Notifications.h"
 
@@ -16,6 +22,12 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
+
+using service_apis::CallStatus;
+using service_apis::checked;
+using service_apis::kAllServices;
+using service_apis::lastCall;
+using service_apis::LinkState;
 
 class Methods : public StoppedClient {
  protected:
@@ -105,7 +117,7 @@ I IOrvelSimEventClient sendEvent:namespace=1, name=2
 I sendEvent:sendEvent, status=true
 I registerForDirective:registerForDirective, status=1
 )");
-  EXPECT_EQ(messages(), 4) << "those of the two network registrations, deliberately";
+  EXPECT_EQ(messages(), 6) << "those of the three network registrations, deliberately";
 }
 
 TEST_F(Methods, EachFailsWithItsService) {
@@ -181,6 +193,184 @@ TEST_F(Methods, EachIsRefusedInsideTheConnectivityCallback) {
   m_vesk.drain();
   EXPECT_EQ(told, 1);
   EXPECT_TRUE(m_client.isMaroConnected()) << "and nothing is left locked";
+}
+
+// ---- The statuses of calls ----
+
+using Code = CallStatus::Code;
+
+// How a service may fail, and the status of a call that it fails.
+struct Failure {
+  const char* name;
+  std::function<Reply(const Transaction& call)> answer;
+  Code code;
+  int error;
+  const char* text;
+};
+
+// The reply ends behind its exception code; one that is nothing else, in front of it.
+Reply cut(const Transaction& call) {
+  const bool is_more = good_reply(call.service, call.code).size() > 4;
+  return {is_more ? wire("0") : Bytes(), 0};
+}
+
+const Failure kFailures[] = {
+    {"died",
+     [](const Transaction&) {
+       return Reply{{}, -EPIPE};
+     },
+     Code::kDied, -EPIPE, "the service died before it answered"},
+    {"timed out",
+     [](const Transaction&) {
+       return Reply{{}, -ETIMEDOUT};
+     },
+     Code::kTimedOut, -ETIMEDOUT, "the service did not answer in time"},
+    {"exception",
+     [](const Transaction&) {
+       return Reply{wire("-3 'no' 0"), 0};
+     },
+     Code::kException, -3, "no"},
+    {"mute exception",
+     [](const Transaction&) {
+       return Reply{wire("-5 '' 0"), 0};
+     },
+     Code::kException, -5, "the service answered with an exception"},
+    {"cut reply", cut, Code::kCutReply, 0, "the reply of the service ended too early"},
+};
+
+class Statuses : public StoppedClient {
+ protected:
+  // Every service answers as m_answer says.
+  void serve(const std::string& service) override {
+    m_vesk.add_service(service, [this](const Transaction& call) { return m_answer(call); });
+  }
+  static Reply good(const Transaction& call) { return {good_reply(call.service, call.code), 0}; }
+
+  // The status of the row's call, of which all is checked but what the arguments say.
+  void expect_status(const Method& each, Code code, const std::string& text, int error = 0,
+                     LinkState link = LinkState::kUp) {
+    const auto [result, status] = checked([&] { return each.call(m_client, {}); });
+    EXPECT_EQ(status.code, code) << each.name << ": " << nameOf(status.code);
+    EXPECT_EQ(static_cast<bool>(status), code == Code::kOk) << each.name;
+    EXPECT_EQ(status.text, text) << each.name;
+    EXPECT_EQ(status.error, error) << each.name;
+    EXPECT_STREQ(status.method, each.name);
+    EXPECT_EQ(status.service.has_value(), each.service != Method::kNoService) << each.name;
+    if (!status.service) return;
+    EXPECT_EQ(*status.service, kAllServices.at(static_cast<std::size_t>(each.service))) << each.name;
+    EXPECT_EQ(status.epoch, m_client.state(*status.service).epoch) << each.name;
+    EXPECT_EQ(status.link, link) << each.name;
+    EXPECT_TRUE(code != Code::kOk || result == each.result) << each.name;
+  }
+  static bool asks(const Method& each) { return each.requests[0].code != 0; }
+
+  std::function<Reply(const Transaction& call)> m_answer = good;
+};
+
+TEST_F(Statuses, OfEachMethodSayHowItFailedAndNothingOfItStays) {
+  start();
+  for (const Method& each : kMethods) {
+    expect_status(each, Code::kOk, "ok");
+    for (const Failure& failure : kFailures) {
+      if (!asks(each)) continue;
+      SCOPED_TRACE(failure.name);
+      m_answer = failure.answer;
+      expect_status(each, failure.code, failure.text, failure.error);
+      m_answer = good;
+      expect_status(each, Code::kOk, "ok");
+    }
+  }
+  m_vesk.fail_once("vesk_service_register", 1, -EIO);
+  expect_status(method("subscribeDirective"), Code::kFailed, "the call failed: Input/output error (-5)", -EIO);
+}
+
+TEST_F(Statuses, OfEachMethodSayThatItsServiceWasNotAsked) {
+  const auto expect_all = [&](Code code, const std::string& text, LinkState link, const auto& is_refused) {
+    for (const Method& each : kMethods) {
+      const bool refused = is_refused(each);
+      expect_status(each, refused ? code : Code::kOk, refused ? text : "ok", 0, link);
+    }
+  };
+  const auto has_service = [](const Method& each) { return each.service != Method::kNoService; };
+  expect_all(Code::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
+  for (const char* service : kServices) m_vesk.refuse_binds(service, 1000);
+  ASSERT_TRUE(m_client.initialize());
+  expect_all(Code::kNotBound, "the service is not bound (given up: the service was not found within 300 s)",
+             LinkState::kGivenUp, asks);
+  m_client.shutdown();
+  expect_all(Code::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
+}
+
+TEST_F(Statuses, OfACallInADeathSayThatFirstAndThenThatTheServiceIsAway) {
+  start();
+  const auto name = [this] { return checked([this] { return m_client.getDeviceName(); }).status; };
+  const std::uint64_t before = name().epoch;
+  m_vesk.hold_run_loop();
+  m_answer = [this](const Transaction& call) {
+    m_vesk.kill_service(call.service);
+    return good(call);
+  };
+  EXPECT_EQ(name().code, Code::kDied);
+  m_answer = good;
+  m_clock.at_sleep(1, [&] {
+    const CallStatus away = name();
+    EXPECT_EQ(away.code, Code::kNotBound);
+    EXPECT_EQ(away.text, "the service is not bound (away: the service has died)");
+    EXPECT_EQ(std::tuple(away.link, away.epoch), std::tuple(LinkState::kAway, before));
+    serve(kServices[kDelegate]);
+  });
+  m_vesk.drain();
+  EXPECT_EQ(std::tuple(name().code, name().epoch), std::tuple(Code::kOk, before + 1));
+}
+
+TEST_F(Statuses, OfMethodsWithTwoRequestsAreThoseOfTheFirstFailure) {
+  start();
+  for (const Method& each : kMethods) {
+    // The row of that name makes two calls.
+    if (each.requests[1].code == 0 || each.name == std::string("unregisterForNetworkConnectivityChange")) continue;
+    int made = 0;
+    bool both = true;
+    m_answer = [&](const Transaction& call) {
+      if (++made == 2) return Reply{{}, -ETIMEDOUT};
+      return both ? Reply{wire("-3 'first' 0"), 0} : good(call);
+    };
+    expect_status(each, Code::kException, "first", -3);
+    made = 0;
+    both = false;
+    expect_status(each, Code::kTimedOut, "the service did not answer in time", -ETIMEDOUT);
+  }
+  m_answer = [](const Transaction&) { return Reply{wire("0 1"), 0}; };
+  expect_status(method("acquirePartialWakeLock"), Code::kFailed,
+                "the power manager is too old to keep the processor awake");
+}
+
+TEST_F(Statuses, OfThreadsCallbacksAndWhatTheyCapturedLeaveEachOtherAlone) {
+  start();
+  service_apis::CallbackQueue queue;
+  const auto use = [this] {
+    EXPECT_STREQ(lastCall().method, "") << "nothing has been called here yet";
+    EXPECT_TRUE(lastCall());
+    m_client.isScreenOn();
+    EXPECT_STREQ(lastCall().method, "isScreenOn");
+    m_heard.emplace_back("used");
+  };
+  std::thread(use).join();
+  m_client.setExecutor(queue.executor());
+  auto captured = std::shared_ptr<void>(nullptr, [use](void*) { use(); });
+  auto subscription = m_client.subscribeTimeSync([use, captured](long long, long long) { use(); });
+  captured = nullptr;
+  const auto links = m_client.subscribeLink(service_apis::Service::kPower, [use](const auto&) { use(); });
+  m_vesk.send(registrations().back().endpoints.front(), 1, broadcast("any", ""));
+  m_vesk.drain();
+
+  m_answer = [](const Transaction&) { return Reply{wire("-3 'no' 0"), 0}; };
+  m_client.getDeviceName();
+  EXPECT_EQ(queue.dispatch(), 2U);
+  subscription.end();
+  EXPECT_EQ(m_heard.size(), 4U);
+  EXPECT_STREQ(lastCall().method, "getDeviceName");
+  EXPECT_EQ(std::tuple(lastCall().code, lastCall().error), std::tuple(Code::kException, -3));
+  EXPECT_TRUE(checked([this] { m_client.setExecutor({}); }));
 }
 
 class Queries : public StartedClient {

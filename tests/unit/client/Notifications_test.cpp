@@ -38,9 +38,14 @@ class ChangeNotifications : public StartedClient {
   }
 };
 
-TEST_F(ChangeNotifications, EachBroadcastBecomesItsTypedValues) {
+class Broadcasts : public ChangeNotifications, public WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(ForMethods, Broadcasts, Values("registerFor", "subscribe"),
+                         [](const auto& each) { return std::string(each.param); });
+
+TEST_P(Broadcasts, EachBecomesItsTypedValues) {
   for (const Method& each : kMethods) {
-    if (each.renewed) subscribe(each.name);
+    const std::string name = each.name;
+    if (each.renewed && (name.rfind(GetParam(), 0) == 0 || name == "subscribeBroadcast")) subscribe(each.name);
   }
   const std::string long_name(1 << 20, 'x');
   const struct {
@@ -72,6 +77,7 @@ TEST_F(ChangeNotifications, EachBroadcastBecomesItsTypedValues) {
       {"a.P", "xyz", 0, "", {"any,xyz"}},
       {"a.P", "", 0, "", {"any,"}},
       {"a.P", "package:" + long_name, 0, "", {"any," + long_name}},
+      {"a.B", "package:x", 0, "", {"any,package:x"}},
   };
   m_log.take();
   for (const auto& row : rows) {

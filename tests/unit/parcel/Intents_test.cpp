@@ -1,7 +1,10 @@
 // From integers and strings, byte by byte, to component names, bundles and intents.
 #include "orvel/OrvelIntent.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <type_traits>
 
 #include "parcel/Double.h"
@@ -188,6 +191,29 @@ AnyBundle filled() {
   EXPECT_FALSE(bundle.put("a", 3) || bundle.put("b", "y")) << "put must not overwrite";
   EXPECT_EQ(contents(bundle), "a=-2 b='x' ");
   return bundle;
+}
+
+TEST_F(RecordTest, EveryTypeOfIntegerHasItsPlaceAndIsNotChangedOnItsWay) {
+  Bundle bundle;
+  const auto most = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_TRUE(bundle.put("a", true) && bundle.put("b", std::int16_t{-3})) << "what is widened to int is one";
+  EXPECT_TRUE(bundle.put("a", std::int64_t{5}) && bundle.put("b", 6L) && bundle.put("c", std::size_t{7}));
+  EXPECT_FALSE(bundle.put("d", most)) << "a value beyond the long integers";
+  EXPECT_EQ(contents(bundle), "a=1 a=5L b=-3 b=6L c=7L ");
+  bundle.put("n", -1LL);
+  bundle.put("w", 1LL << 32);
+  EXPECT_EQ(bundle.get("c", 0U), 7U);
+  EXPECT_EQ(bundle.get("n", most), most) << "a value that the type cannot hold is not given";
+  EXPECT_EQ(bundle.get("w", 9U), 9U);
+  EXPECT_EQ(bundle.get("a", 9UL), 5UL) << "not the int of that key";
+  EXPECT_THAT(bundle.keys(), ::testing::ElementsAre("a", "b", "c", "n", "w"));
+  EXPECT_TRUE(bundle.contains("n") && !bundle.contains("d"));
+
+  OrvelIntent intent{"a", "", "", "", {"p", "c"}, bundle, {}, 0};
+  const OrvelIntent same = intent;
+  EXPECT_TRUE(intent == same);
+  intent.extras.put("z", "x");
+  EXPECT_TRUE(intent != same && intent.extras != same.extras);
 }
 
 TEST_F(RecordTest, WhatIsWrittenAnnouncesItsLengthAndMarksWhatIsNotThere) {

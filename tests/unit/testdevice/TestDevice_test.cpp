@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "Fixture.h"
 #include "orvel/OrvelDelegateClient.h"
 
 namespace orvel::testing {
@@ -21,45 +23,6 @@ using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using ::testing::ThrowsMessage;
-using Texts = std::vector<std::string>;
-
-constexpr char kRegisterForNames[] = "registerForBroadcastWithDataTypeOrScheme";
-
-service_apis::OrvelDelegateClient& client() {
-  return service_apis::OrvelDelegateClient::getClient();
-}
-
-// A device and its client, which hears of the device's names.
-struct Session {
-  explicit Session(const std::string& scenario = "{}") : device(scenario) { EXPECT_TRUE(client().initialize()); }
-
-  bool hear_names() {
-    return client().registerForDeviceNameChange([this](std::string name) { names.push_back(std::move(name)); });
-  }
-  // The subscription is there, once.
-  void expect_name_heard() {
-    device.set("name", "Hall");
-    EXPECT_TRUE(device.settle());
-    EXPECT_THAT(names, ElementsAre("Hall"));
-  }
-  // Does something to a service, and waits for what comes of it.
-  void settle_after(void (TestDevice::*act)(const std::string&), const char* service) {
-    (device.*act)(service);
-    EXPECT_TRUE(device.settle());
-  }
-  void kill(const char* service) { settle_after(&TestDevice::kill, service); }
-  void restart(const char* service) { settle_after(&TestDevice::restart, service); }
-  void repair(const char* service) { settle_after(&TestDevice::repair, service); }
-  // What the client registered, one line each.
-  Texts registered() const {
-    Texts lines;
-    for (const Registration& each : device.registrations()) lines.push_back(each.service + "." + each.method);
-    return lines;
-  }
-
-  Texts names;
-  TestDevice device;  // last: what ends with it may still hear of a name
-};
 
 TEST(TestDeviceTest, ADeviceKnowsNothingOfTheOneBefore) {
   {
@@ -191,6 +154,23 @@ TEST(TestDeviceTest, WhatTheClientEndsIsNotARegistrationAnyMore) {
   EXPECT_THAT(s.registered(), ElementsAre());
   EXPECT_THROW(s.device.directive("Alerts", {"2"}), std::invalid_argument);
   EXPECT_EQ(s.device.broadcast("android.intent.action.SCREEN_ON"), 0);
+}
+
+TEST(TestDeviceTest, ANamespaceThatAnotherProcessHasIsItsOwn) {
+  Session s;
+  s.device.holdNamespace("Alerts");
+  const auto ignore = [](auto&&...) {};
+  EXPECT_FALSE(client().registerForDirective("Alerts", ignore));
+  EXPECT_EQ(service_apis::lastCall().error, -EADDRINUSE) << "the host runtime's code";
+  EXPECT_FALSE(client().subscribeDirective("Alerts", ignore));
+  EXPECT_EQ(service_apis::lastCall().text, "the call failed: Address already in use (-98)");
+  EXPECT_THROW(s.device.directive("Alerts", {"1"}), std::invalid_argument);
+  s.device.releaseNamespace("Alerts");
+  const auto alerts = client().subscribeDirective("Alerts", ignore);
+  EXPECT_TRUE(alerts) << service_apis::lastCall().text;
+  EXPECT_THAT([&] { s.device.holdNamespace("Alerts"); },
+              ThrowsMessage<std::invalid_argument>(HasSubstr("the client has the namespace Alerts itself")));
+  EXPECT_THROW(s.device.releaseNamespace("Alerts"), std::invalid_argument);
 }
 
 TEST(TestDeviceTest, ARecordOfWhatBothSidesSaidInItsOrder) {
