@@ -64,7 +64,7 @@ class ORVEL_API Session {
   class ORVEL_LOCAL Signals;
 
   const std::unique_ptr<Signals> m_signals;
-  bool m_started = false;
+  const bool m_started;
 };
 
 }  // namespace orvel

@@ -32,8 +32,9 @@ class [[nodiscard]] ORVEL_API Subscription {
   /// Empty.
   Subscription() noexcept;
   ~Subscription();
+  /// Takes over what `other` holds, which is empty then.
   Subscription(Subscription&& other) noexcept;
-  /// Ends the subscription that this holds.
+  /// The same, and ends the subscription that this holds.
   Subscription& operator=(Subscription&& other) noexcept;
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;

@@ -131,13 +131,10 @@ class Session::Signals {
   std::thread m_thread;  // Last: it uses the rest.
 };
 
-Session::Session() : m_signals(std::make_unique<Signals>()) {
-  m_started = OrvelDelegateClient::getClient().initialize();
-}
+Session::Session() : m_signals(std::make_unique<Signals>()), m_started(OrvelDelegateClient::getClient().initialize()) {}
 
-Session::Session(const service_apis::StartOptions& options) : m_signals(std::make_unique<Signals>()) {
-  m_started = OrvelDelegateClient::getClient().start(options);
-}
+Session::Session(const service_apis::StartOptions& options)
+    : m_signals(std::make_unique<Signals>()), m_started(OrvelDelegateClient::getClient().start(options)) {}
 
 Session::~Session() {
   OrvelDelegateClient::getClient().shutdown();
