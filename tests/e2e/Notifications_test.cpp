@@ -119,6 +119,18 @@ TEST_P(Notifications, AReaderThatDoesNotReadCannotKeepWatchingFromEnding) {
   EXPECT_EQ(unread->wait(), 0);
 }
 
+TEST_P(Notifications, ASlowReaderLosesTheOldestLinesAndIsToldHowMany) {
+  const auto unread = watch("--json broadcast:X");
+  run("for n in $(seq 16); do orvel-sim broadcast X --string k=$(printf %0120000d 0); done");
+  unread->waitForError("lines were dropped, the reader is too slow");
+  unread->waitForOutput(R"("sequence":16,)");
+  unread->signal(SIGINT);
+  EXPECT_EQ(unread->wait(), 0);
+  const std::vector<json> told = parseLines(unread->output());
+  EXPECT_LT(told.size(), 16U);
+  EXPECT_EQ(told.front().at("sequence"), 1) << "what was being written is written";
+}
+
 TEST_P(Notifications, AClientThatNeverAnswersHoldsUpNoOtherAndADeadOneIsForgotten) {
   const auto stopped = watch("screen setting:k");
   const auto live = watch("--json --count 3 screen setting:k");

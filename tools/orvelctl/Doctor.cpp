@@ -180,7 +180,7 @@ class Examination {
         const std::string process = std::to_string(server);
         fail(" hangs: process " + process + " is stopped", "kill -CONT " + process, kTimedOut);
       } else if (!m_session.client().waitFor(patient.service, orvel::service_apis::LinkState::kUp, kCallLimit)) {
-        fail(" hangs: it lets nobody in", "orvel-sim restart " + id, kTimedOut);
+        fail(" hangs: it cannot be bound", "orvel-sim restart " + id, kTimedOut);
       } else if (patient.command != nullptr) {
         ask(patient);
       } else {

@@ -162,7 +162,7 @@ const std::vector<KeyedKind>& keyedKinds() {
       {"setting:", "KEY", "a secure setting has a new value, or was removed", settingKind},
       {"broadcast:", "ACTION",
        "a broadcast of the action, with its data and extras; one that has no data, unless --type or\n"
-       "                    --scheme says which",
+       "                      --scheme says which",
        broadcastKind},
       {"directive:", "NAMESPACE", "a directive of the voice assistant, with its seven texts", directiveKind},
   };
@@ -205,7 +205,7 @@ std::vector<std::string> kindNames() {
 std::string describeKinds() {
   std::ostringstream text;
   const auto add = [&](const std::string& name, const std::string& about) {
-    text << "  " << std::left << std::setw(18) << name << about << '\n';
+    text << "  " << std::left << std::setw(20) << name << about << '\n';
   };
   for (const Kind& kind : kinds()) add(kind.name, kind.about);
   for (const KeyedKind& kind : keyedKinds()) add(kind.prefix + kind.key, kind.about);

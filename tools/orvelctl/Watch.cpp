@@ -29,8 +29,8 @@ using orvel::service_apis::Link;
 using orvel::service_apis::LinkState;
 using Clock = std::chrono::system_clock;
 
-// As many as wait for a reader that is slow.
-constexpr std::size_t kMostLines = 10'000;
+// So much waits for a reader that is slow, and one line at least.
+constexpr std::size_t kMostBytes = 1 << 20;
 
 struct Line {
   std::string text;
@@ -101,8 +101,7 @@ class Watch {
       }
       bool writable = false;
       if (!line && !m_lines.empty()) {
-        line = std::move(m_lines.front());
-        m_lines.pop_front();
+        line = takeLine();
       }
       if (!wait(left, line ? &writable : nullptr)) return;
       m_callbacks.dispatch();
@@ -160,11 +159,16 @@ class Watch {
       line.text =
           timeOf(now) + "  " + kind + std::string(14 - std::min<std::size_t>(kind.size(), 12), ' ') + text + '\n';
     }
-    if (m_lines.size() == kMostLines) {
-      m_lines.pop_front();
-      ++m_dropped;
-    }
+    m_waiting += line.text.size();
     m_lines.push_back(std::move(line));
+    for (; m_waiting > kMostBytes && m_lines.size() > 1; ++m_dropped) takeLine();
+  }
+
+  Line takeLine() {
+    Line line = std::move(m_lines.front());
+    m_lines.pop_front();
+    m_waiting -= line.text.size();
+    return line;
   }
 
   // Once the reader takes lines again, and for what did not even become one.
@@ -174,7 +178,7 @@ class Watch {
       m_dropped += number;
       for (const Service service : kAllServices) m_links.at(indexOf(service)) = m_session.client().state(service);
     }
-    if (m_dropped == 0 || m_lines.size() > kMostLines / 2) return;
+    if (m_dropped == 0 || m_waiting > kMostBytes / 2) return;
     std::cerr << "orvelctl: " << std::exchange(m_dropped, 0) << " lines were dropped, the reader is too slow"
               << std::endl;
   }
@@ -202,6 +206,7 @@ class Watch {
   std::array<Link, kAllServices.size()> m_links{};  // as they were told
   std::uint64_t m_sequence = 0;
   std::deque<Line> m_lines;
+  std::size_t m_waiting = 0;                  // bytes of them
   std::uint64_t m_dropped = 0;                // and not said yet
   std::vector<Subscription> m_subscriptions;  // Last: what they tell goes into the rest.
 };

@@ -53,7 +53,7 @@ Exit status:
   2  wrong usage
   3  no device
   4  timed out: --timeout, or a service that did not answer within the call limit
-  5  the service is not bound: given up, dead and not back yet, or it died during the call
+  5  the service is not bound: given up, dead and not back yet, or it died during the call or lost an event
   128 + N  ended by signal N
 They are the same for each subcommand; assistant, network, directive, links and wait ask no service and so never end
 with 5. A subcommand waits for the service that it asks and for no other, until the client gives up after five minutes.
