@@ -28,6 +28,10 @@ std::chrono::nanoseconds inNanoseconds(Seconds time) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(time);
 }
 
+std::string nameOfService(Service service) {
+  return nameOf(service);
+}
+
 void show(Session& session, const Link& link) {
   std::ostringstream text;
   text << std::left << std::setw(14) << nameOf(link.service) << std::setw(11) << nameOf(link.state) << " epoch "
@@ -96,8 +100,8 @@ void addLinkCommands(Commands& commands) {
   const auto options = std::make_shared<WaitOptions>();
   CLI::App* wait = commands.add("wait", "Wait until a service is up, or in another state",
                                 [options](Session& session) { waitForLink(session, *options); });
-  std::vector<std::string> services;
-  for (const Service service : kAllServices) services.emplace_back(nameOf(service));
+  std::vector<std::string> services(kAllServices.size());
+  std::transform(kAllServices.begin(), kAllServices.end(), services.begin(), nameOfService);
   wait->add_option("service", options->service)->required()->check(CLI::IsMember(services));
   std::vector<std::string> states;
   for (const LinkState state : kAwaited) states.push_back(wordOf(nameOf(state)));
