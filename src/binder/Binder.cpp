@@ -134,6 +134,7 @@ void Binder::on_binder_died() {
     m_link.died();
     s_binder_logger.e("%s:Service (%s) has died, re-establishing binder connection", __func__, name);
   }
+  m_link.after_death();
   LinkBoard& links = LinkBoard::instance();
   links.tell();
   if (waiting::sleep_for(kPauseAfterDeath) && bind_to_service()) {

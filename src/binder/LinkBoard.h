@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "binder/Callback.h"
@@ -46,6 +47,12 @@ class LinkRecord {
   // They all are. Does nothing when that epoch has ended meanwhile.
   void up(std::uint64_t epoch) ORVEL_EXCLUDES(m_mutex);
   void died() ORVEL_EXCLUDES(m_mutex);
+  // Has after_death() run `hook`. Before the service is bound for the first time.
+  void at_death(std::function<void()> hook) { m_at_death = std::move(hook); }
+  // Behind died(), under no lock.
+  void after_death() const {
+    if (m_at_death) m_at_death();
+  }
   void given_up(const char* cause) ORVEL_EXCLUDES(m_mutex);
   void stopped() ORVEL_EXCLUDES(m_mutex);
 
@@ -61,6 +68,8 @@ class LinkRecord {
  private:
   void change_to(LinkState state, const char* cause) ORVEL_REQUIRES(m_mutex);
   void hold_network(std::uint64_t number) ORVEL_REQUIRES(m_mutex);
+
+  std::function<void()> m_at_death;
 
   mutable std::mutex m_mutex;
   Link m_link ORVEL_GUARDED_BY(m_mutex);

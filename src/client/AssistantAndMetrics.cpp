@@ -44,7 +44,7 @@ bool OrvelDelegateClient::send(const AssistantEvent& event, EventOutcomeCallback
   });
   // An outcome that is told already says that the assistant has accepted the event, whatever became of the answer.
   if (!accepted && holder.event().close()) return false;
-  if (event.deadline.count() > 0) m_state.events().limit(holder.shared(), event.deadline);
+  m_state.events().await(holder.shared(), event.deadline);
   return true;
 }
 

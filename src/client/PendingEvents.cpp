@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "binder/LinkBoard.h"
 #include "client/ClientState.h"
 
 namespace orvel::service_apis {
@@ -19,12 +20,47 @@ bool PendingEvent::tell(const EventOutcome& outcome) {
   return true;
 }
 
-EventHolder::Held::~Held() {
+void PendingEvent::lose() noexcept {
   if (g_quiet) return;
   try {
-    event->tell({"LOST", true});
+    tell({"LOST", true});
   } catch (const std::exception& error) {
     s_client_logger.e("%s:A callback for the outcome of an event threw: %s", __func__, error.what());
+  }
+}
+
+EventHolder::Held::~Held() {
+  event->lose();
+}
+
+PendingEvents::PendingEvents(LibraryThreads& threads) : m_threads(threads) {
+  LinkBoard::instance().record(Service::kEvents).at_death([this] { lose_all(); });
+}
+
+void PendingEvents::await(const PendingEventPtr& event, std::chrono::nanoseconds deadline) {
+  const Disposal disposal;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_accepted.remove_if([](const auto& each) {
+      const PendingEventPtr other = each.lock();
+      return !other || other->is_over();
+    });
+    m_accepted.push_back(event);
+  }
+  // A death that came before, between the service's answer and this, has not lost it.
+  const LinkState link = LinkBoard::instance().record(Service::kEvents).state();
+  if (link == LinkState::kAway || link == LinkState::kGivenUp) event->lose();
+  if (deadline.count() > 0) limit(event, deadline);
+}
+
+void PendingEvents::lose_all() {
+  std::list<std::weak_ptr<PendingEvent>> lost;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    lost.swap(m_accepted);
+  }
+  for (const auto& each : lost) {
+    if (const PendingEventPtr event = each.lock()) event->lose();
   }
 }
 

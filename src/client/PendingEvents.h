@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,8 @@ class PendingEvent {
 
   // Tells the outcome, unless one was told. True when this did so.
   bool tell(const EventOutcome& outcome);
+  // The same for an event that is lost. What the callback throws is logged.
+  void lose() noexcept;
   // From now on none is told; false when one was told already.
   bool close() { return !m_is_over.exchange(true); }
   [[nodiscard]] bool is_over() const { return m_is_over; }
@@ -54,13 +57,16 @@ class EventHolder {
   DisposablePtr m_held;
 };
 
-// The deadlines of events, on a thread that exists while there are any. Threads: any.
+// The events that were accepted, and the deadlines of some, on a thread that exists while there are any. Threads: any.
+//
+// A death loses them all at once. libvesk lets go of what a dead service held, too, but perhaps behind the word of its
+// death, and so behind the minutes in which the service is looked for.
 class PendingEvents {
  public:
-  explicit PendingEvents(LibraryThreads& threads) : m_threads(threads) {}
+  explicit PendingEvents(LibraryThreads& threads);
 
-  // Tells "TIMEOUT" when the deadline has passed from now.
-  void limit(const PendingEventPtr& event, std::chrono::nanoseconds deadline) ORVEL_EXCLUDES(m_mutex);
+  // The event was accepted. Tells "TIMEOUT" when the deadline, unless it is zero, has passed from now.
+  void await(const PendingEventPtr& event, std::chrono::nanoseconds deadline) ORVEL_EXCLUDES(m_mutex);
   // The event is over.
   void forget(const PendingEvent& event) ORVEL_EXCLUDES(m_mutex);
 
@@ -68,10 +74,13 @@ class PendingEvents {
   static void keep_quiet();
 
  private:
+  void limit(const PendingEventPtr& event, std::chrono::nanoseconds deadline) ORVEL_EXCLUDES(m_mutex);
+  void lose_all() ORVEL_EXCLUDES(m_mutex);
   void watch() ORVEL_EXCLUDES(m_mutex);
 
   LibraryThreads& m_threads;
   std::mutex m_mutex;
+  std::list<std::weak_ptr<PendingEvent>> m_accepted ORVEL_GUARDED_BY(m_mutex);  // some of which are over
   std::multimap<waiting::TimePoint, PendingEventPtr> m_deadlines ORVEL_GUARDED_BY(m_mutex);
   bool m_is_watched ORVEL_GUARDED_BY(m_mutex) = false;        // by a thread, which ends when there is no deadline
   waiting::Bell* m_bell ORVEL_GUARDED_BY(m_mutex) = nullptr;  // of that thread

@@ -17,6 +17,9 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvelctl am broadcast -a X --ei k 99999999999", "--ei k: expected a number of 32 bits"},
       {"orvelctl am start -a X --es k 1 --es k 2", "--es k: given twice"},
       {"orvelctl am start -n com.example.app", "expected PACKAGE/CLASS"},
+      {"orvelctl setting k --default x", "--default: expected a number of 32 bits, not 'x'"},
+      {"orvelctl wait toaster", "toaster not in {delegate,power,"},
+      {"orvelctl wait power --state stopped", "stopped not in {up,away,given-up}"},
       {"orvelctl wake-lock half", "half not in {partial,full}"},
       {"orvelctl pm resource com.quarlo.home seven", "id = seven"},
       {"orvelctl am start -n a/.B c/.D", "'c/.D' and --component exclude each other"},
@@ -69,6 +72,10 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
   } rows[] = {
       {"get registered", "yes", R"({"registered":true})"},
       {"setting some_key --default -7", "-7", R"({"key":"some_key","value":-7})"},
+      {"setting some_key --text", "", R"({"key":"some_key","value":null})"},
+      {"setting some_key --text --default none", "none", R"({"key":"some_key","value":"none"})"},
+      {"setting volume_alarm --text", "5", R"({"key":"volume_alarm","value":"5"})"},
+      {"wait power", "power         up          epoch 1", R"({"service":"power","state":"up","epoch":1,"held":0,)"},
       {"assistant", "connected", R"({"assistantConnected":true})"},
       {"wake-lock partial", "acquired", R"({"wakeLock":"partial","acquired":true})"},
       {"pm version-code app", "-7", R"({"package":"app","versionCode":"-7"})"},
@@ -108,18 +115,17 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
         "exception delegate sendBroadcast --message 'not now'", "exception delegate registerForSecureSettings",
         "truncate delegate getCOR 4", "truncate activity 8", "hang delegate getPFM");
   limitCalls(800);
-  expectRows({{"orvelctl get name", "", 1, "Received error: -8 [boom]"},
-              {"orvelctl get name", "", 1, "Stack Trace: at work"},
-              {"orvelctl get country", "\n"},
+  expectRows({{"orvelctl get name", "", 1, "Stack Trace: at work"},
               {"orvelctl get marketplace --timeout 0.1", "", 4, "gave up after 0.1 s"},
-              {"orvelctl setting word", "", 1, "setting word: its value is not a number"},
+              {"orvelctl setting word --text", "seven\n"},
               {"orvelctl wake-lock partial", "", 1, "not available in interface version 1"},
-              {"orvelctl device --json", R"(..."country":"","marketplace":null,)", 1},
+              {"orvelctl device --json", R"(..."country":null,"marketplace":null,)", 1},
               {"orvelctl device", "...marketplace    ?\n", 1},
               {"orvelctl am launch none", nullptr, 1},
-              {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: the call failed"}});
+              {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: exception -"}});
   limitCalls();
   order("kill delegate");
+  expectRows({{"orvelctl screen --timeout 20", "on\n"}, {"orvelctl screen 2>&1", "on\n"}});
   for (const int signal : {SIGINT, SIGTERM}) {
     const auto waiting = start("orvelctl get name", "waiting for service orvel_delegate");
     waiting->signal(signal);
@@ -138,8 +144,10 @@ TEST_F(CommandLine, EachResultOfAnEventIsToldWithItsAdviceAndItsStatus) {
               {set + "INVALID_EVENT" + send + "20", "INVALID_EVENT, not to be tried again\n", 1},
               {set + "-1" + send + "20", "UNKNOWN_ERROR, may be tried again\n", 1},
               {set + "SUCCESS --malformed" + send + "20", "UNKNOWN_ERROR, may be tried again\n", 1},
-              {set + "SUCCESS --never" + send + "0.2", "", 4},
-              {set + "SUCCESS --reply 2" + send + "20", "", 1}});
+              {set + "SUCCESS --never" + send + "20", "LOST, may have been handled\n", 5},
+              {set + "SUCCESS --delay 60000" + send + "0.2", "", 4},
+              {set + "SUCCESS --delay 60000" + send + "20 --deadline 0.2", "TIMEOUT, may be tried again\n", 4},
+              {set + "SUCCESS --reply 2" + send + "20", "", 1, "event N n: refused: "}});
 }
 
 TEST_F(CommandLine, EachVerbShowsWhatIsInForceInWordsThatWouldSetIt) {

@@ -50,9 +50,12 @@ inline std::string contentOf(const std::filesystem::path& file) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// Without the time of each line.
+// Without what differs from run to run.
 inline std::string withoutTimes(const std::string& lines) {
   return std::regex_replace(lines, std::regex("\"timeMs\":[0-9]+,"), "");
+}
+inline std::string withoutNumbers(const std::string& lines) {
+  return std::regex_replace(withoutTimes(lines), std::regex("\"sequence\":[0-9]+,\"epoch\":1,"), "");
 }
 
 inline bool has(const std::string& text, const std::string& part) {
@@ -133,6 +136,12 @@ class Device : public NoDevice, public ::testing::WithParamInterface<bool> {
   static std::string ask(Process& client, const std::string& method) {
     client.write("ask " + method);
     return client.waitForOutput("answer ");
+  }
+  pid_t pidOf(const std::string& service) const {
+    for (const json& entry : view("services")) {
+      if (entry.at("service") == service) return entry.at("pid");
+    }
+    return 0;
   }
   static void awaitRebinding(Process& client) { client.waitForError("on_binder_died:Death callback completed"); }
 

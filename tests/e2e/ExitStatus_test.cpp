@@ -38,17 +38,20 @@ const Command kCommands[] = {
     {"get marketplace", "delegate", "getPreferredMarketPlace"},
     {"setting k", "delegate", "getSecureSettingInt"},
     {"settings get secure k", "delegate", "getSecureSettingInt"},
+    {"setting k --text", "delegate", "getSecureSetting"},
     {"screen", "power", "isScreenOn"},
     {"wake-lock full", "power", "acquireFullWakeLock"},
     {"wake-lock partial", "power", "acquirePartialWakeLock"},
-    {"watch screen --for 0.01", "delegate", "registerForScreenStateChange"},
-    {"watch name --for 0.01", "delegate", "registerForDeviceNameChange"},
-    {"watch registration --for 0.01", "delegate", "registerForDeviceRegistrationChange"},
-    {"watch assistant --for 0.01", "delegate", "registerForMaroConnectivityChange"},
-    {"watch network --for 0.01", "", "registerForNetworkConnectivityChange unregisterForNetworkConnectivityChange"},
-    {"watch package --for 0.01", "delegate", "registerForPackageAction"},
-    {"watch time --for 0.01", "delegate", "registerForTimeSync"},
-    {"watch setting:k --for 0.01", "delegate", "registerForSecureSettingIntChange"},
+    {"watch screen --for 0.01", "delegate", "subscribeScreenStateChange subscribeLink"},
+    {"watch name --for 0.01", "delegate", "subscribeDeviceNameChange"},
+    {"watch registration --for 0.01", "delegate", "subscribeDeviceRegistrationChange"},
+    {"watch assistant --for 0.01", "delegate", "subscribeMaroConnectivityChange"},
+    {"watch network --for 0.01", "connectivity",
+     "subscribeNetworkConnectivityChange unregisterForNetworkConnectivityChange"},
+    {"watch package --for 0.01", "delegate", "subscribePackageAction"},
+    {"watch time --for 0.01", "delegate", "subscribeTimeSync"},
+    {"watch setting:k --for 0.01", "delegate", "subscribeSecureSetting subscribeSecureSettingIntChange"},
+    {"watch broadcast:X --for 0.01", "delegate", "subscribeBroadcast"},
     {"am broadcast-int X a/.B k 1", "delegate", "broadcastIntentWithIntKey"},
     {"am broadcast -a X", "delegate", "broadcastIntent"},
     {"am broadcast -a X --receiver-permission p", "delegate", "broadcastIntentWithPermission"},
@@ -66,9 +69,11 @@ const Command kCommands[] = {
     {"pm resource com.quarlo.home 7", "delegate", "getRawResourceAsString"},
     {"pm has-feature android.hardware.wifi", "delegate", "hasSystemFeature"},
     {"pm query-receivers X", "delegate", "getBroadcastReceiverPackageNames"},
-    {"event Speaker VolumeChanged", "events", "sendEvent"},
-    {"directive Speaker --for 0.01", "", "registerForDirective"},  // this process serves it itself
+    {"event Speaker VolumeChanged", "events", "send"},
+    {"directive Speaker --for 0.01", "", "subscribeDirective"},  // this process serves it itself
     {"metric a b", "metrics", "recordTarselMetricEvent"},
+    {"links", "", "state"},
+    {"wait delegate", "", "waitFor rebind"},
 };
 
 // In orvel-sim, of the services of the table of methods.
@@ -77,13 +82,25 @@ const std::map<int, std::string> kServices = {
     {test::kActivities, "activity"},      {test::kMetrics, "metrics"}, {test::kPackages, "packages"},
     {test::kConnectivity, "connectivity"}};
 
+// The documented method whose subcommand a method beside it shares, because both ask the service for the same.
+std::string twinOf(const std::string& name) {
+  static const std::map<std::string, std::string> others = {
+      {"send", "sendEvent"},
+      {"getSecureSetting", "getSecureSettingInt"},
+      {"subscribeBroadcast", "registerForPackageAction"},
+      {"subscribeSecureSetting", "registerForSecureSettingIntChange"}};
+  const auto other = others.find(name);
+  return other != others.end() ? other->second : std::regex_replace(name, std::regex("^subscribe"), "registerFor");
+}
+
 Names namesIn(const std::string& text) {
   std::istringstream words(text);
   return {std::istream_iterator<std::string>(words), {}};
 }
 
 // Those whose death or silence a client cannot miss.
-constexpr const char* kAskedServices[] = {"delegate", "power", "activity", "packages", "events", "metrics"};
+constexpr const char* kAskedServices[] = {"delegate", "power",   "activity",    "packages",
+                                          "events",   "metrics", "connectivity"};
 
 constexpr int kNotHere = -1;  // where it would depend on how fast the machine is
 
@@ -103,7 +120,10 @@ class ExitStatus : public NoDevice {
     for (const auto& [each, process] : running) {
       SCOPED_TRACE(each->words);
       const int ended = process->wait();
-      expectJson({ended, process->output(), process->error()}, statusOf(*each));
+      const json failure = expectJson({ended, process->output(), process->error()}, statusOf(*each));
+      if (ended != 5) continue;
+      EXPECT_EQ(failure.at("error").at("reason"), "not-bound");
+      EXPECT_TRUE(has(failure.at("error").at("message"), ": not bound: given up (")) << failure;
     }
   }
 
@@ -144,8 +164,9 @@ class ExitStatus : public NoDevice {
 
 TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
   const auto device = serve();
-  Names methods = {"getClient", "initialize", "shutdown"};
-  Names made = {"metrics.3"};  // its version, for which there is no use yet
+  Names methods = {"getClient", "initialize", "start", "shutdown", "setExecutor"};
+  const Names linked = {"subscribeLink", "state", "waitFor", "rebind"};  // which ask no service
+  Names made = {"metrics.3"};                                            // its version, for which there is no use yet
   std::size_t seen = 0;
   for (const Command& row : kCommands) {
     const std::string command = "orvelctl " + row.words;
@@ -154,7 +175,9 @@ TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
     Names expected;
     for (const std::string& name : namesIn(row.methods)) {
       methods.insert(name);
-      const test::Method& method = test::method(name);
+      if (linked.count(name) != 0) continue;
+      methods.insert(twinOf(name));
+      const test::Method& method = test::method(twinOf(name));
       for (const test::Request& request : method.requests) {
         if (request.code != 0) expected.insert(kServices.at(method.service) + "." + std::to_string(request.code));
       }
@@ -170,7 +193,8 @@ TEST_F(ExitStatus, EveryMethodHasASubcommandAndEveryServedRequestIsMade) {
     EXPECT_TRUE(leaf == "doctor" || std::any_of(std::begin(kCommands), std::end(kCommands), is_for)) << leaf;
   }
   // Each is declared on a line that begins with its result's type.
-  EXPECT_EQ(methods, namesIn(outputOf("sed -nE 's/^  [a-z][^(]*[ &]([A-Za-z]+)\\(.*/\\1/p' " ORVEL_PUBLIC_HEADER)));
+  EXPECT_EQ(methods, namesIn(outputOf("sed -nE 's/^  (\\[\\[nodiscard\\]\\] )?[A-Za-z][^(]*[ "
+                                      "&]([a-z][A-Za-z]+)\\(.*/\\2/p' " ORVEL_PUBLIC_HEADER)));
   // All that the services have, from the help of a verb: "delegate:" and what that is for, below "33 getDeviceName()".
   EXPECT_EQ(made, namesIn(outputOf("orvel-sim delay --help | "
                                    "awk '$1 ~ /:$/ { s = $1 } $1 ~ /^[0-9]+$/ { print s $1 }' | tr : .")));
@@ -213,10 +237,47 @@ TEST_F(ExitStatus, IsFourWhenAServiceHangs) {
   EXPECT_EQ(failure.at("further").back().at("service"), "com.quarlo.orvel.powermanager");
 }
 
-TEST_F(ExitStatus, IsFourWhenTheTimeEndsWhileAServiceIsWaitedFor) {
+TEST_F(ExitStatus, ADeadServiceCostsThoseAloneThatAskIt) {
   const auto device = serve();
   order("kill power");
-  expectOfAll(4, 4, " --json --timeout 0.4");
+  for (const Command& each : kCommands) {
+    const bool asks = each.service == std::string("power") || each.words == "device";
+    expectJson("orvelctl " + each.words + " --json --timeout " + (asks ? "0.4" : "15"), asks ? 4 : 0);
+  }
+  const Result links = run("orvelctl links --for 0.2");
+  EXPECT_TRUE(has(links.output, "power         connecting  epoch 0  the service is looked for\n")) << links.output;
+  expectRows({{"orvelctl wait power --for 0.2", "", 4, "wait for power: timed out after 0.2 s"}});
+}
+
+TEST_F(ExitStatus, TheReasonOfAFailureIsToldInAWord) {
+  const auto device = serve();
+  order("exception delegate getDeviceName --code -8 --message boom", "truncate delegate getCOR 4",
+        "drop delegate getDeviceInfo 1", "hang power isInteractive", "set power interfaceVersion 1",
+        "set setting word seven", "event-result 0 --never");
+  limitCalls(400);
+  const struct {
+    const char* words;
+    int status;
+    const char *reason, *message;
+    int code = 0;
+  } rows[] = {
+      {"get name", 1, "exception", "name: exception -8: boom", -8},
+      {"get country", 1, "cut-reply", "country: cut reply (orvel_delegate)"},
+      {"get type", 5, "died", "type: died (orvel_delegate)", -104},
+      {"screen", 4, "timed-out", "screen: timed out after 0.4 s (com.quarlo.orvel.powermanager)", -110},
+      {"wake-lock partial", 1, "failed", "partial wake lock: the power manager is too old to keep the processor awake"},
+      {"setting word", 1, "invalid-argument",
+       "setting word: invalid argument: the value of the setting is not a number that fits in an int"},
+      {"event N n", 5, "lost", "event N n: the result is LOST"},
+  };
+  for (const auto& row : rows) {
+    const json error = expectJson(std::string("orvelctl --json ") + row.words, row.status).at("error");
+    EXPECT_EQ(error.value("reason", ""), row.reason);
+    EXPECT_EQ(error.at("message"), row.message);
+    EXPECT_EQ(error.value("code", 0), row.code) << row.words;
+  }
+  const json refused = expectJson("orvel-sim event-result 0 --reply 2; orvelctl --json event N n", 1);
+  EXPECT_EQ(refused.at("error").at("reason"), "refused");
 }
 
 TEST_F(ExitStatus, IsFiveWhenTheServiceIsDead) {
@@ -227,6 +288,7 @@ TEST_F(ExitStatus, IsFiveWhenTheServiceIsDead) {
     devices.back()->waitForOutput("serving in ");
     expectRows({{there + " orvel-sim kill " + dead}});
   }
+  expectOfAll(4, kNotHere, " --json --timeout 0.4", "env ORVEL_RUNTIME_DIR=$T/@ orvelctl");
   expectOfAll(5, kNotHere, " --json", "env ORVEL_RUNTIME_DIR=$T/@ orvelctl-fast");
 }
 

@@ -27,6 +27,8 @@ Json objectOf(const Failure& failure) {
   add("query", failure.query);
   add("service", failure.service);
   add("directory", failure.directory);
+  add("reason", failure.reason);
+  if (failure.code != 0) object["code"] = failure.code;
   return object;
 }
 

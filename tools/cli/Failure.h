@@ -20,6 +20,8 @@ struct Failure {
   std::string query{};      // what was being done
   std::string service{};    // the name of the one that was asked
   std::string directory{};  // where a device was looked for
+  std::string reason{};     // why a call failed, in a word: "died"
+  int code = 0;             // of the exception, or the errno value that the call failed with; 0 for neither
 };
 
 // {"error": {...}}, in one line without its end. The first failure is the one that gives the exit status; "further"

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "Commands.h"
-#include "Services.h"
 #include "orvel/OrvelIntent.h"
 
 namespace orvelctl {
@@ -109,7 +108,7 @@ CLI::App* addSender(Commands& commands, const char* name, const char* about, con
   const auto intent = std::make_shared<OrvelIntent>();
   CLI::App* sender = commands.add(name, about, [=](Session& session) {
     session.carryOut(
-        name, kDelegate, [&](Client& client) { return send(client, intent.get()); }, {{done, true}}, done);
+        name, Service::kDelegate, [&](Client& client) { return send(client, intent.get()); }, {{done, true}}, done);
   });
   addIntentOptions(sender, *options);
   sender->parse_complete_callback([=] {
@@ -144,7 +143,7 @@ void addBroadcasts(Commands& commands) {
         const auto call = [&, &package = package, &name = name](Client& client) {
           return client.broadcastIntentWithIntKey(given->action, package, name, given->key, given->value);
         };
-        session.carryOut("broadcast-int", kDelegate, call, {{"sent", true}}, "sent");
+        session.carryOut("broadcast-int", Service::kDelegate, call, {{"sent", true}}, "sent");
       });
   addText(one, "action", given->action, "");
   addText(one, "component", given->component, "PACKAGE/CLASS")
@@ -160,7 +159,8 @@ void addBroadcasts(Commands& commands) {
 
 void addProcesses(Commands& commands) {
   commands.add("foreground", "List the packages of the processes in the foreground", [](Session& session) {
-    showPackages(session, "foreground packages", kActivities, Json::object(), namesBy(&Client::getForegroundPackages));
+    showPackages(session, "foreground packages", Service::kActivity, Json::object(),
+                 namesBy(&Client::getForegroundPackages));
   });
 
   const auto package = std::make_shared<std::string>();
@@ -169,10 +169,10 @@ void addProcesses(Commands& commands) {
       bool found = false;
       bool focused = false;
       int importance = 0;
-      if (!client.getAppProcessState(*package, found, importance, focused)) return Json();
+      client.getAppProcessState(*package, found, importance, focused);
       return Json{{"package", *package}, {"running", found}, {"importance", importance}, {"focused", focused}};
     };
-    if (const auto result = session.ask("process state of " + *package, kActivities, nullptr, query)) {
+    if (const auto result = session.ask("process state of " + *package, Service::kActivity, query)) {
       std::string text = "not running";
       if (result->at("running")) {
         text = "importance " + result->at("importance").dump() + (result->at("focused") ? ", focused" : "");
@@ -198,7 +198,7 @@ void addActivityCommands(Commands& commands) {
   const auto package = std::make_shared<std::string>();
   CLI::App* launch = group.add("launch", "Start the main activity of a package", [package](Session& session) {
     const auto call = [&](Client& client) { return client.launchApplicationWithPackageName(*package); };
-    session.carryOut("launch " + *package, kDelegate, call, {{"launched", *package}}, "launched");
+    session.carryOut("launch " + *package, Service::kDelegate, call, {{"launched", *package}}, "launched");
   });
   addText(launch, "package", *package, "");
   addProcesses(group);

@@ -1,42 +1,41 @@
 // orvelctl event, directive and metric: the voice assistant and the device's metrics.
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "Commands.h"
-#include "LogWatch.h"
-#include "Services.h"
 #include "Watch.h"
+#include "orvel/AssistantEvent.h"
+#include "orvel/CallbackQueue.h"
 #include "orvel/TarselMetricEvent.h"
+#include "tools/cli/Options.h"
 
 namespace orvelctl {
 namespace {
 
+using orvel::service_apis::AssistantEvent;
+using orvel::service_apis::CallbackQueue;
+using orvel::service_apis::EventOutcome;
 using orvel::service_apis::TarselMetricEvent;
 using orvel::service_apis::TarselPredefined;
 
 constexpr char kEventFooter[] = R"(
 What the texts, the flag and the payload mean is between the caller and the assistant; a payload ends at its first NUL.
-The result is one of SUCCESS, SUCCESS_NO_CONTENT, MARO_DISCONNECTED, INTERNAL_ERROR, TIMEOUT, INVALID_EVENT and
-UNKNOWN_ERROR; the exit status is 0 for the first two and 1 for the others. Without --timeout it is waited for until it
-comes or the service dies.)";
+The result is one of SUCCESS, SUCCESS_NO_CONTENT, MARO_DISCONNECTED, INTERNAL_ERROR, TIMEOUT, INVALID_EVENT,
+UNKNOWN_ERROR and LOST: the service died, or let go of the event without a result. The exit status is 0 for the first
+two, 5 for LOST, 4 for TIMEOUT with --deadline, and 1 for the others.)";
 
 constexpr char kDirectiveFooter[] = R"(
 One process at a time has a namespace. It keeps it until it ends, also when services die. `orvelctl watch
@@ -45,93 +44,63 @@ directive:NAMESPACE` is the same beside other kinds of changes.)";
 constexpr std::size_t kMoreTexts = 5;  // of an event, behind its namespace and its name
 
 struct EventOptions {
-  std::string nspace;
-  std::string name;
+  AssistantEvent event;
   std::vector<std::string> texts;
-  bool flag = false;
-  std::string payload;
   std::optional<std::string> payload_file;
+  double deadline = 0;  // seconds; 0: none
 };
 
-struct EventResult {
-  std::string name;
-  bool retryable = false;
-};
-
-// From the callback to the thread that waits. Shared by the two, because a callback may come after the wait has ended.
-class Outcome {
- public:
-  Outcome() : m_there(eventfd(0, EFD_CLOEXEC)) {
-    if (m_there < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  }
-  ~Outcome() { close(m_there); }
-  Outcome(const Outcome&) = delete;
-  Outcome& operator=(const Outcome&) = delete;
-
-  void set(EventResult result) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_result = std::move(result);
-    eventfd_write(m_there, 1);
-  }
-  std::optional<EventResult> get() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_result;
-  }
-
-  // Readable once there is a result.
-  int descriptor() const { return m_there; }
-
- private:
-  const int m_there;
-  std::mutex m_mutex;
-  std::optional<EventResult> m_result;
-};
-
-// Waits for the result; nothing when the session ends or the service dies first, which `losses_before` tells.
-std::optional<EventResult> await(const Session& session, Outcome& outcome, unsigned losses_before) {
+// Waits for the outcome; nothing when the session ends first.
+std::optional<EventOutcome> await(const Session& session, CallbackQueue& callbacks,
+                                  const std::optional<EventOutcome>& outcome) {
   constexpr int kSilentMs = 1000;
   int patience = kSilentMs;
-  while (true) {
-    pollfd descriptors[] = {
-        {session.interruption(), POLLIN, 0}, {outcome.descriptor(), POLLIN, 0}, {losses(), POLLIN, 0}};
+  while (!outcome) {
+    pollfd descriptors[] = {{session.interruption(), POLLIN, 0}, {callbacks.fd(), POLLIN, 0}};
     if (poll(descriptors, std::size(descriptors), patience) == 0) {
       std::cerr << "orvelctl: waiting for the result; Ctrl-C gives up" << std::endl;
       patience = -1;
     }
     if (descriptors[0].revents != 0) return std::nullopt;
-    // A death is told after everything that the service has sent before.
-    const bool lost = lossesOf(kEvents) != losses_before;
-    if (auto result = outcome.get(); result || lost) return result;
-    eventfd_t ignored = 0;
-    eventfd_read(losses(), &ignored);
+    callbacks.dispatch();
   }
+  return outcome;
 }
 
-void sendEvent(Session& session, const EventOptions& event) {
-  const std::string what = "event " + event.nspace + " " + event.name;
-  std::array<std::string, kMoreTexts> texts;
-  std::copy(event.texts.begin(), event.texts.end(), texts.begin());
-  const auto outcome = std::make_shared<Outcome>();
-  const auto take = [outcome](std::string name, bool retryable) { outcome->set({std::move(name), retryable}); };
-  const auto send = [&](Client& client) {
-    return client.sendEvent(event.nspace, event.name, texts[0], texts[1], texts[2], texts[3], texts[4], event.flag,
-                            event.payload, take);
-  };
-  const unsigned losses_before = lossesOf(kEvents);
-  const auto accepted = session.ask(what, kEvents, false, send);
-  if (!accepted) return;
-  if (*accepted == false) return session.fail(what, "refused", kEvents);
-  const auto result = await(session, *outcome, losses_before);
-  if (!result) {
-    if (session.status() == kSuccess) session.fail(what, "the service died before the result", kEvents, kNotBound);
-    return;
+// The failure that a result other than success is.
+Failure failureOf(const std::string& what, const EventOptions& options, const std::string& result) {
+  Failure failure{kFailed, what + ": the result is " + result, what, boundName(Service::kEvents)};
+  if (result == "LOST") {
+    failure.exitStatus = kNotBound;
+    failure.reason = "lost";
+  } else if (result == "TIMEOUT" && options.deadline > 0) {
+    failure.exitStatus = kTimedOut;
+    failure.reason = "timed-out";
   }
-  const bool success = result->name.rfind("SUCCESS", 0) == 0;
-  const char* const advice = result->retryable ? ", may be tried again" : ", not to be tried again";
-  session.print(
-      {{"namespace", event.nspace}, {"name", event.name}, {"result", result->name}, {"retryable", result->retryable}},
-      result->name + (success ? "" : advice));
-  if (!success) session.fail(what, "the result is " + result->name, kEvents);
+  return failure;
+}
+
+void sendEvent(Session& session, const EventOptions& options) {
+  const AssistantEvent& event = options.event;
+  const std::string what = "event " + event.nspace + " " + event.name;
+  std::optional<EventOutcome> told;
+  CallbackQueue callbacks;  // Behind what the callback writes to: it may come as long as the queue is there.
+  session.client().setExecutor(callbacks.executor());
+  const auto send = [&](Client& client) {
+    return client.send(event, [&told](const EventOutcome& outcome) { told = outcome; });
+  };
+  if (!session.order(what, Service::kEvents, send)) return;
+  const auto outcome = await(session, callbacks, told);
+  if (!outcome) return;
+  const bool success = outcome->result.rfind("SUCCESS", 0) == 0;
+  const char* advice = outcome->retryable ? ", may be tried again" : ", not to be tried again";
+  if (outcome->result == "LOST") advice = ", may have been handled";
+  session.print({{"namespace", event.nspace},
+                 {"name", event.name},
+                 {"result", outcome->result},
+                 {"retryable", outcome->retryable}},
+                outcome->result + (success ? "" : advice));
+  if (!success) session.fail(failureOf(what, options, outcome->result));
 }
 
 // The content of a file, of standard input for "-"; throws CLI::ValidationError.
@@ -146,23 +115,30 @@ std::string readFile(const std::string& name) {
 }
 
 void addEvent(Commands& commands) {
-  const auto event = std::make_shared<EventOptions>();
+  const auto options = std::make_shared<EventOptions>();
+  AssistantEvent& event = options->event;
   CLI::App* subcommand = commands.add("event", "Send the voice assistant an event and wait for its result",
-                                      [event](Session& session) { sendEvent(session, *event); });
-  addText(subcommand, "namespace", event->nspace, "");
-  addText(subcommand, "name", event->name, "");
-  subcommand->add_option("texts", event->texts, "up to five more texts")->type_name("");
-  subcommand->add_flag("--flag", event->flag, "set the event's flag");
-  CLI::Option* payload = subcommand->add_option("--payload", event->payload, "what goes along")->type_name("TEXT");
-  subcommand->add_option("--payload-file", event->payload_file, "the same from a file, - for standard input")
+                                      [options](Session& session) { sendEvent(session, *options); });
+  addText(subcommand, "namespace", event.nspace, "");
+  addText(subcommand, "name", event.name, "");
+  subcommand->add_option("texts", options->texts, "up to five more texts")->type_name("");
+  subcommand->add_flag("--flag", event.flag, "set the event's flag");
+  CLI::Option* payload = subcommand->add_option("--payload", event.payload, "what goes along")->type_name("TEXT");
+  subcommand->add_option("--payload-file", options->payload_file, "the same from a file, - for standard input")
       ->type_name("FILE")
       ->excludes(payload);
+  orvel::cli::inSeconds(subcommand->add_option("--deadline", options->deadline, "wait so long for the result"));
   subcommand->footer(kEventFooter + 1);
-  subcommand->parse_complete_callback([event] {
-    if (event->texts.size() > kMoreTexts) {
-      throw CLI::ValidationError("texts", "at most five, '" + event->texts[kMoreTexts] + "' is one too many");
+  subcommand->parse_complete_callback([options] {
+    AssistantEvent& read = options->event;
+    const std::vector<std::string>& texts = options->texts;
+    if (texts.size() > kMoreTexts) {
+      throw CLI::ValidationError("texts", "at most five, '" + texts[kMoreTexts] + "' is one too many");
     }
-    if (event->payload_file) event->payload = readFile(*event->payload_file);
+    std::string* const further[] = {&read.event3, &read.event4, &read.event5, &read.event6, &read.event7};
+    for (std::size_t n = 0; n < texts.size(); ++n) *further[n] = texts[n];
+    read.deadline = std::chrono::duration_cast<std::chrono::nanoseconds>(Seconds(options->deadline));
+    if (options->payload_file) read.payload = readFile(*options->payload_file);
   });
 }
 
@@ -176,8 +152,8 @@ void addDirective(Commands& commands) {
       ->required()
       ->check([](const std::string& nspace) { return nspace.empty() ? "it is empty" : ""; }, "", "")
       ->type_name("");
-  addLimits(subcommand, *options);
-  subcommand->footer(kDirectiveFooter + 1);
+  addWatchOptions(subcommand, *options);
+  subcommand->footer(std::string(kDirectiveFooter + 1) + "\n" + kLinesFooter);
   subcommand->parse_complete_callback([options, namespaces] {
     for (const std::string& nspace : *namespaces) options->kinds.push_back("directive:" + nspace);
   });
@@ -235,7 +211,7 @@ void addMetric(Commands& commands) {
       client.recordTarselMetricEvent(&options->event);
       return Json();
     };
-    if (session.ask("metric", kMetrics, nullptr, record)) session.print({{"recorded", true}}, "recorded");
+    if (session.ask("metric", Service::kMetrics, record)) session.print({{"recorded", true}}, "recorded");
   });
   addText(subcommand, "first", options->event.header1, "what the event is about, in two texts");
   addText(subcommand, "second", options->event.header2, "");

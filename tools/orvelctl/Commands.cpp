@@ -25,22 +25,23 @@ std::optional<bool> readTruth(const std::string& word) {
 NamesQuery namesBy(bool (Client::*query)(Names&)) {
   return [query](Client& client) {
     Names names;
-    return (client.*query)(names) ? std::optional(std::move(names)) : std::nullopt;
+    (client.*query)(names);
+    return names;
   };
 }
 
-void showPackages(Session& session, const std::string& what, const std::string& service, Json object,
-                  const NamesQuery& query) {
-  // A failed query gives no list, or an empty one.
-  Names names;
-  const auto call = [&](Client& client) {
-    if (auto result = query(client)) names = *std::move(result);
-    return Json(!names.empty());
-  };
-  if (!session.ask(what, service, false, call)) return;
+int readFallback(const std::optional<std::string>& word) {
+  const std::optional<int> number = word ? readNumber<int>(*word) : 0;
+  if (!number) throw CLI::ValidationError("--default", "expected a number of 32 bits, not '" + *word + "'");
+  return *number;
+}
+
+void showPackages(Session& session, const std::string& what, Service service, Json object, const NamesQuery& query) {
+  const auto names = session.ask(what, service, query);
+  if (!names) return;
   std::string text;
-  for (const std::string& name : names) text += (text.empty() ? "" : "\n") + name;
-  object["packages"] = std::move(names);
+  for (const Json& name : *names) text += (text.empty() ? "" : "\n") + name.get<std::string>();
+  object["packages"] = *names;
   if (session.json() || !text.empty()) session.print(object, text);
 }
 

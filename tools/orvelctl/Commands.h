@@ -73,14 +73,16 @@ void putAll(const std::string& option, const KeyedWords& words, const std::strin
 }
 
 using Names = std::vector<std::string>;
-using NamesQuery = std::function<std::optional<Names>(Client&)>;
+using NamesQuery = std::function<Names(Client&)>;
 
 // A query that fills a list and tells whether it could.
 NamesQuery namesBy(bool (Client::*query)(Names&));
 
+// What --default says of an integer, 0 without it. Throws CLI::ValidationError.
+int readFallback(const std::optional<std::string>& word);
+
 // Asks for names, and prints them: one a line, none for none, or as the object with a list "packages".
-void showPackages(Session& session, const std::string& what, const std::string& service, Json object,
-                  const NamesQuery& query);
+void showPackages(Session& session, const std::string& what, Service service, Json object, const NamesQuery& query);
 
 // am: intents and processes, in the words of a device's own am.
 void addActivityCommands(Commands& commands);

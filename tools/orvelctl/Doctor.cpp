@@ -19,7 +19,6 @@
 
 #include "Commands.h"
 #include "DeviceDirectory.h"
-#include "Services.h"
 #include "tools/cli/Colour.h"
 
 namespace orvelctl {
@@ -28,7 +27,8 @@ namespace {
 using orvel::cli::Colour;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr long long kCallLimitMs = 1000;                          // what a service that hangs costs
+constexpr long long kCallLimitMs = 1000;  // what a service that hangs costs
+constexpr std::chrono::milliseconds kCallLimit(kCallLimitMs);
 constexpr long long kLongestCallLimitMs = 24LL * 60 * 60 * 1000;  // the runtime's
 constexpr char kCallLimitVariable[] = "ORVEL_CALL_TIMEOUT_MS";
 constexpr Milliseconds kSlow{250};
@@ -50,36 +50,30 @@ struct Check {
 };
 
 // A service, and a call that changes nothing.
-struct Service {
-  const char* id;  // by which orvel-sim knows it
-  const char* name;
+struct Patient {
+  Service service;
   const char* command = nullptr;  // that asks it; null where every call would change something
-  Json nothing{};                 // what a failed call gives
   std::function<Json(Client&)> ask{};
+
+  const char* id() const { return nameOf(service); }  // by which orvel-sim knows it
+  const char* name() const { return boundName(service); }
 };
 
-Json askNames(Client& client, bool (Client::*query)(Names&)) {
-  const auto names = namesBy(query)(client);
-  return names ? Json(*names) : Json();
-}
-
 // Taken and given back.
-bool subscribeToNetwork(Client& client) {
+Json subscribeToNetwork(Client& client) {
   return client.registerForNetworkConnectivityChange([](bool) {}) && client.unregisterForNetworkConnectivityChange();
 }
 
-const std::vector<Service>& services() {
-  static const std::vector<Service> all = {
-      {"delegate", kDelegate, "get name", "", &Client::getDeviceName},
-      {"power", kPower, "screen", false, &Client::isScreenOn},
-      {"connectivity", kConnectivity, "watch network --for 1", false, subscribeToNetwork},
-      {"activity", kActivities, "am foreground", nullptr,
-       [](Client& client) { return askNames(client, &Client::getForegroundPackages); }},
-      {"packages", kPackages, "pm list packages", nullptr,
-       [](Client& client) { return askNames(client, &Client::getInstalledPackageNames); }},
-      {"events", kEvents},
-      {"coordinator", kCoordinator},
-      {"metrics", kMetrics},
+const std::vector<Patient>& patients() {
+  static const std::vector<Patient> all = {
+      {Service::kDelegate, "get name", &Client::getDeviceName},
+      {Service::kPower, "screen", &Client::isScreenOn},
+      {Service::kConnectivity, "watch network --for 1", subscribeToNetwork},
+      {Service::kActivity, "am foreground", namesBy(&Client::getForegroundPackages)},
+      {Service::kPackages, "pm list packages", namesBy(&Client::getInstalledPackageNames)},
+      {Service::kEvents},
+      {Service::kCoordinator},
+      {Service::kMetrics},
   };
   return all;
 }
@@ -101,7 +95,7 @@ class Examination {
   void run() {
     lookAtPrograms();
     lookAtCallLimit();
-    if (lookAtDirectory() && lookAtServices()) askServices();
+    if (lookAtDirectory()) lookAtServices();
     report();
   }
 
@@ -171,54 +165,43 @@ class Examination {
     return false;
   }
 
-  // Whether all are there: the client would wait for the others.
-  bool lookAtServices() {
-    std::vector<pid_t> servers;
-    for (const Service& service : services()) servers.push_back(serverOf(m_directory.path, service.name));
-    const auto is_fit = [](pid_t server) { return server != 0 && !isStopped(server); };
-    if (std::all_of(servers.begin(), servers.end(), is_fit)) return true;
-    for (std::size_t n = 0; n < servers.size(); ++n) {
-      const Service& service = services()[n];
-      const std::string process = "process " + std::to_string(servers[n]);
-      const auto fail = [&](const std::string& message, const std::string& advice, ExitStatus status) {
-        add({service.id, State::kFailure, service.name + message, advice, {}, status, service.name, {}});
-      };
-      if (servers[n] == 0) {
-        fail(" is dead: no process serves it", std::string("orvel-sim restart ") + service.id, kNotBound);
-      } else if (isStopped(servers[n])) {
-        fail(" hangs: " + process + " is stopped", "kill -CONT " + std::to_string(servers[n]), kTimedOut);
-      } else {
-        add({service.id, State::kOk,
-             service.name + (" is served by " + process) + "; not asked while another is away"});
-      }
-    }
-    return false;
-  }
-
-  void askServices() {
+  void lookAtServices() {
     if (!m_session.open()) return;
-    for (const Service& service : services()) {
-      if (service.command != nullptr) {
-        ask(service);
+    for (const Patient& patient : patients()) {
+      const std::string name = patient.name();
+      const std::string id = patient.id();
+      const pid_t server = serverOf(m_directory.path, name);
+      const auto fail = [&](const std::string& message, const std::string& advice, ExitStatus status) {
+        add({id, State::kFailure, name + message, advice, {}, status, name, {}});
+      };
+      if (server == 0) {
+        fail(" is dead: no process serves it", "orvel-sim restart " + id, kNotBound);
+      } else if (isStopped(server)) {
+        const std::string process = std::to_string(server);
+        fail(" hangs: process " + process + " is stopped", "kill -CONT " + process, kTimedOut);
+      } else if (!m_session.client().waitFor(patient.service, orvel::service_apis::LinkState::kUp, kCallLimit)) {
+        fail(" hangs: it cannot be bound", "orvel-sim restart " + id, kTimedOut);
+      } else if (patient.command != nullptr) {
+        ask(patient);
       } else {
-        add({service.id, State::kOk, std::string(service.name) + " is bound; every question would change something"});
+        add({id, State::kOk, name + " is bound; every question would change something"});
       }
     }
   }
 
-  void ask(const Service& service) {
-    const std::string name = service.name;
+  void ask(const Patient& patient) {
+    const std::string name = patient.name();
+    const std::string id = patient.id();
     std::array<Milliseconds, kCalls> times{};
     for (Milliseconds& time : times) {
       const auto start = std::chrono::steady_clock::now();
-      const auto answer = m_session.call(service.id, name, service.nothing, service.ask);
+      const auto answer = m_session.call(id, patient.service, patient.ask);
       time = std::chrono::steady_clock::now() - start;
       const auto* failure = std::get_if<Failure>(&answer);
       if (failure == nullptr) continue;
       const bool hangs = failure->exitStatus == kTimedOut;
-      const std::string id = service.id;
       const std::string advice = hangs ? "orvel-sim hang " + id + " off; orvel-sim restart " + id
-                                       : std::string("orvelctl --log-level error ") + service.command;
+                                       : std::string("orvelctl --log-level error ") + patient.command;
       const char* const message = hangs                              ? " hangs: it does not answer"
                                   : failure->exitStatus == kNotBound ? " has died meanwhile"
                                                                      : " answers with an error";
@@ -229,7 +212,7 @@ class Examination {
     std::ostringstream message;
     message << name << " answers in " << std::fixed << std::setprecision(2) << median.count() << " ms";
     const bool slow = median > kSlow;
-    add({service.id, slow ? State::kWarning : State::kOk, message.str() + (slow ? ", which is slow" : ""),
+    add({id, slow ? State::kWarning : State::kOk, message.str() + (slow ? ", which is slow" : ""),
          slow ? "orvel-sim traffic --past" : "", median.count()});
   }
 

@@ -1,30 +1,15 @@
-// Follows the library's log, which alone tells a failed call from an empty result and a dead service from a slow one.
+// Shows the library's log on standard error.
 #pragma once
 
 #include <string>
 
 namespace orvelctl {
 
-// Takes the log over: lines of at least `level` (an Android log priority) go to standard error.
-void watchLog(int level);
+// Takes the log over: lines of at least `level` (an Android log priority) are shown. Unless it is to be `whole`,
+// without those that name a service that is not followed: the client looks for all services, whatever is asked.
+void watchLog(int level, bool whole);
 
-// Whether the library has said that there is no device. Its IPC library names the directory in a line of its own.
-bool saidNoDevice();
-
-// Whether the service was given up or has died, and was not bound again since.
-bool isUnbound(const std::string& service);
-
-// How often the service was given up or has died; losses() is readable after each time, of any service.
-unsigned lossesOf(const std::string& service);
-int losses();
-
-// What the library logged on this thread from the construction on. One at a time on a thread.
-class CallLog {
- public:
-  CallLog();
-  bool hasError() const;
-  bool hasTimedOut() const;  // a service did not answer within the call limit
-  bool hasMetDeath() const;  // a service died before it answered; the notice of that may come later, on another thread
-};
+// From now on lines that name the service are shown.
+void followService(const std::string& name);
 
 }  // namespace orvelctl

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "Commands.h"
-#include "Services.h"
 
 namespace orvelctl {
 namespace {
@@ -27,24 +26,26 @@ struct Options {
 
 void listPackages(Session& session, const Options& options) {
   if (!options.uid) {
-    showPackages(session, "installed packages", kPackages, Json::object(), namesBy(&Client::getInstalledPackageNames));
+    showPackages(session, "installed packages", Service::kPackages, Json::object(),
+                 namesBy(&Client::getInstalledPackageNames));
     return;
   }
   const auto query = [&](Client& client) { return client.getPackageNamesForUid(*options.uid); };
-  showPackages(session, "packages of uid " + std::to_string(*options.uid), kDelegate, {{"uid", *options.uid}}, query);
+  showPackages(session, "packages of uid " + std::to_string(*options.uid), Service::kDelegate, {{"uid", *options.uid}},
+               query);
 }
 
 void listReceivers(Session& session, const Options& options) {
   const auto query = [&](Client& client) {
     return client.getBroadcastReceiverPackageNames(options.name, options.flags.value_or(0));
   };
-  showPackages(session, "receivers of " + options.name, kDelegate, {{"action", options.name}}, query);
+  showPackages(session, "receivers of " + options.name, Service::kDelegate, {{"action", options.name}}, query);
 }
 
-// Shows what `query` gives under `key`, behind what `object` holds. `nothing` is what a failed query gives.
-void showValue(Session& session, const std::string& what, Json object, const char* key, const Json& nothing,
+// Shows what `query` gives under `key`, behind what `object` holds.
+void showValue(Session& session, const std::string& what, Json object, const char* key,
                const std::function<Json(Client&)>& query) {
-  const auto value = session.ask(what, kDelegate, nothing, query);
+  const auto value = session.ask(what, Service::kDelegate, query);
   if (!value) return;
   object[key] = *value;
   session.print(object, value->is_string() ? value->get<std::string>() : value->dump());
@@ -56,15 +57,8 @@ using Version = std::string (Client::*)(const std::string& package, long long fl
 std::function<void(Session&, const Options&)> showVersion(const char* key, Version version) {
   return [=](Session& session, const Options& options) {
     const auto query = [&](Client& client) { return (client.*version)(options.name, options.flags.value_or(0)); };
-    showValue(session, "version of " + options.name, {{"package", options.name}}, key, "", query);
+    showValue(session, "version of " + options.name, {{"package", options.name}}, key, query);
   };
-}
-
-// What --default says of an integer.
-int readFallback(const std::optional<std::string>& word) {
-  const std::optional<int> number = word ? readNumber<int>(*word) : 0;
-  if (!number) throw CLI::ValidationError("--default", "expected a number of 32 bits, not '" + *word + "'");
-  return *number;
 }
 
 void showMetaData(Session& session, const Options& options) {
@@ -74,7 +68,7 @@ void showMetaData(Session& session, const Options& options) {
       return client.getApplicationInfoMetaData(options.name, flags, options.key, fallback);
     };
     showValue(session, "metadata of " + options.name, {{"package", options.name}, {"key", options.key}}, "value",
-              fallback, query);
+              query);
   };
   if (options.number) {
     show(readFallback(options.fallback));
@@ -85,13 +79,13 @@ void showMetaData(Session& session, const Options& options) {
 
 void showResource(Session& session, const Options& options) {
   const auto query = [&](Client& client) { return client.getRawResourceAsString(options.name, options.resource); };
-  showValue(session, "resource of " + options.name, {{"package", options.name}, {"id", options.resource}}, "text", "",
+  showValue(session, "resource of " + options.name, {{"package", options.name}, {"id", options.resource}}, "text",
             query);
 }
 
 void showFeature(Session& session, const Options& options) {
   const auto query = [&](Client& client) { return client.hasSystemFeature(options.name); };
-  showValue(session, "feature " + options.name, {{"feature", options.name}}, "available", false, query);
+  showValue(session, "feature " + options.name, {{"feature", options.name}}, "available", query);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <ctime>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -17,10 +18,15 @@
 
 #include "DeviceDirectory.h"
 #include "LogWatch.h"
+#include "Reason.h"
 #include "tools/cli/Streams.h"
 
 namespace orvelctl {
 namespace {
+
+using orvel::service_apis::CallStatus;
+using orvel::service_apis::lastCall;
+using orvel::service_apis::LinkState;
 
 constexpr int kOver = SIGUSR1;  // the interrupter's own, to end its wait
 
@@ -91,7 +97,7 @@ void Interrupter::wait() {
   }
 }
 
-// A shutdown() that comes before initialize() has begun interrupts nothing.
+// A shutdown() that comes before start() has begun interrupts nothing.
 void Interrupter::shutDownUntilOver() {
   constexpr timespec kPause{0, 50'000'000};
   sigset_t over;
@@ -113,67 +119,67 @@ Session::~Session() {
 }
 
 bool Session::open() {
-  if (m_interrupter.status() == 0 && m_client.initialize()) return true;
-  if (saidNoDevice()) {
+  const auto start = [this] { return m_client.start({{}, {}, /*wait=*/false}); };
+  if (m_interrupter.status() == 0 && start()) return true;
+  if (lastCall().code == CallStatus::Code::kFailed) {
     const DeviceDirectory directory = deviceDirectory();
     keep({kNoDevice,
           "no device in " + directory.path + ": " + deviceProblem(directory.path).what,
           {},
           {},
           directory.path});
-  } else if (m_interrupter.status() == 0) {
-    fail({kFailed, "the client could not be initialised"});
   }
   return false;
 }
 
-std::variant<Json, Failure> Session::call(const std::string& what, const std::string& service, const Json& nothing,
+void Session::waitFor(Service service) {
+  constexpr std::chrono::milliseconds kSilence(300);
+  constexpr std::chrono::hours kForever(24 * 365);  // the client gives up before
+  followService(boundName(service));
+  if (m_client.state(service).state != LinkState::kConnecting) return;
+  if (m_client.waitFor(service, LinkState::kUp, kSilence) || m_interrupter.status() != 0) return;
+  std::cerr << std::string("orvelctl: waiting for service ") + boundName(service) + "; Ctrl-C gives up\n" << std::flush;
+  m_client.start({{service}, kForever});  // whose failure the call that follows has, too
+}
+
+std::variant<Json, Failure> Session::call(const std::string& what, std::optional<Service> service,
                                           const std::function<Json(Client&)>& call) {
-  const CallLog log;
-  const auto failed = [&](const std::string& problem, ExitStatus status = kFailed) {
-    return Failure{status, what + ": " + problem, what, service};
-  };
+  if (service) waitFor(*service);
+  const auto start = std::chrono::steady_clock::now();
   Json result;
   try {
     result = call(m_client);
-  } catch (const std::logic_error& error) {
-    // The client passes on what the standard library throws for a setting that is not a number.
-    const bool too_big = dynamic_cast<const std::out_of_range*>(&error) != nullptr;
-    return failed(too_big ? "its value does not fit in an int" : "its value is not a number");
+  } catch (const std::logic_error&) {
+    if (lastCall()) throw;  // else it is the client's, for a setting that is not a number
   }
-  if (log.hasTimedOut()) return failed("the service did not answer in time", kTimedOut);
-  if (log.hasMetDeath()) return failed("service " + service + " has died", kNotBound);
-  if (result == nothing && isUnbound(service)) return failed("service " + service + " is not bound", kNotBound);
-  if (log.hasError()) return failed("the call failed");
+  const CallStatus status = lastCall();
+  if (!status) return failureOf(what, status, std::chrono::steady_clock::now() - start);
   return result;
 }
 
-std::optional<Json> Session::ask(const std::string& what, const std::string& service, const Json& nothing,
+std::optional<Json> Session::ask(const std::string& what, std::optional<Service> service,
                                  const std::function<Json(Client&)>& call) {
-  std::variant<Json, Failure> answer = this->call(what, service, nothing, call);
+  std::variant<Json, Failure> answer = this->call(what, service, call);
   if (m_interrupter.status() != 0) return std::nullopt;  // which is why it failed
   if (auto* result = std::get_if<Json>(&answer)) return std::move(*result);
   fail(std::get<Failure>(std::move(answer)));
   return std::nullopt;
 }
 
-void Session::carryOut(const std::string& what, const std::string& service, const std::function<bool(Client&)>& call,
+bool Session::order(const std::string& what, std::optional<Service> service, const std::function<bool(Client&)>& call) {
+  const auto taken = ask(what, service, call);
+  if (taken == Json(false)) fail(refusalOf(what, service));
+  return taken == Json(true);
+}
+
+void Session::carryOut(const std::string& what, Service service, const std::function<bool(Client&)>& call,
                        const Json& object, const std::string& text) {
-  const auto done = ask(what, service, false, call);
-  if (done == Json(true)) {
-    print(object, text);
-  } else if (done) {
-    fail(what, "refused", service);
-  }
+  if (order(what, service, call)) print(object, text);
 }
 
 void Session::fail(Failure failure) {
   orvel::cli::complain(kProgram, failure.message);
   keep(std::move(failure));
-}
-
-void Session::fail(const std::string& what, const std::string& problem, const std::string& service, ExitStatus status) {
-  fail({status, what + ": " + problem, what, service});
 }
 
 void Session::print(const Json& object, const std::string& text) {

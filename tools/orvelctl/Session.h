@@ -8,9 +8,11 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <variant>
 #include <vector>
 
+#include "Services.h"
 #include "orvel/OrvelDelegateClient.h"
 #include "tools/cli/Failure.h"
 
@@ -64,7 +66,7 @@ class Interrupter {
   std::thread m_thread;
 };
 
-// An initialised client. One thread.
+// A started client. One thread.
 class Session {
  public:
   Session(double timeout, bool json);  // seconds; 0: none
@@ -72,25 +74,26 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Returns true when the session can be used; status() says why when it cannot.
+  // Returns true when there is a device; status() says so when there is none. Waits for no service.
   bool open();
 
-  // Makes one call. It failed when the library logged an error meanwhile, or when it gave `nothing`, which is what a
-  // failed call gives, and `service` is not bound; the failure says that `what` failed. `service` is empty for what
-  // needs none.
-  std::variant<Json, Failure> call(const std::string& what, const std::string& service, const Json& nothing,
+  // Makes one call, as soon as the service that it asks was found or given up. The failure says that `what` failed, for
+  // the reason that the last call of the client has left.
+  std::variant<Json, Failure> call(const std::string& what, std::optional<Service> service,
                                    const std::function<Json(Client&)>& call);
 
   // The same, with the failure said and kept. No result after an interruption.
-  std::optional<Json> ask(const std::string& what, const std::string& service, const Json& nothing,
+  std::optional<Json> ask(const std::string& what, std::optional<Service> service,
                           const std::function<Json(Client&)>& call);
 
-  // Makes a call that gives whether it succeeded, and prints that it did.
-  void carryOut(const std::string& what, const std::string& service, const std::function<bool(Client&)>& call,
-                const Json& object, const std::string& text);
+  // The same for a call that gives whether the service took it; true when it did.
+  bool order(const std::string& what, std::optional<Service> service, const std::function<bool(Client&)>& call);
 
-  // Makes a call at whose failure nothing is lost.
-  void attempt(const std::function<void(Client&)>& call) { call(m_client); }
+  // The same, and prints that it did.
+  void carryOut(const std::string& what, Service service, const std::function<bool(Client&)>& call, const Json& object,
+                const std::string& text);
+
+  Client& client() { return m_client; }
 
   bool json() const { return m_json; }
 
@@ -99,8 +102,6 @@ class Session {
 
   // The same, and says what failed.
   void fail(Failure failure);
-  void fail(const std::string& what, const std::string& problem, const std::string& service = {},
-            ExitStatus status = kFailed);
 
   // Writes one result, as the object or as the text, and makes sure that it got there.
   void print(const Json& object, const std::string& text);
@@ -121,19 +122,10 @@ class Session {
   // From now on Ctrl-C is the regular end of the session and not a failure.
   void acceptInterrupt() { m_interrupt_accepted = true; }
 
-  // Shuts the client down at the end of a scope, for what its callbacks must not outlive.
-  class Stop {
-   public:
-    explicit Stop(Session& session) : m_session(session) {}
-    ~Stop() { m_session.m_client.shutdown(); }
-    Stop(const Stop&) = delete;
-    Stop& operator=(const Stop&) = delete;
-
-   private:
-    Session& m_session;
-  };
-
  private:
+  // Waits while the client looks for a service that was not there yet; says so when that takes long.
+  void waitFor(Service service);
+
   // Writes it all, or as much as gets away before an interruption.
   void write(std::string text);
 

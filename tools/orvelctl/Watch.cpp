@@ -1,301 +1,240 @@
 #include "Watch.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <array>
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <deque>
-#include <functional>
 #include <iomanip>
 #include <iostream>
-#include <mutex>
+#include <iterator>
+#include <optional>
 #include <sstream>
-#include <system_error>
 #include <utility>
 
-#include "Services.h"
+#include "Links.h"
+#include "orvel/CallbackQueue.h"
 #include "tools/cli/Options.h"
 
 namespace orvelctl {
 namespace {
 
+using orvel::service_apis::CallbackQueue;
+using orvel::service_apis::kAllServices;
+using orvel::service_apis::Link;
+using orvel::service_apis::LinkState;
 using Clock = std::chrono::system_clock;
 
-struct Event {
-  Clock::time_point time;
-  Json object;
+// So much waits for a reader that is slow, and one line at least.
+constexpr std::size_t kMostBytes = 1 << 20;
+
+struct Line {
   std::string text;
+  bool counts;  // as a change
 };
 
-// From the callbacks to the thread that prints: standard output may keep that one waiting, but never the client.
-class Events {
- public:
-  Events() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_wake < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  }
-  ~Events() { close(m_wake); }
-  Events(const Events&) = delete;
-  Events& operator=(const Events&) = delete;
-
-  // Any thread.
-  void add(const std::string& kind, const Json& values, const std::string& text) {
-    Json object = {{"timeMs", 0}, {"kind", kind}};  // the time stands first
-    object.update(values);
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_events.push_back(
-        {Clock::now(), std::move(object), kind + std::string(14 - std::min<std::size_t>(kind.size(), 12), ' ') + text});
-    eventfd_write(m_wake, 1);
-  }
-
-  std::optional<Event> take() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_events.empty()) return std::nullopt;
-    std::optional<Event> event = std::move(m_events.front());
-    m_events.pop_front();
-    return event;
-  }
-
-  // Readable when there may be events.
-  int descriptor() const { return m_wake; }
-  void rest() const {
-    eventfd_t ignored = 0;
-    eventfd_read(m_wake, &ignored);
-  }
-
- private:
-  const int m_wake;
-  std::mutex m_mutex;
-  std::deque<Event> m_events;
-};
-
-// One kind of change, and how the client is asked for it. Callbacks may run until the client is shut down.
-struct Kind {
-  std::string name;
-  std::string about;
-  const char* service;
-  std::function<bool(Client& client, Events& events)> subscribe;
-  bool (Client::*unsubscribe)() = nullptr;  // where there is such a thing
-};
-
-// A kind that is one flag: its key, and the words for true and false.
-Kind flagKind(const char* name, const char* about, const char* service,
-              bool (Client::*subscribe)(std::function<void(bool)>), const char* key, const char* yes, const char* no,
-              bool (Client::*unsubscribe)() = nullptr) {
-  const auto ask = [=](Client& client, Events& events) {
-    return (client.*subscribe)([=, &events](bool value) { events.add(name, {{key, value}}, value ? yes : no); });
-  };
-  return {name, about, service, ask, unsubscribe};
-}
-
-// Broadcasts of one action, as events of a kind.
-bool subscribeToAction(Client& client, Events& events, const char* kind, const std::string& action,
-                       const std::vector<std::string>& schemes) {
-  const auto tell = [kind, &events](const std::string& told, const std::string& package) {
-    events.add(kind, {{"action", told}, {"package", package}}, told + (package.empty() ? "" : " " + package));
-  };
-  return client.registerForPackageAction(action, {}, schemes, tell);
-}
-
-bool subscribeToPackages(Client& client, Events& events) {
-  bool taken = true;
-  for (const char* what : {"ADDED", "REMOVED", "REPLACED", "CHANGED"}) {
-    const std::string action = std::string("android.intent.action.PACKAGE_") + what;
-    taken &= subscribeToAction(client, events, "package", action, {"package"});
-  }
-  return taken;
-}
-
-const std::vector<Kind>& kinds() {
-  static const std::vector<Kind> all = {
-      {"name", "the device has a new name", kDelegate,
-       [](Client& client, Events& events) {
-         return client.registerForDeviceNameChange([&events](const std::string& name) {
-           events.add("name", {{"name", name}}, name);
-         });
-       }},
-      flagKind("registration", "an account was added to the device or removed from it", kDelegate,
-               &Client::registerForDeviceRegistrationChange, "registered", "registered", "unregistered"),
-      flagKind("assistant", "the voice assistant is connected or disconnected", kDelegate,
-               &Client::registerForMaroConnectivityChange, "connected", "connected", "disconnected"),
-      flagKind("network", "the network is connected or disconnected", kConnectivity,
-               &Client::registerForNetworkConnectivityChange, "connected", "connected", "disconnected",
-               &Client::unregisterForNetworkConnectivityChange),
-      flagKind("screen", "the screen was switched on or off", kDelegate, &Client::registerForScreenStateChange, "on",
-               "on", "off"),
-      {"package", "a package was added, removed, replaced or changed", kDelegate, subscribeToPackages},
-      {"time", "the clock was set: from and to, in milliseconds since 1970", kDelegate,
-       [](Client& client, Events& events) {
-         return client.registerForTimeSync([&events](long long from, long long to) {
-           events.add("time", {{"oldMs", from}, {"newMs", to}}, std::to_string(from) + " " + std::to_string(to));
-         });
-       }},
-  };
-  return all;
-}
-
-// A kind with a key behind its name.
-struct KeyedKind {
-  std::string prefix;  // "setting:"
-  std::string key;     // what the key is called
-  std::string about;
-  const char* service;
-  bool (*subscribe)(Client& client, Events& events, const std::string& key);
-};
-
-const std::vector<KeyedKind>& keyedKinds() {
-  static const std::vector<KeyedKind> all = {
-      {"setting:", "KEY", "a secure setting has a new value, which must be a number; a removed one counts as 0",
-       kDelegate,
-       [](Client& client, Events& events, const std::string& key) {
-         return client.registerForSecureSettingIntChange(key, 0, [key, &events](int value) {
-           events.add("setting", {{"key", key}, {"value", value}}, key + " " + std::to_string(value));
-         });
-       }},
-      {"broadcast:", "ACTION", "a broadcast of the action, one without data; with the package it is about, if any",
-       kDelegate,
-       [](Client& client, Events& events, const std::string& action) {
-         return subscribeToAction(client, events, "broadcast", action, {});
-       }},
-      // This process serves the namespaces itself.
-      {"directive:", "NAMESPACE", "a directive of the voice assistant, with its seven texts", kNoService,
-       [](Client& client, Events& events, const std::string& nspace) {
-         return client.registerForDirective(nspace, [nspace, &events](const auto&... texts) {
-           const Json list = {texts...};
-           events.add("directive", {{"namespace", nspace}, {"texts", list}}, nspace + " " + asText(list));
-         });
-       }},
-  };
-  return all;
-}
-
-// Null for a name without the prefix of a keyed kind.
-const KeyedKind* keyedKindOf(const std::string& name) {
-  const auto fits = [&](const KeyedKind& kind) { return name.rfind(kind.prefix, 0) == 0; };
-  const auto found = std::find_if(keyedKinds().begin(), keyedKinds().end(), fits);
-  return found == keyedKinds().end() ? nullptr : &*found;
-}
-
-Kind kindCalled(const std::string& name) {
-  if (const KeyedKind* keyed = keyedKindOf(name)) {
-    const auto subscribe = [keyed, key = name.substr(keyed->prefix.size())](Client& client, Events& events) {
-      return keyed->subscribe(client, events, key);
-    };
-    return {name, "", keyed->service, subscribe};
-  }
-  return *std::find_if(kinds().begin(), kinds().end(), [&](const Kind& kind) { return kind.name == name; });
-}
-
-std::vector<Kind> kindsCalled(const std::vector<std::string>& names) {
-  if (names.empty()) return kinds();
-  std::vector<Kind> called;
-  called.reserve(names.size());
-  for (const std::string& name : names) called.push_back(kindCalled(name));
-  return called;
-}
-
-std::string lineOf(Event event, bool json) {
-  const std::time_t seconds = Clock::to_time_t(event.time);
-  const auto milliseconds =
-      std::chrono::duration_cast<std::chrono::milliseconds>(event.time.time_since_epoch()).count();
-  event.object["timeMs"] = milliseconds;
-  if (json) return asText(event.object) + '\n';
+// "12:00:00.000"
+std::string timeOf(Clock::time_point time) {
+  const std::time_t seconds = Clock::to_time_t(time);
+  const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
   std::tm local{};
   localtime_r(&seconds, &local);
-  std::ostringstream line;
-  line << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << milliseconds % 1000 << "  "
-       << event.text << '\n';
-  return line.str();
-}
-
-// Waits until there may be an event and standard output takes it; false when it is time to end. Everything that would
-// block is waited for here, so that an interruption ends it at once.
-bool wait(const Session& session, const Events& events, bool writing, std::optional<Seconds> left) {
-  pollfd descriptors[] = {
-      {session.interruption(), POLLIN, 0},
-      {writing ? STDOUT_FILENO : events.descriptor(), static_cast<short>(writing ? POLLOUT : POLLIN), 0}};
-  timespec time{};
-  if (left) {
-    const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(*left, Seconds(0)));
-    time = {nanoseconds.count() / 1'000'000'000, nanoseconds.count() % 1'000'000'000};
-  }
-  return ppoll(descriptors, 2, left ? &time : nullptr, nullptr) > 0 && descriptors[0].revents == 0;
-}
-
-}  // namespace
-
-std::string checkKind(const std::string& name) {
-  if (const KeyedKind* keyed = keyedKindOf(name)) {
-    return name == keyed->prefix ? name + " needs a key, as in " + name + keyed->key : "";
-  }
-  std::string known;
-  for (const Kind& kind : kinds()) {
-    if (kind.name == name) return {};
-    known += kind.name + ", ";
-  }
-  for (const KeyedKind& kind : keyedKinds()) known += (known.back() == ' ' ? "" : ", ") + kind.prefix + kind.key;
-  return "no kind is called '" + name + "'; there are " + known;
-}
-
-std::vector<std::string> kindNames() {
-  std::vector<std::string> names;
-  for (const Kind& kind : kinds()) names.push_back(kind.name);
-  return names;
-}
-
-std::string describeKinds() {
   std::ostringstream text;
-  const auto add = [&](const std::string& name, const std::string& about) {
-    text << "  " << std::left << std::setw(18) << name << about << '\n';
-  };
-  for (const Kind& kind : kinds()) add(kind.name, kind.about);
-  for (const KeyedKind& kind : keyedKinds()) add(kind.prefix + kind.key, kind.about);
+  text << std::put_time(&local, "%T") << '.' << std::setw(3) << std::setfill('0') << milliseconds % 1000;
   return text.str();
 }
 
-void addLimits(CLI::App* subcommand, WatchOptions& options) {
-  subcommand->add_option("--count", options.count, "end after so many lines")
+// What a link that has changed says of the subscriptions; empty for nothing.
+std::string newsOf(const Link& link, bool lost_network) {
+  std::string news;
+  if (link.state == LinkState::kAway) news = "died";
+  if (link.state == LinkState::kGivenUp) news = "given up";
+  if (link.state == LinkState::kUp && link.epoch > 1) {
+    news = "again";
+    const std::size_t renewed = link.restored + link.refused;
+    if (renewed > 0) news += ": " + std::to_string(link.restored) + " of " + std::to_string(renewed) + " restored";
+  }
+  if (lost_network) news += (news.empty() ? "" : "; ") + std::string("network: lost, start again");
+  return news;
+}
+
+// All of it happens on one thread: the client's callbacks run in dispatch(), between the lines.
+class Watch {
+ public:
+  Watch(Session& session, const WatchOptions& options)
+      : m_session(session), m_options(options), m_kinds(kindsCalled(options.kinds)) {
+    m_session.client().setExecutor(m_callbacks.executor());
+  }
+
+  // False, and the failure is said, when a service does not take a subscription.
+  bool subscribe() {
+    subscribeLinks();
+    std::string watched;
+    Json names = Json::array();
+    for (const Kind& kind : m_kinds) {
+      const auto tell = [this, kind](const Json& values, const std::string& text) {
+        addLine(kind.word(), m_links.at(indexOf(kind.service)).epoch, values, text, /*counts=*/true);
+      };
+      const auto take = [&](Client& client) { return kind.subscribe(client, m_options.filter, tell, m_subscriptions); };
+      const auto asked = kind.asks ? std::optional(kind.service) : kNoService;
+      if (!m_session.order("watching " + kind.name, asked, take)) return false;
+      watched += (watched.empty() ? "" : ", ") + kind.name;
+      names.push_back(kind.name);
+    }
+    std::cerr << "orvelctl: watching " << watched << "; Ctrl-C ends" << std::endl;
+    if (m_options.established) addLine("subscribed", std::nullopt, {{"kinds", names}}, "", /*counts=*/false);
+    return true;
+  }
+
+  void print() {
+    const auto start = std::chrono::steady_clock::now();
+    std::uint64_t printed = 0;
+    std::optional<Line> line;  // what is still to be written of it
+    while (m_session.status() == kSuccess) {
+      std::optional<Seconds> left;
+      if (m_options.for_seconds > 0) {
+        left = Seconds(m_options.for_seconds) - (std::chrono::steady_clock::now() - start);
+      }
+      bool writable = false;
+      if (!line && !m_lines.empty()) {
+        line = takeLine();
+      }
+      if (!wait(left, line ? &writable : nullptr)) return;
+      m_callbacks.dispatch();
+      sayDropped();
+      if (!writable) continue;
+      if (!m_session.writeSome(line->text)) return;
+      if (!line->text.empty()) continue;
+      if (line->counts && ++printed == m_options.count) return;
+      line.reset();
+    }
+  }
+
+  // Tells the services that can be told.
+  void unsubscribe() {
+    for (const Kind& kind : m_kinds) {
+      if (kind.unsubscribe && m_session.status() == kSuccess) (m_session.client().*kind.unsubscribe)();
+    }
+  }
+
+ private:
+  static std::size_t indexOf(Service service) { return static_cast<std::size_t>(service); }
+
+  // Before all others: a link tells the epoch of the notifications that follow it.
+  void subscribeLinks() {
+    for (const Service service : kAllServices) {
+      const auto tells = [&](const Kind& kind) { return kind.service == service; };
+      if (std::none_of(m_kinds.begin(), m_kinds.end(), tells)) continue;
+      m_subscriptions.push_back(
+          m_session.client().subscribeLink(service, [this](const Link& link) { tellLink(link); }));
+    }
+  }
+
+  void tellLink(const Link& link) {
+    const Link before = std::exchange(m_links.at(indexOf(link.service)), link);
+    const std::string news = newsOf(link, link.network_lost && !before.network_lost);
+    if (news.empty()) return;
+    addLine("link", link.epoch, objectOf(link), nameOf(link.service) + (" " + news), /*counts=*/false);
+  }
+
+  void addLine(const std::string& kind, std::optional<std::uint64_t> epoch, const Json& values, const std::string& text,
+               bool counts) {
+    const Clock::time_point now = Clock::now();
+    Line line{"", counts};
+    ++m_sequence;
+    if (m_session.json()) {
+      Json object = {{"timeMs", std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count()},
+                     {"sequence", m_sequence}};
+      if (epoch) object["epoch"] = *epoch;
+      object["kind"] = kind;
+      object.update(values);
+      line.text = asText(object) + '\n';
+    } else if (!epoch) {
+      line.text = kind + '\n';
+    } else {
+      line.text =
+          timeOf(now) + "  " + kind + std::string(14 - std::min<std::size_t>(kind.size(), 12), ' ') + text + '\n';
+    }
+    m_waiting += line.text.size();
+    m_lines.push_back(std::move(line));
+    for (; m_waiting > kMostBytes && m_lines.size() > 1; ++m_dropped) takeLine();
+  }
+
+  Line takeLine() {
+    Line line = std::move(m_lines.front());
+    m_lines.pop_front();
+    m_waiting -= line.text.size();
+    return line;
+  }
+
+  // Once the reader takes lines again, and for what did not even become one.
+  void sayDropped() {
+    for (const auto& [method, number] : m_callbacks.dropped()) {
+      m_sequence += number;
+      m_dropped += number;
+      for (const Service service : kAllServices) m_links.at(indexOf(service)) = m_session.client().state(service);
+    }
+    if (m_dropped == 0 || m_waiting > kMostBytes / 2) return;
+    std::cerr << "orvelctl: " << std::exchange(m_dropped, 0) << " lines were dropped, the reader is too slow"
+              << std::endl;
+  }
+
+  // Waits until there are callbacks, or, if `writable` is given, standard output takes something; false when it is time
+  // to end. Everything that would block is waited for here, so that an interruption ends it at once.
+  bool wait(std::optional<Seconds> left, bool* writable) const {
+    pollfd descriptors[] = {{m_session.interruption(), POLLIN, 0},
+                            {m_callbacks.fd(), POLLIN, 0},
+                            {writable ? STDOUT_FILENO : -1, POLLOUT, 0}};
+    timespec time{};
+    if (left) {
+      const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(*left, Seconds(0)));
+      time = {nanoseconds.count() / 1'000'000'000, nanoseconds.count() % 1'000'000'000};
+    }
+    const int ready = ppoll(descriptors, std::size(descriptors), left ? &time : nullptr, nullptr);
+    if (writable) *writable = ready > 0 && descriptors[2].revents != 0;
+    return ready > 0 && descriptors[0].revents == 0;
+  }
+
+  Session& m_session;
+  const WatchOptions& m_options;
+  const std::vector<Kind> m_kinds;
+  CallbackQueue m_callbacks;
+  std::array<Link, kAllServices.size()> m_links{};  // as they were told
+  std::uint64_t m_sequence = 0;
+  std::deque<Line> m_lines;
+  std::size_t m_waiting = 0;                  // bytes of them
+  std::uint64_t m_dropped = 0;                // and not said yet
+  std::vector<Subscription> m_subscriptions;  // Last: what they tell goes into the rest.
+};
+
+}  // namespace
+
+const char kLinesFooter[] = R"(
+--count, --for and Ctrl-C end with status 0; each line is written out at once, into a pipe too. Objects are numbered: a
+gap in "sequence" stands for lines that a slow reader has lost. "epoch" counts the connections to the service that has
+told the change: what happened between two of them was not heard.
+
+A line "link" tells what becomes of such a service, and does not count as a change: it "died"; it is there "again", and
+so many subscriptions were restored; it was "given up".)";
+
+void addWatchOptions(CLI::App* subcommand, WatchOptions& options) {
+  subcommand->add_option("--count", options.count, "end after so many changes")
       ->check(CLI::Range(1, INT_MAX).description(""))
       ->type_name("NUMBER");
   orvel::cli::inSeconds(subcommand->add_option("--for", options.for_seconds, "end after so many seconds"));
+  subcommand->add_flag("-E,--established", options.established,
+                       "print a line \"subscribed\" first, from which on nothing is missed");
 }
 
 void watchChanges(Session& session, const WatchOptions& options) {
-  // Before the subscriptions end, so declared before what ends them.
-  Events events;
-  const Session::Stop stop(session);
-  const std::vector<Kind> kinds = kindsCalled(options.kinds);
-  std::string watched;
-  for (const Kind& kind : kinds) {
-    const auto subscribe = [&](Client& client) { return kind.subscribe(client, events); };
-    const auto taken = session.ask("watching " + kind.name, kind.service, false, subscribe);
-    if (!taken) return;
-    if (*taken == false) return session.fail("watching " + kind.name, "the service refused", kind.service);
-    watched += (watched.empty() ? "" : ", ") + kind.name;
-  }
-  std::cerr << "orvelctl: watching " << watched << "; Ctrl-C ends" << std::endl;
-
-  const auto start = std::chrono::steady_clock::now();
-  std::uint64_t printed = 0;
-  std::string line;  // what is still to be written of it
-  while (session.status() == kSuccess) {
-    std::optional<Seconds> left;
-    if (options.for_seconds > 0) left = Seconds(options.for_seconds) - (std::chrono::steady_clock::now() - start);
-    if (!wait(session, events, !line.empty(), left)) break;
-    if (line.empty()) {
-      events.rest();
-    } else if (!session.writeSome(line) || (line.empty() && ++printed == options.count)) {
-      break;
-    }
-    if (!line.empty()) continue;
-    if (std::optional<Event> event = events.take()) line = lineOf(*std::move(event), session.json());
-  }
-  for (const Kind& kind : kinds) {
-    if (kind.unsubscribe && session.status() == kSuccess) session.attempt(kind.unsubscribe);
-  }
+  Watch watch(session, options);
+  if (!watch.subscribe()) return;
+  watch.print();
+  watch.unsubscribe();
   session.acceptInterrupt();
 }
 

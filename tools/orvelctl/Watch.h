@@ -1,4 +1,4 @@
-// orvelctl watch: notifications as they arrive.
+// orvelctl watch: notifications as they arrive, and what becomes of the services that tell them.
 #pragma once
 
 #include <cstdint>
@@ -7,27 +7,24 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Kinds.h"
 #include "Session.h"
 
 namespace orvelctl {
 
 struct WatchOptions {
   std::vector<std::string> kinds;  // none: all that need no key
-  std::uint64_t count = 0;         // ends after so many; 0: never
-  double for_seconds = 0;          // ends after that time; 0: never
+  DataFilter filter;
+  std::uint64_t count = 0;   // ends after so many changes; 0: never
+  double for_seconds = 0;    // ends after that time; 0: never
+  bool established = false;  // says first that all is subscribed
 };
 
-// The options of a subcommand that say when watching ends.
-void addLimits(CLI::App* subcommand, WatchOptions& options);
+// The options that each watching subcommand has.
+void addWatchOptions(CLI::App* subcommand, WatchOptions& options);
 
-// Returns what is wrong with the name of a kind; empty when there is such a kind.
-std::string checkKind(const std::string& name);
-
-// The kinds that need no key.
-std::vector<std::string> kindNames();
-
-// "  name           the device has a new name", one line a kind.
-std::string describeKinds();
+// What their help says of the lines.
+extern const char kLinesFooter[];
 
 // Subscribes, then prints until the options or an interruption end it. A failure shows in the session's status.
 void watchChanges(Session& session, const WatchOptions& options);

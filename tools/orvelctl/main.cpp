@@ -4,14 +4,15 @@
 #include <functional>
 #include <iomanip>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
 #include "Doctor.h"
+#include "Links.h"
 #include "LogWatch.h"
-#include "Services.h"
 #include "Session.h"
 #include "Watch.h"
 #include "tools/cli/Failure.h"
@@ -43,6 +44,7 @@ Examples:
                                            tell the assistant, and wait for the result
   orvelctl directive Speaker               what the assistant says, until Ctrl-C
   orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
+  orvelctl wait power --for 10             until the power manager is there
   orvelctl doctor                          what is wrong with the set-up, and what to do
 
 Exit status:
@@ -51,26 +53,25 @@ Exit status:
   2  wrong usage
   3  no device
   4  timed out: --timeout, or a service that did not answer within the call limit
-  5  the service is not bound: given up, dead and not back yet, or it died during the call
+  5  the service is not bound: given up, dead and not back yet, or it died during the call or lost an event
   128 + N  ended by signal N
-They are the same for each subcommand; assistant, network and directive ask no service and so never end with 5.
-The client answers a failed query with an empty value. Here it counts as failed when the client logged an error
-meanwhile, and as not bound when the log says so of its service or that the service died.)";
+They are the same for each subcommand; assistant, network, directive, links and wait ask no service and so never end
+with 5. A subcommand waits for the service that it asks and for no other, until the client gives up after five minutes.
+The message says why a query failed, and with --json "reason" in one word: not-bound, died, timed-out, exception (with
+its "code"), cut-reply, refused, invalid-argument or failed.)";
 
 constexpr char kWatchFooter[] = R"(
 A subscription survives the death of its service: it is made again when the service is back, and only what happens
 meanwhile is not heard. The network is the exception: after the connectivity service has died nothing more is heard of
 it, and watch must be started again.
-
-Ctrl-C ends with status 0, as do --count and --for; each line is written out at once, into a pipe too.)";
+)";
 
 // One value that the client can be asked for.
 struct Value {
-  std::string name;     // after get
-  std::string key;      // of the JSON object
-  std::string label;    // of the list
-  std::string service;  // that is asked
-  Json nothing;         // what a failed query gives
+  std::string name;                // after get
+  std::string key;                 // of the JSON object
+  std::string label;               // of the list
+  std::optional<Service> service;  // that is asked
   std::function<Json(Client&)> ask;
   const char* yes = "yes";
   const char* no = "no";
@@ -82,25 +83,25 @@ struct Value {
 
 const std::vector<Value>& identity() {
   static const std::vector<Value> values = {
-      {"name", "name", "name", kDelegate, "", &Client::getDeviceName},
-      {"serial-number", "serialNumber", "serial number", kDelegate, "", &Client::getDeviceSerialNumber},
-      {"type", "type", "type", kDelegate, "", &Client::getDeviceType},
-      {"customer-id", "customerId", "customer id", kDelegate, "", &Client::getCustomerDirectedID},
-      {"country", "country", "country", kDelegate, "", &Client::getCountryOfResidence},
-      {"marketplace", "marketplace", "marketplace", kDelegate, "", &Client::getPreferredMarketPlace},
-      {"registered", "registered", "registered", kDelegate, false, &Client::isDeviceRegistered},
+      {"name", "name", "name", Service::kDelegate, &Client::getDeviceName},
+      {"serial-number", "serialNumber", "serial number", Service::kDelegate, &Client::getDeviceSerialNumber},
+      {"type", "type", "type", Service::kDelegate, &Client::getDeviceType},
+      {"customer-id", "customerId", "customer id", Service::kDelegate, &Client::getCustomerDirectedID},
+      {"country", "country", "country", Service::kDelegate, &Client::getCountryOfResidence},
+      {"marketplace", "marketplace", "marketplace", Service::kDelegate, &Client::getPreferredMarketPlace},
+      {"registered", "registered", "registered", Service::kDelegate, &Client::isDeviceRegistered},
   };
   return values;
 }
 
-const Value kScreen = {"", "screenOn", "screen", kPower, false, &Client::isScreenOn, "on", "off"};
-const Value kAssistant = {"",    "assistantConnected",     "assistant", kNoService,
-                          false, &Client::isMaroConnected, "connected", "disconnected"};
-const Value kNetwork = {"",    "networkConnected",          "network",   kNoService,
-                        false, &Client::isNetworkConnected, "connected", "disconnected"};
+const Value kScreen = {"", "screenOn", "screen", Service::kPower, &Client::isScreenOn, "on", "off"};
+const Value kAssistant = {"",          "assistantConnected", "assistant", kNoService, &Client::isMaroConnected,
+                          "connected", "disconnected"};
+const Value kNetwork = {"",          "networkConnected", "network", kNoService, &Client::isNetworkConnected,
+                        "connected", "disconnected"};
 
 void show(Session& session, const Value& value) {
-  if (const auto result = session.ask(value.label, value.service, value.nothing, value.ask)) {
+  if (const auto result = session.ask(value.label, value.service, value.ask)) {
     session.print({{value.key, *result}}, value.text(*result));
   }
 }
@@ -112,7 +113,7 @@ void showDevice(Session& session) {
   Json object = Json::object();
   std::ostringstream list;
   for (const Value& value : values) {
-    const auto result = session.ask(value.label, value.service, value.nothing, value.ask);
+    const auto result = session.ask(value.label, value.service, value.ask);
     object[value.key] = result ? *result : Json();
     list << (&value == &values.front() ? "" : "\n") << std::left << std::setw(15) << value.label
          << (result ? value.text(*result) : "?");
@@ -120,18 +121,30 @@ void showDevice(Session& session) {
   session.print(object, list.str());
 }
 
-void showSetting(Session& session, const std::string& key, int fallback) {
-  const auto query = [&](Client& client) { return client.getSecureSettingInt(key, fallback); };
-  if (const auto result = session.ask("setting " + key, kDelegate, fallback, query)) {
-    session.print({{"key", key}, {"value", *result}}, result->dump());
-  }
+struct SettingOptions {
+  std::string key;
+  bool text = false;
+  std::optional<std::string> fallback;
+};
+
+void showSetting(Session& session, const SettingOptions& options) {
+  const auto query = [&](Client& client) -> Json {
+    if (!options.text) return client.getSecureSettingInt(options.key, readFallback(options.fallback));
+    const std::optional<std::string> value = client.getSecureSetting(options.key);
+    const std::optional<std::string>& counts = value ? value : options.fallback;
+    return counts ? Json(*counts) : Json();
+  };
+  const auto result = session.ask("setting " + options.key, Service::kDelegate, query);
+  if (!result) return;
+  const std::string text = result->is_string() ? result->get<std::string>() : result->is_null() ? "" : result->dump();
+  session.print({{"key", options.key}, {"value", *result}}, text);
 }
 
 void takeWakeLock(Session& session, const std::string& kind) {
   const auto query = [&](Client& client) {
     return kind == "full" ? client.acquireFullWakeLock() : client.acquirePartialWakeLock();
   };
-  session.carryOut(kind + " wake lock", kPower, query, {{"wakeLock", kind}, {"acquired", true}}, "acquired");
+  session.carryOut(kind + " wake lock", Service::kPower, query, {{"wakeLock", kind}, {"acquired", true}}, "acquired");
 }
 
 const std::map<std::string, int>& logLevels() {
@@ -166,6 +179,7 @@ class CommandLine {
     addPackageCommands(m_commands);
     addAssistantCommands(m_commands);
     addWatch();
+    addLinkCommands(m_commands);
     m_doctor = m_commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
     m_doctor->footer(kDoctorFooter);
   }
@@ -180,7 +194,7 @@ class CommandLine {
       if (m_timeout == 0) m_timeout = kDoctorLimit;
       if (m_app.count("--log-level") == 0) m_level = "silent";  // it says the same in better words
     }
-    watchLog(logLevels().at(m_level));
+    watchLog(logLevels().at(m_level), /*whole=*/m_app.count("--log-level") > 0);
     Session session(m_timeout, m_json);
     if (m_doctor->parsed() || session.open()) m_chosen(session);
     return session.finish();
@@ -191,7 +205,9 @@ class CommandLine {
     std::vector<std::string> levels;
     for (const auto& [name, priority] : logLevels()) levels.push_back(name);
     m_app.add_flag("--json", m_json, "print one JSON object per result");
-    m_app.add_option("--log-level", m_level, "least level of what the library logs")
+    m_app
+        .add_option("--log-level", m_level,
+                    "least level of what the library logs; without it, only of services that are asked")
         ->check(CLI::IsMember(levels))
         ->capture_default_str();
     orvel::cli::inSeconds(m_app.add_option("--timeout", m_timeout, "give up after so many seconds (default: never)"));
@@ -213,15 +229,20 @@ class CommandLine {
   }
 
   void addSettings() {
-    const auto show_setting = [this](Session& session) { showSetting(session, m_key, m_fallback); };
+    const auto show_setting = [this](Session& session) { showSetting(session, m_setting); };
     const auto add = [this](CLI::App* setting) {
-      addText(setting, "key", m_key, "");
-      setting->add_option("--default", m_fallback, "what an unset or empty setting counts as")->capture_default_str();
+      addText(setting, "key", m_setting.key, "");
+      setting->add_flag("--text", m_setting.text, "show it as it is; else it must be a number");
+      setting->add_option("--default", m_setting.fallback, "what counts for a setting that is unset or empty (else 0)")
+          ->type_name("VALUE");
+      setting->parse_complete_callback([this] {
+        if (!m_setting.text) readFallback(m_setting.fallback);  // says what is wrong while there is no device yet
+      });
     };
-    add(m_commands.add("setting", "Show a secure setting that is a number", show_setting));
+    add(m_commands.add("setting", "Show a secure setting", show_setting));
     add(m_commands.group("settings", "The same, in the words of a device's own settings: get secure KEY")
             .group("get", "Show a setting")
-            .add("secure", "Show a secure setting that is a number", show_setting));
+            .add("secure", "Show a secure setting", show_setting));
   }
 
   void addStates() {
@@ -246,8 +267,15 @@ class CommandLine {
     watch->add_option("kinds", m_watch.kinds, "what to watch (default: all that need no key)")
         ->check(checkKind, "", "")
         ->type_name("");
-    addLimits(watch, m_watch);
-    watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter);
+    watch->add_option("--type", m_watch.filter.types, "of broadcasts, those with data of the type; may be repeated")
+        ->type_name("MIME")
+        ->allow_extra_args(false);
+    watch->add_option("--scheme", m_watch.filter.schemes, "of broadcasts, those with such a URI; may be repeated")
+        ->type_name("SCHEME")
+        ->allow_extra_args(false);
+    addWatchOptions(watch, m_watch);
+    watch->footer("Kinds; one that is named twice is subscribed to twice:\n" + describeKinds() + kWatchFooter +
+                  kLinesFooter);
   }
 
   CLI::App m_app{"Asks the device's platform services through libOrvelDelegateClient.", kProgram};
@@ -258,8 +286,7 @@ class CommandLine {
   std::string m_level = "warning";
   double m_timeout = 0;
   std::string m_value;  // of the identity
-  std::string m_key;    // of a setting
-  int m_fallback = 0;
+  SettingOptions m_setting;
   std::string m_wake_lock;
   WatchOptions m_watch;
 };
