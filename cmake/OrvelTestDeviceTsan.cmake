@@ -7,8 +7,8 @@ string(TOUPPER "${CMAKE_BUILD_TYPE}" _orvel_config)
 string(APPEND _orvel_flags " ${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${_orvel_config}}")
 if(NOT EXISTS "${_orvel_archive}")
   if(_orvel_flags MATCHES "-fsanitize=[a-z,-]*thread")
-    message(WARNING "The test kit that is installed is not compiled with ThreadSanitizer, which will report races in it "
-      "that there are not; docs/testing.md says how to install the other one")
+    message(WARNING "The test kit that is installed is not compiled with ThreadSanitizer, which will report races in "
+      "it that there are not; docs/testing.md says how to install the other one")
   endif()
   return()
 endif()

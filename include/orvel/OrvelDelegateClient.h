@@ -275,12 +275,12 @@ class ORVEL_API OrvelDelegateClient {
   /// @{
 
   /// True when the required services are up; false, with the reason in lastCall(), when there is no device, when the
-  /// deadline has passed, when one of them was given up, and when shutdown() interrupts. Starts the run-loop thread, and
-  /// looks for all services at once, each on a thread of its own. Without a device nothing is started. Otherwise the
-  /// client is initialised from now on, also when this returns false: the services that are not up yet go on being
+  /// deadline has passed, when one of them was given up, and when shutdown() interrupts. Starts the run-loop thread,
+  /// and looks for all services at once, each on a thread of its own. Without a device nothing is started. Otherwise
+  /// the client is initialised from now on, also when this returns false: the services that are not up yet go on being
   /// looked for, for as long as in initialize(); subscribeLink() tells when they are up, and calls of them fail at once
-  /// until then. On a client that is initialised it only waits. With `wait` and no required service it does nothing, and
-  /// is false. In a callback it does not wait.
+  /// until then. On a client that is initialised it only waits. With `wait` and no required service it does nothing,
+  /// and is false. In a callback it does not wait.
   bool start(const StartOptions& options);
 
   /// @}
@@ -296,9 +296,9 @@ class ORVEL_API OrvelDelegateClient {
   /// notification of the new epoch.
   ///
   /// The callback runs first in this call, on the calling thread; then on a thread of the library: on the run-loop
-  /// thread after a death, on that of start() or rebind() which has found the service; and for a stop on the thread that
-  /// calls shutdown(). For one subscription, one at a time. It may call the client, shutdown() excepted. With an executor
-  /// it runs there. What it throws is logged. Never fails, but for an empty callback.
+  /// thread after a death, on that of start() or rebind() which has found the service; and for a stop on the thread
+  /// that calls shutdown(). For one subscription, one at a time. It may call the client, shutdown() excepted. With an
+  /// executor it runs there. What it throws is logged. Never fails, but for an empty callback.
   [[nodiscard]] Subscription subscribeLink(Service service, LinkCallback callback);
   /// The same for all services: at first one snapshot of each.
   [[nodiscard]] Subscription subscribeLink(LinkCallback callback);
@@ -362,8 +362,8 @@ class ORVEL_API OrvelDelegateClient {
   [[nodiscard]] Subscription subscribeSecureSetting(const std::string& key,
                                                     std::function<void(std::optional<std::string>)> callback);
 
-  /// True if the assistant accepted the event; then `callback` gets its outcome, exactly once, on the run-loop thread as
-  /// a rule and possibly before this returns: "LOST" after the service's death and at shutdown(), on the thread that
+  /// True if the assistant accepted the event; then `callback` gets its outcome, exactly once, on the run-loop thread
+  /// as a rule and possibly before this returns: "LOST" after the service's death and at shutdown(), on the thread that
   /// calls it; "TIMEOUT" after the event's deadline, on a thread of the library. False if the assistant refused or the
   /// call failed; then the callback is not called. At exit no outcome is told.
   bool send(const AssistantEvent& event, EventOutcomeCallback callback);
@@ -375,7 +375,8 @@ class ORVEL_API OrvelDelegateClient {
   /// From now on callbacks are handed to `executor`, on the threads that would have run them, and run where that runs
   /// them; an empty one puts them back. For CallbackQueue and for loops that take functions. A callback of
   /// registerForMaroConnectivityChange() runs under no lock then. shutdown() waits for callbacks that run, and what
-  /// still waits then is dropped, but for links and outcomes of events. Set it before you subscribe: what is on its way already may arrive out of order.
+  /// still waits then is dropped, but for links and outcomes of events. Set it before you subscribe: what is on its way
+  /// already may arrive out of order.
   void setExecutor(Executor executor);
 
   /// @}

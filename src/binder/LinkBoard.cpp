@@ -145,24 +145,35 @@ class LinkBoard::Listener {
 
   const std::shared_ptr<Callback>& callback() const { return m_callback.shared(); }
 
-  void catch_up(LinkBoard& board) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    const std::thread::id self = std::this_thread::get_id();
-    // Not in a callback, where two threads could wait for each other.
-    const bool waits = on_library_thread() && !RunGate::inside_one();
-    m_idle.wait(lock, [&] { return m_teller == std::thread::id() || m_teller == self || !waits; });
-    if (m_teller != std::thread::id()) return;  // that thread goes on until it has told everything
-    m_teller = self;
-    while (const std::optional<Link> link = next(board)) {
-      lock.unlock();
-      tell(*link);
-      lock.lock();
-    }
-    m_teller = {};
-    m_idle.notify_all();
+  void catch_up(LinkBoard& board) ORVEL_EXCLUDES(m_mutex) {
+    if (!begin_telling()) return;
+    while (const std::optional<Link> link = next_or_end(board)) tell(*link);
   }
 
  private:
+  // True when this thread is to tell; false when another one does, or this one further up: that goes on until it has
+  // told everything.
+  bool begin_telling() ORVEL_EXCLUDES(m_mutex) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::thread::id self = std::this_thread::get_id();
+    // Not in a callback, where two threads could wait for each other.
+    const bool waits = on_library_thread() && !RunGate::inside_one();
+    while (waits && m_teller != std::thread::id() && m_teller != self) m_idle.wait(m_mutex);
+    if (m_teller != std::thread::id()) return false;
+    m_teller = self;
+    return true;
+  }
+
+  // What this thread has to tell next; it is done when there is nothing.
+  std::optional<Link> next_or_end(LinkBoard& board) ORVEL_EXCLUDES(m_mutex) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::optional<Link> link = next(board);
+    if (link) return link;
+    m_teller = {};
+    m_idle.notify_all();
+    return std::nullopt;
+  }
+
   // A link that has changed since it was told.
   std::optional<Link> next(LinkBoard& board) ORVEL_REQUIRES(m_mutex) {
     for (const Service service : kAllServices) {
@@ -264,8 +275,8 @@ LinkBoard::Restoring::~Restoring() {
 
 void LinkBoard::wait_until_restored() {
   if (m_restoring == 0) return;
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_restored.wait(lock, [this] { return m_restoring == 0; });
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  while (m_restoring > 0) m_restored.wait(m_mutex);
 }
 
 }  // namespace orvel::service_apis

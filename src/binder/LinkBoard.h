@@ -74,7 +74,7 @@ class LinkRecord {
   mutable std::mutex m_mutex;
   Link m_link ORVEL_GUARDED_BY(m_mutex);
   bool m_is_bound ORVEL_GUARDED_BY(m_mutex) = false;
-  bool m_has_been_up ORVEL_GUARDED_BY(m_mutex) = false;  // since the last stop
+  bool m_has_been_up ORVEL_GUARDED_BY(m_mutex) = false;   // since the last stop
   std::uint64_t m_life ORVEL_GUARDED_BY(m_mutex) = 0;     // from one stop to the next
   std::uint64_t m_network ORVEL_GUARDED_BY(m_mutex) = 0;  // its number; 0 while there is none
   std::atomic<std::uint64_t> m_epoch{0};                  // that of m_link

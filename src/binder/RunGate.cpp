@@ -47,8 +47,8 @@ void RunGate::leave() {
 void RunGate::wait() {
   const unsigned own = entries_of_this_thread() * kOneEntry;
   Leaving& state = leaving();
-  std::unique_lock<std::mutex> lock(state.mutex);
-  state.left.wait(lock, [&] { return (m_state.load() & ~kClosed) == own; });
+  const std::lock_guard<std::mutex> lock(state.mutex);
+  while ((m_state.load() & ~kClosed) != own) state.left.wait(state.mutex);
 }
 
 bool RunGate::inside_one() {

@@ -116,8 +116,10 @@ void Mutex::unlock() {
   m_mutex.unlock();
 }
 
-void Condition::wait(std::unique_lock<std::mutex>& lock) {
+void Condition::wait(std::mutex& mutex) {
+  std::unique_lock<std::mutex> lock(mutex, std::adopt_lock);
   m_changed.wait(lock);
+  lock.release();  // the caller owns the mutex again
 }
 
 void Condition::notify_all() {

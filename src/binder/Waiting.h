@@ -73,16 +73,12 @@ class Condition {
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  template <typename Wanted>
-  void wait(std::unique_lock<std::mutex>& lock, Wanted wanted) {
-    while (!wanted()) wait(lock);
-  }
+  // Unlocks `mutex` until notify_all(), or by accident a moment earlier: called in a loop that asks for the condition.
+  void wait(std::mutex& mutex) ORVEL_REQUIRES(mutex);
   // Behind the change that makes the condition true.
   void notify_all();
 
  private:
-  void wait(std::unique_lock<std::mutex>& lock);
-
   std::condition_variable m_changed;
 };
 

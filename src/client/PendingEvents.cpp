@@ -20,13 +20,19 @@ bool PendingEvent::tell(const EventOutcome& outcome) {
   return true;
 }
 
-void PendingEvent::lose() noexcept {
-  if (g_quiet) return;
+bool PendingEvent::tell_beside(const EventOutcome& outcome) noexcept {
   try {
-    tell({"LOST", true});
+    return tell(outcome);
   } catch (const std::exception& error) {
-    s_client_logger.e("%s:A callback for the outcome of an event threw: %s", __func__, error.what());
+    s_client_logger.e("%s:A callback for the outcome of an event threw: %s", "tell", error.what());
+  } catch (...) {
+    s_client_logger.e("%s:A callback for the outcome of an event threw", "tell");
   }
+  return true;
+}
+
+void PendingEvent::lose() noexcept {
+  if (!g_quiet) tell_beside({"LOST", true});
 }
 
 EventHolder::Held::~Held() {
@@ -89,26 +95,26 @@ void PendingEvents::forget(const PendingEvent& event) {
 
 void PendingEvents::watch() {
   waiting::Bell bell;
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_bell = &bell;
-  while (!m_deadlines.empty() && !waiting::interrupted()) {
-    const auto next = m_deadlines.begin();
+  while (const std::optional<Deadline> next = next_deadline(bell)) {
     const std::chrono::nanoseconds left = next->first - waiting::now();
     if (left.count() > 0) {
-      lock.unlock();
       static_cast<void>(bell.wait(left));
-      lock.lock();
-      continue;
+    } else {
+      next->second->tell_beside({"TIMEOUT", true});
+      forget(*next->second);
     }
-    const PendingEventPtr late = std::move(next->second);
-    m_deadlines.erase(next);
-    lock.unlock();
-    late->tell({"TIMEOUT", true});
-    lock.lock();
   }
+}
+
+std::optional<PendingEvents::Deadline> PendingEvents::next_deadline(waiting::Bell& bell) {
+  const Disposal disposal;
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_bell = &bell;
+  if (!m_deadlines.empty() && !waiting::interrupted()) return *m_deadlines.begin();
   m_bell = nullptr;
   m_is_watched = false;
   m_deadlines.clear();
+  return std::nullopt;
 }
 
 }  // namespace orvel::service_apis

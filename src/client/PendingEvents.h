@@ -7,6 +7,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <utility>
 
 #include "binder/Callback.h"
 #include "binder/Disposal.h"
@@ -25,7 +27,9 @@ class PendingEvent {
 
   // Tells the outcome, unless one was told. True when this did so.
   bool tell(const EventOutcome& outcome);
-  // The same for an event that is lost. What the callback throws is logged.
+  // The same where nothing takes what the callback throws: that is logged.
+  bool tell_beside(const EventOutcome& outcome) noexcept;
+  // The same for an event that is lost.
   void lose() noexcept;
   // From now on none is told; false when one was told already.
   bool close() { return !m_is_over.exchange(true); }
@@ -77,6 +81,10 @@ class PendingEvents {
   void limit(const PendingEventPtr& event, std::chrono::nanoseconds deadline) ORVEL_EXCLUDES(m_mutex);
   void lose_all() ORVEL_EXCLUDES(m_mutex);
   void watch() ORVEL_EXCLUDES(m_mutex);
+
+  using Deadline = std::pair<waiting::TimePoint, PendingEventPtr>;
+  // The first deadline, for the thread that watches and has `bell`; empty when it is to end.
+  std::optional<Deadline> next_deadline(waiting::Bell& bell) ORVEL_EXCLUDES(m_mutex);
 
   LibraryThreads& m_threads;
   std::mutex m_mutex;

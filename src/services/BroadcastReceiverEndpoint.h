@@ -18,7 +18,8 @@ using IntentCallback = std::function<void(const OrvelIntent&)>;
 // The delegate service calls it one-way. Run-loop thread.
 class BroadcastReceiverEndpoint : public vesk::IpcEndpoint {
  public:
-  // The callback gets three members of the intent; the others are dropped. An empty one throws when a broadcast arrives.
+  // The callback gets three members of the intent; the others are dropped. An empty one throws when a broadcast
+  // arrives.
   explicit BroadcastReceiverEndpoint(BroadcastCallback callback) : m_callback(std::move(callback)) {}
 
   // The callback gets the whole intent, unless it is empty; then `otherwise` gets its three members.

@@ -66,10 +66,12 @@ void Mutex::unlock() {
 }
 
 // Under the lock that guards the condition, until the thread counts as waiting: notify_all() cannot come in between.
-void Condition::wait(std::unique_lock<std::mutex>& lock) {
+void Condition::wait(std::mutex& mutex) {
   VirtualTime::Blocked blocked{this};
   VirtualTime::instance().begin(blocked);
+  std::unique_lock<std::mutex> lock(mutex, std::adopt_lock);
   m_changed.wait(lock);
+  lock.release();  // the caller owns the mutex again
   VirtualTime::instance().end(blocked);
 }
 

@@ -21,7 +21,8 @@ namespace orvel::testing {
 //
 // Time passes only while a thread waits for it: inside settle() and advance(), and inside a wait that passes time
 // itself. It then goes from one deadline to the next, and to each only when the device's thread, the client's threads
-// and the acts of the test have nothing left to do. So what happens, and in which order, does not depend on how the threads are scheduled.
+// and the acts of the test have nothing left to do. So what happens, and in which order, does not depend on how the
+// threads are scheduled.
 //
 // The client's run loop, when it sleeps, waits for another thread to let time pass: a test that kills a service and
 // starts it again must not find that the client has given up meanwhile. So do the client's threads beside the run loop.

@@ -167,15 +167,26 @@ TEST_P(Notifications, ADeathAReturnAndALostNetworkAreLinesWithTheirEpoch) {
   order("unset setting k");
   EXPECT_EQ(watcher->wait(), 0);
   EXPECT_EQ(withoutTimes(watcher->output()),
-            R"({"sequence":1,"kind":"subscribed","kinds":["screen","setting:k","network"]}
-{"sequence":2,"epoch":1,"kind":"screen","on":false}
-{"sequence":3,"epoch":1,"kind":"link","service":"delegate","state":"away","held":3,"restored":0,"refused":0,"networkLost":false,"cause":"the service has died"}
-{"sequence":4,"epoch":2,"kind":"link","service":"delegate","state":"up","held":3,"restored":3,"refused":0,"networkLost":false}
-{"sequence":5,"epoch":2,"kind":"setting","key":"k","value":1}
-{"sequence":6,"epoch":1,"kind":"link","service":"connectivity","state":"away","held":0,"restored":0,"refused":0,"networkLost":true,"cause":"the service has died"}
-{"sequence":7,"epoch":2,"kind":"link","service":"connectivity","state":"up","held":0,"restored":0,"refused":0,"networkLost":true}
-{"sequence":8,"epoch":2,"kind":"setting","key":"k","value":null}
-)");
+            R"({"sequence":1,"kind":"subscribed","kinds":["screen","setting:k","network"]})"
+            "\n"
+            R"({"sequence":2,"epoch":1,"kind":"screen","on":false})"
+            "\n"
+            R"({"sequence":3,"epoch":1,"kind":"link","service":"delegate","state":"away","held":3,"restored":0,)"
+            R"("refused":0,"networkLost":false,"cause":"the service has died"})"
+            "\n"
+            R"({"sequence":4,"epoch":2,"kind":"link","service":"delegate","state":"up","held":3,"restored":3,)"
+            R"("refused":0,"networkLost":false})"
+            "\n"
+            R"({"sequence":5,"epoch":2,"kind":"setting","key":"k","value":1})"
+            "\n"
+            R"({"sequence":6,"epoch":1,"kind":"link","service":"connectivity","state":"away","held":0,"restored":0,)"
+            R"("refused":0,"networkLost":true,"cause":"the service has died"})"
+            "\n"
+            R"({"sequence":7,"epoch":2,"kind":"link","service":"connectivity","state":"up","held":0,"restored":0,)"
+            R"("refused":0,"networkLost":true})"
+            "\n"
+            R"({"sequence":8,"epoch":2,"kind":"setting","key":"k","value":null})"
+            "\n");
 
   order("kill delegate");
   const auto patient = start("orvelctl-fast wait delegate");

@@ -226,7 +226,8 @@ TEST_F(Replaying, EqualRequestsGetTheirAnswersInOrderAndFailuresToo) {
   expectReplay(lines, thrice, "1\n2\n2\n", {"hand.jsonl:3: 3 entries are missing\n"});
   expectReplay(lines, thrice, "1\n2\n1\n", {}, "--loop");
   expectReplay(lines, "for k in bad error cut null; do orvelctl setting $k --default 3; echo $?; done",
-               "1\n1\n3\n0\n3\n0\n", {"Received error: -9 [as then]", "Stack Trace: at x", "error -121"});
+               "1\n1\n1\n3\n0\n",
+               {"Received error: -9 [as then]", "Stack Trace: at x", "error -121", "setting cut: cut reply"});
   expectReplay(lines,
                "orvelctl setting x; echo $?; orvelctl setting drop; echo $?; orvelctl setting drop; "
                "orvelctl --timeout 0.3 setting hang; echo $?",

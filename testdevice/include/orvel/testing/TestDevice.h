@@ -86,8 +86,8 @@ constexpr char kEveryMethod[] = "*";
 /// settle() and advance() are not for callbacks and acts, and they do not know of threads that the test makes itself.
 ///
 /// Time is virtual. It passes only inside settle(), advance() and calls of the client that have to wait: a call of a
-/// service that hangs ends at once with the call limit, 30 s later. A rebind waits for settle() or advance(). What is to
-/// happen while a call waits is given to at() before.
+/// service that hangs ends at once with the call limit, 30 s later. A rebind waits for settle() or advance(). What is
+/// to happen while a call waits is given to at() before.
 ///
 /// Errors: std::invalid_argument for what orvel-sim would refuse, with the same text.
 class TestDevice {
@@ -161,8 +161,8 @@ class TestDevice {
   /// @{
 
   /// Returns once everything sent has been delivered, every callback has returned and every rebind that can succeed
-  /// has, and every act has run; a rebind that waits for a dead service stays where it is, and so does the first bind of
-  /// one that start() has left behind. False after an hour of virtual time without such an end.
+  /// has, and every act has run; a rebind that waits for a dead service stays where it is, and so does the first bind
+  /// of one that start() has left behind. False after an hour of virtual time without such an end.
   bool settle();
   /// Lets time pass, with all that is due in it.
   void advance(std::chrono::nanoseconds duration);
@@ -174,15 +174,15 @@ class TestDevice {
   ///     client.initialize();                            // has the service after its first retry
   ///     device.at(1s, [&] { client.shutdown(); });      // interrupts what the test then waits for
   ///
-  /// Each act has a thread of its own, which is the test's own as far as the client is concerned. It may use the client,
-  /// shutdown() included, and the device, at() included, but not settle() and advance(), and must not wait for the
-  /// test's thread. Time stands still while it runs, but for calls of the client in which it has to wait itself.
+  /// Each act has a thread of its own, which is the test's own as far as the client is concerned. It may use the
+  /// client, shutdown() included, and the device, at() included, but not settle() and advance(), and must not wait for
+  /// the test's thread. Time stands still while it runs, but for calls of the client in which it has to wait itself.
   ///
   /// Acts begin in the order of their times, those of one time in the order in which they were asked for, and each when
   /// the one before has ended or waits inside the client. One whose time is over begins as soon as a thread waits for
-  /// time, also without any passing. settle() goes on until all have run. What an act throws, the next settle() or advance()
-  /// throws; if there is none, the end of the device says it on standard error. That waits for an act that runs; acts
-  /// that are not due by then are dropped.
+  /// time, also without any passing. settle() goes on until all have run. What an act throws, the next settle() or
+  /// advance() throws; if there is none, the end of the device says it on standard error. That waits for an act that
+  /// runs; acts that are not due by then are dropped.
   ///
   /// Throws std::invalid_argument for an empty act.
   void at(std::chrono::nanoseconds time, std::function<void()> act);
