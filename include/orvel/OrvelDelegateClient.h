@@ -333,7 +333,7 @@ class ORVEL_API OrvelDelegateClient {
   [[nodiscard]] Subscription subscribeScreenStateChange(std::function<void(bool)> callback);
   /// The action and the package of broadcasts about packages.
   [[nodiscard]] Subscription subscribePackageAction(
-      std::string action, std::vector<std::string> dataTypes, std::vector<std::string> schemes,
+      const std::string& action, const std::vector<std::string>& dataTypes, const std::vector<std::string>& schemes,
       std::function<void(std::string action, std::string package)> callback);
   /// The time before and after the clock was set.
   [[nodiscard]] Subscription subscribeTimeSync(std::function<void(long long old_time, long long new_time)> callback);

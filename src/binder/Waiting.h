@@ -87,7 +87,7 @@ class Condition {
 class Background {
  public:
   Background();
-  ~Background();
+  ~Background();  // NOLINT(performance-trivially-destructible): of the machine's clock it is, of others not
   Background(const Background&) = delete;
   Background& operator=(const Background&) = delete;
 };

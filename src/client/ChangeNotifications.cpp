@@ -166,11 +166,13 @@ bool OrvelDelegateClient::registerForScreenStateChange(std::function<void(bool)>
   return keep<IDelegateService>(m_state, __func__, std::move(callback), register_for_screen);
 }
 
+// NOLINTBEGIN(performance-unnecessary-value-param): the texts go to the proxy by reference; the interface has values.
 bool OrvelDelegateClient::registerForPackageAction(std::string action, std::vector<std::string> dataTypes,
                                                    std::vector<std::string> schemes,
                                                    std::function<void(std::string, std::string)> callback) {
   return keep<IDelegateService>(m_state, __func__, std::move(callback), of_packages(action, dataTypes, schemes));
 }
+// NOLINTEND(performance-unnecessary-value-param)
 
 bool OrvelDelegateClient::registerForTimeSync(std::function<void(long long, long long)> callback) {
   return keep<IDelegateService>(m_state, __func__, std::move(callback), register_for_time);
@@ -204,8 +206,9 @@ Subscription OrvelDelegateClient::subscribeScreenStateChange(std::function<void(
   return subscribe<IDelegateService>(m_state, __func__, std::move(callback), register_for_screen);
 }
 
-Subscription OrvelDelegateClient::subscribePackageAction(std::string action, std::vector<std::string> dataTypes,
-                                                         std::vector<std::string> schemes,
+Subscription OrvelDelegateClient::subscribePackageAction(const std::string& action,
+                                                         const std::vector<std::string>& dataTypes,
+                                                         const std::vector<std::string>& schemes,
                                                          std::function<void(std::string, std::string)> callback) {
   return subscribe<IDelegateService>(m_state, __func__, std::move(callback), of_packages(action, dataTypes, schemes));
 }

@@ -68,7 +68,7 @@ std::optional<EventOutcome> await(const Session& session, CallbackQueue& callbac
 }
 
 // The failure that a result other than success is.
-Failure failureOf(const std::string& what, const EventOptions& options, const std::string& result) {
+Failure failureOfOutcome(const std::string& what, const EventOptions& options, const std::string& result) {
   Failure failure{kFailed, what + ": the result is " + result, what, boundName(Service::kEvents)};
   if (result == "LOST") {
     failure.exitStatus = kNotBound;
@@ -100,7 +100,7 @@ void sendEvent(Session& session, const EventOptions& options) {
                  {"result", outcome->result},
                  {"retryable", outcome->retryable}},
                 outcome->result + (success ? "" : advice));
-  if (!success) session.fail(failureOf(what, options, outcome->result));
+  if (!success) session.fail(failureOfOutcome(what, options, outcome->result));
 }
 
 // The content of a file, of standard input for "-"; throws CLI::ValidationError.

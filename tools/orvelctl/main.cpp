@@ -180,8 +180,7 @@ class CommandLine {
     addAssistantCommands(m_commands);
     addWatch();
     addLinkCommands(m_commands);
-    m_doctor = m_commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
-    m_doctor->footer(kDoctorFooter);
+    addDoctor();
   }
 
   // Returns the exit status.
@@ -201,6 +200,11 @@ class CommandLine {
   }
 
  private:
+  void addDoctor() {
+    m_doctor = m_commands.add("doctor", "Say what is wrong with the set-up, and what to do", diagnose);
+    m_doctor->footer(kDoctorFooter);
+  }
+
   void addOptions() {
     std::vector<std::string> levels;
     for (const auto& [name, priority] : logLevels()) levels.push_back(name);

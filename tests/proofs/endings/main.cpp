@@ -126,7 +126,7 @@ class World final : public ClientFixture {
 
   void serve(const std::string& service) override {
     m_vesk.add_service(service, [this](const Transaction& call) {
-      const Reply reply = {good_reply(call.service, call.code), 0};
+      Reply reply = {good_reply(call.service, call.code), 0};
       if (!InprocessVesk::on_run_loop() || !t_inside.empty() || call.endpoints.empty()) return reply;
       require(m_client.state(To::kDelegate).state != LinkState::kUp, "no link is up in its replay");
       t_acts = true;  // reads by libvesk, too
@@ -286,7 +286,7 @@ class World final : public ClientFixture {
     // Not on two threads: one that waits for the callback of the other may be in a call.
     if (m_place != kOnTwoThreads) m_client.getDeviceName();
     const Subscriber* const link = newest(kinds().back());
-    const bool is_of_link = !subscriber.kind.subjects.empty() && link && m_place == kWhereTheyCome;
+    const bool is_of_link = !subscriber.kind.subjects.empty() && link != nullptr && m_place == kWhereTheyCome;
     require(!is_of_link || link->told == LinkState::kUp, "the link is up when a notification comes");
     pass_point();
     require(!subscriber.captured.expired(), subscriber.kind.name + std::string("'s captures live as long as it runs"));

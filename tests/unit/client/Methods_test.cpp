@@ -197,13 +197,13 @@ TEST_F(Methods, EachIsRefusedInsideTheConnectivityCallback) {
 
 // ---- The statuses of calls ----
 
-using Code = CallStatus::Code;
+using StatusCode = CallStatus::Code;
 
 // How a service may fail, and the status of a call that it fails.
 struct Failure {
   const char* name;
   std::function<Reply(const Transaction& call)> answer;
-  Code code;
+  StatusCode code;
   int error;
   const char* text;
 };
@@ -219,23 +219,23 @@ const Failure kFailures[] = {
      [](const Transaction&) {
        return Reply{{}, -EPIPE};
      },
-     Code::kDied, -EPIPE, "the service died before it answered"},
+     StatusCode::kDied, -EPIPE, "the service died before it answered"},
     {"timed out",
      [](const Transaction&) {
        return Reply{{}, -ETIMEDOUT};
      },
-     Code::kTimedOut, -ETIMEDOUT, "the service did not answer in time"},
+     StatusCode::kTimedOut, -ETIMEDOUT, "the service did not answer in time"},
     {"exception",
      [](const Transaction&) {
        return Reply{wire("-3 'no' 0"), 0};
      },
-     Code::kException, -3, "no"},
+     StatusCode::kException, -3, "no"},
     {"mute exception",
      [](const Transaction&) {
        return Reply{wire("-5 '' 0"), 0};
      },
-     Code::kException, -5, "the service answered with an exception"},
-    {"cut reply", cut, Code::kCutReply, 0, "the reply of the service ended too early"},
+     StatusCode::kException, -5, "the service answered with an exception"},
+    {"cut reply", cut, StatusCode::kCutReply, 0, "the reply of the service ended too early"},
 };
 
 class Statuses : public StoppedClient {
@@ -247,11 +247,11 @@ class Statuses : public StoppedClient {
   static Reply good(const Transaction& call) { return {good_reply(call.service, call.code), 0}; }
 
   // The status of the row's call, of which all is checked but what the arguments say.
-  void expect_status(const Method& each, Code code, const std::string& text, int error = 0,
+  void expect_status(const Method& each, StatusCode code, const std::string& text, int error = 0,
                      LinkState link = LinkState::kUp) {
     const auto [result, status] = checked([&] { return each.call(m_client, {}); });
     EXPECT_EQ(status.code, code) << each.name << ": " << nameOf(status.code);
-    EXPECT_EQ(static_cast<bool>(status), code == Code::kOk) << each.name;
+    EXPECT_EQ(static_cast<bool>(status), code == StatusCode::kOk) << each.name;
     EXPECT_EQ(status.text, text) << each.name;
     EXPECT_EQ(status.error, error) << each.name;
     EXPECT_STREQ(status.method, each.name);
@@ -260,7 +260,7 @@ class Statuses : public StoppedClient {
     EXPECT_EQ(*status.service, kAllServices.at(static_cast<std::size_t>(each.service))) << each.name;
     EXPECT_EQ(status.epoch, m_client.state(*status.service).epoch) << each.name;
     EXPECT_EQ(status.link, link) << each.name;
-    EXPECT_TRUE(code != Code::kOk || result == each.result) << each.name;
+    EXPECT_TRUE(code != StatusCode::kOk || result == each.result) << each.name;
   }
   static bool asks(const Method& each) { return each.requests[0].code != 0; }
 
@@ -270,35 +270,35 @@ class Statuses : public StoppedClient {
 TEST_F(Statuses, OfEachMethodSayHowItFailedAndNothingOfItStays) {
   start();
   for (const Method& each : kMethods) {
-    expect_status(each, Code::kOk, "ok");
+    expect_status(each, StatusCode::kOk, "ok");
     for (const Failure& failure : kFailures) {
       if (!asks(each)) continue;
       SCOPED_TRACE(failure.name);
       m_answer = failure.answer;
       expect_status(each, failure.code, failure.text, failure.error);
       m_answer = good;
-      expect_status(each, Code::kOk, "ok");
+      expect_status(each, StatusCode::kOk, "ok");
     }
   }
   m_vesk.fail_once("vesk_service_register", 1, -EIO);
-  expect_status(method("subscribeDirective"), Code::kFailed, "the call failed: Input/output error (-5)", -EIO);
+  expect_status(method("subscribeDirective"), StatusCode::kFailed, "the call failed: Input/output error (-5)", -EIO);
 }
 
 TEST_F(Statuses, OfEachMethodSayThatItsServiceWasNotAsked) {
-  const auto expect_all = [&](Code code, const std::string& text, LinkState link, const auto& is_refused) {
+  const auto expect_all = [&](StatusCode code, const std::string& text, LinkState link, const auto& is_refused) {
     for (const Method& each : kMethods) {
       const bool refused = is_refused(each);
-      expect_status(each, refused ? code : Code::kOk, refused ? text : "ok", 0, link);
+      expect_status(each, refused ? code : StatusCode::kOk, refused ? text : "ok", 0, link);
     }
   };
   const auto has_service = [](const Method& each) { return each.service != Method::kNoService; };
-  expect_all(Code::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
+  expect_all(StatusCode::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
   for (const char* service : kServices) m_vesk.refuse_binds(service, 1000);
   ASSERT_TRUE(m_client.initialize());
-  expect_all(Code::kNotBound, "the service is not bound (given up: the service was not found within 300 s)",
+  expect_all(StatusCode::kNotBound, "the service is not bound (given up: the service was not found within 300 s)",
              LinkState::kGivenUp, asks);
   m_client.shutdown();
-  expect_all(Code::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
+  expect_all(StatusCode::kNotInitialised, "the client is not initialised", LinkState::kStopped, has_service);
 }
 
 TEST_F(Statuses, OfACallInADeathSayThatFirstAndThenThatTheServiceIsAway) {
@@ -310,17 +310,17 @@ TEST_F(Statuses, OfACallInADeathSayThatFirstAndThenThatTheServiceIsAway) {
     m_vesk.kill_service(call.service);
     return good(call);
   };
-  EXPECT_EQ(name().code, Code::kDied);
+  EXPECT_EQ(name().code, StatusCode::kDied);
   m_answer = good;
   m_clock.at_sleep(1, [&] {
     const CallStatus away = name();
-    EXPECT_EQ(away.code, Code::kNotBound);
+    EXPECT_EQ(away.code, StatusCode::kNotBound);
     EXPECT_EQ(away.text, "the service is not bound (away: the service has died)");
     EXPECT_EQ(std::tuple(away.link, away.epoch), std::tuple(LinkState::kAway, before));
     serve(kServices[kDelegate]);
   });
   m_vesk.drain();
-  EXPECT_EQ(std::tuple(name().code, name().epoch), std::tuple(Code::kOk, before + 1));
+  EXPECT_EQ(std::tuple(name().code, name().epoch), std::tuple(StatusCode::kOk, before + 1));
 }
 
 TEST_F(Statuses, OfMethodsWithTwoRequestsAreThoseOfTheFirstFailure) {
@@ -334,13 +334,13 @@ TEST_F(Statuses, OfMethodsWithTwoRequestsAreThoseOfTheFirstFailure) {
       if (++made == 2) return Reply{{}, -ETIMEDOUT};
       return both ? Reply{wire("-3 'first' 0"), 0} : good(call);
     };
-    expect_status(each, Code::kException, "first", -3);
+    expect_status(each, StatusCode::kException, "first", -3);
     made = 0;
     both = false;
-    expect_status(each, Code::kTimedOut, "the service did not answer in time", -ETIMEDOUT);
+    expect_status(each, StatusCode::kTimedOut, "the service did not answer in time", -ETIMEDOUT);
   }
   m_answer = [](const Transaction&) { return Reply{wire("0 1"), 0}; };
-  expect_status(method("acquirePartialWakeLock"), Code::kFailed,
+  expect_status(method("acquirePartialWakeLock"), StatusCode::kFailed,
                 "the power manager is too old to keep the processor awake");
 }
 
@@ -369,7 +369,7 @@ TEST_F(Statuses, OfThreadsCallbacksAndWhatTheyCapturedLeaveEachOtherAlone) {
   subscription.end();
   EXPECT_EQ(m_heard.size(), 4U);
   EXPECT_STREQ(lastCall().method, "getDeviceName");
-  EXPECT_EQ(std::tuple(lastCall().code, lastCall().error), std::tuple(Code::kException, -3));
+  EXPECT_EQ(std::tuple(lastCall().code, lastCall().error), std::tuple(StatusCode::kException, -3));
   EXPECT_TRUE(checked([this] { m_client.setExecutor({}); }));
 }
 

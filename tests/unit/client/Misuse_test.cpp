@@ -28,7 +28,7 @@ using service_apis::Link;
 using service_apis::LinkState;
 using service_apis::StartOptions;
 using service_apis::Subscription;
-using Code = service_apis::CallStatus::Code;
+using StatusCode = service_apis::CallStatus::Code;
 using To = service_apis::Service;
 
 constexpr char kTime[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
@@ -48,7 +48,7 @@ class Misuse : public StartedClient {
     m_vesk.drain();
   }
   void expect_refused(const std::string& why) {
-    EXPECT_EQ(lastCall().code, Code::kRefused);
+    EXPECT_EQ(lastCall().code, StatusCode::kRefused);
     EXPECT_EQ(lastCall().text, why);
   }
 };
@@ -179,7 +179,7 @@ TEST_F(Misuse, EmptyCallbacksAndNamespacesInUseAreSaidAtOnce) {
   for (const auto& call : calls) {
     const auto [made, status] = checked(call);
     EXPECT_FALSE(made) << status.method;
-    EXPECT_EQ(status.code, Code::kInvalidArgument) << status.method;
+    EXPECT_EQ(status.code, StatusCode::kInvalidArgument) << status.method;
     EXPECT_EQ(status.text, "the callback is empty");
   }
   EXPECT_EQ(m_vesk.transactions().size(), before);
@@ -273,7 +273,7 @@ TEST_F(Misuse, TheChildOfAForkEndsASubscriptionThatRunsInTheParentAndHearsOfNoLi
   entered.get_future().wait();
   const auto child = [&] {
     busy.end();
-    const bool refused = !m_client.subscribeLink([](const Link&) {}) && lastCall().code == Code::kRefused &&
+    const bool refused = !m_client.subscribeLink([](const Link&) {}) && lastCall().code == StatusCode::kRefused &&
                          !m_client.waitFor(To::kPower, LinkState::kUp, std::chrono::hours(1)) &&
                          lastCall().text == "called in the child of a fork";
     _exit(refused && m_client.state(To::kPower).state == LinkState::kStopped ? 0 : 1);
