@@ -256,9 +256,9 @@ TEST_F(ExitStatus, TheReasonOfAFailureIsToldInAWord) {
         "set setting word seven", "event-result 0 --never");
   limitCalls(400);
   const struct {
-    const char* words;
-    int status;
-    const char *reason, *message;
+    const char* words = "";
+    int status = 0;
+    const char *reason = "", *message = "";
     int code = 0;
   } rows[] = {
       {"get name", 1, "exception", "name: exception -8: boom", -8},

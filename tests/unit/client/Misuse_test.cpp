@@ -26,7 +26,6 @@ using service_apis::checked;
 using service_apis::lastCall;
 using service_apis::Link;
 using service_apis::LinkState;
-using service_apis::StartOptions;
 using service_apis::Subscription;
 using StatusCode = service_apis::CallStatus::Code;
 using To = service_apis::Service;
