@@ -5,6 +5,10 @@
 
 namespace orvel::test {
 
+// Actions of broadcasts.
+inline constexpr char kScreenOnAction[] = "android.intent.action.SCREEN_ON";
+inline constexpr char kTimeSyncAction[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
+
 // What every message to an endpoint begins with; the values mean nothing to the library.
 inline Bytes notification(const Bytes& contents) {
   return Bytes().i32(7).i32(8).i32(9).utf16("any.IReceiver").append(contents);

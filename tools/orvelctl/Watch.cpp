@@ -27,7 +27,7 @@ using orvel::service_apis::CallbackQueue;
 using orvel::service_apis::kAllServices;
 using orvel::service_apis::Link;
 using orvel::service_apis::LinkState;
-using Clock = std::chrono::system_clock;
+using WallClock = std::chrono::system_clock;
 
 // So much waits for a reader that is slow, and one line at least.
 constexpr std::size_t kMostBytes = 1 << 20;
@@ -38,8 +38,8 @@ struct Line {
 };
 
 // "12:00:00.000"
-std::string timeOf(Clock::time_point time) {
-  const std::time_t seconds = Clock::to_time_t(time);
+std::string timeOf(WallClock::time_point time) {
+  const std::time_t seconds = WallClock::to_time_t(time);
   const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
   std::tm local{};
   localtime_r(&seconds, &local);
@@ -143,7 +143,7 @@ class Watch {
 
   void addLine(const std::string& kind, std::optional<std::uint64_t> epoch, const Json& values, const std::string& text,
                bool counts) {
-    const Clock::time_point now = Clock::now();
+    const WallClock::time_point now = WallClock::now();
     Line line{"", counts};
     ++m_sequence;
     if (m_session.json()) {

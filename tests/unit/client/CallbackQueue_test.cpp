@@ -115,19 +115,17 @@ TEST_F(OwnLoop, HasAllCallbacksInOneOrderNoneOfAnEndedOneAndHoldsUpNoStop) {
     EXPECT_EQ(send(action, broadcast(action, "")), 1);
     m_vesk.drain();
   };
-  constexpr char kOn[] = "android.intent.action.SCREEN_ON";
-  constexpr char kTime[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
   const auto screen = m_client.subscribeScreenStateChange(note("screen"));
   auto time = m_client.subscribeTimeSync(note("time"));
   const auto link = m_client.subscribeLink(service_apis::Service::kDelegate, note("link"));
-  for (const char* action : {kOn, kTime, kOn, kTime}) tell(action);
+  for (const char* action : {kScreenOnAction, kTimeSyncAction, kScreenOnAction, kTimeSyncAction}) tell(action);
   EXPECT_THAT(heard, ElementsAre());
   EXPECT_EQ(m_queue.dispatch(), 5U);
-  tell(kTime);
+  tell(kTimeSyncAction);
   time.end();
-  tell(kOn);
+  tell(kScreenOnAction);
   m_queue.dispatch();
-  tell(kOn);
+  tell(kScreenOnAction);
   m_client.shutdown();
   m_queue.dispatch();
   EXPECT_THAT(heard, ElementsAre("link", "screen", "time", "screen", "time", "screen", "link"))

@@ -30,8 +30,6 @@ using service_apis::Subscription;
 using StatusCode = service_apis::CallStatus::Code;
 using To = service_apis::Service;
 
-constexpr char kTime[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
-
 class Misuse : public StartedClient {
  protected:
   ~Misuse() override { m_client.setExecutor({}); }
@@ -43,7 +41,7 @@ class Misuse : public StartedClient {
     return m_client.subscribeTimeSync([step = std::move(step), capture](long long, long long) { step(); });
   }
   void notify() {
-    EXPECT_GT(send(kTime, broadcast("any", "")), 0);
+    EXPECT_GT(send(kTimeSyncAction, broadcast("any", "")), 0);
     m_vesk.drain();
   }
   void expect_refused(const std::string& why) {
@@ -214,6 +212,21 @@ TEST_F(Misuse, EndsInAShutdownAndAfterItLeaveTheNextLifeAlone) {
   EXPECT_EQ(m_client.state(To::kConnectivity).held, 1U);
 }
 
+TEST_F(Misuse, ALinkCallbackThatThrowsIsLoggedAndHearsOn) {
+  int heard = 0;
+  const Subscription links = m_client.subscribeLink(To::kPower, [&](const Link&) {
+    if (++heard == 1) throw std::runtime_error("first");
+    throw "no exception";
+  });
+  m_client.shutdown();
+  EXPECT_GT(heard, 1);
+  EXPECT_FALSE(m_client.rebind(To::kPower));
+  EXPECT_EQ(lastCall().code, StatusCode::kNotInitialised);
+  const std::vector<std::string> log = m_log.take("E");
+  EXPECT_THAT(log, Contains(HasSubstr("A callback for links threw: first")));
+  EXPECT_THAT(log, Contains(EndsWith("A callback for links threw")));
+}
+
 TEST_F(Misuse, ALinkCallbackMayEndACallbackThatStartsTheClient) {
   m_client.shutdown();
   m_vesk.kill_service(kServices[kPower]);
@@ -268,7 +281,7 @@ TEST_F(Misuse, TheChildOfAForkEndsASubscriptionThatRunsInTheParentAndHearsOfNoLi
     entered.set_value();
     leave.get_future().wait();
   });
-  send(kTime, broadcast("any", ""));
+  send(kTimeSyncAction, broadcast("any", ""));
   entered.get_future().wait();
   const auto child = [&] {
     busy.end();

@@ -15,9 +15,7 @@ constexpr char kName[] = "com.quarlo.hux.sso.action.QuarloAccountPropertyService
 constexpr char kAdded[] = "com.quarlo.hux.sso.action.account.added";
 constexpr char kRemoved[] = "com.quarlo.hux.sso.action.account.removed";
 constexpr char kMaro[] = "com.quarlo.speech.CONNECTIVITY_ACTION";
-constexpr char kOn[] = "android.intent.action.SCREEN_ON";
 constexpr char kOff[] = "android.intent.action.SCREEN_OFF";
-constexpr char kTime[] = "com.quarlo.velmos.service.timeservice.clock.TIME_SYNC";
 constexpr char kTimes[] =
     "'com.quarlo.velmos.service.timeservice.clock.OLD_TIME_MILLIS' 6 -5L "
     "'com.quarlo.velmos.service.timeservice.clock.NEW_TIME_MILLIS' 6 1795000000000L";
@@ -60,10 +58,10 @@ TEST_P(Broadcasts, EachBecomesItsTypedValues) {
       {kName, "", 1, "'another.property' 0 'x'", {}},
       {kAdded, "", 0, "", {"true"}},
       {kRemoved, "", 0, "", {"false"}},
-      {kOn, "", 0, "", {"true"}},
+      {kScreenOnAction, "", 0, "", {"true"}},
       {kOff, "", 0, "", {"false"}},
-      {kTime, "", 0, "", {"0,0"}},
-      {kTime, "", 2, kTimes, {"-5,1795000000000"}},
+      {kTimeSyncAction, "", 0, "", {"0,0"}},
+      {kTimeSyncAction, "", 2, kTimes, {"-5,1795000000000"}},
       {kMaro, "", 1, "'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 0", {"false"}},
       {kMaro, "", 1, "'com.quarlo.speech.EXTRA_CONNECTIVITY' 1 7", {"true"}},
       {kMaro, "", 0, "", {"false"}},
@@ -129,7 +127,7 @@ TEST_F(ChangeNotifications, ACallbackMayCallTheClientAndSubscribeOnAndThrow) {
   };
   EXPECT_TRUE(m_client.registerForScreenStateChange(callback));
   EXPECT_TRUE(m_client.registerForScreenStateChange({})) << "an empty callback is an error only when it is called";
-  EXPECT_THAT(after(kOn, broadcast(kOn, "")), ElementsAre("on"));
+  EXPECT_THAT(after(kScreenOnAction, broadcast(kScreenOnAction, "")), ElementsAre("on"));
   EXPECT_THAT(after(kOff, broadcast(kOff, "")), ElementsAre("off", "off"));
 }
 
