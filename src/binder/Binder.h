@@ -22,31 +22,36 @@
 namespace orvel::service_apis {
 
 // Writes the arguments of a transaction behind the header and the descriptor. Made of any callable that takes the
-// payload; one that returns a bool says with false that the request is incomplete and must not be sent.
+// payload, and borrows it: for parameters alone. One that returns a bool says with false that the request is incomplete
+// and must not be sent.
 class RequestWriter {
  public:
   RequestWriter() = default;  // empty: throws std::bad_function_call when it is called
 
   template <typename Write, typename Result = std::invoke_result_t<const Write&, vesk_payload*>>
-  RequestWriter(Write write) {  // NOLINT(google-explicit-constructor): a writer is what a lambda is given as
-    if constexpr (std::is_void_v<Result>) {
-      m_write = [write = std::move(write)](vesk_payload* request) {
-        write(request);
-        return true;
-      };
-    } else {
-      m_write = std::move(write);
-    }
+  RequestWriter(const Write& write)  // NOLINT(google-explicit-constructor): a writer is what a lambda is given as
+      : m_callable(&write), m_write([](const void* callable, vesk_payload* request) {
+          const Write& run = *static_cast<const Write*>(callable);
+          if constexpr (std::is_void_v<Result>) {
+            run(request);
+            return true;
+          } else {
+            return run(request);
+          }
+        }) {}
+
+  bool operator()(vesk_payload* request) const {
+    if (!m_write) throw std::bad_function_call();
+    return m_write(m_callable, request);
   }
 
-  bool operator()(vesk_payload* request) const { return m_write(request); }
-
  private:
-  std::function<bool(vesk_payload*)> m_write;
+  const void* m_callable = nullptr;
+  bool (*m_write)(const void* callable, vesk_payload* request) = nullptr;
 };
 
 // The writer of a transaction without arguments.
-inline void no_arguments(vesk_payload*) {}
+inline constexpr auto no_arguments = [](vesk_payload*) {};
 
 // The connections of a Binder, counted from 1. What a service was told it forgets with the connection.
 using Connection = std::uint64_t;

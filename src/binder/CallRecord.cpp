@@ -47,7 +47,7 @@ CallStatus::Code code_of(int error) {
   }
 }
 
-std::string text_of(CallStatus::Code code, int error) {
+[[gnu::cold]] std::string text_of(CallStatus::Code code, int error) {
   switch (code) {
     case CallStatus::Code::kNotInitialised:
       return "shutdown() has ended the call";
@@ -94,14 +94,14 @@ CallRecord::~CallRecord() {
   set_last(m_outcome, std::move(m_text));
 }
 
-void CallRecord::fail(CallStatus::Code code, std::string text, int error) {
+[[gnu::cold]] void CallRecord::fail(CallStatus::Code code, std::string text, int error) {
   if (!t_outermost || t_outermost->m_outcome.code != CallStatus::Code::kOk) return;
   t_outermost->m_outcome.code = code;
   t_outermost->m_outcome.error = error;
   t_outermost->m_text = std::move(text);
 }
 
-void CallRecord::fail_unbound(const LinkRecord& link) {
+[[gnu::cold]] void CallRecord::fail_unbound(const LinkRecord& link) {
   if (!t_outermost || t_outermost->m_outcome.code != CallStatus::Code::kOk) return;
   const Link now = link.get();
   const std::string cause = *now.cause == '\0' ? "" : std::string(": ") + now.cause;
@@ -110,18 +110,18 @@ void CallRecord::fail_unbound(const LinkRecord& link) {
   t_outermost->m_outcome.epoch = now.epoch;
 }
 
-void CallRecord::fail_with(int error) {
+[[gnu::cold]] void CallRecord::fail_with(int error) {
   const CallStatus::Code code = code_of(error);
   fail(code, text_of(code, error), error);
 }
 
-void CallRecord::take_back(const char* text) {
+[[gnu::cold]] void CallRecord::take_back(const char* text) {
   if (!t_outermost || t_outermost->m_text != text) return;
   t_outermost->m_outcome.code = CallStatus::Code::kOk;
   t_outermost->m_outcome.error = 0;
 }
 
-CallStatus CallRecord::last() {
+[[gnu::cold]] CallStatus CallRecord::last() {
   CallStatus status;
   status.code = t_last.code;
   status.service = t_last.service;

@@ -19,8 +19,10 @@ Disposal::Disposal() {
 }
 
 Disposal::~Disposal() {
-  if (--t_disposals > 0) return;
-  if (!t_first) return;
+  if (--t_disposals == 0 && t_first) destroy_all();
+}
+
+void Disposal::destroy_all() {
   const UserCode user_code;
   // What a destructor disposes of in turn is destroyed at once, because no Disposal exists any more.
   Disposable* object = std::exchange(t_first, nullptr);

@@ -31,6 +31,9 @@ class Disposal {
 
   // Destroys `object` at the end of the thread's outermost Disposal, or at once where there is none.
   static void dispose(Disposable* object) noexcept;
+
+ private:
+  [[gnu::noinline]] static void destroy_all();
 };
 
 // Owns one reference to a Disposable. Threads: any, one at a time.

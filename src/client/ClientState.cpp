@@ -28,16 +28,13 @@ void ClientState::stop_for_good() {
   stop_runtime();
 }
 
-bool ClientState::refused_in_child(const char* method) {
-  if (!in_forked_child()) return false;
+bool ClientState::refuse_in_child(const char* method) {
   s_client_logger.e("%s:Called in the child of a fork", method);
   CallRecord::fail(CallStatus::Code::kRefused, "called in the child of a fork");
   return true;
 }
 
-bool ClientState::refused(const char* method) const {
-  if (refused_in_child(method)) return true;
-  if (!m_facade.held_by_this_thread()) return false;
+bool ClientState::refuse_in_callback(const char* method) {
   s_client_logger.e("%s:Called from the connectivity callback", method);
   CallRecord::fail(CallStatus::Code::kRefused, "called from the connectivity callback");
   return true;

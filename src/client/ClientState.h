@@ -12,6 +12,7 @@
 #include "binder/Callback.h"
 #include "binder/Disposal.h"
 #include "binder/OrvelLogger.h"
+#include "binder/Process.h"
 #include "binder/ThreadAnnotations.h"
 #include "binder/Waiting.h"
 #include "client/LibraryThreads.h"
@@ -81,7 +82,7 @@ class ClientState {
       ORVEL_EXCLUDES(m_facade);
 
   // True, with an error line, in the child of a fork.
-  static bool refused_in_child(const char* method);
+  static bool refused_in_child(const char* method) { return in_forked_child() && refuse_in_child(method); }
 
   // The events whose outcome is not told yet.
   PendingEvents& events() { return m_events; }
@@ -93,7 +94,11 @@ class ClientState {
  private:
   // True, with an error line, inside the connectivity callback, which holds the facade lock, and in the child of a
   // fork.
-  bool refused(const char* method) const;
+  bool refused(const char* method) const {
+    return refused_in_child(method) || (m_facade.held_by_this_thread() && refuse_in_callback(method));
+  }
+  static bool refuse_in_child(const char* method);
+  static bool refuse_in_callback(const char* method);
 
   // Returns libvesk's error, 0 on success: `runtime` is then libvesk's runtime, and stop_runtime() is due.
   int get_runtime(void** runtime) ORVEL_EXCLUDES(m_runtime_mutex);

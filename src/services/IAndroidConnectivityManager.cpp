@@ -22,8 +22,9 @@ enum Transaction : unsigned int {
 // Over all lives of the client, since subscriptions may end later than the life that they were made in.
 std::atomic<std::uint64_t> s_registrations{0};
 
-RequestWriter endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
-  return [endpoint](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); };
+// Its result refers to `endpoint`.
+auto endpoint_alone(const vesk::EndpointPtr<NetworkCallbackEndpoint>& endpoint) {
+  return [&endpoint](vesk_payload* request) { vesk_write_endpoint(request, endpoint->get_endpoint()); };
 }
 
 }  // namespace
