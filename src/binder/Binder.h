@@ -51,7 +51,7 @@ class RequestWriter {
 };
 
 // The writer of a transaction without arguments.
-inline constexpr auto no_arguments = [](vesk_payload*) {};
+inline constexpr auto kNoArguments = [](vesk_payload*) {};
 
 // The connections of a Binder, counted from 1. What a service was told it forgets with the connection.
 using Connection = std::uint64_t;
@@ -105,7 +105,7 @@ class Binder {
 
   // Sends transaction `code` of the interface `descriptor` with the arguments of `writer`, and returns the reply, which
   // is null on any failure and for a remote exception. Each of these is logged, an unbound service too.
-  [[nodiscard]] Reply call(const char* descriptor, unsigned int code, const RequestWriter& writer = no_arguments)
+  [[nodiscard]] Reply call(const char* descriptor, unsigned int code, const RequestWriter& writer = kNoArguments)
       ORVEL_EXCLUDES(m_mutex);
 
   // The same for callers that say themselves what an unbound service means: empty, with nothing sent and nothing

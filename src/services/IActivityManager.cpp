@@ -21,7 +21,7 @@ IActivityManager::IActivityManager(void* runtime, Binder::Bind bind)
 
 bool IActivityManager::getRunningAppProcessesInfo(std::vector<std::unique_ptr<RunningAppProcessInfo>>& processes) {
   processes.clear();
-  const auto reply = m_binder.call_if_bound(kDescriptor, kGetRunningAppProcesses, no_arguments);
+  const auto reply = m_binder.call_if_bound(kDescriptor, kGetRunningAppProcesses, kNoArguments);
   if (!reply) return false;
   if (RunningAppProcessInfoArray::read(reply->get(), processes)) {
     s_logger.i("%s:Read %zu RunningAppProcessInfo items", __func__, processes.size());

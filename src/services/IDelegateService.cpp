@@ -46,7 +46,7 @@ enum Transaction : unsigned int {
 
 // The string that the service answers; empty without a connection.
 std::optional<std::string> query(Binder& binder, Transaction code) {
-  return transact(binder, kDescriptor, code, no_arguments, String::read);
+  return transact(binder, kDescriptor, code, kNoArguments, String::read);
 }
 
 // True, with an error line, when an argument of `method` is missing.
@@ -124,7 +124,7 @@ IDelegateService::IDelegateService(void* runtime, Binder::Bind bind)
           LinkBoard::instance().record(kService), bind) {}
 
 DeviceInfo IDelegateService::getDeviceInfo() {
-  std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, no_arguments, DeviceInfo::read);
+  std::optional<DeviceInfo> info = transact(m_binder, kDescriptor, kGetDeviceInfo, kNoArguments, DeviceInfo::read);
   if (!info) return {};
   s_logger.d("%s:Read deviceInfo: [%s] [%s] [%s] [%s]", __func__, info->info1.c_str(), info->info2.c_str(),
              info->info3.c_str(), info->deviceType.c_str());

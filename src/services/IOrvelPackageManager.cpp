@@ -25,7 +25,7 @@ IOrvelPackageManager::IOrvelPackageManager(void* runtime, Binder::Bind bind)
 
 bool IOrvelPackageManager::getPackages(std::vector<std::string>& packages) {
   packages.clear();
-  auto names = transact(m_binder, kDescriptor, kGetPackages, no_arguments, StringArray::read);
+  auto names = transact(m_binder, kDescriptor, kGetPackages, kNoArguments, StringArray::read);
   if (!names) return false;
   packages = *std::move(names);
   s_logger.i("%s:Read %zu packages", __func__, packages.size());

@@ -42,17 +42,17 @@ IPowerManagerService::IPowerManagerService(void* runtime, Binder::Bind bind)
           LinkBoard::instance().record(kService), bind) {}
 
 bool IPowerManagerService::isInteractive() {
-  return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, no_arguments, Int32::read), 0, __func__) != 0;
+  return value_or_unbound(transact(m_binder, kDescriptor, kIsInteractive, kNoArguments, Int32::read), 0, __func__) != 0;
 }
 
 bool IPowerManagerService::wakeUpDevice() {
   s_logger.d("%s:", __func__);
-  return value_or_unbound(transact(m_binder, kDescriptor, kWakeUpDevice, no_arguments, replied), false, __func__);
+  return value_or_unbound(transact(m_binder, kDescriptor, kWakeUpDevice, kNoArguments, replied), false, __func__);
 }
 
 int IPowerManagerService::getVersion() {
   s_logger.d("%s:", __func__);
-  return value_or_unbound(transact(m_binder, kDescriptor, kGetVersion, no_arguments, Int32::read), 0, __func__);
+  return value_or_unbound(transact(m_binder, kDescriptor, kGetVersion, kNoArguments, Int32::read), 0, __func__);
 }
 
 bool IPowerManagerService::wakeUpDeviceCustom(int kind, long long duration_ms) {

@@ -33,7 +33,7 @@ bool ITarselMetric::recordTarselMetricEvent(const TarselMetricEvent& event) {
 }
 
 int ITarselMetric::getVersion() {
-  return transact(m_binder, kDescriptor, kGetVersion, no_arguments, Int32::read).value_or(0);
+  return transact(m_binder, kDescriptor, kGetVersion, kNoArguments, Int32::read).value_or(0);
 }
 
 }  // namespace orvel::service_apis

@@ -165,7 +165,7 @@ TEST_F(BinderTest, AServiceThatStaysDeadIsGivenUpAndItsCallsFailAtOnce) {
   EXPECT_EQ(m_reconnects, 0);
   EXPECT_EQ(m_vesk.live(), Live{});
 
-  EXPECT_EQ(transact(*binder, "i", 1, no_arguments, replied), std::nullopt);
+  EXPECT_EQ(transact(*binder, "i", 1, kNoArguments, replied), std::nullopt);
   EXPECT_THAT(m_log.take(), IsEmpty());
   EXPECT_EQ(binder->call("i", 1).get(), nullptr);
   EXPECT_THAT(m_log.take(), ElementsAre("E call:Binder is not initialized"));
@@ -198,7 +198,7 @@ TEST_F(BinderTest, FailuresAreNamedAndReadAsNothing) {
     m_vesk.fail_once(row.operation, 1, -5);
     m_log.take();
     const int calls = m_vesk.uses("vesk_call");
-    EXPECT_EQ(transact(*binder, "i", 1, no_arguments, String::read), "");
+    EXPECT_EQ(transact(*binder, "i", 1, kNoArguments, String::read), "");
     EXPECT_EQ(m_log.take(), row.log);
     EXPECT_EQ(m_vesk.uses("vesk_call") - calls, row.calls);
     EXPECT_EQ(messages(), 0);

@@ -123,9 +123,9 @@ TEST_F(Registrations, AListRenewsExactlyOnceWhenADeathOverlapsIt) {
   EXPECT_THAT(renewed, ElementsAre("late2", "early2", "while replaying3", "early3", "late3"));
   // A claim that a further death overtook must not be made on the connection after it.
   m_log.take();
-  EXPECT_EQ(binder.call_if_bound("i", 1, no_arguments, 2), std::nullopt);
+  EXPECT_EQ(binder.call_if_bound("i", 1, kNoArguments, 2), std::nullopt);
   EXPECT_THAT(m_log.take(), IsEmpty()) << "a connection that is gone is not a failure";
-  EXPECT_EQ(binder.call_if_bound("i", 1, no_arguments, 3)->connection(), 3U);
+  EXPECT_EQ(binder.call_if_bound("i", 1, kNoArguments, 3)->connection(), 3U);
   EXPECT_EQ(m_vesk.transactions().size(), 1U);
 }
 
