@@ -47,6 +47,7 @@ CallStatus::Code code_of(int error) {
   }
 }
 
+// What only failures run, and what asks for them, is cold: compiled for size and out of the way of calls that succeed.
 [[gnu::cold]] std::string text_of(CallStatus::Code code, int error) {
   switch (code) {
     case CallStatus::Code::kNotInitialised:

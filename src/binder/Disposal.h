@@ -33,6 +33,7 @@ class Disposal {
   static void dispose(Disposable* object) noexcept;
 
  private:
+  // Not inlined: its frame would be set up in each call, most of which dispose of nothing.
   [[gnu::noinline]] static void destroy_all();
 };
 

@@ -97,6 +97,7 @@ class ClientState {
   bool refused(const char* method) const {
     return refused_in_child(method) || (m_facade.held_by_this_thread() && refuse_in_callback(method));
   }
+  // Say so, and return true.
   static bool refuse_in_child(const char* method);
   static bool refuse_in_callback(const char* method);
 
