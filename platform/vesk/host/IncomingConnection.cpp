@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -104,6 +105,8 @@ bool IncomingConnection::handle(sd_bus_message* message) {
 // A name that is not served any more ends the connection, so that its owner learns of it in either order.
 bool IncomingConnection::open(sd_bus_message* message) {
   m_path = sd_bus_message_get_path(message);
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  m_opened_us = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
   return m_acceptor.endpoint(m_path) != nullptr;
 }
 

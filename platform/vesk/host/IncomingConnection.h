@@ -65,6 +65,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   [[nodiscard]] bool is_open() const { return m_bus != nullptr; }
   [[nodiscard]] bool has_hung_up() const;  // whether the loop has noticed or not; of an open one
   [[nodiscard]] const std::string& path() const { return m_path; }
+  [[nodiscard]] std::uint64_t opened_us() const { return m_opened_us; }  // since 1970
 
   // Closes both directions. With `notify`, completions that are owed get -EPIPE and those who asked hear that the
   // remotes are gone.
@@ -110,6 +111,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
   Acceptor& m_acceptor;
   pid_t m_peer;
   std::string m_path;  // of the service it was opened for; empty before that
+  std::uint64_t m_opened_us = 0;
   unsigned int m_deferred = 0;
   std::unordered_map<std::uint64_t, vesk_remote*> m_remotes;  // borrowed: those who count them own them
   std::list<PendingCall> m_pending;

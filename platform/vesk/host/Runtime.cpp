@@ -2,10 +2,14 @@
 
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 #include "Descriptors.h"
 #include "RuntimeDirectory.h"
@@ -38,17 +42,32 @@ std::chrono::milliseconds choose_call_limit() {
   return kCallLimit;
 }
 
-const char* directory_problem(int error) {
+// What keeps the runtime directory from being used, and where that is one command, what helps.
+std::string directory_problem(int error) {
+  constexpr char kStart[] = "; orvel-sim run starts a device";
+  const std::filesystem::path directory = runtime_directory();
+  const std::filesystem::path parent = directory.parent_path();
+  std::error_code ignored;
+  const bool exists = std::filesystem::exists(std::filesystem::symlink_status(directory, ignored));
+  if ((error == ENOENT || error == EACCES) && !exists) {
+    if (!std::filesystem::is_directory(parent, ignored)) return "it does not exist, nor does " + parent.string();
+    if (::access(parent.c_str(), W_OK | X_OK) == 0) return std::string("it does not exist") + kStart;
+    return "it does not exist, and this user may not write in " + parent.string();
+  }
   switch (error) {
-    case ENOENT:
-      return "it does not exist";
     case ENOTDIR:
     case ELOOP:
-      return "it is not a directory";
+      return std::filesystem::is_symlink(std::filesystem::symlink_status(directory, ignored))
+                 ? "it is a symbolic link, which is not followed"
+                 : "it is not a directory";
+    case EACCES:
+      return "this user may not open it";
     case EPERM:
       return "it must belong to this user, with mode 0700";
+    case ENAMETOOLONG:
+      return "its path is too long";
     case ESRCH:
-      return "nothing serves there";
+      return std::string("nothing serves there") + kStart;
     default:
       return std::strerror(error);
   }
@@ -67,7 +86,7 @@ void name_the_directory(const char* purpose, const Body& body) {
   try {
     body();
   } catch (const std::system_error& error) {
-    complain("%s in %s: %s", purpose, runtime_directory().c_str(), directory_problem(error.code().value()));
+    complain("%s in %s: %s", purpose, runtime_directory().c_str(), directory_problem(error.code().value()).c_str());
     throw;
   }
 }

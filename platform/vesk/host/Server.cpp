@@ -88,6 +88,15 @@ int Server::withdraw(const char* name) {
   return result == -ENOENT ? 0 : result;
 }
 
+int Server::each_connection(const char* name, const std::function<void(pid_t peer, std::uint64_t opened_us)>& found) {
+  const std::string path = object_path(name);
+  if (!endpoint(path)) return -ENOENT;
+  for (const auto& [connection, ignored] : m_connections) {
+    if (connection->is_open() && connection->path() == path) found(connection->peer(), connection->opened_us());
+  }
+  return 0;
+}
+
 void Server::close() {
   decltype(m_names) dropped;
   {

@@ -4,6 +4,8 @@
 #include <sys/types.h>
 #include <systemd/sd-event.h>
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -30,6 +32,9 @@ class Server : private IncomingConnection::Acceptor {
   // Throws std::system_error as DirectoryLock and Seat do.
   void publish(const char* name, vesk_endpoint* endpoint);
   int withdraw(const char* name);
+
+  // Calls `found` for each open connection to the name; -ENOENT when it is not served. Loop's thread.
+  int each_connection(const char* name, const std::function<void(pid_t peer, std::uint64_t opened_us)>& found);
 
   // Withdraws every name and closes every connection. Waits for no other process.
   void close();

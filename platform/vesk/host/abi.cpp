@@ -11,6 +11,7 @@
 #include "vesk/vesk_service.h"
 
 using vesk::as_error_code;
+using vesk::is_complete;
 using vesk::Runtime;
 
 namespace {
@@ -125,7 +126,7 @@ int vesk_binder_servicemanager_get(void* runtime, const char* name, vesk_handle*
 }
 
 int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint) {
-  if (endpoint == nullptr) return -EINVAL;
+  if (endpoint == nullptr || !is_complete(*endpoint)) return -EINVAL;
   return with_runtime(runtime, [&](Runtime& self) {
     self.server().publish(name, endpoint);
     return 0;
@@ -135,6 +136,16 @@ int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoi
 int vesk_service_withdraw(void* runtime, const char* name) {
   if (name == nullptr) return -EINVAL;
   return with_runtime(runtime, [&](Runtime& self) { return self.server().withdraw(name); });
+}
+
+int vesk_service_connections(void* runtime, const char* name,
+                             void (*found)(void* context, pid_t client, std::uint64_t opened_us), void* context) {
+  if (name == nullptr || found == nullptr) return -EINVAL;
+  return with_runtime(runtime, [&](Runtime& self) {
+    if (!self.loop().is_this_thread()) return -EPERM;
+    return self.server().each_connection(
+        name, [&](pid_t client, std::uint64_t opened_us) { found(context, client, opened_us); });
+  });
 }
 
 // ---- Handles ----

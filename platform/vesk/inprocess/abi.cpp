@@ -5,6 +5,7 @@
 
 #include "vesk/inprocess/Messages.h"
 #include "vesk/inprocess/Runtime.h"
+#include "vesk/message/Message.h"
 #include "vesk/vesk.h"
 
 using namespace vesk::inprocess;  // NOLINT(google-build-using-namespace)
@@ -125,7 +126,7 @@ int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoi
   if (Device* device = device_of(runtime)) return device->serve(name, endpoint);
   return use(__func__, [&](Runtime& self) {
     require(name != nullptr && endpoint != nullptr, "vesk_service_register", "a null name or endpoint");
-    if (name == nullptr || endpoint == nullptr) return -EINVAL;
+    if (name == nullptr || endpoint == nullptr || !vesk::is_complete(*endpoint)) return -EINVAL;
     auto held = hold(endpoint);  // before the lock; what it replaces is dropped after it
     const Runtime::Lock lock(self.mutex);
     require_running(self, "vesk_service_register");

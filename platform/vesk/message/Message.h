@@ -18,6 +18,13 @@ using EndpointRef = std::shared_ptr<vesk_endpoint>;
 // One counted reference to an endpoint of another process. On the thread that serves.
 using RemoteRef = std::shared_ptr<vesk_remote>;
 
+// Whether an endpoint can be called and counted: all four functions are there.
+inline bool is_complete(const vesk_endpoint& endpoint) {
+  const vesk_endpoint_fn* const fn = endpoint.fn;
+  return fn != nullptr && fn->endpoint_call != nullptr && fn->endpoint_call_oneway != nullptr &&
+         fn->endpoint_acquire != nullptr && fn->endpoint_release != nullptr;
+}
+
 // What a runtime adds to the functions on messages. Any thread.
 class MessageHooks {
  public:

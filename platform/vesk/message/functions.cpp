@@ -7,6 +7,7 @@
 #include "vesk/message/Message.h"
 
 using vesk::as_error_code;
+using vesk::is_complete;
 using vesk::message_hooks;
 using vesk::Parcel;
 
@@ -164,6 +165,7 @@ int vesk_write_array_length(vesk_payload* payload, int32_t length) {
 int vesk_write_endpoint(vesk_payload* payload, vesk_endpoint* endpoint) {
   return write(__func__, payload, [&](const Use& use, Parcel& parcel) {
     if (!use.has(endpoint, "a null endpoint")) return -EINVAL;
+    if (!is_complete(*endpoint)) return parcel.fail(-EINVAL);
     if (parcel.error() != 0) return parcel.error();
     payload->endpoints.push_back(message_hooks().hold(endpoint));
     return parcel.write_endpoint_mark(static_cast<std::uint32_t>(payload->endpoints.size() - 1));

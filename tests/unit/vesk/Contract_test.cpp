@@ -396,6 +396,25 @@ TEST(Values, ReadingPastTheEndIsStickyAndGivesNothing) {
   }
 }
 
+TEST_F(Contract, AnEndpointWithoutAllItsFunctionsIsRefusedAndNotCounted) {
+  const vesk_endpoint_fn& all = Listener::kFunctions;
+  const vesk_endpoint_fn rows[] = {{nullptr, all.endpoint_call_oneway, all.endpoint_acquire, all.endpoint_release},
+                                   {all.endpoint_call, nullptr, all.endpoint_acquire, all.endpoint_release},
+                                   {all.endpoint_call, all.endpoint_call_oneway, nullptr, all.endpoint_release},
+                                   {all.endpoint_call, all.endpoint_call_oneway, all.endpoint_acquire, nullptr}};
+  Listener& owner = listener("incomplete");
+  const auto expect_refused = [&](const vesk_endpoint_fn* functions) {
+    vesk_endpoint endpoint{functions, &owner};
+    EXPECT_EQ(vesk_service_register(m_runtime, "contract.incomplete", &endpoint), -EINVAL);
+    const PayloadPtr payload(vesk_payload_alloc());
+    EXPECT_EQ(vesk_write_endpoint(payload.get(), &endpoint), -EINVAL);
+    EXPECT_EQ(vesk_payload_last_error(payload.get()), -EINVAL);
+  };
+  expect_refused(nullptr);
+  for (const vesk_endpoint_fn& row : rows) expect_refused(&row);
+  EXPECT_EQ(owner.references, 0);
+}
+
 TEST(Values, AFailedWriteIsStickyAndNothingFollowsIt) {
   const auto expect_all_fail = [](vesk_payload* payload) {
     vesk_endpoint endpoint{&Listener::kFunctions, nullptr};

@@ -59,9 +59,12 @@ typedef struct vesk_death_callback {
 struct vesk_endpoint;
 
 /*
- * What an endpoint does. The two calls run on the run-loop thread, one at a time, and return 0 when they handled the
- * message; acquire and release count references on any thread, and their results are ignored. The request, the reply
- * and the caller are borrowed for the call.
+ * What an endpoint does. None of the four may be null: vesk_service_register and vesk_write_endpoint refuse such an
+ * endpoint (-EINVAL). The two calls run on the run-loop thread, one at a time. What endpoint_call returns is what the
+ * caller's vesk_call returns: 0 brings it the reply, anything else fails the call with that number, and the reply is
+ * dropped. A reply in which a write failed is answered with -EINVAL. What endpoint_call_oneway returns is ignored.
+ * acquire and release count references on any thread, and their results are ignored. The request, the reply and the
+ * caller are borrowed for the call.
  */
 typedef struct vesk_endpoint_fn {
   int (*endpoint_call)(void* runtime, struct vesk_endpoint* endpoint, unsigned int code, vesk_identity* caller,
@@ -135,9 +138,9 @@ VESK_API int vesk_binder_servicemanager_get(void* runtime, const char* name, ves
  * Publishes `endpoint` under `name` and keeps one reference to it until the name is replaced, withdrawn, or
  * vesk_shutdown. A name that this process already serves gets the new endpoint: later calls reach it, and the old one's
  * reference is dropped, after its callback if one is in progress. A name that another live process serves is an error
- * (-EADDRINUSE), an empty or over-long one too (-EINVAL, -ENAMETOOLONG). The host runtime waits for other processes
- * that publish for at most 2 s
- * (-EBUSY, with a line on standard error: one of them is stopped). Any thread.
+ * (-EADDRINUSE), an empty or over-long one too (-EINVAL, -ENAMETOOLONG), and so is an
+ * endpoint without all its functions (-EINVAL). The host runtime waits for other processes
+ * that publish for at most 2 s (-EBUSY, with a line on standard error: one of them is stopped). Any thread.
  */
 VESK_API int vesk_service_register(void* runtime, const char* name, vesk_endpoint* endpoint);
 

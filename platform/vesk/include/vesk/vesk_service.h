@@ -12,6 +12,7 @@
 #define VESK_VESK_SERVICE_H_
 
 #include <stddef.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include "vesk/vesk.h"
@@ -24,8 +25,9 @@ extern "C" {
 
 /*
  * Like vesk_get_runtime, for a process that serves: makes the runtime directory (mode 0700) when it is missing, and
- * holds the lock that tells clients that a device lives here until vesk_shutdown or the end of the process. A line on
- * standard error says what was wrong. Any thread.
+ * holds, until vesk_shutdown or the end of the process, the lock that tells clients that a device lives here. The lock
+ * is shared: the processes of one device all hold it, and what belongs to one of them alone is a name
+ * (vesk_service_register). A line on standard error says what was wrong. Any thread.
  *
  * Raises the process's soft limit of open files to the hard one, because each connection takes one or two: the process
  * must not use select(), and gives programs that it starts the old limit if they may. What the runtime directory loses
@@ -53,6 +55,14 @@ VESK_API struct sd_event* vesk_service_event(void* runtime);
  * endpoint_call is what withdraws. -ENOENT when this process does not serve the name. Any thread.
  */
 VESK_API int vesk_service_withdraw(void* runtime, const char* name);
+
+/*
+ * Calls `found` for each connection that other processes have open to the service `name` of this process, in no order:
+ * with the process, and with the time at which the connection was opened, in microseconds since 1970. -ENOENT when this
+ * process does not serve the name. Run-loop thread.
+ */
+VESK_API int vesk_service_connections(void* runtime, const char* name,
+                                      void (*found)(void* context, pid_t client, uint64_t opened_us), void* context);
 
 /* ---- Requests (run-loop thread) ---- */
 
@@ -104,8 +114,8 @@ VESK_API pid_t vesk_remote_pid(const vesk_remote* remote);
 /*
  * Asks for one call of `gone` when the process that keeps the endpoint has ended, has closed the connection, or has
  * taken the endpoint back because the call that brought it was answered too late; at once (from the loop) when that has
- * happened already. Releasing the last reference, or a null `gone`, takes the request back. One at a time;
- * vesk_shutdown drops it.
+ * happened already. `remote` is borrowed inside `gone`, which may release the caller's own references to it. Releasing
+ * the last reference, or a null `gone`, takes the request back. One at a time; vesk_shutdown drops it.
  */
 VESK_API int vesk_remote_on_gone(vesk_remote* remote, void (*gone)(void* context, vesk_remote* remote), void* context);
 
