@@ -132,7 +132,8 @@ class ORVEL_API OrvelDelegateClient {
 
   /// Tells whether the device has a default network. The client has one such subscription: after a second, the first
   /// cannot be ended any more, and the service decides whether it goes on telling it. Unlike all others, it is not made
-  /// again after its service died.
+  /// again after its service died. Its request and its reply, about half a kilobyte, are kept until the process ends:
+  /// call this again when the link to the service says `network_lost`, and not because it has been silent for long.
   bool registerForNetworkConnectivityChange(std::function<void(bool)> callback);
 
   /// True when that subscription is ended, and when there is none; false when the service is not bound.

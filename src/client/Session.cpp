@@ -13,6 +13,7 @@
 #include <chrono>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -103,6 +104,9 @@ class Session::Signals {
   // Readable once a signal has come.
   [[nodiscard]] int come() const { return m_come.get(); }
 
+  // Returns when none is just coming: what it has interrupted finds that it has come.
+  void settle() const { const std::lock_guard<std::mutex> lock(m_coming); }
+
  private:
   [[nodiscard]] bool take_one() const {
     signalfd_siginfo signal = {};
@@ -115,8 +119,11 @@ class Session::Signals {
     pollfd events[] = {{m_over.get(), POLLIN, 0}, {m_taken.get(), POLLIN, 0}};
     while (poll(events, 2, -1) < 0 || events[0].revents == 0) {
       if (!take_one() || interrupt) continue;
-      eventfd_write(m_come.get(), 1);  // First: what the interrupt ends finds that a signal has come.
-      interrupt.emplace();
+      {
+        const std::lock_guard<std::mutex> lock(m_coming);
+        interrupt.emplace();  // First: who learns that a signal has come finds the client ended.
+        eventfd_write(m_come.get(), 1);
+      }
       OrvelDelegateClient::getClient().shutdown();
     }
   }
@@ -127,6 +134,7 @@ class Session::Signals {
   const Blocked m_blocked{m_signals};
   const Descriptor m_taken{signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd"};
   const Descriptor m_come{eventfd(0, EFD_CLOEXEC), "eventfd"};
+  mutable std::mutex m_coming;
   const Descriptor m_over{eventfd(0, EFD_CLOEXEC), "eventfd"};
   std::thread m_thread;  // Last: it uses the rest.
 };
@@ -159,6 +167,7 @@ bool Session::waitFor(std::chrono::nanoseconds limit) const {
   constexpr std::chrono::hours kLongest(24 * 365);  // The end of a longer wait may be beyond what the clock can tell.
   const auto end = std::chrono::steady_clock::now() + std::min<std::chrono::nanoseconds>(limit, kLongest);
   pollfd come = {fd(), POLLIN, 0};
+  m_signals->settle();
   do {
     const auto left = std::max(end - std::chrono::steady_clock::now(), std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
