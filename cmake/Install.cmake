@@ -62,7 +62,7 @@ foreach(file ${pc_files})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${file}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
-# The programs write their own manual pages; not where they cannot run.
+# The programs write their own manual pages, and the schema of scenarios; not where they cannot run.
 if(NOT CMAKE_CROSSCOMPILING)
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/man)
   foreach(program orvelctl orvel-sim)
@@ -73,6 +73,12 @@ if(NOT CMAKE_CROSSCOMPILING)
   endforeach()
   add_custom_target(man ALL DEPENDS ${pages})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+  set(schema ${CMAKE_BINARY_DIR}/scenario.schema.json)
+  add_custom_command(OUTPUT ${schema} COMMAND orvel-sim schema > ${schema} DEPENDS orvel-sim VERBATIM
+    COMMENT "Writing the schema of scenarios")
+  add_custom_target(schema ALL DEPENDS ${schema})
+  install(FILES ${schema} DESTINATION ${CMAKE_INSTALL_DATADIR}/orvel)
 endif()
 
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

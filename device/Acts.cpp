@@ -132,6 +132,31 @@ void set(Json& scenario, const std::string& section, const Json& values) {
   scenario.at(section).update(values);
 }
 
+void endFault(Json& faults, const std::string& method, const std::string& key) {
+  Json& ofMethod = faults.at(method);
+  ofMethod.erase(key);
+  if (const auto limits = ofMethod.find(kOnly); limits != ofMethod.end()) {
+    limits->erase(key);
+    if (limits->empty()) ofMethod.erase(kOnly);
+  }
+  if (ofMethod.empty()) faults.erase(method);
+}
+
+void fault(Json& scenario, const std::string& section, const Json& values) {
+  Json& faults = scenario.at(section).at(kFaults);
+  const std::string key = values.at("key");
+  const std::string only = values.value("method", std::string());
+  std::vector<std::string> methods;
+  for (const auto& [method, ofMethod] : faults.items()) {
+    if (only.empty() || only == method) methods.push_back(method);
+  }
+  for (const std::string& method : methods) endFault(faults, method, key);
+  if (!values.contains("value")) return;
+  Json& ofMethod = faults[only];
+  ofMethod[key] = values.at("value");
+  if (values.contains(kOnly)) ofMethod[kOnly][key] = values.at(kOnly);
+}
+
 void flap(Json& scenario, const std::string& section, const Json& values) {
   Json& service = scenario.at(section);
   const bool flapped = service.erase(kFlap) != 0;
@@ -175,6 +200,7 @@ const Act& actCalled(const Json& act) {
       {"openPackage", {openPackage, false}},
       {"servePackage", {servePackage, false}},
       {"set", {set, true}},
+      {"fault", {fault, true}},
       {"flap", {flap, true}},
       {"flapOnce", {flapOnce, true}},
       {"live", {live, true}},
@@ -190,9 +216,15 @@ Json makeAct(const char* verb, const std::string& name, const Json& values) {
   return {{"act", verb}, {"name", name}, {"values", values}};
 }
 
-std::vector<std::string> sectionsOf(const Json& act) {
-  if (actCalled(act).isOfSection) return {act.at("name")};
-  return {"packages", "activity"};
+FieldsOfSections fieldsOf(const Json& act) {
+  const Act& called = actCalled(act);
+  if (!called.isOfSection) return {{"packages", {"packages"}}, {"activity", {"processes"}}};
+  if (called.perform == fault) return {{act.at("name"), {kFaults}}};
+  std::vector<std::string> fields = {kAlive, kFlap};
+  for (const auto& [field, value] : act.at("values").items()) {
+    if (called.perform == set) fields.push_back(field);
+  }
+  return {{act.at("name"), std::move(fields)}};
 }
 
 void perform(Json& scenario, const Json& act) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/Wire.h"
@@ -26,6 +27,8 @@ enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 
 //   openPackage  the package's process becomes the focused one
 //   servePackage the package's process has the "importance" given, or a greater one
 //   set          a section of the scenario; several of its fields at once
+//   fault        a section: the fault "key" of its "method", or of every one that has it; it becomes "value", for
+//                "only", and ends without one
 //   flap         a section: its service dies and comes back by itself; without values that ends, and it runs
 //   flapOnce     a section: the death or the return of its service; after the last return it flaps no more
 //   live         a section: its service is "alive" from now on, or dead, and flaps no more
@@ -34,11 +37,13 @@ enum Importance : int { kForeground = 100, kForegroundService = 125, kService = 
 // none, and do nothing for a package that is not installed.
 Json makeAct(const char* verb, const std::string& name, const Json& values = Json::object());
 
-// The sections of the scenario that an act looks at and changes. Throws std::runtime_error for one that does not exist.
-std::vector<std::string> sectionsOf(const Json& act);
+// The fields of the scenario that an act looks at and changes, by section. Throws std::runtime_error for an act that
+// does not exist.
+using FieldsOfSections = std::vector<std::pair<std::string, std::vector<std::string>>>;
+FieldsOfSections fieldsOf(const Json& act);
 
-// Changes those sections of the scenario. Throws std::runtime_error when something exists that must not, or does not
-// exist that must.
+// Changes those fields of the scenario, which may lack all others. Throws std::runtime_error when something exists that
+// must not, or does not exist that must.
 void perform(Json& scenario, const Json& act);
 
 // From one death or return of a service to the next; nothing for one that does not flap.

@@ -1,5 +1,6 @@
 #include "device/CurrentScenario.h"
 
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -114,37 +115,61 @@ Json editsAt(const Json& scenario, const std::vector<std::string>& names, const 
 // the map's order, and then for those that are gone.
 template <typename Found>
 void forEachDifference(const Json& was, const Json& is, const Found& found) {
+  auto next = was.begin();  // of two maps that are mostly the same, the entry that is expected; a search takes long
   for (const auto& [key, value] : is.items()) {
-    const auto before = was.find(key);
+    const auto before = next != was.end() && next.key() == key ? next : was.find(key);
     if (before == was.end() || *before != value) found(key, before == was.end() ? Json() : *before, value);
+    if (before != was.end()) next = std::next(before);
   }
   for (const auto& [key, value] : was.items()) {
     if (!is.contains(key)) found(key, value, Json());
   }
 }
 
-// An act changes a draft of the sections that it is for.
-Json editsOfAct(const Json& scenario, const Json& act) {
+// Null where there is none.
+const Json& memberOf(const Json& object, const std::string& key) {
+  static const Json null;
+  const auto member = object.find(key);
+  return member == object.end() ? null : *member;
+}
+
+// What an act may change of the scenario, for it to work on.
+Json draftFor(const Json& act, const Json& scenario) {
   Json draft = Json::object();
-  for (const std::string& section : sectionsOf(act)) draft[section] = scenario.at(section);
+  for (const auto& [section, fields] : fieldsOf(act)) {
+    draft[section] = Json::object();
+    for (const std::string& field : fields) {
+      const Json& value = memberOf(scenario.at(section), field);
+      if (!value.is_null()) draft[section][field] = value;
+    }
+  }
+  return draft;
+}
+
+// Of a map only the entries that it has changed are looked at any further: there may be thousands.
+Json editsOfAct(const Json& scenario, const Json& act) {
+  Json draft = draftFor(act, scenario);
   perform(draft, act);
   Json edits = Json::array();
-  for (const auto& [id, changed] : draft.items()) {
-    const Shape& shape = fieldOf(scenarioShape(), id, "").shape;
-    const Json section = complete(shape, changed, "/" + id);
-    const auto add = [&](const Pointer& path, const Json& value) {
-      edits.push_back({{"path", path.to_string()}});
-      if (!value.is_null()) edits.back()["value"] = value;
-    };
-    for (const Field& field : shape.fields) {
-      const Pointer path = Pointer() / id / field.key;
-      const Json was = found(scenario, path);
-      const Json is = section.value(field.key, Json());
-      if (field.shape.kind != Shape::Kind::kMap) {
-        if (was != is) add(path, is);
+  const auto add = [&](const Pointer& path, const Shape& shape, const Json& value) {
+    edits.push_back({{"path", path.to_string()}});
+    if (!value.is_null()) edits.back()["value"] = complete(shape, value, path.to_string());
+  };
+  for (const auto& [section, fields] : fieldsOf(act)) {
+    const Shape& shape = fieldOf(scenarioShape(), section, "").shape;
+    for (const std::string& key : fields) {
+      const Field& field = fieldOf(shape, key, "/" + section);
+      const Pointer path = Pointer() / section / key;
+      const Json& was = memberOf(scenario.at(section), key);
+      const Json& is = memberOf(draft[section], key);
+      if (field.shape.kind != Shape::Kind::kMap || !is.is_object()) {
+        if (was != is) add(path, field.shape, is);
         continue;
       }
-      forEachDifference(was, is, [&](const std::string& key, const Json&, const Json& now) { add(path / key, now); });
+      forEachDifference(was, is, [&](const std::string& entry, const Json&, const Json& now) {
+        expectKey(field.shape.element.back(), entry, (path / entry).to_string());
+        add(path / entry, field.shape.element.front(), now);
+      });
     }
   }
   return edits;
@@ -162,14 +187,17 @@ Json inOrder(Json scenario) {
 
 }  // namespace
 
-CurrentScenario::CurrentScenario(Json scenario) : m_scenario(std::move(scenario)), m_size(sizeOf(m_scenario)) {}
+CurrentScenario::CurrentScenario(Json scenario) : m_scenario(std::move(scenario)) {}
 
 Json CurrentScenario::resolve(const Json& change) const {
   const auto value = change.find("value");
-  Json edits = change.contains("act") ? editsOfAct(m_scenario, change)
-                                      : editsAt(m_scenario, namesIn(Pointer(change.at("path").get<std::string>())),
-                                                value == change.end() ? nullptr : &*value);
-  std::size_t size = m_size;
+  const auto whole = change.find("scenario");
+  Json edits = whole != change.end()    ? editsTo(complete(scenarioShape(), *whole))
+               : change.contains("act") ? editsOfAct(m_scenario, change)
+                                        : editsAt(m_scenario, namesIn(Pointer(change.at("path").get<std::string>())),
+                                                  value == change.end() ? nullptr : &*value);
+  if (!m_size) m_size = sizeOf(m_scenario);
+  std::size_t size = *m_size;
   for (const Json& edit : edits) {
     const Pointer path(edit.at("path").get<std::string>());
     size += sizeOf(path.back(), edit.value("value", Json())) - sizeOf(path.back(), found(m_scenario, path));
@@ -185,7 +213,7 @@ std::vector<Difference> CurrentScenario::apply(const Json& edits) {
     const Json was = found(m_scenario, path);
     const Json is = edit.value("value", Json());
     if (was == is) continue;
-    m_size += sizeOf(path.back(), is) - sizeOf(path.back(), was);
+    if (m_size) *m_size += sizeOf(path.back(), is) - sizeOf(path.back(), was);
     const std::vector<std::string> names = namesIn(path);
     if (is.is_null()) {
       m_scenario[path.parent_pointer()].erase(path.back());
@@ -210,7 +238,11 @@ std::vector<Difference> CurrentScenario::apply(const Json& edits) {
 Json editsTo(const Json& scenario) {
   Json edits = Json::array();
   for (const Field& section : scenarioShape().fields) {
-    if (section.shape.kind != Shape::Kind::kObject) continue;
+    if (section.shape.kind != Shape::Kind::kObject) {
+      edits.push_back({{"path", (Pointer() / section.key).to_string()}});
+      if (const auto value = scenario.find(section.key); value != scenario.end()) edits.back()["value"] = *value;
+      continue;
+    }
     for (Json& edit : editsOfFields(section.shape, scenario.at(section.key), Pointer() / section.key)) {
       edits.push_back(std::move(edit));
     }

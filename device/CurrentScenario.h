@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,9 @@ class CurrentScenario {
   const Json& json() const { return m_scenario; }
 
   // The edits that make the change: a list of {"path": JSON pointer to a field of a section or to an entry of a map,
-  // "value": what it becomes, complete}; without "value" it is removed. `change` is {"path", "value"} for any value, or
-  // an act (Acts.h). Throws ScenarioError for what makes no scenario, or what the act throws.
+  // "value": what it becomes, complete}; without "value" it is removed. `change` is {"path", "value"} for any value, an
+  // act (Acts.h), or {"scenario"} for all of it. Throws ScenarioError for what makes no scenario, or what the act
+  // throws.
   Json resolve(const Json& change) const;
 
   // Makes edits that resolve has given, here or in another process with the same scenario. Gives what they changed.
@@ -37,7 +39,7 @@ class CurrentScenario {
 
  private:
   Json m_scenario;
-  std::size_t m_size;  // of its text
+  mutable std::optional<std::size_t> m_size;  // of its text, from the first change on
 };
 
 // The edits that turn the sections of any scenario into those of this one, which is complete.

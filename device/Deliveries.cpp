@@ -1,5 +1,7 @@
 #include "device/Deliveries.h"
 
+#include <signal.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -104,6 +106,7 @@ void Deliveries::answered(std::list<Unanswered>::iterator call, int error) {
   const pid_t pid = call->client;
   Client& client = m_clients.at(pid);
   if (call->patience) finish(client, call->delivery, error);
+  client.takes = error == 0;  // late, too
   client.unanswered.erase(call);
   forgetIfIdle(pid);
 }
@@ -127,15 +130,31 @@ void Deliveries::finish(Client& client, const Delivery& delivery, int error) {
     entry["durationMs"] = millisecondsSince(delivery.start);
   }
   m_host.recordSoon(std::move(entry));
-  const bool gone = error == -EPIPE || error == -ECONNRESET;  // as clients do
-  if (error == 0 || gone || std::exchange(client.reported, true)) return;
-  std::cerr << "orvel-sim: process " << pid << " does not take what " << notification.service << " tells it ("
-            << method.name << ": " << std::strerror(-error) << ")" << std::endl;
+  client.takes = error == 0;
+  if (error != 0) complain(pid, client, notification, error);
 }
 
+void Deliveries::complain(pid_t pid, Client& client, const Notification& notification, int error) {
+  const bool gone = error == -EPIPE || error == -ECONNRESET;  // as clients do
+  if (gone) return;
+  if (error != -ETIMEDOUT) ++client.lost;  // what was sent may be taken yet
+  if (std::exchange(client.reported, true)) return;
+  std::cerr << "orvel-sim: " << describeProcess(pid) << " does not take what " << notification.service << " tells it ("
+            << notification.method.name << ": " << std::strerror(-error) << ")" << std::endl;
+}
+
+// One that takes nothing is kept in mind, until it takes something or ends.
 void Deliveries::forgetIfIdle(pid_t pid) {
-  const auto client = m_clients.find(pid);
-  if (client->second.waiting.empty() && client->second.unanswered.empty()) m_clients.erase(client);
+  const auto found = m_clients.find(pid);
+  const Client& client = found->second;
+  if (!client.waiting.empty() || !client.unanswered.empty()) return;
+  const bool ended = ::kill(pid, 0) != 0 && errno == ESRCH;
+  if (client.reported && !client.takes && !ended) return;
+  if (client.reported && client.takes) {
+    std::cerr << "orvel-sim: " << describeProcess(pid) << " takes notifications again; " << withCommas(client.lost)
+              << (client.lost == 1 ? " was lost" : " were lost") << std::endl;
+  }
+  m_clients.erase(found);
 }
 
 }  // namespace orvel::sim

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <deque>
 #include <list>
 #include <map>
@@ -42,7 +43,8 @@ struct Notification {
 // Run-loop thread.
 //
 // A client that reads slowly gets its notifications as it reads. One that takes or answers none for kPatience is told
-// of on standard error, once until it has caught up; what waited that long is dropped, its endpoints stay registered.
+// of on standard error, once until it has caught up, which is told too, with how many were lost: what waited that long
+// is dropped. Its endpoints stay registered.
 class Deliveries {
  public:
   explicit Deliveries(Host& host) : m_host(host) {}
@@ -71,7 +73,9 @@ class Deliveries {
     std::size_t waitingBytes = 0;
     std::list<Unanswered> unanswered;
     std::unique_ptr<Timer> pause;  // set while something waits
-    bool reported = false;
+    bool reported = false;         // that it takes nothing
+    bool takes = false;            // what was sent last
+    std::uint64_t lost = 0;        // since it was reported
   };
 
   void transmit(pid_t pid);
@@ -79,10 +83,11 @@ class Deliveries {
   void answered(std::list<Unanswered>::iterator call, int error);
   void giveUp(std::list<Unanswered>::iterator call);
   void finish(Client& client, const Delivery& delivery, int error);
+  static void complain(pid_t pid, Client& client, const Notification& notification, int error);
   void forgetIfIdle(pid_t pid);
 
   Host& m_host;
-  std::map<pid_t, Client> m_clients;  // those that something is on its way to
+  std::map<pid_t, Client> m_clients;  // those that something is on its way to, or that take nothing
 };
 
 }  // namespace orvel::sim

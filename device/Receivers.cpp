@@ -1,5 +1,7 @@
 #include "device/Receivers.h"
 
+#include "device/Traffic.h"
+
 namespace orvel::sim {
 
 Receivers::~Receivers() {
@@ -20,6 +22,15 @@ void Receivers::remove(vesk_remote* receiver) {
   vesk_remote_on_gone(receiver, nullptr, nullptr);
   for (auto each = first; each != last; ++each) m_registrations.erase(each->second);
   m_byReceiver.erase(first, last);
+}
+
+Json Receivers::list() const {
+  Json list = Json::array();
+  for (const Call& call : m_registrations) {
+    list.push_back({{"pid", call.caller}, {"client", call.client}, {"method", call.method->name}});
+    list.back()["arguments"] = shortened(call.arguments);
+  }
+  return list;
 }
 
 std::size_t Receivers::notify(const CallbackMethod& method, const Json& arguments, const Filter& matches) {

@@ -25,6 +25,9 @@ class Receivers {
   // Every registration of the endpoint.
   void remove(vesk_remote* receiver);
 
+  // As Service::registrations has them.
+  Json list() const;
+
   // Whether a receiver gets a notification, by the call that registered it.
   using Filter = std::function<bool(const Call& registration)>;
 

@@ -1,6 +1,8 @@
 // Recordings of the traffic: files of JSON lines, a header and then the entries as the traffic has them.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -24,6 +26,11 @@ Json recordingHeader(const Json& device, bool masked);
 
 // The line that stands for entries that are missing: so many after the one with that number.
 Json recordingGap(std::uint64_t after, std::uint64_t entries);
+
+// Beside such a line of no entries: what became of a service there, {"service", "alive", "pid", "timeMs", "timeUs"}.
+// Programs that know nothing of it read it as a gap in which nothing is missing.
+constexpr char kLife[] = "life";
+Json recordedLife(const std::string& service, bool alive, pid_t process);
 
 // The values that a recording hides unless it is asked not to: the name and the serial number, which the library itself
 // writes at debug level only, the account, and the texts of people, applications and the assistant.
@@ -71,5 +78,14 @@ struct Recording {
 
 // Throws RecordingError.
 Recording readRecording(const std::string& file);
+
+// All that a recording shows, in its order.
+struct RecordedTraffic {
+  std::vector<Json> lines;            // entries, also those that cannot be sent, and gaps
+  std::vector<std::string> warnings;  // what the file says is missing
+};
+
+// Of a file that ends within a line the others are read, and the warnings say so. Throws RecordingError.
+RecordedTraffic readTraffic(const std::string& file);
 
 }  // namespace orvel::sim

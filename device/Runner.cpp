@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "device/Traffic.h"
+
 namespace orvel::sim {
 
 Done gather(Done done) {
@@ -24,11 +26,28 @@ Json failure(const std::string& what) {
   return {{"error", what}};
 }
 
+void Runner::start(Done done) {
+  ++m_lives;
+  m_since = millisecondsSince1970();
+  launch(std::move(done));
+  if (pid() != 0) tell(true);
+}
+
+void Runner::kill(Done done) {
+  m_since = millisecondsSince1970();
+  tell(false);  // while it has a process
+  end(std::move(done));
+}
+
+void Runner::tell(bool alive) {
+  if (m_told) m_told(alive);
+}
+
 pid_t InProcessRunner::pid() const {
   return m_service ? getpid() : 0;
 }
 
-void InProcessRunner::start(Done done) {
+void InProcessRunner::launch(Done done) {
   try {
     auto service = type().make(type(), m_host);
     service->publish();
@@ -39,7 +58,7 @@ void InProcessRunner::start(Done done) {
   done({});
 }
 
-void InProcessRunner::kill(Done done) {
+void InProcessRunner::end(Done done) {
   m_service.reset();
   done({});
 }
@@ -51,6 +70,10 @@ void InProcessRunner::update(const Update& update, Done done) {
 
 void InProcessRunner::event(const Json& event, Answer answer) {
   answer(m_service->event(event));
+}
+
+void InProcessRunner::clients(Answer answer) {
+  answer(m_service->clients());
 }
 
 }  // namespace orvel::sim

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/CurrentScenario.h"
@@ -43,14 +44,33 @@ class Runner {
   const ServiceType& type() const { return m_type; }
   virtual pid_t pid() const = 0;  // of the process that the service runs in; 0 while it is dead
 
-  virtual void start(Done done) = 0;  // only while dead; done when clients can find the service
-  virtual void kill(Done done) = 0;   // only while alive; done when its clients can know
+  void start(Done done);  // only while dead; done when clients can find the service
+  void kill(Done done);   // only while alive; done when its clients can know
   virtual void update(const Update& update, Done done) = 0;
   virtual void event(const Json& event, Answer answer) = 0;  // only while alive; may throw what the service throws
+  // What the service keeps of its clients, as Service::clients has it. Only while alive.
+  virtual void clients(Answer answer) = 0;
   virtual void stop() = 0;  // the device ends: drops what needs the run loop, and does not wait for a process
 
+  // Called whenever the service has been started or has died.
+  void onLife(std::function<void(bool alive)> told) { m_told = std::move(told); }
+
+  // How often the service was started, and when it was started or killed last, in milliseconds since 1970.
+  std::uint64_t lives() const { return m_lives; }
+  std::int64_t sinceMs() const { return m_since; }
+
+ protected:
+  // start and kill have said so themselves.
+  void tell(bool alive);
+
  private:
+  virtual void launch(Done done) = 0;
+  virtual void end(Done done) = 0;
+
   const ServiceType& m_type;
+  std::function<void(bool alive)> m_told;
+  std::uint64_t m_lives = 0;
+  std::int64_t m_since = 0;
 };
 
 // Runs the service in this process, where it reads the host's own scenario. Everything is done when the call returns.
@@ -59,13 +79,15 @@ class InProcessRunner : public Runner {
   InProcessRunner(const ServiceType& type, Host& host) : Runner(type), m_host(host) {}
 
   pid_t pid() const override;
-  void start(Done done) override;
-  void kill(Done done) override;
   void update(const Update& update, Done done) override;
   void event(const Json& event, Answer answer) override;
+  void clients(Answer answer) override;
   void stop() override { m_service.reset(); }
 
  private:
+  void launch(Done done) override;
+  void end(Done done) override;
+
   Host& m_host;
   std::unique_ptr<Service> m_service;  // null while dead
 };

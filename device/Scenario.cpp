@@ -11,31 +11,6 @@
 namespace orvel::sim {
 namespace {
 
-// No reply but an error, one with an exception, cut short, late, or none at all, with or without the connection.
-Shape faultShape() {
-  return Shape::object({
-      {"exception",
-       Shape::object({
-           {"code", Shape::number(), kIllegalStateException, "exception code"},
-           {"message", Shape::text(), "told to fail by orvel-sim", "what the exception says"},
-           {"trace", Shape::text(), "", "stack trace; none is sent when empty"},
-       }),
-       std::nullopt, "answer with an exception"},
-      {"error", errorShape(), std::nullopt, "let the call fail"},
-      {"truncateTo", Shape::number(0), std::nullopt, "send only the first bytes of the reply"},
-      {"delayMs", Shape::number(0), std::nullopt, "answer late"},
-      {"hang", Shape::flag(), std::nullopt, "never answer"},
-      {"drop", Shape::flagOrNumber(1), std::nullopt, "close the connection of the next so many callers, or of all"},
-  });
-}
-
-// The faults of a service: for each of its methods, or under "*" for those that have none of their own.
-Shape faultsShape(const ServiceType& type) {
-  std::vector<Field> methods = {{kEveryMethod, faultShape(), std::nullopt, "every other method"}};
-  for (const Method& method : type.methods) methods.push_back({method.name, faultShape(), std::nullopt, {}});
-  return Shape::object(std::move(methods));
-}
-
 // A service that dies and comes back: dead for the second half of every period.
 Shape flapShape() {
   constexpr std::int64_t kLeastPeriodMs = 10;
@@ -52,21 +27,26 @@ bool isCalled(const Field& field, const std::string& word) {
 }
 
 const Field* findField(const Shape& object, const std::string& word) {
-  const auto found = std::find_if(object.fields.begin(), object.fields.end(),
-                                  [&](const Field& field) { return isCalled(field, word); });
-  return found == object.fields.end() ? nullptr : &*found;
+  const auto* const found = std::find_if(object.fields.begin(), object.fields.end(),
+                                         [&](const Field& field) { return isCalled(field, word); });
+  return found == object.fields.end() ? nullptr : found;
 }
 
 // The section that alone has a field of that name. Throws ScenarioError.
 const Field& sectionWith(const std::string& word) {
   std::vector<std::string> names;
+  std::vector<std::string> known;
   const Field* last = nullptr;
   for (const Field& section : scenarioShape().fields) {
+    known.push_back(section.key);
+    for (const Field& field : section.shape.fields) known.push_back(field.key);
     if (findField(section.shape, word) == nullptr) continue;
     names.push_back(section.key);
     last = &section;
   }
-  if (last == nullptr) throw ScenarioError("no value is called " + word + "; there are\n" + describeScenario());
+  if (last == nullptr) {
+    throw ScenarioError("no value is called '" + word + "'; orvel-sim get --help lists them", word, known);
+  }
   if (names.size() > 1) throw ScenarioError(word + " is a field of several services, say of which: " + joined(names));
   return *last;
 }
@@ -76,28 +56,44 @@ struct Place {
   const Shape* shape = nullptr;
 };
 
-Place placeOf(const std::vector<std::string>& words) {
+[[noreturn]] void failAtKey(const std::string& where, const std::string& word, const Shape& object) {
+  std::vector<std::string> known;
+  for (const Field& field : object.fields) known.push_back(field.key);
+  throw ScenarioError(where + ": unknown key '" + word + "'; there are " + joined(known), word, known);
+}
+
+// For words behind a value that has no parts: they are one text that was not quoted, where the last is to be the value.
+[[noreturn]] void failBehind(const std::string& where, const std::vector<std::string>& rest, bool isSet) {
+  if (!isSet) throw ScenarioError(where + " is one value and has no '" + rest.front() + "'");
+  throw ScenarioError(where + " takes one value; quote it: \"" + joined(rest, " ") + "\"");
+}
+
+// The value, if any, is for the error alone.
+Place placeOf(const std::vector<std::string>& words, const std::optional<std::string>& value = std::nullopt) {
   const Shape* shape = &scenarioShape();
   Json::json_pointer path;
+  std::string where;  // the words that have led so far
   if (findField(*shape, words.front()) == nullptr) {
     const Field& section = sectionWith(words.front());
     path /= section.key;
     shape = &section.shape;
   }
-  for (const std::string& word : words) {
+  for (auto word = words.begin(); word != words.end(); ++word) {
     if (shape->kind == Shape::Kind::kObject) {
-      const Field* field = findField(*shape, word);
-      if (field == nullptr)
-        throw ScenarioError((path / word).to_string() + ": unknown key; there are " + keysOf(*shape));
+      const Field* field = findField(*shape, *word);
+      if (field == nullptr) failAtKey(where, *word, *shape);
       path /= field->key;
       shape = &field->shape;
     } else if (shape->kind == Shape::Kind::kMap) {
-      path /= word;
-      expectKey(shape->element.back(), word, path.to_string());
+      path /= *word;
+      expectKey(shape->element.back(), *word, where + " " + *word);
       shape = &shape->element.front();
     } else {
-      throw ScenarioError((path / word).to_string() + ": only an object has keys");
+      std::vector<std::string> rest(word, words.end());
+      if (value) rest.push_back(*value);
+      failBehind(where, rest, value.has_value());
     }
+    where += (where.empty() ? "" : " ") + *word;
   }
   return {path, shape};
 }
@@ -111,7 +107,8 @@ Json completeScenario(const Json& scenario) {
 }  // namespace
 
 const Shape& scenarioShape() {
-  static const Shape shape = [] {
+  // Never destroyed: that would take a twentieth of a short run.
+  static const Shape& shape = *new Shape([] {
     std::vector<Field> sections = {{kAbout, Shape::text(), std::nullopt, "what the scenario is for"}};
     for (const ServiceType* type : allServices()) {
       std::vector<Field> fields = type->fields;
@@ -121,7 +118,7 @@ const Shape& scenarioShape() {
       sections.push_back({type->id, Shape::object(std::move(fields)), Json::object(), type->summary});
     }
     return Shape::object(std::move(sections));
-  }();
+  }());
   return shape;
 }
 
@@ -151,7 +148,12 @@ bool readUpTo(std::istream& stream, int end, std::string& text) {
 
 Json readScenario(const std::string& text, const std::string& name) {
   try {
-    return completeScenario(Json::parse(text));
+    Json scenario = Json::parse(text);
+    if (scenario.is_object() && scenario.contains("$schema")) {  // where editors find it
+      complete(Shape::text(), scenario.at("$schema"), "/$schema");
+      scenario.erase("$schema");
+    }
+    return completeScenario(scenario);
   } catch (const ScenarioError& error) {
     throw ScenarioError(name + ": " + error.what());
   } catch (const Json::exception& error) {  // a number beyond every double is not a parse_error
@@ -159,23 +161,36 @@ Json readScenario(const std::string& text, const std::string& name) {
   }
 }
 
-Json readScenarioFile(const std::string& file) {
-  std::ifstream stream(file);
-  stream.peek();  // a directory opens but cannot be read
-  if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+Json readScenario(std::istream& stream, const std::string& name) {
   std::string text;
   try {
     readUpTo(stream, EOF, text);
   } catch (const ScenarioError& error) {
-    throw ScenarioError(file + ": " + error.what());
+    throw ScenarioError(name + ": " + error.what());
   }
-  return readScenario(text, file);
+  return readScenario(text, name);
+}
+
+Json readScenarioFile(const std::string& file) {
+  std::ifstream stream(file);
+  stream.peek();  // a directory opens but cannot be read
+  if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+  return readScenario(stream, file);
 }
 
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value) {
-  const Place place = placeOf(words);
+  const Place place = placeOf(words, value);
+  const std::string where = joined(words, " ");
+  const bool hasParts = place.shape->kind == Shape::Kind::kObject || place.shape->kind == Shape::Kind::kMap;
   Json change = {{"path", place.path.to_string()}};
-  if (value) change["value"] = valueOf(*place.shape, *value, place.path.to_string());
+  if (value) {
+    if (hasParts && value->find_first_of("{[") != 0) {
+      throw ScenarioError("a VALUE is missing behind '" + where + " " + *value + "'");
+    }
+    change["value"] = valueOf(*place.shape, *value, where);
+  } else if (const bool isMap = place.shape->kind == Shape::Kind::kMap; isMap || (hasParts && words.size() == 1)) {
+    throw ScenarioError(where + ": a " + (isMap ? "KEY" : "FIELD") + " is missing, of what is to be removed");
+  }
   return change;
 }
 

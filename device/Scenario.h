@@ -30,11 +30,12 @@ bool readUpTo(std::istream& stream, int end, std::string& text);
 
 // A complete scenario out of the text of a file. Throws ScenarioError, which begins with `name`.
 Json readScenario(const std::string& text, const std::string& name);
+Json readScenario(std::istream& stream, const std::string& name);
 Json readScenarioFile(const std::string& file);
 
-// The change of one value, as CurrentScenario takes it, that a person means: it is removed where `value` is missing.
-// `words` lead to it from the section or, where only one section has it, from the field: "delegate name", "name",
-// "settings volume" and also "setting volume". Throws ScenarioError.
+// The change of one value, as CurrentScenario takes it, that a person means: it is removed where `value` is missing,
+// but not a whole section or all entries of a map. `words` lead to it from the section or, where only one section has
+// it, from the field: "delegate name", "name", "settings volume" and also "setting volume". Throws ScenarioError.
 Json changeOf(const std::vector<std::string>& words, const std::optional<std::string>& value);
 
 // The value that such words lead to; without words the whole scenario. Nothing where it is unset. Throws ScenarioError.

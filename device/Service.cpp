@@ -1,17 +1,29 @@
 #include "device/Service.h"
 
-#include "device/Traffic.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
+#include "device/Acts.h"
+#include "device/Traffic.h"
+
 namespace orvel::sim {
 namespace {
 
-bool drops(const Json& fault) {
-  const auto drop = fault.find("drop");
-  return drop != fault.end() && *drop != false;
+const Fault* faultCalled(const std::vector<Fault>& faults, const char* key) {
+  const auto found =
+      std::find_if(faults.begin(), faults.end(), [&](const Fault& fault) { return fault.kind->key == key; });
+  return found == faults.end() ? nullptr : &*found;
+}
+
+// What a replay tells of a call is in the words of faults.
+std::vector<Fault> faultsOfReplay(const Json& replayed) {
+  std::vector<Fault> faults;
+  for (const FaultKind& kind : faultKinds()) {
+    const auto told = replayed.find(kind.key);
+    if (told != replayed.end() && *told != false) faults.push_back({"", &kind, *told, {}});
+  }
+  return faults;
 }
 
 }  // namespace
@@ -25,10 +37,10 @@ const Method* methodWith(const ServiceType& type, unsigned code) {
 const ServiceType& serviceCalled(const std::string& id) {
   std::vector<std::string> known;
   for (const ServiceType* type : allServices()) {
-    if (type->id == id) return *type;
+    if (type->id == id || type->name == id) return *type;
     known.push_back(type->id);
   }
-  throw ScenarioError("no service is called " + id + "; there are " + joined(known));
+  throw ScenarioError("no service is called '" + id + "'; there are " + joined(known), id, known);
 }
 
 const Method& methodCalled(const ServiceType& type, const std::string& name) {
@@ -38,7 +50,7 @@ const Method& methodCalled(const ServiceType& type, const std::string& name) {
     known.push_back(method.name);
   }
   if (known.empty()) throw ScenarioError(type.id + " has no methods");
-  throw ScenarioError("no method of " + type.id + " is called " + name + "; there are " + joined(known));
+  throw ScenarioError("no method of " + type.id + " is called '" + name + "'; there are " + joined(known), name, known);
 }
 
 Method getter(unsigned code, const char* name, const char* field, void (*write)(vesk_payload*, const Json&)) {
@@ -70,7 +82,12 @@ void Service::publish() {
 }
 
 void Service::changed(const std::vector<Difference>& differences) {
-  for (const Difference& difference : differences) changed(difference);
+  for (const Difference& difference : differences) {
+    if (difference.section == m_type.id && difference.field == kFaults) {
+      m_faultCounts.changed(difference.was, difference.is);
+    }
+    changed(difference);
+  }
 }
 
 void Service::changed(const Difference&) {}
@@ -82,19 +99,22 @@ Json Service::event(const Json&) {
 int Service::onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) {
   Call call = decode(code, caller, request);
   call.replayed = m_host.replayed(m_type, call);
-  const Json fault = faultOf(call);
-  const bool hangs = fault.value("hang", false);
-  const std::chrono::milliseconds delay(fault.value("delayMs", std::int64_t{0}));
-  if (!hangs && !drops(fault) && delay.count() == 0) return answer(call, reply);
+  if (call.replayed.is_null()) call.turns = m_faultCounts.turnsOf(section().at(kFaults), call);
+  const std::vector<Fault> faults = faultsOf(call);
+  const Fault* const hang = faultCalled(faults, "hang");
+  const Fault* const late = faultCalled(faults, "delayMs");
+  const std::chrono::milliseconds delay(late == nullptr ? 0 : late->value.get<std::int64_t>());
+  if (hang == nullptr && faultCalled(faults, "drop") == nullptr && delay.count() == 0) return answer(call, reply);
   vesk_deferred* owed = vesk_request_defer(caller);
   if (owed == nullptr) return -ENOMEM;
-  const auto late = m_late.insert(m_late.end(), {std::move(call), owed, nullptr});
-  if (hangs) {
-    record(late->call, {{"hangs", true}});
+  call.wasDelayed = delay.count() != 0 && hang == nullptr;
+  const auto kept = m_late.insert(m_late.end(), {std::move(call), owed, nullptr});
+  if (hang != nullptr) {
+    record(kept->call, {{"hangs", true}}, {hang});
   } else if (delay.count() == 0) {
-    answerLate(late);
+    answerLate(kept);
   } else {
-    late->timer = std::make_unique<Timer>(m_host.runtime(), delay, [this, late] { answerLate(late); });
+    kept->timer = std::make_unique<Timer>(m_host.runtime(), delay, [this, kept] { answerLate(kept); });
   }
   return 0;
 }
@@ -104,6 +124,7 @@ Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request)
   call.method = methodWith(m_type, code);
   call.code = code;
   call.caller = vesk_identity_pid(caller);
+  call.client = programOf(call.caller);
   call.arrival = Clock::now();
   call.moment = m_host.moment();
   std::string where;
@@ -129,18 +150,14 @@ Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request)
   return call;
 }
 
-// A method's own faults go before those of every method.
-Json Service::faultOf(const Call& call) const {
-  if (!call.replayed.is_null()) return call.replayed;
-  const Json& faults = section().at(kFaults);
-  Json fault = faults.value(kEveryMethod, Json::object());
-  if (call.method != nullptr) fault.update(faults.value(call.method->name, Json::object()));
-  return fault;
+std::vector<Fault> Service::faultsOf(const Call& call) const {
+  return call.replayed.is_null() ? faultsFor(section().at(kFaults), call) : faultsOfReplay(call.replayed);
 }
 
 void Service::answerLate(std::list<Late>::iterator late) {
-  if (drops(faultOf(late->call))) {
-    hangUp(*late);
+  const std::vector<Fault> faults = faultsOf(late->call);
+  if (const Fault* drop = faultCalled(faults, "drop")) {
+    hangUp(*late, *drop);
     m_late.erase(late);
     return;
   }
@@ -151,42 +168,44 @@ void Service::answerLate(std::list<Late>::iterator late) {
 }
 
 // To the caller it looks as if the service had died; other clients see nothing.
-void Service::hangUp(const Late& late) {
-  countDrop(late.call);
-  record(late.call, {{"drops", true}, {"durationMs", millisecondsSince(late.call.arrival)}});
+void Service::hangUp(const Late& late, const Fault& drop) {
+  if (late.call.replayed.is_null()) countDrop(drop);
+  record(late.call, {{"drops", true}, {"durationMs", millisecondsSince(late.call.arrival)}}, {&drop});
   vesk_deferred_hang_up(late.answer);
 }
 
-// What drops some calls only has one fewer left; where it is the method's own, that of every method stays as it is.
-void Service::countDrop(const Call& call) {
-  if (!call.replayed.is_null()) return;
-  const Json& faults = section().at(kFaults);
-  const auto hasDrop = [&](const std::string& method) {
-    return faults.contains(method) && faults.at(method).contains("drop");
-  };
-  const std::string method = call.method != nullptr && hasDrop(call.method->name) ? call.method->name : kEveryMethod;
-  const Json& drop = faults.at(method).at("drop");
-  if (!drop.is_number()) return;
-  const Json::json_pointer path = Json::json_pointer() / m_type.id / kFaults / method / "drop";
-  Json change = {{"path", path.to_string()}};
-  if (const auto left = drop.get<std::int64_t>() - 1; left > 0) change["value"] = left;
-  m_host.change(change);
+// What drops some calls only has one fewer left.
+void Service::countDrop(const Fault& drop) {
+  if (!drop.value.is_number()) return;
+  Json values = {{"method", drop.method}, {"key", "drop"}};
+  if (const auto left = drop.value.get<std::int64_t>() - 1; left > 0) {
+    values["value"] = left;
+    if (!drop.only.is_null()) values[kOnly] = drop.only;
+  }
+  m_host.change(makeAct("fault", m_type.id, values));
 }
 
 int Service::answer(const Call& call, vesk_payload* reply) {
-  const Json fault = faultOf(call);
-  if (const int error = fault.value("error", 0); error != 0) {
-    record(call, {{"error", error}, {"durationMs", millisecondsSince(call.arrival)}});
-    return error;
+  const std::vector<Fault> faults = faultsOf(call);
+  std::vector<const Fault*> struck;
+  const auto strike = [&](const char* key) {
+    const Fault* const fault = faultCalled(faults, key);
+    if (fault != nullptr) struck.push_back(fault);
+    return fault;
+  };
+  if (call.wasDelayed) strike("delayMs");
+  if (const Fault* error = strike("error")) {
+    record(call, {{"error", error->value}, {"durationMs", millisecondsSince(call.arrival)}}, struck);
+    return error->value;
   }
   Json outcome;
   try {
     if (call.refusal) throw RemoteException(*call.refusal);
-    if (const auto told = fault.find("exception"); told != fault.end()) {
-      throw RemoteException(told->at("code"), told->at("message"), told->at("trace"));
+    if (const Fault* told = strike("exception")) {
+      throw RemoteException(told->value.at("code"), told->value.at("message"), told->value.at("trace"));
     }
-    const auto recorded = fault.find("reply");
-    const Json result = recorded == fault.end() ? call.method->handle(*this, call) : *recorded;
+    const bool isReplayed = !call.replayed.is_null() && call.replayed.contains("reply");
+    const Json result = isReplayed ? call.replayed.at("reply") : call.method->handle(*this, call);
     vesk_write_i32(reply, 0);
     call.method->write(reply, result);
     outcome["reply"] = result;
@@ -197,20 +216,24 @@ int Service::answer(const Call& call, vesk_payload* reply) {
   }
   std::size_t size = 0;
   vesk_payload_data(reply, &size);
-  if (const auto most = fault.find("truncateTo"); most != fault.end() && *most < size) {
-    vesk_payload_truncate(reply, most->get<std::size_t>());
-    outcome["truncatedTo"] = *most;
+  if (const Fault* cut = faultCalled(faults, "truncateTo"); cut != nullptr && cut->value < size) {
+    vesk_payload_truncate(reply, cut->value.get<std::size_t>());
+    outcome["truncatedTo"] = cut->value;
+    struck.push_back(cut);
   }
   outcome["durationMs"] = millisecondsSince(call.arrival);
-  record(call, outcome);
+  record(call, std::move(outcome), struck);
   return 0;
 }
 
-void Service::record(const Call& call, const Json& outcome) {
+void Service::record(const Call& call, Json outcome, const std::vector<const Fault*>& struck) {
   const Json name = call.method == nullptr ? Json() : Json(call.method->name);
   Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments, call.moment);
   for (const RemotePtr& endpoint : call.endpoints) entry["endpoints"].push_back(endpointNumber(endpoint));
   entry.update(outcome);
+  for (const Fault* fault : struck) {
+    if (call.replayed.is_null()) entry["faults"].push_back({{"method", fault->method}, {"fault", fault->kind->key}});
+  }
   m_host.record(std::move(entry));
 }
 

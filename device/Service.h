@@ -8,12 +8,14 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "device/CurrentScenario.h"
 #include "device/Deliveries.h"
 #include "device/Endpoint.h"
+#include "device/Faults.h"
 #include "device/Shape.h"
 #include "device/Timer.h"
 #include "device/Wire.h"
@@ -25,9 +27,8 @@ struct Call;
 struct Method;
 struct ServiceType;
 
-// What every section has: its faults, in which one name stands for every method, and how the service lives.
+// What every section has: its faults, and how the service lives.
 constexpr char kFaults[] = "faults";
-constexpr char kEveryMethod[] = "*";
 constexpr char kAlive[] = "alive";
 constexpr char kFlap[] = "flap";
 // What a scenario has beside its sections.
@@ -53,6 +54,9 @@ class Host {
   // What the traffic says of the moment at which a call has come or a notification is sent, beside the time of its end
   // by the wall clock; null: nothing.
   virtual Json moment() { return {}; }
+  // The processes that are connected to the service: a list of {"pid", "client", "sinceMs"}. Empty where the service
+  // runs in the process of its clients.
+  virtual Json connections(const ServiceType&) { return Json::array(); }
   // How the call is to end, in the words of faults and with the result as "reply"; null: as the service and its faults
   // say.
   virtual Json replayed(const ServiceType&, const Call&) { return {}; }
@@ -67,12 +71,15 @@ struct Call {
   const Method* method = nullptr;  // null: no method has the code
   unsigned code = 0;
   pid_t caller = 0;
+  std::string client;  // the name of the caller's program
   Clock::time_point arrival;
   Json moment;  // of its arrival, by the host
   Json arguments = Json::object();
   std::vector<RemotePtr> endpoints;        // in the order of the arguments
   std::optional<RemoteException> refusal;  // what is wrong with the request
   Json replayed;                           // by the host; null: nothing
+  std::set<std::string> turns;             // of the faults that count calls (FaultCounts)
+  bool wasDelayed = false;                 // by a fault
 };
 
 struct Argument {
@@ -103,7 +110,7 @@ struct ServiceType {
 // Every service of the device.
 const std::vector<const ServiceType*>& allServices();
 
-// Throws ScenarioError, which lists what there is.
+// By its own name or that under which clients find it. Throws ScenarioError, which lists what there is.
 const ServiceType& serviceCalled(const std::string& id);
 const Method* methodWith(const ServiceType& type, unsigned code);  // null where there is none
 const Method& methodCalled(const ServiceType& type, const std::string& name);
@@ -126,6 +133,12 @@ class Service : public Endpoint {
   // These values of the scenario have become others; every service hears of all. The scenario has the new ones.
   void changed(const std::vector<Difference>& differences);
 
+  // {"registrations", "connections"}, as registrations() and Host::connections have them.
+  Json clients() { return {{"registrations", registrations()}, {"connections", m_host.connections(m_type)}}; }
+
+  // What its clients have registered: a list of {"pid", "client", "method", "arguments"}, the oldest first.
+  virtual Json registrations() const { return Json::array(); }
+
   // Something happened, or is asked, that changes no state. Gives the answer; what it throws is the answer otherwise.
   virtual Json event(const Json& event);
 
@@ -146,16 +159,18 @@ class Service : public Endpoint {
 
   int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) override;
   Call decode(unsigned code, vesk_identity* caller, vesk_buffer* request);
-  Json faultOf(const Call& call) const;
+  std::vector<Fault> faultsOf(const Call& call) const;
   void answerLate(std::list<Late>::iterator late);
-  void hangUp(const Late& late);
-  void countDrop(const Call& call);
+  void hangUp(const Late& late, const Fault& drop);
+  void countDrop(const Fault& drop);
   int answer(const Call& call, vesk_payload* reply);  // an error code where the call is to fail
-  void record(const Call& call, const Json& outcome);
+  // With the faults that have made it so.
+  void record(const Call& call, Json outcome, const std::vector<const Fault*>& struck);
 
   const ServiceType& m_type;
   Host& m_host;
   std::list<Late> m_late;
+  FaultCounts m_faultCounts;
   bool m_published = false;
 };
 

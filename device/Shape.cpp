@@ -109,8 +109,18 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
 Shape Shape::choice(std::vector<std::string> words) {
   return {Kind::kChoice, {}, {}, 0, 0, std::move(words)};
 }
+Fields::Fields(std::vector<Field> fields) : m_fields(std::make_shared<const std::vector<Field>>(std::move(fields))) {}
+
+const Field* Fields::begin() const {
+  return m_fields == nullptr ? nullptr : m_fields->data();
+}
+
+const Field* Fields::end() const {
+  return m_fields == nullptr ? nullptr : m_fields->data() + m_fields->size();
+}
+
 Shape Shape::object(std::vector<Field> fields) {
-  return {Kind::kObject, std::move(fields), {}, 0, 0};
+  return {Kind::kObject, Fields(std::move(fields)), {}, 0, 0};
 }
 Shape Shape::map(Shape element, Shape key) {
   return {Kind::kMap, {}, {std::move(element), std::move(key)}, 0, 0};
@@ -130,10 +140,12 @@ std::string keysOf(const Shape& object) {
 }
 
 const Field& fieldOf(const Shape& object, const std::string& key, const std::string& path) {
+  std::vector<std::string> known;
   for (const Field& field : object.fields) {
     if (field.key == key) return field;
+    known.push_back(field.key);
   }
-  failAt(path + "/" + key, "unknown key; there are " + keysOf(object));
+  throw ScenarioError(path + "/" + key + ": unknown key; there are " + joined(known), key, known);
 }
 
 // Only the one way to write a number: others would be entries that nothing finds.

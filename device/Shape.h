@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/Wire.h"
@@ -13,6 +15,19 @@
 namespace orvel::sim {
 
 struct Field;
+
+// The fields of an object, which copies of its shape share: there are thousands, and every start makes them.
+class Fields {
+ public:
+  Fields() = default;
+  explicit Fields(std::vector<Field> fields);
+
+  const Field* begin() const;
+  const Field* end() const;
+
+ private:
+  std::shared_ptr<const std::vector<Field>> m_fields;  // null: none
+};
 
 // Which JSON values a field accepts.
 struct Shape {
@@ -32,7 +47,7 @@ struct Shape {
   static Shape list(Shape element, std::int64_t most);  // at most that many elements
 
   Kind kind;
-  std::vector<Field> fields;            // kObject
+  Fields fields;                        // kObject
   std::vector<Shape> element;           // kMap, kList: one; kMap: a second for the keys
   std::int64_t least;                   // of numbers
   std::int64_t most;                    // of numbers, and of the elements of a kList
@@ -50,6 +65,12 @@ struct Field {
 // Says where in the scenario something is wrong, and what: "/delegate/settings/foo: expected a string".
 struct ScenarioError : std::runtime_error {
   using std::runtime_error::runtime_error;
+  // For a word that nothing is called: the program that shows the error says which of the known ones is most like it.
+  ScenarioError(const std::string& what, std::string unknownWord, std::vector<std::string> knownWords)
+      : std::runtime_error(what), word(std::move(unknownWord)), known(std::move(knownWords)) {}
+
+  std::string word;
+  std::vector<std::string> known;
 };
 
 // The value with the initial values of the keys that it leaves out; throws ScenarioError. `path` is where the value

@@ -94,10 +94,11 @@ Json shippedScenario(const std::string& name) {
   const auto isCalled = [&](const auto& each) { return each.name == name; };
   const auto* const file = std::find_if(std::begin(kFiles), std::end(kFiles), isCalled);
   if (file == std::end(kFiles)) {
-    std::string names;
-    for (const File& each : kFiles) names += (names.empty() ? "" : ", ") + std::string(each.name);
-    throw ScenarioError("no scenario is called " + name + "; there are " + names +
-                        ", and files have a slash or end in .json");
+    std::vector<std::string> names;
+    for (const File& each : kFiles) names.emplace_back(each.name);
+    throw ScenarioError(
+        "no scenario is called '" + name + "'; there are " + joined(names) + ", and files have a slash or end in .json",
+        name, names);
   }
   Json scenario = Json::parse(file->text);
   const auto* const generated = std::find_if(std::begin(kGenerated), std::end(kGenerated), isCalled);

@@ -2,14 +2,29 @@
 
 #include <unistd.h>
 
+#include <array>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
 #include <utility>
+#include <vector>
+
+#include "device/Faults.h"
 
 namespace orvel::sim {
+
+std::string programOf(pid_t process) {
+  std::array<char, PATH_MAX> path{};
+  const std::string link = "/proc/" + std::to_string(process) + "/exe";
+  if (readlink(link.c_str(), path.data(), path.size() - 1) < 0) return {};
+  const std::string file = path.data();
+  constexpr char kDeleted[] = " (deleted)";  // since it was started
+  const std::string name = file.substr(file.rfind('/') + 1);
+  return name.substr(0, name.rfind(kDeleted));
+}
 
 Json trafficEntry(const std::string& service, const char* kind, const Json& name, unsigned code, pid_t client,
                   const Json& arguments, const Json& moment) {
@@ -21,6 +36,7 @@ Json trafficEntry(const std::string& service, const char* kind, const Json& name
       {kind, name},
       {"code", code},
       {"pid", client},
+      {"client", programOf(client)},
       {"servicePid", getpid()},
       {"arguments", arguments},
   };
@@ -67,6 +83,11 @@ std::string describeArguments(const Json& arguments) {
   return "(" + text + ")";
 }
 
+std::int64_t millisecondsSince1970() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
 double millisecondsSince(Clock::time_point start) {
   const std::chrono::duration<double, std::milli> duration = Clock::now() - start;
   return std::round(duration.count() * 1000) / 1000;
@@ -81,31 +102,62 @@ std::string clockTime(std::int64_t millisecondsSince1970) {
   return time.str();
 }
 
-std::string describeEntry(const Json& entry) {
-  std::ostringstream line;
-  line << clockTime(entry.at("timeMs")) << "  " << entry.at("service").get<std::string>();
-  if (const auto notification = entry.find("notification"); notification != entry.end()) {
-    line << " -> " << notification->get<std::string>();
-  } else {
-    const Json& method = entry.at("method");
-    line << '.' << (method.is_null() ? "transaction " + entry.at("code").dump() : method.get<std::string>());
-  }
-  line << describeArguments(entry.at("arguments"));
-  if (entry.contains("reply")) line << " = " << entry.at("reply").dump();
+std::string describeName(const Json& entry) {
+  const std::string service = entry.at("service");
+  const auto notification = entry.find("notification");
+  if (notification != entry.end()) return service + " -> " + notification->get<std::string>();
+  const Json& method = entry.at("method");
+  return service + "." + (method.is_null() ? "transaction " + entry.at("code").dump() : method.get<std::string>());
+}
+
+std::string describeResult(const Json& entry) {
+  std::vector<std::string> parts;
+  if (entry.contains("reply")) parts.push_back("= " + entry.at("reply").dump());
   if (entry.contains("exception")) {
     const Json& exception = entry.at("exception");
-    line << " throws " << exception.at("code").dump() << ' ' << exception.at("message").dump();
+    parts.push_back("throws " + exception.at("code").dump() + " " + exception.at("message").dump());
   }
   if (entry.contains("error")) {
     const auto error = entry.at("error").get<int>();
-    line << " fails with " << error << " (" << std::strerror(-error) << ')';
+    const char* const name = strerrorname_np(-error);
+    parts.push_back("fails with " + (name == nullptr ? std::to_string(error) : std::string(name)) + " (" +
+                    std::strerror(-error) + ")");
   }
-  if (entry.contains("truncatedTo")) line << " cut to " << entry.at("truncatedTo").dump() << " bytes";
-  if (entry.contains("hangs")) line << " hangs";
-  if (entry.contains("drops")) line << " drops the connection";
-  if (entry.contains("durationMs")) line << "  " << entry.at("durationMs").dump() << " ms";
-  line << ", process " << entry.at("pid").dump();
-  return line.str();
+  if (entry.contains("truncatedTo")) parts.push_back("cut to " + entry.at("truncatedTo").dump() + " bytes");
+  if (entry.contains("hangs")) parts.emplace_back("hangs");
+  if (entry.contains("drops")) parts.emplace_back("drops the connection");
+  return joined(parts, " ");
+}
+
+std::string describeFaults(const Json& entry) {
+  std::string text;
+  for (const Json& fault : entry.value("faults", Json::array())) {
+    const std::string kind = faultKindCalled(fault.at("fault")).verb;
+    text += (text.empty() ? "by " : ", by ") + kind + " on " + fault.at("method").get<std::string>();
+  }
+  return text;
+}
+
+std::string describeOutcome(const Json& entry) {
+  const std::string result = describeResult(entry);
+  const std::string faults = describeFaults(entry);
+  return result + (result.empty() || faults.empty() ? "" : ", ") + faults;
+}
+
+std::string describeProcess(pid_t process) {
+  const std::string program = programOf(process);
+  return "process " + std::to_string(process) + (program.empty() ? "" : " (" + program + ")");
+}
+
+std::string withCommas(std::uint64_t number) {
+  std::string text = std::to_string(number);
+  constexpr std::size_t kGroup = 3;
+  for (std::size_t at = text.size(); at > kGroup;) text.insert(at -= kGroup, ",");
+  return text;
+}
+
+std::string countedEntries(std::uint64_t number) {
+  return withCommas(number) + (number == 1 ? " entry" : " entries");
 }
 
 }  // namespace orvel::sim

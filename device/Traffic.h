@@ -15,6 +15,9 @@ namespace orvel::sim {
 // How many go into one message; each has tens of kilobytes at most, once it is shortened.
 constexpr std::size_t kEntriesAtOnce = 50;
 
+// The name of the program that a process runs; empty where that is not known, or the process has ended.
+std::string programOf(pid_t process);
+
 // What every entry says, whole; how it ended is for the caller to add. `kind` is the key of the name: "method" for a
 // call by a client, "notification" for a call of a client. `moment` is what the host said of its beginning
 // (Host::moment).
@@ -37,10 +40,30 @@ std::string describeArguments(const Json& arguments);
 // "12:30:01.250", in local time.
 std::string clockTime(std::int64_t millisecondsSince1970);
 
+// By the wall clock.
+std::int64_t millisecondsSince1970();
+
 double millisecondsSince(Clock::time_point start);
 
-// "12:30:01.250  delegate.getSecureSetting(key: "volume") = "7"  0.1 ms, process 123"
-// "12:30:01.250  delegate -> settingChanged(key: "volume", value: "7")  0.2 ms, process 123"
-std::string describeEntry(const Json& entry);
+// "delegate.getSecureSetting", and of a notification "delegate -> settingChanged".
+std::string describeName(const Json& entry);
+
+// How it ended: "= \"7\"", "fails with EPIPE (Broken pipe)"; empty for a notification that was delivered.
+std::string describeResult(const Json& entry);
+
+// The faults that have changed it: "by error on *, by delay on getDeviceName"; empty where there were none.
+std::string describeFaults(const Json& entry);
+
+// Both, with a comma between them.
+std::string describeOutcome(const Json& entry);
+
+// "process 123 (status-line)"
+std::string describeProcess(pid_t process);
+
+// "1,151"
+std::string withCommas(std::uint64_t number);
+
+// "1 entry", "1,151 entries"
+std::string countedEntries(std::uint64_t number);
 
 }  // namespace orvel::sim

@@ -135,9 +135,19 @@ void appendUtf8(std::string& text, char32_t point) {
 }  // namespace
 
 std::string plainText(const std::exception& error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   const std::size_t bracket = text[0] == '[' ? text.find("] ") : std::string::npos;
-  return bracket == std::string::npos ? text : text.substr(bracket + 2);
+  if (bracket != std::string::npos) text.erase(0, bracket + 2);
+  const auto says = [&](const char* words) { return text.find(words) != std::string::npos; };
+  constexpr std::string_view kOverflow = "number overflow parsing ";
+  if (text.rfind(kOverflow, 0) == 0) return "a number is too large: " + text.substr(kOverflow.size());
+  constexpr std::string_view kMistake = "parse error at ";
+  if (text.rfind(kMistake, 0) != 0) return text;
+  const std::string place = text.substr(kMistake.size(), text.find(':') - kMistake.size());  // "line 1, column 2"
+  if (says("unexpected end of input") || says("missing closing quote")) {
+    return place == "line 1, column 1" ? "it is empty" : "not JSON: it ends in the middle, at " + place;
+  }
+  return "not JSON at " + place + (says("ill-formed UTF-8") ? ": a text is not UTF-8" : "");
 }
 
 std::uint64_t endpointNumber(const RemotePtr& remote) {

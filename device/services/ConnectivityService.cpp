@@ -25,6 +25,8 @@ class ConnectivityService : public Service {
   }
 
  private:
+  Json registrations() const override { return m_callbacks.list(); }
+
   void changed(const Difference& difference) override {
     if (!difference.isOf("connectivity", "networkConnected")) return;
     m_callbacks.notify(difference.is ? kAvailable : kLost, Json::object(), [](const Call&) { return true; });

@@ -184,6 +184,8 @@ class DelegateService : public Service {
     }
   }
 
+  Json registrations() const override { return m_receivers.list(); }
+
   // An intent for the clients that registered for it.
   Json event(const Json& intent) override {
     const auto matches = [&](const Call& registration) {

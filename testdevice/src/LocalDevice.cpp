@@ -63,6 +63,7 @@ TestDevice::LocalDevice::~LocalDevice() {
 }
 
 void TestDevice::LocalDevice::record(Json entry) {
+  countStrikes(entry);
   // Of what was delivered, what the client's callback threw shows later, or as this error.
   const bool delivered = !entry.contains("error") || entry.at("error") == -EIO;
   if (entry.contains("notification") && delivered) entry[kMessage] = device.current_message();

@@ -256,8 +256,8 @@ TEST(TestDeviceTest, WhatCannotBeIsRefusedInTheWordsOfTheCommandLine) {
     std::function<void()> ask;
     const char* text;
   } rows[] = {
-      {[&] { device.set("nmae", "x"); }, "no value is called nmae"},
-      {[&] { device.hang("delegate", "getName"); }, "no method of delegate is called getName"},
+      {[&] { device.set("nmae", "x"); }, "no value is called 'nmae'"},
+      {[&] { device.hang("delegate", "getName"); }, "no method of delegate is called 'getName'"},
       {[&] { device.kill("power"), device.kill("power"); }, "power is dead already"},
       {[&] { device.package("install", "a", "7"); }, "expected a JSON object, not '7'"},
       {[&] { device.eventResult("NEVER"); }, "'NEVER' is not a result"},
