@@ -22,7 +22,7 @@ bool showsColours(int stream) {
 
 std::string coloured(int stream, Colour colour, const std::string& text) {
   if (!showsColours(stream)) return text;
-  constexpr const char* kBegin[] = {"\x1b[1;31m", "\x1b[33m", "\x1b[32m"};
+  constexpr const char* kBegin[] = {"\x1b[1;31m", "\x1b[33m", "\x1b[32m", "\x1b[2m"};
   return kBegin[static_cast<int>(colour)] + text + "\x1b[0m";
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "tools/cli/Colour.h"
+#include "tools/cli/Text.h"
 
 namespace orvel::cli {
 namespace {
@@ -37,7 +38,7 @@ Json objectOf(const Failure& failure) {
 std::string envelope(const std::vector<Failure>& failures) {
   Json object = {{"error", objectOf(failures.front())}};
   for (std::size_t n = 1; n < failures.size(); ++n) object["further"].push_back(objectOf(failures[n]));
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return jsonText(object);
 }
 
 std::string failurePrefix(const std::string& program) {
@@ -49,7 +50,7 @@ void complain(const std::string& program, const std::string& message) {
 }
 
 int fail(const std::string& program, const Failure& failure, bool json, bool said) {
-  if (!said) complain(program, failure.message);
+  if (!said) complain(program, printable(failure.message));
   // Where standard output fails, that is what has been said.
   if (json && std::cout) std::cout << envelope({failure}) << std::endl;
   return failure.exitStatus;

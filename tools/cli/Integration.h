@@ -23,8 +23,8 @@ Files:
   /tmp/orvel-<uid>  where the device lives when neither folder is set)";
 
 // Answers `PROGRAM --man-page` and `PROGRAM --complete LINE WORDBREAKS`, and gives the exit status; nothing for any
-// other command line. The page points to the one of `see_also`.
+// other command line. The page points to the one of `see_also`; `values` is asked for a completion only.
 std::optional<int> answerIntegration(const CLI::App& app, int argc, const char* const* argv,
-                                     const std::string& see_also, const Values& values);
+                                     const std::string& see_also, Values (*values)());
 
 }  // namespace orvel::cli

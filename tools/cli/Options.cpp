@@ -17,6 +17,17 @@ std::string checkSeconds(const std::string& word) {
 
 }  // namespace
 
+CLI::Option* asCount(CLI::Option* option, int least) {
+  const auto check = [least](const std::string& word) {
+    constexpr std::size_t kMostDigits = 18;
+    const bool isNumber =
+        !word.empty() && word.size() <= kMostDigits && word.find_first_not_of("0123456789") == word.npos;
+    if (isNumber && std::stoll(word) >= least) return std::string();
+    return "'" + word + "' is not a whole number from " + std::to_string(least);
+  };
+  return option->check(check, "", "")->type_name("NUMBER");
+}
+
 CLI::Option* inSeconds(CLI::Option* option) {
   return option->check(checkSeconds, "", "")->type_name("SECONDS");
 }

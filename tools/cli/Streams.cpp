@@ -19,9 +19,9 @@ void prepareStreams() {
 }
 
 void flushOutput() {
-  errno = 0;
+  if (std::cout) errno = 0;  // else the stream has failed already, and errno says why
   std::cout.flush();
-  if (!std::cout) throw std::runtime_error(cannotWrite(errno));
+  if (!std::cout) throw std::runtime_error(cannotWrite(errno == 0 ? EIO : errno));
 }
 
 std::string cannotWrite(int error) {

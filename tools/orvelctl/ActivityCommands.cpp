@@ -2,8 +2,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <variant>
 
 #include "Commands.h"
+#include "Reason.h"
 #include "orvel/OrvelIntent.h"
 
 namespace orvelctl {
@@ -20,15 +23,13 @@ A long integer among the extras is sent only when there is a string or another i
 
 The service takes an intent and does not say what becomes of it.)";
 
-// PACKAGE/CLASS, where "/.Name" is short for the class Name of the package itself.
-ComponentName readComponent(const std::string& word) {
-  const std::size_t slash = word.find('/');
-  if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) {
-    throw CLI::ValidationError("component", "expected PACKAGE/CLASS, not '" + word + "'");
-  }
-  const std::string package = word.substr(0, slash);
-  const std::string name = word.substr(slash + 1);
-  return {package, name.front() == '.' ? package + name : name};
+// The service's code for an argument that it does not take.
+constexpr int kIllegalArgument = -3;
+
+// Throws CLI::ValidationError.
+ComponentName componentOf(const std::string& word) {
+  if (const auto component = readComponent(word)) return *component;
+  throw CLI::ValidationError("component", "expected PACKAGE/CLASS, not '" + word + "'");
 }
 
 // What the words of an intent are read into.
@@ -46,7 +47,7 @@ struct IntentOptions {
   OrvelIntent intent() const {
     OrvelIntent made = plain;
     made.flags = static_cast<int>(flags);  // as 32 bits, of which the platform's flags use the sign too
-    if (!component.empty()) made.component = readComponent(component);
+    if (!component.empty()) made.component = componentOf(component);
     if (!target.empty()) readTarget(made);
     const auto put = [&](const std::string& key, const auto& value) { return made.extras.put(key, value); };
     const auto put_truth = [&](const std::string& key, bool value) { return made.extras.put(key, value ? 1 : 0); };
@@ -69,7 +70,7 @@ struct IntentOptions {
     }
     if (target.find('/') != std::string::npos) {
       expect_first(component.empty(), "--component");
-      made.component = readComponent(target);
+      made.component = componentOf(target);
     } else {
       expect_first(made.package.empty(), "--package");
       made.package = target;
@@ -139,22 +140,39 @@ void addBroadcasts(Commands& commands) {
   const auto given = std::make_shared<OneNumber>();
   CLI::App* one =
       commands.add("broadcast-int", "Broadcast an action to one component, with one extra", [given](Session& session) {
-        const auto [package, name] = readComponent(given->component);
+        const auto [package, name] = componentOf(given->component);
         const auto call = [&, &package = package, &name = name](Client& client) {
           return client.broadcastIntentWithIntKey(given->action, package, name, given->key, given->value);
         };
         session.carryOut("broadcast-int", Service::kDelegate, call, {{"sent", true}}, "sent");
       });
-  addText(one, "action", given->action, "");
-  addText(one, "component", given->component, "PACKAGE/CLASS")
-      ->check(
-          [](const std::string& word) {
-            readComponent(word);
-            return std::string();
-          },
-          "", "");
+  addText(one, "action,-a,--action", given->action, "");
+  const auto check = [](const std::string& word) {
+    return readComponent(word) ? "" : "expected PACKAGE/CLASS, not '" + word + "'";
+  };
+  addText(one, "component,-n,--component", given->component, "PACKAGE/CLASS")->check(check, "", "");
   addText(one, "key", given->key, "");
   one->add_option("value", given->value)->required()->type_name("NUMBER");
+}
+
+// That nothing was launched is worth a second question: which of the reasons it was.
+void launch(Session& session, const std::string& package) {
+  const std::string what = "launch " + package;
+  const auto call = [&](Client& client) { return client.launchApplicationWithPackageName(package); };
+  const std::variant<Json, Failure> answer = session.call(what, Service::kDelegate, call);
+  if (session.status() != kSuccess) return;  // interrupted
+  if (const Json* taken = std::get_if<Json>(&answer); taken != nullptr && *taken == Json(true)) {
+    return session.print({{"launched", package}}, "launched");
+  }
+  const auto* failed = std::get_if<Failure>(&answer);
+  Failure failure = failed != nullptr ? *failed : refusalOf(what, Service::kDelegate);
+  if (isInstalled(session.client(), package) == false) {
+    failure = notInstalled(what, package);
+  } else if (failure.code == kIllegalArgument) {
+    failure.message = "package " + package + " has nothing to launch";
+    failure.reason = "nothing-to-launch";
+  }
+  session.fail(std::move(failure));
 }
 
 void addProcesses(Commands& commands) {
@@ -190,17 +208,15 @@ void addActivityCommands(Commands& commands) {
   Commands group =
       commands.group("am", "Send intents and show what runs: broadcast, start, start-service, launch, ...");
   addBroadcasts(group);
-  addSender(group, "start", "Start an activity", "started", &Client::startActivity)->alias("start-activity");
-  addSender(group, "start-service", "Start a service", "started", &Client::startService)->alias("startservice");
-  addSender(group, "start-foreground-service", "Start a service that stays in the foreground", "started",
+  addSender(group, "start", "Start an activity", "sent", &Client::startActivity)->alias("start-activity");
+  addSender(group, "start-service", "Start a service", "sent", &Client::startService)->alias("startservice");
+  addSender(group, "start-foreground-service", "Start a service that stays in the foreground", "sent",
             &Client::startForegroundService);
 
   const auto package = std::make_shared<std::string>();
-  CLI::App* launch = group.add("launch", "Start the main activity of a package", [package](Session& session) {
-    const auto call = [&](Client& client) { return client.launchApplicationWithPackageName(*package); };
-    session.carryOut("launch " + *package, Service::kDelegate, call, {{"launched", *package}}, "launched");
-  });
-  addText(launch, "package", *package, "");
+  addText(group.add("launch", "Start the main activity of a package",
+                    [package](Session& session) { launch(session, *package); }),
+          "package", *package, "");
   addProcesses(group);
 }
 

@@ -1,16 +1,12 @@
 // orvelctl event, directive and metric: the voice assistant and the device's metrics.
 #include <poll.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,7 +25,6 @@ using orvel::service_apis::AssistantEvent;
 using orvel::service_apis::CallbackQueue;
 using orvel::service_apis::EventOutcome;
 using orvel::service_apis::TarselMetricEvent;
-using orvel::service_apis::TarselPredefined;
 
 constexpr char kEventFooter[] = R"(
 What the texts, the flag and the payload mean is between the caller and the assistant; a payload ends at its first NUL.
@@ -68,57 +63,23 @@ std::optional<EventOutcome> await(const Session& session, CallbackQueue& callbac
 }
 
 // The failure that a result other than success is.
-Failure failureOfOutcome(const std::string& what, const EventOptions& options, const std::string& result) {
+Failure failureOfOutcome(const std::string& what, const AssistantEvent& event, const std::string& result) {
   Failure failure{kFailed, what + ": the result is " + result, what, boundName(Service::kEvents)};
   if (result == "LOST") {
     failure.exitStatus = kNotBound;
     failure.reason = "lost";
-  } else if (result == "TIMEOUT" && options.deadline > 0) {
+  } else if (result == "TIMEOUT" && event.deadline.count() > 0) {
     failure.exitStatus = kTimedOut;
     failure.reason = "timed-out";
   }
   return failure;
 }
 
-void sendEvent(Session& session, const EventOptions& options) {
-  const AssistantEvent& event = options.event;
-  const std::string what = "event " + event.nspace + " " + event.name;
-  std::optional<EventOutcome> told;
-  CallbackQueue callbacks;  // Behind what the callback writes to: it may come as long as the queue is there.
-  session.client().setExecutor(callbacks.executor());
-  const auto send = [&](Client& client) {
-    return client.send(event, [&told](const EventOutcome& outcome) { told = outcome; });
-  };
-  if (!session.order(what, Service::kEvents, send)) return;
-  const auto outcome = await(session, callbacks, told);
-  if (!outcome) return;
-  const bool success = outcome->result.rfind("SUCCESS", 0) == 0;
-  const char* advice = outcome->retryable ? ", may be tried again" : ", not to be tried again";
-  if (outcome->result == "LOST") advice = ", may have been handled";
-  session.print({{"namespace", event.nspace},
-                 {"name", event.name},
-                 {"result", outcome->result},
-                 {"retryable", outcome->retryable}},
-                outcome->result + (success ? "" : advice));
-  if (!success) session.fail(failureOfOutcome(what, options, outcome->result));
-}
-
-// The content of a file, of standard input for "-"; throws CLI::ValidationError.
-std::string readFile(const std::string& name) {
-  std::ostringstream text;
-  std::ifstream file;
-  errno = 0;
-  if (name != "-") file.open(name, std::ios::binary);
-  text << (name == "-" ? std::cin : file).rdbuf();
-  if (errno != 0) throw CLI::ValidationError("--payload-file", "cannot read " + name + ": " + std::strerror(errno));
-  return text.str();
-}
-
 void addEvent(Commands& commands) {
   const auto options = std::make_shared<EventOptions>();
   AssistantEvent& event = options->event;
   CLI::App* subcommand = commands.add("event", "Send the voice assistant an event and wait for its result",
-                                      [options](Session& session) { sendEvent(session, *options); });
+                                      [options](Session& session) { sendEvent(session, options->event); });
   addText(subcommand, "namespace", event.nspace, "");
   addText(subcommand, "name", event.name, "");
   subcommand->add_option("texts", options->texts, "up to five more texts")->type_name("");
@@ -138,7 +99,7 @@ void addEvent(Commands& commands) {
     std::string* const further[] = {&read.event3, &read.event4, &read.event5, &read.event6, &read.event7};
     for (std::size_t n = 0; n < texts.size(); ++n) *further[n] = texts[n];
     read.deadline = std::chrono::duration_cast<std::chrono::nanoseconds>(Seconds(options->deadline));
-    if (options->payload_file) read.payload = readFile(*options->payload_file);
+    if (options->payload_file) read.payload = readFile("--payload-file", *options->payload_file);
   });
 }
 
@@ -157,19 +118,6 @@ void addDirective(Commands& commands) {
   subcommand->parse_complete_callback([options, namespaces] {
     for (const std::string& nspace : *namespaces) options->kinds.push_back("directive:" + nspace);
   });
-}
-
-// The number of a fact, given by that or by its key, whose underscore may be left out.
-TarselPredefined::Type readPredefined(const std::string& word) {
-  std::string known;
-  for (int number = 0;; ++number) {
-    const auto type = static_cast<TarselPredefined::Type>(number);
-    const std::string key = TarselPredefined::fromInteger(type);
-    if (key.empty()) break;
-    if (word == key || "_" + word == key || word == std::to_string(number)) return type;
-    known += (known.empty() ? "" : ", ") + key.substr(1);
-  }
-  throw CLI::ValidationError("--predefined", "no fact is called '" + word + "'; there are " + known);
 }
 
 struct MetricOptions {
@@ -196,7 +144,7 @@ struct MetricOptions {
            once(&TarselMetricEvent::addTimestampEvent));
     putAll("--boolean", truths, "true or false", readTruth, once(&TarselMetricEvent::addBooleanEvent));
     for (const std::string& word : predefined) {
-      const TarselPredefined::Type type = readPredefined(word);
+      const TarselPredefined::Type type = readPredefined("--predefined", word);
       const bool given = event.fields.count(TarselPredefined::fromInteger(type)) != 0;
       if (given) throw CLI::ValidationError("--predefined " + word, "given twice");
       event.addPredefinedEvent(type);
@@ -229,6 +177,40 @@ void addMetric(Commands& commands) {
 }
 
 }  // namespace
+
+void sendEvent(Session& session, const AssistantEvent& event) {
+  const std::string what = "event " + event.nspace + " " + event.name;
+  std::optional<EventOutcome> told;
+  CallbackQueue callbacks;  // Behind what the callback writes to: it may come as long as the queue is there.
+  session.client().setExecutor(callbacks.executor());
+  const auto send = [&](Client& client) {
+    return client.send(event, [&told](const EventOutcome& outcome) { told = outcome; });
+  };
+  if (!session.order(what, Service::kEvents, send)) return;
+  const auto outcome = await(session, callbacks, told);
+  if (!outcome) return;
+  const bool success = outcome->result.rfind("SUCCESS", 0) == 0;
+  const char* advice = outcome->retryable ? ", may be tried again" : ", not to be tried again";
+  if (outcome->result == "LOST") advice = ", may have been handled";
+  session.print({{"namespace", event.nspace},
+                 {"name", event.name},
+                 {"result", outcome->result},
+                 {"retryable", outcome->retryable}},
+                outcome->result + (success ? "" : advice));
+  if (!success) session.fail(failureOfOutcome(what, event, outcome->result));
+}
+
+TarselPredefined::Type readPredefined(const std::string& argument, const std::string& word) {
+  std::string known;
+  for (int number = 0;; ++number) {
+    const auto type = static_cast<TarselPredefined::Type>(number);
+    const std::string key = TarselPredefined::fromInteger(type);
+    if (key.empty()) break;
+    if (word == key || "_" + word == key || word == std::to_string(number)) return type;
+    known += (known.empty() ? "" : ", ") + key.substr(1);
+  }
+  throw CLI::ValidationError(argument, "no fact is called '" + word + "'; there are " + known);
+}
 
 void addAssistantCommands(Commands& commands) {
   addEvent(commands);

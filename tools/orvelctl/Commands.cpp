@@ -1,5 +1,12 @@
 #include "Commands.h"
 
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "orvel/CallStatus.h"
+
 namespace orvelctl {
 
 CLI::Option* addText(CLI::App* subcommand, const std::string& name, std::string& value, const std::string& about) {
@@ -22,6 +29,35 @@ std::optional<bool> readTruth(const std::string& word) {
   return word == "true";
 }
 
+std::optional<orvel::service_apis::ComponentName> readComponent(const std::string& word) {
+  const std::size_t slash = word.find('/');
+  if (slash == 0 || slash == std::string::npos || slash + 1 == word.size()) return std::nullopt;
+  const std::string package = word.substr(0, slash);
+  const std::string name = word.substr(slash + 1);
+  return orvel::service_apis::ComponentName{package, name.front() == '.' ? package + name : name};
+}
+
+std::string readFile(const std::string& argument, const std::string& name) {
+  std::ostringstream text;
+  std::ifstream file;
+  errno = 0;
+  if (name != "-") file.open(name, std::ios::binary);
+  text << (name == "-" ? std::cin : file).rdbuf();
+  if (errno != 0) throw CLI::ValidationError(argument, "cannot read " + name + ": " + std::strerror(errno));
+  return text.str();
+}
+
+std::optional<bool> isInstalled(Client& client, const std::string& package) {
+  const std::string version = client.getPackageVersionCode(package, 0);
+  return orvel::service_apis::lastCall() ? std::optional(!version.empty()) : std::nullopt;
+}
+
+Failure notInstalled(const std::string& what, const std::string& package) {
+  Failure failure{kFailed, "package " + package + " is not installed", what, boundName(Service::kDelegate)};
+  failure.reason = "not-installed";
+  return failure;
+}
+
 NamesQuery namesBy(bool (Client::*query)(Names&)) {
   return [query](Client& client) {
     Names names;
@@ -39,10 +75,8 @@ int readFallback(const std::optional<std::string>& word) {
 void showPackages(Session& session, const std::string& what, Service service, Json object, const NamesQuery& query) {
   const auto names = session.ask(what, service, query);
   if (!names) return;
-  std::string text;
-  for (const Json& name : *names) text += (text.empty() ? "" : "\n") + name.get<std::string>();
   object["packages"] = *names;
-  if (session.json() || !text.empty()) session.print(object, text);
+  if (session.json() || !names->empty()) session.print(object, names->get<Names>());
 }
 
 }  // namespace orvelctl

@@ -13,6 +13,9 @@
 #include <CLI/CLI.hpp>
 
 #include "Session.h"
+#include "orvel/AssistantEvent.h"
+#include "orvel/ComponentName.h"
+#include "orvel/TarselMetricEvent.h"
 
 namespace orvelctl {
 
@@ -58,6 +61,21 @@ std::optional<double> readReal(const std::string& word);
 std::optional<std::string> readText(const std::string& word);
 std::optional<bool> readTruth(const std::string& word);
 
+// PACKAGE/CLASS, where "/.Name" is short for the class Name of the package itself; nothing for another form.
+std::optional<orvel::service_apis::ComponentName> readComponent(const std::string& word);
+
+// The content of a file, of standard input for "-"; throws CLI::ValidationError, which names the argument.
+std::string readFile(const std::string& argument, const std::string& name);
+
+using orvel::service_apis::TarselPredefined;
+
+// The number of a fact, given by that or by its key, whose underscore may be left out. Throws CLI::ValidationError,
+// which names the argument.
+TarselPredefined::Type readPredefined(const std::string& argument, const std::string& word);
+
+// Sends the event, and prints what became of it.
+void sendEvent(Session& session, const orvel::service_apis::AssistantEvent& event);
+
 // Keys and values as they were given.
 using KeyedWords = std::vector<std::pair<std::string, std::string>>;
 
@@ -81,6 +99,12 @@ NamesQuery namesBy(bool (Client::*query)(Names&));
 // What --default says of an integer, 0 without it. Throws CLI::ValidationError.
 int readFallback(const std::optional<std::string>& word);
 
+// Whether the package is installed; nothing when the service does not say.
+std::optional<bool> isInstalled(Client& client, const std::string& package);
+
+// The failure of what was asked of a package that is not.
+Failure notInstalled(const std::string& what, const std::string& package);
+
 // Asks for names, and prints them: one a line, none for none, or as the object with a list "packages".
 void showPackages(Session& session, const std::string& what, Service service, Json object, const NamesQuery& query);
 
@@ -92,5 +116,8 @@ void addPackageCommands(Commands& commands);
 
 // event, directive, metric: the voice assistant and the device's metrics.
 void addAssistantCommands(Commands& commands);
+
+// list, describe, call: every method of the client by its name.
+void addMethodCommands(Commands& commands);
 
 }  // namespace orvelctl

@@ -18,13 +18,22 @@
 #include <vector>
 
 #include "Commands.h"
-#include "DeviceDirectory.h"
 #include "tools/cli/Colour.h"
+#include "tools/cli/DeviceDirectory.h"
+#include "tools/cli/Text.h"
 
 namespace orvelctl {
 namespace {
 
 using orvel::cli::Colour;
+using orvel::cli::DeviceDirectory;
+using orvel::cli::deviceDirectory;
+using orvel::cli::deviceProblem;
+using orvel::cli::directoryProblem;
+using orvel::cli::isStopped;
+using orvel::cli::otherDevices;
+using orvel::cli::Problem;
+using orvel::cli::serverOf;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr long long kCallLimitMs = 1000;  // what a service that hangs costs
@@ -229,10 +238,10 @@ class Examination {
       if (check.milliseconds) object["milliseconds"] = *check.milliseconds;
       list.push_back(std::move(object));
       text << (text.tellp() == 0 ? "" : "\n") << orvel::cli::coloured(STDOUT_FILENO, kColours[state], kMarks[state])
-           << "  " << std::left << std::setw(13) << check.name << ' ' << check.message;
-      if (!check.advice.empty()) text << "\n      try: " << check.advice;
+           << "  " << std::left << std::setw(13) << check.name << ' ' << orvel::cli::printable(check.message);
+      if (!check.advice.empty()) text << "\n      try: " << check.advice;  // to be typed as it is
     }
-    m_session.print({{"checks", std::move(list)}}, text.str());
+    m_session.printAsIs({{"checks", std::move(list)}}, text.str());
     // Without a device nothing else counts, and what is dead is worse than what hangs.
     for (const int status : {kNoDevice, kNotBound, kTimedOut, kFailed}) {
       for (const Check& check : m_checks) {

@@ -1,6 +1,7 @@
 #include "Kinds.h"
 
 #include <algorithm>
+#include <ctime>
 #include <iomanip>
 #include <iterator>
 #include <optional>
@@ -9,10 +10,12 @@
 
 #include "Commands.h"
 #include "orvel/OrvelIntent.h"
+#include "tools/cli/Text.h"
 
 namespace orvelctl {
 namespace {
 
+using orvel::cli::printable;
 using orvel::service_apis::Bundle;
 using orvel::service_apis::OrvelIntent;
 using Subscriptions = std::vector<Subscription>;
@@ -34,27 +37,38 @@ Kind flagKind(const char* name, const char* about, Service service,
 }
 
 bool watchPackages(Client& client, const DataFilter&, const Tell& tell, Subscriptions& all) {
-  const auto told = [tell](const std::string& action, const std::string& package) {
-    tell({{"action", action}, {"package", package}}, action + (package.empty() ? "" : " " + package));
+  const auto watch = [&](const char* action, const char* word) {
+    const auto told = [tell, word](const std::string& told_action, const std::string& package) {
+      tell({{"action", told_action}, {"package", package}}, word + (" " + printable(package)));
+    };
+    return keep(client.subscribePackageAction(action, {}, {"package"}, told), all);
   };
-  const auto watch = [&](const char* what) {
-    return keep(
-        client.subscribePackageAction(std::string("android.intent.action.PACKAGE_") + what, {}, {"package"}, told),
-        all);
-  };
-  return watch("ADDED") && watch("REMOVED") && watch("REPLACED") && watch("CHANGED");
+  return watch("android.intent.action.PACKAGE_ADDED", "added") &&
+         watch("android.intent.action.PACKAGE_REMOVED", "removed") &&
+         watch("android.intent.action.PACKAGE_REPLACED", "replaced") &&
+         watch("android.intent.action.PACKAGE_CHANGED", "changed");
+}
+
+// "2026-11-18 12:00:00.000" of milliseconds since 1970, in local time; "?" for 0, which stands for a time not given.
+std::string dateOf(long long time) {
+  const std::time_t seconds = static_cast<std::time_t>(time / 1000) - (time % 1000 < 0 ? 1 : 0);
+  std::tm local{};
+  if (time == 0 || localtime_r(&seconds, &local) == nullptr) return "?";
+  std::ostringstream text;
+  text << std::put_time(&local, "%F %T") << '.' << std::setw(3) << std::setfill('0') << ((time % 1000) + 1000) % 1000;
+  return text.str();
 }
 
 const std::vector<Kind>& kinds() {
   static const std::vector<Kind> all = [] {
     const Service delegate = Service::kDelegate;
     const auto name = [](Client& client, const DataFilter&, const Tell& tell, Subscriptions& subscriptions) {
-      const auto told = [tell](const std::string& value) { tell({{"name", value}}, value); };
+      const auto told = [tell](const std::string& value) { tell({{"name", value}}, printable(value)); };
       return keep(client.subscribeDeviceNameChange(told), subscriptions);
     };
     const auto time = [](Client& client, const DataFilter&, const Tell& tell, Subscriptions& subscriptions) {
       const auto told = [tell](long long from, long long to) {
-        tell({{"oldMs", from}, {"newMs", to}}, std::to_string(from) + " " + std::to_string(to));
+        tell({{"oldMs", from}, {"newMs", to}}, "from " + dateOf(from) + " to " + dateOf(to));
       };
       return keep(client.subscribeTimeSync(told), subscriptions);
     };
@@ -71,7 +85,7 @@ const std::vector<Kind>& kinds() {
         flagKind("screen", "the screen was switched on or off", delegate, &Client::subscribeScreenStateChange, "on",
                  "on", "off"),
         {"package", "a package was added, removed, replaced or changed", delegate, watchPackages},
-        {"time", "the clock was set: from and to, in milliseconds since 1970", delegate, time},
+        {"time", "the clock was set; \"?\" for a time that was not told", delegate, time},
     };
   }();
   return all;
@@ -87,7 +101,7 @@ Json valueOf(const std::optional<std::string>& setting) {
 Kind settingKind(const std::string& name, const std::string& key) {
   const auto watch = [key](Client& client, const DataFilter&, const Tell& tell, Subscriptions& all) {
     const auto told = [key, tell](const std::optional<std::string>& value) {
-      tell({{"key", key}, {"value", valueOf(value)}}, key + " " + value.value_or("(unset)"));
+      tell({{"key", key}, {"value", valueOf(value)}}, printable(key + " " + value.value_or("(unset)")));
     };
     return keep(client.subscribeSecureSetting(key, told), all);
   };
@@ -127,7 +141,7 @@ Kind broadcastKind(const std::string& name, const std::string& action) {
     std::string text = intent.action;
     if (!package.empty()) text += " " + package;
     if (!intent.data.empty() && intent.data != package) text += " " + intent.data;
-    if (!extras.empty()) text += " " + asText(extras);
+    text = printable(text) + (extras.empty() ? "" : " " + asText(extras));
     tell({{"action", intent.action}, {"package", package}, {"data", intent.data}, {"extras", extras}}, text);
   };
   const auto watch = [=](Client& client, const DataFilter& filter, const Tell& tell, Subscriptions& all) {
@@ -142,7 +156,7 @@ Kind directiveKind(const std::string& name, const std::string& nspace) {
   const auto watch = [nspace](Client& client, const DataFilter&, const Tell& tell, Subscriptions& all) {
     const auto told = [nspace, tell](const auto&... texts) {
       const Json list = {texts...};
-      tell({{"namespace", nspace}, {"texts", list}}, nspace + " " + asText(list));
+      tell({{"namespace", nspace}, {"texts", list}}, printable(nspace) + " " + asText(list));
     };
     return keep(client.subscribeDirective(nspace, told), all);
   };
@@ -193,7 +207,8 @@ std::string checkKind(const std::string& name) {
     known += kind.name + ", ";
   }
   for (const KeyedKind& kind : keyedKinds()) known += (known.back() == ' ' ? "" : ", ") + kind.prefix + kind.key;
-  return "no kind is called '" + name + "'; there are " + known;
+  const std::string near = orvel::cli::didYouMean(name, kindNames());
+  return "no kind is called '" + name + "'" + (near.empty() ? "; there are " + known : near);
 }
 
 std::vector<std::string> kindNames() {

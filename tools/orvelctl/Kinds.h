@@ -11,7 +11,8 @@ namespace orvelctl {
 
 using orvel::service_apis::Subscription;
 
-// Takes one change: its values, and the same as a line of text. Where the callbacks of the client run.
+// Takes one change: its values, and the same as a line of text without control characters. Where the callbacks of the
+// client run.
 using Tell = std::function<void(const Json& values, const std::string& text)>;
 
 // The broadcasts with data that are watched: of these MIME types and URI schemes.

@@ -1,12 +1,16 @@
 #include "Reason.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <sstream>
+
+#include "tools/cli/DeviceDirectory.h"
 
 namespace orvelctl {
 namespace {
 
+using orvel::cli::isWorkstation;
 using orvel::service_apis::CallStatus;
 using Code = CallStatus::Code;
 
@@ -43,8 +47,8 @@ std::string reasonOf(const CallStatus& status, Seconds lasted) {
       return name + " " + std::to_string(status.error) + ": " + status.text;
     case Code::kCutReply:
       return name + asked;
-    case Code::kFailed:
-      return status.text;  // "the call failed: ..."
+    case Code::kFailed:  // "the call failed: ..."
+      return status.text + (status.error == -EMSGSIZE && isWorkstation() ? "; a message has at most 8 MiB" : "");
     default:
       return name + ": " + status.text;
   }

@@ -10,20 +10,26 @@
 #include <cerrno>
 #include <climits>
 #include <ctime>
-#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include "DeviceDirectory.h"
-#include "LogWatch.h"
 #include "Reason.h"
+#include "tools/cli/Alarm.h"
+#include "tools/cli/DeviceDirectory.h"
 #include "tools/cli/Streams.h"
+#include "tools/cli/Text.h"
 
 namespace orvelctl {
 namespace {
 
+using orvel::cli::deviceDirectory;
+using orvel::cli::deviceProblem;
+using orvel::cli::isWorkstation;
+using orvel::cli::noDevice;
+using orvel::cli::Problem;
+using orvel::cli::serverOf;
 using orvel::service_apis::CallStatus;
 using orvel::service_apis::lastCall;
 using orvel::service_apis::LinkState;
@@ -37,6 +43,13 @@ sigset_t watchedSignals() {
   return signals;
 }
 
+// What to do about a service that is not there, where a workstation's runtime tells why.
+std::string adviceFor(Service service) {
+  if (!isWorkstation()) return "";
+  const bool dead = serverOf(deviceDirectory().path, boundName(service)) == 0;
+  return dead ? std::string(", which is dead; try: orvel-sim restart ") + nameOf(service) : "; try: orvelctl doctor";
+}
+
 timespec remaining(Seconds time) {
   const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(time, Seconds(0)));
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
@@ -46,7 +59,7 @@ timespec remaining(Seconds time) {
 }  // namespace
 
 std::string asText(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return orvel::cli::jsonText(json);
 }
 
 Interrupter::Interrupter(std::optional<Seconds> limit) : m_limit(limit), m_interrupted(eventfd(0, EFD_CLOEXEC)) {
@@ -120,25 +133,26 @@ Session::~Session() {
 
 bool Session::open() {
   const auto start = [this] { return m_client.start({{}, {}, /*wait=*/false}); };
-  if (m_interrupter.status() == 0 && start()) return true;
-  if (lastCall().code == CallStatus::Code::kFailed) {
-    const DeviceDirectory directory = deviceDirectory();
-    keep({kNoDevice,
-          "no device in " + directory.path + ": " + deviceProblem(directory.path).what,
-          {},
-          {},
-          directory.path});
+  const std::string directory = deviceDirectory().path;
+  const auto noneThere = [&](const Problem& problem) {
+    return Failure{kNoDevice, noDevice(directory, problem), {}, {}, directory};
+  };
+  // Looked for here first: the runtime says less, and in its own name.
+  if (const Problem problem = isWorkstation() ? deviceProblem(directory) : Problem(); !problem.what.empty()) {
+    fail(noneThere(problem));
+    return false;
   }
+  if (m_interrupter.status() == 0 && start()) return true;
+  if (lastCall().code == CallStatus::Code::kFailed) keep(noneThere(deviceProblem(directory)));
   return false;
 }
 
 void Session::waitFor(Service service) {
   constexpr std::chrono::milliseconds kSilence(300);
   constexpr std::chrono::hours kForever(24 * 365);  // the client gives up before
-  followService(boundName(service));
   if (m_client.state(service).state != LinkState::kConnecting) return;
   if (m_client.waitFor(service, LinkState::kUp, kSilence) || m_interrupter.status() != 0) return;
-  std::cerr << std::string("orvelctl: waiting for service ") + boundName(service) + "; Ctrl-C gives up\n" << std::flush;
+  note(std::string("waiting for service ") + boundName(service) + adviceFor(service) + "; Ctrl-C gives up");
   m_client.start({{service}, kForever});  // whose failure the call that follows has, too
 }
 
@@ -159,7 +173,15 @@ std::variant<Json, Failure> Session::call(const std::string& what, std::optional
 
 std::optional<Json> Session::ask(const std::string& what, std::optional<Service> service,
                                  const std::function<Json(Client&)>& call) {
-  std::variant<Json, Failure> answer = this->call(what, service, call);
+  const auto patiently = [&](Client& client) {
+    if (!service) return call(client);
+    const std::string text =
+        what + ": no answer from " + boundName(*service) + " yet; try: orvelctl doctor; Ctrl-C gives up";
+    std::optional<orvel::cli::Alarm> hint;
+    if (isatty(STDERR_FILENO) != 0) hint.emplace(Seconds(1), [text] { note(text); });
+    return call(client);
+  };
+  std::variant<Json, Failure> answer = this->call(what, service, patiently);
   if (m_interrupter.status() != 0) return std::nullopt;  // which is why it failed
   if (auto* result = std::get_if<Json>(&answer)) return std::move(*result);
   fail(std::get<Failure>(std::move(answer)));
@@ -178,11 +200,21 @@ void Session::carryOut(const std::string& what, Service service, const std::func
 }
 
 void Session::fail(Failure failure) {
-  orvel::cli::complain(kProgram, failure.message);
+  orvel::cli::complain(kProgram, orvel::cli::printable(failure.message));
   keep(std::move(failure));
 }
 
-void Session::print(const Json& object, const std::string& text) {
+void Session::note(const std::string& text) {
+  orvel::cli::complain(kProgram, orvel::cli::printable(text));
+}
+
+void Session::print(const Json& object, const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += (text.empty() ? "" : "\n") + orvel::cli::printable(line);
+  printAsIs(object, text);
+}
+
+void Session::printAsIs(const Json& object, const std::string& text) {
   if (m_interrupter.status() == 0) write((m_json ? asText(object) : text) + '\n');
 }
 

@@ -34,7 +34,7 @@ using orvel::cli::kUsage;
 // What its messages begin with.
 constexpr char kProgram[] = "orvelctl";
 
-// In one line; bytes that are not UTF-8 are replaced.
+// In one line, without control characters; bytes that are not UTF-8 are replaced.
 std::string asText(const Json& json);
 
 // Shuts the client down when SIGINT, SIGTERM or SIGHUP arrives or the time is over, so that the call in progress ends.
@@ -103,8 +103,16 @@ class Session {
   // The same, and says what failed.
   void fail(Failure failure);
 
-  // Writes one result, as the object or as the text, and makes sure that it got there.
-  void print(const Json& object, const std::string& text);
+  // Says something that is not a failure, on standard error.
+  static void note(const std::string& text);
+
+  // Writes one result, as the object or as lines, and makes sure that it got there. A line stays one, whatever a
+  // service has put into it: control characters are escaped.
+  void print(const Json& object, const std::string& line) { print(object, std::vector<std::string>{line}); }
+  void print(const Json& object, const std::vector<std::string>& lines);
+
+  // The same for a text that may go out as it is.
+  void printAsIs(const Json& object, const std::string& text);
 
   // Writes as much of it as a pipe that takes something takes without blocking, and takes that off. False, with a
   // message, on failure.

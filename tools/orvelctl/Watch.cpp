@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <climits>
 #include <ctime>
 #include <deque>
 #include <iomanip>
@@ -31,6 +30,9 @@ using WallClock = std::chrono::system_clock;
 
 // So much waits for a reader that is slow, and one line at least.
 constexpr std::size_t kMostBytes = 1 << 20;
+
+// How long the last lines may take when watching ends.
+constexpr std::chrono::seconds kLastLines(1);
 
 struct Line {
   std::string text;
@@ -92,26 +94,34 @@ class Watch {
 
   void print() {
     const auto start = std::chrono::steady_clock::now();
-    std::uint64_t printed = 0;
-    std::optional<Line> line;  // what is still to be written of it
     while (m_session.status() == kSuccess) {
       std::optional<Seconds> left;
       if (m_options.for_seconds > 0) {
         left = Seconds(m_options.for_seconds) - (std::chrono::steady_clock::now() - start);
       }
       bool writable = false;
-      if (!line && !m_lines.empty()) {
-        line = takeLine();
-      }
-      if (!wait(left, line ? &writable : nullptr)) return;
+      if (!m_line && !m_lines.empty()) m_line = takeLine();
+      if (!wait(left, m_line ? &writable : nullptr)) return;
       m_callbacks.dispatch();
       sayDropped();
       if (!writable) continue;
-      if (!m_session.writeSome(line->text)) return;
-      if (!line->text.empty()) continue;
-      if (line->counts && ++printed == m_options.count) return;
-      line.reset();
+      writeLine();
+      if (m_ended) return;
     }
+  }
+
+  // Writes what has been told and not been read yet, for as long as a reader that reads needs.
+  void drain() {
+    const auto end = std::chrono::steady_clock::now() + kLastLines;
+    while (!m_ended && (m_line || !m_lines.empty())) {
+      if (!m_line) m_line = takeLine();
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+      pollfd output{STDOUT_FILENO, POLLOUT, 0};
+      if (left <= 0 || poll(&output, 1, static_cast<int>(left)) == 0) break;
+      if (output.revents != 0) writeLine();
+    }
+    if (!m_ended) m_dropped += m_lines.size() + (m_line ? 1 : 0);
+    if (m_dropped > 0) sayDropped(m_dropped);
   }
 
   // Tells the services that can be told.
@@ -164,6 +174,14 @@ class Watch {
     for (; m_waiting > kMostBytes && m_lines.size() > 1; ++m_dropped) takeLine();
   }
 
+  // Writes as much of the line that is being written as goes without blocking.
+  void writeLine() {
+    m_ended = !m_session.writeSome(m_line->text);
+    if (m_ended || !m_line->text.empty()) return;
+    if (m_line->counts) m_ended = ++m_printed == m_options.count;
+    m_line.reset();
+  }
+
   Line takeLine() {
     Line line = std::move(m_lines.front());
     m_lines.pop_front();
@@ -179,8 +197,11 @@ class Watch {
       for (const Service service : kAllServices) m_links.at(indexOf(service)) = m_session.client().state(service);
     }
     if (m_dropped == 0 || m_waiting > kMostBytes / 2) return;
-    std::cerr << "orvelctl: " << std::exchange(m_dropped, 0) << " lines were dropped, the reader is too slow"
-              << std::endl;
+    sayDropped(std::exchange(m_dropped, 0));
+  }
+
+  static void sayDropped(std::uint64_t dropped) {
+    Session::note(std::to_string(dropped) + " lines were dropped, the reader is too slow");
   }
 
   // Waits until there are callbacks, or, if `writable` is given, standard output takes something; false when it is time
@@ -206,6 +227,9 @@ class Watch {
   std::array<Link, kAllServices.size()> m_links{};  // as they were told
   std::uint64_t m_sequence = 0;
   std::deque<Line> m_lines;
+  std::optional<Line> m_line;                 // that is being written
+  std::uint64_t m_printed = 0;                // changes
+  bool m_ended = false;                       // all that was wanted is printed, or nothing can be
   std::size_t m_waiting = 0;                  // bytes of them
   std::uint64_t m_dropped = 0;                // and not said yet
   std::vector<Subscription> m_subscriptions;  // Last: what they tell goes into the rest.
@@ -222,9 +246,7 @@ A line "link" tells what becomes of such a service, and does not count as a chan
 so many subscriptions were restored; it was "given up".)";
 
 void addWatchOptions(CLI::App* subcommand, WatchOptions& options) {
-  subcommand->add_option("--count", options.count, "end after so many changes")
-      ->check(CLI::Range(1, INT_MAX).description(""))
-      ->type_name("NUMBER");
+  orvel::cli::asCount(subcommand->add_option("--count", options.count, "end after so many changes"), 1);
   orvel::cli::inSeconds(subcommand->add_option("--for", options.for_seconds, "end after so many seconds"));
   subcommand->add_flag("-E,--established", options.established,
                        "print a line \"subscribed\" first, from which on nothing is missed");
@@ -234,6 +256,7 @@ void watchChanges(Session& session, const WatchOptions& options) {
   Watch watch(session, options);
   if (!watch.subscribe()) return;
   watch.print();
+  watch.drain();
   watch.unsubscribe();
   session.acceptInterrupt();
 }

@@ -1,21 +1,27 @@
 // orvelctl: the public interface of libOrvelDelegateClient as a command line.
 #include <android/log.h>
 
+#include <algorithm>
 #include <functional>
 #include <iomanip>
 #include <map>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
+#include "Conditions.h"
 #include "Doctor.h"
 #include "Links.h"
 #include "LogWatch.h"
+#include "Methods.h"
 #include "Session.h"
+#include "Wait.h"
 #include "Watch.h"
 #include "tools/cli/Failure.h"
+#include "tools/cli/Help.h"
 #include "tools/cli/Integration.h"
 #include "tools/cli/Options.h"
 #include "tools/cli/Streams.h"
@@ -24,12 +30,16 @@
 namespace orvelctl {
 namespace {
 
+using orvel::service_apis::lastCall;
+
 constexpr char kFooter[] = R"(
 --json, --log-level and --timeout may also follow the subcommand.
 
-Results go to standard output, everything else to standard error. With --json a failure is one more line on standard
-output, {"error": {"status": ..., "exitStatus": ..., "message": ...}}, behind the results that there were;
-share/orvel/failure.schema.json describes it. When the device cannot be reached, orvelctl doctor says why.
+Results go to standard output, everything else to standard error. Control characters in what services say are escaped,
+as \x1b, and a backslash is doubled, so that a line stays one; only the text of a resource goes into files and pipes as
+it is. With --json a failure is one more line on standard output, {"error": {"status": ..., "exitStatus": ...,
+"message": ...}}, behind the results that there were; share/orvel/failure.schema.json describes it.
+When the device cannot be reached, orvelctl doctor says why.
 
 Examples:
   orvelctl device                          all about the device
@@ -44,7 +54,8 @@ Examples:
                                            tell the assistant, and wait for the result
   orvelctl directive Speaker               what the assistant says, until Ctrl-C
   orvelctl watch screen setting:some_key   changes as they happen, until Ctrl-C
-  orvelctl wait power --for 10             until the power manager is there
+  orvelctl wait device=ready --timeout 10  until all services are there
+  orvelctl describe getSecureSettingInt    a method of the library, with a line that calls it
   orvelctl doctor                          what is wrong with the set-up, and what to do
 
 Exit status:
@@ -55,10 +66,12 @@ Exit status:
   4  timed out: --timeout, or a service that did not answer within the call limit
   5  the service is not bound: given up, dead and not back yet, or it died during the call or lost an event
   128 + N  ended by signal N
-They are the same for each subcommand; assistant, network, directive, links and wait ask no service and so never end
-with 5. A subcommand waits for the service that it asks and for no other, until the client gives up after five minutes.
-The message says why a query failed, and with --json "reason" in one word: not-bound, died, timed-out, exception (with
-its "code"), cut-reply, refused, invalid-argument or failed.)";
+They are the same for each subcommand; assistant, network, directive, links, list, describe and wait never end with 5.
+A subcommand waits for the service that it asks and for no other, until the client gives up after five minutes. The
+message says why a query failed, and with --json "reason" in one word: not-bound, died, timed-out, exception (with its
+"code"), cut-reply, not-installed, nothing-to-launch, refused, invalid-argument or failed.)";
+
+constexpr double kHangingCall = 2;  // seconds that it may cost a wait
 
 constexpr char kWatchFooter[] = R"(
 A subscription survives the death of its service: it is made again when the service is back, and only what happens
@@ -111,14 +124,15 @@ void showDevice(Session& session) {
   std::vector<Value> values = identity();
   values.insert(values.end(), {kScreen, kAssistant});
   Json object = Json::object();
-  std::ostringstream list;
+  std::vector<std::string> lines;
   for (const Value& value : values) {
     const auto result = session.ask(value.label, value.service, value.ask);
     object[value.key] = result ? *result : Json();
-    list << (&value == &values.front() ? "" : "\n") << std::left << std::setw(15) << value.label
-         << (result ? value.text(*result) : "?");
+    std::ostringstream line;
+    line << std::left << std::setw(15) << value.label << (result ? value.text(*result) : "?");
+    lines.push_back(line.str());
   }
-  session.print(object, list.str());
+  session.print(object, lines);
 }
 
 struct SettingOptions {
@@ -138,6 +152,10 @@ void showSetting(Session& session, const SettingOptions& options) {
   if (!result) return;
   const std::string text = result->is_string() ? result->get<std::string>() : result->is_null() ? "" : result->dump();
   session.print({{"key", options.key}, {"value", *result}}, text);
+  const bool may_be_unset = !options.fallback && (result->is_null() || *result == Json(0));
+  if (may_be_unset && !session.client().getSecureSetting(options.key) && lastCall()) {
+    Session::note("setting " + options.key + " is not set" + (options.text ? "" : "; 0 counts"));
+  }
 }
 
 void takeWakeLock(Session& session, const std::string& kind) {
@@ -158,9 +176,12 @@ const std::map<std::string, int>& logLevels() {
 orvel::cli::Values completions() {
   std::vector<std::string> watched = kindNames();
   watched.insert(watched.end(), {"setting:@settings", "broadcast:", "directive:@namespaces"});
-  return {{"setting key", {"@settings"}},       {"secure key", {"@settings"}}, {"package", {"@packages"}},
-          {"--package", {"@packages"}},         {"feature", {"@features"}},    {"namespaces", {"@namespaces"}},
-          {"event namespace", {"@namespaces"}}, {"watch kinds", watched}};
+  std::vector<std::string> called;
+  for (const Method& method : methods()) called.push_back(method.path());
+  return {{"setting key", {"@settings"}},       {"secure key", {"@settings"}},   {"package", {"@packages"}},
+          {"--package", {"@packages"}},         {"feature", {"@features"}},      {"namespaces", {"@namespaces"}},
+          {"event namespace", {"@namespaces"}}, {"watch kinds", watched},        {"call method", called},
+          {"describe method", called},          {"--fail-on", conditionWords()}, {"wait conditions", conditionWords()}};
 }
 
 // The subcommands, each with what its arguments are read into.
@@ -169,7 +190,6 @@ class CommandLine {
   CommandLine() : m_commands(m_app, m_chosen) {
     m_app.require_subcommand(1);
     m_app.fallthrough();
-    m_app.footer(std::string(kFooter + 1) + orvel::cli::kPlaces);
     m_app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
     addOptions();
     addIdentity();
@@ -180,22 +200,29 @@ class CommandLine {
     addAssistantCommands(m_commands);
     addWatch();
     addLinkCommands(m_commands);
+    m_wait_command = addWaitCommand(m_commands, m_wait);
+    addMethodCommands(m_commands);
     addDoctor();
+    m_app.footer(std::string(kFooter + 1) + orvel::cli::kPlaces);  // last: subcommands would inherit it
   }
 
   // Returns the exit status.
   int run(int argc, const char* const* argv) {
-    if (const auto answered = orvel::cli::answerIntegration(m_app, argc, argv, "orvel-sim", completions())) {
+    if (const auto answered = orvel::cli::answerIntegration(m_app, argc, argv, "orvel-sim", completions)) {
       return *answered;
     }
     if (const auto ended = orvel::cli::parse(m_app, argc, argv)) return *ended;
-    if (m_doctor->parsed()) {
-      if (m_timeout == 0) m_timeout = kDoctorLimit;
-      if (m_app.count("--log-level") == 0) m_level = "silent";  // it says the same in better words
+    if (m_doctor->parsed() && m_timeout == 0) m_timeout = kDoctorLimit;
+    if (m_wait_command->parsed() && m_timeout > 0) {
+      // It says more at the end than that the time is over; the session ends it should a call hang beyond that.
+      m_wait.for_seconds = std::min(m_wait.for_seconds, std::exchange(m_timeout, m_timeout + kHangingCall));
     }
-    watchLog(logLevels().at(m_level), /*whole=*/m_app.count("--log-level") > 0);
+    watchLog(logLevels().at(m_level));
     Session session(m_timeout, m_json);
-    if (m_doctor->parsed() || session.open()) m_chosen(session);
+    // The first two look for a device themselves, the others need none.
+    const auto& subcommands = {"doctor", "wait", "list", "describe"};
+    const auto given = [this](const char* name) { return m_app.got_subcommand(name); };
+    if (std::any_of(subcommands.begin(), subcommands.end(), given) || session.open()) m_chosen(session);
     return session.finish();
   }
 
@@ -208,10 +235,9 @@ class CommandLine {
   void addOptions() {
     std::vector<std::string> levels;
     for (const auto& [name, priority] : logLevels()) levels.push_back(name);
+    orvel::cli::addVersion(m_app);
     m_app.add_flag("--json", m_json, "print one JSON object per result");
-    m_app
-        .add_option("--log-level", m_level,
-                    "least level of what the library logs; without it, only of services that are asked")
+    m_app.add_option("--log-level", m_level, "least level of what is shown of the library's log")
         ->check(CLI::IsMember(levels))
         ->capture_default_str();
     orvel::cli::inSeconds(m_app.add_option("--timeout", m_timeout, "give up after so many seconds (default: never)"));
@@ -244,7 +270,10 @@ class CommandLine {
       });
     };
     add(m_commands.add("setting", "Show a secure setting", show_setting));
-    add(m_commands.group("settings", "The same, in the words of a device's own settings: get secure KEY")
+    add(m_commands
+            .group("settings",
+                   "The same, in the words of a device's own settings: get secure KEY. To change one of a "
+                   "simulated device: orvel-sim set setting KEY VALUE")
             .group("get", "Show a setting")
             .add("secure", "Show a secure setting", show_setting));
   }
@@ -253,10 +282,8 @@ class CommandLine {
     m_commands.add("screen", "Show whether the screen is on", [](Session& session) { show(session, kScreen); });
     m_commands.add("assistant", "Show whether the voice assistant is connected; it is until a broadcast says otherwise",
                    [](Session& session) { show(session, kAssistant); });
-    m_commands.add(
-        "network",
-        "Show what the client says of the network: always disconnected, its state comes by notification only",
-        [](Session& session) { show(session, kNetwork); });
+    m_commands.add("network", "Show what the client says of the network: always disconnected; see watch network",
+                   [](Session& session) { show(session, kNetwork); });
     m_commands
         .add("wake-lock", "Keep the processor awake for half a second, or wake the device and its screen",
              [this](Session& session) { takeWakeLock(session, m_wake_lock); })
@@ -286,13 +313,15 @@ class CommandLine {
   Command m_chosen;
   Commands m_commands;
   CLI::App* m_doctor = nullptr;
+  CLI::App* m_wait_command = nullptr;
   bool m_json = false;
-  std::string m_level = "warning";
+  std::string m_level = "silent";  // what fails is said in better words
   double m_timeout = 0;
   std::string m_value;  // of the identity
   SettingOptions m_setting;
   std::string m_wake_lock;
   WatchOptions m_watch;
+  WaitOptions m_wait;
 };
 
 }  // namespace

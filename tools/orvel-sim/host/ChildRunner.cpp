@@ -19,7 +19,7 @@ Json messageOf(const Update& update) {
 
 }  // namespace
 
-void ChildRunner::start(Done done) {
+void ChildRunner::launch(Done done) {
   const std::vector<std::string> arguments = {"orvel-sim", "serve-alone", type().id, std::to_string(getpid())};
   try {
     m_process = std::make_unique<Process>(m_event, "/proc/self/exe", arguments, Process::Streams::kErrorsOnly,
@@ -34,7 +34,7 @@ void ChildRunner::ready() {
   if (const Done started = std::exchange(m_started, nullptr)) started({});
 }
 
-void ChildRunner::kill(Done done) {
+void ChildRunner::end(Done done) {
   const Done earlier = std::exchange(m_killed, nullptr);
   m_killed = [earlier, done = std::move(done)](const std::string& error) {
     if (earlier) earlier(error);
@@ -52,6 +52,7 @@ void ChildRunner::stop() {
 }
 
 void ChildRunner::ended(const siginfo_t& end) {
+  if (!m_killed) tell(false);
   const std::string how = "service " + type().id + " (process " + std::to_string(end.si_pid) + ") " + describeEnd(end);
   m_process.reset();
   m_remote.reset();
@@ -82,6 +83,12 @@ void ChildRunner::recording(bool recorded, Done done) {
 void ChildRunner::event(const Json& event, Answer answer) {
   send({{"event", event}}, false, [this, answer = std::move(answer)](int error, const Json& heard) {
     answer(error == 0 ? heard : failure(type().id + " did not take the event: " + std::strerror(-error)));
+  });
+}
+
+void ChildRunner::clients(Answer answer) {
+  send({{"clients", true}}, false, [this, answer = std::move(answer)](int error, const Json& heard) {
+    answer(error == 0 ? heard : failure(type().id + " did not answer: " + std::strerror(-error)));
   });
 }
 

@@ -19,10 +19,9 @@ class ChildRunner : public Runner {
   ChildRunner(const ServiceType& type, sd_event* event) : Runner(type), m_event(event) {}
 
   pid_t pid() const override { return m_process ? m_process->pid() : 0; }
-  void start(Done done) override;
-  void kill(Done done) override;
   void update(const Update& update, Done done) override;
   void event(const Json& event, Answer answer) override;
+  void clients(Answer answer) override;
   void stop() override;
 
   // What the process says of itself: where it takes messages, and that it serves.
@@ -37,6 +36,9 @@ class ChildRunner : public Runner {
   Json learntFrom(const Update& own) const;
 
  private:
+  void launch(Done done) override;
+  void end(Done done) override;
+
   using Heard = std::function<void(int error, const Json& answer)>;
   struct Message {
     ChildRunner* runner;

@@ -7,6 +7,8 @@
 #include <new>
 #include <utility>
 
+#include "tools/cli/DeviceDirectory.h"
+#include "tools/orvel-sim/host/Devices.h"
 #include "vesk/vesk.h"
 
 namespace orvel::sim {
@@ -19,36 +21,31 @@ std::string noAnswer() {
   return std::string("the device in ") + vesk_runtime_directory() + " did not answer: ";
 }
 
+std::string otherAdvice() {
+  return runningDevices().empty() ? "" : "; or choose one that runs: orvel-sim devices";
+}
+
 void checkTime() {
   if (g_time_is_over) throw TimedOut(noAnswer() + "the time given by --timeout is over");
 }
 
 }  // namespace
 
-TimeLimit::TimeLimit(std::chrono::duration<double> limit) {
-  const auto end =
-      std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(limit);
-  m_thread = std::thread([this, end] {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_ended.wait_until(lock, end, [this] { return m_over; })) return;
-    // In this order: a thread that gets a runtime too late to be interrupted sees that the time is over.
-    g_time_is_over = true;
-    if (void* const runtime = g_runtime) vesk_shutdown(runtime);
-  });
-}
-
-TimeLimit::~TimeLimit() {
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_over = true;
-  }
-  m_ended.notify_one();
-  m_thread.join();
-}
+TimeLimit::TimeLimit(std::chrono::duration<double> limit)
+    : m_alarm(limit, [] {
+        // In this order: a thread that gets a runtime too late to be interrupted sees that the time is over.
+        g_time_is_over = true;
+        if (void* const runtime = g_runtime) vesk_shutdown(runtime);
+      }) {}
 
 Control Control::connect() {
   // That limit is for the clients under test; a message may take longer than they are allowed to wait.
   unsetenv("ORVEL_CALL_TIMEOUT_MS");
+  const std::string directory = vesk_runtime_directory();
+  // Looked for here first: the runtime says less, and in its own name.
+  if (const cli::Problem problem = cli::deviceProblem(directory); !problem.what.empty()) {
+    throw NoDevice(cli::noDevice(directory, problem) + otherAdvice());
+  }
   void* runtime = nullptr;
   if (vesk_get_runtime(&runtime) != 0) throw NoDevice(std::string());
   g_runtime = runtime;
@@ -58,7 +55,7 @@ Control Control::connect() {
 
 Control::Control(void* runtime) : m_runtime(runtime) {
   if (vesk_binder_servicemanager_get(m_runtime, kControlName, &m_handle) != 0) {
-    throw NoDevice(std::string("no orvel-sim runs in ") + vesk_runtime_directory());
+    throw NoDevice(std::string("no orvel-sim runs in ") + vesk_runtime_directory() + otherAdvice());
   }
 }
 

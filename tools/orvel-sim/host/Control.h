@@ -2,12 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
 #include "device/Wire.h"
+#include "tools/cli/Alarm.h"
 
 namespace orvel::sim {
 
@@ -29,15 +27,9 @@ struct TimedOut : std::runtime_error {
 class TimeLimit {
  public:
   explicit TimeLimit(std::chrono::duration<double> limit);
-  ~TimeLimit();
-  TimeLimit(const TimeLimit&) = delete;
-  TimeLimit& operator=(const TimeLimit&) = delete;
 
  private:
-  std::mutex m_mutex;
-  std::condition_variable m_ended;
-  bool m_over = false;  // guarded by m_mutex
-  std::thread m_thread;
+  cli::Alarm m_alarm;
 };
 
 // A connection to the supervisor. Any thread, one at a time.

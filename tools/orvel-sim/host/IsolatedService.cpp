@@ -6,6 +6,7 @@
 
 #include "device/Runner.h"
 #include "device/Traffic.h"
+#include "tools/orvel-sim/host/Connections.h"
 
 namespace orvel::sim {
 namespace {
@@ -39,6 +40,10 @@ void IsolatedService::change(const Json& change) {
   learn(m_control.send({{"order", "change"}, {"change", change}}).at("updates"));
 }
 
+Json IsolatedService::connections(const ServiceType& type) {
+  return connectionsOf(runtime(), type);
+}
+
 void IsolatedService::record(Json entry) {
   keep(std::move(entry));
   handInEntries();
@@ -58,6 +63,8 @@ int IsolatedService::onCall(unsigned, vesk_identity*, vesk_buffer* request, vesk
     answer = answerTo(*event);
   } else if (const auto recording = message.find("recording"); recording != message.end()) {
     m_recording = *recording;
+  } else if (message.contains("clients")) {
+    answer = m_service->clients();
   } else {
     learn(message.at("updates"));
   }

@@ -26,6 +26,7 @@ class IsolatedService : public Host, private Endpoint {
   void change(const Json& change) override;
   void record(Json entry) override;
   void recordSoon(Json entry) override;
+  Json connections(const ServiceType& type) override;
 
  private:
   int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) override;

@@ -50,7 +50,9 @@ void removeAbandoned(const fs::path& temporary) {
 }  // namespace
 
 PrivateDirectory::PrivateDirectory() {
-  const fs::path temporary = fs::temp_directory_path();
+  std::error_code error;
+  const fs::path temporary = fs::temp_directory_path(error);
+  if (error) throw std::runtime_error("TMPDIR " + std::string(std::getenv("TMPDIR")) + ": " + error.message());
   removeAbandoned(temporary);
   // Another process may lock it first and remove it as abandoned; that is rare once, let alone so often.
   constexpr int kAttempts = 100;

@@ -31,13 +31,15 @@ const rlimit kFilesAtStart = [] {
 }();
 
 // In the child, where nothing may be called that allocates or locks. Returns only when the program cannot be run.
-void become(const char* program, char* const* argv, Process::Streams streams, pid_t parent) {
+void become(const char* program, char* const* argv, Process::Streams streams, Process::Pipes pipes, pid_t parent) {
   // It does not outlive this process, however that ends: not even when it ended before this line.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(1);
-  if (streams == Process::Streams::kErrorsOnly) {
+  if (streams != Process::Streams::kInherited) {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(null, STDOUT_FILENO) < 0) return;
+    const bool piped = streams == Process::Streams::kPiped;
+    if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(piped ? pipes.output : null, STDOUT_FILENO) < 0) return;
+    if (piped && dup2(pipes.errors, STDERR_FILENO) < 0) return;
   }
   // The program starts as if from a shell, without the signal settings and the limit of this process.
   setrlimit(RLIMIT_NOFILE, &kFilesAtStart);
@@ -48,9 +50,11 @@ void become(const char* program, char* const* argv, Process::Streams streams, pi
   execvp(program, argv);
 }
 
-pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Process::Streams streams) {
+pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Process::Streams streams,
+            Process::Pipes pipes) {
   const auto fail = [&](int error) {
-    throw std::system_error(error, std::generic_category(), "cannot run " + arguments.front());
+    throw std::system_error(error, std::generic_category(),
+                            "cannot run " + (arguments.front().empty() ? "''" : arguments.front()));
   };
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);
@@ -63,7 +67,7 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& argument
   const pid_t pid = fork();
   int error = pid < 0 ? errno : 0;
   if (pid == 0) {
-    become(program.c_str(), argv.data(), streams, parent);
+    become(program.c_str(), argv.data(), streams, pipes, parent);
     error = errno;
     while (write(news[1], &error, sizeof(error)) < 0 && errno == EINTR) {
     }
@@ -92,8 +96,8 @@ void waitOrKill(pid_t pid) {
 }  // namespace
 
 Process::Process(sd_event* event, const std::string& program, const std::vector<std::string>& arguments,
-                 Streams streams, std::function<void(const siginfo_t&)> ended)
-    : m_ended(std::move(ended)), m_pid(spawn(program, arguments, streams)) {
+                 Streams streams, Pipes pipes, std::function<void(const siginfo_t&)> ended)
+    : m_ended(std::move(ended)), m_pid(spawn(program, arguments, streams, pipes)) {
   const auto notice = [](sd_event_source*, const siginfo_t* end, void* self) noexcept {
     auto& process = *static_cast<Process*>(self);
     process.m_pid = 0;

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/orvel-sim/host/EventSource.h"
@@ -17,13 +18,24 @@ namespace orvel::sim {
 // loop's, must last as long: the kernel takes the end of that thread for the end of the parent.
 class Process {
  public:
-  enum class Streams { kInherited, kErrorsOnly };  // kErrorsOnly: standard input and output are /dev/null
+  // kErrorsOnly: standard input and output are /dev/null. kPiped: standard input is, the others are the pipes.
+  enum class Streams { kInherited, kErrorsOnly, kPiped };
+
+  // Descriptors to write to. Borrowed for the start.
+  struct Pipes {
+    int output = -1;
+    int errors = -1;
+  };
 
   // Looks for a program without a slash in PATH. Throws std::system_error. `ended` is told how it ended, as waitid
   // says; it may destroy this. Destroying a process that has not ended stops it, with SIGTERM and after a while with
   // SIGKILL.
   Process(sd_event* event, const std::string& program, const std::vector<std::string>& arguments, Streams streams,
-          std::function<void(const siginfo_t&)> ended);
+          std::function<void(const siginfo_t&)> ended)
+      : Process(event, program, arguments, streams, Pipes(), std::move(ended)) {}
+  Process(sd_event* event, const std::string& program, const std::vector<std::string>& arguments, Pipes pipes,
+          std::function<void(const siginfo_t&)> ended)
+      : Process(event, program, arguments, Streams::kPiped, pipes, std::move(ended)) {}
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
@@ -31,6 +43,9 @@ class Process {
   pid_t pid() const { return m_pid; }
 
  private:
+  Process(sd_event* event, const std::string& program, const std::vector<std::string>& arguments, Streams streams,
+          Pipes pipes, std::function<void(const siginfo_t&)> ended);
+
   std::function<void(const siginfo_t&)> m_ended;
   pid_t m_pid = 0;  // 0: ended and waited for
   SourcePtr m_source;

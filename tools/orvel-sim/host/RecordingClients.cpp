@@ -1,5 +1,7 @@
 #include "tools/orvel-sim/host/RecordingClients.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
@@ -12,6 +14,7 @@ namespace {
 
 // Of one recorder. One that lets this much lie is not going to catch up, and the device must not grow for ever.
 constexpr std::size_t kMostBytes = 64 << 20;
+constexpr std::size_t kMuch = 4 << 20;  // worth being given back to the system
 constexpr std::size_t kBytesAtOnce = 512 << 10;
 // How long a recorder gets no answer while nothing happens; in between it looks whether it is to end.
 constexpr std::chrono::milliseconds kPatience(200);
@@ -32,7 +35,10 @@ void RecordingClients::remove(const vesk_remote* endpoint) {
   const auto isIt = [&](const auto& recorder) { return recorder.second.endpoint.get() == endpoint; };
   const auto found = std::find_if(m_recordingClients.begin(), m_recordingClients.end(), isIt);
   if (found == m_recordingClients.end()) return;
+  const bool keptMuch = found->second.mostBytes > kMuch;
   m_recordingClients.erase(found);
+  // What many short lines took would stay with the device for good.
+  if (keptMuch) malloc_trim(0);
   if (empty()) m_idle();
 }
 
@@ -55,6 +61,7 @@ void RecordingClients::record(Recorder& recorder, const std::string& line) {
   if (recorder.bytes + line.size() > kMostBytes) return;
   recorder.lines.push_back(line);
   recorder.bytes += line.size();
+  recorder.mostBytes = std::max(recorder.mostBytes, recorder.bytes);
   recorder.patience.reset();
   if (const Answer waiting = std::exchange(recorder.waiting, nullptr)) giveTo(recorder, waiting);
 }

@@ -32,7 +32,8 @@ class RecordingClients {
   // Until the process that `endpoint` belongs to is gone.
   void add(RemotePtr endpoint);
 
-  // Whole entries, in order. One for which there is no room is left out; its number is then missing.
+  // Whole entries, and what happens between them, in order. One for which there is no room is left out; its
+  // number is then missing.
   void record(const Json& entry);
   void recordFor(pid_t recorder, const Json& entry);
 
@@ -49,7 +50,8 @@ class RecordingClients {
     std::deque<std::string> lines;
     std::size_t begin = 0;  // of what was not fetched of the first
     std::size_t bytes = 0;
-    Answer waiting;  // null while the recorder does not wait
+    std::size_t mostBytes = 0;  // there ever were
+    Answer waiting;             // null while the recorder does not wait
     std::unique_ptr<Timer> patience;
   };
 

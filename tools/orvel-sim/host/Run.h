@@ -3,7 +3,9 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,10 +20,16 @@ struct RunOptions {
   bool isolate = false;
   // Answers in place of the services, which are not isolated then; null: the services answer.
   std::shared_ptr<Replay> replay;
-  std::vector<std::string> command;  // empty: serve until interrupted
+  std::vector<std::string> command;    // empty: serve until interrupted
+  std::string name{};                  // of the device; empty: none
+  std::vector<std::string> without{};  // services that it does not have
+  int readyFd = -1;                    // is told when the services can be found, then closed; -1: none
+  bool json = false;                   // what is told, and where the device is served
+  std::optional<std::uint16_t> web;    // the port of a page; 0: any that is free; nothing: there is no page
 };
 
-// Serves a device in the runtime directory, or runs the command with a device of its own; returns the exit status.
+// Serves a device in the runtime directory or in that of its name, or runs the command with a device of its own;
+// returns the exit status.
 // Throws std::exception for what keeps the device from starting.
 int runDevice(const RunOptions& options);
 

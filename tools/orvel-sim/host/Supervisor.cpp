@@ -1,20 +1,28 @@
 #include "tools/orvel-sim/host/Supervisor.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <map>
 #include <utility>
 
+#include "device/Recording.h"
+#include "device/Status.h"
 #include "device/Traffic.h"
 #include "device/services/Services.h"
+#include "tools/orvel-sim/host/Connections.h"
 #include "tools/orvel-sim/host/Control.h"
+#include "tools/orvel-sim/host/Namespaces.h"
 
 namespace orvel::sim {
 namespace {
 
 constexpr std::size_t kEntriesKept = 1000;
 // How long a program that waits for traffic gets no answer; below vesk's call limit.
-constexpr std::chrono::seconds kListenerPatience(10);
+// It may ask for less by "patienceMs".
+constexpr std::chrono::milliseconds kListenerPatience(10'000);
 
 // Holds a call that is owed an answer, and fails it where none was given.
 struct Owed {
@@ -45,6 +53,13 @@ Done answered(const Message& message) {
 
 Supervisor::Supervisor(void* runtime, Json scenario, bool isolate)
     : Device(runtime, std::move(scenario), isolate ? childOf(vesk_service_event(runtime)) : nullptr) {
+  for (const auto& runner : runners()) {
+    runner->onLife([this, &life = *runner](bool alive) {
+      Json line = recordingGap(m_entries, 0);
+      line[kLife] = recordedLife(life.type().id, alive, life.pid());
+      m_recordingClients.record(line);
+    });
+  }
   if (!isolate) return;
   for (const auto& runner : runners()) m_children.push_back(static_cast<ChildRunner*>(runner.get()));
 }
@@ -68,12 +83,18 @@ Json Supervisor::replayed(const ServiceType& type, const Call& call) {
   return m_replay ? m_replay->answerTo(type, call) : Json();
 }
 
+Json Supervisor::connections(const ServiceType& type) {
+  return connectionsOf(runtime(), type);
+}
+
 void Supervisor::record(Json entry) {
   entry["number"] = ++m_entries;
+  countStrikes(entry);
   m_recordingClients.record(entry);
   shortenEntry(entry);
   m_traffic.push_back(std::move(entry));
   if (m_traffic.size() > kEntriesKept) m_traffic.pop_front();
+  if (m_watcher) m_watcher();
   const auto listeners = std::exchange(m_listeners, {});
   for (const Listener& listener : listeners) listener.message.answer(trafficAfter(listener.message));
 }
@@ -99,6 +120,8 @@ int Supervisor::onCall(unsigned, vesk_identity* caller, vesk_buffer* request, ve
 void Supervisor::handle(const ControlMessage& message) {
   static const std::map<std::string, void (Supervisor::*)(const ControlMessage&)> handlers = {
       {"services", &Supervisor::listServices},
+      {"status", &Supervisor::showStatus},
+      {"reset", &Supervisor::resetServices},
       {"scenario", &Supervisor::showScenario},
       {"change", &Supervisor::takeChange},
       {"kill", &Supervisor::killService},
@@ -121,8 +144,33 @@ void Supervisor::listServices(const ControlMessage& message) {
   for (const auto& runner : runners()) {
     const ServiceType& type = runner->type();
     services.push_back({{"service", type.id}, {"name", type.name}, {"pid", runner->pid()}, {"about", type.summary}});
+    if (isLeftOut(type)) services.back().update({{"pid", serverOfName(type.name)}, {"without", true}});
   }
   message.answer({{"services", services}});
+}
+
+void Supervisor::showStatus(const ControlMessage& message) {
+  wholeStatus(message.answer);
+}
+
+void Supervisor::wholeStatus(const Answer& answer) {
+  status([this, answer](Json status) {
+    addNamespaces(status, heldNamespaces());
+    for (Json& service : status.at("services")) {
+      if (service.contains("without")) service["pid"] = serverOfName(service.at("name"));
+    }
+    status["directory"] = vesk_runtime_directory();
+    status["pid"] = getpid();
+    status["sinceMs"] = m_started;
+    status["traffic"] = m_entries;
+    answer(status);
+  });
+}
+
+void Supervisor::resetServices(const ControlMessage& message) {
+  const auto only = message.body.find("service");
+  const ServiceType* const type = only == message.body.end() ? nullptr : &serviceCalled(*only);
+  reset(type, message.body.value("contents", false), message.answer);
 }
 
 void Supervisor::showScenario(const ControlMessage& message) {
@@ -159,16 +207,18 @@ void Supervisor::showTraffic(const ControlMessage& message) {
   if (!wait || message.body.at("after").get<std::uint64_t>() < m_entries) {
     return message.answer(trafficAfter(message));
   }
+  const std::chrono::milliseconds patience(message.body.value("patienceMs", kListenerPatience.count()));
   const auto listener = m_listeners.insert(m_listeners.end(), {message, nullptr});
   const auto giveUp = [this, listener] {
     listener->message.answer(trafficAfter(listener->message));
     m_listeners.erase(listener);
   };
-  listener->patience = std::make_unique<Timer>(runtime(), kListenerPatience, giveUp);
+  listener->patience = std::make_unique<Timer>(runtime(), patience, giveUp);
 }
 
 void Supervisor::attachService(const ControlMessage& message) {
   childWith(message.caller).attached(RequestReader(message.request).endpoint());
+  forgetPieces(message.caller);
   message.answer({{"revision", revision()}, {"scenario", scenario()}, {"recording", !m_recordingClients.empty()}});
 }
 
@@ -188,6 +238,16 @@ void Supervisor::takeEntries(const ControlMessage& message) {
   message.answer(Json::object());
 }
 
+// Of a process that has just started, and of those that have ended in the middle of handing in: another process may get
+// the number of one.
+void Supervisor::forgetPieces(pid_t fresh) {
+  for (auto piece = m_pieces.begin(); piece != m_pieces.end();) {
+    const auto isIt = [&](const ChildRunner* child) { return child->pid() == piece->first; };
+    const bool lives = piece->first != fresh && std::any_of(m_children.begin(), m_children.end(), isIt);
+    piece = lives ? std::next(piece) : m_pieces.erase(piece);
+  }
+}
+
 void Supervisor::startRecording(const ControlMessage& message) {
   const bool first = m_recordingClients.empty();
   m_recordingClients.add(RequestReader(message.request).endpoint());
@@ -195,8 +255,8 @@ void Supervisor::startRecording(const ControlMessage& message) {
   for (const Json& entry : m_traffic) {
     if (entry.at("number") > after) m_recordingClients.recordFor(message.caller, entry);
   }
-  const Done done = gather([answer = message.answer, after](const std::string& error) {
-    answer(error.empty() ? Json{{"after", after}} : failure(error));
+  const Done done = gather([answer = message.answer, after, newest = m_entries](const std::string& error) {
+    answer(error.empty() ? Json{{"after", after}, {"newest", newest}} : failure(error));
   });
   if (first) setRecording(true, done);
 }
@@ -218,11 +278,12 @@ void Supervisor::setRecording(bool recorded, const Done& done) {
 
 // The entries that follow number "after", as many as fit into an answer.
 Json Supervisor::trafficAfter(const ControlMessage& message) const {
-  const auto after = message.body.at("after").get<std::uint64_t>();
+  const std::uint64_t after = std::min(message.body.at("after").get<std::uint64_t>(), m_entries);
   Json entries = Json::array();
-  for (const Json& entry : m_traffic) {
-    if (entries.size() == kEntriesAtOnce) break;
-    if (entry.at("number") > after) entries.push_back(entry);
+  const std::uint64_t left = m_entries - after;  // the newest are kept
+  for (std::size_t at = m_traffic.size() - std::min<std::uint64_t>(left, m_traffic.size());
+       at < m_traffic.size() && entries.size() < kEntriesAtOnce; ++at) {
+    entries.push_back(m_traffic[at]);
   }
   return {{"entries", entries}, {"newest", m_entries}};
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "device/Device.h"
 #include "device/Replay.h"
+#include "device/Traffic.h"
 #include "tools/orvel-sim/host/ChildRunner.h"
 #include "tools/orvel-sim/host/RecordingClients.h"
 
@@ -33,9 +35,18 @@ class Supervisor : public Device, private Endpoint {
   // Ends the services and what others wait for; before vesk_shutdown, because both need the run loop.
   void stop();
 
+  // All that Device::status has, and what only the program knows: {"directory", "sinceMs", "traffic"}.
+  void wholeStatus(const Answer& answer);
+
+  // The newest entries, numbered without gaps.
+  const std::deque<Json>& traffic() const { return m_traffic; }
+  // Called when traffic() has a new entry. Null: nothing is.
+  void setWatcher(std::function<void()> watcher) { m_watcher = std::move(watcher); }
+
   void record(Json entry) override;
   void recordSoon(Json entry) override { record(std::move(entry)); }
   Json replayed(const ServiceType& type, const Call& call) override;
+  Json connections(const ServiceType& type) override;
 
  private:
   // A message to the control name.
@@ -55,6 +66,8 @@ class Supervisor : public Device, private Endpoint {
   int onCall(unsigned code, vesk_identity* caller, vesk_buffer* request, vesk_payload* reply) override;
   void handle(const ControlMessage& message);
   void listServices(const ControlMessage& message);
+  void showStatus(const ControlMessage& message);
+  void resetServices(const ControlMessage& message);
   void showScenario(const ControlMessage& message);
   void takeChange(const ControlMessage& message);
   void killService(const ControlMessage& message);
@@ -68,14 +81,17 @@ class Supervisor : public Device, private Endpoint {
   void attachService(const ControlMessage& message);
   void serviceReady(const ControlMessage& message);
   void takeEntries(const ControlMessage& message);
+  void forgetPieces(pid_t fresh);
 
   ChildRunner& childWith(pid_t pid);
   void setRecording(bool recorded, const Done& done);
   Json trafficAfter(const ControlMessage& message) const;
 
   std::vector<ChildRunner*> m_children;  // the device's runners, where the services are isolated
-  std::deque<Json> m_traffic;            // the newest entries, numbered without gaps
+  std::deque<Json> m_traffic;
+  std::function<void()> m_watcher;
   std::uint64_t m_entries = 0;
+  const std::int64_t m_started = millisecondsSince1970();
   std::list<Listener> m_listeners;
   // Entries stay whole while there is a recorder; the processes of services have to know.
   RecordingClients m_recordingClients{runtime(), [this] { setRecording(false, [](const std::string&) {}); }};

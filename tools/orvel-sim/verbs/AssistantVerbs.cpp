@@ -13,6 +13,8 @@
 #include "device/Scenario.h"
 #include "device/Service.h"
 #include "device/Traffic.h"
+#include "tools/cli/Options.h"
+#include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
@@ -47,7 +49,7 @@ void sendDirective(std::vector<std::string> words) {
   }
   words.resize(kDirectiveTexts);
   const Json answer = sendEvent("coordinator", {{"namespace", nspace}, {"texts", words}});
-  print("sent to process " + answer.at("pid").dump());
+  printDone({{"pid", answer.at("pid")}}, "sent to process " + answer.at("pid").dump());
 }
 
 // "key=12", "key="text"", and of what the service finds itself the key alone.
@@ -78,7 +80,7 @@ void showMetrics(std::uint64_t last, bool json) {
     const Json answer = ask(seen);
     if (answer.at("events").empty()) return;  // the service was restarted meanwhile
     for (const Json& event : answer.at("events")) {
-      print(json ? event.dump() : describeMetric(event));
+      print(json ? cli::jsonText(event) : describeMetric(event));
       seen = event.at("number");
     }
   }
@@ -151,7 +153,7 @@ void addMetricsVerb(CLI::App& app) {
   };
   const auto options = std::make_shared<Options>();
   CLI::App* verb = app.add_subcommand("metrics", "List the metric events that clients recorded, the oldest first");
-  verb->add_option("--last", options->last, "only so many, the newest")->type_name("NUMBER");
+  cli::asCount(verb->add_option("--last", options->last, "only so many, the newest"));
   verb->add_flag("--json", options->json, "one JSON object per line");
   verb->footer("The newest 1000 are kept, until the metrics service is killed.");
   verb->callback([options] { showMetrics(options->last, options->json); });

@@ -1,8 +1,8 @@
 #include "tools/orvel-sim/verbs/CompletionValues.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -10,9 +10,11 @@
 #include "device/EventResults.h"
 #include "device/Scenario.h"
 #include "device/Service.h"
-#include "device/ServiceNames.h"
 #include "device/ShippedScenarios.h"
+#include "device/Traffic.h"
 #include "tools/cli/TypedWord.h"
+#include "tools/orvel-sim/host/Devices.h"
+#include "tools/orvel-sim/host/Namespaces.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "vesk/vesk.h"
 
@@ -31,6 +33,35 @@ Names keysOf(const Json& object) {
 Names serviceIds() {
   Names names;
   for (const ServiceType* type : allServices()) names.push_back(type->id);
+  return names;
+}
+
+// Services, notifications and methods, those of one service behind its name; not all at once while nothing is typed.
+Names trafficNames(const std::string& typed) {
+  Names names = serviceIds();
+  const bool isOfService = typed.find('.') != std::string::npos;
+  for (const ServiceType* type : allServices()) {
+    const std::string service = isOfService ? type->id + "." : "";
+    if (typed.empty()) continue;
+    for (const Method& method : type->methods) names.push_back(service + method.name);
+    for (const CallbackMethod* callback : type->callbacks) names.push_back(service + callback->name);
+  }
+  return names;
+}
+
+// The programs of the clients that are connected now, and of those that made the newest calls.
+Names clientNames() {
+  Names names;
+  for (const Json& client : ask("status").at("clients")) names.push_back(client.value("client", std::string()));
+  const auto after = [](std::uint64_t number) {
+    return device().send({{"order", "traffic"}, {"after", number}, {"wait", false}});
+  };
+  const auto newest = after(UINT64_MAX).at("newest").get<std::uint64_t>();
+  const Json traffic = after(newest - std::min<std::uint64_t>(newest, kEntriesAtOnce));
+  for (const Json& entry : traffic.at("entries")) names.push_back(entry.value("client", std::string()));
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  names.erase(std::remove(names.begin(), names.end(), ""), names.end());
   return names;
 }
 
@@ -53,28 +84,9 @@ const Json* childCalled(const Json& object, const std::string& word) {
   return nullptr;
 }
 
-// What a file name of the runtime directory stands for: %XX is a byte.
-std::string serviceNameOf(const std::string& file) {
-  std::string name;
-  for (std::size_t at = 0; at < file.size(); ++at) {
-    if (file[at] != '%') {
-      name += file[at];
-    } else {
-      name += static_cast<char>(std::strtol(file.substr(at + 1, 2).c_str(), nullptr, 16));
-      at += 2;
-    }
-  }
-  return name;
-}
-
-// Of the clients that published an endpoint for one; nothing needs to answer for that.
-Names heldNamespaces() {
+Names namesOfHeld() {
   Names names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(vesk_runtime_directory(), error)) {
-    const std::string nspace = namespaceIn(serviceNameOf(entry.path().filename()));
-    if (!nspace.empty()) names.push_back(nspace);
-  }
+  for (const Json& held : heldNamespaces()) names.push_back(held.at("namespace"));
   return names;
 }
 
@@ -89,12 +101,20 @@ cli::Values completions() {
                         {"field", {"@fields"}},
                         {"scenarios name", {"@scenarios"}},
                         {"run --scenario", {"@scenarios"}}};
-  for (const char* name : {"kill service", "restart service", "flap service"}) values[name] = {"@services"};
+  for (const char* name : {"flap service", "reset service", "run --without"}) values[name] = {"@services"};
+  for (const char* name : {"kill service", "restart service"}) values[name] = {"all", "@services"};
+  values["load file"] = {"@scenarios"};
+  values["--device"] = {"@devices"};
   for (const char* name : {"stop name", "foreground name"}) values[name] = {"@processes"};
   for (const char* verb : {"start", "replace", "remove", "added", "removed", "replaced", "changed"}) {
     values[std::string(verb) + " name"] = {"@packages"};
   }
-  for (const char* name : {"command", "file", "--scenario", "--record", "--seeds"}) values[name] = {"@files"};
+  for (const char* name : {"traffic name", "convert name", "--not"}) values[name] = {"@traffic"};
+  values["wait calls"] = {"call=@traffic"};
+  values["--client"] = {"@clients"};
+  for (const char* name : {"command", "file", "--file", "--scenario", "--record", "--seeds", "--trace", "--mermaid"}) {
+    values[name] = {"@files"};
+  }
   return values;
 }
 
@@ -145,8 +165,16 @@ int completeValues(const Names& words) {
       {"packages", Json::json_pointer("/packages/packages")},
       {"processes", Json::json_pointer("/activity/processes")},
   };
-  if (kind == "services") {
+  if (kind == "traffic") {
+    offer(trafficNames(typed.text().substr(std::min(words[2].size(), typed.text().size()))));
+  } else if (kind == "clients") {
+    offer(clientNames());
+  } else if (kind == "services") {
     if (before.empty()) offer(serviceIds());
+  } else if (kind == "devices") {
+    Names names;
+    for (const FoundDevice& each : runningDevices()) names.push_back(each.name.empty() ? each.directory : each.name);
+    offer(names);
   } else if (kind == "scenarios") {
     Names names;
     for (ShippedScenario& shipped : shippedScenarios()) names.push_back(std::move(shipped.name));
@@ -155,7 +183,7 @@ int completeValues(const Names& words) {
   } else if (kind == "faults") {
     offer(faultWords(before));
   } else if (kind == "namespaces") {
-    offer(heldNamespaces());
+    offer(namesOfHeld());
   } else if (kind == "features") {
     offer(ask("scenario").at("scenario").at("delegate").at("features").get<Names>());
   } else if (kind == "fields") {

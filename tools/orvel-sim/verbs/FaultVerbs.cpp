@@ -1,230 +1,165 @@
 #include "tools/orvel-sim/verbs/FaultVerbs.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <functional>
-#include <iomanip>
+#include <cstdint>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "device/Acts.h"
 #include "device/Scenario.h"
 #include "device/Service.h"
-#include "tools/orvel-sim/host/Control.h"
+#include "tools/cli/Options.h"
+#include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
+#include "tools/orvel-sim/verbs/FaultWords.h"
+#include "tools/orvel-sim/verbs/LifeVerbs.h"
 
 namespace orvel::sim {
 namespace {
 
-using Words = std::vector<std::string>;
-
-std::string describeServices() {
-  std::string text = "Services and their methods:\n";
-  for (const ServiceType* type : allServices())
-    text += "  " + type->id + ": " + type->summary + "\n" + describeMethods(*type);
-  return text;
-}
-
-// ---- Faults of calls ----
-
-// A verb for one fault.
-struct Fault {
-  const char* verb;
-  const char* about;
-  const char* usage;
-  const char* key;  // in the scenario
-  bool valueless;   // it may be set without a value
-  std::function<Json(const std::string& word)> read;
+// What one verb is given.
+struct Given {
+  std::vector<std::string> words;
+  LimitWords limit;
+  Json exception = Json::object();  // parts of it
 };
 
-// Where a fault is meant to be, and what it is to become.
-struct Target {
-  std::optional<std::string> service;
-  std::optional<std::string> method;
-  std::string value;
-};
-
-Target readTarget(const Words& words) {
-  const auto isValue = [](const std::string& word) {
-    const auto digits = word.begin() + (word[0] == '-' ? 1 : 0);
-    return word == "on" || word == "off" ||
-           std::all_of(digits, word.end(), [](unsigned char c) { return std::isdigit(c); });
-  };
-  Target target;
-  std::size_t next = 0;
-  if (next < words.size()) target.service = serviceCalled(words[next++]).id;
-  if (next < words.size() && !isValue(words[next])) {
-    const std::string& method = words[next++];
-    target.method = method == kEveryMethod ? method : methodCalled(serviceCalled(*target.service), method).name;
-  }
-  if (next < words.size()) target.value = words[next++];
-  if (next < words.size()) throw ScenarioError("'" + words[next] + "' is one word too many");
-  return target;
-}
-
-// The faults of that kind which the target has.
-Json faultsInForce(const char* key, const Target& target) {
+// Those of the kind at the target; at a service as a whole, of all its methods.
+Json faultsAt(const FaultKind& kind, const FaultTarget& target) {
   Json list = Json::array();
-  const Json scenario = inForce({});
-  for (const ServiceType* type : allServices()) {
-    if (target.service && *target.service != type->id) continue;
-    for (const auto& [method, faults] : scenario.at(type->id).at(kFaults).items()) {
-      if ((target.method && *target.method != method) || !faults.contains(key)) continue;
-      list.push_back({{"service", type->id}, {"method", method}, {"value", faults.at(key)}});
-    }
+  const Json status = ask("status");
+  for (const Json& fault : status.at("faults")) {
+    if (fault.at("fault") != kind.verb) continue;
+    if (target.service != nullptr && fault.at("service") != target.service->id) continue;
+    if (target.method.empty() || fault.at("method") == target.method) list.push_back(fault);
   }
   return list;
 }
 
-std::string faultInWords(const Json& fault) {
-  const Json& value = fault.at("value");
-  return fault.at("service").get<std::string>() + " " + fault.at("method").get<std::string>() + " " +
-         (value == true ? "on" : value.dump());
+std::string nameOf(const FaultTarget& target) {
+  return target.service->id + (target.method.empty() ? "" : " " + target.method);
 }
 
-CLI::App* addFault(CLI::App& app, const Fault& fault) {
-  const auto words = std::make_shared<Words>();
-  const auto json = std::make_shared<bool>(false);
-  CLI::App* verb = app.add_subcommand(fault.verb, fault.about);
-  verb->add_option("service", *words, fault.usage)->type_name("");
-  verb->add_flag("--json", *json, "show what is in force as JSON");
-  verb->footer(std::string("Without a method it holds for every method of the service; off ends it. Without ") +
-               (fault.valueless ? "a service" : "a value") + " it shows what is in force.\n" + describeServices());
-  verb->callback([fault, words, json] {
-    const Target target = readTarget(*words);
-    if (!target.service || (target.value.empty() && !fault.valueless)) {
-      return show({[&] { return faultsInForce(fault.key, target); }, faultInWords}, *json);
-    }
-    Json change = changeOf({*target.service, kFaults, target.method.value_or(kEveryMethod), fault.key}, std::nullopt);
-    if (target.value != "off") change["value"] = fault.read(target.value);
-    sendChange(change);
-  });
-  return verb;
+void showFaults(const FaultKind& kind, const FaultTarget& target) {
+  const Json faults = faultsAt(kind, target);
+  if (isJson()) return print(cli::jsonText({{"faults", faults}}));
+  if (faults.empty())
+    print("no " + kind.verb + " is in force" + (target.service == nullptr ? "" : " for " + nameOf(target)));
+  for (const Json& fault : faults) print(faultInWords(fault));
 }
 
-Json readNumber(const std::string& word) {
-  Json number = Json::parse(word, nullptr, /*allow_exceptions=*/false);
-  if (!number.is_number_unsigned()) throw ScenarioError("a number or off is expected, not '" + word + "'");
-  return number;
+void endFault(const FaultKind& kind, const FaultTarget& target) {
+  const Json ended = faultsAt(kind, target);
+  Json values = {{"key", kind.key}};
+  if (!target.method.empty()) values["method"] = target.method;
+  device().send({{"order", "change"}, {"change", makeAct("fault", target.service->id, values)}});
+  if (isJson()) return printDone({{"ended", ended}});
+  if (ended.empty()) print("nothing was in force: " + kind.verb + " " + nameOf(target));
+  if (target.method.empty() || target.method == kEveryMethod) return;
+  FaultTarget every = target;
+  every.method = kEveryMethod;
+  for (const Json& left : faultsAt(kind, every)) print("still in force: " + kind.verb + " " + faultInWords(left));
 }
 
-// A word that stands for `on`, or else a value of the shape.
-std::function<Json(const std::string&)> readOr(Json on, Shape shape) {
-  return [on = std::move(on), shape = std::move(shape)](const std::string& word) {
-    return word.empty() || word == "on" ? on : valueOf(shape, word, "value");
-  };
+// A method has at most one fault of a kind; what another one takes the place of is told.
+void setFault(const FaultKind& kind, FaultTarget target, const Given& given) {
+  if (target.method.empty()) target.method = kEveryMethod;
+  Json value = faultValueOf(kind, target.value);
+  if (kind.key == "exception") value.update(given.exception);
+  Json values = {{"key", kind.key}, {"method", target.method}, {"value", value}};
+  if (const Json limit = limitOf(given.limit, target); !limit.is_null()) values[kOnly] = limit;
+  const Json change = makeAct("fault", target.service->id, values);
+  const Json replaced = faultsAt(kind, target);
+  device().send({{"order", "change"}, {"change", change}});
+  if (isJson()) return printDone({{"change", change}, {"replaced", replaced}});
+  for (const Json& one : replaced) print("in place of: " + endedInWords(one));
 }
 
-void addFaults(CLI::App& app) {
-  const auto exceptionParts = std::make_shared<Json>(Json::object());
-  const Fault faults[] = {
-      {"truncate", "Cut the replies of a service after some bytes", "SERVICE [METHOD] BYTES|off", "truncateTo", false,
-       readNumber},
-      {"delay", "Let a service answer late", "SERVICE [METHOD] MILLISECONDS|off", "delayMs", false, readNumber},
-      {"hang", "Let a service not answer at all", "SERVICE [METHOD] [on|off]", "hang", true,
-       [](const std::string&) { return true; }},
-      {"drop", "Let a service close the connection of who calls it, in place of an answer",
-       "SERVICE [METHOD] [N|on|off]; N: only of the next so many calls", "drop", true,
-       readOr(true, Shape::flagOrNumber(1))},
-      {"error", "Let calls of a service fail with a vesk error code, a negated errno value",
-       "SERVICE [METHOD] [CODE|off]", "error", true, readOr(-EREMOTEIO, errorShape())},
-  };
-  for (const Fault& fault : faults) addFault(app, fault);
+void runFault(const FaultKind& kind, const Given& given) {
+  const FaultTarget target = faultTargetOf(kind, given.words);
+  const bool isShown = target.service == nullptr || (target.value.empty() && !kind.on);
+  if ((isShown || target.value == "off") && !(given.limit.empty() && given.exception.empty())) {
+    const std::string what = isShown ? "to show what is in force" : "to end it";
+    throw ScenarioError(kind.verb + ": options say how to fail; " + what + ", give none");
+  }
+  if (isShown) return showFaults(kind, target);
+  if (target.value == "off") return endFault(kind, target);
+  setFault(kind, target, given);
+}
 
-  CLI::App* exception =
-      addFault(app, {"exception", "Let a service answer with an exception", "SERVICE [METHOD] [on|off]", "exception",
-                     true, [exceptionParts](const std::string&) { return *exceptionParts; }});
-  exception->add_option_function<int>(
-      "--code", [exceptionParts](int code) { (*exceptionParts)["code"] = code; }, "exception code");
+void addLimits(CLI::App& verb, LimitWords& limit) {
+  verb.add_option("--argument", limit.arguments, "only calls with that argument; may be repeated")
+      ->allow_extra_args(false)
+      ->type_name("NAME=VALUE");
+  verb.add_option("--client", limit.client, "only calls of that process, or of every one that runs that program")
+      ->type_name("PID|NAME");
+  cli::asCount(verb.add_option("--call", limit.call, "of these calls only that one, counted from 1"), 1);
+}
+
+void addExceptionParts(CLI::App& verb, const std::shared_ptr<Given>& given) {
+  verb.add_option_function<std::int32_t>(
+          "--code", [given](std::int32_t code) { given->exception["code"] = code; }, "exception code (default: -5)")
+      ->type_name("NUMBER");
   const auto addPart = [&](const char* option, const char* key, const char* about) {
-    exception->add_option_function<std::string>(
-        option, [exceptionParts, key](const std::string& text) { (*exceptionParts)[key] = text; }, about);
+    verb.add_option_function<std::string>(
+        option, [given, key](const std::string& text) { given->exception[key] = text; }, about);
   };
   addPart("--message", "message", "what the exception says");
   addPart("--trace", "trace", "stack trace to send along");
 }
 
-// ---- Deaths ----
-
-void addLife(CLI::App& app, const char* order, const char* about) {
-  const auto service = std::make_shared<std::string>();
-  CLI::App* verb = app.add_subcommand(order, about);
-  verb->add_option("service", *service, "without it, show which live")->type_name("");
-  verb->footer(describeServices());
-  addReading(*verb, servicesReading(), [order, service] {
-    const std::string id = serviceCalled(*service).id;  // a wrong name is told without a device too
-    Control::connect().send({{"order", order}, {"service", id}});
-  });
+void addFault(CLI::App& app, const FaultKind& kind) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* verb = app.add_subcommand(kind.verb, kind.about);
+  verb->add_option("service", given->words, "SERVICE [METHOD] " + kind.usage)->type_name("");
+  addLimits(*verb, given->limit);
+  if (kind.key == "exception") addExceptionParts(*verb, given);
+  verb->footer([] { return describeServices(); });
+  verb->footer(std::string("Without a method it holds for every method of the service; off ends it, for\n"
+                           "all its methods where none is given. Without ") +
+               (kind.on ? "a service" : "a value") +
+               " it shows what is in\nforce, and how often that struck. orvel-sim reset ends all.");
+  verb->callback([&kind, given] { runFault(kind, *given); });
 }
 
-Json flapsInForce(const Words& words) {
-  Json list = Json::array();
-  const Json scenario = inForce({});
-  for (const ServiceType* type : allServices()) {
-    const Json& section = scenario.at(type->id);
-    if ((!words.empty() && words.front() != type->id) || !section.contains(kFlap)) continue;
-    Json flap = {{"service", type->id}};
-    flap.update(section.at(kFlap));
-    list.push_back(std::move(flap));
-  }
-  return list;
-}
-
-std::string flapInWords(const Json& flap) {
-  return flap.at("service").get<std::string>() + " " + flap.at("periodMs").dump() +
-         (flap.contains("count") ? " " + flap.at("count").dump() : "");
-}
-
-void addFlap(CLI::App& app) {
-  const auto words = std::make_shared<Words>();
-  const auto json = std::make_shared<bool>(false);
-  CLI::App* verb = app.add_subcommand("flap", "Let a service die and come back, again and again");
-  verb->add_option("service", *words, "SERVICE PERIOD_MS [COUNT]|off")->type_name("")->expected(0, 3);
-  verb->add_flag("--json", *json, "show what is in force as JSON");
-  verb->footer(
-      "It lives for the first half of every period and is dead for the second, COUNT times or until off, kill or "
-      "restart.\n"
-      "Without a period it shows what is in force.");
-  verb->callback([words, json] {
-    if (!words->empty()) serviceCalled(words->front());
-    if (words->size() < 2) return show({[&] { return flapsInForce(*words); }, flapInWords}, *json);
-    Json values = Json::object();
-    if (words->size() > 2 || words->at(1) != "off") {
-      const auto number = [&](const char* key, const std::string& word) {
-        values[key] = changeOf({words->front(), kFlap, key}, word).at("value");
-      };
-      number("periodMs", words->at(1));
-      if (words->size() > 2) number("count", words->at(2));
+void reset(const std::optional<std::string>& name, bool contents) {
+  const std::string service = name ? serviceCalled(*name).id : "";  // empty: all
+  Json order = {{"order", "reset"}, {"contents", contents}};
+  if (name) order["service"] = service;
+  const Json answer = device().send(order);
+  Json dead = Json::array();
+  const Json services = ask("services").at("services");
+  for (const Json& each : services) {
+    if (each.at("pid") == 0 && (service.empty() || each.at("service") == service)) {
+      dead.push_back(each.at("service"));
     }
-    sendChange(makeAct("flap", words->front(), values));
-  });
+  }
+  if (isJson()) return printDone({{"ended", answer.at("ended")}, {"contents", contents}, {"dead", dead}});
+  for (const Json& ended : answer.at("ended")) print("ended: " + endedInWords(ended));
+  if (answer.at("ended").empty()) print("no fault was in force" + (service.empty() ? "" : " for " + service));
+  if (contents) print("all else is as at the start");
+  for (const Json& each : dead) {
+    const std::string id = each;
+    print(id + " is dead: orvel-sim restart " + id);
+  }
+}
+
+void addReset(CLI::App& app) {
+  const auto service = std::make_shared<std::optional<std::string>>();
+  const auto contents = std::make_shared<bool>(false);
+  CLI::App* verb = app.add_subcommand("reset", "End all faults and flapping, of one service or of all");
+  verb->add_option("service", *service, "only of this one")->type_name("");
+  verb->add_flag("--contents", *contents, "every other value becomes what it was when the device started, too");
+  verb->callback([service, contents] { reset(*service, *contents); });
 }
 
 }  // namespace
 
-Reading servicesReading() {
-  const auto inWords = [](const Json& service) {
-    const auto pid = service.at("pid").get<int>();
-    std::ostringstream line;
-    line << std::left << std::setw(14) << service.at("service").get<std::string>() << std::setw(46)
-         << service.at("name").get<std::string>() << (pid == 0 ? "dead" : "process " + std::to_string(pid));
-    return line.str();
-  };
-  return {[] { return ask("services").at("services"); }, inWords};
-}
-
 void addFaultVerbs(CLI::App& app) {
-  addFaults(app);
-  addLife(app, "kill", "Kill a service; it stays dead until it is restarted");
-  addLife(app, "restart", "Start a service anew, with the scenario as it is");
-  addFlap(app);
+  for (const FaultKind& kind : faultKinds()) addFault(app, kind);
+  addReset(app);
 }
 
 }  // namespace orvel::sim

@@ -1,15 +1,10 @@
-// The verbs of orvel-sim that break the services of a device, and mend them.
+// The verbs of orvel-sim that make calls of a device's services fail, and the one that ends all of that.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-#include "tools/orvel-sim/verbs/Reading.h"
-
 namespace orvel::sim {
 
 void addFaultVerbs(CLI::App& app);
-
-// The services and their processes.
-Reading servicesReading();
 
 }  // namespace orvel::sim

@@ -12,6 +12,7 @@
 
 #include "device/Acts.h"
 #include "device/Scenario.h"
+#include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
@@ -51,34 +52,41 @@ void addField(CLI::App& part, const std::shared_ptr<PackageWords>& words, const 
       option, [words, field](const Value& value) { words->values[field] = value; }, about);
 }
 
-std::string padded(std::string text, std::size_t width) {
-  text.resize(std::max(text.size() + 1, width), ' ');
-  return text;
+std::string padded(const std::string& text, std::size_t width) {
+  const std::size_t taken = cli::widthOf(text);
+  return text + std::string(std::max(taken + 1, width) - taken, ' ');
 }
 
 std::string packageInWords(const Json& package) {
-  return padded(package.at("package"), 42) + padded("version " + package.at("versionCode").dump(), 18) +
-         padded(package.at("versionName"), 14) + "uid " + package.at("uid").dump();
+  return padded(cli::printable(package.at("package")), 42) + padded("version " + package.at("versionCode").dump(), 18) +
+         padded(cli::printable(package.at("versionName")), 14) + "uid " + package.at("uid").dump();
 }
 
 std::string processInWords(const Json& process) {
-  return padded(process.at("process"), 42) + padded("pid " + process.at("pid").dump(), 12) +
+  return padded(cli::printable(process.at("process")), 42) + padded("pid " + process.at("pid").dump(), 12) +
          padded("uid " + process.at("uid").dump(), 12) + "importance " + process.at("importance").dump() +
          (process.at("focused") == true ? ", focused" : "");
+}
+
+void addList(CLI::App& verb, const char* about, const Reading& reading) {
+  verb.add_subcommand("list", about)->callback([reading] { show(reading, isJson()); });
 }
 
 }  // namespace
 
 void addPackageVerb(CLI::App& app) {
   CLI::App* package =
-      app.add_subcommand("package", "List, install, replace or remove packages, or broadcast that one was");
+      app.add_subcommand("package", "Show the packages; install, replace or remove one, or broadcast that one was");
   package->require_subcommand(0, 1);
-  addReading(*package, {[] { return entriesInForce({"packages", "packages"}, "package"); }, packageInWords});
+  const Reading installedReading = {[] { return entriesInForce({"packages", "packages"}, "package"); }, packageInWords};
+  addReading(*package, installedReading);
   package->footer(
       "install, replace and remove change what is installed, and clients are told all that a package manager tells.\n"
       "added, removed, replaced and changed only broadcast that one word, and change nothing. For all else of a "
       "package,\n"
       "such as its meta-data, use set and unset: orvel-sim set package NAME metaData KEY VALUE");
+
+  addList(*package, "List what is installed, as without a word", installedReading);
 
   const auto installed = std::make_shared<PackageWords>();
   CLI::App* install = addAct(*package, "install", "Install a package", installed);
@@ -106,9 +114,12 @@ void addPackageVerb(CLI::App& app) {
 }
 
 void addProcessVerb(CLI::App& app) {
-  CLI::App* process = app.add_subcommand("process", "List processes, start or stop one, or bring it to the foreground");
+  CLI::App* process =
+      app.add_subcommand("process", "Show the processes; start or stop one, or bring it to the foreground");
   process->require_subcommand(0, 1);
-  addReading(*process, {[] { return entriesInForce({"activity", "processes"}, "process"); }, processInWords});
+  const Reading running = {[] { return entriesInForce({"activity", "processes"}, "process"); }, processInWords};
+  addReading(*process, running);
+  addList(*process, "List what runs, as without a word", running);
   process->footer(
       "The platform grades processes: 100 foreground, 125 foreground service, 200 perceptible, 300 service, 400 "
       "cached.\n"

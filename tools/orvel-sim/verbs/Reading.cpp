@@ -6,12 +6,13 @@
 #include <utility>
 
 #include "device/Scenario.h"
+#include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 
 namespace orvel::sim {
 
 void show(const Reading& reading, bool json) {
-  const auto line = [&](const Json& value) { print(json ? value.dump() : reading.inWords(value)); };
+  const auto line = [&](const Json& value) { print(json ? cli::jsonText(value) : reading.inWords(value)); };
   const Json value = reading.read();
   if (!value.is_array()) return line(value);
   for (const Json& element : value) line(element);
@@ -23,14 +24,14 @@ void addReading(CLI::App& verb, Reading reading, std::function<void()> set) {
   verb.callback([&verb, jsonFlag, json, reading = std::move(reading), set = std::move(set)] {
     const auto isGiven = [&](const CLI::Option* option) { return option != jsonFlag && option->count() != 0; };
     if (!verb.get_subcommands().empty()) return;
-    if (verb.get_options(isGiven).empty()) return show(reading, *json);
+    if (verb.get_options(isGiven).empty()) return show(reading, *json || isJson());
     if (set) set();
   });
 }
 
 Json inForce(const std::vector<std::string>& words) {
   std::optional<Json> value = valueIn(ask("scenario").at("scenario"), words);
-  if (!value) throw std::runtime_error(pathOf(words) + " is not set");
+  if (!value) throw std::runtime_error(joined(words, " ") + " is not set");
   return *std::move(value);
 }
 

@@ -1,5 +1,7 @@
 #include "tools/orvel-sim/verbs/StateVerbs.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -11,6 +13,7 @@
 #include "device/Scenario.h"
 #include "device/ShippedScenarios.h"
 #include "device/services/Services.h"
+#include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
 #include "tools/orvel-sim/verbs/Reading.h"
 
@@ -28,13 +31,17 @@ void addValues(CLI::App& verb, const std::string& more = "") {
 void addGet(CLI::App& app) {
   const auto words = std::make_shared<Words>();
   const auto json = std::make_shared<bool>(false);
-  CLI::App* get = app.add_subcommand("get", "Show a value as it is now: get [SERVICE] FIELD [KEY...], or all");
+  CLI::App* get = app.add_subcommand("get", "Show a value as it is now, or all");
   get->add_option("field", *words, "[SERVICE] FIELD [KEY...], as for set")->type_name("");
   get->add_flag("--json", *json, "a text as JSON too, and everything in one line");
   addValues(*get, "\nWhat is not set is said so, with exit status 1.");
   get->callback([words, json] {
     const Json value = inForce(*words);
-    print(*json ? value.dump() : value.is_string() ? value.get<std::string>() : value.dump(2));
+    if (*json) return print(cli::jsonText(value));
+    // Of a text in a pipe not a character is another than it is.
+    const bool isShown = isatty(STDOUT_FILENO) != 0;
+    const std::string text = value.is_string() ? value.get<std::string>() : cli::jsonText(value, 2);
+    print(isShown && value.is_string() ? cli::printable(text) : text);
   });
 }
 
@@ -44,7 +51,11 @@ void addSet(CLI::App& app) {
   addValues(*set);
   set->callback([set] {
     Words words = set->remaining();
-    if (words.size() < 2) throw ScenarioError("a FIELD and a VALUE are expected; there are\n" + describeScenario());
+    if (words.size() < 2) {
+      const std::string missing =
+          words.empty() ? "a FIELD and a VALUE are missing" : "a VALUE is missing behind '" + words[0] + "'";
+      throw ScenarioError("set: " + missing + "; orvel-sim set --help lists the fields");
+    }
     const std::string value = words.back();
     words.pop_back();
     sendChange(changeOf(words, value));
@@ -55,7 +66,7 @@ void addUnset(CLI::App& app) {
   const auto words = std::make_shared<Words>();
   CLI::App* unset = app.add_subcommand("unset", "Remove a key, such as a setting");
   unset->add_option("field", *words, "[SERVICE] FIELD KEY...")->required()->type_name("");
-  addValues(*unset);
+  addValues(*unset, "\nA field without keys becomes what it is by default.");
   unset->callback([words] { sendChange(changeOf(*words, {})); });
 }
 

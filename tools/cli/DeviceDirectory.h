@@ -7,12 +7,15 @@
 #include <string>
 #include <vector>
 
-namespace orvelctl {
+namespace orvel::cli {
 
 struct DeviceDirectory {
   std::string path;
   std::string chosenBy;  // "ORVEL_RUNTIME_DIR", "XDG_RUNTIME_DIR", or "neither ... nor ..."
 };
+
+// Whether the runtime in use is a workstation's, to which all of this applies.
+bool isWorkstation();
 
 // The one that counts.
 DeviceDirectory deviceDirectory();
@@ -25,6 +28,9 @@ struct Problem {
 
 // What keeps this user from a device in the directory: it cannot be used, or no device lives there.
 Problem deviceProblem(const std::string& directory);
+
+// That problem in one line, with the advice: "no device in DIRECTORY: it does not exist; start one: orvel-sim run".
+std::string noDevice(const std::string& directory, const Problem& problem);
 
 // What keeps this user from using the directory, whether or not a device lives there.
 Problem directoryProblem(const std::string& directory);
@@ -39,4 +45,4 @@ pid_t serverOf(const std::string& directory, const std::string& name);
 // Whether a process is stopped, as by SIGSTOP or a debugger.
 bool isStopped(pid_t process);
 
-}  // namespace orvelctl
+}  // namespace orvel::cli

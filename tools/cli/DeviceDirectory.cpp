@@ -1,5 +1,6 @@
-#include "DeviceDirectory.h"
+#include "tools/cli/DeviceDirectory.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -18,20 +19,22 @@
 #include <string_view>
 #include <system_error>
 
-namespace orvelctl {
+namespace orvel::cli {
 namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kStart[] = "orvel-sim run";
+
 // Closes it at the end of a scope.
-class UniqueFd {
+class DirectoryFd {
  public:
-  explicit UniqueFd(int descriptor) : m_descriptor(descriptor) {}
-  ~UniqueFd() {
+  explicit DirectoryFd(int descriptor) : m_descriptor(descriptor) {}
+  ~DirectoryFd() {
     if (m_descriptor >= 0) close(m_descriptor);
   }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
+  DirectoryFd(const DirectoryFd&) = delete;
+  DirectoryFd& operator=(const DirectoryFd&) = delete;
 
   int get() const { return m_descriptor; }
   explicit operator bool() const { return m_descriptor >= 0; }
@@ -46,7 +49,7 @@ std::string userCalled(uid_t uid) {
 }
 
 // As one word of a shell.
-std::string quoted(const std::string& text) {
+std::string shellWord(const std::string& text) {
   constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,=@";
   if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
   std::string word = "'";
@@ -62,8 +65,8 @@ std::string elsewhere() {
   return "export ORVEL_RUNTIME_DIR=" + temporaryDirectory();
 }
 
-UniqueFd openDirectory(const std::string& path) {
-  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+DirectoryFd openDirectory(const std::string& path) {
+  return DirectoryFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // What kept it from being opened.
@@ -72,14 +75,18 @@ Problem openingProblem(const std::string& path, int error) {
   switch (error) {
     case ENOENT: {
       const fs::path parent = fs::path(path).parent_path();
-      const bool reachable = fs::is_directory(parent, ignored);
-      return {"it does not exist", (reachable ? "" : "mkdir -p " + quoted(parent) + " && ") + "orvel-sim run"};
+      if (!fs::is_directory(parent, ignored)) {
+        return {"it does not exist, nor does " + parent.string(),
+                "mkdir -p " + shellWord(parent) + " && orvel-sim run"};
+      }
+      if (access(parent.c_str(), W_OK | X_OK) == 0) return {"it does not exist", kStart};
+      return {"it does not exist, and this user may not write in " + parent.string(), elsewhere()};
     }
     case ENOTDIR:
     case ELOOP:
       if (fs::is_symlink(fs::symlink_status(path, ignored))) {
         return {"it is a symbolic link, which is not followed",
-                "export ORVEL_RUNTIME_DIR=\"$(readlink -f " + quoted(path) + ")\""};
+                "export ORVEL_RUNTIME_DIR=\"$(readlink -f " + shellWord(path) + ")\""};
       }
       return {"it is not a directory", elsewhere()};
     case ENAMETOOLONG:
@@ -92,32 +99,36 @@ Problem openingProblem(const std::string& path, int error) {
 }
 
 // A device holds a lock on a file for as long as it lives.
-bool deviceLivesIn(const UniqueFd& directory) {
-  const UniqueFd file(openat(directory.get(), ".device", O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+bool deviceLivesIn(const DirectoryFd& directory) {
+  const DirectoryFd file(openat(directory.get(), ".device", O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-Problem problemOf(const std::string& path, const UniqueFd& directory) {
+Problem problemOf(const std::string& path, const DirectoryFd& directory) {
   if (!directory) return openingProblem(path, errno);
   struct stat status {};
   if (fstat(directory.get(), &status) != 0) return {std::strerror(errno), elsewhere()};
   if (status.st_uid != geteuid()) {
     const std::string owner = userCalled(status.st_uid);
     return {"it belongs to " + owner + " and not to " + userCalled(geteuid()),
-            "sudo -u '" + owner + "' ORVEL_RUNTIME_DIR=" + quoted(path) + " orvelctl doctor"};
+            "sudo -u '" + owner + "' ORVEL_RUNTIME_DIR=" + shellWord(path) + " orvelctl doctor"};
   }
   if ((status.st_mode & 077U) != 0) {
     std::array<char, 8> mode{};
     std::snprintf(mode.data(), mode.size(), "%04o", status.st_mode & 07777U);
-    return {std::string("its mode is ") + mode.data() + ", which lets other users in", "chmod 700 " + quoted(path)};
+    return {std::string("its mode is ") + mode.data() + ", which lets other users in", "chmod 700 " + shellWord(path)};
   }
   return {};
 }
 
 }  // namespace
+
+bool isWorkstation() {
+  return dlsym(RTLD_DEFAULT, "vesk_runtime_directory") != nullptr;
+}
 
 DeviceDirectory deviceDirectory() {
   const char* const chosen = std::getenv("ORVEL_RUNTIME_DIR");
@@ -136,10 +147,15 @@ Problem directoryProblem(const std::string& directory) {
 }
 
 Problem deviceProblem(const std::string& directory) {
-  const UniqueFd opened = openDirectory(directory);
+  const DirectoryFd opened = openDirectory(directory);
   Problem problem = problemOf(directory, opened);
-  if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", "orvel-sim run"};
+  if (problem.what.empty() && !deviceLivesIn(opened)) problem = {"nothing serves there", kStart};
   return problem;
+}
+
+std::string noDevice(const std::string& directory, const Problem& problem) {
+  const bool starts = problem.advice == kStart;
+  return "no device in " + directory + ": " + problem.what + (starts ? "; start one: " : "; try: ") + problem.advice;
 }
 
 std::vector<std::string> otherDevices(const std::string& directory) {
@@ -155,7 +171,7 @@ std::vector<std::string> otherDevices(const std::string& directory) {
 }
 
 pid_t serverOf(const std::string& directory, const std::string& name) {
-  const UniqueFd opened = openDirectory(directory);
+  const DirectoryFd opened = openDirectory(directory);
   std::array<char, NAME_MAX + 1> target{};
   if (!opened || readlinkat(opened.get(), name.c_str(), target.data(), target.size() - 1) <= 0) return 0;
   constexpr std::string_view kSocket = ".socket-";
@@ -166,7 +182,7 @@ pid_t serverOf(const std::string& directory, const std::string& name) {
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) return 0;
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const DirectoryFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const bool gone = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
                     (errno == ECONNREFUSED || errno == ENOENT);  // any other error comes from a socket that is served
   return gone ? 0 : std::atoi(target.data() + kSocket.size());
@@ -180,4 +196,4 @@ bool isStopped(pid_t process) {
   return state != std::string::npos && state + 2 < line.size() && (line[state + 2] == 'T' || line[state + 2] == 't');
 }
 
-}  // namespace orvelctl
+}  // namespace orvel::cli
