@@ -9,17 +9,18 @@ jobs=$(nproc 2>/dev/null || echo 2)
 build_packages=(
   g++ cmake ninja-build pkgconf ccache
   android-liblog-dev android-libutils-dev libsystemd-dev
-  libcli11-dev nlohmann-json3-dev libglib2.0-dev
+  libcli11-dev nlohmann-json3-dev libglib2.0-dev libmicrohttpd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 packaging_packages=(build-essential debhelper dpkg-dev)
 packaging_check_packages=(binutils file lintian debootstrap)
 check_packages=(
   clang-14 clang-format-14 clang-tidy-14 lld-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
-  binutils shellcheck doxygen python3
+  binutils shellcheck doxygen python3 python3-jsonschema
   groff mandoc blueprint-tools
   "${packaging_packages[@]}" "${packaging_check_packages[@]}"
 )
+web_packages=(chromium chromium-driver python3-selenium)
 cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 
 say() { printf '==> %s\n' "$*"; }

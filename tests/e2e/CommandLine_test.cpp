@@ -1,12 +1,24 @@
 // What a person types and gets: results, messages, exit statuses, and in bash what completes the line.
 #include <signal.h>
 
+#include <functional>
+
 #include "Device.h"
 
 namespace orvel::e2e {
 namespace {
 
-using CommandLine = NoDevice;
+class CommandLine : public NoDevice {
+ protected:
+  // A command line of orvelctl that succeeds because of what happens while it runs.
+  void succeedsWhen(const std::string& words, const std::function<void()>& happens) const {
+    const auto waiting = start("orvelctl " + words);
+    happens();
+    EXPECT_EQ(waiting->wait(), 0) << words << "\n" << waiting->error();
+  }
+
+  std::unique_ptr<Process> m_late;
+};
 
 TEST_F(CommandLine, WrongWordsListWhatThereIs) {
   const std::pair<const char*, const char*> rows[] = {
@@ -18,19 +30,32 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"orvelctl am start -a X --es k 1 --es k 2", "--es k: given twice"},
       {"orvelctl am start -n com.example.app", "expected PACKAGE/CLASS"},
       {"orvelctl setting k --default x", "--default: expected a number of 32 bits, not 'x'"},
-      {"orvelctl wait toaster", "toaster not in {delegate,power,"},
-      {"orvelctl wait power --state stopped", "stopped not in {up,away,given-up}"},
-      {"orvelctl wake-lock half", "half not in {partial,full}"},
-      {"orvelctl pm resource com.quarlo.home seven", "id = seven"},
+      {"orvelctl wait toaster", "nothing is called 'toaster'; there are device, delegate, power,"},
+      {"orvelctl wait scren=on", "did you mean screen?"},
+      {"orvelctl wait setting:=1", "setting: needs a key"},
+      {"orvelctl wait screen=onn", "screen is one of on, off, not 'onn'"},
+      {"orvelctl wait screen=on --fail-on name", "name needs a value, as in name=VALUE"},
+      {"orvelctl wait power --state stopped", "wait: --state: expected one of up, away, given-up, not 'stopped'"},
+      {"orvelctl describe getDeviceNam", "did you mean getDeviceName?"},
+      {"orvelctl call registerForTimeSync", "tells by callback; use: orvelctl watch time"},
+      {"orvelctl call getSecureSetting", "key: is missing"},
+      {"orvelctl call getSecureSetting '{'", "expected a JSON object, as in orvelctl call delegate.getSecureSetting"},
+      {"orvelctl call getSecureSetting '{\"kee\": 1}'", "nothing is called 'kee'; did you mean key?"},
+      {"orvelctl call getPackageNamesForUid '{\"uid\": 2147483648}'", "uid: expected an integer of 32 bits"},
+      {"orvelctl call startActivity '{\"intent\": {\"extras\": {\"k\": 1.5}}}'", "intent.extras.k: expected a text,"},
+      {"orvelctl am broadcast-int X none k 1", "am broadcast-int: --component: expected PACKAGE/CLASS, not 'none'"},
+      {"orvelctl wake-lock half", "wake-lock: kind: expected one of partial, full, not 'half'"},
+      {"orvelctl pm resource com.quarlo.home seven", "pm resource: id: expected a number, not 'seven'"},
       {"orvelctl am start -n a/.B c/.D", "'c/.D' and --component exclude each other"},
-      {"orvel-sim kill toaster", "no service is called toaster; there are delegate, power"},
+      {"orvel-sim kill toaster", "no service is called 'toaster'; there are delegate, power"},
       {"orvel-sim delay power getName 5", "isInteractive, wakeUpDevice, getVersion"},
-      {"orvel-sim delay power -5", "a number or off is expected"},
-      {"orvel-sim run --scenario buzzy -- true", "no scenario is called buzzy; there are asleep, busy, "},
+      {"orvel-sim delay power -5", "delay: expected a number of milliseconds, or off, or a method of power, not '-5'"},
+      {"orvel-sim run --scenario buzzy -- true", "no scenario is called 'buzzy'; there are asleep, busy, "},
       {"echo '{\"delegate\": {\"name\": \"a\\u0000b\"}}' >$T/s; orvel-sim run --scenario $T/s",
        "/delegate/name: holds a NUL"},
       {"printf '{\\n\"power\": {,}}' >$T/s; orvel-sim run --scenario $T/s", "line 2"},
       {"orvel-sim run --scenario /dev/zero", "longer than 64 MiB"},
+      {"orvel-sim run --web=70000 -- true", "--web: expected a port from 0 to 65535, not '70000'"},
       {"orvel-sim broadcast X --string k", "--string: expected KEY=TEXT, not 'k'"},
       {"orvel-sim broadcast X --int k=2147483648", "--int k: expected a whole number from -2147483648 to 2147483647"},
       {"orvel-sim broadcast X --bool k=yes", "--bool k: expected true or false"},
@@ -38,7 +63,7 @@ TEST_F(CommandLine, WrongWordsListWhatThereIs) {
       {"directive-handler", "usage: directive-handler NAMESPACE"},
   };
   for (const auto& [command, error] : rows) expectRows({{command, "", 2, error}});
-  expectRows({{"orvelctl watch --help", "...The network is the exception"}});
+  expectRows({{"orvelctl watch --help", "...and watch must be started again"}});
 }
 
 TEST_F(CommandLine, AMissingOrKilledDeviceIsSaidInOneLineWithItsDirectory) {
@@ -90,7 +115,8 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
       {"pm query-receivers com.example.X", "app\napp", R"("action":"com.example.X")"},
       {"am process-state app", "importance 125", R"("running":true,"importance":125,"focused":false)"},
       {"am process-state none", "not running", R"("running":false,"importance":-1)"},
-      {"am start app", "started", R"({"started":true})"},
+      {"am broadcast-int -a X -n a/.B k 1", "sent", R"({"sent":true})"},
+      {"am start app", "sent", R"({"sent":true})"},
       {"am process-state app", "importance 100, focused", R"("focused":true)"},
   };
   for (const auto& row : rows) {
@@ -98,14 +124,15 @@ TEST_F(CommandLine, EachQueryPrintsItsValueAsTextAndAsOneObject) {
     expectRows({{query, (std::string(row.text) + "\n").c_str()},
                 {query + " --json", (std::string("...") + row.object).c_str()}});
   }
-  expectRows({{"orvelctl pm list packages --uid 1", ""},
-              {"orvelctl pm list packages | grep -cx app", "1\n"},
-              {"orvelctl am foreground | grep -cx app", "1\n"},
-              {"orvelctl --json device",
-               R"({"name":"Kitchen Display","serialNumber":"OQ24-0713-5521","type":"QDT-DISPLAY-8",)"
-               R"("customerId":"quarlo.account.7Q2M4X","country":"DE","marketplace":"QMP-DE-01","registered":true,)"
-               R"("screenOn":true,"assistantConnected":true})"
-               "\n"}});
+  expectRows(
+      {{"orvelctl pm list packages --uid 1", ""},
+       {"orvelctl pm list packages app | grep -x app; orvelctl pm list packages app | grep -vc app", "app\n0\n", 1},
+       {"orvelctl am foreground | grep -cx app", "1\n"},
+       {"orvelctl --json device",
+        R"({"name":"Kitchen Display","serialNumber":"OQ24-0713-5521","type":"QDT-DISPLAY-8",)"
+        R"("customerId":"quarlo.account.7Q2M4X","country":"DE","marketplace":"QMP-DE-01","registered":true,)"
+        R"("screenOn":true,"assistantConnected":true})"
+        "\n"}});
 }
 
 TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
@@ -115,23 +142,88 @@ TEST_F(CommandLine, AFailureIsToldFromAnEmptyResultByItsStatus) {
         "exception delegate sendBroadcast --message 'not now'", "exception delegate registerForSecureSettings",
         "truncate delegate getCOR 4", "truncate activity 8", "hang delegate getPFM");
   limitCalls(800);
-  expectRows({{"orvelctl get name", "", 1, "Stack Trace: at work"},
+  expectRows({{"orvelctl get name --log-level error", "", 1, "Stack Trace: at work"},
+              {"orvelctl get name 2>&1", "orvelctl: name: exception -8: boom\n", 1},
               {"orvelctl get marketplace --timeout 0.1", "", 4, "gave up after 0.1 s"},
               {"orvelctl setting word --text", "seven\n"},
-              {"orvelctl wake-lock partial", "", 1, "not available in interface version 1"},
+              {"orvelctl wake-lock partial", "", 1, "the power manager is too old to keep the processor awake"},
               {"orvelctl device --json", R"(..."country":null,"marketplace":null,)", 1},
               {"orvelctl device", "...marketplace    ?\n", 1},
-              {"orvelctl am launch none", nullptr, 1},
+              {"orvelctl am launch none 2>&1", "orvelctl: package none is not installed\n", 1},
+              {"orvelctl --json pm version-name none", "...\"reason\":\"not-installed\"", 1},
+              {"orvelctl pm meta-data none k --int --default 7", "7\n"},
+              {"orvelctl pm meta-data com.quarlo.home none", "\n", 0, "package com.quarlo.home has no entry none"},
+              {"orvelctl am launch com.quarlo.metrics 2>&1",
+               "orvelctl: package com.quarlo.metrics has nothing to launch\n", 1},
+              {"orvelctl setting none", "0\n", 0, "setting none is not set; 0 counts"},
               {"orvelctl watch screen setting:k", nullptr, 1, "watching setting:k: exception -"}});
   limitCalls();
   order("kill delegate");
   expectRows({{"orvelctl screen --timeout 20", "on\n"}, {"orvelctl screen 2>&1", "on\n"}});
   for (const int signal : {SIGINT, SIGTERM}) {
-    const auto waiting = start("orvelctl get name", "waiting for service orvel_delegate");
+    const auto waiting =
+        start("orvelctl get name", "which is dead; try: orvel-sim restart delegate; Ctrl-C gives up\n");
+    EXPECT_EQ(linesOf(waiting->error()).size(), 1U) << waiting->error();
     waiting->signal(signal);
     EXPECT_EQ(waiting->wait(), 128 + signal);
     EXPECT_EQ(waiting->output(), "");
   }
+}
+
+// A name that would turn a terminal red, and forge a line.
+TEST_F(CommandLine, WhatAServiceSaysReachesNoTerminalAsAControlCharacter) {
+  const auto device = serve();
+  const auto watcher = start("orvelctl watch --count 2 name setting:k", "watching");
+  order("set name \"$(printf 'c\\nd\\033[31m\\302\\233')\"", "set setting k \"$(printf 'a\\rb')\"",
+        "set packages package \"$(printf 'p\\nq')\" '{\"uid\": 7}'");
+  watcher->wait();
+  EXPECT_TRUE(has(watcher->output(), R"(name          c\nd\x1b[31m\u009b)"
+                                     "\n"))
+      << watcher->output();
+  EXPECT_TRUE(has(watcher->output(), R"(k a\rb)"
+                                     "\n"))
+      << watcher->output();
+  const char* const name = R"(c\nd\x1b[31m\u009b)"
+                           "\n";
+  expectRows({{"orvelctl get name", name},
+              {"orvelctl call getDeviceName", name},
+              {"orvelctl get name --json", R"({"name":"c\nd\u001b[31m\u009b"})"
+                                           "\n"},
+              {"orvelctl setting k --text", "a\\rb\n"},
+              {"orvelctl pm list packages --uid 7", "p\\nq\n"},
+              {"orvel-sim exception delegate --message \"$(printf 'x\\033y')\"; orvelctl get name", "", 1, "x\\x1by"},
+              {"orvelctl get name --log-level error", "", 1, "Received error: -5 [x\\x1by]"}});
+}
+
+TEST_F(CommandLine, WaitEndsWhenAllIsTrueAndElseTellsHowEachSubjectStood) {
+  succeedsWhen("wait device=ready screen=on name!= --for 20", [this] { m_late = serve(); });
+  const std::pair<const char*, const char*> rows[] = {
+      {"screen=off name=Hall", "set name Hall; orvel-sim screen off"},
+      {"setting:k!=", "set setting k 1"},
+      {"setting:k=2 setting:l=", "set setting k 2"},
+      {"package:a.b=installed", "package install a.b --version-name 1.0"},
+      {"package:a.b=2.0", "package replace a.b --version-name 2.0"},
+      {"package:a.b=absent foreground!=a.b", "package remove a.b"},
+      {"foreground=com.quarlo.photos",
+       "process start com.quarlo.photos; orvel-sim process foreground com.quarlo.photos"},
+      {"registration=unregistered assistant=connected", "account removed"},
+      {"--fail-on metrics=away power", "screen on"},
+  };
+  for (const auto& [conditions, change] : rows) {
+    succeedsWhen(std::string("wait --for 20 ") + conditions, [this, order = change] { this->order(order); });
+  }
+  const auto network = start("orvelctl wait network=disconnected");  // known from a change on that it hears
+  while (!network->hasEnded()) order("network connected", "network disconnected");
+  EXPECT_EQ(network->wait(), 0);
+  expectRows({{"orvelctl wait screen=on setting:k=3 foreground=x --timeout 0.3", "", 4,
+               "wait: timed out after 0.3 s: screen is on; setting:k is 2; foreground is "},
+              {"orvelctl wait screen=off --fail-on delegate=away --fail-on screen=on", "", 1,
+               "wait: screen is on, for which --fail-on ends it"},
+              {"orvel-sim hang power; orvelctl --json wait screen=on device=ready --timeout 0.1", "...timed-out", 4,
+               "screen is not known: "}});
+  order("hang power off", "kill power");
+  expectRows({{"orvelctl wait screen=on device=ready --timeout 0.3", "", 4,
+               "screen is not known: power is connecting; device is without power"}});
 }
 
 TEST_F(CommandLine, EachResultOfAnEventIsToldWithItsAdviceAndItsStatus) {
@@ -158,16 +250,18 @@ TEST_F(CommandLine, EachVerbShowsWhatIsInForceInWordsThatWouldSetIt) {
       {"set customerId '<unknown>'", "account", "removed\n"},
       {"maro disconnected", "maro", "disconnected\n"},
       {"event-result 4 --delay 5 --reply 0 --twice", "event-result", "TIMEOUT --delay 5 --reply 0 --twice\n"},
-      {"delay delegate 5", "delay", "delegate * 5\n"},
-      {"delay delegate getDeviceName 7", "delay delegate", "delegate * 5\ndelegate getDeviceName 7\n"},
-      {"delay power 3", "delay delegate getDeviceName", "delegate getDeviceName 7\n"},
+      {"delay delegate 5", "delay", "delegate * 5  # has not struck yet\n"},
+      {"delay delegate getDeviceName 7", "delay delegate",
+       "delegate * 5  # has not struck yet\ndelegate getDeviceName 7  # has not struck yet\n"},
+      {"delay power 3", "delay delegate getDeviceName", "delegate getDeviceName 7  # has not struck yet\n"},
       {"delay delegate '*' off; orvel-sim delay power off", "delay --json",
-       R"({"service":"delegate","method":"getDeviceName","value":7})"
+       R"({"faults":[{"service":"delegate","method":"getDeviceName","fault":"delay","value":7,"struck":0}]})"
        "\n"},
-      {"drop power isInteractive 3", "drop", "power isInteractive 3\n"},
-      {"truncate coordinator 0", "truncate", "coordinator * 0\n"},
+      {"screen on", "hang --json; orvel-sim flap --json", "{\"faults\":[]}\n{\"flaps\":[]}\n"},
+      {"drop power isInteractive 3", "drop", "power isInteractive 3  # has not struck yet\n"},
+      {"truncate coordinator 0", "truncate", "coordinator * 0  # has not struck yet\n"},
       {"exception events --code -1 --message no", "exception",
-       "events * {\"code\":-1,\"message\":\"no\",\"trace\":\"\"}\n"},
+       "events * on --code -1 --message no  # has not struck yet\n"},
       {"flap events 600000 3", "flap", "events 600000 3\n"},
       {"set processes '{}'; orvel-sim process start a --uid 7; orvel-sim process foreground a", "process --json",
        R"({"process":"a","pid":4000,"uid":7,"importance":100,"packages":["a"],"focused":true})"
@@ -178,7 +272,7 @@ TEST_F(CommandLine, EachVerbShowsWhatIsInForceInWordsThatWouldSetIt) {
     order(set);
     expectRows({{std::string("orvel-sim ") + read, shown}});
   }
-  expectRows({{"orvel-sim get setting volume 2>&1", "orvel-sim: /delegate/settings/volume is not set\n", 1}});
+  expectRows({{"orvel-sim get setting volume 2>&1", "orvel-sim: setting volume is not set\n", 1}});
   EXPECT_EQ(view("get"), view("state"));
 }
 

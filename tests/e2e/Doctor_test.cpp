@@ -40,7 +40,7 @@ class Doctor : public NoDevice {
 TEST_F(Doctor, EachDirectoryThatIsNoneOfADeviceIsToldFromTheOthers) {
   const Finding rows[] = {
       {":", 3, "FAIL  directory     /.*/device, from ORVEL_RUNTIME_DIR: it does not exist\n      try: orvel-sim run\n"},
-      {"export ORVEL_RUNTIME_DIR=$T/a/b", 3, "FAIL  directory .*: it does not exist\n      try: mkdir -p "},
+      {"export ORVEL_RUNTIME_DIR=$T/a/b", 3, "FAIL  directory .*: it does not exist, nor does .*/a\n.*try: mkdir -p "},
       {": >$ORVEL_RUNTIME_DIR", 3, "FAIL  directory .* directory.*\n.*try: export ORVEL_RUNTIME_DIR=/tmp/orvel-"},
       {"mkdir -m 700 $T/real; ln -s $T/real $ORVEL_RUNTIME_DIR", 3, "FAIL  directory     .*symbolic link", 3},
       {"mkdir -m 750 $ORVEL_RUNTIME_DIR", 3, "FAIL  directory     .*its mode is 0750.*\n.*try: chmod 700 ", 3},

@@ -92,6 +92,29 @@ TEST_P(Examples, LoopsOfOthersRunEachCallbackOnTheirOwnThreadInOrderAndEnd) {
   }
 }
 
+TEST_P(Examples, AServiceOfOnesOwnTakesThePlaceOfTheDevices) {
+  expectRows({{"power-service", "", 1, "another process serves it; try: orvel-sim kill power"}});
+  order("kill power");
+  const auto power = start("power-service");
+  power->waitForOutput("serving com.quarlo.orvel.powermanager in ");
+  expectRows({{"orvelctl wait power", nullptr},
+              {"orvelctl screen", "off\n"},
+              {"orvelctl wake-lock full", "acquired\n"},
+              {"orvelctl screen", "on\n"},
+              {"orvelctl wake-lock partial", "acquired\n"}});
+  power->waitForOutput("awake for 500 ms\n");
+  expectGoodEnd(*power, SIGINT);
+  order("restart power");
+}
+
+TEST_P(Examples, ADeviceWithoutAServiceLeavesItsNameToAnotherProcess) {
+  expectRows(
+      {{"orvel-sim run --without power -- sh -c 'power-service >$T/log & orvelctl wait power && orvelctl screen; "
+        "orvel-sim services | grep -o \"process .*not the device.s\" | sed s/[0-9][0-9]*/N/; kill $!; wait $!; "
+        "orvel-sim services | grep -o left.out'",
+        "power         up          epoch 1\noff\nprocess N, not the device's\nleft out\n"}});
+}
+
 // On the machine's clock, where each would go on for 15 s at least.
 TEST_P(Examples, ASignalEndsAStartAndACallThatHangAtOnce) {
   order("kill power");

@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <cstdint>
 #include <regex>
 #include <set>
 
@@ -111,21 +112,76 @@ TEST_P(Recording, WhatIdentifiesTheOwnerIsNowhereAndTheReplayStillFits) {
 
 TEST_P(Recording, ARecorderThatSleepsThroughThousandsOfEntriesLosesNone) {
   const auto recorder = record();
+  const auto viewer = start("orvel-sim traffic --json");  // which has not so much room
+  run("orvelctl get name");
+  viewer->waitForOutput("getDeviceName");
   std::string packages;
   for (int n = 0; n < 150; ++n) packages += " package";
   const auto watcher = start("orvelctl watch --count 1500" + packages, "orvelctl: watching ");
-  recorder->signal(SIGSTOP);
+  for (const auto& stopped : {&recorder, &viewer}) (*stopped)->signal(SIGSTOP);
   for (int n = 0; n < 10; ++n) order("package added a.b");
   watcher->wait();
   run("orvelctl get name");  // behind which all of that is in the traffic, from whichever process it comes
-  recorder->signal(SIGCONT);
+  viewer->signal(SIGINT);    // before it has seen any of that
+  for (const auto& stopped : {&recorder, &viewer}) (*stopped)->signal(SIGCONT);
   const std::vector<json> lines = endOf(*recorder);
+  EXPECT_EQ(viewer->wait(), 0);
+  std::uint64_t seen = 0;
+  std::uint64_t missing = 0;
+  for (const json& line : parseLines(viewer->output())) {
+    const bool isGap = line.contains("gap");
+    const std::uint64_t entries = isGap ? line["gap"].at("entries").get<std::uint64_t>() : 1;
+    EXPECT_EQ(isGap ? line["gap"].at("after").get<std::uint64_t>() : line.at("number").get<std::uint64_t>() - 1, seen);
+    seen += entries;
+    missing += isGap ? entries : 0;
+  }
+  EXPECT_GT(missing, 500U);
+  EXPECT_GE(seen, lines.size() - 1);
   std::size_t notifications = 0;
   for (std::size_t i = 1; i < lines.size(); ++i) {
     EXPECT_EQ(lines[i].at("number"), i);
     notifications += lines[i].contains("notification") ? 1 : 0;
   }
   EXPECT_EQ(notifications, 1500U);
+}
+
+TEST_P(Recording, WhatADeviceHadNoRoomForIsToldAtTheEndToo) {
+  std::ofstream(file("long")) << std::string(3'000'000, 'p');
+  order("exception events");  // so that nothing short follows
+  const auto recorder = record();
+  recorder->signal(SIGSTOP);
+  run("for n in $(seq 24); do orvelctl event N n --payload-file $T/long; done");
+  recorder->signal(SIGINT);
+  recorder->signal(SIGCONT);
+  const json last = endOf(*recorder).back();
+  ASSERT_TRUE(last.contains("gap")) << recorder->error();
+  const auto after = last["gap"].at("after").get<int>();
+  EXPECT_GE(last["gap"].at("entries").get<int>() + after, 24);
+  EXPECT_TRUE(has(recorder->error(), " are missing")) << recorder->error();
+}
+
+TEST_P(Recording, APictureIsWholeOrNotThereAndShowsDeaths) {
+  const auto recorder = record();
+  run("orvelctl get name");
+  order("kill power", "restart power");
+  endOf(*recorder);
+  const std::string convert = "orvel-sim convert $T/session.jsonl ";
+  expectRows(
+      {{convert + "--trace $T/t.json --mermaid $T/m.mmd"},
+       {"grep -o 'power [a-z][a-z ]*' $T/t.json", "power died\npower was started\n"},
+       {"sed -n 's/p[0-9]*:/CLIENT:/p; s/^ *Note //p' $T/m.mmd | sed 's/(.*//'",
+        "    delegate-->>CLIENT: \"masked-1\" \nover power: died\nover power: started\n"},
+       {convert + "getDevicename --trace $T/x.json", "", 2, "did you mean getDeviceName?"},
+       {convert + "power --mermaid /dev/stdout --force | grep -c getDeviceName", "0\n", 1},
+       {"ulimit -f 1; exec " + convert + "--force --trace $T/t.json", "", 1, "t.json: cannot be written: File"},
+       {"grep -c 'power died' $T/t.json; ls $T/t.json.new", "1\n", 2, "t.json.new"},
+       {"ulimit -f 1; exec " + convert + "--trace $T/none.json", "", 1, "none.json: cannot be written: File"},
+       {"test -e $T/none.json", "", 1},
+       {convert + "--client nosuch --mermaid - | head -n 1", "sequenceDiagram\n", 0, "none meets the conditions"},
+       {"head -c -9 $T/session.jsonl >$T/cut.jsonl; exec orvel-sim convert $T/cut.jsonl --trace $T/cut.json", "", 0,
+        "ends within the line, which is left out"},
+       {"orvel-sim replay $T/session.jsonl -- orvelctl get name", "masked-1\n"}});
+  EXPECT_FALSE(json::parse(contentOf(file("cut.json"))).at("traceEvents").empty());
 }
 
 TEST_P(Recording, LongValuesAreWholeWhileARecorderRunsAndThoseFromBeforeAreTold) {
@@ -225,13 +281,13 @@ TEST_F(Replaying, EqualRequestsGetTheirAnswersInOrderAndFailuresToo) {
   const std::string thrice = "for i in 1 2 3; do orvelctl setting k; done";
   expectReplay(lines, thrice, "1\n2\n2\n", {"hand.jsonl:3: 3 entries are missing\n"});
   expectReplay(lines, thrice, "1\n2\n1\n", {}, "--loop");
-  expectReplay(lines, "for k in bad error cut null; do orvelctl setting $k --default 3; echo $?; done",
-               "1\n1\n1\n3\n0\n",
-               {"Received error: -9 [as then]", "Stack Trace: at x", "error -121", "setting cut: cut reply"});
+  expectReplay(
+      lines, "for k in bad error cut null; do orvelctl --log-level error setting $k --default 3; echo $?; done",
+      "1\n1\n1\n3\n0\n", {"Received error: -9 [as then]", "Stack Trace: at x", "error -121", "setting cut: cut reply"});
   expectReplay(lines,
                "orvelctl setting x; echo $?; orvelctl setting drop; echo $?; orvelctl setting drop; "
                "orvelctl --timeout 0.3 setting hang; echo $?",
-               "1\n5\n4\n4\n", {"not in the recording: delegate.getSecureSetting(key: \"x\")", "error -104"});
+               "1\n5\n4\n4\n", {"not in the recording: delegate.getSecureSetting(key: \"x\")", "setting drop: died"});
 }
 
 TEST_F(Replaying, ResultsComeBeforeOrAfterTheReplyAndWithTimingAsLateAsTheyDid) {
@@ -256,7 +312,7 @@ TEST_F(Replaying, ADamagedOrForeignFileIsRefusedWithTheLineAndWhatIsWrong) {
       {"", "hand.jsonl:1: not a recording: the file is empty"},
       {R"({"format":"orvel-recording","version":2,"masked":false})",
        ":1: a recording of version 2; this program knows"},
-      {kHeader + whole + whole.substr(0, 40), "hand.jsonl:3: parse error"},
+      {kHeader + whole + whole.substr(0, 40), "hand.jsonl:3: not JSON: it ends in the middle, at line 1, column 41"},
       {kHeader + setting("k", R"("reply":7)"), ":2: /reply: expected a string, not 7"},
       {kHeader + setting("k", R"("repl":"7")"), ":2: expected one of reply, exception"},
       {kHeader + line(0, told + R"("endpoint":1,"arguments":{"action":"a","extras":[{"key":"k","type":"shoe"}]})"),

@@ -31,7 +31,8 @@ TEST_P(Services, TrafficShowsEachTransactionDecoded) {
   EXPECT_EQ(shown.at("pid"), asking->pid());
   EXPECT_GE(shown.at("durationMs"), 0);
   for (const char* changing : {"pid", "durationMs", "timeMs", "timeUs", "number", "servicePid"}) shown.erase(changing);
-  EXPECT_EQ(shown, json::parse(R"({"service": "delegate", "method": "getSecureSetting", "code": 15,
+  EXPECT_EQ(shown,
+            json::parse(R"({"service": "delegate", "method": "getSecureSetting", "code": 15, "client": "orvelctl",
                                    "arguments": {"key": "volume_alarm"}, "reply": "5"})"));
 
   limitCalls(300);
@@ -39,12 +40,28 @@ TEST_P(Services, TrafficShowsEachTransactionDecoded) {
   expectRows({{"orvelctl wake-lock partial", nullptr, 1},
               {"orvelctl am foreground", nullptr, 1},
               {"orvelctl pm list packages", nullptr, 4},
-              {"orvel-sim traffic --past | sed -E 's/^[0-9:.]{12}  //; s/  [0-9.]+ ms//; s/, process [0-9]+//'",
+              {"orvel-sim traffic --past | sed -E 's/^[0-9:.]{12} +([0-9.]+ ms)? +orvelctl [0-9]+ +//'",
                R"(delegate.getSecureSetting(key: "volume_alarm") = "5"
-power.getVersion() throws -5 "boom" cut to 4 bytes
-activity.getRunningAppProcessesInfo() fails with -71 (Protocol error)
-packages.getPackages() hangs
-)"}});
+power.getVersion() throws -5 "boom" cut to 4 bytes, by exception on getVersion, by truncate on *
+activity.getRunningAppProcessesInfo() fails with EPROTO (Protocol error), by error on *
+packages.getPackages() hangs, by hang on *
+)"},
+              {"orvel-sim traffic --past --last 2 --not getPackages | grep -o '[a-z]*[.]get[A-Z][A-Za-z]*'",
+               "power.getVersion\nactivity.getRunningAppProcessesInfo\n"},
+              {"orvel-sim traffic --last -1", "", 2, "'-1' is not a whole number from 1"},
+              {"orvel-sim traffic --last 0 --past", "", 2, "'0' is not a whole number from 1"}});
+}
+
+TEST_P(Services, WaitEndsWithTheCallOfAClientAndElseWithItsTime) {
+  const auto waiting = start("orvel-sim wait call=delegate.getDeviceName 'call=power.*' --timeout 20");
+  while (!waiting->hasEnded()) run("orvelctl get name; orvelctl screen");
+  EXPECT_EQ(waiting->wait(), 0);
+  EXPECT_EQ(linesOf(waiting->output()).size(), 2U) << waiting->output();
+  expectRows({{"orvel-sim wait call=power.isInteractive --last 1000 --json", "...\"method\":\"isInteractive\""},
+              {"orvel-sim wait call=getDeviceInfo call=power --last 1000 --timeout 0.2", nullptr, 4,
+               "orvel-sim: wait: timed out without a call of getDeviceInfo"},
+              {"orvel-sim wait call=power.getName", "", 2, "power has nothing that is called 'getName'"},
+              {"orvel-sim wait power", "", 2, "expected call=SERVICE.METHOD, not 'power'"}});
 }
 
 TEST_P(Services, OneThatIsKilledComesBackAndALostConnectionIsItsOwnersAlone) {
@@ -64,7 +81,8 @@ TEST_P(Services, OneThatIsKilledComesBackAndALostConnectionIsItsOwnersAlone) {
 }
 
 TEST_P(Services, ASecondDeviceInTheDirectoryIsRefusedAndTheFirstGoesOn) {
-  const std::string refusal = "orvel-sim: another device lives in " + directory().string() + "\n";
+  const std::string refusal =
+      "orvel-sim: another device lives in " + directory().string() + "; to have two: orvel-sim run --name NAME\n";
   expectRows({{"orvel-sim run 2>&1", refusal.c_str(), 1},
               {"orvel-sim run --isolate 2>&1", refusal.c_str(), 1},
               {"orvelctl get name", "Kitchen Display\n"}});
@@ -125,7 +143,7 @@ TEST_P(Faults, EachShowsAsItselfAndEndsWithoutATrace) {
         {"hang @ off; orvel-sim drop @ 1", "", failure + "vesk -104"},
         {"drop | grep @; test $? = 1", kBound, good},  // that was the one
         {"drop @", "", failure + "vesk -104"},
-        {"drop | grep -x '@ [*] on' && orvel-sim drop @ off", kBound, good},
+        {"drop | grep '^@ [*] on  # struck once$' && orvel-sim drop @ off", kBound, good},
         {"get @ faults | grep '^{}$' && orvel-sim kill @", kDied, refused},
         {"get @ alive | grep false && orvel-sim restart @", kBound, good},
         {"restart @", kBound, good},  // a living one

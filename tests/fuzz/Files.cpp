@@ -6,12 +6,15 @@
 #include <cctype>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Fuzz.h"
 #include "device/Convert.h"
 #include "device/Recording.h"
 #include "device/Replay.h"
 #include "device/Scenario.h"
+#include "device/Trace.h"
+#include "tools/orvel-sim/verbs/Mermaid.h"
 
 namespace {
 
@@ -41,7 +44,7 @@ void checkScenario(std::string_view text) {
   } catch (const ScenarioError& error) {
     requirePlace(error.what(), name, [](const std::string& rest) {
       const auto begins = [&rest](const char* words) { return rest.rfind(words, 0) == 0; };
-      return begins(" /") || begins(" parse error at line ") || begins(" number overflow parsing '") ||
+      return begins(" /") || begins(" not JSON") || begins(" it is empty") || begins(" a number is too large: '") ||
              begins(" the scenario is too large");
     });
   }
@@ -58,6 +61,13 @@ std::string masked(const Recording& recording) {
   return lines;
 }
 
+// Of a whole recording both can be made, and what fits no method is refused before.
+void checkPictures(const std::string& name) {
+  const std::vector<Json> lines = readTraffic(name).lines;
+  require(Json::accept(traceOf(lines)), "a trace is JSON");
+  require(mermaidOf(lines).rfind("sequenceDiagram\n", 0) == 0, "a diagram");
+}
+
 void checkRecording(std::string_view text) {
   const std::string name = fileOf(text);
   std::string lines;
@@ -68,6 +78,7 @@ void checkRecording(std::string_view text) {
     require(readRecording(fileOf(lines)).entries.size() == recording.entries.size(), "masking loses nothing");
     lines.clear();
     scenarioOf(recording);
+    checkPictures(name);
   } catch (const RecordingError& error) {
     require(lines.empty(), "what is masked is a recording");
     requirePlace(error.what(), name, [](const std::string& rest) {

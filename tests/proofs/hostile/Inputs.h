@@ -27,6 +27,12 @@ struct Broken : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Where the device serves its page, and what it shows it for.
+struct Page {
+  std::uint16_t port = 0;
+  std::string token;
+};
+
 // The connections of one input to the device. They stay open until it ends, so that others are served beside them.
 class Attack {
  public:
@@ -35,6 +41,8 @@ class Attack {
   BusLine& open(const std::string& service);     // has named the service too
   BusLine& last() { return m_lines.back(); }
   void close() { m_lines.clear(); }
+
+  Page page;
 
  private:
   std::deque<BusLine> m_lines;
@@ -75,6 +83,7 @@ using Inputs = std::vector<Input>;
 
 void add_requests(Inputs& inputs);  // what the connection takes, and a service of the device does not
 void add_messages(Inputs& inputs);  // a table of bytes, for either side
+void add_pages(Inputs& inputs);     // to the port of the page
 void add_channels(Inputs& inputs);  // what becomes of callback channels
 
 struct Answer {

@@ -46,6 +46,7 @@ class Hostilities {
     try {
       {
         Attack attack;
+        attack.page = m_page;
         input.at_device(attack);
         expect_service();
       }
@@ -72,8 +73,10 @@ class Hostilities {
   [[nodiscard]] test::ProcessOptions logging() const { return {m_workplace.path() / "log"}; }
 
   void start_device() {
-    m_device = std::make_unique<test::Process>(test::Words{"orvel-sim", "run"}, test::Words(), logging());
-    m_device->waitForOutput("");
+    m_device = std::make_unique<test::Process>(test::Words{"orvel-sim", "run", "--web"}, test::Words(), logging());
+    const std::string page = m_device->waitForOutput("the page is at http://127.0.0.1:");
+    const std::size_t path = page.find("/?token=");
+    m_page = {static_cast<std::uint16_t>(std::stoi(page)), page.substr(path + sizeof("/?token=") - 1)};
     m_before.close();
     expect_served(m_before.open(kServices[test::kPower]));
     m_usage_before = test::usageOf(m_device->pid());
@@ -160,6 +163,7 @@ class Hostilities {
   }
 
   test::TemporaryDirectory m_workplace;
+  Page m_page;
   std::unique_ptr<test::Process> m_device;
   test::Usage m_usage_before;
   Attack m_before;
@@ -180,6 +184,7 @@ int main(int argc, char** argv) {
   hostile::add_requests(inputs);
   hostile::add_messages(inputs);
   hostile::add_channels(inputs);
+  hostile::add_pages(inputs);
   // The hostile service takes the place of the device's own.
   const auto is_first = [](const hostile::Input& input) { return input.at_device != nullptr; };
   std::stable_partition(inputs.begin(), inputs.end(), is_first);
