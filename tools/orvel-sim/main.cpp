@@ -28,6 +28,7 @@
 #include "tools/orvel-sim/Steps.h"
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Devices.h"
+#include "tools/orvel-sim/host/IsolatedService.h"
 #include "tools/orvel-sim/host/Run.h"
 #include "tools/orvel-sim/verbs/AssistantVerbs.h"
 #include "tools/orvel-sim/verbs/BroadcastVerbs.h"
@@ -144,26 +145,13 @@ std::vector<std::string> inOrder(const std::vector<std::string>& words, const CL
 // The verbs, each with what its options are read into.
 class CommandLine {
  public:
-  // `place` is where it stands, in a file of steps.
-  explicit CommandLine(std::string place = {}) : m_place(std::move(place)) {
+  // `place` is where it stands, in a file of steps. `first` is its first word: behind those that serve there is
+  // no other verb, and short runs begin sooner without the others.
+  explicit CommandLine(std::string place, const std::string& first) : m_place(std::move(place)) {
     m_app.require_subcommand(1);
     addOptions();
     addRun();
-    addStatusVerbs(m_app);
-    addStateVerbs(m_app);
-    addBroadcastVerbs(m_app);
-    addPackageVerb(m_app);
-    addProcessVerb(m_app);
-    addDirectiveVerb(m_app);
-    addEventResultVerb(m_app);
-    addFaultVerbs(m_app);
-    addLifeVerbs(m_app);
-    addViews();
-    addTrafficVerb(m_app);
-    addWaitVerb(m_app);
-    addMetricsVerb(m_app);
-    addReplayVerb(m_app, m_status);
-    addConvertVerb(m_app);
+    if (first != "run" && first != kServeAlone) addOtherVerbs();
     m_app.footer(std::string(kFooter + 1) + cli::kPlaces);  // last: a verb would have it, too
   }
 
@@ -194,6 +182,24 @@ class CommandLine {
       const bool isNamed = verb.empty() || what.rfind(verb + ": ", 0) == 0 || what.rfind(verb + " ", 0) == 0;
       throw ScenarioError(isNamed ? what : verb + ": " + what, error.word, error.known);
     }
+  }
+
+  void addOtherVerbs() {
+    addStatusVerbs(m_app);
+    addStateVerbs(m_app);
+    addBroadcastVerbs(m_app);
+    addPackageVerb(m_app);
+    addProcessVerb(m_app);
+    addDirectiveVerb(m_app);
+    addEventResultVerb(m_app);
+    addFaultVerbs(m_app);
+    addLifeVerbs(m_app);
+    addViews();
+    addTrafficVerb(m_app);
+    addWaitVerb(m_app);
+    addMetricsVerb(m_app);
+    addReplayVerb(m_app, m_status);
+    addConvertVerb(m_app);
   }
 
   CLI::App* addVerb(const std::string& name, const std::string& about, std::function<void()> run) {
@@ -250,7 +256,7 @@ class CommandLine {
       for (const std::string& word : words) argv.push_back(word.c_str());
       const int argc = static_cast<int>(argv.size());
       setJson(json);
-      return catching([&] { return CommandLine(place).parseAndRun(argc, argv.data()); },
+      return catching([&] { return CommandLine(place, words.front()).parseAndRun(argc, argv.data()); },
                       json || cli::asksForJson(argc, argv.data()), place);
     });
   }
@@ -312,7 +318,7 @@ class CommandLine {
     run->add_option("command", m_run.command, "after --: what to run with a private device, ready before it starts");
 
     // How isolated services are started.
-    CLI::App* alone = addVerb("serve-alone", "", [this] { m_status = serveAlone(m_service, m_parent); });
+    CLI::App* alone = addVerb(kServeAlone, "", [this] { m_status = serveAlone(m_service, m_parent); });
     alone->group("");
     alone->add_option("service", m_service)->required();
     alone->add_option("parent", m_parent)->required();
@@ -360,7 +366,7 @@ int main(int argc, char** argv) {
   orvel::cli::prepareStreams();
   const auto run = [&] {
     if (argc > 1 && std::string(argv[1]) == "--complete-values") return completeValues({argv + 2, argv + argc});
-    return CommandLine().parseAndRun(argc, argv);
+    return CommandLine({}, argc > 1 ? argv[1] : "").parseAndRun(argc, argv);
   };
   return catching(run, orvel::cli::asksForJson(argc, argv), {});
 }

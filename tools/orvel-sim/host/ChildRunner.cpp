@@ -8,6 +8,8 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/orvel-sim/host/IsolatedService.h"
+
 namespace orvel::sim {
 namespace {
 
@@ -20,7 +22,7 @@ Json messageOf(const Update& update) {
 }  // namespace
 
 void ChildRunner::launch(Done done) {
-  const std::vector<std::string> arguments = {"orvel-sim", "serve-alone", type().id, std::to_string(getpid())};
+  const std::vector<std::string> arguments = {"orvel-sim", kServeAlone, type().id, std::to_string(getpid())};
   try {
     m_process = std::make_unique<Process>(m_event, "/proc/self/exe", arguments, Process::Streams::kErrorsOnly,
                                           [this](const siginfo_t& end) { ended(end); });

@@ -10,6 +10,9 @@
 
 namespace orvel::sim {
 
+// The verb of the program that is such a process.
+constexpr char kServeAlone[] = "serve-alone";
+
 // A service and its host, which has a copy of the scenario: the supervisor sends the changes. Run-loop thread.
 class IsolatedService : public Host, private Endpoint {
  public:
