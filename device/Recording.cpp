@@ -72,6 +72,7 @@ RecordedEntry checkEntry(Json entry, std::size_t line) {
   constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
   for (const char* key : {"pid", "servicePid"}) numberAt(given, key, 0, kMost);
   for (const char* key : {"timeMs", "number"}) numberAt(given, key, 0, std::numeric_limits<std::int64_t>::max() / 1000);
+  if (given.contains("thread")) numberAt(given, "thread", 1, kMost);
   if (given.contains("timeUs")) numberAt(given, "timeUs", 0, std::numeric_limits<std::int64_t>::max());
   if (given.contains("durationMs") && !given.at("durationMs").is_number()) {
     throw std::runtime_error("/durationMs: not a number");

@@ -124,6 +124,7 @@ Call Service::decode(unsigned code, vesk_identity* caller, vesk_buffer* request)
   call.method = methodWith(m_type, code);
   call.code = code;
   call.caller = vesk_identity_pid(caller);
+  call.thread = vesk_identity_thread(caller);
   call.client = programOf(call.caller);
   call.arrival = Clock::now();
   call.moment = m_host.moment();
@@ -229,6 +230,7 @@ int Service::answer(const Call& call, vesk_payload* reply) {
 void Service::record(const Call& call, Json outcome, const std::vector<const Fault*>& struck) {
   const Json name = call.method == nullptr ? Json() : Json(call.method->name);
   Json entry = trafficEntry(m_type.id, "method", name, call.code, call.caller, call.arguments, call.moment);
+  if (call.thread != 0) entry["thread"] = call.thread;
   for (const RemotePtr& endpoint : call.endpoints) entry["endpoints"].push_back(endpointNumber(endpoint));
   entry.update(outcome);
   for (const Fault* fault : struck) {

@@ -71,6 +71,7 @@ struct Call {
   const Method* method = nullptr;  // null: no method has the code
   unsigned code = 0;
   pid_t caller = 0;
+  pid_t thread = 0;    // of the caller; 0: not known
   std::string client;  // the name of the caller's program
   Clock::time_point arrival;
   Json moment;  // of its arrival, by the host

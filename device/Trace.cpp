@@ -140,6 +140,13 @@ class Trace {
     append({{"ph", "M"}, {"name", what}, {"pid", pid}, {"tid", tid}, {"args", {{"name", name}}}});
   }
 
+  // The name of the track of the thread that called. Recordings of older devices do not say which.
+  static std::string threadOf(const Json& line) {
+    const auto thread = line.find("thread");
+    if (thread == line.end()) return "calls";
+    return *thread == line.at("pid") ? "main thread" : "thread " + thread->dump();
+  }
+
   // A track with that name, or with a number behind it, that has room.
   int trackFor(Pid pid, const std::string& name, const Event& event, bool mayNest) {
     std::vector<Track>& tracks = m_tracks[{pid, name}];
@@ -150,7 +157,7 @@ class Trace {
       return track.tid;
     }
     tracks.push_back({++m_threads[pid], {event.end}});
-    const std::string number = tracks.size() == 1 ? "" : " " + std::to_string(tracks.size());
+    const std::string number = tracks.size() == 1 ? "" : " (" + std::to_string(tracks.size()) + ")";
     nameOf("thread_name", pid, tracks.back().tid, name + number);
     return tracks.back().tid;
   }
@@ -160,7 +167,7 @@ class Trace {
     const Pid client = line.at("pid");
     const Pid service = line.at("servicePid");
     const std::string name = describeName(line);
-    const int ofClient = trackFor(client, "calls", event, /*mayNest=*/false);
+    const int ofClient = trackFor(client, threadOf(line), event, /*mayNest=*/false);
     const int ofService = trackFor(service, line.at("service"), event, /*mayNest=*/true);
     const Microseconds took = event.end - event.start;
     add("X", name, "call", client, ofClient, event.start, {{"dur", took}, {"args", detailsOf(line)}});

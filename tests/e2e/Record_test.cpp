@@ -169,6 +169,7 @@ TEST_P(Recording, APictureIsWholeOrNotThereAndShowsDeaths) {
   expectRows(
       {{convert + "--trace $T/t.json --mermaid $T/m.mmd"},
        {"grep -o 'power [a-z][a-z ]*' $T/t.json", "power died\npower was started\n"},
+       {"grep -c 'main thread' $T/t.json", "1\n"},
        {"sed -n 's/p[0-9]*:/CLIENT:/p; s/^ *Note //p' $T/m.mmd | sed 's/(.*//'",
         "    delegate-->>CLIENT: \"masked-1\" \nover power: died\nover power: started\n"},
        {convert + "getDevicename --trace $T/x.json", "", 2, "did you mean getDeviceName?"},

@@ -49,6 +49,7 @@ std::string BusMessage::bytes() const {
   if (member) fields.align(8).raw("\3\1s\0"sv).text(*member);
   if (error_name) fields.align(8).raw("\4\1s\0"sv).text(*error_name);
   if (reply_serial) fields.align(8).raw("\5\1u\0"sv).u32(*reply_serial);
+  if (sender) fields.align(8).raw("\7\1s\0"sv).text(*sender);
   if (signature) fields.align(8).raw("\x8\1g\0"sv).raw({&size, 1}).raw(*signature).raw("\0"sv);
   if (descriptors) fields.align(8).raw("\x9\1u\0"sv).u32(*descriptors);
 

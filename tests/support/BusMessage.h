@@ -52,6 +52,7 @@ struct BusMessage {
   std::optional<std::string> error_name;
   std::optional<std::string> signature;
   std::optional<std::uint32_t> reply_serial;
+  std::optional<std::string> sender;
   std::optional<std::uint32_t> descriptors;
   std::string body;
 

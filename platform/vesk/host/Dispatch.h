@@ -15,6 +15,7 @@ class IncomingRequest;
 // Lives for one callback. `request` is null where no answer can be deferred.
 struct vesk_identity {
   pid_t pid;
+  pid_t thread;  // 0 where it is not known
   vesk::IncomingRequest* request;
 };
 

@@ -163,7 +163,7 @@ bool CallbackChannel::deliver(sd_bus_message* message) {
   vesk_buffer request;
   if (!read_bytes(message, &request.parcel)) return false;
   vesk_payload reply;
-  vesk_identity caller{m_peer, nullptr};
+  vesk_identity caller{m_peer, /*thread=*/0, nullptr};
   const bool answer = expects_reply(message);
   int status = -ENOENT;
   {

@@ -125,7 +125,8 @@ bool IncomingConnection::serve(sd_bus_message* message) {
   if (!endpoint) return false;
   const bool two_way = expects_reply(message);
   vesk_payload reply;
-  vesk_identity caller{m_peer, two_way ? &request : nullptr};
+  if (const pid_t thread = thread_of(message); thread != 0) m_thread = thread;
+  vesk_identity caller{m_peer, m_thread, two_way ? &request : nullptr};
   const int status = call_endpoint(endpoint.get(), code, &caller, &request.buffer, two_way ? &reply : nullptr);
   if (two_way && !request.is_deferred()) answer(message, request.buffer.remotes, status, &reply);
   return true;

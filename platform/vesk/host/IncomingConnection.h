@@ -110,6 +110,7 @@ class IncomingConnection : public std::enable_shared_from_this<IncomingConnectio
 
   Acceptor& m_acceptor;
   pid_t m_peer;
+  pid_t m_thread = 0;  // of the peer's, that made the last call of which that is known
   std::string m_path;  // of the service it was opened for; empty before that
   std::uint64_t m_opened_us = 0;
   unsigned int m_deferred = 0;

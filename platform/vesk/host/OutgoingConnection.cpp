@@ -154,13 +154,19 @@ int OutgoingConnection::call(unsigned int code, const Parcel& request, const std
   return status;
 }
 
+MessagePtr OutgoingConnection::new_request(unsigned int code, const Parcel& request, bool expect_reply) {
+  MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, expect_reply);
+  if (const pid_t thread = this_thread(); thread != m_told_thread) append_thread(message.get(), thread);
+  check(sd_bus_message_append_basic(message.get(), 'u', &code));
+  append_bytes(message.get(), request);
+  return message;
+}
+
 int OutgoingConnection::transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) {
   const Deadline deadline = Clock::now() + m_owner.call_limit;
   if (!finish_handshake(deadline)) return -ETIMEDOUT;
 
-  const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/true);
-  check(sd_bus_message_append_basic(message.get(), 'u', &code));
-  append_bytes(message.get(), request);
+  const MessagePtr message = new_request(code, request, /*expect_reply=*/true);
   if (!attempt.numbers.empty()) append_numbers(message.get(), attempt.numbers);
   std::shared_ptr<CallbackChannel> channel;
   if (!attempt.numbers.empty() && !m_channel) {
@@ -195,6 +201,7 @@ MessagePtr OutgoingConnection::exchange(sd_bus_message* call, std::size_t size, 
     if (!make_progress(deadline)) return nullptr;
   }
   check(sd_bus_send(m_bus.get(), call, &m_awaited));
+  m_told_thread = this_thread();
   m_outbox.sent(size);
   while (!m_answer && make_progress(deadline)) {
   }
@@ -263,12 +270,12 @@ int OutgoingConnection::send(unsigned int code, const Parcel& request) {
     const std::lock_guard lock(m_mutex);
     if (!m_bus) return -EPIPE;
     const int sent = as_error_code([&]() VESK_NO_ANALYSIS {
-      const MessagePtr message = new_call(m_bus.get(), m_path.c_str(), kMemberCall, /*expect_reply=*/false);
-      check(sd_bus_message_append_basic(message.get(), 'u', &code));
-      append_bytes(message.get(), request);
+      const MessagePtr message = new_request(code, request, /*expect_reply=*/false);
       // Refused only when the socket takes no more.
       if (!m_outbox.admits(m_bus.get(), size) && !advance()) return -EPIPE;
-      return m_outbox.send(m_bus.get(), message.get(), size);
+      const int queued = m_outbox.send(m_bus.get(), message.get(), size);
+      if (queued == 0) m_told_thread = this_thread();
+      return queued;
     });
     if (sent == -EPIPE) break_connection();
     leftover = take_leftover();

@@ -94,6 +94,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
     std::vector<std::uint64_t> settled;
   };
 
+  MessagePtr new_request(unsigned int code, const Parcel& request, bool expect_reply) VESK_REQUIRES(m_mutex);
   int transact(unsigned int code, const Parcel& request, Attempt& attempt, Parcel& reply) VESK_REQUIRES(m_mutex);
   MessagePtr exchange(sd_bus_message* call, std::size_t size, Deadline deadline) VESK_REQUIRES(m_mutex);
   void give_up_answer(Attempt& attempt) VESK_REQUIRES(m_mutex);
@@ -132,6 +133,7 @@ class OutgoingConnection : public std::enable_shared_from_this<OutgoingConnectio
   std::mutex m_mutex;                                       // held across a transaction
   BusPtr m_bus VESK_GUARDED_BY(m_mutex);                    // null once the connection is closed or broken
   std::uint64_t m_awaited VESK_GUARDED_BY(m_mutex) = 0;     // the cookie of the call in progress
+  pid_t m_told_thread VESK_GUARDED_BY(m_mutex) = 0;         // the last of which the peer has heard
   MessagePtr m_answer VESK_GUARDED_BY(m_mutex);             // to that call
   bool m_unasked_message VESK_GUARDED_BY(m_mutex) = false;  // the peer sent something that is not an answer
   // The calls whose time was over, by their cookies, and the endpoints that went with them; the newest ones.

@@ -1,8 +1,11 @@
 #include "Wire.h"
 
 #include <systemd/sd-id128.h>
+#include <unistd.h>
 
+#include <charconv>
 #include <cstdlib>
+#include <string_view>
 
 #include "Descriptors.h"
 
@@ -11,7 +14,8 @@ namespace {
 
 constexpr std::size_t kMaxQueuedMessages = 1024;
 constexpr std::size_t kMaxQueuedBytes = 2 * kMaxMessageBytes;
-constexpr std::size_t kMessageOverhead = 256;  // header fields and sd-bus's own bookkeeping, roughly
+constexpr std::string_view kThreadPrefix = ":1.";  // D-Bus wants the form of a connection's name
+constexpr std::size_t kMessageOverhead = 256;      // header fields and sd-bus's own bookkeeping, roughly
 
 }  // namespace
 
@@ -53,6 +57,25 @@ void append_bytes(sd_bus_message* message, const Parcel& parcel) {
 
 void append_numbers(sd_bus_message* message, const std::vector<std::uint64_t>& numbers) {
   check(sd_bus_message_append_array(message, 't', numbers.data(), numbers.size() * sizeof(numbers[0])));
+}
+
+pid_t this_thread() {
+  thread_local const pid_t thread = gettid();
+  return thread;
+}
+
+void append_thread(sd_bus_message* message, pid_t thread) {
+  check(sd_bus_message_set_sender(message, (std::string(kThreadPrefix) + std::to_string(thread)).c_str()));
+}
+
+pid_t thread_of(sd_bus_message* message) {
+  const char* const sender = sd_bus_message_get_sender(message);
+  const std::string_view name = sender == nullptr ? "" : sender;
+  if (name.substr(0, kThreadPrefix.size()) != kThreadPrefix) return 0;
+  pid_t thread = 0;
+  const char* const end = name.data() + name.size();
+  const auto [behind, error] = std::from_chars(name.data() + kThreadPrefix.size(), end, thread);
+  return error == std::errc() && behind == end && thread > 0 ? thread : 0;
 }
 
 bool read_bytes(sd_bus_message* message, Parcel* parcel) {

@@ -11,9 +11,13 @@
 //     Call(t endpoint, u code, ay bytes)               two-way or one-way
 //     Release(t endpoint, u count)                     gives back so many of the references that were sent
 //
+// A call over the connection says which thread makes it, as the sender in its header, ":1.4711", unless that thread has
+// made the call before it, too. Nothing depends on it: a process whose libvesk does not know of it is served as well.
+//
 // Every two-way call is answered by (i status, ay bytes); the bytes count only when the status is 0.
 #pragma once
 
+#include <sys/types.h>
 #include <systemd/sd-bus.h>
 
 #include <cstddef>
@@ -62,6 +66,13 @@ std::string object_path(const char* name);
 MessagePtr new_call(sd_bus* bus, const char* path, const char* member, bool expect_reply);
 void append_bytes(sd_bus_message* message, const Parcel& parcel);
 void append_numbers(sd_bus_message* message, const std::vector<std::uint64_t>& numbers);
+
+// As the kernel numbers it.
+pid_t this_thread();
+
+// Says which thread makes the call, and asks which has made it; 0 where that does not say.
+void append_thread(sd_bus_message* message, pid_t thread);
+pid_t thread_of(sd_bus_message* message);
 
 // Reads the next `ay` into `parcel`. False for anything but an array of at most kMaxMessageBytes.
 bool read_bytes(sd_bus_message* message, Parcel* parcel);

@@ -215,6 +215,10 @@ pid_t vesk_identity_pid(const vesk_identity* caller) {
   return caller == nullptr ? 0 : caller->pid;
 }
 
+pid_t vesk_identity_thread(const vesk_identity* caller) {
+  return caller == nullptr ? 0 : caller->thread;
+}
+
 vesk_deferred* vesk_request_defer(vesk_identity* caller) {
   if (caller == nullptr || caller->request == nullptr) return nullptr;
   vesk_deferred* deferred = nullptr;

@@ -79,12 +79,12 @@ TEST(Traffic, ANameThatNothingHasIsRefusedWithTheOneThatMayBeMeant) {
 }
 
 // Of two clients and a service that is killed, as a recording has it.
-// The first client asks on two threads; the second is never answered.
+// The first client asks again before it was answered; the second is never answered.
 const char kRecorded[] = R"(
     {"timeMs":1000,"timeUs":1000500,"service":"delegate","method":"getCOR","code":10,"pid":7,"client":"c;#<b>%%",
-     "servicePid":50,"arguments":{},"reply":"a\\;\u001b\u009b","durationMs":0.1,"number":1},
+     "thread":7,"servicePid":50,"arguments":{},"reply":"a\\;\u001b\u009b","durationMs":0.1,"number":1},
     {"timeMs":1000,"timeUs":1000600,"service":"delegate","method":"getDeviceName","code":33,"pid":7,"client":"c",
-     "servicePid":50,"arguments":{},"error":-32,"durationMs":0.5,"number":2,
+     "thread":7,"servicePid":50,"arguments":{},"error":-32,"durationMs":0.5,"number":2,
      "faults":[{"method":"*","fault":"delayMs"}]},
     {"gap":{"after":2,"entries":1300}},
     {"gap":{"after":1302,"entries":0},
@@ -166,10 +166,11 @@ TEST(Traffic, ATraceKeepsTheFormatAndShowsEachCallWithItsClientAndItsService) {
                                    "8/1 delegate.getCOR 2900+6000", "50/1 delegate.getCOR 2900+6000"}));
   EXPECT_EQ(reader.of("i"), Shown({"50/1 delay on * 0", "50/0 1,300 entries missing 1900", "51/1 power died 1900",
                                    "7/3 delegate -> settingChanged 8900"}));
-  EXPECT_EQ(reader.of("M"), Shown({"7/0 process_name c", "8/0 process_name client", "50/0 process_name delegate",
-                                   "51/0 process_name power", "7/1 thread_name calls", "50/1 thread_name delegate",
-                                   "7/2 thread_name calls 2", "51/1 thread_name power", "8/1 thread_name calls",
-                                   "7/3 thread_name notifications"}));
+  EXPECT_EQ(
+      reader.of("M"),
+      Shown({"7/0 process_name c", "8/0 process_name client", "50/0 process_name delegate", "51/0 process_name power",
+             "7/1 thread_name main thread", "50/1 thread_name delegate", "7/2 thread_name main thread (2)",
+             "51/1 thread_name power", "8/1 thread_name calls", "7/3 thread_name notifications"}));
   EXPECT_EQ(reader.of("C").size(), 4U);
   EXPECT_TRUE(TraceReader(Json::parse(traceOf({}))).of("X").empty());
   EXPECT_EQ(TraceReader(Json::parse(traceOf({parsed(kRecorded).at(2)}))).of("i"),

@@ -230,6 +230,32 @@ TEST_F(HostRuntime, ItsOwnNameAnswersEveryThreadButTheRunLoopsAndThoseWhoComeAtO
   EXPECT_EQ(call(handle, kNews, 3).numbers, Numbers{103});
 }
 
+TEST_F(HostRuntime, ACallSaysWhichThreadMakesItAndOneThatDoesNotIsAsGood) {
+  static const vesk_endpoint_fn kTellThread{
+      [](void*, vesk_endpoint*, unsigned, vesk_identity* caller, vesk_buffer*, vesk_payload* reply) {
+        return vesk_write_i32(reply, vesk_identity_thread(caller));
+      },
+      Listener::call_oneway, Listener::acquire, Listener::release};
+  Listener& own = listener("own");
+  own.endpoint.fn = &kTellThread;
+  ASSERT_EQ(publish("contract.own", own), 0);
+  const RunLoop loop(m_runtime);
+  const vesk_handle handle = lookup("contract.own");
+  const auto expect_this_thread = [&] { EXPECT_EQ(call(handle, kNews).numbers, Numbers{::gettid()}); };
+  expect_this_thread();
+  std::async(std::launch::async, expect_this_thread).get();
+  for (int n = 0; n < 2; ++n) expect_this_thread();
+  for (const char* sender : {"", ":1.0", ":1.-5", ":1.7x", ":1.7.7", ":1.99999999999", ":2.7", "org.example.Name"}) {
+    BusLine line = BusLine::to(socket_of("contract.own"));
+    BusMessage request = bus_call("contract.own", 2, kNews, "");
+    if (*sender != '\0') request.sender = sender;
+    line.send(kBusHello + bus_open("contract.own").bytes() + request.bytes());
+    const auto answer = line.receive(kLimitMs);
+    ASSERT_TRUE(answer) << sender;
+    EXPECT_EQ(answer->body, bus_answer(2, 0, std::string(4, '\0')).body) << sender;
+  }
+}
+
 TEST_F(HostRuntime, EverythingFailsInAForkedChild) {
   const auto child = [this] {
     void* runtime = nullptr;

@@ -69,6 +69,12 @@ VESK_API int vesk_service_connections(void* runtime, const char* name,
 /* The process that sent the message; 0 when it is not known. */
 VESK_API pid_t vesk_identity_pid(const vesk_identity* caller);
 
+/*
+ * The thread of that process that made the call, by its own word: for what is shown to people, not for deciding
+ * anything. 0 when it is not known, as in a callback.
+ */
+VESK_API pid_t vesk_identity_thread(const vesk_identity* caller);
+
 /* An answer that is still owed. Owned by the code that deferred it, until it is answered. */
 typedef struct vesk_deferred vesk_deferred;
 
