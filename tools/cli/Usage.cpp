@@ -36,11 +36,17 @@ const CLI::App& innermostOf(const CLI::App& app) {
   return *innermost;
 }
 
-// The subcommand's name with a colon, as it stands in front of what is wrong with its words.
-std::string where(const CLI::App& innermost) {
+// The subcommand as it is typed, "package install".
+std::string subcommandOf(const CLI::App& innermost) {
   if (innermost.get_parent() == nullptr) return {};
   const std::string command = commandOf(innermost);
-  return command.substr(command.find(' ') + 1) + ": ";
+  return command.substr(command.find(' ') + 1);
+}
+
+// What stands in front of what is wrong with its words.
+std::string where(const CLI::App& innermost) {
+  const std::string subcommand = subcommandOf(innermost);
+  return subcommand.empty() ? "" : subcommand + ": ";
 }
 
 const CLI::Option* optionCalled(const CLI::App& innermost, const std::string& name) {
@@ -62,9 +68,19 @@ Names optionsOf(const CLI::App& innermost) {
   return names;
 }
 
+// The first of the words that nothing takes, in the order in which they were given.
+std::string firstOf(const Names& unread, int argc, const char* const* argv) {
+  for (int n = 1; n < argc && std::string_view(argv[n]) != "--"; ++n) {
+    if (std::find(unread.begin(), unread.end(), argv[n]) != unread.end()) return argv[n];
+  }
+  return unread.front();
+}
+
 std::string unexpected(const CLI::App& innermost, const std::string& word) {
   if (word.size() > 1 && word.front() == '-') {
     const std::string name = word.substr(0, word.find('='));
+    // It is the program's, or the subcommand would have taken it.
+    if (optionCalled(innermost, name) != nullptr) return name + " stands before " + subcommandOf(innermost);
     return where(innermost) + "there is no option " + name + didYouMean(name, optionsOf(innermost));
   }
   const Names subcommands = subcommandsOf(innermost);
@@ -129,7 +145,7 @@ std::string ofMismatch(const CLI::App& innermost, const std::string& what) {
 }
 
 // What is wrong. Where a subcommand is missing or unknown, it names those that there are.
-std::string usageError(const CLI::App& app, const CLI::ParseError& error) {
+std::string usageError(const CLI::App& app, const CLI::ParseError& error, int argc, const char* const* argv) {
   const CLI::App& innermost = innermostOf(app);
   const std::string what = error.what();
   Names unread = app.remaining(/*recurse=*/true);
@@ -140,7 +156,7 @@ std::string usageError(const CLI::App& app, const CLI::ParseError& error) {
     return where(innermost) + "a subcommand is required; there " + (known.size() == 1 ? "is " : "are ") + joined(known);
   }
   const bool isExtra = isMissing || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
-  if (isExtra && !unread.empty()) return unexpected(innermost, unread.front());
+  if (isExtra && !unread.empty()) return unexpected(innermost, firstOf(unread, argc, argv));
   if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr) return ofConversion(innermost, what);
   if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr) return ofValidation(innermost, what);
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) return ofMismatch(innermost, what);
@@ -171,7 +187,7 @@ std::optional<int> parse(CLI::App& app, int argc, const char* const* argv, const
     flushOutput();
     return kSuccess;
   } catch (const CLI::ParseError& error) {
-    const std::string message = place + usageError(app, error);
+    const std::string message = place + usageError(app, error, argc, argv);
     complain(app.get_name(), printable(message) + "\n" + commandOf(innermostOf(app)) + " --help says more.");
     return fail(app.get_name(), {kUsage, message}, asksForJson(argc, argv), /*said=*/true);
   }
