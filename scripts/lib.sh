@@ -77,9 +77,12 @@ install_missing() {
   quietly "installing ${missing[*]}" "$log" "${apt[@]}" install --no-install-recommends "${missing[@]}"
 }
 
-# Configures one preset of CMakePresets.json in build/<preset>.
+# Configures one preset of CMakePresets.json in build/<preset>. Where nothing is built yet, several sources are compiled
+# at once, in less than half the time. A folder that is there stays as it is: ORVEL_UNITY in the environment changes it.
 configure_preset() {
-  local log=$root/build/$1/build.log cache=("-DORVEL_UNITY=${ORVEL_UNITY-OFF}")
+  local log=$root/build/$1/build.log cache=()
+  [[ -e build/$1/CMakeCache.txt ]] || cache+=("-DORVEL_UNITY=ON")
+  [[ -z ${ORVEL_UNITY-} ]] || cache+=("-DORVEL_UNITY=$ORVEL_UNITY")
   rm -f "$log"
   command -v ccache >/dev/null && cache+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   quietly "configuring ($1)" "$log" cmake --preset "$1" "${cache[@]}"
