@@ -94,13 +94,21 @@ TEST_P(Services, ASecondDeviceInTheDirectoryIsRefusedAndTheFirstGoesOn) {
 }
 
 TEST_P(Services, TheyEndWithTheDeviceHoweverThatEnds) {
-  const pid_t services[] = {pidOf("delegate"), pidOf("power")};
+  std::vector<pid_t> services;
+  for (const char* service :
+       {"delegate", "power", "connectivity", "activity", "packages", "events", "metrics", "coordinator"}) {
+    services.push_back(pidOf(service));
+  }
   m_device->signal(SIGKILL);
   for (const pid_t service : services) {
     if (service != m_device->pid()) test::waitForEndOf(service);
   }
   m_device->wait();
   expectRows({{"orvelctl get name", "", 3}});
+  m_device = serve();
+  m_device->signal(SIGINT);
+  EXPECT_EQ(m_device->wait(), 0);
+  EXPECT_FALSE(std::filesystem::exists(directory())) << "nothing is left of the one that was killed, either";
 }
 
 // Each fault of each service, and that it leaves no trace.

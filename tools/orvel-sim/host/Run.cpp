@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -29,6 +30,9 @@ namespace orvel::sim {
 namespace {
 
 namespace fs = std::filesystem;
+
+// In a directory that a run has made, so that after one that was killed the next one there removes it.
+constexpr char kMade[] = ".made";
 
 // Removes a directory at the end, with all that is in it.
 class RemovedDirectory {
@@ -213,9 +217,11 @@ int runDevice(const RunOptions& options) {
   }
   std::error_code ignored;
   const bool found = fs::exists(directory, ignored);
+  const bool isLeft = fs::exists(directory / kMade, ignored) && !deviceLivesIn(directory);
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
-  const RemovedDirectory made(found ? fs::path() : directory);
+  const RemovedDirectory made(found && !isLeft ? fs::path() : directory);
+  if (!found) std::ofstream(directory / kMade) << "by orvel-sim run\n";
   const int status = ServedDevice(runtime, options).run();
   // What the command has started may keep open the streams that the parent of this process reads, and has no device any
   // more.
