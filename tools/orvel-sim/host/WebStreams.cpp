@@ -25,8 +25,8 @@ constexpr milliseconds kMoreForEachPage(2);
 constexpr std::size_t kMostAtOnce = 20;
 constexpr std::size_t kMostBytesAtOnce = 64 << 10;
 // Pages take turns, so that no call waits for all of them.
-constexpr milliseconds kBetweenTurns(10);
-constexpr std::size_t kMostInTurn = 5;
+constexpr milliseconds kBetweenTurns(4);
+constexpr std::size_t kMostInTurn = 2;
 // What waits for one page; of more only the newest are left, so that it is not far behind.
 constexpr std::size_t kMostWaiting = 200;
 constexpr std::size_t kMostBytesWaiting = 1 << 20;
