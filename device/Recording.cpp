@@ -167,9 +167,7 @@ bool endsWithLine(std::istream& stream) {
 // end before a line with a mistake, and told whether that is the last one without its end. Gives the header.
 template <typename Take, typename IsEnd>
 Json forEachLine(const std::string& file, const Take& take, const IsEnd& isEnd) {
-  std::ifstream stream(file);
-  stream.peek();  // a directory opens but cannot be read
-  if (stream.bad() || !stream.is_open()) throw RecordingError(file + ": cannot be read");
+  std::ifstream stream = openToRead(file);
   Json header;
   std::size_t number = 0;
   for (std::string text;;) {

@@ -76,7 +76,7 @@ struct Recording {
   std::vector<std::string> warnings;   // what the file says is missing
 };
 
-// Throws RecordingError.
+// Throws RecordingError, and ScenarioError for a file that cannot be read.
 Recording readRecording(const std::string& file);
 
 // All that a recording shows, in its order.
@@ -85,7 +85,7 @@ struct RecordedTraffic {
   std::vector<std::string> warnings;  // what the file says is missing
 };
 
-// Of a file that ends within a line the others are read, and the warnings say so. Throws RecordingError.
+// The same. Of a file that ends within a line the others are read, and the warnings say so.
 RecordedTraffic readTraffic(const std::string& file);
 
 }  // namespace orvel::sim

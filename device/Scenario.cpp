@@ -134,6 +134,14 @@ Json defaultScenario() {
   return complete(scenarioShape(), Json::object());
 }
 
+std::ifstream openToRead(const std::string& file) {
+  std::ifstream stream(file);
+  stream.peek();  // a directory opens but cannot be read
+  if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+  stream.clear();  // an empty one has ended
+  return stream;
+}
+
 bool readUpTo(std::istream& stream, int end, std::string& text) {
   constexpr std::size_t kMostMiB = 64;
   text.clear();
@@ -173,9 +181,7 @@ Json readScenario(std::istream& stream, const std::string& name) {
 }
 
 Json readScenarioFile(const std::string& file) {
-  std::ifstream stream(file);
-  stream.peek();  // a directory opens but cannot be read
-  if (stream.bad() || !stream.is_open()) throw ScenarioError(file + ": cannot be read");
+  std::ifstream stream = openToRead(file);
   return readScenario(stream, file);
 }
 

@@ -24,6 +24,9 @@ Json defaultScenario();
 // processes of services as one, of two bytes a character.
 void expectSize(std::size_t size);
 
+// A file that can be read. Throws ScenarioError for any other, which a directory is.
+std::ifstream openToRead(const std::string& file);
+
 // Reads up to the character `end`, or EOF for all of the file; false when nothing is left. Throws ScenarioError for
 // more than 64 MiB, which neither a scenario nor a line of a recording has: a file may have no end.
 bool readUpTo(std::istream& stream, int end, std::string& text);

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -18,6 +19,8 @@
 #include <fstream>
 #include <string_view>
 #include <system_error>
+
+#include "tools/cli/Text.h"
 
 namespace orvel::cli {
 namespace {
@@ -46,15 +49,6 @@ class DirectoryFd {
 std::string userCalled(uid_t uid) {
   const passwd* user = getpwuid(uid);
   return user == nullptr ? "#" + std::to_string(uid) : user->pw_name;
-}
-
-// As one word of a shell.
-std::string shellWord(const std::string& text) {
-  constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,=@";
-  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
-  std::string word = "'";
-  for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return word + "'";
 }
 
 std::string temporaryDirectory() {
@@ -137,9 +131,18 @@ DeviceDirectory deviceDirectory() {
     const fs::path path = fs::absolute(chosen, error);
     return {error ? chosen : path.lexically_normal(), "ORVEL_RUNTIME_DIR"};
   }
+  return usualDirectory();
+}
+
+DeviceDirectory usualDirectory() {
   const char* const user = std::getenv("XDG_RUNTIME_DIR");
   if (user != nullptr && *user == '/') return {std::string(user) + "/orvel", "XDG_RUNTIME_DIR"};
   return {temporaryDirectory(), "neither ORVEL_RUNTIME_DIR nor XDG_RUNTIME_DIR"};
+}
+
+bool deviceLivesIn(const std::string& directory) {
+  const DirectoryFd opened = openDirectory(directory);
+  return opened && deviceLivesIn(opened);
 }
 
 Problem directoryProblem(const std::string& directory) {
@@ -160,11 +163,10 @@ std::string noDevice(const std::string& directory, const Problem& problem) {
 
 std::vector<std::string> otherDevices(const std::string& directory) {
   std::vector<std::string> candidates = {"/run/user/" + std::to_string(geteuid()) + "/orvel", temporaryDirectory()};
-  const char* const user = std::getenv("XDG_RUNTIME_DIR");
-  if (user != nullptr && *user == '/') candidates.push_back(std::string(user) + "/orvel");
+  candidates.push_back(usualDirectory().path);
   std::vector<std::string> found;
   for (const std::string& candidate : candidates) {
-    const bool known = candidate == directory || (!found.empty() && found.back() == candidate);
+    const bool known = candidate == directory || std::find(found.begin(), found.end(), candidate) != found.end();
     if (!known && deviceProblem(candidate).what.empty()) found.push_back(candidate);
   }
   return found;

@@ -20,6 +20,12 @@ bool isWorkstation();
 // The one that counts.
 DeviceDirectory deviceDirectory();
 
+// The one where ORVEL_RUNTIME_DIR is not set.
+DeviceDirectory usualDirectory();
+
+// Whether a device lives in the directory; false also for one that this user may not look into.
+bool deviceLivesIn(const std::string& directory);
+
 // What is wrong, and a command that helps. Both are empty when nothing is.
 struct Problem {
   std::string what;

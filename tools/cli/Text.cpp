@@ -127,6 +127,21 @@ std::string printableJson(const std::string& text) {
   return safe;
 }
 
+std::string shellWord(const std::string& text) {
+  const std::string shown = printable(text);
+  constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,=@";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
+  const bool isEscaped = shown != text;
+  std::string word = isEscaped ? "$'" : "'";
+  for (const char c : shown) word += c == '\'' ? std::string(isEscaped ? "\\'" : "'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+std::string padded(const std::string& text, std::size_t width, std::size_t gap) {
+  const std::size_t taken = widthOf(text);
+  return text + std::string(std::max(taken + gap, width) - taken, ' ');
+}
+
 std::size_t widthOf(const std::string& text) {
   std::size_t columns = 0;
   std::size_t length = 0;

@@ -18,6 +18,12 @@ std::string jsonText(const nlohmann::ordered_json& json, int indent = -1);
 // The same for text of which parts are JSON already, and the rest holds no backslash.
 std::string printableJson(const std::string& text);
 
+// The text as one word of bash.
+std::string shellWord(const std::string& text);
+
+// The text and as many spaces as make it so many columns wide, at least `gap`.
+std::string padded(const std::string& text, std::size_t width, std::size_t gap = 1);
+
 // How many columns a terminal takes for it.
 std::size_t widthOf(const std::string& text);
 

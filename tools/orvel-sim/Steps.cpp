@@ -74,12 +74,7 @@ std::vector<std::string> wordsOf(const std::string& line) {
 int runSteps(const std::string& file,
              const std::function<int(const std::vector<std::string>& words, const std::string& place)>& run) {
   std::ifstream opened;
-  if (file != "-") {
-    opened.open(file);
-    opened.peek();  // a directory opens but cannot be read
-    if (opened.bad() || !opened.is_open()) throw ScenarioError(file + ": cannot be read");
-    opened.clear();
-  }
+  if (file != "-") opened = openToRead(file);
   std::istream& lines = file == "-" ? std::cin : opened;
   std::string line;
   for (std::size_t number = 1; readUpTo(lines, '\n', line); ++number) {

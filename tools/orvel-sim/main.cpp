@@ -18,6 +18,7 @@
 #include "device/Schema.h"
 #include "device/Service.h"
 #include "device/ShippedScenarios.h"
+#include "tools/cli/DeviceDirectory.h"
 #include "tools/cli/Failure.h"
 #include "tools/cli/Help.h"
 #include "tools/cli/Integration.h"
@@ -235,7 +236,8 @@ class CommandLine {
 
   void useDevice(const std::string& word) {
     if (!m_place.empty()) throw ScenarioError("--device: the steps of a file are for one device");
-    if (word.find('/') == std::string::npos && !m_app.got_subcommand("run") && !deviceLivesIn(directoryOfName(word))) {
+    if (word.find('/') == std::string::npos && !m_app.got_subcommand("run") &&
+        !cli::deviceLivesIn(directoryOfName(word))) {
       std::vector<std::string> names;
       for (const FoundDevice& each : runningDevices()) {
         if (!each.name.empty()) names.push_back(each.name);

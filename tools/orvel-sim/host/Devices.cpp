@@ -1,6 +1,5 @@
 #include "tools/orvel-sim/host/Devices.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <system_error>
 
 #include "device/Shape.h"
+#include "tools/cli/DeviceDirectory.h"
 #include "tools/orvel-sim/host/Control.h"
 #include "tools/orvel-sim/host/Namespaces.h"
 
@@ -29,9 +29,7 @@ constexpr mode_t kOwnersFolder = 0700;
 
 // Where a device is served that was given neither a directory nor a name.
 fs::path placeWithoutName() {
-  const char* const user = std::getenv("XDG_RUNTIME_DIR");
-  if (user != nullptr && *user == '/') return fs::path(user) / "orvel";
-  return "/tmp/orvel-" + std::to_string(geteuid());
+  return cli::usualDirectory().path;
 }
 
 // Beside it.
@@ -76,21 +74,11 @@ std::vector<FoundDevice> runningDevices() {
   for (const std::string& directory : directories) {
     const fs::path link = fs::path(directory) / kControlName;
     const pid_t pid = serverOf(link);
-    if (pid != 0 && deviceLivesIn(directory)) found.push_back({directory, nameOf(directory), pid, changedMs(link)});
+    if (pid != 0 && cli::deviceLivesIn(directory))
+      found.push_back({directory, nameOf(directory), pid, changedMs(link)});
   }
   std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.sinceMs < b.sinceMs; });
   return found;
-}
-
-bool deviceLivesIn(const std::string& directory) {
-  const int file = open((directory + "/" + kLockFile).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-  if (file < 0) return false;
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  const bool isHeld = fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-  close(file);
-  return isHeld;
 }
 
 std::string directoryOfName(const std::string& name) {

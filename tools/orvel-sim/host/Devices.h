@@ -20,9 +20,6 @@ struct FoundDevice {
 // Those that run, the oldest first. Looks at the processes of this user and asks none of them.
 std::vector<FoundDevice> runningDevices();
 
-// Whether a device lives in the directory; false also for one that this user may not look into.
-bool deviceLivesIn(const std::string& directory);
-
 // The runtime directory of the device with that name. Throws ScenarioError for what is no name: letters, digits, '-',
 // '_' and inner '.'.
 std::string directoryOfName(const std::string& name);

@@ -23,8 +23,8 @@ namespace {
 constexpr unsigned kMostConnections = 256;
 // Of a client that neither sends nor takes anything, or that sends the head of a request byte by byte.
 constexpr unsigned kIdleSeconds = 15;
-constexpr std::size_t kConnectionBytes = 32
-                                         << 10;  // the head of a request, and what lies between a stream and its client
+// For the head of a request, and for what lies between a stream and its client.
+constexpr std::size_t kConnectionBytes = 32 << 10;
 constexpr std::size_t kMostBodyBytes = 16 << 10;
 constexpr std::size_t kStreamBytes = 16 << 10;  // at once
 

@@ -17,6 +17,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/cli/DeviceDirectory.h"
 #include "tools/cli/Streams.h"
 #include "tools/orvel-sim/host/Devices.h"
 #include "tools/orvel-sim/host/EventSource.h"
@@ -217,7 +218,7 @@ int runDevice(const RunOptions& options) {
   }
   std::error_code ignored;
   const bool found = fs::exists(directory, ignored);
-  const bool isLeft = fs::exists(directory / kMade, ignored) && !deviceLivesIn(directory);
+  const bool isLeft = fs::exists(directory / kMade, ignored) && !cli::deviceLivesIn(directory);
   void* runtime = nullptr;
   if (vesk_serve_device(&runtime) != 0) return 1;  // vesk has said why
   const RemovedDirectory made(found && !isLeft ? fs::path() : directory);

@@ -57,17 +57,6 @@ std::vector<std::string> argumentsOf(const FaultTarget& target) {
   return names;
 }
 
-// As one word of bash.
-std::string shellWord(const std::string& text) {
-  const std::string shown = cli::printable(text);
-  constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,=@";
-  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
-  const bool isEscaped = shown != text;
-  std::string word = isEscaped ? "$'" : "'";
-  for (const char c : shown) word += c == '\'' ? std::string(isEscaped ? "\\'" : "'\\''") : std::string(1, c);
-  return word + "'";
-}
-
 std::string valueInWords(const std::string& verb, const Json& value) {
   if (value == true) return "on";
   if (verb == "error") {
@@ -78,7 +67,7 @@ std::string valueInWords(const std::string& verb, const Json& value) {
   const Json usual = complete(faultKindCalled(verb).shape, Json::object());
   for (const auto& [part, text] : value.items()) {
     if (text == usual.at(part)) continue;
-    options += " --" + part + " " + shellWord(text.is_string() ? text.get<std::string>() : text.dump());
+    options += " --" + part + " " + cli::shellWord(text.is_string() ? text.get<std::string>() : text.dump());
   }
   return options;
 }
@@ -87,10 +76,10 @@ std::string limitInWords(const Json& only) {
   std::string words;
   if (const auto arguments = only.find("arguments"); arguments != only.end()) {
     for (const auto& [name, value] : arguments->items()) {
-      words += " --argument " + shellWord(name + "=" + value.get<std::string>());
+      words += " --argument " + cli::shellWord(name + "=" + value.get<std::string>());
     }
   }
-  if (only.contains("client")) words += " --client " + shellWord(only.at("client"));
+  if (only.contains("client")) words += " --client " + cli::shellWord(only.at("client"));
   if (only.contains("call")) words += " --call " + only.at("call").dump();
   return words;
 }
@@ -145,11 +134,13 @@ std::string faultInWords(const Json& fault) {
          (fault.contains("only") ? limitInWords(fault.at("only")) : "") + "  # " + strikesInWords(fault.at("struck"));
 }
 
+std::string flapInWords(const std::string& service, const Json& flap) {
+  return service + " " + flap.at("periodMs").dump() + (flap.contains("count") ? " " + flap.at("count").dump() : "");
+}
+
 std::string endedInWords(const Json& ended) {
   if (!ended.contains("flap")) return ended.at("fault").get<std::string>() + " " + faultInWords(ended);
-  const Json& flap = ended.at("flap");
-  return "flap " + ended.at("service").get<std::string>() + " " + flap.at("periodMs").dump() +
-         (flap.contains("count") ? " " + flap.at("count").dump() : "");
+  return "flap " + flapInWords(ended.at("service"), ended.at("flap"));
 }
 
 }  // namespace orvel::sim

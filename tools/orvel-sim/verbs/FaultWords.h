@@ -36,6 +36,9 @@ Json limitOf(const LimitWords& words, const FaultTarget& target);
 // words that would set it.
 std::string faultInWords(const Json& fault);
 
+// "delegate 4000 3", of a service that flaps: behind the verb, the words that would make it.
+std::string flapInWords(const std::string& service, const Json& flap);
+
 // What the status says of a fault that `reset` has ended, or of one that flapped, with the verb in front.
 std::string endedInWords(const Json& ended);
 

@@ -12,6 +12,7 @@
 #include "device/Service.h"
 #include "tools/cli/Text.h"
 #include "tools/orvel-sim/verbs/ControlMessages.h"
+#include "tools/orvel-sim/verbs/FaultWords.h"
 
 namespace orvel::sim {
 namespace {
@@ -64,11 +65,6 @@ Json flapsInForce(const Words& words) {
   return list;
 }
 
-std::string flapInWords(const Json& flap) {
-  return flap.at("service").get<std::string>() + " " + flap.at("periodMs").dump() +
-         (flap.contains("count") ? " " + flap.at("count").dump() : "");
-}
-
 void flap(const Words& words) {
   if (words.size() > 3) throw ScenarioError("flap: '" + words[3] + "' is one word too many");
   const std::string id = words.empty() ? "" : serviceCalled(words.front()).id;
@@ -76,7 +72,7 @@ void flap(const Words& words) {
     const Json flaps = flapsInForce(words);
     if (isJson()) return print(cli::jsonText({{"flaps", flaps}}));
     if (flaps.empty()) print("no service flaps");
-    for (const Json& each : flaps) print(flapInWords(each));
+    for (const Json& each : flaps) print(flapInWords(each.at("service"), each));
     return;
   }
   Json values = Json::object();

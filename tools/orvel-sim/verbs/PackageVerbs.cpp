@@ -1,6 +1,5 @@
 #include "tools/orvel-sim/verbs/PackageVerbs.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -52,19 +51,15 @@ void addField(CLI::App& part, const std::shared_ptr<PackageWords>& words, const 
       option, [words, field](const Value& value) { words->values[field] = value; }, about);
 }
 
-std::string padded(const std::string& text, std::size_t width) {
-  const std::size_t taken = cli::widthOf(text);
-  return text + std::string(std::max(taken + 1, width) - taken, ' ');
-}
-
 std::string packageInWords(const Json& package) {
-  return padded(cli::printable(package.at("package")), 42) + padded("version " + package.at("versionCode").dump(), 18) +
-         padded(cli::printable(package.at("versionName")), 14) + "uid " + package.at("uid").dump();
+  return cli::padded(cli::printable(package.at("package")), 42) +
+         cli::padded("version " + package.at("versionCode").dump(), 18) +
+         cli::padded(cli::printable(package.at("versionName")), 14) + "uid " + package.at("uid").dump();
 }
 
 std::string processInWords(const Json& process) {
-  return padded(cli::printable(process.at("process")), 42) + padded("pid " + process.at("pid").dump(), 12) +
-         padded("uid " + process.at("uid").dump(), 12) + "importance " + process.at("importance").dump() +
+  return cli::padded(cli::printable(process.at("process")), 42) + cli::padded("pid " + process.at("pid").dump(), 12) +
+         cli::padded("uid " + process.at("uid").dump(), 12) + "importance " + process.at("importance").dump() +
          (process.at("focused") == true ? ", focused" : "");
 }
 

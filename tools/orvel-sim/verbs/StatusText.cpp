@@ -14,8 +14,8 @@ using Lines = std::vector<std::string>;
 
 // In a column of so many characters, and two spaces behind it.
 std::string inColumn(const std::string& text, std::size_t width) {
-  const std::size_t taken = cli::widthOf(text);
-  return text + std::string(std::max(width, taken) - taken + 2, ' ');
+  constexpr std::size_t kGap = 2;
+  return cli::padded(text, width + kGap, kGap);
 }
 
 std::string shown(const Json& value) {

@@ -78,9 +78,8 @@ void listDevices() {
       continue;
     }
     const std::string name = each.name.empty() ? "-" : each.name;
-    const std::string column(name.size() < 16 ? 16 - name.size() : 1, ' ');
-    print(name + column + "process " + std::to_string(each.pid) + " since " + clockTime(each.sinceMs).substr(0, 8) +
-          "  " + cli::printable(each.directory));
+    print(cli::padded(name, 16) + "process " + std::to_string(each.pid) + " since " +
+          clockTime(each.sinceMs).substr(0, 8) + "  " + cli::printable(each.directory));
   }
 }
 

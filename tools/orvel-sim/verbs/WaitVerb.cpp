@@ -58,10 +58,7 @@ std::vector<Awaited> readCalls(const std::vector<std::string>& words) {
 
 void show(const Json& entry, bool asJson) {
   if (asJson) return print(cli::jsonText(entry));
-  // A transaction that no method has is called by its number, a notification by its own name.
-  const Json method = entry.contains("notification") ? entry.at("notification") : entry.at("method");
-  const std::string name = method.is_string() ? method.get<std::string>() : entry.at("code").dump();
-  print(entry.at("service").get<std::string>() + "." + name + ", process " + std::to_string(entry.value("pid", 0)));
+  print(TrafficFacts(entry).both + ", process " + std::to_string(entry.value("pid", 0)));
 }
 
 void waitForCalls(const WaitOptions& options) {
